@@ -1,0 +1,20 @@
+# Settings that every target of the project shares.
+if(PROJECT_IS_TOP_LEVEL)
+  find_program(OSTLER_CCACHE ccache)
+  if(OSTLER_CCACHE)
+    set(CMAKE_CXX_COMPILER_LAUNCHER "${OSTLER_CCACHE}")
+  endif()
+endif()
+
+add_library(ostler_settings INTERFACE)
+target_compile_features(ostler_settings INTERFACE cxx_std_17)
+target_compile_options(ostler_settings INTERFACE
+  -Wall -Wextra -Wshadow -Wformat=2 -Wnon-virtual-dtor -Woverloaded-virtual)
+if(OSTLER_WERROR)
+  target_compile_options(ostler_settings INTERFACE -Werror)
+endif()
+if(OSTLER_SANITIZE)
+  target_compile_options(ostler_settings INTERFACE
+    -fsanitize=${OSTLER_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
+  target_link_options(ostler_settings INTERFACE -fsanitize=${OSTLER_SANITIZE})
+endif()

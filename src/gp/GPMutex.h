@@ -1,0 +1,45 @@
+#pragma once
+
+// The lock used everywhere. Not recursive: a thread that locks a GPMutex it holds blocks for ever.
+
+#include "gp/GPObject.h"
+
+class GPMutex : public GPObject {
+public:
+    GPMutex();
+    ~GPMutex() override;
+
+    // Blocks until the lock is free.
+    void lock();
+
+    // Frees the lock. Only the thread that holds it may call this.
+    void unlock();
+
+    // Whether some thread holds the lock; a hint that can be outdated when it is read.
+    bool isLocked() const;
+
+private:
+    struct Record;
+    Record* record_;
+};
+
+// Holds a GPMutex for the length of a scope. A null mutex is allowed and locks nothing.
+class GPMutexLock {
+public:
+    explicit GPMutexLock(GPMutex* mutex) : mutex_(mutex) {
+        if (mutex_) mutex_->lock();
+    }
+    ~GPMutexLock() { unlock(); }
+
+    GPMutexLock(const GPMutexLock&) = delete;
+    GPMutexLock& operator=(const GPMutexLock&) = delete;
+
+    // Frees the lock ahead of the scope's end; a second call does nothing.
+    void unlock() {
+        if (mutex_) mutex_->unlock();
+        mutex_ = nullptr;
+    }
+
+private:
+    GPMutex* mutex_;
+};

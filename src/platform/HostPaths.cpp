@@ -1,0 +1,77 @@
+#include "platform/HostPaths.h"
+
+#include <cstring>
+
+namespace platform {
+namespace {
+
+constexpr std::size_t longestRoot = 60;
+constexpr std::size_t longestPath = 120;
+
+char rootText[longestRoot + 1];
+
+// One path: the documented text, and the same behind the root once there is one.
+class HostPath {
+public:
+    constexpr explicit HostPath(const char* documented) : documented_(documented) {}
+
+    const char* text() {
+        if (!rootText[0]) return documented_;
+        return rooted_;
+    }
+
+    void putBehindRoot() {
+        std::strcpy(rooted_, rootText);
+        std::strcat(rooted_, documented_);
+    }
+
+private:
+    const char* documented_;
+    char rooted_[longestRoot + longestPath + 1] = {};
+};
+
+HostPath settingsDirectoryPath("/Library/twsys");
+HostPath configurationFilePath("/Library/twsys/fernhill.xml");
+HostPath debugFilePath("/Library/twsys/debug.xml");
+HostPath ldapFilePath("/Library/twsys/ldap.xml");
+HostPath oemMarkerFilePath("/system/bin/fernhill_oem.xml");
+HostPath siblingPreferencesPath("/Library/Preferences/com.tarnwicksystems.lanternguide.plist");
+HostPath logDirectoryPath("/Library/Logs/TarnwickSystems");
+HostPath kernelExtensionPath("/Library/Extensions/FernhillKext.kext");
+HostPath inboundControlSocketPath("/var/run/fernhill/twFernhill_inkext");
+HostPath outboundControlSocketPath("/var/run/fernhill/twFernhill_outkext");
+HostPath updateHelperPath("/usr/local/bin/fernhillupdate");
+HostPath updateCopyHelperPath("/usr/local/bin/fernhillupdatecopy");
+
+HostPath* const allPaths[] = {
+    &settingsDirectoryPath,    &configurationFilePath,     &debugFilePath,    &ldapFilePath,
+    &oemMarkerFilePath,        &siblingPreferencesPath,    &logDirectoryPath, &kernelExtensionPath,
+    &inboundControlSocketPath, &outboundControlSocketPath, &updateHelperPath, &updateCopyHelperPath,
+};
+
+} // namespace
+
+bool HostPaths::setRoot(const char* directory) {
+    if (std::strlen(directory) > longestRoot) return false;
+    std::strcpy(rootText, directory);
+    for (HostPath* path : allPaths)
+        path->putBehindRoot();
+    return true;
+}
+
+const char* HostPaths::root() { return rootText; }
+
+const char* HostPaths::settingsDirectory() { return settingsDirectoryPath.text(); }
+const char* HostPaths::configurationFile() { return configurationFilePath.text(); }
+const char* HostPaths::debugFile() { return debugFilePath.text(); }
+const char* HostPaths::ldapFile() { return ldapFilePath.text(); }
+const char* HostPaths::oemMarkerFile() { return oemMarkerFilePath.text(); }
+const char* HostPaths::siblingPreferences() { return siblingPreferencesPath.text(); }
+const char* HostPaths::logDirectory() { return logDirectoryPath.text(); }
+const char* HostPaths::kernelExtension() { return kernelExtensionPath.text(); }
+const char* HostPaths::inboundControlSocket() { return inboundControlSocketPath.text(); }
+const char* HostPaths::outboundControlSocket() { return outboundControlSocketPath.text(); }
+const char* HostPaths::updateHelper() { return updateHelperPath.text(); }
+const char* HostPaths::updateCopyHelper() { return updateCopyHelperPath.text(); }
+
+} // namespace platform

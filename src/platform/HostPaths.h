@@ -1,0 +1,35 @@
+#pragma once
+
+// Every fixed path of the system, named once. Each operation answers text that stays valid for the life of
+// the process and may be called on any thread.
+
+namespace platform {
+
+class HostPaths {
+public:
+    // Puts the folder `directory` in front of all paths below. For tests and the lab alone: called once,
+    // before anything else runs. False, with nothing changed, for a text of more than 60 bytes, since the
+    // control sockets' names must fit into a socket address.
+    static bool setRoot(const char* directory);
+
+    // The root itself; empty in the shipped program.
+    static const char* root();
+
+    static const char* settingsDirectory();
+    static const char* configurationFile();
+    static const char* debugFile();
+    static const char* ldapFile();
+    static const char* oemMarkerFile();
+    static const char* siblingPreferences();
+
+    static const char* logDirectory();
+
+    static const char* kernelExtension();
+    static const char* inboundControlSocket();
+    static const char* outboundControlSocket();
+
+    static const char* updateHelper();
+    static const char* updateCopyHelper();
+};
+
+} // namespace platform

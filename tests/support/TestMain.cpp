@@ -1,0 +1,9 @@
+#include "support/RefusingServices.h"
+
+#include <gtest/gtest.h>
+
+int main(int argc, char** argv) {
+    testsupport::installRefusingServices();
+    testing::InitGoogleTest(&argc, argv);
+    return RUN_ALL_TESTS();
+}
