@@ -1,0 +1,25 @@
+#pragma once
+
+// The last relay of one user, with the format of the name. Configuration's list of relays owns the records
+// and keeps each alive for the rest of the run.
+
+#include "gp/GPObject.h"
+
+class UserRelay : public GPObject {
+public:
+    // Copies the three texts; an empty text for null.
+    UserRelay(const char* user, const char* relay, const char* format);
+    ~UserRelay() override;
+
+    // Each stores a copy, an empty text for null. The earlier text is deliberately not released, since a
+    // reader may hold it.
+    void setUserName(const char* user);
+    void setLastRelay(const char* relay);
+    void setUserFormat(const char* format);
+
+    GPString* className() override;
+
+    GPString* userName = nullptr;
+    GPString* lastRelay = nullptr;
+    GPString* userFormat = nullptr;
+};
