@@ -1,0 +1,10 @@
+#pragma once
+
+// The name that the running program was started under.
+
+namespace platform {
+
+// The last component of the program's path; valid for the life of the process.
+char const* programName();
+
+} // namespace platform
