@@ -56,6 +56,10 @@ public:
     static constexpr int lastReferenceGone = -99;
     static constexpr int destroyedMark = -100;
 
+protected:
+    // The count as it stands, for subclasses that decide by it; no more than a hint for a shared object.
+    int referenceCount() const { return referenceCount_; }
+
 private:
     std::int32_t autoreleaseMark_;
     std::int32_t referenceCount_;

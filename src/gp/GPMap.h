@@ -1,0 +1,66 @@
+#pragma once
+
+// GPMap: chained hash table from text keys to objects, with a number of buckets that is fixed when it is
+// built. Keys are compared exactly. The key walk goes by ascending bucket and in order of insertion inside one.
+//
+// Not thread-safe, and reading moves cursors: whoever shares one locks for readers too.
+
+#include "gp/GPObject.h"
+
+#include <cstdint>
+
+class GPArray;
+class GPList;
+class GPMutex;
+class GPString;
+
+class GPMap : public GPObject {
+public:
+    // 10 buckets.
+    GPMap();
+
+    // `buckets` must be at least 1.
+    explicit GPMap(int buckets);
+    ~GPMap() override;
+
+    GPString* className() override;
+    char const* cclassName() override;
+    static char const* GPMapClassName();
+
+    // Stores the value in place of what was under the key. The caller's reference to the value passes to the
+    // map. Nothing happens if either is null.
+    void setObject(GPObject* value, char const* key);
+
+    // Removes the entry and releases its value; nothing happens for an absent key.
+    void removeObjectForKey(char const* key);
+
+    // The value, borrowed, or null.
+    GPObject* objectForKey(char const* key);
+
+    // The key walk; the text is borrowed, null at the end. A change of the map during a walk can skip or
+    // repeat a key.
+    char const* firstKey();
+    char const* nextKey();
+
+    int count();
+
+    // Makes the lock that lock() and unlock() use; without it they do nothing.
+    void safe();
+    bool isSafe() const { return mutex_ != nullptr; }
+    void lock();
+    void unlock();
+
+    // Doubles the buckets and spreads the pairs anew. Afterwards count() is 0 and only objectForKey still
+    // sees the pairs.
+    void rebalance();
+
+private:
+    GPList* bucketForKey(char const* key);
+    void addBuckets(int upTo);
+
+    GPArray* buckets_;
+    std::int32_t count_;
+    std::int32_t walkBucket_;
+    std::int32_t walkPosition_;
+    GPMutex* mutex_;
+};

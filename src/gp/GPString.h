@@ -1,0 +1,181 @@
+#pragma once
+
+// GPString: mutable, NUL-terminated byte text. Length is computed by strlen and every change of the text
+// allocates anew, so the class is not meant for building long text in a loop. No encoding is assumed;
+// characters are classed as in the C locale.
+//
+// Owned like any GPObject. A string belongs to one thread at a time, or to a lock of its owner's.
+
+#include "gp/GPObject.h"
+
+#include <cstddef>
+#include <cstdint>
+
+class GPArray;
+
+class GPString : public GPObject {
+public:
+    GPString();
+    explicit GPString(std::nullptr_t);
+
+    // A copy of the text; null gives an empty string.
+    explicit GPString(GPString const* text);
+    explicit GPString(char const* text);
+
+    // A copy of at most `len` bytes, which stops at a NUL. With a negative `len` nothing is copied: the
+    // string takes the pointer as its own buffer and will delete[] it. Null gives an empty string.
+    GPString(char const* text, int len);
+
+    explicit GPString(char character);
+    ~GPString() override;
+
+    GPString* className() override;
+    char const* cclassName() override;
+    static char const* GPStringClassName();
+
+    // A new string, autoreleased. The char form takes null for empty text, the other one reads unchecked.
+    static GPString* string(std::nullptr_t);
+    static GPString* string(char const* text);
+    static GPString* string(GPString const* text);
+
+    // A new string with the static mark, owned by the caller.
+    static GPString* staticstring(char const* text);
+
+    // A new string around `text`, which must come from new[]; owned by the caller.
+    static GPString* absorbe(char* text);
+
+    // A new string as printf would write it; owned by the caller.
+    static GPString* format(char const* fmt, ...) __attribute__((format(printf, 1, 2)));
+
+    // The buffer, borrowed; valid until the next change.
+    char const* cstr() const { return text_; }
+    int length() const;
+
+    // The address of the character. The index is not checked.
+    char* charAtIndex(int index) { return text_ + index; }
+    char* operator[](int index) { return text_ + index; }
+
+    // Exact comparison. A null char pointer is not equal; the other form reads unchecked.
+    bool isEqual(char const* text) const;
+    bool isEqual(GPString const* text) const;
+
+    // Whether one of the two texts is a prefix of the other, in either direction.
+    bool startsWith(char const* text) const;
+    bool startsWith(GPString const* text) const;
+
+    // The number at the start of the text, as atoi and atoll read it; -1 when that is 0 and the text does not
+    // begin with "0".
+    int intValue() const;
+    long long longLongValue() const;
+
+    // True for "true" in any case and for numbers above 0. Lowercases the receiver.
+    bool boolValue();
+
+    // Index of `needle` at or after `start`, or -1, also when `start` is not below the length. With `fromEnd`
+    // the search and its answer are those of the free find: the index of the last character of the match.
+    int find(char const* needle, int start, bool fromEnd) const;
+    int find(GPString const* needle, int start, bool fromEnd) const;
+    int find(char const* needle, bool fromEnd) const;
+    int find(GPString const* needle, bool fromEnd) const;
+
+    // Index of the first character that is no whitespace, at or after `from`.
+    int skipws() const;
+    int skipws(int from) const;
+
+    // A new string with the same text, owned by the caller.
+    GPString* copy() const;
+
+    // The operations below change the string in place and return it.
+
+    // Replaces the text; null leaves it alone.
+    GPString* reset(char const* text);
+
+    // Appends; the argument is read unchecked.
+    GPString* append(char const* text);
+    GPString* append(GPString const* text);
+    GPString& operator+=(char const* text);
+    GPString& operator+=(GPString const* text);
+
+    // Appends at most `len` bytes and stops at a NUL.
+    GPString* append(char const* text, int len);
+    GPString* appendFormat(char const* fmt, ...) __attribute__((format(printf, 2, 3)));
+
+    // Replaces what matches `from`. With more than one match the text between them comes out longer than it
+    // was: 'a-b-c' with '+' for '-' gives 'a+b-c+c'.
+    GPString* replace(char const* from, char const* to);
+    GPString* replace(GPString const* from, GPString const* to);
+
+    // Cuts the string itself down to the bytes from `start` up to but not including `end`.
+    GPString* subString(int start, int end);
+    GPString* subString(int start);
+
+    // Removes whitespace at both ends.
+    GPString* trim();
+    GPString* lowercase();
+    GPString* uppercase();
+
+    // Percent-escapes "%$&+,/:;=?@ ", and back. A plus sign stays a plus sign.
+    GPString* encode();
+    GPString* decode();
+
+    // Turns each "&amp;" into "&"; no other entity is known.
+    GPString* domDecode();
+
+    // Sets the static mark, which changes nothing.
+    GPString* makestatic();
+
+    // Reverses the bytes in place and returns the buffer.
+    char* reverse();
+
+    // The pieces between separators, as strings owned by a new array that the caller owns. A separator at the
+    // very beginning keeps the whole text in one piece.
+    GPArray* split(char const* separator) const;
+    GPArray* split(GPString const* separator) const;
+
+    // The strings of the array with the separator between them, owned by the caller; null for a null or empty
+    // array. All elements must be GPStrings.
+    static GPString* join(GPArray* array, char const* separator);
+    static GPString* join(GPArray* array, GPString const* separator);
+
+private:
+    // Takes `text` over in place of the present buffer.
+    GPString* take(char* text);
+
+    char* text_;
+    std::uint8_t staticMark_;
+};
+
+// Where `needle` stands in `hay`, or null. With `fromEnd` the answer points at the last character of the match,
+// and only the last occurrence of the needle's last character is ever tried.
+char const* find(char const* hay, char const* needle, bool fromEnd);
+char const* find(char const* hay, char character, bool fromEnd);
+
+// The first character that is no whitespace; null for null.
+char const* skipws(char const* text);
+
+// Cuts trailing whitespace by writing NULs; returns its argument.
+char* trimws(char* text);
+
+// Steps over one leading whitespace character, then goes to the next one or the NUL; null for null.
+char const* nextws(char const* text);
+
+// The last character, or the NUL of an empty text; null for null.
+char const* end(char const* text);
+char const* last(char const* text);
+
+// Reverses in place; returns its argument.
+char* reverse(char* text);
+
+// Decimal value: whitespace, one optional "-", digits up to the first other character.
+int base10(char const* text);
+
+// Hexadecimal value: whitespace, one optional "0x" or "0X", digits up to the first other character.
+std::uint32_t base16(char const* text);
+
+// The lengths that encode and decode will produce.
+int getUrlEscapedLength(char const* text);
+int getUrlRestoredLength(char const* text);
+
+// Conversions by mbstowcs and wcstombs; the caller frees the result with delete[].
+wchar_t* unicode(char const* text);
+char* ansi(wchar_t const* text);
