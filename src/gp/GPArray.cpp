@@ -1,0 +1,208 @@
+#include "gp/GPArray.h"
+
+#include "gp/GPMutex.h"
+#include "gp/GPString.h"
+
+#include <algorithm>
+#include <cstdlib>
+
+namespace {
+
+constexpr char className_[] = "GPArray";
+constexpr int defaultCapacity = 5;
+
+} // namespace
+
+GPArray::GPArray() : GPArray(defaultCapacity) {}
+
+GPArray::GPArray(int capacity)
+    : entries_(nullptr), count_(0), capacity_(capacity > 0 ? capacity : defaultCapacity), holdsValues_(0),
+      mutex_(nullptr), retainGuarded_(0), retainMutex_(nullptr) {
+    entries_ = new void*[static_cast<std::size_t>(capacity_)]();
+}
+
+GPArray::~GPArray() {
+    if (mutex_) mutex_->release();
+    mutex_ = nullptr;
+    if (retainMutex_) retainMutex_->release();
+    retainMutex_ = nullptr;
+
+    // The count is read again on every step: a destructor that runs here may add an object.
+    for (int index = 0; !holdsValues_ && index < count(); ++index) {
+        if (entries_[index]) static_cast<GPObject*>(entries_[index])->release();
+    }
+    delete[] entries_;
+}
+
+int GPArray::release() {
+    if (!retainGuarded_.load(std::memory_order_relaxed)) return GPObject::release();
+
+    GPMutexLock guard(retainMutex_);
+    int const left = releaseonly();
+    guard.unlock();
+    if (left != lastReferenceGone) return left;
+
+    // One thread alone sees this mark, so exactly one destroys the array.
+    if (releaseonly() == destroyedMark) delete this;
+    return destroyedMark;
+}
+
+int GPArray::safeRetain() {
+    if (!retainMutex_ && referenceCount() >= 1) retainMutex_ = new GPMutex();
+    retainGuarded_.store(1, std::memory_order_relaxed);
+    GPMutexLock guard(retainMutex_);
+    return retainonly();
+}
+
+GPString* GPArray::className() { return GPString::string(className_); }
+
+char const* GPArray::cclassName() { return className_; }
+
+char const* GPArray::GPArrayClassName() { return className_; }
+
+GPArray* GPArray::array() { return static_cast<GPArray*>((new GPArray())->autorelease()); }
+
+GPArray* GPArray::arrayWithObject(GPObject* object) {
+    GPArray* result = array();
+    result->addObject(object);
+    return result;
+}
+
+void GPArray::append(void* entry) {
+    int const used = count_.load(std::memory_order_relaxed);
+    if (capacity_ <= used && used >= 1) expandArray(used * 2);
+    entries_[used] = entry;
+    count_.store(used + 1, std::memory_order_release);
+}
+
+void GPArray::addObject(GPObject* object) {
+    if (!object) return;
+    GPMutexLock guard(mutex_);
+    object->retain();
+    append(object);
+}
+
+void GPArray::addValue(void* value) {
+    if (!value) return;
+    GPMutexLock guard(mutex_);
+    holdsValues_ = 1;
+    append(value);
+}
+
+int GPArray::removeObject(GPObject* object) {
+    if (!object) return -1;
+    int const index = removeValue(object);
+    // Released even when it was not there, on purpose.
+    object->release();
+    return index;
+}
+
+int GPArray::removeValue(void* value) {
+    if (!value) return -1;
+    lock();
+    int const found = indexOfValue(value);
+    if (found < 0) {
+        unlock();
+        return -1;
+    }
+
+    void** fresh = new void*[static_cast<std::size_t>(capacity_)]();
+    int const used = count_.load(std::memory_order_relaxed);
+    for (int index = 0, kept = 0; index < used; ++index) {
+        if (index != found) fresh[kept++] = objectAtIndex(index);
+    }
+    delete[] entries_;
+    entries_ = fresh;
+    count_.store(used - 1, std::memory_order_release);
+    // The lock is kept, on purpose; that is the known limit of a safe() array.
+    return found;
+}
+
+GPObject* GPArray::removeObjectAtIndex(int index) {
+    if (!isIndex(index)) return nullptr;
+    auto* object = static_cast<GPObject*>(removeValueAtIndex(index));
+    if (object) object->release();
+    return object;
+}
+
+void* GPArray::removeValueAtIndex(int index) {
+    lock();
+    void* value = valueAtIndex(index);
+    if (value) {
+        // By value and with the lock held, on purpose: an equal entry further in front goes instead.
+        removeValue(value);
+        return value;
+    }
+    unlock();
+    return nullptr;
+}
+
+void GPArray::removeAllObjects() {
+    GPMutexLock guard(mutex_);
+    int const used = count_.load(std::memory_order_relaxed);
+    // Values are released as well, on purpose.
+    for (int index = 0; index < used; ++index) {
+        if (entries_[index]) static_cast<GPObject*>(entries_[index])->release();
+    }
+    count_.store(0, std::memory_order_release);
+    capacity_ = defaultCapacity;
+    holdsValues_ = 0;
+    delete[] entries_;
+    entries_ = new void*[static_cast<std::size_t>(capacity_)]();
+}
+
+GPObject* GPArray::objectAtIndex(int index) {
+    GPMutexLock guard(mutex_);
+    return static_cast<GPObject*>(valueAtIndex(index));
+}
+
+void* GPArray::valueAtIndex(int index) { return isIndex(index) ? entries_[index] : nullptr; }
+
+int GPArray::indexOfObject(GPObject* object) { return indexOfValue(object); }
+
+int GPArray::indexOfValue(void* value) {
+    int const used = count_.load(std::memory_order_acquire);
+    for (int index = 0; value && index < used; ++index) {
+        if (entries_[index] == value) return index;
+    }
+    return -1;
+}
+
+int GPArray::count() {
+    GPMutexLock guard(mutex_);
+    return count_.load(std::memory_order_acquire);
+}
+
+int GPArray::arraySpace() {
+    GPMutexLock guard(mutex_);
+    return capacity_;
+}
+
+void GPArray::expandArray(int capacity) {
+    if (capacity <= capacity_) return;
+    void** larger = new void*[static_cast<std::size_t>(capacity)]();
+    std::copy(entries_, entries_ + count_.load(std::memory_order_relaxed), larger);
+    delete[] entries_;
+    entries_ = larger;
+    capacity_ = capacity;
+}
+
+void GPArray::sort(int (*compare)(void const*, void const*)) {
+    std::qsort(entries_, static_cast<std::size_t>(count()), sizeof(void*), compare);
+}
+
+GPString* GPArray::join(char const* separator) { return GPString::join(this, separator); }
+
+GPString* GPArray::join(GPString const* separator) { return GPString::join(this, separator); }
+
+void GPArray::safe() {
+    if (!mutex_) mutex_ = new GPMutex();
+}
+
+void GPArray::lock() {
+    if (mutex_) mutex_->lock();
+}
+
+void GPArray::unlock() {
+    if (mutex_) mutex_->unlock();
+}

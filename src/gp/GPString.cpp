@@ -1,0 +1,355 @@
+#include "gp/GPString.h"
+
+#include "gp/GPArray.h"
+#include "gp/Owned.h"
+
+#include <algorithm>
+#include <cctype>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+namespace {
+
+constexpr char className_[] = "GPString";
+constexpr char escapedCharacters[] = "%$&+,/:;=?@ ";
+
+char* copyOf(char const* text, std::size_t length) {
+    char* buffer = new char[length + 1];
+    if (length) std::memcpy(buffer, text, length);
+    buffer[length] = '\0';
+    return buffer;
+}
+
+char* copyOf(char const* text) { return text ? copyOf(text, std::strlen(text)) : copyOf("", 0); }
+
+char* joined(char const* first, char const* second, std::size_t secondLength) {
+    std::size_t const firstLength = std::strlen(first);
+    char* buffer = new char[firstLength + secondLength + 1];
+    std::memcpy(buffer, first, firstLength);
+    std::memcpy(buffer + firstLength, second, secondLength);
+    buffer[firstLength + secondLength] = '\0';
+    return buffer;
+}
+
+// What vsnprintf makes, measured with a first pass and written with a second.
+__attribute__((format(printf, 1, 0))) char* formatted(char const* fmt, va_list arguments) {
+    va_list again;
+    va_copy(again, arguments);
+    int const length = std::vsnprintf(nullptr, 0, fmt, arguments);
+    char* buffer = length < 0 ? copyOf("", 0) : new char[static_cast<std::size_t>(length) + 1];
+    if (length >= 0) std::vsnprintf(buffer, static_cast<std::size_t>(length) + 1, fmt, again);
+    va_end(again);
+    return buffer;
+}
+
+// A number that was not there reads as -1; a "0" in front is enough to be there.
+template <class Number>
+Number numberOrMinusOne(char const* text, Number value) {
+    return value == 0 && text[0] != '0' ? -1 : value;
+}
+
+bool isHexDigit(char character) { return std::isxdigit(static_cast<unsigned char>(character)) != 0; }
+
+bool isEscaped(char character) { return character && std::strchr(escapedCharacters, character); }
+
+bool isEscape(char const* at) { return at[0] == '%' && isHexDigit(at[1]) && isHexDigit(at[2]); }
+
+// The size of the buffer that the matches of `from` call for. Overlapping matches count, on purpose: where the
+// result is below 1, replace does nothing.
+long long replacedSize(char const* text, char const* from, char const* to, bool& found) {
+    long long size = static_cast<long long>(std::strlen(text)) + 1;
+    long long const difference =
+        static_cast<long long>(std::strlen(to)) - static_cast<long long>(std::strlen(from));
+    for (char const* match = find(text, from, false); match; match = find(match + 1, from, false)) {
+        found = true;
+        size += difference;
+    }
+    return size;
+}
+
+// Each match at `p` is preceded by up to `p` bytes from the last match's end on, on purpose: from the second
+// match on that is more than what lies between the two.
+std::string replaced(char const* text, char const* from, char const* to) {
+    std::string result;
+    std::size_t const fromLength = std::strlen(from);
+    char const* resume = text;
+    for (char const* match = find(text, from, false); match; match = find(resume, from, false)) {
+        result.append(resume, strnlen(resume, static_cast<std::size_t>(match - text)));
+        result.append(to);
+        resume = match + fromLength;
+    }
+    return result.append(resume);
+}
+
+} // namespace
+
+GPString::GPString() : text_(copyOf("", 0)), staticMark_(0) {}
+
+GPString::GPString(std::nullptr_t) : GPString() {}
+
+GPString::GPString(GPString const* text) : text_(copyOf(text ? text->text_ : nullptr)), staticMark_(0) {}
+
+GPString::GPString(char const* text) : text_(copyOf(text)), staticMark_(0) {}
+
+GPString::GPString(char const* text, int len) : staticMark_(0) {
+    if (text && len < 0) {
+        text_ = const_cast<char*>(text);
+    } else {
+        text_ = text ? copyOf(text, strnlen(text, static_cast<std::size_t>(len))) : copyOf("", 0);
+    }
+}
+
+GPString::GPString(char character) : text_(copyOf(&character, character ? 1 : 0)), staticMark_(0) {}
+
+GPString::~GPString() { delete[] text_; }
+
+GPString* GPString::className() { return string(className_); }
+
+char const* GPString::cclassName() { return className_; }
+
+char const* GPString::GPStringClassName() { return className_; }
+
+GPString* GPString::string(std::nullptr_t) { return string(static_cast<char const*>(nullptr)); }
+
+GPString* GPString::string(char const* text) {
+    return static_cast<GPString*>((new GPString(text))->autorelease());
+}
+
+GPString* GPString::string(GPString const* text) { return string(text->text_); }
+
+GPString* GPString::staticstring(char const* text) { return (new GPString(text))->makestatic(); }
+
+GPString* GPString::absorbe(char* text) { return new GPString(text, -1); }
+
+GPString* GPString::format(char const* fmt, ...) {
+    va_list arguments;
+    va_start(arguments, fmt);
+    GPString* result = absorbe(formatted(fmt, arguments));
+    va_end(arguments);
+    return result;
+}
+
+int GPString::length() const { return static_cast<int>(std::strlen(text_)); }
+
+bool GPString::isEqual(char const* text) const { return text && std::strcmp(text_, text) == 0; }
+
+bool GPString::isEqual(GPString const* text) const { return std::strcmp(text_, text->text_) == 0; }
+
+bool GPString::startsWith(char const* text) const {
+    // True in both directions, on purpose: an empty string starts with everything.
+    for (char const* own = text_; *own && *text; ++own, ++text) {
+        if (*own != *text) return false;
+    }
+    return true;
+}
+
+bool GPString::startsWith(GPString const* text) const { return startsWith(text->text_); }
+
+int GPString::intValue() const {
+    return numberOrMinusOne(text_, static_cast<int>(std::strtol(text_, nullptr, 10)));
+}
+
+long long GPString::longLongValue() const {
+    return numberOrMinusOne(text_, std::strtoll(text_, nullptr, 10));
+}
+
+bool GPString::boolValue() {
+    lowercase();
+    return isEqual("true") || intValue() > 0;
+}
+
+int GPString::find(char const* needle, int start, bool fromEnd) const {
+    if (start < 0 || start >= length()) return -1;
+    char const* match = ::find(text_ + start, needle, fromEnd);
+    return match ? static_cast<int>(match - text_) : -1;
+}
+
+int GPString::find(GPString const* needle, int start, bool fromEnd) const {
+    return find(needle->text_, start, fromEnd);
+}
+
+int GPString::find(char const* needle, bool fromEnd) const { return find(needle, 0, fromEnd); }
+
+int GPString::find(GPString const* needle, bool fromEnd) const { return find(needle->text_, 0, fromEnd); }
+
+int GPString::skipws() const { return skipws(0); }
+
+int GPString::skipws(int from) const { return static_cast<int>(::skipws(text_ + from) - text_); }
+
+GPString* GPString::copy() const { return new GPString(this); }
+
+GPString* GPString::take(char* text) {
+    delete[] text_;
+    text_ = text;
+    return this;
+}
+
+GPString* GPString::reset(char const* text) { return text ? take(copyOf(text)) : this; }
+
+GPString* GPString::append(char const* text) { return take(joined(text_, text, std::strlen(text))); }
+
+GPString* GPString::append(GPString const* text) { return append(text->text_); }
+
+GPString& GPString::operator+=(char const* text) { return *append(text); }
+
+GPString& GPString::operator+=(GPString const* text) { return *append(text->text_); }
+
+GPString* GPString::append(char const* text, int len) {
+    if (len <= 0) return this;
+    return take(joined(text_, text, strnlen(text, static_cast<std::size_t>(len))));
+}
+
+GPString* GPString::appendFormat(char const* fmt, ...) {
+    va_list arguments;
+    va_start(arguments, fmt);
+    char* addition = formatted(fmt, arguments);
+    va_end(arguments);
+    append(addition);
+    delete[] addition;
+    return this;
+}
+
+GPString* GPString::replace(char const* from, char const* to) {
+    // An empty `from` has no first match, and would have no last one.
+    if (!from || !to || !*from) return this;
+
+    if (std::strlen(from) != std::strlen(to)) {
+        bool found = false;
+        if (replacedSize(text_, from, to, found) < 1 || !found) return this;
+    }
+    std::string const result = replaced(text_, from, to);
+    return take(copyOf(result.data(), result.size()));
+}
+
+GPString* GPString::replace(GPString const* from, GPString const* to) {
+    return replace(from ? from->text_ : nullptr, to ? to->text_ : nullptr);
+}
+
+GPString* GPString::subString(int start, int end) {
+    // Indexes that lead out of the text are taken as its ends: nothing is read outside of the buffer.
+    int const first = std::clamp(start, 0, length());
+    int const behind = std::clamp(end, first, length());
+    return take(copyOf(text_ + first, static_cast<std::size_t>(behind - first)));
+}
+
+GPString* GPString::subString(int start) { return subString(start, length()); }
+
+GPString* GPString::trim() {
+    trimws(text_);
+    char const* first = ::skipws(text_);
+    return *first != *text_ ? reset(first) : this;
+}
+
+GPString* GPString::lowercase() {
+    for (char* at = text_; *at; ++at) {
+        *at = static_cast<char>(std::tolower(static_cast<unsigned char>(*at)));
+    }
+    return this;
+}
+
+GPString* GPString::uppercase() {
+    for (char* at = text_; *at; ++at) {
+        *at = static_cast<char>(std::toupper(static_cast<unsigned char>(*at)));
+    }
+    return this;
+}
+
+GPString* GPString::encode() {
+    char* buffer = new char[static_cast<std::size_t>(getUrlEscapedLength(text_)) + 1];
+    char* to = buffer;
+    for (char const* at = text_; *at; ++at) {
+        if (isEscaped(*at)) {
+            to += std::snprintf(to, 4, "%%%02X", static_cast<unsigned char>(*at));
+        } else {
+            *to++ = *at;
+        }
+    }
+    *to = '\0';
+    return take(buffer);
+}
+
+GPString* GPString::decode() {
+    char* buffer = new char[static_cast<std::size_t>(getUrlRestoredLength(text_)) + 1];
+    char* to = buffer;
+    for (char const* at = text_; *at; ++at) {
+        if (isEscape(at)) {
+            char const digits[] = {at[1], at[2], '\0'};
+            *to++ = static_cast<char>(base16(digits));
+            at += 2;
+        } else {
+            *to++ = *at;
+        }
+    }
+    *to = '\0';
+    return take(buffer);
+}
+
+GPString* GPString::domDecode() {
+    constexpr char entity[] = "&amp;";
+    char* buffer = new char[std::strlen(text_) + 1];
+    char* to = buffer;
+    for (char const* at = text_; *at; ++at) {
+        *to++ = *at;
+        if (std::strncmp(at, entity, sizeof entity - 1) == 0) at += sizeof entity - 2;
+    }
+    *to = '\0';
+    return take(buffer);
+}
+
+GPString* GPString::makestatic() {
+    staticMark_ = 1;
+    return this;
+}
+
+char* GPString::reverse() { return ::reverse(text_); }
+
+GPArray* GPString::split(char const* separator) const {
+    auto pieces = Owned<GPArray>::adopt(new GPArray());
+    int const separatorLength = static_cast<int>(std::strlen(separator));
+    int position = 0;
+    // A match at 0 ends the splitting, on purpose: a path with a leading "/" stays in one piece.
+    for (int match = find(separator, false); match > 0; match = find(separator, position, false)) {
+        auto piece = Owned<GPString>::adopt(new GPString(text_ + position, match - position));
+        pieces->addObject(piece.get());
+        position = match + separatorLength;
+    }
+    if (position < length()) {
+        auto rest = Owned<GPString>::adopt(new GPString(text_ + position));
+        pieces->addObject(rest.get());
+    }
+    return pieces.handOver();
+}
+
+GPArray* GPString::split(GPString const* separator) const { return split(separator->text_); }
+
+GPString* GPString::join(GPArray* array, char const* separator) {
+    if (!array || array->count() == 0) return nullptr;
+
+    std::string text;
+    for (int index = 0; index < array->count(); ++index) {
+        if (index > 0) text += separator;
+        text += static_cast<GPString*>(array->objectAtIndex(index))->text_;
+    }
+    return new GPString(text.c_str());
+}
+
+GPString* GPString::join(GPArray* array, GPString const* separator) { return join(array, separator->text_); }
+
+int getUrlEscapedLength(char const* text) {
+    int length = 0;
+    for (; *text; ++text) {
+        length += isEscaped(*text) ? 3 : 1;
+    }
+    return length;
+}
+
+int getUrlRestoredLength(char const* text) {
+    int length = 0;
+    for (; *text; ++text, ++length) {
+        if (isEscape(text)) text += 2;
+    }
+    return length;
+}
