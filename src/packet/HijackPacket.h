@@ -71,7 +71,7 @@ private:
 
     HijackPacket(char* packet, const char* url, bool https);
 
-    static HijackPacket* findLocked(char* packet);
+    static HijackPacket* findLocked(const Ends& ends);
     bool matches(const Ends& ends) const;
     bool isExpired() const;
 

@@ -1,0 +1,125 @@
+#include "config/Configuration.h"
+#include "filter/FilterQuery.h"
+#include "filter/SSLEntry.h"
+#include "gp/GPList.h"
+#include "gp/GPLog.h"
+#include "gp/GPMutex.h"
+#include "gp/GPString.h"
+#include "gp/GPTimer.h"
+#include "gp/Owned.h"
+#include "packet/TCPPacket.h"
+
+#include <cstdint>
+#include <cstring>
+
+namespace {
+
+// An entry blocks for 300 seconds inclusive.
+constexpr long long endOfLife = 300000001;
+
+// The tables, each with its own lock; no operation holds both.
+GPList* const sslList = new GPList;
+GPMutex* const sslMutex = new GPMutex;
+GPList* const sslListIpv6 = new GPList;
+GPMutex* const sslMutexIpv6 = new GPMutex;
+
+unsigned mark(const GPObject* entry) {
+    return static_cast<unsigned>(reinterpret_cast<std::uintptr_t>(entry));
+}
+
+bool isSame(unsigned a, unsigned b) { return a == b; }
+bool isSame(const in6_addr& a, const in6_addr& b) { return std::memcmp(&a, &b, sizeof a) == 0; }
+
+template <class Entry>
+void logRemoval(unsigned entry);
+
+template <>
+void logRemoval<SSLEntry>(unsigned entry) {
+    logf("--- removed 0x%x from SSLcache; count=%d", entry, sslList->count());
+}
+
+template <>
+void logRemoval<SSLEntryIpv6>(unsigned entry) {
+    logf("--- removed 0x%x from SSLcache Ipv6; count=%d", entry, sslListIpv6->count());
+}
+
+// Walks a table, whose lock the caller holds, up to the first live entry for one of the two addresses. Drops
+// the entries whose time is over; the walk then deliberately skips the entry behind, since the removal has
+// already moved the cursor.
+template <class Entry, class Address>
+Entry* findBlocked(GPList* list, const Address& src, const Address& dst) {
+    for (list->firstObject(); list->currentObject(); list->nextObject()) {
+        auto* entry = static_cast<Entry*>(list->currentObject());
+        if (entry->timer->elapsedTime() < endOfLife) {
+            if (isSame(entry->address, src) || isSame(entry->address, dst)) return entry;
+            continue;
+        }
+        const unsigned removed = mark(entry);
+        list->removeObject(entry);
+        entry->release();
+        if (Configuration::isLogLevel(128)) logRemoval<Entry>(removed);
+    }
+    return nullptr;
+}
+
+} // namespace
+
+void FilterQuery::addToSSL(unsigned address) {
+    // The creator's reference stays with the entry; removal from the table drops it.
+    auto* entry = new SSLEntry(address);
+    GPMutexLock lock(sslMutex);
+    sslList->addObject(entry);
+    if (Configuration::isLogLevel(128)) {
+        logf("-++ added 0x%x to SSLcache; count=%d", mark(entry), sslList->count());
+    }
+}
+
+void FilterQuery::addToSSLIpv6(in6_addr address) {
+    auto* entry = new SSLEntryIpv6(address);
+    GPMutexLock lock(sslMutexIpv6);
+    sslListIpv6->addObject(entry);
+    if (Configuration::isLogLevel(128)) {
+        logf("-++ added 0x%x to SSLcache Ipv6; count=%d", mark(entry), sslListIpv6->count());
+    }
+}
+
+bool FilterQuery::isBlockedSSL(char* packet) {
+    int port;
+    const unsigned src = TCPPacket::srcIPAddress(packet, port);
+    const unsigned dst = TCPPacket::dstIPAddress(packet, port);
+
+    GPMutexLock lock(sslMutex);
+    const auto* entry = findBlocked<SSLEntry>(sslList, src, dst);
+    if (!entry) return false;
+    const unsigned blocked = entry->address;
+    lock.unlock();
+
+    if (Configuration::isLogLevel(16)) {
+        logf("SSL is BLOCKED: SSLcache_entry=0x%x entry_addr=%ld src=%ld dst=%ld", mark(entry),
+             static_cast<long>(blocked), static_cast<long>(src), static_cast<long>(dst));
+    }
+    TCPPacket::logPacket(packet);
+    return true;
+}
+
+bool FilterQuery::isBlockedSSLIpv6(char* packet) {
+    int port;
+    const in6_addr src = TCPPacket::srcIPAddressIpv6(packet, port);
+    const in6_addr dst = TCPPacket::dstIPAddressIpv6(packet, port);
+
+    GPMutexLock lock(sslMutexIpv6);
+    const auto* entry = findBlocked<SSLEntryIpv6>(sslListIpv6, src, dst);
+    if (!entry) return false;
+    const in6_addr blocked = entry->address;
+    lock.unlock();
+
+    if (Configuration::isLogLevel(16)) {
+        auto blockedText = Owned<GPString>::adopt(TCPPacket::formatIpAddressIpv6(blocked));
+        auto srcText = Owned<GPString>::adopt(TCPPacket::formatIpAddressIpv6(src));
+        auto dstText = Owned<GPString>::adopt(TCPPacket::formatIpAddressIpv6(dst));
+        logf("SSL Ipv6 is BLOCKED: SSLcache_entry=0x%x entry_addr=%s src=%s dst=%s", mark(entry),
+             blockedText->cstr(), srcText->cstr(), dstText->cstr());
+    }
+    TCPPacket::logPacket(packet);
+    return true;
+}

@@ -1,0 +1,290 @@
+#include "packet/TCPPacket.h"
+
+#include "config/Configuration.h"
+#include "gp/GPLog.h"
+#include "gp/GPString.h"
+#include "gp/Owned.h"
+#include "platform/ByteOrder.h"
+
+#include <cstdint>
+#include <cstring>
+
+namespace {
+
+// Positions in an IPv4 or IPv6 header.
+constexpr int totalLengthV4 = 2;
+constexpr int protocolV4 = 9;
+constexpr int sourceV4 = 12;
+constexpr int destinationV4 = 16;
+constexpr int payloadLengthV6 = 4;
+constexpr int nextHeaderV6 = 6;
+constexpr int sourceV6 = 8;
+constexpr int destinationV6 = 24;
+constexpr int fixedHeaderV6 = 40;
+
+// Positions in a TCP header, and the size of one without options.
+constexpr int sourcePort = 0;
+constexpr int destinationPort = 2;
+constexpr int dataOffset = 12;
+constexpr int bareTcpHeader = 20;
+
+constexpr int protocolTCP = 6;
+constexpr int protocolUDP = 17;
+
+// IPv6 extension headers, by their next-header numbers.
+constexpr int hopByHop = 0;
+constexpr int routing = 43;
+constexpr int fragment = 44;
+constexpr int authentication = 51;
+constexpr int noNextHeader = 59;
+constexpr int destinationOptions = 60;
+
+constexpr int serverNameCapacity = 255;
+
+int byteAt(const char* packet, int offset) { return static_cast<unsigned char>(packet[offset]); }
+
+// The length byte of an extension header counts as signed on purpose: 128 and above lead backwards.
+int signedByteAt(const char* packet, int offset) { return static_cast<signed char>(packet[offset]); }
+
+bool isVersion4(const char* packet) { return (packet[0] & 0xf0) == 0x40; }
+
+// Where the extension headers of an IPv6 packet end: the offset there and the protocol that follows.
+struct ChainEnd {
+    int offset;
+    int next;
+};
+
+// What a chain without an end inside the buffer counts as: no transport protocol at all.
+constexpr ChainEnd brokenChain = {fixedHeaderV6, noNextHeader};
+
+bool holdsExtension(int offset) { return offset >= 0 && offset + 1 < TCPPacket::packetRoom; }
+
+bool holdsTransport(int offset) { return offset >= 0 && offset + bareTcpHeader <= TCPPacket::packetRoom; }
+
+// Notices a walk that comes back to a state that it was in before, and so would never end. It compares with
+// one remembered state, and remembers the present one after 1, 2, 4, 8 ... steps.
+class CycleWatch {
+public:
+    bool isRepeated(int offset, int next) {
+        if (offset == offset_ && next == next_) return true;
+        if (++steps_ == limit_) {
+            offset_ = offset;
+            next_ = next;
+            steps_ = 0;
+            limit_ *= 2;
+        }
+        return false;
+    }
+
+private:
+    int offset_ = -1;
+    int next_ = -1;
+    unsigned steps_ = 0;
+    unsigned limit_ = 1;
+};
+
+// Walks the extension headers. Whatever is not IPv4 is walked as IPv6.
+ChainEnd walkExtensions(const char* packet) {
+    int next = byteAt(packet, nextHeaderV6);
+    int offset = fixedHeaderV6;
+    CycleWatch watch;
+    for (;;) {
+        if (watch.isRepeated(offset, next)) return brokenChain;
+        bool advanced = false;
+        if (next == hopByHop || next == routing || next == destinationOptions) {
+            if (!holdsExtension(offset)) return brokenChain;
+            next = byteAt(packet, offset);
+            offset += 8 + 8 * signedByteAt(packet, offset + 1);
+            advanced = true;
+        }
+        if (next == authentication) {
+            if (!holdsExtension(offset)) return brokenChain;
+            next = byteAt(packet, offset);
+            offset += 8 + 4 * signedByteAt(packet, offset + 1);
+            advanced = true;
+        }
+        if (next == fragment) {
+            if (!holdsExtension(offset)) return brokenChain;
+            next = byteAt(packet, offset);
+            offset += 8;
+            continue;
+        }
+        if (!advanced) break;
+    }
+    return holdsTransport(offset) ? ChainEnd{offset, next} : brokenChain;
+}
+
+// The sum of both header sizes is cut to 16 bits wherever it is used.
+int headersSize(char* packet) {
+    return (TCPPacket::ipHeaderSize(packet) + TCPPacket::tcpHeaderSize(packet)) & 0xffff;
+}
+
+int portAt(char* packet, int position) {
+    return platform::readBig16(packet + TCPPacket::ipHeaderSize(packet) + position);
+}
+
+in6_addr addressAt(const char* packet, int position) {
+    in6_addr address;
+    std::memcpy(&address, packet + position, sizeof address);
+    return address;
+}
+
+// The first `word` that lies wholly in the first `limit` bytes of a text.
+const char* findNear(const char* text, const char* word, int limit) {
+    const int length = static_cast<int>(std::strlen(word));
+    for (int at = 0; at + length <= limit && text[at] != 0; ++at) {
+        if (std::strncmp(text + at, word, static_cast<std::size_t>(length)) == 0) return text + at;
+    }
+    return nullptr;
+}
+
+// Where a header line ends: at its CR LF or, if none follows in the whole text, at its line feed.
+const char* lineEnd(const char* text) {
+    const char* end = std::strstr(text, "\r\n");
+    return end ? end : std::strchr(text, '\n');
+}
+
+} // namespace
+
+bool TCPPacket::isVersionIPV6(char* packet) { return (packet[0] & 0xf0) == 0x60; }
+
+int TCPPacket::ipHeaderSize(char* packet) {
+    if (isVersion4(packet)) return (byteAt(packet, 0) * 4) & 60;
+    return walkExtensions(packet).offset;
+}
+
+int TCPPacket::tcpHeaderSize(char* packet) {
+    return (byteAt(packet, ipHeaderSize(packet) + dataOffset) >> 2) & 60;
+}
+
+int getIpProtocol(char* packet) {
+    if (isVersion4(packet)) return byteAt(packet, protocolV4);
+    return walkExtensions(packet).next;
+}
+
+bool TCPPacket::isProtocolTCP(char* packet) { return getIpProtocol(packet) == protocolTCP; }
+
+bool TCPPacket::isProtocolUDP(char* packet) { return getIpProtocol(packet) == protocolUDP; }
+
+int TCPPacket::packetSize(char* packet) {
+    if (isVersion4(packet)) return platform::readBig16(packet + totalLengthV4);
+    // Deliberately not swapped: all tests of sizes, in the whole system, stand on this figure.
+    return platform::readNative<std::uint16_t>(packet + payloadLengthV6) + fixedHeaderV6;
+}
+
+int TCPPacket::payloadSize(char* packet) { return packetSize(packet) - headersSize(packet); }
+
+char* TCPPacket::payload(char* packet) {
+    char* start = packet + headersSize(packet);
+    start[payloadSize(packet)] = 0;
+    return start;
+}
+
+bool TCPPacket::isUsablePacket(char* packet) {
+    if (!packet) return false;
+    const bool version6 = isVersionIPV6(packet);
+    if (!version6 && !isVersion4(packet)) return false;
+    if (!isProtocolTCP(packet)) return false;
+    const int headers = tcpHeaderSize(packet) + (ipHeaderSize(packet) & 0xffff);
+    const int size = version6 ? packetSize(packet) & 0xffff : packetSize(packet);
+    return headers <= size;
+}
+
+unsigned TCPPacket::srcIPAddress(char* packet, int& port) {
+    port = portAt(packet, sourcePort);
+    return platform::readBig32(packet + sourceV4);
+}
+
+unsigned TCPPacket::dstIPAddress(char* packet, int& port) {
+    port = portAt(packet, destinationPort);
+    return platform::readBig32(packet + destinationV4);
+}
+
+in6_addr TCPPacket::srcIPAddressIpv6(char* packet, int& port) {
+    port = portAt(packet, sourcePort);
+    return addressAt(packet, sourceV6);
+}
+
+in6_addr TCPPacket::dstIPAddressIpv6(char* packet, int& port) {
+    port = portAt(packet, destinationPort);
+    return addressAt(packet, destinationV6);
+}
+
+GPString* TCPPacket::formatIpAddress(unsigned address) {
+    return GPString::format("%d.%d.%d.%d", address >> 24, address >> 16 & 255, address >> 8 & 255,
+                            address & 255);
+}
+
+GPString* TCPPacket::formatIpAddressIpv6(in6_addr address) {
+    const unsigned char* b = address.s6_addr;
+    return GPString::format("[%02x%02x:%02x%02x:%02x%02x:%02x%02x:%02x%02x:%02x%02x:%02x%02x:%02x%02x]", b[0],
+                            b[1], b[2], b[3], b[4], b[5], b[6], b[7], b[8], b[9], b[10], b[11], b[12], b[13],
+                            b[14], b[15]);
+}
+
+GPString* TCPPacket::httpURL(char* packet) {
+    const char* text = payload(packet);
+    const char* get = findNear(text, "GET ", 30);
+    if (!get) return nullptr;
+    // A negative payload size puts the zero byte in front of the text: then the searches need another one.
+    const auto room = static_cast<std::size_t>(packet + packetRoom - text);
+    if (!std::memchr(text, 0, room)) return nullptr;
+
+    const char* path = std::strchr(get, '/');
+    if (!path) return nullptr;
+    const char* pathEnd = std::strstr(path, " HTTP");
+    if (!pathEnd) return nullptr;
+    // The first "Host" counts, also inside another header.
+    const char* header = std::strstr(pathEnd, "Host");
+    if (!header || pathEnd - path < 1) return nullptr;
+    const char* hostStart = skipws(nextws(header));
+    const char* hostEnd = lineEnd(hostStart);
+    if (!hostEnd || hostEnd - hostStart < 1) return nullptr;
+
+    auto* url = new GPString("http://");
+    url->append(hostStart, static_cast<int>(hostEnd - hostStart));
+    url->append(path, static_cast<int>(pathEnd - path));
+    return url;
+}
+
+GPString* TCPPacket::httpsURL(char* packet) {
+    char name[serverNameCapacity] = {};
+    const auto* data = reinterpret_cast<const unsigned char*>(payload(packet));
+    if (!sslDomain(data, payloadSize(packet), name, serverNameCapacity)) return nullptr;
+    if (name[0] != 0) return GPString::format("https://%s", name);
+    int port;
+    if (isVersionIPV6(packet)) return formatIpAddressIpv6(dstIPAddressIpv6(packet, port));
+    return formatIpAddress(dstIPAddress(packet, port));
+}
+
+bool TCPPacket::redirectPacket(char* packet, const char* url) {
+    auto text = Owned<GPString>::adopt(
+        GPString::format("HTTP/1.1 302 Found\r\nLocation: %s\r\nConnection: close\r\n\r\n", url));
+    const int length = text->length();
+    const int diff = payloadSize(packet) - length;
+    if (Configuration::isLogLevel(32)) {
+        logf("redirectpacket - length: %d ; payload size: %d ; diff: %d ; total packet size: %d ; redirect "
+             "to: %s",
+             length, payloadSize(packet), diff, packetSize(packet), text->cstr());
+    }
+    return diff > 0;
+}
+
+void TCPPacket::logPacket(char* packet) {
+    int srcPort, dstPort;
+    auto src = Owned<GPString>::adopt(formatIpAddress(srcIPAddress(packet, srcPort)));
+    auto dst = Owned<GPString>::adopt(formatIpAddress(dstIPAddress(packet, dstPort)));
+    const int protocol = byteAt(packet, protocolV4);
+    const char* name = protocol == protocolTCP ? "TCP" : protocol == protocolUDP ? "UDP" : "???";
+    logf("%s:%d -> %s:%d protocol: %s\n", src->cstr(), srcPort, dst->cstr(), dstPort, name);
+}
+
+unsigned short TCPPacket::in_cksum(unsigned short* words, int length) {
+    std::uint32_t sum = 0;
+    for (; length > 1; length -= 2)
+        sum += *words++;
+    if (length == 1) sum += *reinterpret_cast<unsigned char*>(words);
+    sum = (sum >> 16) + (sum & 0xffff);
+    sum += sum >> 16;
+    return static_cast<unsigned short>(~sum);
+}
