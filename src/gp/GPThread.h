@@ -56,7 +56,10 @@ public:
     static void globalDestructor(void* value);
 
 private:
+    // Both with handleGuard_ held. takeThread leaves the handle without its thread, so that each thread is
+    // joined or detached once, by one caller.
     pthread_t takeThread();
+    void dropHandle();
 
     std::mutex handleGuard_; // guards handle_ and what it points at
     pthread_t* handle_ = nullptr;

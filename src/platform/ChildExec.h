@@ -30,10 +30,10 @@ public:
     ExecState look(pid_t child);
 
 private:
-    // Used by the backend that needs a pipe for the sign.
-    int readEnd_ = -1;
-    int writeEnd_ = -1;
-    bool failed_ = false;
+    // For the backend that needs a pipe.
+    [[maybe_unused]] int readEnd_ = -1;
+    [[maybe_unused]] int writeEnd_ = -1;
+    [[maybe_unused]] bool failed_ = false;
 };
 
 } // namespace platform

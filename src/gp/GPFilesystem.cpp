@@ -1,0 +1,324 @@
+#include "gp/GPFilesystem.h"
+
+#include "gp/GPArray.h"
+#include "gp/GPData.h"
+#include "gp/GPList.h"
+#include "gp/GPString.h"
+#include "gp/Owned.h"
+#include "platform/ProgramName.h"
+
+#include <climits>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <dirent.h>
+#include <memory>
+#include <pwd.h>
+#include <string>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+struct FileCloser {
+    void operator()(std::FILE* file) const { std::fclose(file); }
+};
+using File = std::unique_ptr<std::FILE, FileCloser>;
+
+struct DirectoryCloser {
+    void operator()(DIR* directory) const { closedir(directory); }
+};
+using Directory = std::unique_ptr<DIR, DirectoryCloser>;
+
+bool statOf(char const* path, struct stat& entry) { return path && ::stat(path, &entry) == 0; }
+
+GPString* processName = nullptr;
+
+} // namespace
+
+bool ifExist(char const* path) {
+    struct stat entry;
+    return statOf(path, entry);
+}
+
+bool isDirectory(char const* path) {
+    struct stat entry;
+    return statOf(path, entry) && S_ISDIR(entry.st_mode);
+}
+
+// Deliberately true for what is not there.
+bool isFile(char const* path) { return !isDirectory(path); }
+
+// stat follows links, so this is deliberately false in practice.
+bool isSymbolicLink(char const* path) {
+    struct stat entry;
+    return statOf(path, entry) && S_ISLNK(entry.st_mode);
+}
+
+bool isHidden(char const* path) { return path && path[0] == '~'; }
+
+bool isUnix() { return true; }
+
+bool readFile(char const* path, char* buffer, long& length, int offset, bool binary) {
+    if (!path || !buffer || length < 1) return false;
+    const File file(std::fopen(path, binary ? "rb" : "r"));
+    if (!file) return false;
+    std::fseek(file.get(), offset, SEEK_SET);
+    length = static_cast<long>(std::fread(buffer, 1, static_cast<std::size_t>(length), file.get()));
+    return true;
+}
+
+bool writeFile(char const* path, char const* data, long length, bool binary, bool truncate) {
+    if (!path) return false;
+    char const* mode = truncate ? (binary ? "wb" : "w") : (binary ? "ab" : "a");
+    File file(std::fopen(path, mode));
+    if (!file || !data) return false;
+    if (length == 0 && !binary)
+        length = static_cast<long>(std::strlen(data));
+    else if (length < 1)
+        return false;
+    const auto size = static_cast<std::size_t>(length);
+    const bool written = std::fwrite(data, 1, size, file.get()) == size;
+    return std::fclose(file.release()) == 0 && written;
+}
+
+GPData* readData(char const* path, int first, int offset) {
+    if (!path || first != 0) return nullptr;
+    long length = fileSize(path);
+    if (length < 1 || length > INT_MAX) return nullptr;
+    std::unique_ptr<char[]> buffer(new char[static_cast<std::size_t>(length)]);
+    if (!readFile(path, buffer.get(), length, offset, true)) return nullptr;
+    return GPData::absorbeData(buffer.release(), static_cast<int>(length));
+}
+
+GPString* readText(char const* path, int first, int offset) {
+    const auto data = Owned<GPData>::adopt(readData(path, first, offset));
+    return data ? data->convertToString() : nullptr;
+}
+
+bool writeData(char const* path, GPData* data, bool truncate) {
+    return writeFile(path, data->bytes(), data->length(), true, truncate);
+}
+
+bool writeText(char const* path, GPString* text, bool truncate) {
+    return writeFile(path, text->cstr(), text->length(), false, truncate);
+}
+
+bool createNewFile(char const* path) {
+    if (!path) return false;
+    const File file(std::fopen(path, "w"));
+    return file != nullptr;
+}
+
+bool copyFile(char const* from, char const* to) {
+    if (!from || !to) return false;
+    const auto content = Owned<GPData>::adopt(readData(from, 0, 0));
+    if (!content) return false;
+    // Deliberately without truncation: an old content stays in front of the copy.
+    return writeFile(to, content->bytes(), content->length(), true, false);
+}
+
+bool renameFile(char const* from, char const* to) { return from && to && std::rename(from, to) == 0; }
+
+bool moveFile(char const* from, char const* to) { return renameFile(from, to); }
+
+bool deleteFile(char const* path) { return path && std::remove(path) == 0; }
+
+long fileSize(char const* path) {
+    struct stat entry;
+    return statOf(path, entry) ? static_cast<long>(entry.st_size) : 0;
+}
+
+int fileMode(char const* path) {
+    struct stat entry;
+    return statOf(path, entry) ? static_cast<int>(entry.st_mode & 07777) : 0;
+}
+
+bool setFileMode(char const* path, int mode) { return path && ::chmod(path, static_cast<mode_t>(mode)) == 0; }
+
+bool createDir(char const* path) { return path && ::mkdir(path, 0775) == 0; }
+
+bool deleteDir(char const* path) { return path && ::rmdir(path) == 0; }
+
+namespace {
+
+bool isSkipped(char const* entry) {
+    return std::strcmp(entry, ".") == 0 || std::strcmp(entry, "..") == 0 ||
+           std::strcmp(entry, ".DS_Store") == 0;
+}
+
+template <class Container>
+void listDirectory(char const* path, Container* found, bool recursive, GPFileSearchType type) {
+    if (!path) return;
+    const Directory directory(opendir(path));
+    if (!directory) return;
+    while (const dirent* entry = readdir(directory.get())) {
+        if (isSkipped(entry->d_name)) continue;
+        const auto full = Owned<GPString>::adopt(GPString::format("%s/%s", path, entry->d_name));
+        // Deliberately tested by its bare name, so the answer is about the working directory.
+        const bool isFolder = isDirectory(entry->d_name);
+        const GPFileSearchType unwanted = isFolder ? GPFileSearchFiles : GPFileSearchDirectories;
+        // Each object deliberately keeps the reference of its creation beside the container's.
+        if (type != unwanted) found->addObject(new GPFilesystem(full->cstr()));
+        if (isFolder && recursive) listDirectory(full->cstr(), found, true, type);
+    }
+}
+
+} // namespace
+
+void getDirectoryFiles(char const* path, GPArray* found, bool recursive, GPFileSearchType type) {
+    listDirectory(path, found, recursive, type);
+}
+
+void getDirectoryFiles(char const* path, GPList* found, bool recursive, GPFileSearchType type) {
+    listDirectory(path, found, recursive, type);
+}
+
+char const* getCurrentDirectory() {
+    std::vector<char> text(PATH_MAX + 1);
+    if (!getcwd(text.data(), text.size())) return nullptr;
+    // Never released, which keeps the text valid.
+    return (new GPString(text.data()))->cstr();
+}
+
+char const* getAppDirectory() { return "/Applications"; }
+
+char const* getUserDirectory() {
+    thread_local std::string home;
+    std::vector<char> buffer(4096);
+    passwd account = {};
+    passwd* result = nullptr;
+    getpwuid_r(getuid(), &account, buffer.data(), buffer.size(), &result);
+    home = result && result->pw_dir ? result->pw_dir : "";
+    return home.c_str();
+}
+
+char const* getDocDirectory() {
+    thread_local std::string documents;
+    documents = std::string(getUserDirectory()) + "/Documents";
+    return documents.c_str();
+}
+
+char const* getTempDirectory() {
+    char const* set = std::getenv("TMPDIR");
+    return set && *set ? set : "/tmp";
+}
+
+char const* getAppDataDirectory() { return "/Library/Preferences"; }
+
+// "user" is meant.
+char const* getSystemDirectory() { return "/user/local/bin"; }
+
+char const* getProcessName() { return processName ? processName->cstr() : platform::programName(); }
+
+void setProcessName(char const* name) {
+    if (processName)
+        processName->reset(name);
+    else
+        processName = new GPString(name);
+    const int slash = processName->find("/", true);
+    // Deliberately above 0: a name whose only slash is its first character stays whole.
+    if (slash > 0) processName->subString(slash + 1);
+}
+
+int getPID() { return static_cast<int>(getpid()); }
+
+GPFilesystem::GPFilesystem(char const* path) {
+    if (path) path_ = new GPString(path);
+}
+
+GPFilesystem::~GPFilesystem() {
+    if (path_) path_->release();
+}
+
+GPFilesystem* GPFilesystem::createFile(char const* path) {
+    if (!path) return nullptr;
+    auto* made = new GPFilesystem(path);
+    if (!ifExist(path)) createNewFile(path);
+    return made;
+}
+
+void GPFilesystem::setPath(char const* path) {
+    if (path_)
+        path_->reset(path);
+    else
+        path_ = new GPString(path);
+}
+
+char const* GPFilesystem::fullPath() { return path_ ? path_->cstr() : nullptr; }
+
+char const* GPFilesystem::lastComponent() {
+    if (!path_) return nullptr;
+    const int slash = path_->find("/", true);
+    if (slash == 0) return nullptr;
+    // Never released, which keeps the text valid.
+    GPString* component = path_->copy();
+    component->subString(slash + 1);
+    return component->cstr();
+}
+
+char const* GPFilesystem::name() { return lastComponent(); }
+
+// Deliberately the same as name(), not the directory.
+char const* GPFilesystem::path() { return lastComponent(); }
+
+long GPFilesystem::size() { return fileSize(fullPath()); }
+
+bool GPFilesystem::isDirectory() { return ::isDirectory(fullPath()); }
+
+bool GPFilesystem::isFile() { return ::isFile(fullPath()); }
+
+bool GPFilesystem::isHidden() { return ::isHidden(fullPath()); }
+
+bool GPFilesystem::isSymbolicLink() { return ::isSymbolicLink(fullPath()); }
+
+int GPFilesystem::fileMode() { return ::fileMode(fullPath()); }
+
+bool GPFilesystem::setFileMode(int mode) { return ::setFileMode(fullPath(), mode); }
+
+bool GPFilesystem::deleteFile() { return ::deleteFile(fullPath()); }
+
+GPData* GPFilesystem::read(int first, int offset) { return readData(fullPath(), first, offset); }
+
+GPString* GPFilesystem::readText(int first, int offset) { return ::readText(fullPath(), first, offset); }
+
+bool GPFilesystem::write(char const* data, long length, bool binary) {
+    return writeFile(fullPath(), data, length, binary, false);
+}
+
+bool GPFilesystem::write(GPData* data) { return writeData(fullPath(), data, false); }
+
+bool GPFilesystem::writeText(GPString* text) { return ::writeText(fullPath(), text, false); }
+
+bool GPFilesystem::writeFormat(char const* fmt, ...) {
+    if (!path_) return false;
+    va_list arguments;
+    va_start(arguments, fmt);
+    va_list again;
+    va_copy(again, arguments);
+    const int length = std::vsnprintf(nullptr, 0, fmt, arguments);
+    va_end(arguments);
+    bool written = false;
+    if (length >= 0) {
+        std::vector<char> text(static_cast<std::size_t>(length) + 1);
+        std::vsnprintf(text.data(), text.size(), fmt, again);
+        written = writeFile(fullPath(), text.data(), 0, false, false);
+    }
+    va_end(again);
+    return written;
+}
+
+bool GPFilesystem::renameFile(char const* newName) {
+    if (!newName || !path_) return false;
+    auto target = Owned<GPString>::adopt(new GPString(newName));
+    if (path_->find("/", true) == 0) {
+        // path() gives nothing for a file of the root directory, so the target begins with the slash.
+        char const* front = path();
+        target = Owned<GPString>::adopt(GPString::format("%s/%s", front ? front : "", newName));
+    }
+    if (!::renameFile(fullPath(), target->cstr())) return false;
+    path_->reset(target->cstr());
+    return true;
+}

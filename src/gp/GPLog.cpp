@@ -1,0 +1,144 @@
+#include "gp/GPLog.h"
+
+#include "gp/GPFilesystem.h"
+#include "gp/GPMutex.h"
+#include "gp/GPString.h"
+#include "gp/Owned.h"
+#include "platform/Clock.h"
+#include "platform/ThreadNumber.h"
+
+#include <atomic>
+#include <cstdarg>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <memory>
+#include <string>
+
+namespace {
+
+std::atomic<char const*> logName{nullptr};
+std::atomic<char const*> logDir{nullptr};
+std::atomic<std::int32_t> logMaxSize{1048576};
+std::atomic<std::int32_t> logMaxCount{20};
+// The index of the file being written. It deliberately begins below 0 at each start of the process, which
+// then finds its place by walking through the full files.
+std::atomic<std::int32_t> counter{-1};
+std::atomic<bool> logEcho{false};
+std::atomic<GPMutex*> mutex{nullptr};
+
+constexpr auto relaxed = std::memory_order_relaxed;
+
+GPMutex* currentMutex() { return mutex.load(std::memory_order_acquire); }
+
+// A new string with the name of the file of that index. An index below 10, -1 too, has a 0 in front.
+GPString* currentLogName(int index) {
+    char const* stem = logName.load(relaxed);
+    if (!stem) {
+        stem = getProcessName();
+        logName.store(stem, relaxed);
+    }
+    GPString* name;
+    if (char const* directory = logDir.load(relaxed))
+        name = GPString::format("%s/%s", directory, stem);
+    else
+        name = new GPString(stem);
+    if (index < 10)
+        name->appendFormat("0%d.log", index);
+    else
+        name->appendFormat("%d.log", index);
+    return name;
+}
+
+std::string logLine(char const* text) {
+    const time_t now = platform::clock().seconds();
+    struct tm local = {};
+    char when[64] = {};
+    if (!localtime_r(&now, &local) || !asctime_r(&local, when)) when[0] = 0;
+    when[std::strcspn(when, "\n")] = 0;
+
+    char front[128];
+    std::snprintf(front, sizeof front, "[%ld %s]: ", static_cast<long>(platform::threadNumber()), when);
+    return std::string(front) + text + "\n";
+}
+
+bool isOverLimit(char const* name) {
+    const std::int32_t limit = logMaxSize.load(relaxed);
+    return limit > 0 && ifExist(name) && fileSize(name) > limit;
+}
+
+// Goes on to the next index. At the highest one, drops the file with index 0 and moves the others down; the
+// file with index -1 takes no part.
+void rotate() {
+    const std::int32_t last = counter.load(relaxed);
+    if (last < logMaxCount.load(relaxed)) {
+        counter.store(last + 1, relaxed);
+        return;
+    }
+    deleteFile(Owned<GPString>::adopt(currentLogName(0))->cstr());
+    for (std::int32_t i = 1; i <= last; ++i) {
+        const auto from = Owned<GPString>::adopt(currentLogName(i));
+        const auto to = Owned<GPString>::adopt(currentLogName(i - 1));
+        renameFile(from->cstr(), to->cstr());
+    }
+}
+
+} // namespace
+
+void logs(char const* text) {
+    const std::string line = logLine(text);
+    if (logEcho.load(relaxed)) std::printf("[LogEcho]: %s", line.c_str());
+    {
+        // Deliberately named outside the lock: a rotation can have moved this file when it is written.
+        const auto name = Owned<GPString>::adopt(currentLogName(counter.load(relaxed)));
+        GPMutexLock lock(currentMutex());
+        writeFile(name->cstr(), line.c_str(), 0, false, false);
+    }
+    GPMutexLock lock(currentMutex());
+    const auto name = Owned<GPString>::adopt(currentLogName(counter.load(relaxed)));
+    if (isOverLimit(name->cstr())) rotate();
+}
+
+void logf(char const* fmt, ...) {
+    va_list arguments;
+    va_start(arguments, fmt);
+    va_list again;
+    va_copy(again, arguments);
+    const int length = std::vsnprintf(nullptr, 0, fmt, arguments);
+    va_end(arguments);
+    if (length >= 0) {
+        const std::size_t size = static_cast<std::size_t>(length) + 1;
+        const std::unique_ptr<char[]> text(new char[size]);
+        std::vsnprintf(text.get(), size, fmt, again);
+        logs(text.get());
+    }
+    va_end(again);
+}
+
+void setLogName(char const* name) { logName.store(name, relaxed); }
+
+void setLogDirectory(char const* directory) { logDir.store(directory, relaxed); }
+
+void setMaxLogSize(int kilobytes) {
+    if (kilobytes > 0)
+        logMaxSize.store(static_cast<std::int32_t>(static_cast<std::uint32_t>(kilobytes) * 1024u), relaxed);
+}
+
+void setMaxLogCount(int count) {
+    if (count > 0) logMaxCount.store(count, relaxed);
+}
+
+void setLogEcho(bool echo) { logEcho.store(echo, relaxed); }
+
+void makeLogThreadSafe() {
+    if (!currentMutex()) mutex.store(new GPMutex, std::memory_order_release);
+}
+
+void printDumpBytes(char const* bytes, int length, int perLine) {
+    for (int i = 0; i < length; ++i) {
+        std::printf("%02x ", static_cast<unsigned char>(bytes[i]));
+        if (perLine > 0 && (i + 1) % perLine == 0) std::printf("\n");
+    }
+    std::printf("\n");
+}

@@ -1,0 +1,9 @@
+#include "platform/ThreadNumber.h"
+
+#include <unistd.h>
+
+namespace platform {
+
+std::uint64_t threadNumber() { return static_cast<std::uint64_t>(gettid()); }
+
+} // namespace platform
