@@ -58,9 +58,9 @@ public:
     bool removeString(GPString* text);
 
 private:
-    // For a writer that holds the mutex and a snapshot. Returns whether the snapshot has been replaced.
-    bool appendTo(GPArray* snapshot, GPObject* object);
-    bool removeIndex(GPArray* snapshot, int index);
+    // For a writer that holds the mutex and a snapshot.
+    void appendTo(GPArray* snapshot, GPObject* object);
+    void removeFrom(GPArray* snapshot, int index);
 
     std::int32_t initialCapacity_;
     std::atomic<GPArray*> current_;

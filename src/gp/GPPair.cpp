@@ -1,0 +1,14 @@
+#include "gp/GPPair.h"
+
+#include <cstdlib>
+
+GPPair::GPPair(char* key, GPObject* value) : key_(key), value_(value) {}
+
+GPPair::~GPPair() {
+    std::free(key_);
+    value_->release();
+}
+
+void GPPair::releaseMapReference() {
+    if (referenceCount() > 1) release();
+}
