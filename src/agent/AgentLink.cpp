@@ -1,0 +1,57 @@
+#include "agent/AgentLink.h"
+
+#include "gp/GPDate.h"
+#include "gp/GPSockets.h"
+
+#include <cerrno>
+
+namespace {
+
+constexpr int settlingSeconds = 300;
+
+} // namespace
+
+AgentLink& agentLink = *new AgentLink;
+
+std::uint32_t AgentLink::nextSequence() {
+    const std::uint32_t number = sequenceNum_.load(std::memory_order_relaxed);
+    sequenceNum_.store(number + 1, std::memory_order_relaxed);
+    return number;
+}
+
+bool AgentLink::sendBytes(const char* frame, std::size_t length, int& error) {
+    if (length == 0) {
+        error = EMSGSIZE;
+        return false;
+    }
+    GPMutexLock lock(&commandMutex);
+    // A closed socket's descriptor may belong to somebody else by now.
+    if (opened != 1) {
+        error = ENOTCONN;
+        return false;
+    }
+    errno = 0;
+    const bool sent = socket.load()->send(frame, static_cast<int>(length));
+    error = errno;
+    return sent;
+}
+
+void AgentLink::abandon() {
+    GPMutexLock lock(&commandMutex);
+    opened = 0;
+    socket.load()->closeConnection();
+}
+
+void AgentLink::markReaderStart() {
+    GPDate* start = GPDate::now();
+    start->timeInFuture(settlingSeconds);
+    GPMutexLock lock(&startedMutex);
+    if (responseThreadStarted) responseThreadStarted->release();
+    responseThreadStarted = start;
+}
+
+GPDate* AgentLink::readerStarted() {
+    GPMutexLock lock(&startedMutex);
+    return responseThreadStarted ? new GPDate(static_cast<long>(responseThreadStarted->toRawTime()))
+                                 : nullptr;
+}

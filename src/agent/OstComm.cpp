@@ -1,0 +1,256 @@
+#include "agent/OstComm.h"
+
+#include "agent/AgentFrames.h"
+#include "agent/AgentLink.h"
+#include "agent/UpdatePrompts.h"
+#include "agent/Updater.h"
+#include "config/Configuration.h"
+#include "gp/GPArray.h"
+#include "gp/GPData.h"
+#include "gp/GPDate.h"
+#include "gp/GPLog.h"
+#include "gp/GPNetDevice.h"
+#include "gp/GPSockets.h"
+#include "gp/GPString.h"
+#include "gp/GPThread.h"
+#include "gp/Owned.h"
+#include "platform/Clock.h"
+#include "platform/HardwareRegistry.h"
+#include "platform/UserDialog.h"
+
+#include <cerrno>
+#include <cstring>
+#include <string>
+
+GPString* OstComm::version = nullptr;
+
+namespace {
+
+constexpr int agentPort = 3456;
+constexpr char agentHost[] = "127.0.0.1";
+char directoryLogon[] = "directory";
+
+void replaceText(GPString*& field, GPString* text) {
+    if (field) field->release();
+    field = text;
+}
+
+// The user name as the logon frame carries it: each backslash doubled, nothing else escaped.
+std::string escapedName(const char* userName) {
+    std::string escaped;
+    for (; *userName; ++userName) {
+        if (*userName == '\\') escaped += '\\';
+        escaped += *userName;
+    }
+    return escaped;
+}
+
+GPString* logonBody(const char* userName) {
+    const std::string escaped = userName ? escapedName(userName) : std::string();
+    const std::string udid = platform::hardwareRegistry().platformUUID();
+    if (escaped.empty()) return new GPString("{}");
+    auto* body = GPString::format(R"({"version":"%s","email":"","upn":"","username":"%s","udid":"%s"})",
+                                  Updater::versionString(), escaped.c_str(), udid.c_str());
+    // A name that no frame can carry is reported as none: the link waits for this frame to go out.
+    if (static_cast<std::size_t>(body->length()) > agentOtherFrameSpace - agentFrameHeader) body->reset("{}");
+    return body;
+}
+
+} // namespace
+
+OstComm* OstComm::Instance() {
+    GPMutexLock lock(&agentLink.instanceMutex);
+    if (!agentLink.m_pInstance) agentLink.m_pInstance = new OstComm(agentHost);
+    return agentLink.m_pInstance;
+}
+
+OstComm::OstComm(const char* host) : platform_(new GPString("Mac_x64")) {
+    replaceText(version, GPString::format("%d.%d.%d", 1, 5, 2));
+    const auto hostText = Owned<GPString>::adopt(new GPString(host));
+    OstComm connecting(hostText.get());
+}
+
+OstComm::OstComm(GPString* host) : platform_(new GPString("Mac_x64")) {
+    replaceText(version, GPString::format("%d.%d.%d", 1, 5, 2));
+    replaceText(agentLink.name, new GPString(host));
+    agentLink.port = 1;
+    agentLink.timeout = 1;
+    connect();
+}
+
+OstComm::~OstComm() { platform_->release(); }
+
+void OstComm::ReConnect() {
+    agentLink.responses.wakeHead();
+    GPMutexLock lock(&agentLink.instanceMutex);
+    agentLink.port = 1;
+    agentLink.timeout = 1;
+    replaceText(version, GPString::format("%d.%d.%d", 1, 5, 2));
+    replaceText(platform_, new GPString("Mac_x64"));
+    connect();
+}
+
+// Builds the link. The socket object that was there before is deliberately neither closed nor released:
+// other threads may still be sending on it.
+void OstComm::connect() {
+    auto* socket = new GPSockets;
+    socket->setTimeout(agentLink.timeout * 5);
+    socket->setPort(agentLink.port ? agentPort : 0);
+    socket->setServer(agentLink.name->cstr());
+    agentLink.opened = 0;
+    agentLink.socket = socket;
+    if (!socket->openConnection()) {
+        logf("WARNING: Socket open error in OstComm.");
+        return;
+    }
+    logf("OstComm socket opened [0x%x]", static_cast<unsigned>(reinterpret_cast<std::uintptr_t>(socket)));
+    agentLink.opened = 1;
+    logOnUntilSent();
+    replaceText(agentLink.hostIPAddress, new GPString(socket->IPAddress()));
+    GPThread::taskOnBackground(responseThread, nullptr);
+}
+
+// The connect itself does not wait, so this loop is the wait for an agent that does not listen yet.
+void OstComm::logOnUntilSent() {
+    GPSockets* socket = agentLink.socket;
+    while (!setUserLogonCommand(const_cast<char*>(Configuration::cachedUserName()), directoryLogon)) {
+        socket->closeConnection();
+        platform::clock().sleepSeconds(1);
+        socket->openConnection();
+    }
+}
+
+bool OstComm::setUserLogonCommand(char* userName, char*) {
+    const std::uint32_t sequence = agentLink.nextSequence();
+    const auto body = Owned<GPString>::adopt(logonBody(userName));
+    logf("OstComm setUserLogonCommand sending %s", body->cstr());
+    if (agentLink.opened != 1) {
+        logf("OstComm setUserLogonCommand no socket.");
+        return false;
+    }
+    int error = 0;
+    if (!agentLink.sendFrame<agentOtherFrameSpace>(agentLogonFrame, sequence, body->cstr(), error)) {
+        logf("OstComm setUserLogonCommand socket send failed errno is %d.\n", error);
+        return false;
+    }
+    logf("OstComm setUserLogonCommand send success");
+    return true;
+}
+
+GPString* OstComm::getPolicyCommand(char* url, int queryNumber) {
+    const std::uint32_t sequence = agentLink.nextSequence();
+    const auto body = Owned<GPString>::adopt(GPString::format("{\"url\":\"%s\"}", url));
+    if (Configuration::isLogLevel(1))
+        logf("[%d] OstComm getPolicyCommand sending %s", queryNumber, body->cstr());
+    if (agentLink.opened != 1) {
+        logf("[%d] OstComm getPolicyCommand no socket.", queryNumber);
+        return new GPString("{BOF}");
+    }
+    // The slot is there before anything is sent, so that no reply can outrun it.
+    ResponseEntry* entry = agentLink.responses.open(sequence);
+    GPString* response = nullptr;
+    int error = 0;
+    if (agentLink.sendFrame<agentPolicyFrameSpace>(agentPolicyFrame, sequence, body->cstr(), error)) {
+        response = agentLink.responses.wait(entry);
+        if (Configuration::isLogLevel(1))
+            logf("[%d] OstComm getPolicyCommand response %s", queryNumber,
+                 response ? response->cstr() : "(null)");
+    } else {
+        logf("[%d] OstComm getPolicyCommand socket send failed.", queryNumber);
+        agentLink.responses.remove(sequence);
+        response = new GPString("{BOF}");
+    }
+    agentLink.responses.close(entry);
+    return response;
+}
+
+bool OstComm::getConfigurationCommand() {
+    const std::uint32_t sequence = agentLink.nextSequence();
+    if (Configuration::isLogLevel(1)) logf("OstComm getConfigurationCommand sending ");
+    if (agentLink.opened != 1) {
+        logf("OstComm getConfigurationCommand no socket.");
+        return false;
+    }
+    int error = 0;
+    if (agentLink.sendFrame<agentOtherFrameSpace>(agentConfigurationFrame, sequence, "", error)) return true;
+    logf("OstComm getConfigurationCommand socket send failed.");
+    return false;
+}
+
+GPString* OstComm::getDNSRedirectsCommand() {
+    // Deliberate: no lock around the send, no look at `opened`, and the read competes with the reader thread.
+    char frame[agentOtherFrameSpace];
+    const std::size_t length =
+        buildAgentFrame(frame, sizeof frame, agentDnsRedirectsFrame, agentLink.nextSequence(), "");
+    GPSockets* socket = agentLink.socket;
+    if (!socket->send(frame, static_cast<int>(length))) {
+        logf("OstComm socket send failed.");
+        return new GPString;
+    }
+    const auto data = Owned<GPData>::adopt(socket->readData());
+    if (!data) {
+        logf("OstComm socket read failed.");
+        return new GPString;
+    }
+    constexpr int header = static_cast<int>(agentFrameHeader);
+    auto* response = data->length() > header ? new GPString(data->bytes() + header, data->length() - header)
+                                             : new GPString;
+    if (Configuration::isLogLevel(1)) logf("OstComm getDNSRedirectsCommand response %s", response->cstr());
+    return response;
+}
+
+bool OstComm::sendIpAddressesCommand() {
+    const std::uint32_t sequence = agentLink.nextSequence();
+    const auto addresses = Owned<GPString>::adopt(getIpAddresses());
+    const auto body = Owned<GPString>::adopt(GPString::format("{%s}", addresses->cstr()));
+    logf("OstComm sendIpAddressesCommand sending %s", body->cstr());
+    if (agentLink.opened != 1) {
+        logf("OstComm sendIpAddressesCommand no socket.");
+        return false;
+    }
+    int error = 0;
+    if (!agentLink.sendFrame<agentOtherFrameSpace>(agentAddressesFrame, sequence, body->cstr(), error)) {
+        logf("OstComm sendIpAddressesCommand socket send failed errno is %d.\n", error);
+        return false;
+    }
+    logf("OstComm sendIpAddressesCommand send success");
+    return true;
+}
+
+void OstComm::OstCommClose() {
+    agentLink.opened = 0;
+    GPSockets* socket = agentLink.socket;
+    socket->closeConnection();
+    logf("OstComm socket closed");
+}
+
+bool OstComm::isOpened() { return agentLink.opened == 1; }
+
+void OstComm::clearPopups() {
+    logf("clearPopups entry");
+    updating = 0;
+    if (auto* dialog = notifyUpdatePopUp.load()) platform::userDialog().cancel(dialog);
+    if (auto* dialog = notifyUpdatingPopUp.load()) platform::userDialog().cancel(dialog);
+}
+
+GPDate* OstComm::responseThreadStarted() { return agentLink.readerStarted(); }
+
+GPString* OstComm::className() { return GPString::string("OstComm"); }
+
+GPString* getIpAddresses() {
+    auto* text = new GPString;
+    const auto addresses = Owned<GPArray>::adopt(GPNetDevice::ipAddresses(GPIPTypeAny));
+    GPString lists[2]; // IPv4, IPv6
+    for (int i = 0; i < addresses->count(); ++i) {
+        auto* address = static_cast<GPString*>(addresses->objectAtIndex(i));
+        GPString& list = lists[address->find(":", false) >= 0 ? 1 : 0];
+        list.appendFormat("%s\"%s\"", list.length() ? "," : "", address->cstr());
+    }
+    if (lists[0].length()) {
+        text->appendFormat("\"IPv4\":[%s]", lists[0].cstr());
+        // Deliberate: the comma comes whether or not IPv6 addresses follow.
+        text->append(",");
+    }
+    if (lists[1].length()) text->appendFormat("\"IPv6\":[%s]", lists[1].cstr());
+    return text;
+}
