@@ -1,0 +1,158 @@
+#include "platform/linux/DialogProgram.h"
+
+#include <poll.h>
+#include <sys/signalfd.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <fcntl.h>
+
+namespace platform {
+namespace {
+
+const std::string& textOf(const NotificationDictionary& dictionary, NotificationKey key) {
+    static const std::string none;
+    for (const auto& entry : dictionary) {
+        if (entry.first == key) return entry.second;
+    }
+    return none;
+}
+
+bool isKdialog(const std::string& program) {
+    const std::string name = "kdialog";
+    return program.size() >= name.size() &&
+           program.compare(program.size() - name.size(), name.size(), name) == 0;
+}
+
+[[noreturn]] void runProgram(char* const* arguments) {
+    sigset_t none;
+    sigemptyset(&none);
+    sigprocmask(SIG_SETMASK, &none, nullptr);
+    for (int ignored : {SIGCHLD, SIGPIPE, SIGTERM, SIGINT})
+        signal(ignored, SIG_DFL);
+    execv(arguments[0], arguments);
+    _exit(127);
+}
+
+// The helper process: waits for the program's end, or for that of the control pipe, and reports the exit
+// status. Calls only what is allowed between fork and exec.
+[[noreturn]] void watchProgram(char* const* arguments, int control, int answer) {
+    signal(SIGCHLD, SIG_DFL);
+    signal(SIGPIPE, SIG_IGN);
+    sigset_t childEnds;
+    sigemptyset(&childEnds);
+    sigaddset(&childEnds, SIGCHLD);
+    sigprocmask(SIG_BLOCK, &childEnds, nullptr);
+    const int ends = signalfd(-1, &childEnds, SFD_CLOEXEC);
+    const pid_t program = fork();
+    if (program == 0) runProgram(arguments);
+
+    pollfd waited[2] = {{ends, POLLIN, 0}, {control, POLLIN, 0}};
+    while (poll(waited, 2, -1) < 0 && errno == EINTR) {
+    }
+    if (waited[0].revents == 0) kill(program, SIGTERM);
+    int status = 0;
+    waitpid(program, &status, 0);
+    const char code = WIFEXITED(status) ? static_cast<char>(WEXITSTATUS(status)) : static_cast<char>(127);
+    [[maybe_unused]] const ssize_t written = write(answer, &code, 1);
+    _exit(0);
+}
+
+} // namespace
+
+std::vector<std::string> dialogCommand(const std::string& program, const NotificationDictionary& dictionary) {
+    const std::string& header = textOf(dictionary, NotificationKey::alertHeader);
+    const std::string& message = textOf(dictionary, NotificationKey::alertMessage);
+    const std::string& yes = textOf(dictionary, NotificationKey::defaultButtonTitle);
+    const std::string& no = textOf(dictionary, NotificationKey::alternateButtonTitle);
+    if (isKdialog(program)) {
+        std::vector<std::string> command = {program, "--title", header};
+        if (no.empty())
+            command.insert(command.end(), {"--ok-label", yes, "--msgbox", message});
+        else
+            command.insert(command.end(), {"--yes-label", yes, "--no-label", no, "--yesno", message});
+        return command;
+    }
+    std::vector<std::string> command = {program,
+                                        no.empty() ? "--info" : "--question",
+                                        "--no-markup",
+                                        "--title=" + header,
+                                        "--text=" + message,
+                                        "--ok-label=" + yes};
+    if (!no.empty()) command.push_back("--cancel-label=" + no);
+    return command;
+}
+
+std::string findDialogProgram() {
+    if (!std::getenv("DISPLAY") && !std::getenv("WAYLAND_DISPLAY")) return {};
+    const char* path = std::getenv("PATH");
+    for (const char* name : {"zenity", "kdialog"}) {
+        std::string rest = path ? path : "/usr/bin:/bin";
+        while (!rest.empty()) {
+            const std::size_t colon = rest.find(':');
+            const std::string candidate = rest.substr(0, colon) + "/" + name;
+            if (access(candidate.c_str(), X_OK) == 0) return candidate;
+            rest = colon == std::string::npos ? "" : rest.substr(colon + 1);
+        }
+    }
+    return {};
+}
+
+void DialogProgram::start(const NotificationDictionary& dictionary) {
+    const std::string program = findDialogProgram();
+    if (program.empty()) return;
+    std::vector<std::string> command = dialogCommand(program, dictionary);
+    std::vector<char*> arguments;
+    for (std::string& word : command)
+        arguments.push_back(word.data());
+    arguments.push_back(nullptr);
+
+    int control[2];
+    int answer[2];
+    if (pipe2(control, O_CLOEXEC) != 0) return;
+    if (pipe2(answer, O_CLOEXEC) != 0) {
+        close(control[0]);
+        close(control[1]);
+        return;
+    }
+    helper_ = fork();
+    if (helper_ == 0) {
+        close(control[1]);
+        close(answer[0]);
+        watchProgram(arguments.data(), control[0], answer[1]);
+    }
+    close(control[0]);
+    close(answer[1]);
+    control_ = control[1];
+    answer_ = answer[0];
+    if (helper_ < 0) stop();
+}
+
+unsigned long DialogProgram::answer() const {
+    char code = 0;
+    if (read(answer_, &code, 1) != 1) return notificationCancelResponse;
+    if (code == 0) return notificationDefaultResponse;
+    return code == 1 ? notificationAlternateResponse : notificationCancelResponse;
+}
+
+void DialogProgram::stop() {
+    if (control_ >= 0) {
+        // Said in words too: the helper of another dialog may hold this pipe open.
+        [[maybe_unused]] const ssize_t written = write(control_, "", 1);
+        close(control_);
+    }
+    if (answer_ >= 0) close(answer_);
+    // Without a child to ask about, because the system has cleared it away, this comes back at once.
+    if (helper_ > 0) {
+        while (waitpid(helper_, nullptr, 0) < 0 && errno == EINTR) {
+        }
+    }
+    helper_ = 0;
+    control_ = -1;
+    answer_ = -1;
+}
+
+} // namespace platform

@@ -1,0 +1,21 @@
+#include "platform/HardwareRegistry.h"
+
+#include "platform/linux/HardwareUuid.h"
+
+namespace platform {
+namespace {
+
+class LinuxRegistry final : public HardwareRegistry {
+public:
+    std::string platformUUID() override {
+        return hardwareUuid("/sys/class/dmi/id/product_uuid", "/etc/machine-id");
+    }
+};
+
+LinuxRegistry linuxRegistry;
+
+} // namespace
+
+Service<HardwareRegistry> hardwareRegistryService{&linuxRegistry};
+
+} // namespace platform
