@@ -11,7 +11,7 @@ namespace platform {
 template <class Interface>
 class Service {
 public:
-    constexpr explicit Service(Interface* backend) : current_(backend) {}
+    constexpr explicit Service(Interface* backend) : backend_(backend), current_(backend) {}
 
     // The service in force; never null. Any thread.
     Interface& get() const { return *current_.load(std::memory_order_acquire); }
@@ -19,7 +19,11 @@ public:
     // Puts another implementation in force, which must live as long as the process.
     void install(Interface& replacement) { current_.store(&replacement, std::memory_order_release); }
 
+    // The backend of this system, whatever is in force.
+    Interface& backend() const { return *backend_; }
+
 private:
+    Interface* const backend_;
     std::atomic<Interface*> current_;
 };
 
