@@ -1,7 +1,9 @@
 #include "support/RefusingServices.h"
 
 #include "platform/HardwareRegistry.h"
+#include "platform/InterfaceEntries.h"
 #include "platform/NameLookup.h"
+#include "platform/NetworkChanges.h"
 #include "platform/UserDialog.h"
 #include "support/ManualClock.h"
 
@@ -50,9 +52,34 @@ public:
     void release(platform::UserNotification*) override { ADD_FAILURE() << "nobody played the dialogs"; }
 };
 
+class RefusingInterfaceEntries final : public platform::InterfaceEntries {
+public:
+    int open() override {
+        ADD_FAILURE() << "nobody played the interface entries";
+        return -1;
+    }
+
+    bool list(int, char*, int&) override { return false; }
+    void close(int) override {}
+};
+
+class RefusingNetworkChanges final : public platform::NetworkChanges {
+public:
+    Watch* create(const char* name, void (*)(), int& error) override {
+        ADD_FAILURE() << "nobody played the network changes for " << name;
+        error = -1;
+        return nullptr;
+    }
+
+    void run(Watch*) override {}
+    void release(Watch*) override {}
+};
+
 RefusingNameLookup refusingNameLookup;
 RefusingRegistry refusingRegistry;
 RefusingDialog refusingDialog;
+RefusingInterfaceEntries refusingInterfaceEntries;
+RefusingNetworkChanges refusingNetworkChanges;
 
 } // namespace
 
@@ -61,6 +88,8 @@ void installRefusingServices() {
     platform::nameLookupService.install(refusingNameLookup);
     platform::hardwareRegistryService.install(refusingRegistry);
     platform::userDialogService.install(refusingDialog);
+    platform::interfaceEntriesService.install(refusingInterfaceEntries);
+    platform::networkChangesService.install(refusingNetworkChanges);
 }
 
 } // namespace testsupport

@@ -1,0 +1,351 @@
+#include "gp/GPDOMElement.h"
+
+#include "gp/GPArray.h"
+#include "gp/GPMap.h"
+#include "gp/GPString.h"
+#include "gp/Owned.h"
+
+#include <algorithm>
+#include <cstring>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace {
+
+constexpr char const* propertyListType =
+    "plist PUBLIC \"-//Apple//DTD PLIST 1.0//EN\" \"http://www.apple.com/DTDs/PropertyList-1.0.dtd\"";
+
+int references(GPObject* object) {
+    object->retainonly();
+    return object->releaseonly();
+}
+
+GPDOMElement* childAt(GPArray* children, int index) {
+    return static_cast<GPDOMElement*>(children->objectAtIndex(index));
+}
+
+// Calls `visit` for the element and everything below it in document order, until it answers false. Without
+// recursion, since the depth comes from foreign text.
+template <class Visit>
+void walk(GPDOMElement* top, Visit visit) {
+    std::vector<GPDOMElement*> ahead{top};
+    while (!ahead.empty()) {
+        GPDOMElement* element = ahead.back();
+        ahead.pop_back();
+        if (!visit(element)) return;
+        if (!element->children) continue;
+        for (int i = element->children->count() - 1; i >= 0; --i)
+            ahead.push_back(childAt(element->children, i));
+    }
+}
+
+// Every quote goes, whatever GPString::replace would leave behind a second match.
+std::string withoutQuotes(std::string text) {
+    text.erase(std::remove_if(text.begin(), text.end(), [](char c) { return c == '"' || c == '\''; }),
+               text.end());
+    return text;
+}
+
+// Attributes are split at blanks alone, so a value that holds a blank is cut there.
+GPMap* readAttributes(const std::string& text) {
+    Owned<GPString> whole = Owned<GPString>::adopt(new GPString(text.c_str()));
+    Owned<GPArray> pieces = Owned<GPArray>::adopt(whole->split(" "));
+    if (pieces->count() == 0) return nullptr;
+    auto* attributes = new GPMap(pieces->count());
+    for (int i = 0; i < pieces->count(); ++i) {
+        const std::string piece = static_cast<GPString*>(pieces->objectAtIndex(i))->cstr();
+        const auto equals = piece.find('=');
+        if (equals == std::string::npos || equals == 0) continue;
+        attributes->setObject(new GPString(withoutQuotes(piece.substr(equals + 1)).c_str()),
+                              piece.substr(0, equals).c_str());
+    }
+    return attributes;
+}
+
+GPString* copyOf(const char* text, std::size_t length) {
+    return new GPString(std::string(text, length).c_str());
+}
+
+bool isEmpty(GPString* text) { return !text || text->length() == 0; }
+bool isEmpty(GPArray* array) { return !array || array->count() == 0; }
+
+// Writes a tree as text, without recursion.
+class TreeWriter {
+public:
+    TreeWriter(bool pretty, bool shortClose) : pretty_(pretty), shortClose_(shortClose) {}
+
+    void write(GPDOMElement* top) {
+        std::vector<Open> open;
+        if (start(top, 0)) open.push_back({top, 0});
+        while (!open.empty()) {
+            Open& innermost = open.back();
+            GPArray* children = innermost.element->children;
+            if (!children || innermost.nextChild >= children->count()) {
+                finish(innermost.element, open.size() - 1);
+                open.pop_back();
+                continue;
+            }
+            GPDOMElement* child = childAt(children, innermost.nextChild++);
+            if (start(child, open.size())) open.push_back({child, 0});
+        }
+    }
+
+    std::string text;
+
+private:
+    struct Open {
+        GPDOMElement* element;
+        int nextChild;
+    };
+
+    // False for an element that was written whole as one tag.
+    bool start(GPDOMElement* element, std::size_t depth) {
+        indent(depth);
+        text += '<';
+        text += element->name->cstr();
+        writeAttributes(element->attributes);
+        if (shortClose_ && isEmpty(element->value) && isEmpty(element->children)) {
+            text += "/>\n";
+            // Deliberate: this indent stands in the next sibling's line, which gets too many tabs.
+            indent(depth);
+            return false;
+        }
+        text += '>';
+        text += element->value ? element->value->cstr() : "\n";
+        return true;
+    }
+
+    void finish(GPDOMElement* element, std::size_t depth) {
+        if (!element->value) indent(depth);
+        text += "</";
+        text += element->name->cstr();
+        text += ">\n";
+    }
+
+    void writeAttributes(GPMap* attributes) {
+        if (!attributes) return;
+        for (char const* key = attributes->firstKey(); key; key = attributes->nextKey()) {
+            text += ' ';
+            text += key;
+            text += "=\"";
+            text += static_cast<GPString*>(attributes->objectForKey(key))->cstr();
+            text += '"';
+        }
+    }
+
+    void indent(std::size_t depth) {
+        if (pretty_) text.append(depth, '\t');
+    }
+
+    const bool pretty_;
+    const bool shortClose_;
+};
+
+std::string documentHead(const char* doctype) {
+    return std::string("<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<!DOCTYPE ") + doctype + ">\n";
+}
+
+} // namespace
+
+GPDOMElement::~GPDOMElement() {
+    if (name) name->release();
+    if (attributes) attributes->release();
+    if (value) value->release();
+    if (!children) return;
+    // Arrays whose elements go with them are emptied from the top down, so that a deep tree does not go by
+    // recursion.
+    std::vector<GPArray*> going{children};
+    while (!going.empty()) {
+        GPArray* array = going.back();
+        going.pop_back();
+        if (references(array) == 1)
+            for (int i = 0; i < array->count(); ++i) {
+                GPDOMElement* child = childAt(array, i);
+                if (child->children && references(child) == 1)
+                    going.push_back(std::exchange(child->children, nullptr));
+            }
+        array->release();
+    }
+}
+
+char const* GPDOMElement::cclassName() { return "GPDOMElement"; }
+
+GPDOMElement* GPDOMElement::createElement(const char* name) { return createElement(name, nullptr, nullptr); }
+
+GPDOMElement* GPDOMElement::createElement(const char* name, GPMap* attributes) {
+    return createElement(name, attributes, nullptr);
+}
+
+GPDOMElement* GPDOMElement::createElement(const char* name, GPMap* attributes, const char* value) {
+    auto* element = new GPDOMElement;
+    element->name = new GPString(name);
+    if (attributes) attributes->retain();
+    element->attributes = attributes;
+    if (value) element->value = new GPString(value);
+    return element;
+}
+
+// `tag` starts with one character that is skipped and ends with ">".
+GPDOMElement* GPDOMElement::parseElement(const char* tag, std::size_t length) {
+    auto* element = new GPDOMElement;
+    element->children = new GPArray;
+    const auto* blank = static_cast<const char*>(std::memchr(tag, ' ', length));
+    if (!blank) {
+        element->name = copyOf(tag + 1, length - 2);
+        return element;
+    }
+    const auto nameEnd = static_cast<std::size_t>(blank - tag);
+    element->name = copyOf(tag + 1, nameEnd - 1);
+    const std::size_t end = tag[length - 2] == '/' ? length - 2 : length - 1;
+    element->attributes = readAttributes(std::string(blank + 1, end - nameEnd - 1));
+    return element;
+}
+
+GPDOMElement* GPDOMElement::parse(const char* text) {
+    if (!text) return nullptr;
+    const std::string copy = text;
+    GPDOMElement* root = nullptr;
+    GPDOMElement* current = nullptr;
+    std::vector<Owned<GPDOMElement>> unattached; // further top-level elements, which are not returned
+    std::size_t position = 0;
+    while (true) {
+        const std::size_t open = copy.find('<', position);
+        if (open == std::string::npos) break;
+        const std::size_t close = copy.find('>', open);
+        if (close == std::string::npos) break;
+        position = close + 1;
+
+        const char kind = copy[open + 1];
+        if (kind == '!' || kind == '?') continue;
+        if (kind == '/') {
+            if (!current) continue;
+            auto tag = Owned<GPDOMElement>::adopt(parseElement(&copy[open + 1], position - open - 1));
+            if (tag->name->isEqual(current->name) && current->children->count() == 0) {
+                const auto from = static_cast<std::size_t>(current->valueStart);
+                current->value = copyOf(&copy[from], open - from);
+            }
+            // Deliberate: an end tag of another name closes a level just as well.
+            current = current->parent;
+            continue;
+        }
+
+        GPDOMElement* element = parseElement(&copy[open], position - open);
+        element->valueStart = static_cast<std::int32_t>(position);
+        if (!root) {
+            root = element;
+        } else {
+            element->parent = current;
+            if (current) {
+                current->children->addObject(element);
+                element->release();
+            } else {
+                unattached.push_back(Owned<GPDOMElement>::adopt(element));
+            }
+        }
+        if (copy[close - 1] != '/') {
+            current = element;
+            continue;
+        }
+        std::string selfClosed = element->name->cstr();
+        selfClosed.erase(std::remove(selfClosed.begin(), selfClosed.end(), '/'), selfClosed.end());
+        element->name->reset(selfClosed.c_str());
+        // Deliberate: behind a self-closed child the scanner goes one level higher than the element that
+        // contains it. Readers search the whole tree and do not notice.
+        if (current && current->parent) current = current->parent;
+    }
+    return root;
+}
+
+bool GPDOMElement::addElement(GPDOMElement* child) {
+    if (!children) children = new GPArray;
+    children->addObject(child);
+    return true;
+}
+
+GPDOMElement* GPDOMElement::findElement(const char* wanted) {
+    GPDOMElement* found = nullptr;
+    walk(this, [&](GPDOMElement* element) {
+        if (element->name->isEqual(wanted)) found = element;
+        return !found;
+    });
+    return found;
+}
+
+GPArray* GPDOMElement::findElements(const char* wanted) {
+    auto* found = new GPArray;
+    walk(this, [&](GPDOMElement* element) {
+        if (element->name->isEqual(wanted)) found->addObject(element);
+        return true;
+    });
+    return found;
+}
+
+bool GPDOMElement::holds(GPDOMElement* wanted) {
+    bool found = false;
+    walk(this, [&](GPDOMElement* element) {
+        found = element == wanted;
+        return !found;
+    });
+    return found;
+}
+
+// Every array that is searched takes a reference of the element, found or not; that is how GPArray removes.
+// A vain search leaves `kept` references, those of the tree and of the caller that still point at the
+// element, and the search ends when no reference is left.
+bool GPDOMElement::searchAndRemove(GPDOMElement* element, int kept) {
+    const auto alive = Owned<GPDOMElement>::retain(element);
+    const auto left = [&] { return references(element) - 1; };
+    bool isDirectChild = false;
+    std::vector<GPDOMElement*> ahead{this};
+    while (!ahead.empty() && left() > 0) {
+        GPDOMElement* searched = ahead.back();
+        ahead.pop_back();
+        GPArray* among = searched->children;
+        if (!among) continue;
+        if (among->indexOfObject(element) >= 0) {
+            among->removeObject(element);
+            isDirectChild = searched == this;
+            if (isDirectChild) break;
+            continue;
+        }
+        if (left() > kept) among->removeObject(element);
+        for (int i = among->count() - 1; i >= 0; --i)
+            ahead.push_back(childAt(among, i));
+    }
+    return isDirectChild;
+}
+
+bool GPDOMElement::removeElement(GPDOMElement* element) {
+    if (!element) return false;
+    return searchAndRemove(element, holds(element) ? 1 : 0);
+}
+
+bool GPDOMElement::removeElement(const char* wanted) {
+    GPDOMElement* found = findElement(wanted);
+    if (!found) return false;
+    removeElement(found);
+    return true;
+}
+
+bool GPDOMElement::removeElements(const char* wanted) {
+    auto found = Owned<GPArray>::adopt(findElements(wanted));
+    for (int i = 0; i < found->count(); ++i)
+        searchAndRemove(childAt(found.get(), i), 2);
+    return true;
+}
+
+GPString* GPDOMElement::convertToString(bool pretty, const char* doctype, bool shortClose) {
+    TreeWriter writer(pretty, shortClose);
+    if (doctype) writer.text = documentHead(doctype);
+    writer.write(this);
+    return new GPString(writer.text.c_str());
+}
+
+GPString* GPDOMElement::convertToPlist(bool pretty) {
+    auto version = Owned<GPMap>::adopt(new GPMap);
+    version->setObject(GPString::staticstring("1.0"), "version");
+    auto plist = Owned<GPDOMElement>::adopt(createElement("plist", version.get()));
+    plist->addElement(this);
+    return plist->convertToString(pretty, propertyListType, true);
+}
