@@ -1,0 +1,20 @@
+#pragma once
+
+// Runs an operation in a forked child, for operations that never end or that would harm the test's own
+// process. The child is killed when the question is answered.
+
+#include <functional>
+#include <string>
+
+namespace testsupport {
+
+// Whether the operation is still not done after a short while.
+bool neverEnds(const std::function<void()>& operation);
+
+// Whether the operation comes to its end.
+bool comesToItsEnd(const std::function<void()>& operation);
+
+// What the operation answers; "(no answer)" when it does not come to its end.
+std::string answerOfChild(const std::function<std::string()>& operation);
+
+} // namespace testsupport
