@@ -1,0 +1,267 @@
+#include "lab/AgentStandIn.h"
+
+#include "platform/ByteOrder.h"
+
+#include <fmt/format.h>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <utility>
+
+namespace lab {
+namespace {
+
+constexpr std::size_t headerSize = 12;
+constexpr std::size_t largestFrame = 1 << 20;
+
+enum FrameType : std::uint32_t { policyFrame = 1, logonFrame = 3, configurationFrame = 5 };
+
+constexpr char hostLookupError[] = R"({"error":"TW Host lookup timeout"})";
+constexpr char nonsense[] = "<<<this is no answer>>>";
+
+constexpr char blockPage[] = "<!doctype html><title>Blocked</title><h1>This page is blocked</h1>\n";
+
+std::int64_t realMilliseconds() {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(
+               std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+}
+
+int listenOn(int port) {
+    const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const int on = 1;
+    setsockopt(listener, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<std::uint16_t>(port));
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    if (bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
+        ::listen(listener, 16) != 0) {
+        const int error = errno;
+        close(listener);
+        throw InputError(fmt::format("127.0.0.1:{}: {} (is an agent or another lab running?)", port,
+                                     std::strerror(error)));
+    }
+    return listener;
+}
+
+// The URL stands between the fixed beginning and the fixed end of the body; the daemon escapes nothing, so
+// the body need not be JSON.
+std::string urlOf(const std::string& body) {
+    constexpr std::size_t front = sizeof(R"({"url":")") - 1;
+    constexpr std::size_t back = sizeof(R"("})") - 1;
+    return body.size() < front + back ? "" : body.substr(front, body.size() - front - back);
+}
+
+} // namespace
+
+AgentStandIn::AgentStandIn(Policy policy, bool ownTime) : policy_(std::move(policy)), ownTime_(ownTime) {}
+
+AgentStandIn::~AgentStandIn() { stop(); }
+
+void AgentStandIn::listen() {
+    linkListener_ = listenOn(linkPort);
+    pageListener_ = listenOn(pagePort);
+    wakeUp_ = eventfd(0, EFD_CLOEXEC);
+}
+
+void AgentStandIn::start() { thread_ = std::thread(&AgentStandIn::serve, this); }
+
+void AgentStandIn::stop() {
+    if (thread_.joinable()) {
+        const std::uint64_t one = 1;
+        if (write(wakeUp_, &one, sizeof one) == sizeof one) thread_.join();
+    }
+    closeLink();
+    for (int* descriptor : {&linkListener_, &pageListener_, &wakeUp_}) {
+        if (*descriptor >= 0) close(*descriptor);
+        *descriptor = -1;
+    }
+}
+
+std::vector<int> AgentStandIn::descriptors() const { return {linkListener_, pageListener_, wakeUp_}; }
+
+AgentStandIn::Counters AgentStandIn::counters() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return counters_;
+}
+
+std::vector<Question> AgentStandIn::takeQuestions() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return std::exchange(questions_, {});
+}
+
+std::vector<AgentStandIn::SlowAnswer> AgentStandIn::takeSlow() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    std::vector<SlowAnswer> taken(slow_.begin(), slow_.end());
+    slow_.clear();
+    return taken;
+}
+
+void AgentStandIn::sendSlow(const SlowAnswer& answer) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    sendFrame(policyFrame, answer.sequence, "{}");
+    ++counters_.answers;
+    changed_.notify_all();
+}
+
+void AgentStandIn::serve() {
+    for (;;) {
+        int link;
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            link = link_;
+        }
+        pollfd waiting[] = {
+            {wakeUp_, POLLIN, 0}, {linkListener_, POLLIN, 0}, {pageListener_, POLLIN, 0}, {link, POLLIN, 0}};
+        if (poll(waiting, 4, ownTime_ ? 10 : -1) < 0 && errno != EINTR) return;
+        if (waiting[0].revents) return;
+        if (waiting[3].revents) readLink(link);
+        if (waiting[1].revents) acceptLink();
+        if (waiting[2].revents) servePage();
+        if (ownTime_) sendDueSlow();
+    }
+}
+
+void AgentStandIn::acceptLink() {
+    const int accepted = accept4(linkListener_, nullptr, nullptr, SOCK_CLOEXEC);
+    if (accepted < 0) return;
+    std::lock_guard<std::mutex> lock(mutex_);
+    closeLink();
+    link_ = accepted;
+    received_.clear();
+}
+
+void AgentStandIn::readLink(int link) {
+    char buffer[65536];
+    const ssize_t count = recv(link, buffer, sizeof buffer, 0);
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (link != link_) return;
+    if (count <= 0) {
+        closeLink();
+        return;
+    }
+    received_.append(buffer, static_cast<std::size_t>(count));
+    while (link_ >= 0 && received_.size() >= headerSize) {
+        const std::size_t length = platform::readBig32(received_.data());
+        if (length < headerSize || length > largestFrame) {
+            closeLink();
+            return;
+        }
+        if (received_.size() < length) return;
+        const std::uint32_t type = platform::readBig32(received_.data() + 4);
+        const std::uint32_t sequence = platform::readBig32(received_.data() + 8);
+        const std::string body = received_.substr(headerSize, length - headerSize);
+        received_.erase(0, length);
+        handleFrame(type, sequence, body);
+    }
+}
+
+void AgentStandIn::handleFrame(std::uint32_t type, std::uint32_t sequence, const std::string& body) {
+    if (type == logonFrame) {
+        ++counters_.logons;
+        for (const std::string& push : policy_.pushes()) {
+            sendFrame(configurationFrame, nextSequence_++, push);
+            ++counters_.pushes;
+        }
+    }
+    if (type == policyFrame) answer(sequence, urlOf(body));
+    changed_.notify_all();
+}
+
+void AgentStandIn::answer(std::uint32_t sequence, const std::string& url) {
+    const auto due = repeatsDue_.find(url);
+    const bool repeated = due != repeatsDue_.end();
+    if (repeated && --due->second == 0) repeatsDue_.erase(due);
+    const Decision decision = policy_.decide(url);
+    ++counters_.questions;
+    if (repeated) ++counters_.repeats;
+    questions_.push_back({url, decision, repeated});
+
+    switch (decision.action) {
+        case Action::allow:
+            sendFrame(policyFrame, sequence, "{}");
+            ++counters_.answers;
+            break;
+        case Action::block:
+            sendFrame(policyFrame, sequence, "{\"redirect\":\"" + decision.redirect + "\"}");
+            ++counters_.answers;
+            break;
+        case Action::garble:
+            sendFrame(policyFrame, sequence, nonsense);
+            ++counters_.answers;
+            break;
+        case Action::retry:
+            ++repeatsDue_[url];
+            ++counters_.retriesSent;
+            sendFrame(policyFrame, sequence, hostLookupError);
+            break;
+        case Action::slow:
+            if (ownTime_)
+                timedSlow_.push_back({realMilliseconds() + decision.milliseconds, {sequence, url, 0}});
+            else
+                slow_.push_back({sequence, url, decision.milliseconds});
+            break;
+        case Action::drop:
+            closeLink();
+            ++counters_.answers;
+            ++counters_.drops;
+            break;
+        case Action::silent:
+            break;
+    }
+}
+
+void AgentStandIn::sendFrame(std::uint32_t type, std::uint32_t sequence, const std::string& body) {
+    if (link_ < 0) return;
+    std::string frame(headerSize, '\0');
+    platform::writeBig32(&frame[0], static_cast<std::uint32_t>(headerSize + body.size()));
+    platform::writeBig32(&frame[4], type);
+    platform::writeBig32(&frame[8], sequence);
+    frame += body;
+    if (send(link_, frame.data(), frame.size(), MSG_NOSIGNAL) < 0) closeLink();
+}
+
+void AgentStandIn::sendDueSlow() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    const std::int64_t now = realMilliseconds();
+    const auto due = std::stable_partition(timedSlow_.begin(), timedSlow_.end(),
+                                           [now](const auto& entry) { return entry.first <= now; });
+    for (auto entry = timedSlow_.begin(); entry != due; ++entry) {
+        sendFrame(policyFrame, entry->second.sequence, "{}");
+        ++counters_.answers;
+    }
+    if (due != timedSlow_.begin()) changed_.notify_all();
+    timedSlow_.erase(timedSlow_.begin(), due);
+}
+
+void AgentStandIn::closeLink() {
+    if (link_ >= 0) close(link_);
+    link_ = -1;
+}
+
+void AgentStandIn::servePage() {
+    const int client = accept4(pageListener_, nullptr, nullptr, SOCK_CLOEXEC);
+    if (client < 0) return;
+    char request[4096];
+    pollfd readable{client, POLLIN, 0};
+    if (poll(&readable, 1, 1000) == 1 && recv(client, request, sizeof request, 0) > 0) {
+        const std::string page =
+            fmt::format("HTTP/1.1 200 OK\r\nContent-Type: text/html\r\nContent-Length: {}\r\n"
+                        "Connection: close\r\n\r\n{}",
+                        std::strlen(blockPage), blockPage);
+        send(client, page.data(), page.size(), MSG_NOSIGNAL);
+    }
+    close(client);
+}
+
+} // namespace lab

@@ -1,0 +1,116 @@
+#pragma once
+
+// The stand-in agent: TCP 127.0.0.1:3456 with the agent's frames, and the block page on port 6543. A thread of
+// its own serves both; a policy decides the answers. The counters say what has happened on the link, so that
+// a replay can wait until every question has had its chance.
+
+#include "lab/Policy.h"
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace lab {
+
+// One question about a URL, as the agent saw it.
+struct Question {
+    std::string url;
+    Decision decision;
+    bool repeated = false; // asked again after a host-lookup error
+};
+
+class AgentStandIn {
+public:
+    static constexpr int linkPort = 3456;
+    static constexpr int pagePort = 6543;
+
+    // With `ownTime` a slow answer leaves after real time; otherwise it waits for releaseSlow.
+    AgentStandIn(Policy policy, bool ownTime);
+    ~AgentStandIn();
+
+    AgentStandIn(const AgentStandIn&) = delete;
+    AgentStandIn& operator=(const AgentStandIn&) = delete;
+
+    // Binds both ports. Throws InputError when one is taken.
+    void listen();
+
+    // Starts serving; `listen` comes first.
+    void start();
+
+    // Ends the thread and closes the sockets.
+    void stop();
+
+    // Descriptors that a forked child has no use for.
+    std::vector<int> descriptors() const;
+
+    struct Counters {
+        long questions = 0;   // policy frames received
+        long repeats = 0;     // of these, asked again after a host-lookup error
+        long retriesSent = 0; // host-lookup errors sent
+        long answers = 0;     // answers that end a question, links closed instead of an answer included
+        long logons = 0;      // logon frames received
+        long drops = 0;       // of these, links closed instead of an answer
+        long pushes = 0;      // configuration frames sent
+    };
+    Counters counters();
+
+    // The questions since the last call, in the order of asking.
+    std::vector<Question> takeQuestions();
+
+    // Slow answers that wait, oldest first: the URL and its delay. Hands them over: the caller plays the time
+    // and then calls sendSlow with the ticket.
+    struct SlowAnswer {
+        std::uint32_t sequence;
+        std::string url;
+        long milliseconds;
+    };
+    std::vector<SlowAnswer> takeSlow();
+    void sendSlow(const SlowAnswer& answer);
+
+    // Blocks until `done` holds for the counters, looked at after each event; false after that many real
+    // milliseconds.
+    template <class Condition>
+    bool waitUntil(Condition done, int milliseconds) {
+        std::unique_lock<std::mutex> lock(mutex_);
+        return changed_.wait_for(lock, std::chrono::milliseconds(milliseconds),
+                                 [&] { return done(counters_); });
+    }
+
+private:
+    void serve();
+    void acceptLink();
+    void readLink(int link);
+    void handleFrame(std::uint32_t type, std::uint32_t sequence, const std::string& body);
+    void answer(std::uint32_t sequence, const std::string& url);
+    void sendFrame(std::uint32_t type, std::uint32_t sequence, const std::string& body);
+    void sendDueSlow();
+    void closeLink();
+    void servePage();
+
+    Policy policy_;
+    const bool ownTime_;
+
+    std::mutex mutex_; // guards all below but the descriptors that only the thread touches
+    std::condition_variable changed_;
+    Counters counters_;
+    std::vector<Question> questions_;
+    std::map<std::string, int> repeatsDue_;
+    std::deque<SlowAnswer> slow_;
+    std::deque<std::pair<std::int64_t, SlowAnswer>> timedSlow_;
+    std::uint32_t nextSequence_ = 0x80000000;
+    int link_ = -1;
+
+    int linkListener_ = -1;
+    int pageListener_ = -1;
+    int wakeUp_ = -1;
+    std::string received_;
+    std::thread thread_;
+};
+
+} // namespace lab

@@ -1,0 +1,58 @@
+#pragma once
+
+// The daemon under test: the shipped program in a forked child, under a scratch root and on a played clock,
+// its output read line by line.
+
+#include "lab/PlayedClock.h"
+#include "lab/ScratchRoot.h"
+
+#include <condition_variable>
+#include <cstdio>
+#include <mutex>
+#include <string>
+#include <sys/types.h>
+#include <thread>
+#include <vector>
+
+namespace lab {
+
+class DaemonProcess {
+public:
+    DaemonProcess(const ScratchRoot& root, PlayedClock& clock);
+    ~DaemonProcess();
+
+    DaemonProcess(const DaemonProcess&) = delete;
+    DaemonProcess& operator=(const DaemonProcess&) = delete;
+
+    // Forks; the child closes `foreign` and runs the daemon with its log echoed. To be called before any
+    // thread is started.
+    void start(const std::vector<int>& foreign);
+
+    // Asks the daemon to end, kills it after two seconds, and waits for it.
+    void stop();
+
+    bool running();
+    pid_t pid() const { return pid_; }
+
+    // How many queries the daemon has resolved so far, with or without an open record.
+    long resolved();
+
+    // Waits until `resolved` is at least `count`; false after that many real milliseconds.
+    bool waitForResolved(long count, int milliseconds);
+
+private:
+    [[noreturn]] void runChild(int output, const std::vector<int>& foreign);
+    void readOutput(int output);
+    void takeLine(const std::string& line);
+
+    const ScratchRoot& root_;
+    PlayedClock& clock_;
+    pid_t pid_ = -1;
+    std::thread reader_;
+
+    std::mutex mutex_; // guards resolved_
+    std::condition_variable changed_;
+    long resolved_ = 0;
+};
+
+} // namespace lab

@@ -1,0 +1,156 @@
+#include "lab/ExtensionStandIn.h"
+
+#include "platform/ByteOrder.h"
+
+#include <fmt/format.h>
+
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <stdexcept>
+
+namespace lab {
+namespace {
+
+constexpr std::size_t recordHeaderSize = 24;
+constexpr std::size_t largestRecord = 65535;
+constexpr const char* controlNames[2] = {"twFernhill_inkext", "twFernhill_outkext"};
+
+enum Option : std::uint32_t { logLevelOption = 70, versionOption = 201, statisticsOption = 224 };
+constexpr std::uint32_t getOperation = 2;
+constexpr std::uint32_t largestStatistics = 2000;
+
+int listenAt(const std::string& path) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    if (path.size() >= sizeof address.sun_path)
+        throw std::runtime_error(fmt::format("{}: too long for a socket's name", path));
+    std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
+    unlink(path.c_str());
+    const int listener = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+    if (bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
+        ::listen(listener, 16) != 0) {
+        const int error = errno;
+        close(listener);
+        throw std::runtime_error(fmt::format("{}: {}", path, std::strerror(error)));
+    }
+    return listener;
+}
+
+bool waitReadable(int descriptor, int milliseconds) {
+    pollfd waiting{descriptor, POLLIN, 0};
+    return poll(&waiting, 1, milliseconds) == 1;
+}
+
+} // namespace
+
+ExtensionStandIn::ExtensionStandIn(std::string root, std::int32_t version)
+    : root_(std::move(root)), version_(version) {}
+
+ExtensionStandIn::~ExtensionStandIn() { stop(); }
+
+void ExtensionStandIn::listen() {
+    for (int i = 0; i < 2; ++i) {
+        const std::string path = root_ + "/var/run/fernhill/" + controlNames[i];
+        listeners_[i] = listenAt(path);
+        optionListeners_[i] = listenAt(path + ".options");
+    }
+    wakeUp_ = eventfd(0, EFD_CLOEXEC);
+}
+
+void ExtensionStandIn::start() { thread_ = std::thread(&ExtensionStandIn::serveOptions, this); }
+
+bool ExtensionStandIn::waitForDaemon(int milliseconds) {
+    for (int i = 0; i < 2; ++i) {
+        if (!waitReadable(listeners_[i], milliseconds)) return false;
+        channels_[i] = accept4(listeners_[i], nullptr, nullptr, SOCK_CLOEXEC);
+        if (channels_[i] < 0) return false;
+    }
+    return true;
+}
+
+std::optional<sysctl_result> ExtensionStandIn::present(Direction direction, const std::vector<char>& packet,
+                                                       int milliseconds) {
+    const int channel = channels_[direction == Direction::in ? 0 : 1];
+    const std::uint64_t id = nextId_++;
+    record_.assign(recordHeaderSize, 0);
+    platform::writeNative(record_.data(), id);
+    const std::size_t room = largestRecord - recordHeaderSize;
+    record_.insert(record_.end(), packet.begin(),
+                   packet.begin() + static_cast<std::ptrdiff_t>(std::min(packet.size(), room)));
+    if (send(channel, record_.data(), record_.size(), MSG_NOSIGNAL) < 0) return {};
+
+    sysctl_result result{};
+    if (!waitReadable(channel, milliseconds)) return {};
+    if (recv(channel, &result, sizeof result, 0) != sizeof result) return {};
+    std::uint64_t answered = 0;
+    std::memcpy(&answered, &result.packetId, sizeof answered);
+    if (answered != id) return {};
+    return result;
+}
+
+void ExtensionStandIn::stop() {
+    if (thread_.joinable()) {
+        const std::uint64_t one = 1;
+        if (write(wakeUp_, &one, sizeof one) == sizeof one) thread_.join();
+    }
+    for (int* descriptors : {listeners_, optionListeners_, channels_}) {
+        for (int i = 0; i < 2; ++i) {
+            if (descriptors[i] >= 0) close(descriptors[i]);
+            descriptors[i] = -1;
+        }
+    }
+    if (wakeUp_ >= 0) close(wakeUp_);
+    wakeUp_ = -1;
+}
+
+std::vector<int> ExtensionStandIn::descriptors() const {
+    return {listeners_[0], listeners_[1], optionListeners_[0], optionListeners_[1], wakeUp_};
+}
+
+void ExtensionStandIn::serveOptions() {
+    for (;;) {
+        pollfd waiting[] = {
+            {wakeUp_, POLLIN, 0}, {optionListeners_[0], POLLIN, 0}, {optionListeners_[1], POLLIN, 0}};
+        if (poll(waiting, 3, -1) < 0 && errno != EINTR) return;
+        if (waiting[0].revents) return;
+        for (int i = 1; i < 3; ++i) {
+            if (!waiting[i].revents) continue;
+            const int client = accept4(waiting[i].fd, nullptr, nullptr, SOCK_CLOEXEC);
+            if (client < 0) continue;
+            answerOption(client);
+            close(client);
+        }
+    }
+}
+
+void ExtensionStandIn::answerOption(int client) const {
+    char request[4096];
+    if (!waitReadable(client, 1000) || recv(client, request, sizeof request, 0) < 12) return;
+    const auto operation = platform::readNative<std::uint32_t>(request);
+    const auto option = platform::readNative<std::uint32_t>(request + 4);
+    const auto length = platform::readNative<std::uint32_t>(request + 8);
+
+    std::string value;
+    std::int32_t status = 0;
+    if (operation == getOperation && option == versionOption) {
+        value.assign(reinterpret_cast<const char*>(&version_), sizeof version_);
+    } else if (operation == getOperation && option == statisticsOption) {
+        value.assign(std::min(length, largestStatistics), '\0');
+    } else if (option != logLevelOption) {
+        status = ENOPROTOOPT;
+    }
+    std::string answer(8, '\0');
+    platform::writeNative(&answer[0], status);
+    platform::writeNative(&answer[4], static_cast<std::uint32_t>(value.size()));
+    answer += value;
+    send(client, answer.data(), answer.size(), MSG_NOSIGNAL);
+}
+
+} // namespace lab

@@ -1,0 +1,62 @@
+#pragma once
+
+// The stand-in for the kernel extension: serves both control sockets of a root folder, answers their options,
+// presents packet records to the daemon and takes its result records.
+
+#include "packet/SysctlResult.h"
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace lab {
+
+enum class Direction { in, out };
+
+class ExtensionStandIn {
+public:
+    // Serves under `root`; `version` is what option 201 answers.
+    explicit ExtensionStandIn(std::string root, std::int32_t version = 8);
+    ~ExtensionStandIn();
+
+    ExtensionStandIn(const ExtensionStandIn&) = delete;
+    ExtensionStandIn& operator=(const ExtensionStandIn&) = delete;
+
+    // Makes the sockets, so that the control names are known. Throws std::runtime_error.
+    void listen();
+
+    // Starts answering options; `listen` comes first.
+    void start();
+
+    // Waits until the daemon has connected both controls; false after that many real milliseconds.
+    bool waitForDaemon(int milliseconds);
+
+    // Presents one packet and waits for its result record; nothing when the daemon did not answer within
+    // that many real milliseconds, or answered with another record.
+    std::optional<sysctl_result> present(Direction direction, const std::vector<char>& packet,
+                                         int milliseconds);
+
+    // Closes all sockets and ends the thread.
+    void stop();
+
+    // Descriptors that a forked child has no use for.
+    std::vector<int> descriptors() const;
+
+private:
+    void serveOptions();
+    void answerOption(int client) const;
+
+    std::string root_;
+    std::int32_t version_;
+    int listeners_[2] = {-1, -1};
+    int optionListeners_[2] = {-1, -1};
+    int channels_[2] = {-1, -1};
+    int wakeUp_ = -1;
+    std::uint64_t nextId_ = 1;
+    std::vector<char> record_;
+    std::thread thread_;
+};
+
+} // namespace lab

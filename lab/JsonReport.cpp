@@ -1,0 +1,78 @@
+#include "lab/JsonReport.h"
+
+#include <fmt/format.h>
+#include <nlohmann/json.hpp>
+
+#include <cerrno>
+#include <cstring>
+
+namespace lab {
+namespace {
+
+// Text of unknown encoding as JSON text: each byte becomes the character of that number.
+std::string latin1(const std::string& bytes) {
+    std::string text;
+    for (const char byte : bytes) {
+        const auto value = static_cast<unsigned char>(byte);
+        if (value < 0x80) {
+            text += byte;
+        } else {
+            text += static_cast<char>(0xc0 | value >> 6);
+            text += static_cast<char>(0x80 | (value & 0x3f));
+        }
+    }
+    return text;
+}
+
+} // namespace
+
+std::string redirectUrlOf(const sysctl_result& result) {
+    const auto* text = reinterpret_cast<const char*>(result.redirectUrl);
+    return {text, strnlen(text, sizeof result.redirectUrl)};
+}
+
+std::string jsonRow(const PlayedPacket& played, const std::optional<sysctl_result>& result) {
+    nlohmann::ordered_json row;
+    row["n"] = played.packet.number;
+    row["dir"] = played.outbound ? "out" : "in";
+    row["src"] = played.packet.source.text();
+    row["dst"] = played.packet.destination.text();
+    if (result)
+        row["result"] = result->result;
+    else
+        row["result"] = nullptr;
+    row["presented"] = played.presented;
+    row["urlSeen"] = result ? result->urlSeen : 0;
+    row["redirectIsHttps"] = result ? result->redirectIsHttps : 0;
+    row["redirectUrl"] = result ? latin1(redirectUrlOf(*result)) : "";
+    return row.dump(-1, ' ', true);
+}
+
+JsonReport::JsonReport(const std::string& path) {
+    if (path.empty()) return;
+    owned_ = path != "-";
+    file_ = owned_ ? std::fopen(path.c_str(), "w") : stdout;
+    if (!file_) throw InputError(fmt::format("{}: {}", path, std::strerror(errno)));
+}
+
+JsonReport::~JsonReport() {
+    if (file_ && owned_) std::fclose(file_);
+}
+
+std::size_t JsonReport::reserve() {
+    if (!file_) return 0;
+    rows_.emplace_back();
+    return firstRow_ + rows_.size() - 1;
+}
+
+void JsonReport::fill(const PlayedPacket& played, const std::optional<sysctl_result>& result) {
+    if (!file_) return;
+    rows_[played.row - firstRow_] = jsonRow(played, result);
+    for (; !rows_.empty() && rows_.front(); rows_.pop_front(), ++firstRow_) {
+        std::fputs(rows_.front()->c_str(), file_);
+        std::fputc('\n', file_);
+    }
+    if (rows_.empty()) std::fflush(file_);
+}
+
+} // namespace lab

@@ -1,0 +1,31 @@
+#include "lab/PlayedClock.h"
+
+#include <sys/mman.h>
+
+#include <algorithm>
+#include <chrono>
+#include <new>
+#include <stdexcept>
+#include <thread>
+
+namespace lab {
+namespace {
+
+// How often a sleeping thread looks at the played time.
+constexpr std::int64_t glance = 20000;
+
+} // namespace
+
+PlayedClock::PlayedClock() {
+    void* memory = mmap(nullptr, sizeof *now_, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    if (memory == MAP_FAILED) throw std::runtime_error("no shared memory for the played clock");
+    now_ = new (memory) std::atomic<std::int64_t>(0);
+}
+
+void PlayedClock::sleepFor(std::int64_t microseconds) {
+    const std::int64_t due = *now_ + microseconds;
+    for (std::int64_t left = microseconds; left > 0 && *now_ < due; left -= glance)
+        std::this_thread::sleep_for(std::chrono::microseconds(std::min(left, glance)));
+}
+
+} // namespace lab

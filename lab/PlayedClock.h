@@ -1,0 +1,36 @@
+#pragma once
+
+// The clock of a replayed daemon: it stands at the time that the lab plays. The time lies in memory that both
+// processes share. A sleep ends when its length has passed in played or in real time, whichever is sooner.
+
+#include "platform/Clock.h"
+
+#include <atomic>
+#include <cstdint>
+
+namespace lab {
+
+class PlayedClock final : public platform::Clock {
+public:
+    // Shared by the processes that are forked afterwards.
+    PlayedClock();
+
+    PlayedClock(const PlayedClock&) = delete;
+    PlayedClock& operator=(const PlayedClock&) = delete;
+
+    // Sets the played time, in microseconds since the epoch.
+    void set(std::int64_t microseconds) { *now_ = microseconds; }
+
+    std::int64_t microseconds() override { return *now_; }
+    std::time_t seconds() override { return static_cast<std::time_t>(*now_ / 1000000); }
+    void sleepMicroseconds(unsigned microseconds) override { sleepFor(microseconds); }
+    void sleepSeconds(unsigned seconds) override { sleepFor(std::int64_t{seconds} * 1000000); }
+    std::int64_t eventWaitLimit(int seconds) override { return std::int64_t{seconds} * 1000000; }
+
+private:
+    void sleepFor(std::int64_t microseconds);
+
+    std::atomic<std::int64_t>* now_;
+};
+
+} // namespace lab

@@ -1,0 +1,145 @@
+#include "lab/Policy.h"
+
+#include <fmt/format.h>
+#include <nlohmann/json.hpp>
+
+#include <fstream>
+#include <iterator>
+#include <sstream>
+
+namespace lab {
+namespace {
+
+struct Shape {
+    const char* word;
+    Action action;
+    bool numberFirst;
+    bool redirectLast;
+};
+
+constexpr Shape shapes[] = {
+    {"allow", Action::allow, false, false}, {"block", Action::block, false, true},
+    {"slow", Action::slow, true, false},    {"silent", Action::silent, false, false},
+    {"retry", Action::retry, true, false},  {"garble", Action::garble, false, false},
+    {"drop", Action::drop, false, false},
+};
+
+const Shape* shapeOf(const std::string& word) {
+    for (const Shape& shape : shapes) {
+        if (word == shape.word) return &shape;
+    }
+    return nullptr;
+}
+
+std::vector<std::string> words(const std::string& line) {
+    std::istringstream stream(line);
+    std::vector<std::string> result;
+    for (std::string word; stream >> word;)
+        result.push_back(word);
+    return result;
+}
+
+long positiveNumber(const std::string& word, const std::string& place) {
+    if (word.empty() || word.size() > 9 || word.find_first_not_of("0123456789") != std::string::npos)
+        throw InputError(fmt::format("{}: '{}' is not a whole number", place, word));
+    return std::stol(word);
+}
+
+// The daemon reads a value up to the comma behind it, so no key may stand last.
+std::string pushBody(const std::string& text, const std::string& place) {
+    const auto json = nlohmann::ordered_json::parse(text, nullptr, false);
+    if (!json.is_object())
+        throw InputError(fmt::format("{}: push takes a JSON object, not '{}'", place, text));
+    std::string body = json.dump();
+    body.pop_back();
+    return body + (json.empty() ? "" : ",") + "\"other\":1}";
+}
+
+std::string withoutComment(const std::string& line) {
+    const auto first = line.find_first_not_of(" \t\r");
+    if (first == std::string::npos || line[first] == '#') return "";
+    const auto last = line.find_last_not_of(" \t\r");
+    return line.substr(first, last - first + 1);
+}
+
+} // namespace
+
+bool matches(const std::string& pattern, const std::string& text) {
+    std::size_t p = 0;
+    std::size_t t = 0;
+    std::size_t star = std::string::npos;
+    std::size_t resume = 0;
+    while (t < text.size()) {
+        if (p < pattern.size() && pattern[p] == '*') {
+            star = p++;
+            resume = t;
+        } else if (p < pattern.size() && pattern[p] == text[t]) {
+            ++p;
+            ++t;
+        } else if (star != std::string::npos) {
+            p = star + 1;
+            t = ++resume;
+        } else {
+            return false;
+        }
+    }
+    return pattern.find_first_not_of('*', p) == std::string::npos;
+}
+
+const char* actionName(Action action) {
+    for (const Shape& shape : shapes) {
+        if (shape.action == action) return shape.word;
+    }
+    return "allow";
+}
+
+Policy Policy::load(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    const std::string text((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+    if (file.bad() || !file.is_open())
+        throw InputError(fmt::format("{}: the policy file cannot be read", path));
+    return parse(text, path);
+}
+
+Policy Policy::parse(const std::string& text, const std::string& name) {
+    Policy policy;
+    std::istringstream lines(text);
+    std::string line;
+    for (int number = 1; std::getline(lines, line); ++number) {
+        const std::string content = withoutComment(line);
+        if (!content.empty()) policy.addLine(content, fmt::format("{}:{}", name, number));
+    }
+    return policy;
+}
+
+void Policy::addLine(const std::string& line, const std::string& place) {
+    const std::vector<std::string> parts = words(line);
+    if (parts[0] == "push") {
+        pushes_.push_back(pushBody(line.substr(4), place));
+        return;
+    }
+    const Shape* shape = shapeOf(parts[0]);
+    if (!shape)
+        throw InputError(fmt::format(
+            "{}: '{}' is no rule (allow, block, slow, silent, retry, garble, drop, push)", place, parts[0]));
+    const std::size_t expected = 2 + (shape->numberFirst ? 1 : 0) + (shape->redirectLast ? 1 : 0);
+    if (parts.size() != expected)
+        throw InputError(fmt::format("{}: a rule '{}' reads: {} {}PATTERN{}", place, shape->word, shape->word,
+                                     shape->numberFirst ? "NUMBER " : "",
+                                     shape->redirectLast ? " REDIRECT-URL" : ""));
+    Rule rule{shape->action, parts[shape->numberFirst ? 2 : 1], "", 0, line, {}};
+    if (shape->numberFirst) rule.number = positiveNumber(parts[1], place);
+    if (shape->redirectLast) rule.redirect = parts[2];
+    rules_.push_back(std::move(rule));
+}
+
+Decision Policy::decide(const std::string& url) {
+    for (Rule& rule : rules_) {
+        if (!matches(rule.pattern, url)) continue;
+        if (rule.action == Action::retry && rule.asked[url]++ >= rule.number) continue;
+        return {rule.action, rule.redirect, rule.action == Action::slow ? rule.number : 0, rule.text};
+    }
+    return {};
+}
+
+} // namespace lab

@@ -1,0 +1,359 @@
+#include "lab/Replay.h"
+
+#include "lab/PrivateNetwork.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <limits>
+
+namespace lab {
+namespace {
+
+constexpr int tcp = 6;
+constexpr std::int64_t second = 1000000;
+constexpr int mostRetries = 8;
+constexpr int queryThreads = 30;
+
+// Real milliseconds that the daemon has for an answer, and for a query's way there and back.
+constexpr int answerMilliseconds = 5000;
+constexpr int settleMilliseconds = 5000;
+
+// A connection without packets for that long is reported and forgotten.
+constexpr std::int64_t idleLimit = 300 * second;
+constexpr std::int64_t sweepPeriod = 10 * second;
+
+enum KernelResult { passResult = 0, dropResult = 1, redirectResult = 2, holdResult = 3 };
+
+} // namespace
+
+Replay::Replay(ExtensionStandIn& extension, AgentStandIn& agent, DaemonProcess& daemon, PlayedClock& clock,
+               JsonReport& json, TableReport& table, std::FILE* asked)
+    : extension_(extension), agent_(agent), daemon_(daemon), clock_(clock), json_(json), table_(table),
+      asked_(asked) {}
+
+bool Replay::play(const std::string& path, const CaptureFacts& facts) {
+    Capture capture(path);
+    std::int64_t shift = 0;
+    bool first = true;
+    for (CapturedPacket packet; !daemonGone_ && capture.next(packet);) {
+        // Captures are played one behind the other, and time never runs back between them.
+        if (first && packet.time < now_) shift = now_ - packet.time;
+        packet.time += shift;
+        if (first) start_ = packet.time;
+        first = false;
+        playEventsUntil(packet.time);
+        moveTime(packet.time);
+        handle(std::move(packet), facts);
+        packet = CapturedPacket{};
+        table_.progress(capture.position(), facts.records);
+    }
+    playEventsUntil(std::numeric_limits<std::int64_t>::max());
+    sweep(true);
+    totals_.records += capture.position();
+    totals_.playedMicroseconds += now_ - start_;
+    return !daemonGone_;
+}
+
+void Replay::moveTime(std::int64_t time) {
+    now_ = std::max(now_, time);
+    clock_.set(now_);
+    if (now_ < nextSweep_) return;
+    nextSweep_ = now_ + sweepPeriod;
+    sweep(false);
+}
+
+void Replay::playEventsUntil(std::int64_t time) {
+    while (!daemonGone_ && !events_.empty() && events_.top().time <= time) {
+        const Event event = events_.top();
+        events_.pop();
+        moveTime(event.time);
+        if (event.held) {
+            presentInOrder(event.held);
+        } else {
+            agent_.sendSlow(event.answer);
+            settle();
+        }
+    }
+}
+
+void Replay::handle(CapturedPacket packet, const CaptureFacts& facts) {
+    ++totals_.packets;
+    const std::string& computer = facts.computers[packet.source.address.size() == 16 ? 1 : 0];
+    const bool outbound = packet.source.address == computer;
+    PlayedPacket played{std::move(packet), outbound, json_.reserve(), 0};
+    if (played.packet.protocol != tcp || !played.packet.hasPorts) {
+        const auto result = present(played);
+        count(result);
+        json_.fill(played, result);
+        return;
+    }
+    const ConnectionPointer connection = connectionOf(played.packet, outbound);
+    connection->waiting.push_back(std::move(played));
+    if (!connection->held) presentInOrder(connection);
+}
+
+Replay::ConnectionPointer Replay::connectionOf(const CapturedPacket& packet, bool outbound) {
+    const Endpoint& local = outbound ? packet.source : packet.destination;
+    const Endpoint& remote = outbound ? packet.destination : packet.source;
+    ConnectionPointer& connection = connections_[{local, remote}];
+    const bool opens = packet.syn && !packet.ack;
+    if (!connection || (opens && connection->over() && connection->waiting.empty())) {
+        if (connection && !connection->reported) table_.row(*connection, start_);
+        connection = std::make_shared<Connection>();
+        connection->local = local;
+        connection->remote = remote;
+        connection->first = packet.time;
+        ++totals_.connections;
+    }
+    connection->last = packet.time;
+    ++connection->packets;
+    (outbound ? connection->closedLocally : connection->closedRemotely) |= packet.fin;
+    connection->reset |= packet.rst;
+    return connection;
+}
+
+// Presents what waits until a packet is held or the connection has been redirected.
+void Replay::presentInOrder(const ConnectionPointer& connection) {
+    while (!daemonGone_ && !connection->waiting.empty()) {
+        if (connection->redirected) {
+            skipWaiting(*connection);
+            break;
+        }
+        if (!presentFront(connection)) return;
+    }
+    reportIfOver(*connection);
+}
+
+// Presents the packet in front. False when it is held.
+bool Replay::presentFront(const ConnectionPointer& connection) {
+    const auto result = present(connection->waiting.front());
+    if (result && result->result == holdResult) {
+        if (result->urlSeen) {
+            ++queries_;
+            queriesStarted_.push_back(connection);
+            settle();
+        }
+        if (connection->retries < mostRetries) {
+            hold(connection);
+            return false;
+        }
+        connection->gaveUp = true;
+    }
+    finish(connection, result);
+    return true;
+}
+
+void Replay::hold(const ConnectionPointer& connection) {
+    if (!connection->held) {
+        connection->held = true;
+        connection->heldSince = now_;
+    }
+    const std::int64_t pause = second << connection->retries;
+    ++connection->retries;
+    events_.push({now_ + pause, ++eventOrder_, connection, {}});
+}
+
+void Replay::finish(const ConnectionPointer& connection, const std::optional<sysctl_result>& result) {
+    if (connection->held) connection->heldTime += now_ - connection->heldSince;
+    connection->held = false;
+    connection->retries = 0;
+    if (result && result->result == redirectResult) {
+        connection->redirected = true;
+        connection->redirectUrl = redirectUrlOf(*result);
+    }
+    if (result && result->result == dropResult) ++connection->dropped;
+    count(result);
+    json_.fill(connection->waiting.front(), result);
+    connection->waiting.pop_front();
+}
+
+void Replay::skipWaiting(Connection& connection) {
+    for (; !connection.waiting.empty(); connection.waiting.pop_front()) {
+        ++totals_.notPresented;
+        json_.fill(connection.waiting.front(), {});
+    }
+}
+
+std::optional<sysctl_result> Replay::present(PlayedPacket& played) {
+    const Direction direction = played.outbound ? Direction::out : Direction::in;
+    ++played.presented;
+    ++totals_.presented;
+    auto result = extension_.present(direction, played.packet.bytes, answerMilliseconds);
+    if (!result) {
+        ++totals_.unanswered;
+        daemonGone_ = !daemon_.running();
+    }
+    return result;
+}
+
+// Waits until every question has arrived and every answer has been taken. At most `queryThreads` questions
+// are open at a time, the others wait inside the daemon.
+void Replay::settle() {
+    for (bool quiet = false; !quiet;) {
+        AgentStandIn::Counters seen;
+        const bool arrived = agent_.waitUntil(
+            [&](const AgentStandIn::Counters& counters) {
+                seen = counters;
+                const long open = queries_ - counters.answers - lostQuestions_;
+                const long due = queries_ - lostQuestions_ - std::max(0L, open - queryThreads);
+                const bool linked = counters.drops == 0 || counters.logons > counters.drops;
+                return linked && counters.questions - counters.repeats >= due &&
+                       counters.repeats == counters.retriesSent;
+            },
+            settleMilliseconds);
+        if (!arrived) {
+            lostQuestions_ = queries_ - (seen.questions - seen.repeats);
+            ++totals_.unsettled;
+        }
+        if (!daemon_.waitForResolved(seen.answers - lostAnswers_, settleMilliseconds)) {
+            lostAnswers_ = seen.answers - daemon_.resolved();
+            ++totals_.unsettled;
+        }
+        quiet = agent_.counters().answers == seen.answers;
+    }
+    noteQuestions();
+    for (AgentStandIn::SlowAnswer& answer : agent_.takeSlow()) {
+        const std::int64_t due = now_ + std::int64_t{answer.milliseconds} * 1000;
+        events_.push({due, ++eventOrder_, nullptr, std::move(answer)});
+    }
+}
+
+// Tells which connection each question belongs to: queries start in the order in which they were made.
+void Replay::noteQuestions() {
+    for (Question& question : agent_.takeQuestions()) {
+        ++totals_.asked;
+        if (asked_) {
+            std::fputs(question.url.c_str(), asked_);
+            std::fputc('\n', asked_);
+        }
+        auto& retried = retried_[question.url];
+        if (question.repeated && !retried.empty()) {
+            const auto [connection, index] = retried.front();
+            retried.pop_front();
+            ++connection->queries[index].retries;
+            connection->queries[index].decision = question.decision;
+            if (question.decision.action == Action::retry) retried.push_back({connection, index});
+        } else if (!queriesStarted_.empty()) {
+            const ConnectionPointer connection = queriesStarted_.front();
+            queriesStarted_.pop_front();
+            connection->queries.push_back({question.url, question.decision, 0});
+            if (question.decision.action == Action::retry)
+                retried.push_back({connection, connection->queries.size() - 1});
+        }
+        if (retried.empty()) retried_.erase(question.url);
+    }
+}
+
+void Replay::count(const std::optional<sysctl_result>& result) {
+    if (!result) return;
+    switch (result->result) {
+        case passResult:
+            ++totals_.passed;
+            break;
+        case dropResult:
+            ++totals_.dropped;
+            break;
+        case redirectResult:
+            ++totals_.redirected;
+            break;
+        case holdResult:
+            ++totals_.heldToTheEnd;
+            break;
+        default:
+            break;
+    }
+}
+
+void Replay::reportIfOver(Connection& connection) {
+    if (connection.reported || !connection.over() || !connection.waiting.empty()) return;
+    connection.reported = true;
+    table_.row(connection, start_);
+}
+
+// Forgets connections without packets; at the end of a capture all of them.
+void Replay::sweep(bool all) {
+    for (auto entry = connections_.begin(); entry != connections_.end();) {
+        Connection& connection = *entry->second;
+        const bool idle = now_ - connection.last > idleLimit || (connection.reported && !all);
+        const bool keep =
+            !all && (!idle || !connection.waiting.empty() || now_ - connection.last < sweepPeriod);
+        if (keep) {
+            ++entry;
+            continue;
+        }
+        skipWaiting(connection);
+        if (!connection.reported) table_.row(connection, start_);
+        entry = connections_.erase(entry);
+    }
+}
+
+namespace {
+
+// What of the daemon's log the lab reads: the line at which a query is resolved.
+constexpr int verdictLogLevel = 64;
+
+constexpr int startMilliseconds = 10000;
+
+using File = std::unique_ptr<std::FILE, int (*)(std::FILE*)>;
+
+File openAsked(const std::string& path) {
+    if (path.empty()) return {nullptr, std::fclose};
+    File file(std::fopen(path.c_str(), "w"), std::fclose);
+    if (!file) throw InputError(fmt::format("{}: {}", path, std::strerror(errno)));
+    return file;
+}
+
+} // namespace
+
+int replay(const ReplayOptions& options) {
+    Policy policy = Policy::load(options.policy);
+    const std::size_t rules = policy.ruleCount();
+    std::vector<CaptureFacts> facts;
+    for (const std::string& capture : options.captures)
+        facts.push_back(survey(capture));
+    JsonReport json(options.json);
+    const File asked = openAsked(options.asked);
+    TableReport table(options.json == "-" ? nullptr : stdout);
+
+    enterPrivateNetwork();
+    const ScratchRoot root(options.root);
+    root.configure(options.blockOnFailure, verdictLogLevel);
+    PlayedClock clock;
+    clock.set(facts.front().firstTime);
+    ExtensionStandIn extension(root.path());
+    AgentStandIn agent(std::move(policy), false);
+    DaemonProcess daemon(root, clock);
+    extension.listen();
+    agent.listen();
+    std::vector<int> foreign = extension.descriptors();
+    for (int descriptor : agent.descriptors())
+        foreign.push_back(descriptor);
+    daemon.start(foreign);
+    extension.start();
+    agent.start();
+    if (!extension.waitForDaemon(startMilliseconds)) {
+        daemon.stop();
+        fmt::print(stderr, "fernhill-lab: the daemon did not connect its control sockets; it wrote:\n{}\n",
+                   root.outputTail());
+        return 1;
+    }
+
+    Replay engine(extension, agent, daemon, clock, json, table, asked.get());
+    const auto began = std::chrono::steady_clock::now();
+    bool alive = true;
+    for (std::size_t i = 0; alive && i < options.captures.size(); ++i) {
+        table.begin(options.captures[i], facts[i], options.policy, rules, options.blockOnFailure);
+        alive = engine.play(options.captures[i], facts[i]);
+    }
+    const std::chrono::duration<double> took = std::chrono::steady_clock::now() - began;
+    table.summary(engine.totals(), took.count(), options.root.empty() ? "" : root.path());
+    if (!alive) fmt::print(stderr, "fernhill-lab: the daemon has ended; it wrote:\n{}\n", root.outputTail());
+    daemon.stop();
+    return engine.totals().unanswered == 0 && alive ? 0 : 1;
+}
+
+} // namespace lab

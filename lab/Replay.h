@@ -1,0 +1,96 @@
+#pragma once
+
+// Plays captures through the daemon: presents each packet at its time, holds a connection's later packets
+// behind a held one, presents a held packet again after 1, 2, 4 ... seconds, and reports every packet's final
+// result. The agent has had its chance to answer before the time moves on, so that a replay gives the same
+// results at any speed.
+
+#include "lab/AgentStandIn.h"
+#include "lab/DaemonProcess.h"
+#include "lab/ExtensionStandIn.h"
+#include "lab/JsonReport.h"
+#include "lab/TableReport.h"
+
+#include <map>
+#include <memory>
+#include <queue>
+
+namespace lab {
+
+struct ReplayOptions {
+    std::vector<std::string> captures;
+    std::string policy;
+    std::string json;
+    std::string asked;
+    std::string root;
+    bool blockOnFailure = false;
+};
+
+// Runs a whole replay: the exit status of the program. Throws InputError for unusable input.
+int replay(const ReplayOptions& options);
+
+// The engine, over stand-ins and a daemon that run already.
+class Replay {
+public:
+    Replay(ExtensionStandIn& extension, AgentStandIn& agent, DaemonProcess& daemon, PlayedClock& clock,
+           JsonReport& json, TableReport& table, std::FILE* asked);
+
+    // Plays one capture to its end, the last held packet included. False when the daemon has gone.
+    bool play(const std::string& path, const CaptureFacts& facts);
+
+    const Totals& totals() const { return totals_; }
+
+private:
+    using ConnectionPointer = std::shared_ptr<Connection>;
+
+    // Something that is due at a played time: a held packet's next presentation, or a slow answer.
+    struct Event {
+        std::int64_t time;
+        long order;
+        ConnectionPointer held;
+        AgentStandIn::SlowAnswer answer;
+        bool operator>(const Event& other) const {
+            return time != other.time ? time > other.time : order > other.order;
+        }
+    };
+
+    void moveTime(std::int64_t time);
+    void playEventsUntil(std::int64_t time);
+    void handle(CapturedPacket packet, const CaptureFacts& facts);
+    ConnectionPointer connectionOf(const CapturedPacket& packet, bool outbound);
+    void presentInOrder(const ConnectionPointer& connection);
+    bool presentFront(const ConnectionPointer& connection);
+    void finish(const ConnectionPointer& connection, const std::optional<sysctl_result>& result);
+    void skipWaiting(Connection& connection);
+    std::optional<sysctl_result> present(PlayedPacket& played);
+    void hold(const ConnectionPointer& connection);
+    void settle();
+    void noteQuestions();
+    void count(const std::optional<sysctl_result>& result);
+    void reportIfOver(Connection& connection);
+    void sweep(bool all);
+
+    ExtensionStandIn& extension_;
+    AgentStandIn& agent_;
+    DaemonProcess& daemon_;
+    PlayedClock& clock_;
+    JsonReport& json_;
+    TableReport& table_;
+    std::FILE* asked_;
+
+    std::int64_t now_ = 0;
+    std::int64_t start_ = 0;
+    std::int64_t nextSweep_ = 0;
+    long eventOrder_ = 0;
+    std::priority_queue<Event, std::vector<Event>, std::greater<Event>> events_;
+    std::map<ConnectionKey, ConnectionPointer> connections_;
+    std::deque<ConnectionPointer> queriesStarted_; // queries whose question has not arrived
+    std::map<std::string, std::deque<std::pair<ConnectionPointer, std::size_t>>> retried_;
+    long queries_ = 0;
+    long lostQuestions_ = 0;
+    long lostAnswers_ = 0;
+    bool daemonGone_ = false;
+    Totals totals_;
+};
+
+} // namespace lab

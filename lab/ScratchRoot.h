@@ -1,0 +1,38 @@
+#pragma once
+
+// The folder that stands in front of all of the daemon's fixed paths while the lab runs it.
+
+#include <string>
+
+namespace lab {
+
+class ScratchRoot {
+public:
+    // Makes the folder at `path`, which is kept, or, for an empty path, a temporary one that goes with the
+    // object. Throws InputError.
+    explicit ScratchRoot(const std::string& path);
+    ~ScratchRoot();
+
+    ScratchRoot(const ScratchRoot&) = delete;
+    ScratchRoot& operator=(const ScratchRoot&) = delete;
+
+    const std::string& path() const { return path_; }
+
+    // Where the stand-ins for system commands lie.
+    std::string programs() const { return path_ + "/bin"; }
+
+    // Where the daemon's output goes.
+    std::string output() const { return path_ + "/daemon-output.txt"; }
+
+    // The last lines of that output.
+    std::string outputTail() const;
+
+    // Writes the daemon's configuration file.
+    void configure(bool blockOnFailure, int logLevel) const;
+
+private:
+    std::string path_;
+    bool kept_;
+};
+
+} // namespace lab
