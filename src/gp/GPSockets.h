@@ -11,6 +11,9 @@
 
 #include <sys/socket.h>
 
+#include <cstddef>
+#include <cstdint>
+
 class GPData;
 class GPString;
 class GPThreadPool;
@@ -131,7 +134,7 @@ public:
 private:
     static int Default_Timeout;
 
-    bool writeWhenReady(GPData* data);
+    bool writeAll(GPData* data);
     bool readWaiting(std::int64_t waiting, GPData*& data, long& count);
     void acceptClient(void (*callback)(GPSockets*));
     void closeQueue();
