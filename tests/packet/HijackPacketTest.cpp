@@ -1,0 +1,436 @@
+#include "packet/HijackPacket.h"
+
+#include "config/Configuration.h"
+#include "support/CapturedLog.h"
+#include "support/ManualClock.h"
+#include "support/PacketBuilder.h"
+#include "support/ScratchRoot.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+
+using testsupport::CapturedLog;
+using testsupport::getRequest;
+using testsupport::ManualClock;
+using testsupport::PacketBuffer;
+using testsupport::PacketBuilder;
+using testsupport::ScratchRoot;
+
+namespace {
+
+const char* const url = "http://www.example.org/";
+
+class HijackPacketTest : public testing::Test {
+protected:
+    // A packet with a payload on the connection of that local port.
+    static PacketBuffer request(int localPort = 50000) {
+        return PacketBuilder::ipv4().from("10.0.0.2", localPort).payload(getRequest()).build();
+    }
+
+    static PacketBuffer answer(int localPort = 50000) {
+        return PacketBuilder::ipv4().from("10.0.0.2", localPort).reversed().payload("HTTP/1.1 200").build();
+    }
+
+    static PacketBuffer bareAck(int localPort = 50000) {
+        return PacketBuilder::ipv4().from("10.0.0.2", localPort).build();
+    }
+
+    static bool create(PacketBuffer packet, bool https = false, const char* of = url) {
+        return HijackPacket::create(packet.packet(), of, https);
+    }
+
+    static HijackPacket* find(PacketBuffer packet) { return HijackPacket::find(packet.packet()); }
+
+    static void advance(std::int64_t microseconds) { ManualClock::installed().advance(microseconds); }
+
+    ScratchRoot root;
+    CapturedLog log;
+};
+
+} // namespace
+
+TEST_F(HijackPacketTest, ANewRecordIsOpen) {
+    ASSERT_TRUE(create(request()));
+
+    HijackPacket* record = find(request());
+    ASSERT_NE(record, nullptr);
+    EXPECT_FALSE(record->isResolved());
+    EXPECT_FALSE(record->isHttps());
+    EXPECT_STREQ(record->URL(), url);
+    EXPECT_EQ(record->redirectURL(), nullptr);
+    EXPECT_EQ(record->getTimeout(), 30000000);
+}
+
+TEST_F(HijackPacketTest, ATlsRecordHas120SecondsAtCreation) {
+    ASSERT_TRUE(create(request(), true));
+
+    EXPECT_TRUE(find(request())->isHttps());
+    EXPECT_EQ(find(request())->getTimeout(), 120000000);
+}
+
+TEST_F(HijackPacketTest, APacketWithoutPayloadMakesNoRecord) {
+    EXPECT_FALSE(create(bareAck(), true));
+
+    EXPECT_EQ(find(bareAck()), nullptr);
+}
+
+TEST_F(HijackPacketTest, TheSameConnectionCanHoldSeveralRecords) {
+    ASSERT_TRUE(create(request(), false, "http://a.example/"));
+    ASSERT_TRUE(create(request(), false, "http://b.example/"));
+
+    EXPECT_STREQ(find(request())->URL(), "http://a.example/");
+    EXPECT_TRUE(HijackPacket::resolve("http://b.example/", nullptr));
+    EXPECT_FALSE(find(request())->isResolved());
+}
+
+TEST_F(HijackPacketTest, AnInboundReplyMatchesByTheReversedEnds) {
+    ASSERT_TRUE(create(request()));
+
+    EXPECT_NE(find(answer()), nullptr);
+    EXPECT_EQ(find(answer()), find(request()));
+}
+
+TEST_F(HijackPacketTest, ADifferentLocalPortToTheSameServerDoesNotMatch) {
+    ASSERT_TRUE(create(request(50000)));
+
+    EXPECT_EQ(find(request(50001)), nullptr);
+    EXPECT_EQ(find(answer(50001)), nullptr);
+}
+
+TEST_F(HijackPacketTest, AnyOfTheFourEndsCounts) {
+    ASSERT_TRUE(create(request()));
+    const auto other = [](const char* src, int srcPort, const char* dst, int dstPort) {
+        return find(PacketBuilder::ipv4().from(src, srcPort).to(dst, dstPort).payload("x").build());
+    };
+
+    EXPECT_NE(other("10.0.0.2", 50000, "93.184.216.34", 80), nullptr);
+    EXPECT_NE(other("93.184.216.34", 80, "10.0.0.2", 50000), nullptr);
+    EXPECT_EQ(other("10.0.0.3", 50000, "93.184.216.34", 80), nullptr);
+    EXPECT_EQ(other("10.0.0.2", 50000, "93.184.216.35", 80), nullptr);
+    EXPECT_EQ(other("10.0.0.2", 50000, "93.184.216.34", 81), nullptr);
+    EXPECT_EQ(other("10.0.0.2", 80, "93.184.216.34", 50000), nullptr);
+    EXPECT_EQ(other("93.184.216.34", 50000, "10.0.0.2", 80), nullptr);
+}
+
+TEST_F(HijackPacketTest, IPv6ConnectionsMatchOnAll16BytesInBothDirections) {
+    auto request6 = PacketBuilder::ipv6().payload(getRequest()).build();
+    auto answer6 = PacketBuilder::ipv6().reversed().payload("HTTP/1.1").build();
+    auto other6 = PacketBuilder::ipv6().to("2001:db8::23", 80).payload("x").build();
+    ASSERT_TRUE(HijackPacket::create(request6.packet(), url, false));
+
+    EXPECT_NE(HijackPacket::find(request6.packet()), nullptr);
+    EXPECT_NE(HijackPacket::find(answer6.packet()), nullptr);
+    EXPECT_EQ(HijackPacket::find(other6.packet()), nullptr);
+}
+
+TEST_F(HijackPacketTest, AnIPv4PacketNeverMatchesAnIPv6Record) {
+    auto request6 = PacketBuilder::ipv6().payload(getRequest()).build();
+    ASSERT_TRUE(HijackPacket::create(request6.packet(), url, true));
+
+    EXPECT_EQ(find(PacketBuilder::ipv4().from("0.0.0.0", 50000).to("0.0.0.0", 80).payload("x").build()),
+              nullptr);
+    EXPECT_EQ(find(request()), nullptr);
+}
+
+TEST_F(HijackPacketTest, AnIPv4PacketWithASourceAddressOf0MatchesNothing) {
+    const auto fromNowhere = PacketBuilder::ipv4().from("0.0.0.0", 68).payload("x").build();
+    ASSERT_TRUE(create(fromNowhere));
+
+    EXPECT_EQ(find(fromNowhere), nullptr);
+}
+
+TEST_F(HijackPacketTest, APureAckFindsNothingOnAPlainHttpConnection) {
+    ASSERT_TRUE(create(request()));
+
+    EXPECT_EQ(find(bareAck()), nullptr);
+}
+
+TEST_F(HijackPacketTest, APureAckFindsTheRecordOfATlsConnection) {
+    ASSERT_TRUE(create(request(), true));
+
+    EXPECT_NE(find(bareAck()), nullptr);
+}
+
+TEST_F(HijackPacketTest, BehindAPlainRecordThatIgnoresAnAckTheWalkGoesOn) {
+    ASSERT_TRUE(create(request(), false, "http://a.example/"));
+    ASSERT_TRUE(create(request(), true, "https://b.example"));
+
+    EXPECT_STREQ(find(bareAck())->URL(), "https://b.example");
+}
+
+TEST_F(HijackPacketTest, ARecordLivesForExactly30000000Microseconds) {
+    ASSERT_TRUE(create(request()));
+
+    advance(30000000);
+    EXPECT_NE(find(request()), nullptr);
+    advance(1);
+    EXPECT_EQ(find(request()), nullptr);
+}
+
+TEST_F(HijackPacketTest, ATlsRecordLivesForExactly120000000Microseconds) {
+    ASSERT_TRUE(create(request(), true));
+
+    advance(120000000);
+    EXPECT_NE(find(request()), nullptr);
+    advance(1);
+    EXPECT_EQ(find(request()), nullptr);
+}
+
+TEST_F(HijackPacketTest, APurgedRecordStaysGoneWhenTheClockIsSetBack) {
+    ASSERT_TRUE(create(request()));
+    advance(30000001);
+    ASSERT_EQ(find(answer(50009)), nullptr);
+
+    advance(-30000001);
+
+    EXPECT_EQ(find(request()), nullptr);
+    EXPECT_FALSE(HijackPacket::resolve(url, nullptr));
+}
+
+TEST_F(HijackPacketTest, OfTwoExpiredRecordsInARowTheSecondStaysUntilTheNextWalk) {
+    ASSERT_TRUE(create(request(50001), false, "http://a.example/"));
+    ASSERT_TRUE(create(request(50002), false, "http://b.example/"));
+    advance(30000001);
+    Configuration::setLogLevel(128);
+
+    find(request(50009));
+    EXPECT_EQ(log.countContaining("--- removed"), 1);
+    EXPECT_EQ(log.countContaining("object from hijackpackets; (http://a.example/) count=2"), 1);
+
+    find(request(50009));
+    EXPECT_EQ(log.countContaining("object from hijackpackets; (http://b.example/) count=1"), 1);
+}
+
+TEST_F(HijackPacketTest, TheRecordBehindAnExpiredOneIsNotFoundForThatOnce) {
+    ASSERT_TRUE(create(request(50001)));
+    advance(30000001);
+    ASSERT_TRUE(create(request(50002)));
+
+    EXPECT_EQ(find(request(50002)), nullptr);
+    EXPECT_NE(find(request(50002)), nullptr);
+}
+
+TEST_F(HijackPacketTest, ResolvingWithoutAUrlAllows) {
+    ASSERT_TRUE(create(request()));
+
+    EXPECT_TRUE(HijackPacket::resolve(url, nullptr, -1));
+
+    EXPECT_TRUE(find(request())->isResolved());
+    EXPECT_EQ(find(request())->redirectURL(), nullptr);
+}
+
+TEST_F(HijackPacketTest, ResolvingWithAUrlRedirects) {
+    ASSERT_TRUE(create(request()));
+
+    EXPECT_TRUE(HijackPacket::resolve(url, "http://block.example/page", 30));
+
+    EXPECT_TRUE(find(request())->isResolved());
+    EXPECT_STREQ(find(request())->redirectURL(), "http://block.example/page");
+}
+
+TEST_F(HijackPacketTest, ATimeAbove0GivesThatManySecondsFromTheResolve) {
+    ASSERT_TRUE(create(request(), true));
+    advance(100000000);
+    ASSERT_TRUE(HijackPacket::resolve(url, "http://block.example/", 30));
+
+    EXPECT_EQ(find(request())->getTimeout(), 30000000);
+    advance(30000000);
+    EXPECT_NE(find(request()), nullptr);
+    advance(1);
+    EXPECT_EQ(find(request()), nullptr);
+}
+
+TEST_F(HijackPacketTest, ResolvingANullRedirectWith30GivesAnAllowedRecordWith30FreshSeconds) {
+    ASSERT_TRUE(create(request()));
+    advance(20000000);
+    ASSERT_TRUE(HijackPacket::resolve(url, nullptr, 30));
+    advance(30000000);
+
+    ASSERT_NE(find(request()), nullptr);
+    EXPECT_EQ(find(request())->redirectURL(), nullptr);
+}
+
+TEST_F(HijackPacketTest, ATimeOf0LeavesTheRecordsTimeUnchanged) {
+    ASSERT_TRUE(create(request()));
+    advance(20000000);
+    ASSERT_TRUE(HijackPacket::resolve(url, "http://block.example/", 0));
+
+    EXPECT_TRUE(find(request())->isResolved());
+    EXPECT_EQ(find(request())->getTimeout(), 30000000);
+    advance(10000001);
+    EXPECT_EQ(find(request()), nullptr);
+}
+
+TEST_F(HijackPacketTest, TheShortFormOfResolveLeavesTheTimeUnchanged) {
+    ASSERT_TRUE(create(request()));
+    advance(20000000);
+    ASSERT_TRUE(HijackPacket::resolve(url, nullptr));
+    advance(10000001);
+
+    EXPECT_EQ(find(request()), nullptr);
+}
+
+TEST_F(HijackPacketTest, ResolveTakesTheOldestOpenRecordOfTheUrl) {
+    ASSERT_TRUE(create(request(50001)));
+    ASSERT_TRUE(create(request(50002), false, "http://other.example/"));
+    ASSERT_TRUE(create(request(50003)));
+
+    ASSERT_TRUE(HijackPacket::resolve(url, nullptr));
+    EXPECT_TRUE(find(request(50001))->isResolved());
+    EXPECT_FALSE(find(request(50003))->isResolved());
+
+    ASSERT_TRUE(HijackPacket::resolve(url, "http://block.example/"));
+    EXPECT_EQ(find(request(50001))->redirectURL(), nullptr);
+    EXPECT_STREQ(find(request(50003))->redirectURL(), "http://block.example/");
+    EXPECT_FALSE(find(request(50002))->isResolved());
+}
+
+TEST_F(HijackPacketTest, AResolvedRecordIsNeverResolvedAgain) {
+    ASSERT_TRUE(create(request()));
+    ASSERT_TRUE(HijackPacket::resolve(url, nullptr));
+
+    EXPECT_FALSE(HijackPacket::resolve(url, "http://block.example/"));
+    EXPECT_EQ(find(request())->redirectURL(), nullptr);
+}
+
+TEST_F(HijackPacketTest, ResolveComparesTheUrlExactly) {
+    ASSERT_TRUE(create(request()));
+
+    EXPECT_FALSE(HijackPacket::resolve("http://www.example.org", nullptr));
+    EXPECT_FALSE(HijackPacket::resolve("HTTP://www.example.org/", nullptr));
+    EXPECT_FALSE(find(request())->isResolved());
+}
+
+TEST_F(HijackPacketTest, AnExpiredRecordThatNobodyPurgedCanBeResolved) {
+    ASSERT_TRUE(create(request()));
+    advance(60000000);
+
+    EXPECT_TRUE(HijackPacket::resolve(url, "http://block.example/", 30));
+    EXPECT_NE(find(request()), nullptr);
+}
+
+TEST_F(HijackPacketTest, ResolveLogsItsOutcomeAtLevel64) {
+    Configuration::setLogLevel(64);
+    ASSERT_TRUE(create(request(50001)));
+    ASSERT_TRUE(create(request(50002)));
+
+    HijackPacket::resolve(url, nullptr);
+    HijackPacket::resolve(url, "http://block.example/", 30);
+    HijackPacket::resolve(url, nullptr);
+    HijackPacket::resolve(url, "http://late.example/");
+
+    EXPECT_TRUE(
+        log.holds("Hijack-resolve:true: target='http://www.example.org/' redirect='null' (timeout=-1)"));
+    EXPECT_TRUE(log.holds("Hijack-resolve:true: target='http://www.example.org/' "
+                          "redirect='http://block.example/' (timeout=30)"));
+    EXPECT_TRUE(log.holds("Hijack-resolve:false: target='http://www.example.org/' redirect='null'"));
+    EXPECT_TRUE(
+        log.holds("Hijack-resolve:false: target='http://www.example.org/' redirect='http://late.example/'"));
+}
+
+TEST_F(HijackPacketTest, AdditionsAndRemovalsAreLoggedAtLevel128Alone) {
+    Configuration::setLogLevel(~128);
+    ASSERT_TRUE(create(request(50001)));
+    EXPECT_EQ(log.countContaining("hijackpackets"), 0);
+
+    Configuration::setLogLevel(128);
+    ASSERT_TRUE(create(request(50002)));
+    EXPECT_EQ(log.countContaining("-++ added 0x"), 1);
+    EXPECT_EQ(log.countContaining(" to hijackpackets; (http://www.example.org/) count=2"), 1);
+
+    HijackPacket::remove(find(request(50002)));
+    EXPECT_EQ(log.countContaining("--- removed 0x"), 1);
+    EXPECT_EQ(log.countContaining(" from hijackpackets; count=1"), 1);
+}
+
+TEST_F(HijackPacketTest, ARemovedRecordIsGoneAtOnce) {
+    ASSERT_TRUE(create(request(50001)));
+    ASSERT_TRUE(create(request(50002)));
+
+    HijackPacket::remove(find(request(50001)));
+
+    EXPECT_EQ(find(request(50001)), nullptr);
+    EXPECT_NE(find(request(50002)), nullptr);
+}
+
+TEST_F(HijackPacketTest, RemovingARecordThatIsNotListedDoesNothing) {
+    ASSERT_TRUE(create(request()));
+    HijackPacket* record = find(request());
+    HijackPacket::remove(record);
+
+    HijackPacket::remove(record);
+    HijackPacket::remove(nullptr);
+
+    EXPECT_EQ(find(request()), nullptr);
+}
+
+TEST_F(HijackPacketTest, AListedRecordHasItsCreatorsReferenceAndTheLists) {
+    ASSERT_TRUE(create(request()));
+    HijackPacket* record = find(request());
+
+    EXPECT_EQ(record->retainonly(), 3);
+    EXPECT_EQ(record->releaseonly(), 2);
+}
+
+TEST_F(HijackPacketTest, RemovalDropsBothReferences) {
+    ASSERT_TRUE(create(request()));
+    HijackPacket* record = find(request());
+    record->retain();
+
+    HijackPacket::remove(record);
+
+    EXPECT_EQ(record->retainonly(), 2);
+    record->releaseonly();
+    record->release();
+}
+
+TEST_F(HijackPacketTest, AFoundRecordOutlivesItsRemovalByAnotherWalk) {
+    ASSERT_TRUE(create(request()));
+    ASSERT_TRUE(HijackPacket::resolve(url, "http://block.example/"));
+    auto packet = request();
+    const HijackPacket::Found found(packet.packet());
+    ASSERT_TRUE(found);
+
+    advance(30000001);
+    EXPECT_EQ(find(request()), nullptr);
+
+    EXPECT_STREQ(found->redirectURL(), "http://block.example/");
+    EXPECT_STREQ(found->URL(), url);
+}
+
+TEST_F(HijackPacketTest, NothingFoundHoldsNothing) {
+    auto packet = request();
+    const HijackPacket::Found found(packet.packet());
+
+    EXPECT_FALSE(found);
+    EXPECT_EQ(found.get(), nullptr);
+}
+
+TEST_F(HijackPacketTest, RecordsAreMadeFoundResolvedAndPurgedByAllThreadsAtOnce) {
+    std::atomic<int> redirected{0};
+    std::atomic<bool> done{false};
+    const auto reader = [&](bool inbound) {
+        while (!done) {
+            auto packet = inbound ? answer() : request();
+            const HijackPacket::Found found(packet.packet());
+            if (found && found->isResolved() && found->redirectURL()) {
+                EXPECT_STREQ(found->redirectURL(), "http://block.example/");
+                ++redirected;
+            }
+        }
+    };
+    std::thread outbound(reader, false);
+    std::thread inbound(reader, true);
+    for (int round = 0; round < 2000 || (redirected == 0 && round < 20000); ++round) {
+        create(request());
+        HijackPacket::resolve(url, "http://block.example/", 30);
+        if (round % 8 == 0) advance(30000001);
+    }
+    done = true;
+    outbound.join();
+    inbound.join();
+
+    EXPECT_GT(redirected, 0);
+}
