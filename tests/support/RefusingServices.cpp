@@ -2,6 +2,7 @@
 
 #include "platform/HardwareRegistry.h"
 #include "platform/InterfaceEntries.h"
+#include "platform/KernelControl.h"
 #include "platform/NameLookup.h"
 #include "platform/NetworkChanges.h"
 #include "platform/UserDialog.h"
@@ -75,11 +76,27 @@ public:
     void release(Watch*) override {}
 };
 
+class RefusingKernelControl final : public platform::KernelControl {
+public:
+    int open() override { return refuse(); }
+    int controlId(int, const char*, std::uint32_t&) override { return refuse(); }
+    int connect(int, std::uint32_t) override { return refuse(); }
+    int setOption(int, int, const void*, socklen_t) override { return refuse(); }
+    int getOption(int, int, void*, socklen_t&) override { return refuse(); }
+
+private:
+    static int refuse() {
+        ADD_FAILURE() << "nobody played the kernel control sockets";
+        return -1;
+    }
+};
+
 RefusingNameLookup refusingNameLookup;
 RefusingRegistry refusingRegistry;
 RefusingDialog refusingDialog;
 RefusingInterfaceEntries refusingInterfaceEntries;
 RefusingNetworkChanges refusingNetworkChanges;
+RefusingKernelControl refusingKernelControl;
 
 } // namespace
 
@@ -90,6 +107,7 @@ void installRefusingServices() {
     platform::userDialogService.install(refusingDialog);
     platform::interfaceEntriesService.install(refusingInterfaceEntries);
     platform::networkChangesService.install(refusingNetworkChanges);
+    platform::kernelControlService.install(refusingKernelControl);
 }
 
 } // namespace testsupport

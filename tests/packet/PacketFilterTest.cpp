@@ -1,0 +1,213 @@
+#include "packet/PacketFilter.h"
+
+#include "config/Configuration.h"
+#include "filter/FilterQuery.h"
+#include "platform/HostPaths.h"
+#include "support/CapturedLog.h"
+#include "support/ForkedChild.h"
+#include "support/ManualClock.h"
+#include "support/PlayedInterfaces.h"
+#include "support/PlayedKernelControl.h"
+#include "support/PlayedNetworkChanges.h"
+#include "support/ScratchRoot.h"
+#include "support/StandInPrograms.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <thread>
+
+using testsupport::CapturedLog;
+using testsupport::ManualClock;
+using testsupport::PlayedKernelControl;
+
+namespace {
+
+class PacketFilterStart : public testing::Test {
+protected:
+    PacketFilterStart() {
+        clock_.letSleepsPass(true); // GPTask waits for its child by the clock
+        extension_->install();
+        network_->install();
+    }
+
+    testsupport::ScratchRoot root_;
+    CapturedLog log_;
+    testsupport::StandInPrograms programs_;
+    ManualClock& clock_ = ManualClock::installed();
+    PlayedKernelControl* extension_ = new PlayedKernelControl;
+    testsupport::PlayedNetworkChanges* network_ = new testsupport::PlayedNetworkChanges;
+};
+
+void pollStatistics(PlayedKernelControl& extension) {
+    extension.install();
+    auto* parameters = new CONTROLSOCKETTHREADPARAMETERS;
+    parameters->socket = 42;
+    std::thread(reportAppStatsThread, parameters).detach();
+}
+
+} // namespace
+
+TEST_F(PacketFilterStart, ASilentKextloadCountsAsLoaded) {
+    programs_.add("kextload", "exit 0");
+
+    EXPECT_TRUE(PacketFilter::addRules());
+
+    EXPECT_EQ(std::vector<std::string>{std::string("kextload ") + platform::HostPaths::kernelExtension()},
+              programs_.calls());
+    EXPECT_TRUE(log_.messages().empty());
+}
+
+TEST_F(PacketFilterStart, WhenVerboseALoadedExtensionIsToldOf) {
+    Configuration::setVerboseMode(true);
+    programs_.add("kextload", "exit 0");
+
+    EXPECT_TRUE(PacketFilter::addRules());
+
+    EXPECT_TRUE(log_.holds("Loaded FernhillKext module."));
+}
+
+TEST_F(PacketFilterStart, WhateverKextloadPrintsCountsAsFailure) {
+    for (const char* text : {"fine", "error", "failed", "ailed error"}) {
+        programs_.add("kextload", std::string("printf '") + text + "'");
+
+        EXPECT_FALSE(PacketFilter::addRules()) << text;
+
+        EXPECT_TRUE(log_.holds(std::string("[ERROR]: error loading FernhillKext: ") + text));
+    }
+}
+
+TEST_F(PacketFilterStart, RemoveRulesDoesNothingAndAnswersTrue) {
+    EXPECT_TRUE(PacketFilter::removeRules());
+    EXPECT_TRUE(programs_.calls().empty());
+}
+
+TEST_F(PacketFilterStart, WithoutTheExtensionTheProcessSleepsForEverInStepsOfTenSeconds) {
+    programs_.add("kextload", "echo no");
+    EXPECT_TRUE(testsupport::neverEnds([] { PacketFilter::start(); }));
+
+    EXPECT_EQ(0, log_.countContaining("Starting OSX System Interface"));
+}
+
+TEST_F(PacketFilterStart, TheNetworkIsWatchedWhateverTheLoadingGave) {
+    programs_.add("kextload", "echo no");
+    clock_.letSleepsPass(true);
+
+    std::thread([] { PacketFilter::start(); }).detach();
+
+    EXPECT_TRUE(network_->waitUntilDelivered());
+    EXPECT_EQ(1, network_->created());
+}
+
+TEST_F(PacketFilterStart, DisabledFilteringIsSaidAndTheStartGoesOn) {
+    Configuration::setFilteringDisabled(true);
+    programs_.add("kextload", "exit 0");
+    extension_->answerVersion(7);
+
+    EXPECT_TRUE(PacketFilter::start());
+
+    EXPECT_TRUE(log_.holds("FILTERING IS DISABLED"));
+    EXPECT_EQ(1, log_.countContaining("Starting OSX System Interface: INPUT"));
+}
+
+TEST_F(PacketFilterStart, WhenVerboseTheExtensionVersionBuiltForIsToldOf) {
+    Configuration::setVerboseMode(true);
+    programs_.add("kextload", "exit 0");
+    extension_->refuseSockets();
+
+    EXPECT_TRUE(PacketFilter::start());
+
+    EXPECT_TRUE(log_.holds("Built with FernhillKernel version 0.0.1"));
+}
+
+TEST_F(PacketFilterStart, BothListenersAreConnected) {
+    programs_.add("kextload", "exit 0");
+
+    std::thread([] { PacketFilter::start(); }).detach();
+
+    EXPECT_NE(-1, extension_->waitForControl("twFernhill_inkext"));
+    EXPECT_NE(-1, extension_->waitForControl("twFernhill_outkext"));
+}
+
+TEST_F(PacketFilterStart, WithoutTheOutboundControlTheInboundSideRunsOn) {
+    programs_.add("kextload", "exit 0");
+    extension_->forget("twFernhill_outkext");
+
+    EXPECT_TRUE(testsupport::neverEnds([] { PacketFilter::start(); }));
+
+    EXPECT_TRUE(log_.holds("ERROR: Could not get ID for FernhillKernel. Make sure it is installed."));
+}
+
+TEST(ReportAppStats, TheFirstPollComesAfter300Seconds) {
+    CapturedLog log;
+    auto* extension = new PlayedKernelControl;
+    ManualClock& clock = ManualClock::installed();
+    pollStatistics(*extension);
+    ASSERT_TRUE(clock.waitForSleepers(1));
+    EXPECT_EQ(0, extension->statisticsReads());
+
+    for (int second = 0; second < 300; second += 10) {
+        EXPECT_EQ(0, extension->statisticsReads()) << "at " << second << " seconds";
+        clock.advanceSeconds(10);
+        if (second < 290) {
+            ASSERT_TRUE(clock.waitForSleepers(1));
+        }
+    }
+
+    ASSERT_TRUE(extension->waitForStatistics(1));
+    EXPECT_EQ(2000u, extension->statisticsLength());
+    EXPECT_EQ("here is the buffer to work from", extension->statisticsBuffer());
+}
+
+TEST(ReportAppStats, EachPollIsDue300SecondsAfterTheOneBefore) {
+    CapturedLog log;
+    auto* extension = new PlayedKernelControl;
+    ManualClock& clock = ManualClock::installed();
+    pollStatistics(*extension);
+    ASSERT_TRUE(clock.waitForSleepers(1));
+    clock.advanceSeconds(300);
+    ASSERT_TRUE(extension->waitForStatistics(1));
+    ASSERT_TRUE(clock.waitForSleepers(1));
+
+    clock.advanceSeconds(300);
+
+    EXPECT_TRUE(extension->waitForStatistics(2));
+}
+
+TEST(IpChanges, AChangeIsToldOfWhenVerbose) {
+    testsupport::ScratchRoot root;
+    CapturedLog log;
+    testsupport::PlayedInterfaces interfaces;
+    interfaces.install();
+    Configuration::setVerboseMode(true);
+
+    ipChangesCallback();
+
+    EXPECT_TRUE(log.holds("ip change detected"));
+}
+
+TEST(IpChanges, AChangeGivesTheMachineItsIdentifierOnceThereIsANetwork) {
+    testsupport::ScratchRoot root;
+    CapturedLog log;
+    testsupport::PlayedInterfaces interfaces;
+    interfaces.install();
+    interfaces.show(
+        testsupport::EntryBuilder().link("en0", "\x02\x42\xac\x11\x01\x02").ipv4("en0", "10.0.0.2"));
+
+    ipChangesCallback();
+
+    EXPECT_EQ(1, log.countContaining("Generated UUID '"));
+}
+
+TEST(IpChanges, AChangeEndsASuspensionOfFiltering) {
+    testsupport::ScratchRoot root;
+    CapturedLog log;
+    testsupport::PlayedInterfaces interfaces;
+    interfaces.install();
+    FilterQuery::setFilteringDisabled(true);
+
+    ipChangesCallback();
+
+    EXPECT_FALSE(FilterQuery::isFilteringDisabled());
+    EXPECT_TRUE(log.holds("filtering is enabled, fernhill is outside the network"));
+}
