@@ -1,0 +1,426 @@
+#include "gp/GPArray.h"
+
+#include "gp/GPString.h"
+#include "gp/Owned.h"
+#include "support/ForkedChild.h"
+#include "support/Objects.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <thread>
+#include <vector>
+
+using testsupport::neverEnds;
+using testsupport::PoolScope;
+using testsupport::references;
+using testsupport::TrackedObject;
+
+namespace {
+
+class GPArrayTest : public testing::Test {
+protected:
+    // Fills the array under test with plain pointers to the first `count` slots.
+    void addSlots(int count) {
+        for (int index = 0; index < count; ++index) {
+            array.addValue(&slots[index]);
+        }
+    }
+
+    int slots[20] = {};
+    GPObject first;
+    GPObject second;
+    GPObject third;
+    GPArray array;
+};
+
+int byText(void const* left, void const* right) {
+    return std::strcmp((*static_cast<GPString* const*>(left))->cstr(),
+                       (*static_cast<GPString* const*>(right))->cstr());
+}
+
+} // namespace
+
+TEST_F(GPArrayTest, StartsEmptyWithCapacityFive) {
+    GPArray two(2);
+    GPArray zero(0);
+    GPArray negative(-3);
+
+    EXPECT_EQ(array.count(), 0);
+    EXPECT_EQ(array.arraySpace(), 5);
+    EXPECT_EQ(two.arraySpace(), 2);
+    EXPECT_EQ(zero.arraySpace(), 5);
+    EXPECT_EQ(negative.arraySpace(), 5);
+    EXPECT_FALSE(array.isSafe());
+    EXPECT_STREQ(GPArray::GPArrayClassName(), "GPArray");
+}
+
+TEST_F(GPArrayTest, AddObjectRetainsAndTheDestructorReleases) {
+    {
+        GPArray local;
+        local.addObject(&first);
+        EXPECT_EQ(references(&first), 2);
+        local.addObject(&first);
+        EXPECT_EQ(references(&first), 3);
+        EXPECT_EQ(local.objectAtIndex(1), &first);
+        EXPECT_EQ(references(&first), 3);
+    }
+    EXPECT_EQ(references(&first), 1);
+}
+
+TEST_F(GPArrayTest, AddOfNullDoesNothing) {
+    array.addObject(nullptr);
+    array.addValue(nullptr);
+
+    EXPECT_EQ(array.count(), 0);
+}
+
+TEST_F(GPArrayTest, SixthElementGrowsCapacityFiveToTen) {
+    addSlots(5);
+    EXPECT_EQ(array.arraySpace(), 5);
+
+    array.addValue(&slots[5]);
+
+    EXPECT_EQ(array.arraySpace(), 10);
+    EXPECT_EQ(array.count(), 6);
+    for (int index = 0; index < 6; ++index) {
+        EXPECT_EQ(array.valueAtIndex(index), &slots[index]);
+    }
+}
+
+TEST_F(GPArrayTest, SecondElementGrowsCapacityOneToTwo) {
+    GPArray one(1);
+    one.addObject(&first);
+    EXPECT_EQ(one.arraySpace(), 1);
+
+    one.addObject(&second);
+
+    EXPECT_EQ(one.arraySpace(), 2);
+    EXPECT_EQ(one.objectAtIndex(1), &second);
+}
+
+TEST_F(GPArrayTest, ExpandArrayOnlyEverRaisesTheCapacity) {
+    addSlots(3);
+    array.expandArray(5);
+    array.expandArray(2);
+    array.expandArray(-1);
+    EXPECT_EQ(array.arraySpace(), 5);
+
+    array.expandArray(6);
+
+    EXPECT_EQ(array.arraySpace(), 6);
+    EXPECT_EQ(array.count(), 3);
+    EXPECT_EQ(array.valueAtIndex(2), &slots[2]);
+}
+
+TEST_F(GPArrayTest, BadIndexIsNull) {
+    array.addObject(&first);
+
+    for (int index : {-1, 1, 100}) {
+        EXPECT_EQ(array.objectAtIndex(index), nullptr);
+        EXPECT_EQ(array.valueAtIndex(index), nullptr);
+        EXPECT_EQ(array.removeObjectAtIndex(index), nullptr);
+        EXPECT_EQ(array.removeValueAtIndex(index), nullptr);
+    }
+    EXPECT_EQ(array.count(), 1);
+    EXPECT_EQ(references(&first), 2);
+}
+
+TEST_F(GPArrayTest, IndexIsTheFirstByIdentity) {
+    GPString one("same");
+    GPString other("same");
+    array.addValue(&one);
+    array.addValue(&first);
+    array.addValue(&first);
+
+    EXPECT_EQ(array.indexOfObject(&first), 1);
+    EXPECT_EQ(array.indexOfValue(&one), 0);
+    EXPECT_EQ(array.indexOfObject(&other), -1);
+    EXPECT_EQ(array.indexOfObject(nullptr), -1);
+    EXPECT_EQ(array.indexOfValue(nullptr), -1);
+}
+
+TEST_F(GPArrayTest, RemoveObjectReleasesAndAnswersTheIndex) {
+    array.addObject(&first);
+    array.addObject(&second);
+    array.addObject(&third);
+
+    EXPECT_EQ(array.removeObject(&second), 1);
+
+    EXPECT_EQ(references(&second), 1);
+    EXPECT_EQ(array.count(), 2);
+    EXPECT_EQ(array.objectAtIndex(0), &first);
+    EXPECT_EQ(array.objectAtIndex(1), &third);
+    EXPECT_EQ(array.arraySpace(), 5);
+}
+
+TEST_F(GPArrayTest, RemoveOfAnObjectThatIsNotThereStillReleasesItOnce) {
+    array.addObject(&first);
+    second.retain();
+
+    EXPECT_EQ(array.removeObject(&second), -1);
+
+    EXPECT_EQ(references(&second), 1);
+    EXPECT_EQ(array.count(), 1);
+    EXPECT_EQ(array.removeObject(nullptr), -1);
+}
+
+TEST_F(GPArrayTest, RemoveValueTouchesNoCounts) {
+    array.addValue(&first);
+    array.addValue(&second);
+
+    EXPECT_EQ(array.removeValue(&first), 0);
+    EXPECT_EQ(array.removeValue(&first), -1);
+    EXPECT_EQ(array.removeValue(nullptr), -1);
+
+    EXPECT_EQ(references(&first), 1);
+    EXPECT_EQ(array.valueAtIndex(0), &second);
+}
+
+TEST_F(GPArrayTest, RemoveValueAtIndexThreeOfAPointerAtOneAndThreeRemovesPositionOne) {
+    for (int* value : {&slots[0], &slots[1], &slots[2], &slots[1]}) {
+        array.addValue(value);
+    }
+
+    EXPECT_EQ(array.removeValueAtIndex(3), &slots[1]);
+
+    EXPECT_EQ(array.count(), 3);
+    EXPECT_EQ(array.valueAtIndex(0), &slots[0]);
+    EXPECT_EQ(array.valueAtIndex(1), &slots[2]);
+    EXPECT_EQ(array.valueAtIndex(2), &slots[1]);
+}
+
+TEST_F(GPArrayTest, RemoveObjectAtIndexReleasesAndAnswersThePointer) {
+    array.addObject(&first);
+    array.addObject(&second);
+
+    EXPECT_EQ(array.removeObjectAtIndex(0), &first);
+
+    EXPECT_EQ(references(&first), 1);
+    EXPECT_EQ(array.objectAtIndex(0), &second);
+}
+
+TEST_F(GPArrayTest, OneAddValueKeepsTheDestructorFromReleasingObjects) {
+    {
+        GPArray local;
+        local.addObject(&first);
+        local.addValue(&second);
+    }
+    EXPECT_EQ(references(&first), 2);
+    EXPECT_EQ(references(&second), 1);
+}
+
+TEST_F(GPArrayTest, AddObjectAfterAddValueLeavesTheArrayOneOfValues) {
+    {
+        GPArray local;
+        local.addValue(&second);
+        local.addObject(&first);
+    }
+    EXPECT_EQ(references(&first), 2);
+}
+
+TEST_F(GPArrayTest, RemoveAllObjectsReleasesTheValuesOfAValueArray) {
+    first.retain();
+    array.addValue(&first);
+
+    array.removeAllObjects();
+
+    EXPECT_EQ(references(&first), 1);
+    EXPECT_EQ(array.count(), 0);
+}
+
+TEST_F(GPArrayTest, AfterRemoveAllObjectsTheSpaceIsFiveAndTheValuesFlagIsClear) {
+    {
+        GPArray local;
+        local.expandArray(40);
+        local.addValue(first.retain());
+        local.removeAllObjects();
+        EXPECT_EQ(local.arraySpace(), 5);
+        EXPECT_EQ(references(&first), 1);
+        local.addObject(&second);
+    }
+    // An array of objects again: its destructor released.
+    EXPECT_EQ(references(&second), 1);
+}
+
+TEST_F(GPArrayTest, SortHandsPointersToTheEntriesToTheComparator) {
+    for (char const* text : {"pear", "apple", "zebra", "mango", "fig", "kiwi"}) {
+        auto string = Owned<GPString>::adopt(new GPString(text));
+        array.addObject(string.get());
+    }
+
+    array.sort(byText);
+
+    auto joined = Owned<GPString>::adopt(array.join(" "));
+    EXPECT_STREQ(joined->cstr(), "apple fig kiwi mango pear zebra");
+}
+
+TEST_F(GPArrayTest, JoinIsThatOfTheStrings) {
+    GPString one("a");
+    GPString two("b");
+    GPString separator("/");
+    EXPECT_EQ(array.join(","), nullptr);
+    array.addValue(&one);
+    array.addValue(&two);
+
+    auto joined = Owned<GPString>::adopt(array.join(&separator));
+
+    EXPECT_STREQ(joined->cstr(), "a/b");
+    EXPECT_EQ(references(joined.get()), 1);
+}
+
+TEST_F(GPArrayTest, MakersAreAutoreleased) {
+    PoolScope pool;
+    GPArray* empty = GPArray::array();
+    GPArray* one = GPArray::arrayWithObject(&first);
+    GPArray* ofNull = GPArray::arrayWithObject(nullptr);
+
+    EXPECT_EQ(references(empty), 2);
+    EXPECT_EQ(references(one), 2);
+    EXPECT_EQ(one->count(), 1);
+    EXPECT_EQ(references(&first), 2);
+    EXPECT_EQ(ofNull->count(), 0);
+}
+
+TEST_F(GPArrayTest, SafeMakesTheLockAndOperationsTakeIt) {
+    array.unlock();
+    array.lock();
+    array.lock();
+    array.safe();
+    EXPECT_TRUE(array.isSafe());
+    array.addObject(&first);
+    EXPECT_EQ(array.count(), 1);
+    EXPECT_EQ(array.objectAtIndex(0), &first);
+
+    EXPECT_TRUE(neverEnds([this] {
+        array.lock();
+        array.count();
+    }));
+    EXPECT_TRUE(neverEnds([this] {
+        array.lock();
+        array.addObject(&second);
+    }));
+}
+
+TEST_F(GPArrayTest, SomeReadersOfASafeArrayTakeNoLock) {
+    array.safe();
+    array.addObject(&first);
+    array.lock();
+
+    EXPECT_EQ(array.valueAtIndex(0), &first);
+    EXPECT_EQ(array.indexOfObject(&first), 0);
+    EXPECT_EQ(array.removeObjectAtIndex(7), nullptr);
+    array.expandArray(9);
+    array.unlock();
+}
+
+TEST_F(GPArrayTest, RemovalOnASafeArrayBlocksForEver) {
+    array.safe();
+    array.addObject(&first);
+    array.addObject(&second);
+
+    EXPECT_TRUE(neverEnds([this] { array.removeObject(&first); }));
+    EXPECT_TRUE(neverEnds([this] { array.removeValueAtIndex(0); }));
+}
+
+TEST_F(GPArrayTest, RemovalOfTheOnlyEntryOfASafeArrayBlocksAtTheNextUse) {
+    array.safe();
+    array.addObject(&first);
+
+    EXPECT_FALSE(neverEnds([this] { array.removeValue(&first); }));
+    EXPECT_TRUE(neverEnds([this] {
+        array.removeValue(&first);
+        array.count();
+    }));
+}
+
+TEST_F(GPArrayTest, RemovalOfAnAbsentValueFreesTheLockOfASafeArray) {
+    array.safe();
+    array.addObject(&first);
+
+    EXPECT_EQ(array.removeValue(&second), -1);
+    EXPECT_EQ(array.count(), 1);
+}
+
+TEST_F(GPArrayTest, SafeRetainCountsLikeRetain) {
+    EXPECT_EQ(array.safeRetain(), 2);
+    EXPECT_EQ(array.safeRetain(), 3);
+    EXPECT_EQ(array.release(), 2);
+    EXPECT_EQ(array.release(), 1);
+}
+
+TEST_F(GPArrayTest, GuardedReleaseOfTheLastReferenceDestroysOnce) {
+    int destroyed = 0;
+    auto* guarded = new GPArray();
+    auto* entry = new TrackedObject(destroyed);
+    guarded->addObject(entry);
+    entry->release();
+    guarded->safeRetain();
+
+    EXPECT_EQ(guarded->release(), 1);
+    EXPECT_EQ(destroyed, 0);
+    guarded->release();
+    EXPECT_EQ(destroyed, 1);
+}
+
+TEST_F(GPArrayTest, UnguardedReleaseIsThatOfEveryObject) {
+    int destroyed = 0;
+    auto* plain = new GPArray();
+    auto* entry = new TrackedObject(destroyed);
+    plain->addObject(entry);
+    entry->release();
+    plain->retain();
+
+    EXPECT_EQ(plain->release(), 1);
+    plain->release();
+    EXPECT_EQ(destroyed, 1);
+}
+
+TEST_F(GPArrayTest, GuardedCountHoldsBetweenThreads) {
+    constexpr int rounds = 2000;
+    int destroyed = 0;
+    auto* shared = new GPArray();
+    auto* entry = new TrackedObject(destroyed);
+    shared->addObject(entry);
+    entry->release();
+    shared->safeRetain();
+
+    std::vector<std::thread> threads;
+    for (int index = 0; index < 4; ++index) {
+        threads.emplace_back([shared] {
+            for (int round = 0; round < rounds; ++round) {
+                shared->safeRetain();
+                shared->release();
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+
+    EXPECT_EQ(destroyed, 0);
+    EXPECT_EQ(shared->release(), 1);
+    shared->release();
+    EXPECT_EQ(destroyed, 1);
+}
+
+TEST_F(GPArrayTest, LastReferencesReleasedByManyThreadsDestroyTheArrayExactlyOnce) {
+    for (int round = 0; round < 100; ++round) {
+        int destroyed = 0;
+        auto* shared = new GPArray();
+        auto* entry = new TrackedObject(destroyed);
+        shared->addObject(entry);
+        entry->release();
+        for (int index = 0; index < 3; ++index) {
+            shared->safeRetain();
+        }
+        std::vector<std::thread> threads;
+        for (int index = 0; index < 4; ++index) {
+            threads.emplace_back([shared] { shared->release(); });
+        }
+        for (std::thread& thread : threads) {
+            thread.join();
+        }
+        ASSERT_EQ(destroyed, 1);
+    }
+}
