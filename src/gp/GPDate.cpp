@@ -75,7 +75,8 @@ time_t GPDate::toRawTime() const { return rawTime_; }
 
 void GPDate::isTimeValues() {
     if (timeValues_) return;
-    localtime_r(&rawTime_, &view_);
+    // A time beyond the calendar has an empty view.
+    if (!localtime_r(&rawTime_, &view_)) view_ = {};
     timeValues_ = &view_;
 }
 
