@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <map>
 #include <memory>
@@ -102,12 +103,12 @@ KEvent writeEvent(const epoll_event& found) {
 }
 
 int take(int set, KEvent* events, int room, KEvent (*translate)(const epoll_event&)) {
-    int count = 0;
-    epoll_event found{};
-    // One by one: what does not fit stays in the set.
-    while (count < room && epoll_wait(set, &found, 1, 0) == 1)
-        events[count++] = translate(found);
-    return count;
+    // What does not fit stays in the set.
+    std::array<epoll_event, 64> found{};
+    const int count = epoll_wait(set, found.data(), std::min<int>(room, found.size()), 0);
+    for (int i = 0; i < count; ++i)
+        events[i] = translate(found[static_cast<std::size_t>(i)]);
+    return std::max(count, 0);
 }
 
 std::int64_t monotonicNanoseconds() {
@@ -134,7 +135,7 @@ int waitForEvents(const Sets& sets, KEvent* events, int room, int seconds) {
         const int ready = waitForSets(sets, deadline);
         if (ready <= 0) return ready;
         int count = take(sets.write, events, room, writeEvent);
-        count += take(sets.read, events + count, room - count, readEvent);
+        if (count < room) count += take(sets.read, events + count, room - count, readEvent);
         if (count > 0) return count;
     }
 }
