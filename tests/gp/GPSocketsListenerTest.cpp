@@ -1,0 +1,134 @@
+#include "gp/GPSockets.h"
+
+#include "gp/GPData.h"
+#include "gp/GPString.h"
+#include "gp/Owned.h"
+#include "support/LoopbackPeer.h"
+#include "support/ManualClock.h"
+#include "support/TestChild.h"
+
+#include <gtest/gtest.h>
+
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <string>
+#include <thread>
+
+namespace {
+
+using testsupport::connectTo;
+using testsupport::EndlessChild;
+using testsupport::freePort;
+using testsupport::ManualClock;
+using testsupport::Peer;
+
+// Answers a request with what the accepted object knows, and closes.
+void describeClient(GPSockets* client) {
+    const auto request = Owned<GPString>::adopt(client->readString());
+    const auto answer = Owned<GPString>::adopt(GPString::format(
+        "%s from %s port %d ssl %d address %s", request ? request->cstr() : "(null)", client->server(),
+        client->port(), client->useSSL(), client->IPAddress() ? client->IPAddress() : "(null)"));
+    client->writeData(answer.get());
+}
+
+void serve(int port, void (*callback)(GPSockets*), int count) {
+    ManualClock::installed().setEventWait(5000000, false);
+    GPSockets listener;
+    listener.setPort(port);
+    listener.listenConnection(callback, count);
+}
+
+TEST(GPSocketsListener, WithoutAHostServesOn127001AndHandsClientsToTheCallback) {
+    const int port = freePort();
+    const EndlessChild server([port] { serve(port, describeClient, 3); });
+    for (int i = 0; i < 2; ++i) {
+        Peer client = connectTo(port);
+        client.send("hello");
+        EXPECT_EQ(client.readAll(),
+                  "hello from 127.0.0.1 port " + std::to_string(port) + " ssl 0 address (null)");
+    }
+}
+
+void waitForTheEnd(GPSockets* client) { const auto data = Owned<GPData>::adopt(client->readData()); }
+
+TEST(GPSocketsListener, ServesSeveralClientsAtOnce) {
+    const int port = freePort();
+    const EndlessChild server([port] {
+        GPSockets::setDefaultTimeout(0);
+        serve(
+            port,
+            [](GPSockets* client) {
+                client->writeData("hi", 2);
+                waitForTheEnd(client);
+            },
+            2);
+    });
+    Peer first = connectTo(port);
+    EXPECT_EQ(first.read(2), "hi");
+    Peer second = connectTo(port);
+    EXPECT_EQ(second.read(2), "hi") << "the first still holds its thread";
+}
+
+// The backlog of this process's listening socket on that port; -1 when there is none yet.
+int backlogOf(int port) {
+    for (int descriptor = 3; descriptor < 64; ++descriptor) {
+        sockaddr_in address{};
+        socklen_t length = sizeof address;
+        tcp_info info{};
+        socklen_t infoLength = sizeof info;
+        if (getsockname(descriptor, reinterpret_cast<sockaddr*>(&address), &length) != 0) continue;
+        if (ntohs(address.sin_port) != port) continue;
+        if (getsockopt(descriptor, IPPROTO_TCP, TCP_INFO, &info, &infoLength) != 0) continue;
+        if (info.tcpi_state == TCP_LISTEN) return static_cast<int>(info.tcpi_sacked);
+    }
+    return -1;
+}
+
+TEST(GPSocketsListener, TheBacklogIsTheDefaultTimeout) {
+    EXPECT_TRUE(testsupport::passesInChild([] {
+        GPSockets::setDefaultTimeout(7);
+        const int port = freePort();
+        std::thread([port] { serve(port, waitForTheEnd, 1); }).detach();
+        const Peer client = connectTo(port);
+        EXPECT_EQ(backlogOf(port), 7);
+    }));
+}
+
+TEST(GPSocketsListener, APortInUseFails) {
+    const testsupport::LoopbackListener other;
+    GPSockets listener(other.port(), "127.0.0.1");
+    EXPECT_FALSE(listener.listenConnection(waitForTheEnd, 1));
+}
+
+TEST(GPSocketsListener, ADatagramSocketCannotListen) {
+    GPSockets listener(freePort(), "127.0.0.1");
+    listener.useUDP(true);
+    EXPECT_FALSE(listener.listenConnection(waitForTheEnd, 1));
+}
+
+TEST(GPSocketsListener, AnAddressOfAnotherMachineCannotBeBound) {
+    GPSockets listener(freePort(), "192.0.2.1");
+    EXPECT_FALSE(listener.listenConnection(waitForTheEnd, 1));
+}
+
+TEST(GPSocketsListener, SocketListenEndsWithFalseOnAnErrorEvent) {
+    EXPECT_TRUE(testsupport::passesInChild([] {
+        close(0);
+        GPSockets withoutSocket;
+        EXPECT_FALSE(withoutSocket.socketListen(waitForTheEnd, 3));
+    }));
+}
+
+TEST(GPSocketsListener, SocketListenWithoutRoomForAnEventEndsAtOnce) {
+    testsupport::LoopbackListener real;
+    GPSockets listener;
+    listener.openConnection(dup(real.descriptor()));
+    EXPECT_FALSE(listener.socketListen(waitForTheEnd, 0));
+    EXPECT_FALSE(listener.socketListen(waitForTheEnd, -1));
+}
+
+} // namespace

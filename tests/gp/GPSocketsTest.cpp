@@ -1,0 +1,491 @@
+#include "gp/GPSockets.h"
+
+#include "gp/GPData.h"
+#include "gp/GPString.h"
+#include "gp/Owned.h"
+#include "support/CapturedLog.h"
+#include "support/LoopbackPeer.h"
+#include "support/ManualClock.h"
+#include "support/PlayedNames.h"
+#include "support/TestChild.h"
+
+#include <gtest/gtest.h>
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstring>
+#include <future>
+#include <string>
+
+namespace {
+
+using testsupport::CapturedLog;
+using testsupport::LoopbackListener;
+using testsupport::ManualClock;
+using testsupport::Peer;
+using testsupport::PlayedNames;
+
+std::string textOf(const GPData* data) {
+    return data ? std::string(data->bytes(), static_cast<std::size_t>(data->length())) : "(null)";
+}
+
+std::string readText(GPSockets& socket) { return textOf(Owned<GPData>::adopt(socket.readData()).get()); }
+
+// A GPSockets on one end of a connection whose other end the test plays.
+class GPSocketsConnected : public testing::Test {
+protected:
+    GPSocketsConnected() {
+        signal(SIGPIPE, SIG_IGN);
+        testsupport::connectedPair(mine_, peer_);
+        descriptor_ = mine_.descriptor();
+        fcntl(descriptor_, F_SETFL, O_NONBLOCK);
+        socket_.openConnection(mine_.handOver());
+        waitsLastAtMost(5000000);
+    }
+
+    static void waitsLastAtMost(std::int64_t realMicroseconds, bool movesTime = false) {
+        ManualClock::installed().setEventWait(realMicroseconds, movesTime);
+    }
+
+    // Sends until the connection takes no more.
+    void fillTheConnection() {
+        const std::string block(65536, 'x');
+        while (socket_.send(block.data(), static_cast<int>(block.size())))
+            filled_ += block.size();
+    }
+
+    Peer mine_;
+    Peer peer_;
+    int descriptor_ = -1;
+    std::size_t filled_ = 0;
+    GPSockets socket_;
+};
+
+// A client that finds "agent.test" at 127.0.0.1, where the test listens.
+class GPSocketsClient : public testing::Test {
+protected:
+    GPSocketsClient() {
+        signal(SIGPIPE, SIG_IGN);
+        names_.answer("agent.test", AF_INET, {"127.0.0.1"});
+        names_.install();
+        ManualClock::installed().setEventWait(5000000, false);
+    }
+
+    CapturedLog log_;
+    PlayedNames names_;
+    LoopbackListener listener_;
+};
+
+TEST(GPSockets, StartsWithPort80NoHostNoTlsAndTheDefaultTimeout) {
+    GPSockets socket;
+    EXPECT_EQ(socket.port(), 80);
+    EXPECT_EQ(socket.server(), nullptr);
+    EXPECT_EQ(socket.timeout(), 5);
+    EXPECT_FALSE(socket.useSSL());
+    EXPECT_FALSE(socket.isUDP());
+    EXPECT_EQ(socket.error(), 0);
+    EXPECT_EQ(socket.IPAddress(), nullptr);
+}
+
+TEST(GPSockets, MadeWithPort443UsesTls) {
+    EXPECT_TRUE(GPSockets(443, "a").useSSL());
+    EXPECT_FALSE(GPSockets(8443, "a").useSSL());
+    EXPECT_EQ(GPSockets(8443, "a").port(), 8443);
+}
+
+TEST(GPSockets, MadeWithAHostAloneHasPort80AndACopyOfTheHost) {
+    char host[] = "agent.test";
+    GPSockets socket(host);
+    host[0] = 'X';
+    EXPECT_EQ(socket.port(), 80);
+    EXPECT_STREQ(socket.server(), "agent.test");
+}
+
+TEST(GPSockets, SetServerReplacesTheCopy) {
+    GPSockets socket("first");
+    socket.setServer("second");
+    EXPECT_STREQ(socket.server(), "second");
+    socket.setServer(socket.server());
+    EXPECT_STREQ(socket.server(), "second");
+}
+
+TEST(GPSockets, SetPort443TurnsTlsOnAndSetPort80TurnsItOffAlsoAfterSetUseSSL) {
+    GPSockets socket;
+    socket.setPort(443);
+    EXPECT_TRUE(socket.useSSL());
+    socket.setPort(80);
+    EXPECT_FALSE(socket.useSSL());
+    socket.setUseSSL(true);
+    EXPECT_TRUE(socket.useSSL());
+    socket.setPort(80);
+    EXPECT_FALSE(socket.useSSL());
+}
+
+TEST(GPSockets, SetDefaultTimeoutAppliesToObjectsMadeLater) {
+    GPSockets before;
+    GPSockets::setDefaultTimeout(9);
+    GPSockets after;
+    GPSockets::setDefaultTimeout(5);
+    EXPECT_EQ(before.timeout(), 5);
+    EXPECT_EQ(after.timeout(), 9);
+}
+
+TEST(GPSockets, SaysGPObjectFromBothNames) {
+    GPSockets socket;
+    EXPECT_STREQ(socket.cclassName(), "GPObject");
+}
+
+TEST(GPSockets, OpenConnectionWithoutAHostFailsWithALogLine) {
+    const CapturedLog log;
+    GPSockets socket;
+    EXPECT_FALSE(socket.openConnection());
+    EXPECT_TRUE(log.holds("socket openConnection error no socketHost"));
+}
+
+TEST_F(GPSocketsClient, OpenConnectionToAnUnknownNameFailsWithALogLine) {
+    GPSockets socket(80, "nobody.test");
+    EXPECT_FALSE(socket.openConnection());
+    EXPECT_TRUE(log_.holds("socket openConnection gethostbyname2 fail"));
+    EXPECT_EQ(socket.IPAddress(), nullptr);
+}
+
+TEST_F(GPSocketsClient, OpenConnectionWithoutASocketFailsWithALogLine) {
+    EXPECT_TRUE(testsupport::passesInChild([this] {
+        ASSERT_TRUE(testsupport::failSystemCall(SYS_socket, EMFILE, AF_INET));
+        GPSockets socket(80, "agent.test");
+        EXPECT_FALSE(socket.openConnection());
+        EXPECT_TRUE(log_.holds("socket openConnection socket error -1"));
+    }));
+}
+
+TEST_F(GPSocketsClient, OpenConnectionStoresTheNumericTextOfThePeer) {
+    GPSockets socket(listener_.port(), "agent.test");
+    EXPECT_TRUE(socket.openConnection());
+    EXPECT_STREQ(socket.IPAddress(), "127.0.0.1");
+}
+
+TEST_F(GPSocketsClient, OpenConnectionDoesNotWaitForTheConnection) {
+    GPSockets socket(testsupport::freePort(), "agent.test");
+    EXPECT_TRUE(socket.openConnection()) << "nobody listens there, and only the first write finds out";
+    EXPECT_FALSE(socket.writeData("x", 1));
+}
+
+TEST_F(GPSocketsClient, WriteDataOnAFreshObjectConnectsFirst) {
+    GPSockets socket(listener_.port(), "agent.test");
+    EXPECT_TRUE(socket.writeData("hello", 5));
+    EXPECT_EQ(listener_.accept().read(5), "hello");
+}
+
+TEST_F(GPSocketsClient, WriteDataFailsWhenTheConnectionCannotBeOpened) {
+    GPSockets socket(80, "nobody.test");
+    EXPECT_FALSE(socket.writeData("hello", 5));
+}
+
+TEST_F(GPSocketsClient, ADatagramSocketSendsDatagrams) {
+    Peer receiver(::socket(AF_INET, SOCK_DGRAM, 0));
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    bind(receiver.descriptor(), reinterpret_cast<sockaddr*>(&address), length);
+    getsockname(receiver.descriptor(), reinterpret_cast<sockaddr*>(&address), &length);
+
+    GPSockets socket(ntohs(address.sin_port), "agent.test");
+    socket.useUDP(true);
+    EXPECT_TRUE(socket.writeData("datagram", 8));
+    EXPECT_EQ(receiver.read(8), "datagram");
+}
+
+TEST(GPSockets, AdoptsOnlyDescriptorsFromOneOn) {
+    GPSockets socket;
+    EXPECT_FALSE(socket.openConnection(0));
+    EXPECT_FALSE(socket.openConnection(-1));
+}
+
+TEST(GPSockets, OpenSSLConnectionWithoutASocketFails) {
+    GPSockets socket;
+    EXPECT_FALSE(socket.openSSLConnection());
+}
+
+TEST_F(GPSocketsConnected, WriteStringSendsTheTextWithItsZeroByteAndWriteDataOfAGPStringDoesNot) {
+    EXPECT_TRUE(socket_.writeString("ab"));
+    EXPECT_EQ(peer_.read(3), std::string("ab\0", 3));
+    GPString text("ab");
+    EXPECT_TRUE(socket_.writeData(&text));
+    socket_.closeConnection();
+    EXPECT_EQ(peer_.readAll(), "ab");
+}
+
+TEST_F(GPSocketsConnected, WriteDataOfAGPDataSendsItsBytes) {
+    const auto data = Owned<GPData>::adopt(GPData::dataWithData("a\0b", 3));
+    EXPECT_TRUE(socket_.writeData(data.get()));
+    EXPECT_EQ(peer_.read(3), std::string("a\0b", 3));
+}
+
+TEST_F(GPSocketsConnected, NothingToWriteIsRefused) {
+    EXPECT_FALSE(socket_.writeString(nullptr));
+    EXPECT_FALSE(socket_.writeData(nullptr, 4));
+    EXPECT_FALSE(socket_.writeData("abc", -1));
+    EXPECT_FALSE(socket_.writeData(static_cast<GPString*>(nullptr)));
+    EXPECT_FALSE(socket_.writeData(static_cast<GPData*>(nullptr)));
+}
+
+TEST_F(GPSocketsConnected, ReadDataGivesWhatIsThereAtOneMoment) {
+    peer_.send("first");
+    EXPECT_EQ(readText(socket_), "first");
+    peer_.send("second");
+    long count = 0;
+    EXPECT_EQ(textOf(Owned<GPData>::adopt(socket_.readData(count)).get()), "second");
+    EXPECT_EQ(count, 6);
+}
+
+TEST_F(GPSocketsConnected, ReadStringStopsAtTheFirstZeroByteAndCountsAllBytes) {
+    peer_.send(std::string("ab\0cd", 5));
+    long count = 0;
+    const auto text = Owned<GPString>::adopt(socket_.readString(count));
+    EXPECT_STREQ(text->cstr(), "ab");
+    EXPECT_EQ(count, 5);
+    peer_.close();
+    EXPECT_EQ(socket_.readString(), nullptr);
+}
+
+TEST_F(GPSocketsConnected, SocketStreamAppendsToTheDataItIsGiven) {
+    GPData* data = GPData::dataWithData("have ", 5);
+    const auto owner = Owned<GPData>::adopt(data);
+    long count = 0;
+    peer_.send("more");
+    EXPECT_TRUE(socket_.socketStream(true, data, count));
+    EXPECT_EQ(data, owner.get());
+    EXPECT_EQ(textOf(data), "have more");
+    EXPECT_EQ(count, 4);
+}
+
+TEST_F(GPSocketsConnected, AQuietPeerWithTimeoutFivePrintsTimeoutAfterFiveSecondsAndLeavesErrorAtZero) {
+    waitsLastAtMost(0, true);
+    const auto before = ManualClock::installed().seconds();
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(socket_.readData(), nullptr);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "Timeout\n");
+    EXPECT_EQ(ManualClock::installed().seconds() - before, 5);
+    EXPECT_EQ(socket_.error(), 0);
+}
+
+TEST_F(GPSocketsConnected, ATimeoutOfZeroWaitsWithoutLimit) {
+    waitsLastAtMost(0, true);
+    const auto before = ManualClock::installed().seconds();
+    socket_.setTimeout(0);
+    auto read = std::async(std::launch::async, [&] { return readText(socket_); });
+    EXPECT_EQ(read.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
+    peer_.send("at last");
+    EXPECT_EQ(read.get(), "at last");
+    EXPECT_EQ(ManualClock::installed().seconds(), before) << "no limit was asked for";
+}
+
+TEST_F(GPSocketsConnected, APeerThatClosesWithDataWaitingGivesTheDataFirstThenNullWithErrorFromErrno) {
+    peer_.send("last words");
+    peer_.close();
+    EXPECT_EQ(readText(socket_), "last words");
+    EXPECT_EQ(socket_.error(), 0);
+    errno = EXDEV;
+    EXPECT_EQ(socket_.readData(), nullptr);
+    EXPECT_EQ(socket_.error(), EXDEV);
+}
+
+TEST_F(GPSocketsConnected, AnOrderlyCloseWithErrnoAtZeroIsAnErrorAllTheSame) {
+    peer_.close();
+    errno = 0;
+    long count = 7;
+    EXPECT_EQ(socket_.readData(count), nullptr);
+    EXPECT_EQ(count, 0);
+    EXPECT_EQ(socket_.error(), ECONNRESET);
+}
+
+TEST_F(GPSocketsConnected, ABrokenConnectionLeavesItsErrno) {
+    peer_.reset();
+    errno = 0;
+    EXPECT_EQ(socket_.readData(), nullptr);
+    EXPECT_EQ(socket_.error(), ECONNRESET);
+}
+
+TEST(GPSockets, AReadEventWithNoBytesIsReadAsNothing) {
+    ManualClock::installed().setEventWait(5000000, false);
+    Peer receiver(::socket(AF_INET, SOCK_DGRAM, 0));
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    bind(receiver.descriptor(), reinterpret_cast<sockaddr*>(&address), length);
+    getsockname(receiver.descriptor(), reinterpret_cast<sockaddr*>(&address), &length);
+    sendto(receiver.descriptor(), "", 0, 0, reinterpret_cast<sockaddr*>(&address), length);
+    GPSockets socket;
+    socket.openConnection(receiver.handOver());
+    long count = 7;
+    EXPECT_EQ(socket.readData(count), nullptr);
+    EXPECT_EQ(count, 0);
+    EXPECT_NE(socket.error(), 0);
+}
+
+TEST_F(GPSocketsConnected, ASetErrorIsReadBack) {
+    socket_.setError(EPIPE);
+    EXPECT_EQ(socket_.error(), EPIPE);
+    socket_.setError(0);
+    EXPECT_EQ(socket_.error(), 0);
+}
+
+TEST_F(GPSocketsConnected, AWriteThatCannotGoOutTimesOut) {
+    fillTheConnection();
+    waitsLastAtMost(0);
+    testing::internal::CaptureStdout();
+    EXPECT_FALSE(socket_.writeData("more", 4));
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "Timeout\n");
+    EXPECT_EQ(socket_.error(), 0);
+}
+
+TEST_F(GPSocketsConnected, AReadDropsTheWriteEventThatATimedOutWriteLeftBehind) {
+    fillTheConnection();
+    waitsLastAtMost(0);
+    EXPECT_FALSE(socket_.writeData("more", 4));
+    waitsLastAtMost(5000000);
+    peer_.read(filled_);
+    peer_.send("reply");
+    EXPECT_EQ(readText(socket_), "reply");
+    peer_.send("another");
+    EXPECT_EQ(readText(socket_), "another");
+}
+
+TEST_F(GPSocketsConnected, AWritePassesOverUnreadDataThatWasReportedBefore) {
+    peer_.send("one");
+    EXPECT_EQ(readText(socket_), "one");
+    peer_.send("two");
+    EXPECT_TRUE(socket_.writeData("answer", 6));
+    EXPECT_EQ(peer_.read(6), "answer");
+    EXPECT_EQ(readText(socket_), "two");
+}
+
+TEST_F(GPSocketsConnected, AWriteAfterAReadSawTheEndOfTheStreamFails) {
+    peer_.reset();
+    EXPECT_EQ(socket_.readData(), nullptr);
+    EXPECT_FALSE(socket_.writeData("x", 1));
+}
+
+TEST_F(GPSocketsConnected, AnErrorEventIsLoggedAndTheNextReadMakesANewQueue) {
+    const CapturedLog log;
+    peer_.send("first");
+    EXPECT_EQ(readText(socket_), "first");
+    // Away with the descriptor and back again.
+    const int kept = dup(descriptor_);
+    close(descriptor_);
+    EXPECT_EQ(socket_.readData(), nullptr);
+    EXPECT_TRUE(log.holds("ERROR: EV_ERROR - " + std::to_string(EBADF)));
+    EXPECT_EQ(socket_.error(), 0) << "an error event is not a closed peer";
+    ASSERT_EQ(dup2(kept, descriptor_), descriptor_);
+    close(kept);
+    peer_.send("second");
+    EXPECT_EQ(readText(socket_), "second");
+}
+
+TEST_F(GPSocketsConnected, SendSendsEverythingAtOnceOrSaysFalse) {
+    EXPECT_TRUE(socket_.send("plain", 5));
+    EXPECT_EQ(peer_.read(5), "plain");
+    EXPECT_TRUE(socket_.send("", 0));
+    EXPECT_FALSE(socket_.send("x", -1));
+    const std::string block(16 * 1024 * 1024, 'x');
+    EXPECT_FALSE(socket_.send(block.data(), static_cast<int>(block.size()))) << "a full buffer is a failure";
+}
+
+TEST_F(GPSocketsConnected, SendToAClosedPeerIsFalse) {
+    peer_.reset();
+    EXPECT_EQ(socket_.readData(), nullptr);
+    EXPECT_FALSE(socket_.send("x", 1));
+}
+
+TEST_F(GPSocketsConnected, CloseConnectionEndsTheStreamBothWays) {
+    socket_.closeConnection();
+    EXPECT_EQ(peer_.readAll(), "");
+    EXPECT_EQ(fcntl(descriptor_, F_GETFD), -1);
+}
+
+TEST_F(GPSocketsConnected, ClosingTwiceLeavesTheNextOwnerOfTheNumberAlone) {
+    socket_.closeConnection();
+    const int other = open("/dev/null", O_RDONLY);
+    ASSERT_EQ(dup2(other, descriptor_), descriptor_);
+    socket_.closeConnection();
+    EXPECT_NE(fcntl(descriptor_, F_GETFD), -1);
+    close(descriptor_);
+    if (other != descriptor_) close(other);
+}
+
+TEST_F(GPSocketsConnected, AClosedObjectIsNotOpenedAgainByAWrite) {
+    socket_.closeConnection();
+    EXPECT_FALSE(socket_.writeData("x", 1));
+}
+
+TEST(GPSockets, DestructionClosesTheConnection) {
+    Peer mine;
+    Peer peer;
+    testsupport::connectedPair(mine, peer);
+    auto* socket = new GPSockets;
+    socket->openConnection(mine.handOver());
+    socket->release();
+    EXPECT_EQ(peer.readAll(), "");
+}
+
+TEST(GPSockets, ValidateIPTakesFourNumbersUpTo255) {
+    EXPECT_TRUE(GPSockets::validateIP("127.0.0.1"));
+    EXPECT_TRUE(GPSockets::validateIP("255.255.255.255"));
+    EXPECT_TRUE(GPSockets::validateIP("1.2.3.4.5")) << "only the first four are looked at";
+    EXPECT_TRUE(GPSockets::validateIP("a.b.c.d")) << "no number counts as 0";
+    EXPECT_TRUE(GPSockets::validateIP("1.2.3."));
+}
+
+TEST(GPSockets, ValidateIPOfANumberAbove255IsFalse) {
+    EXPECT_FALSE(GPSockets::validateIP("256.0.0.1"));
+    EXPECT_FALSE(GPSockets::validateIP("1.2.3.256"));
+    EXPECT_FALSE(GPSockets::validateIP("1.-2.3.4")) << "taken as unsigned";
+    EXPECT_FALSE(GPSockets::validateIP("1.2.2147483647.4"));
+}
+
+TEST(GPSockets, ValidateIPWithFewerThanThreeDotsIsFalse) {
+    for (const char* text : {"", "1", "1.2", "1.2.3", "12345", "."})
+        EXPECT_FALSE(GPSockets::validateIP(text)) << text;
+    EXPECT_FALSE(GPSockets::validateIP(nullptr));
+}
+
+TEST(GPSockets, GetIPAddressFillsTheRecordFromNumericText) {
+    sockaddr_in record;
+    memset(&record, 0xff, sizeof record);
+    EXPECT_TRUE(GPSockets::getIPAddress("10.1.2.3", reinterpret_cast<sockaddr*>(&record), 8080));
+    EXPECT_EQ(record.sin_family, AF_INET);
+    EXPECT_EQ(ntohs(record.sin_port), 8080);
+    EXPECT_EQ(ntohl(record.sin_addr.s_addr), 0x0a010203u);
+    for (const char byte : record.sin_zero)
+        EXPECT_EQ(byte, 0);
+}
+
+TEST(GPSockets, GetIPAddressOfNumericTextThatIsNoAddressIsFalse) {
+    sockaddr_in record{};
+    EXPECT_FALSE(GPSockets::getIPAddress("300.1.1.1", reinterpret_cast<sockaddr*>(&record), 1));
+    EXPECT_FALSE(GPSockets::getIPAddress("1.1", reinterpret_cast<sockaddr*>(&record), 1));
+    EXPECT_FALSE(GPSockets::getIPAddress(nullptr, reinterpret_cast<sockaddr*>(&record), 1));
+}
+
+TEST_F(GPSocketsClient, GetIPAddressOfANameIsTrueButDoesNotGiveTheNamesAddress) {
+    sockaddr_in record{};
+    EXPECT_TRUE(GPSockets::getIPAddress("agent.test", reinterpret_cast<sockaddr*>(&record), 1));
+    EXPECT_EQ(record.sin_addr.s_addr, 0u);
+    // The raw bytes '1' '2' '3' '4' read as the text "1234".
+    names_.answer("digits.test", AF_INET, {"49.50.51.52"});
+    EXPECT_TRUE(GPSockets::getIPAddress("digits.test", reinterpret_cast<sockaddr*>(&record), 1));
+    EXPECT_EQ(ntohl(record.sin_addr.s_addr), 1234u);
+    EXPECT_FALSE(GPSockets::getIPAddress("nobody.test", reinterpret_cast<sockaddr*>(&record), 1));
+}
+
+} // namespace

@@ -1,0 +1,29 @@
+#pragma once
+
+// Tests that must not leave their marks on this process, or that never end, run in a forked child.
+
+#include <functional>
+
+namespace testsupport {
+
+// Runs `body` in a forked child. True when it ended within 20 seconds with no test failure.
+bool passesInChild(const std::function<void()>& body);
+
+// A forked child that runs `body` until it is killed at the end of the scope.
+class EndlessChild {
+public:
+    explicit EndlessChild(const std::function<void()>& body);
+    ~EndlessChild();
+
+    EndlessChild(const EndlessChild&) = delete;
+    EndlessChild& operator=(const EndlessChild&) = delete;
+
+private:
+    int process_;
+};
+
+// From now on the system call `number` fails with `error` on this thread when its first argument is
+// `firstArgument`. Cannot be taken back, so for a forked child alone.
+bool failSystemCall(int number, int error, unsigned firstArgument);
+
+} // namespace testsupport
