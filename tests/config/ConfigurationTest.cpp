@@ -1,0 +1,290 @@
+#include "config/Configuration.h"
+
+#include "gp/GPDate.h"
+#include "gp/GPString.h"
+#include "gp/Owned.h"
+#include "platform/HostPaths.h"
+#include "support/SettingsTest.h"
+
+#include <filesystem>
+
+using testsupport::readAll;
+using testsupport::writeAll;
+
+namespace {
+
+class ConfigurationTest : public testsupport::SettingsTest {};
+
+TEST_F(ConfigurationTest, EverythingStartsAsFalseZeroOrNull) {
+    EXPECT_FALSE(Configuration::isBOFEnabled());
+    EXPECT_FALSE(Configuration::isBalanced());
+    EXPECT_FALSE(Configuration::isVerbose());
+    EXPECT_FALSE(Configuration::filteringDisabled());
+    EXPECT_FALSE(Configuration::isOstlerEnabled());
+    EXPECT_FALSE(Configuration::isUpdateReady());
+    EXPECT_FALSE(Configuration::oemMode());
+    EXPECT_FALSE(Configuration::isOEM());
+    EXPECT_EQ(Configuration::getLogLevel(), 0);
+    EXPECT_EQ(Configuration::getKernelLogLevel(), 0);
+    EXPECT_EQ(Configuration::cachedUserName(), nullptr);
+    EXPECT_EQ(Configuration::localUserName(), nullptr);
+    EXPECT_EQ(Configuration::checkInTimeStamp(), nullptr);
+    EXPECT_EQ(Configuration::getCurrentServer(), nullptr);
+}
+
+TEST_F(ConfigurationTest, BlockOnFailureIsSavedOnAChangeAndLoggedOnlyWhenVerbose) {
+    EXPECT_TRUE(writesFile([] { Configuration::setBOF(true); }));
+    EXPECT_TRUE(Configuration::isBOFEnabled());
+    EXPECT_EQ(inFile("BlockOnFailure"), "true");
+    EXPECT_EQ(log.countContaining("Block on Failure"), 0);
+
+    Configuration::setVerboseMode(true);
+    Configuration::setBOF(false);
+    EXPECT_TRUE(log.holds("Block on Failure set to: false"));
+}
+
+TEST_F(ConfigurationTest, BlockOnFailureThatDoesNotChangeLogsAndWritesNothing) {
+    Configuration::setVerboseMode(true);
+    EXPECT_FALSE(writesFile([] { Configuration::setBOF(false); }));
+    EXPECT_EQ(log.countContaining("Block on Failure"), 0);
+}
+
+TEST_F(ConfigurationTest, BalancedModeIsSavedOnAChangeAndLoggedOnlyWhenVerbose) {
+    EXPECT_TRUE(writesFile([] { Configuration::setBalancedMode(true); }));
+    EXPECT_TRUE(Configuration::isBalanced());
+    EXPECT_EQ(inFile("BalancedMode"), "true");
+    EXPECT_EQ(log.countContaining("Balanced Mode"), 0);
+    EXPECT_FALSE(writesFile([] { Configuration::setBalancedMode(true); }));
+
+    Configuration::setLogLevel(1);
+    Configuration::setBalancedMode(false);
+    EXPECT_TRUE(log.holds("Balanced Mode set to: false"));
+}
+
+TEST_F(ConfigurationTest, VerboseModeLogsEveryChangeAndNothingElse) {
+    EXPECT_TRUE(writesFile([] { Configuration::setVerboseMode(true); }));
+    EXPECT_TRUE(log.holds("Verbose set to: true"));
+    EXPECT_EQ(inFile("VerboseLogging"), "true");
+
+    EXPECT_FALSE(writesFile([] { Configuration::setVerboseMode(true); }));
+    EXPECT_EQ(log.countContaining("Verbose set to"), 1);
+
+    Configuration::setVerboseMode(false);
+    EXPECT_TRUE(log.holds("Verbose set to: false"));
+}
+
+TEST_F(ConfigurationTest, DisableFilterThatDoesNotChangeLogsButDoesNotWrite) {
+    EXPECT_FALSE(writesFile([] { Configuration::setFilteringDisabled(false); }));
+    EXPECT_TRUE(log.holds("Disable-Filter set to: false"));
+}
+
+TEST_F(ConfigurationTest, DisableFilterIsSavedOnAChange) {
+    EXPECT_TRUE(writesFile([] { Configuration::setFilteringDisabled(true); }));
+    EXPECT_TRUE(Configuration::filteringDisabled());
+    EXPECT_EQ(inFile("FilteringDisabled"), "true");
+    EXPECT_TRUE(log.holds("Disable-Filter set to: true"));
+}
+
+TEST_F(ConfigurationTest, EnableOstlerLogsEveryCallAndIsSavedOnAChange) {
+    EXPECT_TRUE(writesFile([] { Configuration::setOstlerEnabled(true); }));
+    EXPECT_FALSE(writesFile([] { Configuration::setOstlerEnabled(true); }));
+    EXPECT_TRUE(Configuration::isOstlerEnabled());
+    EXPECT_EQ(log.countContaining("Enable Ostler set to: true"), 2);
+}
+
+TEST_F(ConfigurationTest, UpdateReadyLogsEveryCallAndIsSavedOnAChange) {
+    EXPECT_TRUE(writesFile([] { Configuration::setUpdateReady(true); }));
+    EXPECT_EQ(inFile("UpdateReady"), "true");
+    EXPECT_FALSE(writesFile([] { Configuration::setUpdateReady(true); }));
+    EXPECT_TRUE(Configuration::isUpdateReady());
+    EXPECT_EQ(log.countContaining("UpdateReady set to: true"), 2);
+}
+
+TEST_F(ConfigurationTest, OEMModeLogsEveryCallAndIsSavedOnAChange) {
+    EXPECT_TRUE(writesFile([] { Configuration::setOEMMode(true); }));
+    EXPECT_EQ(inFile("OEMMode"), "true");
+    EXPECT_FALSE(writesFile([] { Configuration::setOEMMode(true); }));
+    EXPECT_TRUE(Configuration::oemMode());
+    EXPECT_TRUE(Configuration::isOEM());
+    EXPECT_EQ(log.countContaining("OEM-Mode set to: true"), 2);
+}
+
+TEST_F(ConfigurationTest, LogLevelsAreSavedOnAChangeWithoutALine) {
+    EXPECT_TRUE(writesFile([] { Configuration::setLogLevel(80); }));
+    EXPECT_EQ(inFile("LogLevel"), "80");
+    EXPECT_FALSE(writesFile([] { Configuration::setLogLevel(80); }));
+    EXPECT_TRUE(writesFile([] { Configuration::setKernelLogLevel(-3); }));
+    EXPECT_EQ(Configuration::getKernelLogLevel(), -3);
+    EXPECT_EQ(inFile("kll"), "-3");
+    EXPECT_FALSE(writesFile([] { Configuration::setKernelLogLevel(-3); }));
+    EXPECT_TRUE(log.messages().empty());
+}
+
+TEST_F(ConfigurationTest, ALogLevelIsOnWhenOneBitOfTheMaskIsSet) {
+    Configuration::setLogLevel(16 | 64);
+    EXPECT_TRUE(Configuration::isLogLevel(16));
+    EXPECT_TRUE(Configuration::isLogLevel(64 | 128));
+    EXPECT_FALSE(Configuration::isLogLevel(32 | 128));
+    EXPECT_FALSE(Configuration::isVerbose());
+}
+
+TEST_F(ConfigurationTest, BitOneOfTheLogLevelOrTheFlagMakesVerbose) {
+    Configuration::setLogLevel(1);
+    EXPECT_TRUE(Configuration::isVerbose());
+    Configuration::setLogLevel(0);
+    EXPECT_FALSE(Configuration::isVerbose());
+    Configuration::setVerboseMode(true);
+    EXPECT_TRUE(Configuration::isVerbose());
+    EXPECT_FALSE(Configuration::isLogLevel(1));
+}
+
+TEST_F(ConfigurationTest, MinusOneSetsAllLogBits) {
+    Configuration::setLogLevel(-1);
+    for (int bit : {1, 16, 32, 64, 128})
+        EXPECT_TRUE(Configuration::isLogLevel(bit));
+}
+
+TEST_F(ConfigurationTest, ACachedUserNameIsStoredAndSaved) {
+    EXPECT_TRUE(writesFile([] { Configuration::setCachedUserName("anna"); }));
+    EXPECT_STREQ(Configuration::cachedUserName(), "anna");
+    EXPECT_EQ(inFile("CachedUserName"), "anna");
+    EXPECT_TRUE(log.messages().empty());
+}
+
+TEST_F(ConfigurationTest, TheSameCachedUserNameStillWritesTheFile) {
+    Configuration::setCachedUserName("anna");
+    EXPECT_TRUE(writesFile([] { Configuration::setCachedUserName("anna"); }));
+}
+
+TEST_F(ConfigurationTest, ANullUserNameIsIgnoredOnlyWhileNoneIsStored) {
+    EXPECT_FALSE(writesFile([] { Configuration::setCachedUserName(nullptr); }));
+    EXPECT_FALSE(writesFile([] { Configuration::setLocalUserName(nullptr); }));
+    Configuration::setCachedUserName("anna");
+    Configuration::setLocalUserName("anna");
+    EXPECT_TRUE(writesFile([] { Configuration::setCachedUserName(nullptr); }));
+    EXPECT_EQ(Configuration::cachedUserName(), nullptr);
+    EXPECT_EQ(inFile("CachedUserName"), "(none)");
+    EXPECT_TRUE(writesFile([] { Configuration::setLocalUserName(nullptr); }));
+    EXPECT_EQ(Configuration::localUserName(), nullptr);
+}
+
+TEST_F(ConfigurationTest, UserNamesAreLoggedWhenVerboseWithNullForNone) {
+    Configuration::setVerboseMode(true);
+    Configuration::setCachedUserName("anna");
+    Configuration::setLocalUserName("bert");
+    Configuration::setCachedUserName(nullptr);
+    Configuration::setLocalUserName(nullptr);
+    EXPECT_TRUE(log.holds("setting cacheduser: anna"));
+    EXPECT_TRUE(log.holds("setting localuser: bert"));
+    EXPECT_TRUE(log.holds("setting cacheduser: null"));
+    EXPECT_TRUE(log.holds("setting localuser: null"));
+}
+
+TEST_F(ConfigurationTest, AUserNameStaysValidAfterItWasReplaced) {
+    Configuration::setCachedUserName("anna");
+    const char* earlier = Configuration::cachedUserName();
+    Configuration::setCachedUserName("bert");
+    EXPECT_STREQ(earlier, "anna");
+}
+
+TEST_F(ConfigurationTest, TheCheckInTimeIsStoredSavedAndReadAsADate) {
+    GPString time("2026-11-14T10:30:00Z");
+    EXPECT_TRUE(writesFile([&] { Configuration::setCheckInTimeStamp(&time); }));
+    EXPECT_EQ(inFile("CheckInTimeStamp"), "2026-11-14T10:30:00Z");
+    auto read = Owned<GPDate>::adopt(Configuration::checkInTimeStamp());
+    auto expected = Owned<GPDate>::adopt(GPDate::dateFromString("2026-11-14T10:30:00Z"));
+    ASSERT_TRUE(read);
+    EXPECT_EQ(read->toRawTime(), expected->toRawTime());
+}
+
+TEST_F(ConfigurationTest, ANullCheckInTimeIsIgnoredFirstAndStoredAsEmptyLater) {
+    EXPECT_FALSE(writesFile([] { Configuration::setCheckInTimeStamp(nullptr); }));
+    GPString time("2026-11-14T10:30:00Z");
+    Configuration::setCheckInTimeStamp(&time);
+    EXPECT_TRUE(writesFile([] { Configuration::setCheckInTimeStamp(nullptr); }));
+    EXPECT_EQ(inFile("CheckInTimeStamp"), "(none)");
+    EXPECT_EQ(Configuration::checkInTimeStamp(), nullptr);
+    EXPECT_TRUE(writesFile([] { Configuration::setCheckInTimeStamp(nullptr); }));
+}
+
+TEST_F(ConfigurationTest, TheDebugFileWinsOverTheVerboseFlagAndIsSaved) {
+    givenFile("<Fernhill><VerboseLogging>false</VerboseLogging></Fernhill>");
+    writeAll(platform::HostPaths::debugFile(), "<Debug><VerboseLogging>TRUE</VerboseLogging></Debug>");
+    Configuration::loadConfig();
+    Configuration::checkDebugConfig();
+    EXPECT_TRUE(Configuration::isVerbose());
+    EXPECT_EQ(inFile("VerboseLogging"), "true");
+    EXPECT_EQ(log.messages(), (std::vector<std::string>{"Debug file detected.", "Verbose set to: true",
+                                                        "verbose mode is updated to: true"}));
+}
+
+TEST_F(ConfigurationTest, TheDebugFileCanTurnVerboseOff) {
+    Configuration::setVerboseMode(true);
+    writeAll(platform::HostPaths::debugFile(), "<VerboseLogging>off</VerboseLogging>");
+    Configuration::checkDebugConfig();
+    EXPECT_FALSE(Configuration::isVerbose());
+    EXPECT_TRUE(log.holds("verbose mode is updated to: false"));
+}
+
+TEST_F(ConfigurationTest, WithoutADebugFileNothingHappens) {
+    EXPECT_FALSE(writesFile([] { Configuration::checkDebugConfig(); }));
+    EXPECT_TRUE(log.messages().empty());
+}
+
+TEST_F(ConfigurationTest, ADebugFileWithoutTheElementItsTextOrAnyElementChangesNothing) {
+    Configuration::setVerboseMode(true);
+    for (const char* content : {"<Debug><Other>false</Other></Debug>", "<VerboseLogging></VerboseLogging>",
+                                "<VerboseLogging/>", "no element at all"}) {
+        writeAll(platform::HostPaths::debugFile(), content);
+        EXPECT_FALSE(writesFile([] { Configuration::checkDebugConfig(); })) << content;
+        EXPECT_TRUE(Configuration::isVerbose()) << content;
+    }
+    EXPECT_EQ(log.countContaining("Debug file detected."), 4);
+    EXPECT_EQ(log.countContaining("verbose mode is updated"), 0);
+}
+
+TEST_F(ConfigurationTest, AnEmptyDebugFileDoesNotReadAndIsNotReported) {
+    writeAll(platform::HostPaths::debugFile(), "");
+    Configuration::checkDebugConfig();
+    EXPECT_TRUE(log.messages().empty());
+}
+
+TEST_F(ConfigurationTest, TheOEMFileTurnsOEMModeOnAndNamesItsVendor) {
+    writeAll(platform::HostPaths::oemMarkerFile(), "<Fernhill><Vendor>Acme</Vendor></Fernhill>");
+    Configuration::checkOEMConfig();
+    EXPECT_TRUE(Configuration::isOEM());
+    EXPECT_EQ(log.messages(), (std::vector<std::string>{"OEM config file detected.", "OEM-Mode set to: true",
+                                                        "oem vendor is: Acme"}));
+}
+
+TEST_F(ConfigurationTest, AnOEMFileWithoutVendorStillTurnsOEMModeOn) {
+    writeAll(platform::HostPaths::oemMarkerFile(), "");
+    Configuration::checkOEMConfig();
+    EXPECT_TRUE(Configuration::isOEM());
+    EXPECT_EQ(log.countContaining("oem vendor"), 0);
+}
+
+TEST_F(ConfigurationTest, WithoutAnOEMFileNothingHappens) {
+    Configuration::checkOEMConfig();
+    EXPECT_FALSE(Configuration::isOEM());
+    EXPECT_TRUE(log.messages().empty());
+}
+
+TEST_F(ConfigurationTest, TheOEMDocumentGoesToTheWorkingDirectoryAndIsAppended) {
+    std::filesystem::current_path(root.path());
+    GPString vendor("Acme");
+    Configuration::createOEMConfig(&vendor);
+    EXPECT_EQ(readAll(root.path() + "/fernhill_oem.xml"), "<Fernhill>\n<Vendor>Acme</Vendor>\n</Fernhill>\n");
+    Configuration::createOEMConfig(nullptr);
+    EXPECT_EQ(readAll(root.path() + "/fernhill_oem.xml"),
+              "<Fernhill>\n<Vendor>Acme</Vendor>\n</Fernhill>\n<Fernhill>\n</Fernhill>\n");
+}
+
+TEST_F(ConfigurationTest, AnEmptyVendorIsWrittenAsAnEmptyText) {
+    std::filesystem::current_path(root.path());
+    GPString vendor("");
+    Configuration::createOEMConfig(&vendor);
+    EXPECT_EQ(readAll(root.path() + "/fernhill_oem.xml"), "<Fernhill>\n<Vendor></Vendor>\n</Fernhill>\n");
+}
+
+} // namespace
