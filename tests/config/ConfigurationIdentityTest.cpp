@@ -22,9 +22,7 @@ protected:
         interfaces_.show(listing);
     }
 
-    static std::string generatedHere() {
-        return Owned<GPString>::adopt(GPAlgorithm::getUUID())->cstr();
-    }
+    static std::string generatedHere() { return Owned<GPString>::adopt(GPAlgorithm::getUUID())->cstr(); }
 
 private:
     testsupport::PlayedInterfaces interfaces_;

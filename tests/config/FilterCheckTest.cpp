@@ -28,7 +28,8 @@ protected:
     }
 
 private:
-    testsupport::PlayedNames names_;
+    // Outlives the test: the rebuild task may still look names up.
+    testsupport::PlayedNames& names_ = *new testsupport::PlayedNames;
 };
 
 TEST_F(FilterCheckTest, TheLocalAgentBecomesTheOnlyServerWhateverTheListHeld) {
