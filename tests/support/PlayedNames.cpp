@@ -24,14 +24,21 @@ void PlayedNames::forget(const std::string& name, int family) {
     entries_.erase({name, family});
 }
 
+void PlayedNames::neverAnswer(const std::string& name) {
+    std::lock_guard lock(mutex_);
+    unanswered_.insert(name);
+}
+
 std::vector<std::string> PlayedNames::asked() const {
     std::lock_guard lock(mutex_);
     return asked_;
 }
 
 bool PlayedNames::gethostbyname2(const char* name, int family, platform::HostEntry& entry) {
-    std::lock_guard lock(mutex_);
+    std::unique_lock lock(mutex_);
     asked_.emplace_back(name);
+    while (unanswered_.count(name) != 0)
+        never_.wait(lock);
     const auto known = entries_.find({name, family});
     if (known == entries_.end()) return false;
     entry = known->second;

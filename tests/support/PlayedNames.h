@@ -4,8 +4,10 @@
 
 #include "platform/NameLookup.h"
 
+#include <condition_variable>
 #include <map>
 #include <mutex>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -24,6 +26,9 @@ public:
     // Takes the name out of that family again.
     void forget(const std::string& name, int family);
 
+    // From now on a look-up of the name blocks its thread for ever. This object must then outlive the test.
+    void neverAnswer(const std::string& name);
+
     // The names asked for so far, in order.
     std::vector<std::string> asked() const;
 
@@ -32,6 +37,8 @@ public:
 
 private:
     mutable std::mutex mutex_;
+    std::condition_variable never_;
+    std::set<std::string> unanswered_;
     std::map<std::pair<std::string, int>, platform::HostEntry> entries_;
     std::vector<std::string> asked_;
 };

@@ -1,0 +1,87 @@
+#include "support/AllocationCounter.h"
+
+#include <cstddef>
+#include <cstdlib>
+
+#if defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer) || __has_feature(memory_sanitizer)
+#define OSTLER_SANITIZED
+#endif
+#elif defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define OSTLER_SANITIZED
+#endif
+
+namespace {
+
+thread_local bool counting = false;
+thread_local long allocations = 0;
+
+void noteAllocation() {
+    if (counting) ++allocations;
+}
+
+} // namespace
+
+#ifdef OSTLER_SANITIZED
+
+// A sanitizer owns the allocator and tells of each allocation.
+extern "C" int __sanitizer_install_malloc_and_free_hooks(void (*allocated)(const volatile void*, std::size_t),
+                                                         void (*freed)(const volatile void*));
+
+namespace {
+
+const int hooksInstalled = __sanitizer_install_malloc_and_free_hooks(
+    [](const volatile void*, std::size_t) { noteAllocation(); }, [](const volatile void*) {});
+
+} // namespace
+
+#else
+
+// These stand in front of the C library's own allocator for the whole program.
+extern "C" {
+
+void* __libc_malloc(std::size_t size);
+void* __libc_calloc(std::size_t count, std::size_t size);
+void* __libc_realloc(void* block, std::size_t size);
+void* __libc_memalign(std::size_t alignment, std::size_t size);
+
+void* malloc(std::size_t size) {
+    noteAllocation();
+    return __libc_malloc(size);
+}
+
+void* calloc(std::size_t count, std::size_t size) {
+    noteAllocation();
+    return __libc_calloc(count, size);
+}
+
+void* realloc(void* block, std::size_t size) {
+    noteAllocation();
+    return __libc_realloc(block, size);
+}
+
+void* memalign(std::size_t alignment, std::size_t size) {
+    noteAllocation();
+    return __libc_memalign(alignment, size);
+}
+
+void* aligned_alloc(std::size_t alignment, std::size_t size) {
+    noteAllocation();
+    return __libc_memalign(alignment, size);
+}
+}
+
+#endif
+
+namespace testsupport {
+
+AllocationCounter::AllocationCounter() {
+    allocations = 0;
+    counting = true;
+}
+
+AllocationCounter::~AllocationCounter() { counting = false; }
+
+long AllocationCounter::count() const { return allocations; }
+
+} // namespace testsupport
