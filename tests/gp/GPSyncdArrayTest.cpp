@@ -21,7 +21,17 @@ namespace {
 // The array under test lives for the whole run, as all of its kind do, and so do its retired arrays.
 class GPSyncdArrayTest : public testing::Test {
 protected:
-    explicit GPSyncdArrayTest(int capacity = 2) : array(*new GPSyncdArray(capacity)) {}
+    GPSyncdArrayTest()
+        : array(*kept(new GPSyncdArray(2))), a(*kept(new GPObject())), b(*kept(new GPObject())),
+          c(*kept(new GPObject())) {}
+
+    // Keeps in sight what lives for the whole run.
+    template <class T>
+    static T* kept(T* object) {
+        static auto& forEver = *new std::vector<GPObject*>();
+        forEver.push_back(object);
+        return object;
+    }
 
     Owned<GPArray> snapshot() { return Owned<GPArray>::adopt(array.getArray()); }
 
@@ -41,9 +51,9 @@ protected:
     }
 
     GPSyncdArray& array;
-    GPObject& a = *new GPObject();
-    GPObject& b = *new GPObject();
-    GPObject& c = *new GPObject();
+    GPObject& a;
+    GPObject& b;
+    GPObject& c;
 };
 
 } // namespace
@@ -61,9 +71,9 @@ TEST_F(GPSyncdArrayTest, SingleReleaseDoesNotDestroyIt) {
 
 TEST_F(GPSyncdArrayTest, InitialCapacityIsTheOneAskedForOrFive) {
     EXPECT_EQ(array.getInternalArray()->arraySpace(), 2);
-    EXPECT_EQ((new GPSyncdArray())->getInternalArray()->arraySpace(), 5);
-    EXPECT_EQ((new GPSyncdArray(0))->getInternalArray()->arraySpace(), 5);
-    EXPECT_EQ((new GPSyncdArray(1))->getInternalArray()->arraySpace(), 1);
+    EXPECT_EQ(kept(new GPSyncdArray())->getInternalArray()->arraySpace(), 5);
+    EXPECT_EQ(kept(new GPSyncdArray(0))->getInternalArray()->arraySpace(), 5);
+    EXPECT_EQ(kept(new GPSyncdArray(1))->getInternalArray()->arraySpace(), 1);
 }
 
 TEST_F(GPSyncdArrayTest, GetArrayAnswersTheCurrentArrayWithOneMoreReference) {
