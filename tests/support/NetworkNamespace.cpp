@@ -1,6 +1,6 @@
 #include "support/NetworkNamespace.h"
 
-#include <gtest/gtest.h>
+#include "support/TestChild.h"
 
 #include <fcntl.h>
 #include <net/if.h>
@@ -52,10 +52,7 @@ NamespaceResult runInNetworkNamespace(const std::function<void()>& body) {
     const pid_t child = fork();
     if (child == 0) {
         if (!enterNamespace()) _exit(noNamespace);
-        alarm(20);
-        body();
-        std::fflush(nullptr);
-        _exit(testing::Test::HasFailure() ? 1 : 0);
+        endAfter(body);
     }
     int status = 0;
     if (child < 0 || waitpid(child, &status, 0) != child) return NamespaceResult::unavailable;

@@ -11,17 +11,26 @@
 #include <csignal>
 #include <cstddef>
 #include <cstdio>
+#include <exception>
 
 namespace testsupport {
+
+void endAfter(const std::function<void()>& body) {
+    alarm(20);
+    try {
+        body();
+    } catch (const std::exception& thrown) {
+        ADD_FAILURE() << thrown.what();
+    }
+    std::fflush(nullptr);
+    _exit(testing::Test::HasFailure() ? 1 : 0);
+}
 
 bool passesInChild(const std::function<void()>& body) {
     std::fflush(nullptr);
     const pid_t child = fork();
     if (child == 0) {
-        alarm(20);
-        body();
-        std::fflush(nullptr);
-        _exit(testing::Test::HasFailure() ? 1 : 0);
+        endAfter(body);
     }
     int status = 0;
     return child > 0 && waitpid(child, &status, 0) == child && WIFEXITED(status) && WEXITSTATUS(status) == 0;

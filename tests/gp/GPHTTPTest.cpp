@@ -1,0 +1,586 @@
+#include "gp/GPHTTP.h"
+
+#include "gp/GPAutoReleasePool.h"
+#include "gp/GPData.h"
+#include "gp/GPMap.h"
+#include "gp/GPString.h"
+#include "gp/Owned.h"
+#include "support/AnswerServer.h"
+#include "support/CapturedLog.h"
+#include "support/LoopbackPeer.h"
+#include "support/ManualClock.h"
+#include "support/NetworkNamespace.h"
+#include "support/PlayedNames.h"
+#include "support/TemporaryFolder.h"
+#include "support/WebServer.h"
+
+#include <gtest/gtest.h>
+
+#include <sys/socket.h>
+
+#include <csignal>
+#include <future>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace {
+
+using testsupport::AnswerServer;
+using testsupport::CapturedLog;
+using testsupport::ManualClock;
+using testsupport::NamespaceResult;
+using testsupport::PlayedNames;
+
+const std::string defaultAgent =
+    "Mozilla/5.0 (Macintosh; Intel Mac OS X 10_7_3) AppleWebKit/534.53.11 (KHTML, like Gecko) "
+    "Version/5.1.3 Safari/534.53.10";
+
+std::string textOf(GPString* owned) {
+    const auto text = Owned<GPString>::adopt(owned);
+    return text ? text->cstr() : "(null)";
+}
+
+std::string bytesOf(GPData* owned) {
+    const auto data = Owned<GPData>::adopt(owned);
+    return data ? std::string(data->bytes(), static_cast<std::size_t>(data->length())) : "(null)";
+}
+
+std::string headerOf(GPHTTP& request, const char* name) {
+    GPString* value = request.responseHeader(name);
+    return value ? value->cstr() : "(null)";
+}
+
+class GPHTTPRequest : public testing::Test {
+protected:
+    GPHTTPRequest() {
+        signal(SIGPIPE, SIG_IGN);
+        for (const char* host : {"127.0.0.1", "server.test", "server.test?q=1", "server.test:8080"})
+            names_.answer(host, AF_INET, {"127.0.0.1"});
+        names_.install();
+        ManualClock::installed().setEventWait(5000000, false);
+    }
+
+    // The host that a request for the URL looks up; nothing listens there.
+    std::string hostOf(const char* url) {
+        GPHTTP request(url);
+        request.setPort(closedPort_);
+        request.startSync();
+        return names_.asked().empty() ? "(none)" : names_.asked().back();
+    }
+
+    // The port that the URL gives.
+    static int portOf(const char* url) { return GPHTTP(url).port(); }
+
+    // What the server gets for a GET of that path.
+    static std::string get(const std::string& path, const std::string& headers = "") {
+        return "GET " + path + " HTTP/1.1\r\nHost: 127.0.0.1\r\nUser-Agent: " + defaultAgent +
+               "\r\nConnection: close\r\n" + headers + "\r\n";
+    }
+
+    CapturedLog log_;
+    PlayedNames names_;
+    const int closedPort_ = testsupport::freePort();
+};
+
+// A finished exchange whose answer the test chose.
+class GPHTTPAnswer : public GPHTTPRequest {
+protected:
+    GPHTTP& answeredWith(const std::string& answer) {
+        AnswerServer server({answer});
+        request_.setURL(server.url("/").c_str());
+        request_.startSync();
+        return request_;
+    }
+
+    GPHTTP request_{""};
+};
+
+TEST_F(GPHTTPRequest, AUrlWithoutASchemeHasPort80AndTheHostBeforeTheFirstSlash) {
+    EXPECT_EQ(portOf("server.test/path"), 80);
+    EXPECT_EQ(hostOf("server.test/path"), "server.test");
+}
+
+TEST_F(GPHTTPRequest, EachKnownSchemeHasItsPort) {
+    EXPECT_EQ(portOf("https://server.test/"), 443);
+    EXPECT_EQ(portOf("http://server.test/"), 80);
+    EXPECT_EQ(portOf("ftp://server.test/"), 22);
+    EXPECT_EQ(portOf("smtp://server.test/"), 25);
+    EXPECT_EQ(portOf("imap://server.test/"), 142);
+    EXPECT_EQ(portOf("pop://server.test/"), 110);
+    EXPECT_EQ(portOf("ssh://server.test/"), 22);
+}
+
+TEST_F(GPHTTPRequest, AnUnknownSchemeLeavesPort80) {
+    EXPECT_EQ(portOf("gopher://server.test/"), 80);
+    EXPECT_EQ(portOf("HTTPS://server.test/"), 80);
+    EXPECT_EQ(hostOf("gopher://server.test/"), "server.test");
+}
+
+TEST_F(GPHTTPRequest, APortInTheUrlCountsOverTheSchemes) {
+    EXPECT_EQ(portOf("https://server.test:8443/x"), 8443);
+    EXPECT_EQ(portOf("server.test:8080/x"), 8080);
+    EXPECT_EQ(hostOf("server.test:8080/x"), "server.test");
+    EXPECT_EQ(portOf("http://server.test:abc/x"), -1);
+}
+
+TEST_F(GPHTTPRequest, APortWithoutAPathStaysInsideTheHost) {
+    EXPECT_EQ(portOf("http://server.test:8080"), 80);
+    EXPECT_EQ(hostOf("http://server.test:8080"), "server.test:8080");
+}
+
+TEST_F(GPHTTPRequest, AQueryWithoutASlashBehindTheSchemeIsAllHost) {
+    EXPECT_EQ(hostOf("http://server.test?q=1"), "server.test?q=1");
+}
+
+TEST_F(GPHTTPRequest, TextsThatAreHardlyUrlsAreTakenApartToo) {
+    const std::vector<std::pair<const char*, const char*>> hosts = {
+        {"", ""},       {"/", "/"},      {":", ":"},   {":/", ""},   {"a:/", ""},    {"a:/x", ""},
+        {"http:/", ""}, {"http://", ""}, {"//", "//"}, {"a:", "a:"}, {"a:b", "a:b"}, {"http:///x", "/x"}};
+    for (const auto& [url, host] : hosts)
+        EXPECT_EQ(hostOf(url), host) << url;
+    EXPECT_EQ(hostOf(nullptr), "");
+}
+
+TEST_F(GPHTTPRequest, AGetIsWrittenFromItsTemplate) {
+    AnswerServer server({"HTTP/1.1 200 OK\r\n\r\nbody"});
+    GPHTTP request(server.url("/a/b?c=d").c_str());
+    request.startSync();
+    EXPECT_EQ(server.request(), get("/a/b?c=d"));
+    EXPECT_STREQ(request.IPAddress(), "127.0.0.1");
+}
+
+TEST_F(GPHTTPRequest, TheOtherMethodsHaveTheirTemplates) {
+    AnswerServer server({"x", "x"});
+    GPHTTP request(server.url("/p").c_str());
+    request.setHTTPMethod(GPHTTPMethodHead);
+    request.startSync();
+    request.setHTTPMethod(GPHTTPMethodDelete);
+    request.startSync();
+    const std::string rest =
+        " /p HTTP/1.1\r\nHost: 127.0.0.1\r\nUser-Agent: " + defaultAgent + "\r\nConnection: close\r\n\r\n";
+    EXPECT_EQ(server.requests(), (std::vector<std::string>{"HEAD" + rest, "DELETE" + rest}));
+}
+
+TEST_F(GPHTTPRequest, MethodsHaveTheirNumbers) {
+    EXPECT_EQ(GPHTTPMethodGet, 0);
+    EXPECT_EQ(GPHTTPMethodPost, 1);
+    EXPECT_EQ(GPHTTPMethodPut, 2);
+    EXPECT_EQ(GPHTTPMethodHead, 3);
+    EXPECT_EQ(GPHTTPMethodDelete, 4);
+}
+
+TEST_F(GPHTTPRequest, HeadersGoOutWithABlankBeforeTheColon) {
+    AnswerServer server({"x"});
+    GPHTTP request(server.url("/").c_str());
+    request.addHeader("X-One", "first");
+    request.addHeader("X-One", "second");
+    request.startSync();
+    EXPECT_EQ(server.request(), get("/", "X-One : second\r\n"));
+}
+
+TEST_F(GPHTTPRequest, AFormFieldMakesAPostWithItsLength) {
+    AnswerServer server({"x"});
+    GPHTTP request(server.url("/form").c_str());
+    request.addPostValue("name", "a b&c");
+    request.startSync();
+    EXPECT_EQ(server.request(), "POST /form HTTP/1.1\r\nHost: 127.0.0.1\r\nUser-Agent: " + defaultAgent +
+                                    "\r\nContent-Type: application/x-www-form-urlencoded\r\n"
+                                    "Content-Length: 10\r\nConnection: close\r\n\r\nname=a b&c");
+}
+
+TEST_F(GPHTTPRequest, OfAFormWithMoreFieldsOnlyTheFirstKeyOfTheMapGoesOut) {
+    AnswerServer server({"x"});
+    GPHTTP request(server.url("/form").c_str());
+    GPMap sameFields;
+    for (const char* name : {"one", "two"}) {
+        request.addPostValue(name, "v");
+        request.addHeader(name, "h");
+        sameFields.setObject(new GPString("v"), name);
+    }
+    const std::string first = sameFields.firstKey();
+    request.startSync();
+    const std::string& sent = server.request();
+    EXPECT_EQ(sent.substr(sent.find("\r\n\r\n")), "\r\n\r\n" + first + "=v");
+}
+
+TEST_F(GPHTTPRequest, APutSendsNothingAndSaysSoInTheLog) {
+    AnswerServer server({"never read"});
+    GPHTTP request(server.url("/").c_str());
+    request.uploadFile("name", "/no/file");
+    request.addPostValue("name", "value");
+    request.startSync();
+    EXPECT_EQ(server.request(), "");
+    EXPECT_TRUE(log_.holds("ERROR: GPHTTP PUT request not supported."));
+    EXPECT_EQ(request.responseLength(), 0);
+}
+
+TEST_F(GPHTTPRequest, MissingNamesAndValuesAreIgnored) {
+    AnswerServer server({"x"});
+    GPHTTP request(server.url("/").c_str());
+    request.addHeader(nullptr, "v");
+    request.addHeader("n", nullptr);
+    request.startSync();
+    EXPECT_EQ(server.request(), get("/"));
+}
+
+TEST_F(GPHTTPRequest, AUserAgentOfItsOwnReplacesTheDefault) {
+    AnswerServer server({"x", "x", "x"});
+    GPHTTP request(server.url("/").c_str());
+    request.setUserAgent("mine/1");
+    request.startSync();
+    request.setUserAgent(nullptr);
+    GPHTTP::setDefaultUserAgent("ours/2");
+    request.startSync();
+    GPHTTP::setDefaultUserAgent(defaultAgent.c_str());
+    request.startSync();
+    EXPECT_NE(server.requests()[0].find("User-Agent: mine/1\r\n"), std::string::npos);
+    EXPECT_NE(server.requests()[1].find("User-Agent: ours/2\r\n"), std::string::npos);
+    EXPECT_EQ(server.requests()[2], get("/"));
+}
+
+TEST_F(GPHTTPRequest, WithoutAnAnswerEveryAccessorIsEmpty) {
+    GPHTTP request("http://nobody.test/");
+    request.startSync();
+    EXPECT_TRUE(log_.holds("WARNING: Socket open error in GPHTTP."));
+    EXPECT_EQ(request.responseCode(), 0);
+    EXPECT_EQ(textOf(request.responseString()), "(null)");
+    EXPECT_EQ(bytesOf(request.responseData()), "(null)");
+    EXPECT_EQ(request.responseLength(), 0);
+    EXPECT_EQ(request.responseHeader("Server"), nullptr);
+    EXPECT_EQ(request.IPAddress(), nullptr);
+    EXPECT_FALSE(request.parseResponse());
+}
+
+TEST_F(GPHTTPRequest, ARefusedConnectionIsLoggedAsAFailedSend) {
+    GPHTTP request("http://server.test/");
+    request.setPort(closedPort_);
+    request.startSync();
+    EXPECT_TRUE(log_.holds("Info: GPHTTP socket send failed."));
+    EXPECT_EQ(request.responseCode(), 0);
+}
+
+TEST_F(GPHTTPRequest, AFailedConnectionLeavesTheOldAnswer) {
+    AnswerServer server({"HTTP/1.1 200 OK\r\n\r\nold"});
+    GPHTTP request(server.url("/").c_str());
+    request.startSync();
+    names_.forget("127.0.0.1", AF_INET);
+    request.startSync();
+    EXPECT_EQ(textOf(request.responseString()), "old");
+}
+
+TEST_F(GPHTTPRequest, ASecondRunReplacesTheAnswerButKeepsCodeAndHeadersUntilSetURL) {
+    AnswerServer server(
+        {"HTTP/1.1 200 OK\r\nA: 1\r\n\r\nfirst", "HTTP/1.1 404 No\r\nA: 2\r\n\r\nsecond", "none"});
+    const std::string url = server.url("/");
+    GPHTTP request(url.c_str());
+    request.startSync();
+    EXPECT_EQ(request.responseCode(), 200);
+    request.startSync();
+    EXPECT_EQ(textOf(request.responseString()), "second");
+    EXPECT_EQ(request.responseCode(), 200);
+    EXPECT_EQ(headerOf(request, "A"), "1");
+    request.setURL(url.c_str());
+    EXPECT_EQ(request.responseCode(), 0);
+    EXPECT_EQ(request.responseLength(), 0);
+    EXPECT_EQ(request.IPAddress(), nullptr);
+    request.startSync();
+    EXPECT_EQ(request.responseCode(), 0);
+}
+
+TEST_F(GPHTTPRequest, ASilentServerEndsTheReadingWithWhatHasCome) {
+    ManualClock::installed().setEventWait(100000, true);
+    const auto before = ManualClock::installed().seconds();
+    AnswerServer server({"HTTP/1.1 200 OK\r\n\r\npart"}, AnswerServer::Afterwards::stalls);
+    GPHTTP request(server.url("/").c_str());
+    request.setTimeout(7);
+    request.startSync();
+    EXPECT_EQ(textOf(request.responseString()), "part");
+    EXPECT_GE(ManualClock::installed().seconds() - before, 7);
+    EXPECT_EQ((ManualClock::installed().seconds() - before) % 7, 0) << "7 seconds for each wait";
+}
+
+TEST_F(GPHTTPRequest, HttpsWithAnotherPortGoesOutInPlainText) {
+    AnswerServer server({"HTTP/1.1 200 OK\r\n\r\nplain"});
+    GPHTTP request(("https://127.0.0.1:" + std::to_string(server.port()) + "/").c_str());
+    EXPECT_EQ(request.port(), server.port());
+    request.startSync();
+    EXPECT_EQ(server.request(), get("/"));
+}
+
+TEST_F(GPHTTPRequest, HttpsWithoutAPortUsesPort443AndTls) {
+    const auto result = testsupport::runInNetworkNamespace([] {
+        const testsupport::Certificate certificate("server.test");
+        certificate.trust();
+        testsupport::WebServer server(80, 443, certificate);
+        GPHTTP request("https://server.test/index.html");
+        EXPECT_EQ(request.port(), 443);
+        request.startSync();
+        EXPECT_EQ(request.responseCode(), 200);
+        EXPECT_EQ(textOf(request.responseString()), "<p>index</p>\n");
+        EXPECT_EQ(server.accessLog(), "GET /index.html 200 " + defaultAgent + " https\n");
+    });
+    if (result == NamespaceResult::unavailable) GTEST_SKIP() << "no network namespace on this machine";
+    EXPECT_EQ(result, NamespaceResult::passed);
+}
+
+TEST_F(GPHTTPRequest, HttpsToAnUntrustedServerGivesNoAnswer) {
+    const auto result = testsupport::runInNetworkNamespace([] {
+        const testsupport::Certificate certificate("server.test");
+        testsupport::trustNobody();
+        testsupport::WebServer server(80, 443, certificate);
+        EXPECT_FALSE(GPHTTP::checkIfExist("https://server.test/index.html"));
+        EXPECT_TRUE(GPHTTP::checkIfExist("http://server.test/index.html"));
+        EXPECT_EQ(server.accessLog(), "HEAD /index.html 200 " + defaultAgent + " http\n");
+    });
+    if (result == NamespaceResult::unavailable) GTEST_SKIP() << "no network namespace on this machine";
+    EXPECT_EQ(result, NamespaceResult::passed);
+}
+
+struct Completed {
+    int code;
+    int referencesLeft;
+};
+std::promise<Completed> completed;
+
+// Gives the caller's reference back; the exchange must still have its own.
+void* tellAndRelease(GPHTTP* request) {
+    const int code = request->responseCode();
+    completed.set_value({code, request->release()});
+    return nullptr;
+}
+
+TEST_F(GPHTTPRequest, StartAsyncRunsOnAnotherThreadAndKeepsTheRequestAlive) {
+    completed = std::promise<Completed>();
+    AnswerServer server({"HTTP/1.1 204 No Content\r\n\r\n"});
+    auto* request = new GPHTTP(server.url("/").c_str());
+    request->startAsync(tellAndRelease);
+    const Completed end = completed.get_future().get();
+    EXPECT_EQ(end.code, 204);
+    EXPECT_EQ(end.referencesLeft, 1);
+}
+
+TEST_F(GPHTTPRequest, RequestWithURLIsTheCallersOrThePools) {
+    auto* mine = GPHTTP::requestWithURL("http://server.test/", false);
+    EXPECT_EQ(mine->release(), GPObject::destroyedMark) << "the count was 1";
+    auto* pool = new GPAutoReleasePool;
+    auto* pooled = GPHTTP::requestWithURL("http://server.test/", true);
+    EXPECT_EQ(pooled->retainonly(), 3);
+    EXPECT_EQ(pooled->release(), 2);
+    pool->drain();
+}
+
+TEST_F(GPHTTPRequest, CheckIfExistIsTrueForStatus200Alone) {
+    AnswerServer server({"HTTP/1.1 200 OK\r\n\r\n", "HTTP/1.1 204 No\r\n\r\n", "HTTP/1.1 404 No\r\n\r\n"});
+    const std::string url = server.url("/ping");
+    EXPECT_TRUE(GPHTTP::checkIfExist(url.c_str()));
+    EXPECT_FALSE(GPHTTP::checkIfExist(url.c_str()));
+    EXPECT_FALSE(GPHTTP::checkIfExist(url.c_str()));
+    EXPECT_EQ(server.requests()[0].substr(0, 10), "HEAD /ping");
+    EXPECT_FALSE(GPHTTP::checkIfExist("http://nobody.test/"));
+}
+
+TEST_F(GPHTTPRequest, GetTextRequestGivesTheBody) {
+    AnswerServer server({"HTTP/1.1 200 OK\r\n\r\nthe text"});
+    EXPECT_EQ(textOf(GPHTTP::getTextRequest(server.url("/").c_str())), "the text");
+    EXPECT_EQ(textOf(GPHTTP::getTextRequest("http://nobody.test/")), "(null)");
+}
+
+TEST_F(GPHTTPRequest, DownloadFileReplacesTheFileWithTheBodysBytes) {
+    const testsupport::TemporaryFolder folder;
+    const std::string path = folder.file("download");
+    testsupport::writeAll(path, "something longer that was there before");
+    const std::string body("zip\0bytes", 9);
+    AnswerServer server({"HTTP/1.1 200 OK\r\n\r\n" + body});
+    auto* pool = new GPAutoReleasePool;
+    EXPECT_TRUE(GPHTTP::downloadFile(server.url("/").c_str(), path.c_str()));
+    EXPECT_EQ(testsupport::readAll(path), body);
+    EXPECT_FALSE(GPHTTP::downloadFile("http://nobody.test/", path.c_str()));
+    EXPECT_EQ(testsupport::readAll(path), body);
+    pool->drain();
+}
+
+TEST_F(GPHTTPRequest, DownloadFileWaitsTwentySeconds) {
+    ManualClock::installed().setEventWait(100000, true);
+    const testsupport::TemporaryFolder folder;
+    AnswerServer server({"HTTP/1.1 200 OK\r\n\r\npart"}, AnswerServer::Afterwards::stalls);
+    auto* pool = new GPAutoReleasePool;
+    const auto before = ManualClock::installed().seconds();
+    EXPECT_TRUE(GPHTTP::downloadFile(server.url("/").c_str(), folder.file("f").c_str()));
+    EXPECT_GE(ManualClock::installed().seconds() - before, 20);
+    EXPECT_EQ((ManualClock::installed().seconds() - before) % 20, 0);
+    pool->drain();
+}
+
+TEST_F(GPHTTPAnswer, ARedirectIsNotFollowed) {
+    GPHTTP& request = answeredWith("HTTP/1.1 302 Found\r\nLocation: http://server.test/\r\n\r\nmoved");
+    EXPECT_EQ(request.responseCode(), 302);
+    EXPECT_EQ(headerOf(request, "Location"), "http://server.test/");
+    EXPECT_EQ(names_.asked(), std::vector<std::string>{"127.0.0.1"}) << "nobody was asked again";
+}
+
+TEST_F(GPHTTPAnswer, AChunkedAnswerIsPutTogetherInTheTextButNotInTheData) {
+    const std::string framed = "5\r\nhello\r\n6\r\n world\r\n0\r\n\r\n";
+    GPHTTP& request = answeredWith("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n" + framed);
+    EXPECT_EQ(textOf(request.responseString()), "hello world");
+    EXPECT_EQ(bytesOf(request.responseData()), framed);
+}
+
+TEST_F(GPHTTPAnswer, AnEmptyBodyGivesTheWholeAnswerAsText) {
+    const std::string answer = "HTTP/1.1 200 OK\r\nServer: x\r\n\r\n";
+    GPHTTP& request = answeredWith(answer);
+    EXPECT_EQ(textOf(request.responseString()), answer);
+    EXPECT_EQ(bytesOf(request.responseData()), "");
+    EXPECT_EQ(request.responseLength(), static_cast<int>(answer.size()));
+}
+
+TEST_F(GPHTTPAnswer, AnAnswerWithoutAHeaderBlockIsAllText) {
+    GPHTTP& request = answeredWith("HTTP/1.1 200 OK\r\nServer: x\r\n");
+    EXPECT_EQ(request.responseCode(), 200) << "the status is read all the same";
+    EXPECT_FALSE(answeredWith("HTTP/1.1 200 OK\r\nServer: x\r\n").parseResponse());
+    EXPECT_TRUE(request.parseResponse()) << "the headers have been made, if empty";
+    EXPECT_EQ(textOf(request.responseString()), "HTTP/1.1 200 OK\r\nServer: x\r\n");
+    EXPECT_EQ(bytesOf(request.responseData()), "HTTP/1.1 200 OK\r\nServer: x\r\n");
+}
+
+TEST_F(GPHTTPAnswer, DataThatDoesNotBeginAsHttpIsGivenWhole) {
+    EXPECT_EQ(bytesOf(answeredWith("ICY 200 OK\r\n\r\nmusic").responseData()), "ICY 200 OK\r\n\r\nmusic");
+    EXPECT_EQ(bytesOf(answeredWith("HTTP/1.0 200 OK\r\n\r\nmusic").responseData()), "music");
+}
+
+TEST_F(GPHTTPAnswer, TheDataOutlivesTheRequest) {
+    auto* request = new GPHTTP("");
+    AnswerServer server({"raw"});
+    request->setURL(server.url("/").c_str());
+    request->startSync();
+    GPData* raw = request->responseData();
+    request->release();
+    EXPECT_EQ(bytesOf(raw), "raw");
+}
+
+// Headers of an answer, read without a connection.
+class GPHTTPHeaders : public testing::Test {
+protected:
+    bool parse(const std::string& answer) { return GPHTTP::parseAnswer(answer, code_, headers_); }
+
+    std::string header(const char* name) {
+        auto* value = static_cast<GPString*>(headers_.objectForKey(name));
+        return value ? value->cstr() : "(null)";
+    }
+
+    int code_ = 0;
+    GPMap headers_;
+};
+
+TEST_F(GPHTTPHeaders, AreStoredUnderTheirNamesAsTheyStand) {
+    EXPECT_TRUE(
+        parse("HTTP/1.1 200 OK\r\nServer: nginx/1 \r\nX-Empty: \r\nLast: one\r\n\r\nNot: a header\r\n"));
+    EXPECT_EQ(code_, 200);
+    EXPECT_EQ(header("Server"), "nginx/1");
+    EXPECT_EQ(header("server"), "(null)");
+    EXPECT_EQ(header("X-Empty"), "");
+    EXPECT_EQ(header("Last"), "one");
+    EXPECT_EQ(headers_.count(), 3);
+}
+
+TEST_F(GPHTTPHeaders, AValueDirectlyBehindTheColonLosesItsFirstCharacter) {
+    EXPECT_TRUE(parse("HTTP/1.1 200 OK\r\nServer:nginx\r\nNext: one\r\n\r\n"));
+    EXPECT_EQ(header("Server"), "ginx");
+    EXPECT_EQ(header("Next"), "one");
+}
+
+TEST_F(GPHTTPHeaders, AColonAtTheEndOfALineHasAnEmptyValue) {
+    EXPECT_TRUE(parse("HTTP/1.1 200 OK\r\nA:\r\nB: b\nC:\nD: d\r\nE:\r\n\r\n"));
+    EXPECT_EQ(header("A"), "");
+    EXPECT_EQ(header("B"), "b");
+    EXPECT_EQ(header("C"), "");
+    EXPECT_EQ(header("D"), "d");
+    EXPECT_EQ(header("E"), "");
+}
+
+TEST_F(GPHTTPHeaders, ARepeatedNameKeepsItsLastValue) {
+    EXPECT_TRUE(parse("HTTP/1.1 200 OK\r\nA: 1\r\nA: 2\r\n\r\n"));
+    EXPECT_EQ(header("A"), "2");
+}
+
+TEST_F(GPHTTPHeaders, ALineWithoutAColonBelongsToTheNextName) {
+    EXPECT_TRUE(parse("HTTP/1.1 200 OK\r\nnonsense\r\nA: 1\r\n\r\n"));
+    EXPECT_EQ(header("nonsense\r\nA"), "1");
+}
+
+TEST_F(GPHTTPHeaders, TheStatusIsTheNumberBehindTheFirstBlank) {
+    EXPECT_TRUE(parse("whatever 404 x\r\n\r\n"));
+    EXPECT_EQ(code_, 404);
+    code_ = 7;
+    EXPECT_TRUE(parse("HTTP/1.1 none\r\n\r\n"));
+    EXPECT_EQ(code_, 7) << "no digit, no change";
+    EXPECT_FALSE(parse("HTTP/1.1 "));
+    EXPECT_EQ(code_, 7);
+}
+
+TEST_F(GPHTTPHeaders, AStatusLineAloneHasNoHeaders) {
+    EXPECT_TRUE(parse("HTTP/1.1 200 OK\r\n\r\n"));
+    EXPECT_EQ(headers_.count(), 0);
+}
+
+// Every prefix of a text, and every text with one byte replaced by each of a few nasty ones.
+TEST_F(GPHTTPHeaders, HostileBytesAreReadToTheirEnd) {
+    const std::string good = "HTTP/1.1 200 OK\r\nA: 1\r\nTransfer-Encoding: chunked\r\nB:\r\n\r\nbody";
+    for (std::size_t length = 0; length <= good.size(); ++length)
+        parse(good.substr(0, length));
+    for (std::size_t at = 0; at < good.size(); ++at) {
+        for (const char nasty : {'\0', '\r', '\n', ':', ' ', '\xff'}) {
+            std::string bad = good;
+            bad[at] = nasty;
+            parse(bad);
+        }
+    }
+    EXPECT_FALSE(parse(std::string(100000, ':')));
+    EXPECT_TRUE(parse(std::string(100000, '\n') + ":" + std::string(1000, ':') + "\r\n\r\n"));
+    EXPECT_TRUE(parse("x 99999999999999999999999999\n:\r\n\r\n"));
+    EXPECT_EQ(header(""), "");
+}
+
+std::string chunks(const char* text) { return textOf(GPHTTP::handleChunk(text)); }
+
+TEST(GPHTTPChunks, AreConcatenatedUpToASizeOfZero) {
+    EXPECT_EQ(chunks("5\r\nhello\r\n6\r\n world\r\n0\r\n\r\nignored"), "hello world");
+    EXPECT_EQ(chunks("a\r\n0123456789\r\nA\r\n0123456789\r\n0\r\n\r\n"), "01234567890123456789");
+    EXPECT_EQ(chunks("1\r\nx\r\n0\r\nTrailer: y\r\n\r\n"), "x");
+}
+
+TEST(GPHTTPChunks, AFirstSizeOfZeroGivesAnEmptyText) { EXPECT_EQ(chunks("0\r\n\r\n"), ""); }
+
+TEST(GPHTTPChunks, ExtensionsAreNotUnderstood) {
+    EXPECT_EQ(chunks("5;a=b\r\nhello\r\n0\r\n\r\n"), "=b\r\nh");
+}
+
+TEST(GPHTTPChunks, AChunkThatIsCutShortGivesWhatIsThere) {
+    EXPECT_EQ(chunks("5\r\nhel"), "hel");
+    EXPECT_EQ(chunks("5\r\n"), "");
+    EXPECT_EQ(chunks("5\r"), "");
+    EXPECT_EQ(chunks("5"), "");
+    EXPECT_EQ(chunks(""), "");
+    EXPECT_EQ(chunks("5\r\nhello"), "hello");
+    EXPECT_EQ(chunks("5\r\nhello\r"), "hello");
+    EXPECT_EQ(chunks("5\r\nhello\r\n"), "hello");
+}
+
+TEST(GPHTTPChunks, AbsurdSizesAreCutToWhatIsThere) {
+    EXPECT_EQ(chunks("ffffffff\r\nabc"), "abc");
+    EXPECT_EQ(chunks("7fffffffffffffff\r\nabc"), "abc");
+    EXPECT_EQ(chunks("ffffffffffffffffffffffff\r\nabc"), "abc");
+}
+
+TEST(GPHTTPChunks, ANegativeSizeEndsTheText) {
+    EXPECT_EQ(chunks("-5\r\nhello\r\n0\r\n\r\n"), "");
+    EXPECT_EQ(chunks("2\r\nab\r\n-1\r\nhello"), "ab");
+    EXPECT_EQ(chunks("-ffffffffffffffffffff\r\nabc"), "");
+}
+
+TEST(GPHTTPChunks, TextThatIsNoSizeEndsTheText) {
+    EXPECT_EQ(chunks("zz\r\nhello\r\n"), "");
+    EXPECT_EQ(chunks("      "), "");
+}
+
+} // namespace
