@@ -102,8 +102,7 @@ private:
     // False for an element that was written whole as one tag.
     bool start(GPDOMElement* element, std::size_t depth) {
         indent(depth);
-        text += '<';
-        text += element->name->cstr();
+        add(GPString::format("<%s", element->name->cstr()));
         writeAttributes(element->attributes);
         if (shortClose_ && isEmpty(element->value) && isEmpty(element->children)) {
             text += "/>\n";
@@ -118,21 +117,18 @@ private:
 
     void finish(GPDOMElement* element, std::size_t depth) {
         if (!element->value) indent(depth);
-        text += "</";
-        text += element->name->cstr();
-        text += ">\n";
+        add(GPString::format("</%s>\n", element->name->cstr()));
     }
 
     void writeAttributes(GPMap* attributes) {
         if (!attributes) return;
         for (char const* key = attributes->firstKey(); key; key = attributes->nextKey()) {
-            text += ' ';
-            text += key;
-            text += "=\"";
-            text += static_cast<GPString*>(attributes->objectForKey(key))->cstr();
-            text += '"';
+            auto* content = static_cast<GPString*>(attributes->objectForKey(key));
+            add(GPString::format(" %s=\"%s\"", key, content->cstr()));
         }
     }
+
+    void add(GPString* owned) { text += Owned<GPString>::adopt(owned)->cstr(); }
 
     void indent(std::size_t depth) {
         if (pretty_) text.append(depth, '\t');
@@ -143,7 +139,9 @@ private:
 };
 
 std::string documentHead(const char* doctype) {
-    return std::string("<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<!DOCTYPE ") + doctype + ">\n";
+    return Owned<GPString>::adopt(
+               GPString::format("<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<!DOCTYPE %s>\n", doctype))
+        ->cstr();
 }
 
 } // namespace

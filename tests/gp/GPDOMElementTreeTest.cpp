@@ -16,7 +16,7 @@ namespace {
 using testsupport::references;
 using Element = Owned<GPDOMElement>;
 
-constexpr int hostileDepth = 300000;
+constexpr int hostileDepth = 100000;
 
 Element created(const char* name) { return Element::adopt(GPDOMElement::createElement(name)); }
 
