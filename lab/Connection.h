@@ -56,7 +56,7 @@ struct Connection {
     bool over() const { return redirected || reset || (closedLocally && closedRemotely); }
 };
 
-// The two ends of a connection, local end first.
+// The two ends of a connection, the smaller first.
 using ConnectionKey = std::pair<Endpoint, Endpoint>;
 
 } // namespace lab

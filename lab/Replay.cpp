@@ -99,7 +99,7 @@ void Replay::handle(CapturedPacket packet, const CaptureFacts& facts) {
 Replay::ConnectionPointer Replay::connectionOf(const CapturedPacket& packet, bool outbound) {
     const Endpoint& local = outbound ? packet.source : packet.destination;
     const Endpoint& remote = outbound ? packet.destination : packet.source;
-    ConnectionPointer& connection = connections_[{local, remote}];
+    ConnectionPointer& connection = connections_[std::minmax(local, remote)];
     const bool opens = packet.syn && !packet.ack;
     if (!connection || (opens && connection->over() && connection->waiting.empty())) {
         if (connection && !connection->reported) table_.row(*connection, start_);
