@@ -36,10 +36,14 @@ bool AgentLink::sendBytes(const char* frame, std::size_t length, int& error) {
     return sent;
 }
 
-void AgentLink::abandon() {
+void AgentLink::closeSocket() {
     GPMutexLock lock(&commandMutex);
-    opened = 0;
     socket.load()->closeConnection();
+}
+
+void AgentLink::reopenSocket() {
+    GPMutexLock lock(&commandMutex);
+    socket.load()->openConnection();
 }
 
 void AgentLink::markReaderStart() {

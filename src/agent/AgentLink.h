@@ -45,8 +45,9 @@ struct AgentLink {
         return sendBytes(frame, buildAgentFrame(frame, Space, type, sequence, body), error);
     }
 
-    // Gives up a connection that carries nonsense: marks the link as closed, then closes it.
-    void abandon();
+    // Close and reopen the current socket object between two frames, never inside one.
+    void closeSocket();
+    void reopenSocket();
 
     // Notes that a reader thread starts now.
     void markReaderStart();

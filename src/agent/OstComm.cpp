@@ -112,11 +112,10 @@ void OstComm::connect() {
 
 // The connect itself does not wait, so this loop is the wait for an agent that does not listen yet.
 void OstComm::logOnUntilSent() {
-    GPSockets* socket = agentLink.socket;
     while (!setUserLogonCommand(const_cast<char*>(Configuration::cachedUserName()), directoryLogon)) {
-        socket->closeConnection();
+        agentLink.closeSocket();
         platform::clock().sleepSeconds(1);
-        socket->openConnection();
+        agentLink.reopenSocket();
     }
 }
 
@@ -219,8 +218,7 @@ bool OstComm::sendIpAddressesCommand() {
 
 void OstComm::OstCommClose() {
     agentLink.opened = 0;
-    GPSockets* socket = agentLink.socket;
-    socket->closeConnection();
+    agentLink.closeSocket();
     logf("OstComm socket closed");
 }
 

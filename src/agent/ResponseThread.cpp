@@ -49,7 +49,9 @@ bool fileFrames(GPSockets* socket, std::string& held) {
             case AgentFrameStep::end:
                 return true;
             case AgentFrameStep::broken:
-                agentLink.abandon();
+                // The agent is to see that its stream led nowhere.
+                agentLink.opened = 0;
+                agentLink.closeSocket();
                 return false;
         }
     }

@@ -304,6 +304,11 @@ GPString* GPSockets::readString(long& count) {
 }
 
 bool GPSockets::send(const char* bytes, int length) {
+    // After a close the number can be that of a descriptor which belongs to somebody else.
+    if (!ownsSocket_) {
+        errno = EBADF;
+        return length == 0;
+    }
     int total = 0;
     while (total < length) {
         const ssize_t sent = ::send(socket_, bytes + total, static_cast<std::size_t>(length - total), 0);

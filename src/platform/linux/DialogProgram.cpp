@@ -2,6 +2,7 @@
 
 #include <poll.h>
 #include <sys/signalfd.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -37,7 +38,7 @@ bool isKdialog(const std::string& program) {
     _exit(127);
 }
 
-// The helper process: waits for the program's end, or for that of the control pipe, and reports the exit
+// The helper process: waits for the program's end, or for that of the control connection, and reports the exit
 // status. Calls only what is allowed between fork and exec.
 [[noreturn]] void watchProgram(char* const* arguments, int control, int answer) {
     signal(SIGCHLD, SIG_DFL);
@@ -112,7 +113,7 @@ void DialogProgram::start(const NotificationDictionary& dictionary) {
 
     int control[2];
     int answer[2];
-    if (pipe2(control, O_CLOEXEC) != 0) return;
+    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, control) != 0) return;
     if (pipe2(answer, O_CLOEXEC) != 0) {
         close(control[0]);
         close(control[1]);
@@ -140,8 +141,8 @@ unsigned long DialogProgram::answer() const {
 
 void DialogProgram::stop() {
     if (control_ >= 0) {
-        // Said in words too: the helper of another dialog may hold this pipe open.
-        [[maybe_unused]] const ssize_t written = write(control_, "", 1);
+        // Said in words too: the helper of another dialog may hold this end open.
+        [[maybe_unused]] const ssize_t written = send(control_, "", 1, MSG_NOSIGNAL);
         close(control_);
     }
     if (answer_ >= 0) close(answer_);

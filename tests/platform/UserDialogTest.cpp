@@ -1,0 +1,165 @@
+#include "platform/UserDialog.h"
+
+#include "platform/linux/DialogProgram.h"
+#include "support/ManualClock.h"
+#include "support/TemporaryFolder.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <future>
+#include <string>
+#include <vector>
+
+using platform::NotificationDictionary;
+using platform::NotificationKey;
+using testsupport::ManualClock;
+using Words = std::vector<std::string>;
+
+namespace {
+
+const NotificationDictionary question = {{NotificationKey::alertHeader, "Header"},
+                                         {NotificationKey::alertMessage, "Message"},
+                                         {NotificationKey::defaultButtonTitle, "Yes"},
+                                         {NotificationKey::alternateButtonTitle, "No"}};
+
+// A desktop whose dialog programs are scripts of the test's own.
+class UserDialogTest : public testing::Test {
+protected:
+    UserDialogTest() : dialogs(platform::userDialogService.backend()) {
+        setenv("PATH", (folder.path() + ":/usr/bin:/bin").c_str(), 1);
+        setenv("DISPLAY", ":played", 1);
+        ManualClock::installed().setEventWait(60 * 1000000, false);
+    }
+
+    void installProgram(const std::string& name, const std::string& script) {
+        testsupport::writeAll(folder.file(name), "#!/bin/sh\n" + script);
+        chmod(folder.file(name).c_str(), 0755);
+    }
+
+    unsigned long showAndWait(double timeout) {
+        platform::UserNotification* dialog =
+            dialogs.create(timeout, platform::notificationNoteAlertLevel, question);
+        unsigned long flags = 99;
+        EXPECT_TRUE(dialogs.receiveResponse(dialog, flags));
+        dialogs.release(dialog);
+        return flags;
+    }
+
+    testsupport::TemporaryFolder folder;
+    platform::UserDialog& dialogs;
+};
+
+} // namespace
+
+TEST_F(UserDialogTest, TheProgramsExitStatusIsTheButton) {
+    installProgram("zenity", "exit 0\n");
+    EXPECT_EQ(showAndWait(60), platform::notificationDefaultResponse);
+    installProgram("zenity", "exit 1\n");
+    EXPECT_EQ(showAndWait(60), platform::notificationAlternateResponse);
+    installProgram("zenity", "exit 5\n");
+    EXPECT_EQ(showAndWait(60), platform::notificationCancelResponse);
+}
+
+TEST_F(UserDialogTest, TheAnswerArrivesWhereTheEndOfChildrenIsIgnored) {
+    signal(SIGCHLD, SIG_IGN);
+    installProgram("zenity", "exit 1\n");
+    EXPECT_EQ(showAndWait(60), platform::notificationAlternateResponse);
+}
+
+TEST_F(UserDialogTest, TheProgramIsGivenTheTextsOfTheDictionary) {
+    EXPECT_EQ(platform::dialogCommand("/bin/zenity", question),
+              (Words{"/bin/zenity", "--question", "--no-markup", "--title=Header", "--text=Message",
+                     "--ok-label=Yes", "--cancel-label=No"}));
+    EXPECT_EQ(platform::dialogCommand("/bin/kdialog", question),
+              (Words{"/bin/kdialog", "--title", "Header", "--yes-label", "Yes", "--no-label", "No", "--yesno",
+                     "Message"}));
+}
+
+TEST_F(UserDialogTest, WithoutAnAlternateButtonTheDialogHasOne) {
+    NotificationDictionary notice(question.begin(), question.begin() + 3);
+    EXPECT_EQ(platform::dialogCommand("/bin/zenity", notice)[1], "--info");
+    EXPECT_EQ(platform::dialogCommand("/bin/kdialog", notice),
+              (Words{"/bin/kdialog", "--title", "Header", "--ok-label", "Yes", "--msgbox", "Message"}));
+}
+
+TEST_F(UserDialogTest, KdialogIsTakenWhereThereIsNoZenity) {
+    setenv("PATH", folder.path().c_str(), 1);
+    EXPECT_EQ(platform::findDialogProgram(), "");
+    installProgram("kdialog", "exit 0\n");
+    EXPECT_EQ(platform::findDialogProgram(), folder.file("kdialog"));
+    installProgram("zenity", "exit 0\n");
+    EXPECT_EQ(platform::findDialogProgram(), folder.file("zenity"));
+}
+
+TEST_F(UserDialogTest, WithoutADisplayThereIsNoProgram) {
+    installProgram("zenity", "exit 0\n");
+    unsetenv("DISPLAY");
+    unsetenv("WAYLAND_DISPLAY");
+    EXPECT_EQ(platform::findDialogProgram(), "");
+}
+
+TEST_F(UserDialogTest, WithoutAProgramTheDialogAnswersAsTimedOutAfterItsTimeout) {
+    setenv("PATH", folder.path().c_str(), 1);
+    ManualClock::installed().setEventWait(20000, false);
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(showAndWait(60), platform::notificationCancelResponse);
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(20));
+}
+
+TEST_F(UserDialogTest, WithoutAProgramATimeoutThatHasPassedEndsTheDialogAtOnce) {
+    setenv("PATH", folder.path().c_str(), 1);
+    EXPECT_EQ(showAndWait(-5), platform::notificationCancelResponse);
+    EXPECT_EQ(showAndWait(0), platform::notificationCancelResponse);
+}
+
+TEST_F(UserDialogTest, WithoutAProgramACancelEndsTheDialogBeforeItsTimeout) {
+    setenv("PATH", folder.path().c_str(), 1);
+    platform::UserNotification* dialog = dialogs.create(60, 1, question);
+    auto waiter = std::async(std::launch::async, [&] {
+        unsigned long flags = 99;
+        dialogs.receiveResponse(dialog, flags);
+        return flags;
+    });
+    dialogs.cancel(dialog);
+    EXPECT_EQ(waiter.get(), platform::notificationCancelResponse);
+    dialogs.release(dialog);
+}
+
+TEST_F(UserDialogTest, ACancelTakesTheProgramAway) {
+    installProgram("zenity", "trap 'echo gone >" + folder.file("end") + "; exit 0' TERM\n" + "echo up >" +
+                                 folder.file("up") + "\nwhile :; do sleep 0.01; done\n");
+    platform::UserNotification* dialog = dialogs.create(0, 1, question);
+    while (testsupport::readAll(folder.file("up")).empty()) {
+    }
+    dialogs.cancel(dialog);
+    unsigned long flags = 99;
+    dialogs.receiveResponse(dialog, flags);
+    EXPECT_EQ(flags, platform::notificationCancelResponse);
+    EXPECT_EQ(testsupport::readAll(folder.file("end")), "gone\n");
+    dialogs.release(dialog);
+}
+
+TEST_F(UserDialogTest, ATimeoutTakesTheProgramAway) {
+    ManualClock::installed().setEventWait(50000, false);
+    installProgram("zenity", "exec sleep 60\n");
+    EXPECT_EQ(showAndWait(60), platform::notificationCancelResponse);
+}
+
+TEST_F(UserDialogTest, ACancelOfAReleasedDialogDoesNotEndTheNextOne) {
+    installProgram("zenity", "exit 0\n");
+    platform::UserNotification* first = dialogs.create(60, 1, question);
+    dialogs.release(first);
+    dialogs.cancel(first);
+    EXPECT_EQ(showAndWait(60), platform::notificationDefaultResponse);
+}
+
+TEST_F(UserDialogTest, NullIsAllowedEverywhere) {
+    unsigned long flags = 0;
+    EXPECT_FALSE(dialogs.receiveResponse(nullptr, flags));
+    EXPECT_EQ(flags, platform::notificationCancelResponse);
+    dialogs.cancel(nullptr);
+    dialogs.release(nullptr);
+}

@@ -1,0 +1,54 @@
+#include "support/AgentLinkWorld.h"
+
+#include "support/FixedPorts.h"
+#include "support/ManualClock.h"
+
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+
+#include <chrono>
+#include <csignal>
+#include <thread>
+
+namespace testsupport {
+namespace {
+
+class PlayedRegistry final : public platform::HardwareRegistry {
+public:
+    std::string platformUUID() override { return AgentLinkWorld::uuid; }
+};
+
+PlayedRegistry playedRegistry;
+AgentStandIn* standIn = nullptr;
+
+} // namespace
+
+AgentLinkWorld::AgentLinkWorld() : names(*new PlayedNames) {
+    claimFixedPorts();
+    signal(SIGPIPE, SIG_IGN);
+    names.install();
+    names.answer("127.0.0.1", AF_INET, {"127.0.0.1"});
+    platform::hardwareRegistryService.install(playedRegistry);
+    ManualClock::installed().letSleepsPass(true);
+    ManualClock::installed().setEventWait(20000, false);
+}
+
+AgentStandIn& AgentLinkWorld::startAgent() {
+    standIn = new AgentStandIn;
+    return *standIn;
+}
+
+AgentStandIn& AgentLinkWorld::agent() { return *standIn; }
+
+void AgentLinkWorld::awaitLog(const std::string& text) const {
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+    while (log.countContaining(text) == 0) {
+        if (std::chrono::steady_clock::now() > end) {
+            ADD_FAILURE() << "not logged: " << text;
+            return;
+        }
+        std::this_thread::yield();
+    }
+}
+
+} // namespace testsupport

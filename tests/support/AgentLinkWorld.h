@@ -1,0 +1,39 @@
+#pragma once
+
+// The world around the agent link in a test: a scratch root, a captured log, a name service that knows the
+// loopback address, a played hardware registry, sleeps that pass at once, and ports of the test's own. The
+// agent itself is made when the test wants one to be there. One for each process.
+
+#include "platform/HardwareRegistry.h"
+#include "support/AgentStandIn.h"
+#include "support/CapturedLog.h"
+#include "support/PlayedNames.h"
+#include "support/ScratchRoot.h"
+
+#include <string>
+
+namespace testsupport {
+
+class AgentLinkWorld {
+public:
+    AgentLinkWorld();
+
+    // Starts the agent, which stays until the process ends: the link's reader outlives the test.
+    AgentStandIn& startAgent();
+
+    // The running agent.
+    AgentStandIn& agent();
+
+    // Blocks until the log holds a message with `text` in it; the test fails after five seconds.
+    void awaitLog(const std::string& text) const;
+
+    static constexpr char uuid[] = "11111111-2222-3333-4444-555555555555";
+
+    ScratchRoot root;
+    CapturedLog log;
+
+    // Also used by the reader thread after the test's end, so never destroyed.
+    PlayedNames& names;
+};
+
+} // namespace testsupport
