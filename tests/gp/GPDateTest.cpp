@@ -1,5 +1,6 @@
 #include "gp/GPDate.h"
 
+#include "gp/GPAutoReleasePool.h"
 #include "gp/GPString.h"
 #include "gp/GPTimer.h"
 #include "gp/Owned.h"
@@ -22,6 +23,7 @@ constexpr long start = ManualClock::start / 1000000;
 class GPDateTest : public testing::Test {
 protected:
     void SetUp() override { inZone("UTC0"); }
+    void TearDown() override { pool_->drain(); }
 
     void inZone(char const* zone) {
         setenv("TZ", zone, 1);
@@ -50,6 +52,9 @@ protected:
         date->setFormat("%Y-%m-%d %H:%M:%S");
         return std::string(date->cString());
     }
+
+private:
+    GPAutoReleasePool* pool_ = new GPAutoReleasePool; // takes the texts of dates
 };
 
 TEST_F(GPDateTest, ANewDateIsNow) {

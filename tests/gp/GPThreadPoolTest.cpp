@@ -3,10 +3,14 @@
 #include "gp/Owned.h"
 #include "platform/ThreadNumber.h"
 #include "support/ForkedChild.h"
+#include "support/Sanitizers.h"
 
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <deque>
 #include <future>
 #include <string>
 #include <sys/resource.h>
@@ -15,22 +19,16 @@
 
 namespace {
 
-// An operation that the test watches: it says on which thread it began, and goes on when it may.
+// An operation that the test watches: it says on which thread it began, and goes on when it may. What the
+// thread touches lives as long as the process, since the thread can outlive the test's own view of it.
 class Operation {
 public:
-    static void run(void* argument) {
-        auto* self = static_cast<Operation*>(argument);
-        self->begun_.set_value(platform::threadNumber());
-        self->may_.get_future().wait();
-        self->ended_.set_value();
-    }
-
     // Lets it end as soon as it has begun.
     Operation& unhindered() {
         letEnd();
         return *this;
     }
-    void letEnd() { may_.set_value(); }
+    void letEnd() { state_.may.set_value(); }
 
     std::uint64_t threadWhenBegun() { return beginning_.get(); }
     bool hasBegun() const {
@@ -39,14 +37,34 @@ public:
     void waitForTheEnd() { ending_.wait(); }
 
 private:
-    std::promise<std::uint64_t> begun_;
-    std::promise<void> may_;
-    std::promise<void> ended_;
-    std::shared_future<std::uint64_t> beginning_ = begun_.get_future().share();
-    std::future<void> ending_ = ended_.get_future();
+    friend void add(GPThreadPool& pool, Operation& operation);
+
+    struct State {
+        std::promise<std::uint64_t> begun;
+        std::promise<void> may;
+        std::promise<void> ended;
+    };
+
+    static void runState(void* argument) {
+        auto& state = *static_cast<State*>(argument);
+        state.begun.set_value(platform::threadNumber());
+        state.may.get_future().wait();
+        state.ended.set_value();
+    }
+
+    static State& lastingState() {
+        static auto* states = new std::deque<State>;
+        return states->emplace_back();
+    }
+
+    State& state_ = lastingState();
+    std::shared_future<std::uint64_t> beginning_ = state_.begun.get_future().share();
+    std::future<void> ending_ = state_.ended.get_future();
 };
 
-void add(GPThreadPool& pool, Operation& operation) { pool.addOperation(Operation::run, &operation); }
+void add(GPThreadPool& pool, Operation& operation) {
+    pool.addOperation(Operation::runState, &operation.state_);
+}
 
 // Blocks until whoever starts a thread has marked its slot as busy; an operation that ends earlier would lose
 // the slot. Only with all slots busy, where workingCount leaves the lock free.
@@ -56,9 +74,9 @@ void countUp(void* argument) { ++*static_cast<std::atomic<int>*>(argument); }
 
 // A pool that lives as long as the process, since what is left in its queue is never released.
 GPThreadPool& lastingPool(int slots) {
-    static GPThreadPool* pool = nullptr;
-    pool = new GPThreadPool(slots);
-    return *pool;
+    static auto* pools = new std::vector<GPThreadPool*>;
+    pools->push_back(new GPThreadPool(slots));
+    return *pools->back();
 }
 
 TEST(GPThreadPool, APoolHasTenSlotsUnlessToldOtherwise) {
@@ -256,9 +274,7 @@ TEST(GPThreadPool, AMaximumAboveTheSlotCountAddsNoSlot) {
 }
 
 TEST(GPThreadPool, ASlotWhoseThreadCouldNotBeMadeIsBusyForGood) {
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-    GTEST_SKIP() << "the checkers need the address space that this takes away";
-#endif
+    if (testsupport::sanitized) GTEST_SKIP() << "the checkers need the address space that this takes away";
     EXPECT_EQ(testsupport::answerOfChild([] {
                   GPThreadPool& pool = lastingPool(1);
                   std::atomic<int> done{0};

@@ -2,11 +2,13 @@
 
 #include "platform/ThreadNumber.h"
 #include "support/ForkedChild.h"
+#include "support/Sanitizers.h"
 
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <chrono>
+#include <deque>
 #include <future>
 #include <pthread.h>
 #include <string>
@@ -22,6 +24,12 @@ struct Job {
     std::promise<std::uint64_t> ended;
 };
 
+// A detached thread can outlive the test's view of it, so a job lives as long as the process.
+Job& lastingJob() {
+    static auto* jobs = new std::deque<Job>;
+    return jobs->emplace_back();
+}
+
 void* runJob(void* argument) {
     auto* job = static_cast<Job*>(argument);
     job->begun.set_value();
@@ -33,17 +41,6 @@ void* runJob(void* argument) {
 void* markDone(void* argument) {
     *static_cast<bool*>(argument) = true;
     return nullptr;
-}
-
-bool sanitized() {
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-    return true;
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-    return true;
-#endif
-#endif
-    return false;
 }
 
 // A value that tells when it is destroyed.
@@ -89,7 +86,7 @@ TEST(GPThread, RunningStaysTrueAfterTheThreadsEndUntilSomebodyClearsIt) {
 }
 
 TEST(GPThread, StartMarksTheThreadAsRunningEvenWhenNoneCouldBeMade) {
-    if (sanitized()) GTEST_SKIP() << "the checkers need the address space that this takes away";
+    if (testsupport::sanitized) GTEST_SKIP() << "the checkers need the address space that this takes away";
     EXPECT_EQ(testsupport::answerOfChild([] {
                   bool done = false;
                   GPThread thread(markDone);
@@ -128,8 +125,8 @@ TEST(GPThread, AThreadThatWasWaitedForCanBeStartedAgain) {
 }
 
 TEST(GPThread, StartOnAThreadThatStillRunsDetachesItAndStartsASecond) {
-    Job first;
-    Job second;
+    Job& first = lastingJob();
+    Job& second = lastingJob();
     auto firstEnded = first.ended.get_future();
     auto secondEnded = second.ended.get_future();
     GPThread thread(runJob);
@@ -146,7 +143,7 @@ TEST(GPThread, StartOnAThreadThatStillRunsDetachesItAndStartsASecond) {
 }
 
 TEST(GPThread, CleanupDetachesAndLeavesNothingToWaitFor) {
-    Job job;
+    Job& job = lastingJob();
     GPThread thread(runJob);
     thread.start(&job);
     thread.cleanup();
@@ -156,7 +153,7 @@ TEST(GPThread, CleanupDetachesAndLeavesNothingToWaitFor) {
 }
 
 TEST(GPThread, TaskOnBackgroundReturnsAtOnceAndTheThreadGoesOnAfterItsObjectHasGone) {
-    Job job;
+    Job& job = lastingJob();
     auto ended = job.ended.get_future();
     GPThread::taskOnBackground(runJob, &job);
     EXPECT_EQ(ended.wait_for(std::chrono::seconds(0)), std::future_status::timeout);
