@@ -49,7 +49,8 @@ WebServer::WebServer(int port, int tlsPort, const Certificate& certificate, cons
               static_cast<char*>(nullptr));
         _exit(127);
     }
-    if (process_ < 0 || !connectTo(port).isOpen())
+    // It opens its ports one after the other.
+    if (process_ < 0 || !connectTo(port).isOpen() || (tlsPort != 0 && !connectTo(tlsPort).isOpen()))
         throw std::runtime_error("no web server: " + readAll(folder_.file("output")) +
                                  readAll(folder_.file("errors")));
 }
