@@ -500,7 +500,10 @@ TEST_F(PacketVerdicts, AServerNamedLikeAWholeUrlOrAPrefixOfItPasses) {
 }
 
 TEST_F(PacketVerdicts, AServerWithAnEmptyNamePassesEveryUrl) {
-    Configuration::getCurrentServer()->setName(nullptr);
+    FilterServer* server = Configuration::getCurrentServer();
+    static GPString* earlierName = server->getName(); // stays valid and is released by nobody
+    ASSERT_STREQ(earlierName->cstr(), "localhost");
+    server->setName(nullptr);
 
     EXPECT_EQ(outbound(get()), verdictPass);
     EXPECT_EQ(result.urlSeen, 1);
