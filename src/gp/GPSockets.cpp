@@ -348,8 +348,10 @@ bool GPSockets::sslWrite(const char* bytes, long length) {
 bool GPSockets::socketStream(bool read, GPData*& data, long& count) {
     if (kqueue_ < 0) kqueue_ = platform::kqueue();
     if (kqueue_ < 0) return false;
-    KEvent change = read ? changeFor(socket_, EVFILT_READ, EV_ADD | EV_CLEAR)
-                         : changeFor(socket_, EVFILT_WRITE, EV_ADD | EV_DISPATCH);
+    // A number that has been given back can be somebody else's by now: no descriptor, so an error event.
+    const int watched = socket_ > 0 && !ownsSocket_ ? -1 : socket_;
+    KEvent change = read ? changeFor(watched, EVFILT_READ, EV_ADD | EV_CLEAR)
+                         : changeFor(watched, EVFILT_WRITE, EV_ADD | EV_DISPATCH);
     while (true) {
         KEvent event;
         if (platform::kevent(kqueue_, &change, &event, 1, timeout_) < 1) {

@@ -423,9 +423,19 @@ TEST_F(GPSocketsConnected, ClosingTwiceLeavesTheNextOwnerOfTheNumberAlone) {
     if (other != descriptor_) close(other);
 }
 
-TEST_F(GPSocketsConnected, AClosedObjectIsNotOpenedAgainByAWrite) {
+TEST_F(GPSocketsConnected, AClosedObjectIsNotOpenedAgainByAWriteNorReadsFromTheNextOwnerOfTheNumber) {
+    const CapturedLog log;
     socket_.closeConnection();
+    Peer next;
+    Peer sender;
+    testsupport::connectedPair(next, sender);
+    ASSERT_EQ(dup2(next.descriptor(), descriptor_), descriptor_);
+    sender.send("not for you");
+    EXPECT_EQ(socket_.readData(), nullptr);
     EXPECT_FALSE(socket_.writeData("x", 1));
+    EXPECT_EQ(log.countContaining("ERROR: EV_ERROR - "), 2);
+    EXPECT_EQ(next.read(11), "not for you");
+    if (descriptor_ != next.descriptor()) close(descriptor_);
 }
 
 TEST(GPSockets, DestructionClosesTheConnection) {
