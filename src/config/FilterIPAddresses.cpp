@@ -70,6 +70,8 @@ void monitorPass() {
 void* addressesMonitorThread(void*) {
     {
         GPMutexLock lock(buildmutex);
+        // A snapshot that a rebuild task installed before is forgotten here, deliberately: a reader may be
+        // about to retain it.
         ipAddressesCurrent = buildIPaddresses();
     }
     for (;;) {

@@ -49,7 +49,9 @@ TEST_F(ConfigurationRelays, TheWriterTakesTheNameWithItsDomainAsANewRow) {
 TEST_F(ConfigurationRelays, ASecondRelayReplacesTheTextsOfTheSameRecord) {
     Configuration::setLastRelay("bob", "one", "f1");
     UserRelay* record = Configuration::getLastRelay("bob");
-    GPString* earlier = record->lastRelay;
+    // Nobody else gives the earlier texts back.
+    auto earlier = Owned<GPString>::adopt(record->lastRelay);
+    auto earlierFormat = Owned<GPString>::adopt(record->userFormat);
     EXPECT_TRUE(writesFile([] { Configuration::setLastRelay("bob", "two", "f2"); }));
     EXPECT_EQ(Configuration::getLastRelay("bob"), record);
     EXPECT_STREQ(record->lastRelay->cstr(), "two");

@@ -79,6 +79,7 @@ TEST_F(ConfigurationServers, AShortNumberIsAnIndexAndALongOneAName) {
 TEST_F(ConfigurationServers, IndexZeroIsTheFirstServerEvenWithAServerNamedZeroFurtherDown) {
     givenServers({"aaa", "bbb", "ccc"});
     auto named = Owned<GPString>::adopt(new GPString("0"));
+    auto earlier = Owned<GPString>::adopt(server("ccc")->getName());
     server("ccc")->setName(named.get());
     EXPECT_STREQ(server("0")->getUrl(), "aaa");
 }

@@ -384,6 +384,7 @@ TEST_F(FilterIPAddressesTest, ANoticeDuringAPassIsServedByTheManagersNextPass) {
     gate.open();
     ASSERT_TRUE(waitUntil([] { return static_cast<bool>(current()); }));
     EXPECT_EQ(lookups(), 1u) << "the second notice started no task";
+    auto forgotten = Owned<FilterIPAddresses>::adopt(current().get());
 
     FilterIPAddresses::startIPAddressManager();
     ASSERT_TRUE(waitUntilSlept(600));
@@ -402,6 +403,7 @@ TEST_F(FilterIPAddressesTest, ANoticeDuringTheManagersOwnBuildIsServedByThatBuil
     FilterIPAddresses::notifyIPchanges(); // leaves the flag for the manager
     gate.open();
     ASSERT_TRUE(waitUntil([] { return static_cast<bool>(current()); }));
+    auto forgotten = Owned<FilterIPAddresses>::adopt(current().get());
     FilterIPAddresses::startIPAddressManager();
     ASSERT_TRUE(waitUntilSlept(600));
 
@@ -415,6 +417,19 @@ TEST_F(FilterIPAddressesTest, ANoticeDuringTheManagersOwnBuildIsServedByThatBuil
     ManualClock::installed().advanceSeconds(600);
     ASSERT_TRUE(waitUntilSlept(1800));
     EXPECT_EQ(lookups(), 3u) << "the flag was cleared behind the build";
+}
+
+TEST_F(FilterIPAddressesTest, TheManagersFirstBuildForgetsWhatATaskInstalledBeforeIt) {
+    givenServers({"a.example"});
+    resolves("a.example", "192.0.2.1");
+    FilterIPAddresses::notifyIPchanges();
+    ASSERT_TRUE(waitUntil([] { return static_cast<bool>(current()); }));
+    auto first = current();
+    FilterIPAddresses::startIPAddressManager();
+    ASSERT_TRUE(waitUntilSlept(600));
+    EXPECT_NE(current().get(), first.get());
+    EXPECT_EQ(references(first.get()), 2) << "nobody gives the forgotten reference back";
+    first->release();
 }
 
 TEST_F(FilterIPAddressesTest, AReplacedSnapshotIsKeptForOneMoreGeneration) {
