@@ -1,53 +1,17 @@
 #include "packet/HijackPacket.h"
 
 #include "config/Configuration.h"
-#include "support/CapturedLog.h"
-#include "support/ManualClock.h"
-#include "support/PacketBuilder.h"
-#include "support/ScratchRoot.h"
-
-#include <gtest/gtest.h>
+#include "support/RecordWorld.h"
 
 #include <atomic>
 #include <thread>
 
-using testsupport::CapturedLog;
 using testsupport::getRequest;
-using testsupport::ManualClock;
-using testsupport::PacketBuffer;
 using testsupport::PacketBuilder;
-using testsupport::ScratchRoot;
 
 namespace {
 
-const char* const url = "http://www.example.org/";
-
-class HijackPacketTest : public testing::Test {
-protected:
-    // A packet with a payload on the connection of that local port.
-    static PacketBuffer request(int localPort = 50000) {
-        return PacketBuilder::ipv4().from("10.0.0.2", localPort).payload(getRequest()).build();
-    }
-
-    static PacketBuffer answer(int localPort = 50000) {
-        return PacketBuilder::ipv4().from("10.0.0.2", localPort).reversed().payload("HTTP/1.1 200").build();
-    }
-
-    static PacketBuffer bareAck(int localPort = 50000) {
-        return PacketBuilder::ipv4().from("10.0.0.2", localPort).build();
-    }
-
-    static bool create(PacketBuffer packet, bool https = false, const char* of = url) {
-        return HijackPacket::create(packet.packet(), of, https);
-    }
-
-    static HijackPacket* find(PacketBuffer packet) { return HijackPacket::find(packet.packet()); }
-
-    static void advance(std::int64_t microseconds) { ManualClock::installed().advance(microseconds); }
-
-    ScratchRoot root;
-    CapturedLog log;
-};
+class HijackPacketTest : public testsupport::RecordWorld {};
 
 } // namespace
 
@@ -210,124 +174,6 @@ TEST_F(HijackPacketTest, TheRecordBehindAnExpiredOneIsNotFoundForThatOnce) {
 
     EXPECT_EQ(find(request(50002)), nullptr);
     EXPECT_NE(find(request(50002)), nullptr);
-}
-
-TEST_F(HijackPacketTest, ResolvingWithoutAUrlAllows) {
-    ASSERT_TRUE(create(request()));
-
-    EXPECT_TRUE(HijackPacket::resolve(url, nullptr, -1));
-
-    EXPECT_TRUE(find(request())->isResolved());
-    EXPECT_EQ(find(request())->redirectURL(), nullptr);
-}
-
-TEST_F(HijackPacketTest, ResolvingWithAUrlRedirects) {
-    ASSERT_TRUE(create(request()));
-
-    EXPECT_TRUE(HijackPacket::resolve(url, "http://block.example/page", 30));
-
-    EXPECT_TRUE(find(request())->isResolved());
-    EXPECT_STREQ(find(request())->redirectURL(), "http://block.example/page");
-}
-
-TEST_F(HijackPacketTest, ATimeAbove0GivesThatManySecondsFromTheResolve) {
-    ASSERT_TRUE(create(request(), true));
-    advance(100000000);
-    ASSERT_TRUE(HijackPacket::resolve(url, "http://block.example/", 30));
-
-    EXPECT_EQ(find(request())->getTimeout(), 30000000);
-    advance(30000000);
-    EXPECT_NE(find(request()), nullptr);
-    advance(1);
-    EXPECT_EQ(find(request()), nullptr);
-}
-
-TEST_F(HijackPacketTest, ResolvingANullRedirectWith30GivesAnAllowedRecordWith30FreshSeconds) {
-    ASSERT_TRUE(create(request()));
-    advance(20000000);
-    ASSERT_TRUE(HijackPacket::resolve(url, nullptr, 30));
-    advance(30000000);
-
-    ASSERT_NE(find(request()), nullptr);
-    EXPECT_EQ(find(request())->redirectURL(), nullptr);
-}
-
-TEST_F(HijackPacketTest, ATimeOf0LeavesTheRecordsTimeUnchanged) {
-    ASSERT_TRUE(create(request()));
-    advance(20000000);
-    ASSERT_TRUE(HijackPacket::resolve(url, "http://block.example/", 0));
-
-    EXPECT_TRUE(find(request())->isResolved());
-    EXPECT_EQ(find(request())->getTimeout(), 30000000);
-    advance(10000001);
-    EXPECT_EQ(find(request()), nullptr);
-}
-
-TEST_F(HijackPacketTest, TheShortFormOfResolveLeavesTheTimeUnchanged) {
-    ASSERT_TRUE(create(request()));
-    advance(20000000);
-    ASSERT_TRUE(HijackPacket::resolve(url, nullptr));
-    advance(10000001);
-
-    EXPECT_EQ(find(request()), nullptr);
-}
-
-TEST_F(HijackPacketTest, ResolveTakesTheOldestOpenRecordOfTheUrl) {
-    ASSERT_TRUE(create(request(50001)));
-    ASSERT_TRUE(create(request(50002), false, "http://other.example/"));
-    ASSERT_TRUE(create(request(50003)));
-
-    ASSERT_TRUE(HijackPacket::resolve(url, nullptr));
-    EXPECT_TRUE(find(request(50001))->isResolved());
-    EXPECT_FALSE(find(request(50003))->isResolved());
-
-    ASSERT_TRUE(HijackPacket::resolve(url, "http://block.example/"));
-    EXPECT_EQ(find(request(50001))->redirectURL(), nullptr);
-    EXPECT_STREQ(find(request(50003))->redirectURL(), "http://block.example/");
-    EXPECT_FALSE(find(request(50002))->isResolved());
-}
-
-TEST_F(HijackPacketTest, AResolvedRecordIsNeverResolvedAgain) {
-    ASSERT_TRUE(create(request()));
-    ASSERT_TRUE(HijackPacket::resolve(url, nullptr));
-
-    EXPECT_FALSE(HijackPacket::resolve(url, "http://block.example/"));
-    EXPECT_EQ(find(request())->redirectURL(), nullptr);
-}
-
-TEST_F(HijackPacketTest, ResolveComparesTheUrlExactly) {
-    ASSERT_TRUE(create(request()));
-
-    EXPECT_FALSE(HijackPacket::resolve("http://www.example.org", nullptr));
-    EXPECT_FALSE(HijackPacket::resolve("HTTP://www.example.org/", nullptr));
-    EXPECT_FALSE(find(request())->isResolved());
-}
-
-TEST_F(HijackPacketTest, AnExpiredRecordThatNobodyPurgedCanBeResolved) {
-    ASSERT_TRUE(create(request()));
-    advance(60000000);
-
-    EXPECT_TRUE(HijackPacket::resolve(url, "http://block.example/", 30));
-    EXPECT_NE(find(request()), nullptr);
-}
-
-TEST_F(HijackPacketTest, ResolveLogsItsOutcomeAtLevel64) {
-    Configuration::setLogLevel(64);
-    ASSERT_TRUE(create(request(50001)));
-    ASSERT_TRUE(create(request(50002)));
-
-    HijackPacket::resolve(url, nullptr);
-    HijackPacket::resolve(url, "http://block.example/", 30);
-    HijackPacket::resolve(url, nullptr);
-    HijackPacket::resolve(url, "http://late.example/");
-
-    EXPECT_TRUE(
-        log.holds("Hijack-resolve:true: target='http://www.example.org/' redirect='null' (timeout=-1)"));
-    EXPECT_TRUE(log.holds("Hijack-resolve:true: target='http://www.example.org/' "
-                          "redirect='http://block.example/' (timeout=30)"));
-    EXPECT_TRUE(log.holds("Hijack-resolve:false: target='http://www.example.org/' redirect='null'"));
-    EXPECT_TRUE(
-        log.holds("Hijack-resolve:false: target='http://www.example.org/' redirect='http://late.example/'"));
 }
 
 TEST_F(HijackPacketTest, AdditionsAndRemovalsAreLoggedAtLevel128Alone) {

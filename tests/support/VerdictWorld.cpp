@@ -1,6 +1,7 @@
 #include "support/VerdictWorld.h"
 
 #include "config/Configuration.h"
+#include "packet/HijackPacket.h"
 #include "packet/PacketVerdicts.h"
 #include "support/ClientHelloBuilder.h"
 #include "support/ManualClock.h"
@@ -47,6 +48,11 @@ PacketBuilder VerdictWorld::hello(const std::string& name) {
 
 PacketBuilder VerdictWorld::reply(int port, const std::string& payload) {
     return PacketBuilder::ipv4().to("93.184.216.34", port).reversed().payload(payload);
+}
+
+bool VerdictWorld::hasRecord(const PacketBuilder& packet) {
+    PacketBuffer buffer = packet.build();
+    return HijackPacket::find(buffer.packet()) != nullptr;
 }
 
 bool VerdictWorld::wasQueried(const std::string& url) const { return log.holds("url being checked: " + url); }

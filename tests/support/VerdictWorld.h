@@ -34,6 +34,9 @@ protected:
     static PacketBuilder hello(const std::string& name = "www.example.org");
     static PacketBuilder reply(int port = 80, const std::string& payload = "HTTP/1.1 200 OK\r\n");
 
+    // Whether the packet's connection has a record.
+    static bool hasRecord(const PacketBuilder& packet);
+
     // Whether a URL was handed to the query pool.
     bool wasQueried(const std::string& url) const;
 
