@@ -22,7 +22,7 @@ namespace {
 constexpr int bufferSize = 16384;
 
 // Whether one of the messages adds or removes an address.
-bool holdsAddressChange(char* messages, int length) {
+bool holdsAddressChange(char* messages, unsigned length) {
     auto* message = reinterpret_cast<nlmsghdr*>(messages);
     for (; NLMSG_OK(message, length); message = NLMSG_NEXT(message, length))
         if (message->nlmsg_type == RTM_NEWADDR || message->nlmsg_type == RTM_DELADDR) return true;
@@ -58,7 +58,7 @@ public:
                 clock().sleepSeconds(1);
             return;
         }
-        if (holdsAddressChange(messages, static_cast<int>(received))) watch->changed();
+        if (holdsAddressChange(messages, static_cast<unsigned>(received))) watch->changed();
     }
 
     void release(Watch* watch) override {
