@@ -128,7 +128,7 @@ TEST_F(GPTaskTest, TheExitStatusMakesNoDifference) {
     EXPECT_EQ(run(program("fails", "echo text; exit 3")), "text\n");
 }
 
-TEST_F(GPTaskTest, ACommandWhoseOutputIsEmptyComesBackAsNull) { EXPECT_EQ(run("/bin/true"), "null"); }
+TEST_F(GPTaskTest, ACommandWhoseOutputIsEmptyComesBackAsNull) { EXPECT_EQ(run("/usr/bin/true"), "null"); }
 
 TEST_F(GPTaskTest, TheResultBelongsToTheCaller) {
     GPString* text = GPTask::task("/bin/echo x", true, false);
@@ -292,7 +292,7 @@ TEST_F(GPTaskTest, WithoutDescriptorsForThePipesThereIsNoOutputAndNoHarm) {
     const rlimit few = {3, 4096};
     EXPECT_EQ(testsupport::answerOfChild([&] {
                   setrlimit(RLIMIT_NOFILE, &few);
-                  return run("/bin/true");
+                  return run("/usr/bin/true");
               }),
               "null");
 }

@@ -319,13 +319,13 @@ TEST(GPThreadPool, AWorkerThatIsStillOnItsWayOutDoesNotTouchAReleasedPool) {
 }
 
 TEST(GPThreadPool, ManyThreadsMayAddOperations) {
-    GPThreadPool& pool = lastingPool(4);
     std::atomic<int> done{0};
     std::promise<void> all;
     struct Shared {
         std::atomic<int>& done;
         std::promise<void>& all;
     } shared{done, all};
+    GPThreadPool pool(4);
     // The first four hold every slot until all the rest is queued.
     std::vector<Operation> holders(4);
     for (Operation& holder : holders)

@@ -87,6 +87,23 @@ TEST(ChildExec, AShortChildIsSeenThoughNobodyKeepsItsEnd) {
     }
 }
 
+TEST(ChildExec, AnotherChildThatHoldsTheSignOpenDelaysNothing) {
+    signal(SIGCHLD, SIG_IGN);
+    ExecSign sign;
+    WaitingChild sibling([] {});
+    const pid_t child = fork();
+    if (child == 0) {
+        sibling.letGo();
+        execTrue();
+        _exit(1);
+    }
+    while (kill(child, 0) == 0) {
+        waitpid(child, nullptr, 0);
+    }
+    EXPECT_EQ(sign.look(child), ExecState::executed);
+    sibling.letGo();
+}
+
 TEST(ChildExec, AChildWhoseExecFailedAndThatIsGoneHasEnded) {
     signal(SIGCHLD, SIG_IGN);
     ExecSign sign;

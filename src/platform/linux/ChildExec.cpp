@@ -40,8 +40,9 @@ ExecState ExecSign::look(pid_t child) {
     const ssize_t got = read(readEnd_, &mark, 1);
     if (got == 1) failed_ = true;
     if (failed_) return stillOurs ? ExecState::notYet : ExecState::ended;
-    // Nothing and no end: another child, forked in the meantime, still holds the writing end.
-    return got == 0 ? ExecState::executed : ExecState::notYet;
+    // A child that is gone without a word of failure has called exec, whoever else may hold the pipe open:
+    // another child, forked in the meantime, does so until its own exec.
+    return got == 0 || !stillOurs ? ExecState::executed : ExecState::notYet;
 }
 
 } // namespace platform
