@@ -45,6 +45,14 @@ std::string escapedName(const char* userName) {
     return escaped;
 }
 
+GPSockets* makeLinkSocket() {
+    auto* socket = new GPSockets;
+    socket->setTimeout(agentLink.timeout * 5);
+    socket->setPort(agentLink.port ? agentPort : 0);
+    socket->setServer(agentLink.name->cstr());
+    return socket;
+}
+
 GPString* logonBody(const char* userName) {
     const std::string escaped = userName ? escapedName(userName) : std::string();
     const std::string udid = platform::hardwareRegistry().platformUUID();
@@ -93,10 +101,7 @@ void OstComm::ReConnect() {
 // Builds the link. The socket object that was there before is deliberately neither closed nor released:
 // other threads may still be sending on it.
 void OstComm::connect() {
-    auto* socket = new GPSockets;
-    socket->setTimeout(agentLink.timeout * 5);
-    socket->setPort(agentLink.port ? agentPort : 0);
-    socket->setServer(agentLink.name->cstr());
+    GPSockets* socket = makeLinkSocket();
     agentLink.opened = 0;
     agentLink.socket = socket;
     if (!socket->openConnection()) {

@@ -15,6 +15,7 @@
 #include <atomic>
 #include <chrono>
 #include <future>
+#include <memory>
 #include <string>
 #include <thread>
 
@@ -26,10 +27,10 @@ namespace {
 // Asks on a thread of its own, which may wait for ever and is not waited for.
 class Asker {
 public:
-    explicit Asker(const std::string& url) : state_(new State) {
-        std::thread([state = state_, text = url]() mutable {
+    explicit Asker(const std::string& url) : promise_(std::make_shared<std::promise<std::string>>()) {
+        std::thread([promise = promise_, text = url]() mutable {
             const auto reply = Owned<GPString>::adopt(OstComm::Instance()->getPolicyCommand(text.data(), 1));
-            state->answer.set_value(reply ? reply->cstr() : "(null)");
+            promise->set_value(reply ? reply->cstr() : "(null)");
         }).detach();
     }
 
@@ -41,12 +42,9 @@ public:
     bool isWaiting() { return future_.wait_for(std::chrono::seconds(0)) != std::future_status::ready; }
 
 private:
-    // Lives for ever: the thread that uses it may.
-    struct State {
-        std::promise<std::string> answer;
-    };
-    State* state_;
-    std::future<std::string> future_ = state_->answer.get_future();
+    // Shared with the thread, which may outlive this object.
+    std::shared_ptr<std::promise<std::string>> promise_;
+    std::future<std::string> future_ = promise_->get_future();
 };
 
 class ResponseThreadTest : public testing::Test {
