@@ -8,6 +8,7 @@
 
 #include <chrono>
 #include <csignal>
+#include <filesystem>
 #include <thread>
 
 namespace testsupport {
@@ -20,10 +21,12 @@ public:
 
 PlayedRegistry playedRegistry;
 AgentStandIn* standIn = nullptr;
+CapturedLog* keptLog = nullptr;
+PlayedNames* keptNames = nullptr;
 
 } // namespace
 
-AgentLinkWorld::AgentLinkWorld() : names(*new PlayedNames) {
+AgentLinkWorld::AgentLinkWorld() : log(*(keptLog = new CapturedLog)), names(*(keptNames = new PlayedNames)) {
     claimFixedPorts();
     signal(SIGPIPE, SIG_IGN);
     names.install();
@@ -31,6 +34,11 @@ AgentLinkWorld::AgentLinkWorld() : names(*new PlayedNames) {
     platform::hardwareRegistryService.install(playedRegistry);
     ManualClock::installed().letSleepsPass(true);
     ManualClock::installed().setEventWait(20000, false);
+}
+
+AgentLinkWorld::~AgentLinkWorld() {
+    std::error_code ignored;
+    std::filesystem::remove_all(log.folder(), ignored);
 }
 
 AgentStandIn& AgentLinkWorld::startAgent() {

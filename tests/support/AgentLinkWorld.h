@@ -17,6 +17,10 @@ namespace testsupport {
 class AgentLinkWorld {
 public:
     AgentLinkWorld();
+    ~AgentLinkWorld();
+
+    AgentLinkWorld(const AgentLinkWorld&) = delete;
+    AgentLinkWorld& operator=(const AgentLinkWorld&) = delete;
 
     // Starts the agent, which stays until the process ends: the link's reader outlives the test.
     AgentStandIn& startAgent();
@@ -30,9 +34,9 @@ public:
     static constexpr char uuid[] = "11111111-2222-3333-4444-555555555555";
 
     ScratchRoot root;
-    CapturedLog log;
 
-    // Also used by the reader thread after the test's end, so never destroyed.
+    // Both are used by the link's threads after the test's end, so they are never destroyed.
+    CapturedLog& log;
     PlayedNames& names;
 };
 
