@@ -57,8 +57,8 @@ void addUsers(GPDOMElement* root) {
         auto* relay = static_cast<UserRelay*>(relays->objectAtIndex(i));
         // Deliberately not the attribute that the reader looks for: relays live for one run of the process.
         if (relay)
-            addRow(list.get(), relay->userName->cstr(), "UserFormatType",
-                   Owned<GPString>::adopt(relay->userFormat->copy()), relay->lastRelay->cstr());
+            addRow(list.get(), relay->userName.load()->cstr(), "UserFormatType",
+                   Owned<GPString>::adopt(relay->userFormat.load()->copy()), relay->lastRelay.load()->cstr());
     }
     root->addElement(list.get());
 }

@@ -22,7 +22,7 @@ UserRelay* findRelay(const char* user) {
     auto relays = Owned<GPArray>::adopt(configurationState.usersArray->getArray());
     for (int i = 0; i < relays->count(); ++i) {
         auto* relay = static_cast<UserRelay*>(relays->objectAtIndex(i));
-        if (relay && relay->userName->isEqual(user)) return relay;
+        if (relay && relay->userName.load()->isEqual(user)) return relay;
     }
     return nullptr;
 }
@@ -47,14 +47,14 @@ GPString* Configuration::getLastRelayUser(const char* user) {
     Owned<GPString> name = withoutDomain(user);
     if (logsEverything()) logf("Configuration::getLastRelayUser looking for %s", name->cstr());
     UserRelay* relay = findRelay(name->cstr());
-    return relay ? relay->lastRelay : emptyText();
+    return relay ? relay->lastRelay.load() : emptyText();
 }
 
 GPString* Configuration::getLastRelayUserFormat(const char* user) {
     Owned<GPString> name = withoutDomain(user);
     if (logsEverything()) logf("Configuration::getLastRelayUserFormat looking for %s", name->cstr());
     UserRelay* relay = findRelay(name->cstr());
-    return relay ? relay->userFormat : emptyText();
+    return relay ? relay->userFormat.load() : emptyText();
 }
 
 void Configuration::setLastRelay(const char* user, const char* relay, const char* format) {

@@ -6,9 +6,9 @@ UserRelay::UserRelay(const char* user, const char* relay, const char* format)
     : userName(new GPString(user)), lastRelay(new GPString(relay)), userFormat(new GPString(format)) {}
 
 UserRelay::~UserRelay() {
-    userName->release();
-    lastRelay->release();
-    userFormat->release();
+    userName.load()->release();
+    lastRelay.load()->release();
+    userFormat.load()->release();
 }
 
 void UserRelay::setUserName(const char* user) { userName = new GPString(user); }

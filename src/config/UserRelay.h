@@ -1,9 +1,11 @@
 #pragma once
 
 // The last relay of one user, with the format of the name. Configuration's list of relays owns the records
-// and keeps each alive for the rest of the run.
+// and keeps each alive for the rest of the run; any thread may use them.
 
 #include "gp/GPObject.h"
+
+#include <atomic>
 
 class UserRelay : public GPObject {
 public:
@@ -19,7 +21,8 @@ public:
 
     GPString* className() override;
 
-    GPString* userName = nullptr;
-    GPString* lastRelay = nullptr;
-    GPString* userFormat = nullptr;
+    // Never null. Read and written without a lock by any thread.
+    std::atomic<GPString*> userName;
+    std::atomic<GPString*> lastRelay;
+    std::atomic<GPString*> userFormat;
 };

@@ -8,6 +8,8 @@
 #include "support/SettingsTest.h"
 
 #include <filesystem>
+#include <sys/stat.h>
+#include <thread>
 
 using Names = std::vector<std::string>;
 
@@ -335,6 +337,30 @@ TEST_F(ConfigurationFile, TheConfigurationTextLoadsFirstAndLeavesTheFileAlone) {
     EXPECT_EQ(file(), content);
     EXPECT_FALSE(Configuration::loadConfig());
     EXPECT_EQ(Configuration::configString(), text);
+}
+
+TEST_F(ConfigurationFile, GettersNeedNoLockWhileASaveIsUnderWay) {
+    Configuration::setVerboseMode(true);
+    givenServers({"a.example"});
+    EXPECT_STREQ(Configuration::serverName(), "a.example");
+    Configuration::addServerName("b.example", false, true);
+    removeFile();
+    ASSERT_EQ(mkfifo(root.configurationFile().c_str(), 0600), 0);
+
+    // The save repairs the current server under the lock and then waits in the opening of the file.
+    std::thread saving([] { Configuration::saveConfig(true); });
+    while (!log.holds("Removing current server: a.example from the config."))
+        std::this_thread::yield();
+    EXPECT_FALSE(Configuration::isBOFEnabled());
+    EXPECT_FALSE(Configuration::isBalanced());
+    EXPECT_TRUE(Configuration::isVerbose());
+    EXPECT_FALSE(Configuration::filteringDisabled());
+    EXPECT_FALSE(Configuration::isLogLevel(64));
+    EXPECT_EQ(Configuration::cachedUserName(), nullptr);
+    EXPECT_TRUE(Configuration::getCurrentServer() != nullptr);
+
+    EXPECT_NE(file().find("</Fernhill>"), std::string::npos);
+    saving.join();
 }
 
 TEST_F(ConfigurationFile, TheWriterEscapesNothing) {

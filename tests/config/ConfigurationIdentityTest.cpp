@@ -57,6 +57,8 @@ TEST_F(MachineIdentity, WithoutANetworkItIsAllZerosAndNothingIsStored) {
     EXPECT_EQ(log.messages(), Names{"[Warning]: failed to create UUID."});
 }
 
+TEST_F(MachineIdentity, TheTextOfTheZerosStaysValid) { EXPECT_STREQ(Configuration::machineGUID(), allZeros); }
+
 TEST_F(MachineIdentity, TheZerosAreANewTextEachTime) {
     auto one = Owned<GPString>::adopt(Configuration::getDefaultUUID());
     auto other = Owned<GPString>::adopt(Configuration::getDefaultUUID());

@@ -13,7 +13,7 @@ TEST_F(ConfigurationRelays, AStoredRelayIsFoundWithItsTexts) {
     Configuration::setLastRelay("bob", "relay one", "format one");
     UserRelay* relay = Configuration::getLastRelay("bob");
     ASSERT_NE(relay, nullptr);
-    EXPECT_STREQ(relay->userName->cstr(), "bob");
+    EXPECT_STREQ(relay->userName.load()->cstr(), "bob");
     EXPECT_STREQ(Configuration::getLastRelayUser("bob")->cstr(), "relay one");
     EXPECT_STREQ(Configuration::getLastRelayUserFormat("bob")->cstr(), "format one");
 }
@@ -50,12 +50,12 @@ TEST_F(ConfigurationRelays, ASecondRelayReplacesTheTextsOfTheSameRecord) {
     Configuration::setLastRelay("bob", "one", "f1");
     UserRelay* record = Configuration::getLastRelay("bob");
     // Nobody else gives the earlier texts back.
-    auto earlier = Owned<GPString>::adopt(record->lastRelay);
-    auto earlierFormat = Owned<GPString>::adopt(record->userFormat);
+    auto earlier = Owned<GPString>::adopt(record->lastRelay.load());
+    auto earlierFormat = Owned<GPString>::adopt(record->userFormat.load());
     EXPECT_TRUE(writesFile([] { Configuration::setLastRelay("bob", "two", "f2"); }));
     EXPECT_EQ(Configuration::getLastRelay("bob"), record);
-    EXPECT_STREQ(record->lastRelay->cstr(), "two");
-    EXPECT_STREQ(record->userFormat->cstr(), "f2");
+    EXPECT_STREQ(record->lastRelay.load()->cstr(), "two");
+    EXPECT_STREQ(record->userFormat.load()->cstr(), "f2");
     EXPECT_STREQ(earlier->cstr(), "one") << "a reader may still hold the earlier text";
 }
 
@@ -100,9 +100,9 @@ TEST(UserRelay, TextsAreCopiesAndNullGivesAnEmptyText) {
     char name[] = "bob";
     auto relay = Owned<UserRelay>::adopt(new UserRelay(name, nullptr, "f"));
     name[0] = 'x';
-    EXPECT_STREQ(relay->userName->cstr(), "bob");
-    EXPECT_STREQ(relay->lastRelay->cstr(), "");
-    EXPECT_STREQ(relay->userFormat->cstr(), "f");
+    EXPECT_STREQ(relay->userName.load()->cstr(), "bob");
+    EXPECT_STREQ(relay->lastRelay.load()->cstr(), "");
+    EXPECT_STREQ(relay->userFormat.load()->cstr(), "f");
 }
 
 TEST(UserRelay, SettersStoreCopiesAndLeaveTheEarlierTextAlive) {
@@ -111,9 +111,9 @@ TEST(UserRelay, SettersStoreCopiesAndLeaveTheEarlierTextAlive) {
     relay->setUserName("ann");
     relay->setLastRelay(nullptr);
     relay->setUserFormat("g");
-    EXPECT_STREQ(relay->userName->cstr(), "ann");
-    EXPECT_STREQ(relay->lastRelay->cstr(), "");
-    EXPECT_STREQ(relay->userFormat->cstr(), "g");
+    EXPECT_STREQ(relay->userName.load()->cstr(), "ann");
+    EXPECT_STREQ(relay->lastRelay.load()->cstr(), "");
+    EXPECT_STREQ(relay->userFormat.load()->cstr(), "g");
     EXPECT_STREQ(earlier[0]->cstr(), "bob");
     for (GPString* text : earlier)
         text->release();
