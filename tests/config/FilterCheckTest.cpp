@@ -43,6 +43,14 @@ TEST_F(FilterCheckTest, TheLocalAgentBecomesTheOnlyServerWhateverTheListHeld) {
               std::string::npos);
 }
 
+TEST_F(FilterCheckTest, TheNewRecordIsCurrentEvenWhenTheOldOneHadTheSameName) {
+    givenServers({"localhost"});
+    FilterServer* old = Configuration::getCurrentServer();
+    FilterCheck::setServerToLocalhost();
+    EXPECT_NE(Configuration::getCurrentServer(), old);
+    EXPECT_EQ(Configuration::getCurrentServer(), Configuration::getFilterServer("localhost"));
+}
+
 TEST_F(FilterCheckTest, TheServerLockIsFreeAfterwards) {
     FilterCheck::setServerToLocalhost();
     FilterQuery::lockServers();

@@ -361,6 +361,18 @@ TEST_F(FilterIPAddressesTest, AnotherNoticeStartsTheSeriesAtOneSecondAgain) {
     EXPECT_EQ(sleptSeconds(), 1 + 2 + 1);
 }
 
+TEST_F(FilterIPAddressesTest, ANoticeDuringAPassThatEndsWithAnAddressMissingIsServedWithoutASleep) {
+    givenServers({"a.example"});
+    gate.shut();
+    FilterIPAddresses::notifyIPchanges();
+    ASSERT_TRUE(gate.waitForArrivals(1));
+    FilterIPAddresses::notifyIPchanges();
+    gate.open();
+    ASSERT_TRUE(waitUntilSlept(1));
+    EXPECT_EQ(lookups(), 2u);
+    EXPECT_EQ(sleptSeconds(), 1);
+}
+
 TEST_F(FilterIPAddressesTest, PassesOfTheTaskAreLoggedWhenVerbose) {
     Configuration::setLogLevel(1);
     givenServers({"a.example"});
