@@ -53,9 +53,9 @@ std::string bytesOf(const sysctl_result& record) {
 class KernelListener : public testing::Test {
 protected:
     int start(bool inbound) {
-        extension_->install();
+        extension_.install();
         std::thread([inbound] { osxKextInterface(inbound, recordingCallback); }).detach();
-        return extension_->waitForControl(inbound ? "twFernhill_inkext" : "twFernhill_outkext");
+        return extension_.waitForControl(inbound ? "twFernhill_inkext" : "twFernhill_outkext");
     }
 
     void answer(int code, const std::string& url = {}) {
@@ -80,7 +80,7 @@ protected:
 
     testsupport::ScratchRoot root_;
     CapturedLog log_;
-    PlayedKernelControl* extension_ = new PlayedKernelControl; // outlives the listener's thread
+    PlayedKernelControl& extension_ = testsupport::lastingKernelControl();
 };
 
 } // namespace
@@ -214,8 +214,8 @@ TEST_F(KernelListener, AnEmptyMessageIsWarnedOfAndTheLoopGoesOn) {
 
 TEST_F(KernelListener, AFailingReceiveIsRetriedWithoutLimit) {
     EXPECT_TRUE(testsupport::neverEnds([this] {
-        extension_->install();
-        std::thread([this] { close(extension_->waitForControl("twFernhill_outkext")); }).detach();
+        extension_.install();
+        std::thread([this] { close(extension_.waitForControl("twFernhill_outkext")); }).detach();
         osxKextInterface(false, recordingCallback);
     }));
     EXPECT_LT(1, log_.countContaining("OUTPUT bytes received -- IGNORED"));
@@ -224,9 +224,9 @@ TEST_F(KernelListener, AFailingReceiveIsRetriedWithoutLimit) {
 TEST_F(KernelListener, AResultThatCannotBeSentIsReportedAndTheLoopGoesOn) {
     EXPECT_TRUE(testsupport::neverEnds([this] {
         signal(SIGPIPE, SIG_IGN);
-        extension_->install();
+        extension_.install();
         std::thread([this] {
-            const int control = extension_->waitForControl("twFernhill_outkext");
+            const int control = extension_.waitForControl("twFernhill_outkext");
             sendRecord(control, recordOf(0x2a, std::string(40, 'p')));
             shutdown(control, SHUT_RD);
         }).detach();
@@ -273,8 +273,8 @@ TEST_F(KernelListener, TheLoopLogsNothingUnlessAsked) {
 }
 
 TEST_F(KernelListener, WithoutASocketTheListenerEnds) {
-    extension_->install();
-    extension_->refuseSockets();
+    extension_.install();
+    extension_.refuseSockets();
 
     osxKextInterface(true, recordingCallback);
 
@@ -282,8 +282,8 @@ TEST_F(KernelListener, WithoutASocketTheListenerEnds) {
 }
 
 TEST_F(KernelListener, WithoutTheControlNameTheListenerEnds) {
-    extension_->install();
-    extension_->forget("twFernhill_outkext");
+    extension_.install();
+    extension_.forget("twFernhill_outkext");
 
     osxKextInterface(false, recordingCallback);
 
@@ -291,8 +291,8 @@ TEST_F(KernelListener, WithoutTheControlNameTheListenerEnds) {
 }
 
 TEST_F(KernelListener, ARefusedConnectionEndsTheListener) {
-    extension_->install();
-    extension_->refuseConnections();
+    extension_.install();
+    extension_.refuseConnections();
 
     osxKextInterface(false, recordingCallback);
 
@@ -301,9 +301,9 @@ TEST_F(KernelListener, ARefusedConnectionEndsTheListener) {
 
 TEST_F(KernelListener, AnotherVersionEndsTheInboundListener) {
     for (int version : {7, 9}) {
-        auto* extension = new PlayedKernelControl;
-        extension->install();
-        extension->answerVersion(version);
+        PlayedKernelControl& extension = testsupport::lastingKernelControl();
+        extension.install();
+        extension.answerVersion(version);
 
         osxKextInterface(true, recordingCallback);
 
@@ -314,8 +314,8 @@ TEST_F(KernelListener, AnotherVersionEndsTheInboundListener) {
 }
 
 TEST_F(KernelListener, AnUnreadableVersionEndsTheInboundListener) {
-    extension_->install();
-    extension_->failVersion();
+    extension_.install();
+    extension_.failVersion();
 
     osxKextInterface(true, recordingCallback);
 
@@ -324,13 +324,13 @@ TEST_F(KernelListener, AnUnreadableVersionEndsTheInboundListener) {
 }
 
 TEST_F(KernelListener, TheOutboundListenerAsksForNoVersion) {
-    extension_->answerVersion(7);
+    extension_.answerVersion(7);
     const int control = start(false);
 
     sendRecord(control, recordOf(1, std::string(40, 'p')));
 
     EXPECT_TRUE(receiveResult(control));
-    EXPECT_FALSE(extension_->logLevelSet());
+    EXPECT_FALSE(extension_.logLevelSet());
 }
 
 TEST_F(KernelListener, TheInboundListenerHandsTheExtensionItsLogLevel) {
@@ -340,7 +340,7 @@ TEST_F(KernelListener, TheInboundListenerHandsTheExtensionItsLogLevel) {
 
     sendRecord(control, recordOf(1, std::string(40, 'p')));
     ASSERT_TRUE(receiveResult(control));
-    EXPECT_EQ(3, extension_->logLevelSet());
+    EXPECT_EQ(3, extension_.logLevelSet());
     EXPECT_TRUE(log_.holds("FernhillKernel Log Level set to 3 (result=0)"));
 }
 

@@ -27,7 +27,7 @@ class PacketFilterStart : public testing::Test {
 protected:
     PacketFilterStart() {
         clock_.letSleepsPass(true); // GPTask waits for its child by the clock
-        extension_->install();
+        extension_.install();
         network_->install();
     }
 
@@ -35,7 +35,7 @@ protected:
     CapturedLog log_;
     testsupport::StandInPrograms programs_;
     ManualClock& clock_ = ManualClock::installed();
-    PlayedKernelControl* extension_ = new PlayedKernelControl;
+    PlayedKernelControl& extension_ = testsupport::lastingKernelControl();
     testsupport::PlayedNetworkChanges* network_ = new testsupport::PlayedNetworkChanges;
 };
 
@@ -102,7 +102,7 @@ TEST_F(PacketFilterStart, TheNetworkIsWatchedWhateverTheLoadingGave) {
 TEST_F(PacketFilterStart, DisabledFilteringIsSaidAndTheStartGoesOn) {
     Configuration::setFilteringDisabled(true);
     programs_.add("kextload", "exit 0");
-    extension_->answerVersion(7);
+    extension_.answerVersion(7);
 
     EXPECT_TRUE(PacketFilter::start());
 
@@ -113,7 +113,7 @@ TEST_F(PacketFilterStart, DisabledFilteringIsSaidAndTheStartGoesOn) {
 TEST_F(PacketFilterStart, WhenVerboseTheExtensionVersionBuiltForIsToldOf) {
     Configuration::setVerboseMode(true);
     programs_.add("kextload", "exit 0");
-    extension_->refuseSockets();
+    extension_.refuseSockets();
 
     EXPECT_TRUE(PacketFilter::start());
 
@@ -125,13 +125,13 @@ TEST_F(PacketFilterStart, BothListenersAreConnected) {
 
     std::thread([] { PacketFilter::start(); }).detach();
 
-    EXPECT_NE(-1, extension_->waitForControl("twFernhill_inkext"));
-    EXPECT_NE(-1, extension_->waitForControl("twFernhill_outkext"));
+    EXPECT_NE(-1, extension_.waitForControl("twFernhill_inkext"));
+    EXPECT_NE(-1, extension_.waitForControl("twFernhill_outkext"));
 }
 
 TEST_F(PacketFilterStart, WithoutTheOutboundControlTheInboundSideRunsOn) {
     programs_.add("kextload", "exit 0");
-    extension_->forget("twFernhill_outkext");
+    extension_.forget("twFernhill_outkext");
 
     EXPECT_TRUE(testsupport::neverEnds([] { PacketFilter::start(); }));
 
@@ -140,38 +140,38 @@ TEST_F(PacketFilterStart, WithoutTheOutboundControlTheInboundSideRunsOn) {
 
 TEST(ReportAppStats, TheFirstPollComesAfter300Seconds) {
     CapturedLog log;
-    auto* extension = new PlayedKernelControl;
+    PlayedKernelControl& extension = testsupport::lastingKernelControl();
     ManualClock& clock = ManualClock::installed();
-    pollStatistics(*extension);
+    pollStatistics(extension);
     ASSERT_TRUE(clock.waitForSleepers(1));
-    EXPECT_EQ(0, extension->statisticsReads());
+    EXPECT_EQ(0, extension.statisticsReads());
 
     for (int second = 0; second < 300; second += 10) {
-        EXPECT_EQ(0, extension->statisticsReads()) << "at " << second << " seconds";
+        EXPECT_EQ(0, extension.statisticsReads()) << "at " << second << " seconds";
         clock.advanceSeconds(10);
         if (second < 290) {
             ASSERT_TRUE(clock.waitForSleepers(1));
         }
     }
 
-    ASSERT_TRUE(extension->waitForStatistics(1));
-    EXPECT_EQ(2000u, extension->statisticsLength());
-    EXPECT_EQ("here is the buffer to work from", extension->statisticsBuffer());
+    ASSERT_TRUE(extension.waitForStatistics(1));
+    EXPECT_EQ(2000u, extension.statisticsLength());
+    EXPECT_EQ("here is the buffer to work from", extension.statisticsBuffer());
 }
 
 TEST(ReportAppStats, EachPollIsDue300SecondsAfterTheOneBefore) {
     CapturedLog log;
-    auto* extension = new PlayedKernelControl;
+    PlayedKernelControl& extension = testsupport::lastingKernelControl();
     ManualClock& clock = ManualClock::installed();
-    pollStatistics(*extension);
+    pollStatistics(extension);
     ASSERT_TRUE(clock.waitForSleepers(1));
     clock.advanceSeconds(300);
-    ASSERT_TRUE(extension->waitForStatistics(1));
+    ASSERT_TRUE(extension.waitForStatistics(1));
     ASSERT_TRUE(clock.waitForSleepers(1));
 
     clock.advanceSeconds(300);
 
-    EXPECT_TRUE(extension->waitForStatistics(2));
+    EXPECT_TRUE(extension.waitForStatistics(2));
 }
 
 TEST(IpChanges, AChangeIsToldOfWhenVerbose) {

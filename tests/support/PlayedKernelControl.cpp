@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <memory>
 
 namespace testsupport {
 namespace {
@@ -101,6 +102,12 @@ int PlayedKernelControl::getOption(int, int option, void* value, socklen_t& leng
     ++statisticsReads_;
     changed_.notify_all();
     return 0;
+}
+
+PlayedKernelControl& lastingKernelControl() {
+    static auto& made = *new std::vector<std::unique_ptr<PlayedKernelControl>>;
+    made.push_back(std::make_unique<PlayedKernelControl>());
+    return *made.back();
 }
 
 void sendRecord(int control, const std::string& record) {

@@ -63,6 +63,9 @@ private:
     bool versionFails_ = false;
 };
 
+// A new played extension that lasts as long as the process: listener threads outlive their test.
+PlayedKernelControl& lastingKernelControl();
+
 // Sends one record to the daemon.
 void sendRecord(int control, const std::string& record);
 
