@@ -2,5 +2,8 @@
 function(ostler_link_platform target)
   find_package(Threads REQUIRED)
   find_package(OpenSSL REQUIRED)
-  target_link_libraries(${target} PUBLIC Threads::Threads PRIVATE OpenSSL::SSL OpenSSL::Crypto)
+  find_package(PkgConfig REQUIRED)
+  pkg_check_modules(SYSTEMD REQUIRED IMPORTED_TARGET libsystemd)
+  target_link_libraries(${target}
+    PUBLIC Threads::Threads PRIVATE OpenSSL::SSL OpenSSL::Crypto PkgConfig::SYSTEMD)
 endfunction()

@@ -30,6 +30,12 @@ public:
 
     static const char* updateHelper();
     static const char* updateCopyHelper();
+
+    // Where the directory tools lie, and the folder of the system's own LDAP configurations.
+    static const char* dsconfigad();
+    static const char* likewiseStatus();
+    static const char* adinfo();
+    static const char* ldapConfigurations();
 };
 
 } // namespace platform

@@ -10,6 +10,10 @@ TEST(HostPaths, WithoutARootThePathsAreTheDocumentedOnes) {
     EXPECT_STREQ("", HostPaths::root());
     EXPECT_STREQ("/Library/twsys/fernhill.xml", HostPaths::configurationFile());
     EXPECT_STREQ("/Library/Logs/TarnwickSystems", HostPaths::logDirectory());
+    EXPECT_STREQ("/usr/sbin/dsconfigad", HostPaths::dsconfigad());
+    EXPECT_STREQ("/opt/likewise/bin/lw-get-status", HostPaths::likewiseStatus());
+    EXPECT_STREQ("/usr/bin/adinfo", HostPaths::adinfo());
+    EXPECT_STREQ("/Library/Preferences/OpenDirectory/Configurations/LDAPv3", HostPaths::ldapConfigurations());
 }
 
 TEST(HostPaths, ARootStandsInFrontOfEveryPath) {

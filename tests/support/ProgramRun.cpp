@@ -3,6 +3,7 @@
 #include "app/Switches.h"
 #include "platform/HostPaths.h"
 #include "platform/NameLookup.h"
+#include "support/PlayedConsoleUser.h"
 
 #include <csignal>
 #include <cstdio>
@@ -52,6 +53,8 @@ private:
     setenv("PATH", platform::HostPaths::root(), 1);
     static AnnouncingNames names(announced.writeEnd());
     platform::nameLookupService.install(names);
+    static PlayedConsoleUser emptyConsole;
+    emptyConsole.install();
 
     std::vector<std::string> words = {"/usr/local/bin/fernhill"};
     words.insert(words.end(), arguments.begin(), arguments.end());

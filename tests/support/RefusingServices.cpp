@@ -1,5 +1,6 @@
 #include "support/RefusingServices.h"
 
+#include "platform/ConsoleUser.h"
 #include "platform/HardwareRegistry.h"
 #include "platform/InterfaceEntries.h"
 #include "platform/KernelControl.h"
@@ -53,6 +54,22 @@ public:
     void release(platform::UserNotification*) override { ADD_FAILURE() << "nobody played the dialogs"; }
 };
 
+class RefusingConsoleUser final : public platform::ConsoleUser {
+public:
+    bool copyName(char*, std::size_t) override {
+        ADD_FAILURE() << "nobody played the console user";
+        return false;
+    }
+
+    Watch* create(const char* name, Callback) override {
+        ADD_FAILURE() << "nobody played the watch of the console user " << name;
+        return nullptr;
+    }
+
+    void run(Watch*) override {}
+    void release(Watch*) override {}
+};
+
 class RefusingInterfaceEntries final : public platform::InterfaceEntries {
 public:
     int open() override {
@@ -94,6 +111,7 @@ private:
 RefusingNameLookup refusingNameLookup;
 RefusingRegistry refusingRegistry;
 RefusingDialog refusingDialog;
+RefusingConsoleUser refusingConsoleUser;
 RefusingInterfaceEntries refusingInterfaceEntries;
 RefusingNetworkChanges refusingNetworkChanges;
 RefusingKernelControl refusingKernelControl;
@@ -105,6 +123,7 @@ void installRefusingServices() {
     platform::nameLookupService.install(refusingNameLookup);
     platform::hardwareRegistryService.install(refusingRegistry);
     platform::userDialogService.install(refusingDialog);
+    platform::consoleUserService.install(refusingConsoleUser);
     platform::interfaceEntriesService.install(refusingInterfaceEntries);
     platform::networkChangesService.install(refusingNetworkChanges);
     platform::kernelControlService.install(refusingKernelControl);
