@@ -34,11 +34,12 @@ GPAutoReleasePool::~GPAutoReleasePool() {
     retainonly();
 
     // The count is read on every step: a destructor that runs here may autorelease an object.
-    for (int index = 0; index < objects_->count();) {
-        if (objects_->objectAtIndex(index)->release() == destroyedMark) {
-            objects_->removeValueAtIndex(index); // its second release would touch freed memory
-        } else {
-            ++index;
+    for (int index = 0; index < objects_->count(); ++index) {
+        GPObject* object = objects_->objectAtIndex(index);
+        if (object->release() != destroyedMark) continue;
+        // A further release would touch freed memory, so none of its entries stays.
+        for (int found = objects_->removeValue(object); found >= 0; found = objects_->removeValue(object)) {
+            if (found <= index) --index;
         }
     }
     objects_->release();

@@ -36,7 +36,8 @@ GPMutex* currentMutex() { return mutex.load(std::memory_order_acquire); }
 GPString* currentLogName(int index) {
     char const* stem = logName.load(relaxed);
     if (!stem) {
-        stem = getProcessName();
+        // A copy that is never freed: the text of the process name goes when another one is set.
+        stem = strdup(getProcessName());
         logName.store(stem, relaxed);
     }
     GPString* name;

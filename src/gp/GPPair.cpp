@@ -10,5 +10,7 @@ GPPair::~GPPair() {
 }
 
 void GPPair::releaseMapReference() {
-    if (referenceCount() > 1) release();
+    if (!heldByMap_) return;
+    heldByMap_ = false;
+    release();
 }

@@ -13,11 +13,12 @@ public:
     char const* key() const { return key_; }
     GPObject* value() const { return value_; }
 
-    // Gives back the map's own reference ahead of its list's. A pair that GPMap::rebalance left with the
-    // list's alone keeps that one.
+    // Gives back the reference of the pair's making, which is the map's own; from the second call on, as after
+    // GPMap::rebalance, does nothing. The references of lists are theirs.
     void releaseMapReference();
 
 private:
     char* key_;
     GPObject* value_;
+    bool heldByMap_ = true;
 };

@@ -309,9 +309,34 @@ TEST_F(GPArrayTest, SomeReadersOfASafeArrayTakeNoLock) {
 
     EXPECT_EQ(array.valueAtIndex(0), &first);
     EXPECT_EQ(array.indexOfObject(&first), 0);
+    EXPECT_EQ(array.indexOfValue(&first), 0);
     EXPECT_EQ(array.removeObjectAtIndex(7), nullptr);
     array.expandArray(9);
     array.unlock();
+}
+
+TEST_F(GPArrayTest, SortOfASafeArrayHoldsTheLockForTheCountAlone) {
+    array.safe();
+    array.addObject(&first);
+    array.addObject(&second);
+    static bool locked;
+    static GPArray* sorted;
+    locked = false;
+    sorted = &array;
+
+    // The comparator can take the lock, so nobody holds it.
+    array.sort([](void const*, void const*) {
+        sorted->lock();
+        sorted->unlock();
+        locked = true;
+        return 0;
+    });
+
+    EXPECT_TRUE(locked);
+    EXPECT_TRUE(neverEnds([this] {
+        array.lock();
+        array.sort([](void const*, void const*) { return 0; });
+    }));
 }
 
 TEST_F(GPArrayTest, RemovalOnASafeArrayBlocksForEver) {

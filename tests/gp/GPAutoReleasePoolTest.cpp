@@ -206,6 +206,25 @@ TEST(GPAutoReleasePool, EntryThatDiesAtItsFirstReleaseIsNotReleasedAgain) {
     EXPECT_EQ(other, 1);
 }
 
+TEST(GPAutoReleasePool, EntryThatWasAddedTwiceAndDiesEarlyIsNotReleasedAgain) {
+    int destroyed = 0;
+    int between = 0;
+    int behind = 0;
+    auto* pool = new GPAutoReleasePool();
+    auto* object = new TrackedObject(destroyed);
+    pool->addObject(object);
+    (new TrackedObject(between))->autorelease();
+    pool->addObject(object);
+    (new TrackedObject(behind))->autorelease();
+    object->release();
+
+    pool->drain();
+
+    EXPECT_EQ(destroyed, 1);
+    EXPECT_EQ(between, 1);
+    EXPECT_EQ(behind, 1);
+}
+
 TEST(GPAutoReleasePool, ObjectAutoreleasedByADestructorDuringTheDrainIsHandledInTheSamePass) {
     int destroyed = 0;
     auto* pool = new GPAutoReleasePool();

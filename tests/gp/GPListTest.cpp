@@ -277,6 +277,19 @@ TEST_F(GPListTest, RemoveOfAnAbsentValueIsNullWithANullCursor) {
     EXPECT_EQ(list.count(), 2);
 }
 
+TEST_F(GPListTest, RemoveWithANullCursorReadsNothingThere) {
+    EXPECT_EQ(list.removeValue(&a), nullptr);
+    fill(2);
+    forwards();
+    ASSERT_EQ(cursor(), "-");
+
+    EXPECT_EQ(list.removeValue(&d), nullptr);
+    EXPECT_EQ(list.removeObject(&a), &a);
+
+    EXPECT_EQ(forwards(), "b");
+    EXPECT_EQ(references(&a), 1);
+}
+
 TEST_F(GPListTest, RemoveObjectReleasesEvenWhatIsNotThere) {
     fill(2);
     c.retain();

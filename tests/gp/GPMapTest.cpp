@@ -286,6 +286,39 @@ TEST(GPMap, RebalancedMapReleasesEachValueOnceAtItsEnd) {
     EXPECT_EQ(destroyed, 2);
 }
 
+TEST(GPMap, TwiceRebalancedMapReleasesEachValueOnceAtItsEnd) {
+    testsupport::CapturedLog log;
+    int destroyed = 0;
+    {
+        GPMap map(1);
+        map.setObject(new TrackedObject(destroyed), "a");
+        map.setObject(new TrackedObject(destroyed), "b");
+        map.rebalance();
+        map.rebalance();
+        EXPECT_NE(map.objectForKey("a"), nullptr);
+        EXPECT_NE(map.objectForKey("b"), nullptr);
+        EXPECT_EQ(destroyed, 0);
+    }
+    EXPECT_EQ(destroyed, 2);
+}
+
+TEST(GPMap, PairThatStandsInTwoListsAfterTwoRebalancesOutlivesItsRemovalFromOne) {
+    testsupport::CapturedLog log;
+    int destroyed = 0;
+    {
+        GPMap map(1);
+        map.setObject(new TrackedObject(destroyed), "a");
+        map.rebalance();
+        map.rebalance();
+        fill(map, {"b"});
+
+        map.removeObjectForKey("a");
+
+        EXPECT_EQ(destroyed, 0);
+    }
+    EXPECT_EQ(destroyed, 1);
+}
+
 TEST(GPMap, PairOfARebalancedMapCanBeRemovedOnceSomethingCountsAgain) {
     testsupport::CapturedLog log;
     int destroyed = 0;
@@ -349,5 +382,18 @@ TEST(GPPair, FreesItsKeyAndReleasesItsValue) {
 
     pair->release();
 
+    EXPECT_EQ(references(&value), 1);
+}
+
+TEST(GPPair, GivesTheMapsReferenceBackOnce) {
+    GPObject value;
+    auto* pair = new GPPair(strdup("key"), value.retain());
+    pair->retain();
+
+    pair->releaseMapReference();
+    pair->releaseMapReference();
+
+    EXPECT_EQ(references(pair), 1);
+    pair->release();
     EXPECT_EQ(references(&value), 1);
 }

@@ -14,6 +14,7 @@
 
 #include <cerrno>
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <fcntl.h>
 #include <string>
@@ -285,6 +286,23 @@ TEST_F(GPTaskTest, DescriptorsAboveWhatSelectTakesAreRead) {
     while (dup(0) < 1100) {
     }
     EXPECT_EQ(run("/bin/echo high"), "high\n");
+}
+
+TEST_F(GPTaskTest, AForkThatFailsIsToldOnStandardOutputAndComesBackAsNull) {
+    const std::string answer = testsupport::answerOfChild([&] {
+        const int printed = open(at("printed").c_str(), O_WRONLY | O_CREAT, 0600);
+        dup2(printed, STDOUT_FILENO);
+        const rlimit none = {0, 0};
+        setrlimit(RLIMIT_NPROC, &none); // does not bind the superuser
+        constexpr uid_t nobody = 65534;
+        if (geteuid() == 0 && setuid(nobody) != 0) return std::string("still the superuser");
+        std::string result = run("/usr/bin/true");
+        std::fflush(stdout);
+        return result;
+    });
+    if (answer == "still the superuser") GTEST_SKIP() << "the limit cannot be made to bind here";
+    EXPECT_EQ(answer, "null");
+    EXPECT_EQ(testsupport::readAll(at("printed")), "error forking\n");
 }
 
 TEST_F(GPTaskTest, WithoutDescriptorsForThePipesThereIsNoOutputAndNoHarm) {
