@@ -8,6 +8,7 @@
 #include "gp/GPString.h"
 #include "gp/GPSyncdArray.h"
 #include "gp/Owned.h"
+#include "support/AllocationCounter.h"
 #include "support/Objects.h"
 
 #include <gtest/gtest.h>
@@ -83,6 +84,21 @@ TEST(GPObject, ReleaseAnswersTheNewCount) {
     EXPECT_EQ(object->release(), 1);
     EXPECT_EQ(destroyed, 0);
     object->release();
+    EXPECT_EQ(destroyed, 1);
+}
+
+TEST(GPObject, CountingAllocatesNothing) {
+    int destroyed = 0;
+    auto* object = new TrackedObject(destroyed);
+    testsupport::AllocationCounter allocations;
+
+    object->retain();
+    object->retainonly();
+    object->releaseonly();
+    object->release();
+    object->release();
+
+    EXPECT_EQ(allocations.count(), 0);
     EXPECT_EQ(destroyed, 1);
 }
 
