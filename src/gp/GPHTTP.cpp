@@ -97,13 +97,14 @@ void GPHTTP::releaseFields() {
 }
 
 void GPHTTP::setURL(const char* url) {
+    // Copied first: it can be a text of the answer that goes, such as a Location.
+    const std::string text = url ? url : "";
     timeout_ = 5;
     port_ = 80;
     code_ = 0;
     method_ = GPHTTPMethodGet;
     releaseFields();
 
-    const std::string text = url ? url : "";
     std::string rest = text;
     const auto colon = text.find(':');
     if (colon != npos && colon > 0 && text[colon + 1] == '/') {

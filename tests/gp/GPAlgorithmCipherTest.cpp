@@ -1,5 +1,7 @@
 // The cipher and its keys.
 
+#define OPENSSL_SUPPRESS_DEPRECATED
+
 #include "gp/GPAlgorithm.h"
 #include "gp/GPData.h"
 #include "gp/GPString.h"
@@ -7,11 +9,13 @@
 #include "support/ManualClock.h"
 
 #include <gtest/gtest.h>
+#include <openssl/blowfish.h>
 
 #include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 #include <string>
 
 namespace {
@@ -74,6 +78,57 @@ TEST(GPAlgorithmCipher, KeyBytesRepeatCyclically) {
 TEST(GPAlgorithmCipher, AnEmptyOrMissingKeyActsAsAZeroByte) {
     EXPECT_EQ(encrypted("12345678", ""), encrypted("12345678", nullptr));
     EXPECT_EQ(decrypted(encrypted("12345678", ""), ""), "12345678");
+}
+
+// Another library's block function over the sparse start and the published schedule.
+class OtherCipher {
+public:
+    explicit OtherCipher(const std::string& key) {
+        key_.P[0] = 0x243F6A88;
+        const BF_LONG firstWords[] = {0xD1310BA6, 0x4B7A70E9, 0xE93D5A68, 0x3A39CE37};
+        for (std::size_t box = 0; box < 4; ++box)
+            key_.S[box * 256] = firstWords[box];
+        std::size_t at = 0;
+        for (BF_LONG& word : key_.P) {
+            BF_LONG mixed = 0;
+            for (int i = 0; i < 4; ++i)
+                mixed = mixed << 8 | static_cast<unsigned char>(key[at++ % key.size()]);
+            word ^= mixed;
+        }
+        BF_LONG halves[2] = {0, 0};
+        for (std::size_t i = 0; i < std::size(key_.P); i += 2)
+            replacePair(&key_.P[i], halves);
+        for (std::size_t i = 0; i < std::size(key_.S); i += 2)
+            replacePair(&key_.S[i], halves);
+    }
+
+    // The block's bytes 4 to 7 are the left half, each half with its lowest byte first.
+    std::string encrypted(const std::string& block) const {
+        BF_LONG halves[2];
+        std::memcpy(&halves[1], block.data(), 4);
+        std::memcpy(&halves[0], block.data() + 4, 4);
+        BF_encrypt(halves, &key_);
+        std::string result(8, '\0');
+        std::memcpy(&result[0], &halves[1], 4);
+        std::memcpy(&result[4], &halves[0], 4);
+        return result;
+    }
+
+private:
+    void replacePair(BF_LONG* pair, BF_LONG* halves) {
+        BF_encrypt(halves, &key_);
+        pair[0] = halves[0];
+        pair[1] = halves[1];
+    }
+
+    BF_KEY key_{};
+};
+
+TEST(GPAlgorithmCipher, IsThePublishedNetworkAndScheduleOverTablesThatStartWithTheirFirstWordsAlone) {
+    for (const std::string key : {"key", "a", "\xff\x80\x7f", "a key that is longer than one half"})
+        for (const std::string block : {"12345678", "\xff\xee\xdd\xcc\xbb\xaa\x99\x88"})
+            EXPECT_EQ(encrypted(block, key.c_str()), OtherCipher(key).encrypted(block)) << key;
+    EXPECT_EQ(encrypted("12345678", ""), OtherCipher(std::string(1, '\0')).encrypted("12345678"));
 }
 
 TEST(GPAlgorithmCipher, TextsOfUpToSevenCharactersSurviveTheRoundTrip) {

@@ -1,146 +1,32 @@
 #include "gp/GPHTTP.h"
 
 #include "gp/GPAutoReleasePool.h"
-#include "gp/GPData.h"
 #include "gp/GPMap.h"
 #include "gp/GPString.h"
-#include "gp/Owned.h"
 #include "support/AnswerServer.h"
-#include "support/CapturedLog.h"
-#include "support/LoopbackPeer.h"
+#include "support/HTTPRequestTest.h"
 #include "support/ManualClock.h"
 #include "support/NetworkNamespace.h"
-#include "support/PlayedNames.h"
 #include "support/TemporaryFolder.h"
 #include "support/WebServer.h"
 
 #include <gtest/gtest.h>
 
-#include <sys/socket.h>
-
-#include <csignal>
 #include <future>
 #include <string>
-#include <utility>
 #include <vector>
 
 namespace {
 
 using testsupport::AnswerServer;
-using testsupport::CapturedLog;
+using testsupport::bytesOf;
+using testsupport::defaultAgent;
+using testsupport::headerOf;
 using testsupport::ManualClock;
 using testsupport::NamespaceResult;
-using testsupport::PlayedNames;
+using testsupport::textOf;
 
-const std::string defaultAgent =
-    "Mozilla/5.0 (Macintosh; Intel Mac OS X 10_7_3) AppleWebKit/534.53.11 (KHTML, like Gecko) "
-    "Version/5.1.3 Safari/534.53.10";
-
-std::string textOf(GPString* owned) {
-    const auto text = Owned<GPString>::adopt(owned);
-    return text ? text->cstr() : "(null)";
-}
-
-std::string bytesOf(GPData* owned) {
-    const auto data = Owned<GPData>::adopt(owned);
-    return data ? std::string(data->bytes(), static_cast<std::size_t>(data->length())) : "(null)";
-}
-
-std::string headerOf(GPHTTP& request, const char* name) {
-    GPString* value = request.responseHeader(name);
-    return value ? value->cstr() : "(null)";
-}
-
-class GPHTTPRequest : public testing::Test {
-protected:
-    GPHTTPRequest() {
-        signal(SIGPIPE, SIG_IGN);
-        for (const char* host : {"127.0.0.1", "server.test", "server.test?q=1", "server.test:8080"})
-            names_.answer(host, AF_INET, {"127.0.0.1"});
-        names_.install();
-        ManualClock::installed().setEventWait(5000000, false);
-    }
-
-    // The host that a request for the URL looks up; nothing listens there.
-    std::string hostOf(const char* url) {
-        GPHTTP request(url);
-        request.setPort(closedPort_);
-        request.startSync();
-        return names_.asked().empty() ? "(none)" : names_.asked().back();
-    }
-
-    // The port that the URL gives.
-    static int portOf(const char* url) { return GPHTTP(url).port(); }
-
-    // What the server gets for a GET of that path.
-    static std::string get(const std::string& path, const std::string& headers = "") {
-        return "GET " + path + " HTTP/1.1\r\nHost: 127.0.0.1\r\nUser-Agent: " + defaultAgent +
-               "\r\nConnection: close\r\n" + headers + "\r\n";
-    }
-
-    CapturedLog log_;
-    PlayedNames names_;
-    const int closedPort_ = testsupport::freePort();
-};
-
-// A finished exchange whose answer the test chose.
-class GPHTTPAnswer : public GPHTTPRequest {
-protected:
-    GPHTTP& answeredWith(const std::string& answer) {
-        AnswerServer server({answer});
-        request_.setURL(server.url("/").c_str());
-        request_.startSync();
-        return request_;
-    }
-
-    GPHTTP request_{""};
-};
-
-TEST_F(GPHTTPRequest, AUrlWithoutASchemeHasPort80AndTheHostBeforeTheFirstSlash) {
-    EXPECT_EQ(portOf("server.test/path"), 80);
-    EXPECT_EQ(hostOf("server.test/path"), "server.test");
-}
-
-TEST_F(GPHTTPRequest, EachKnownSchemeHasItsPort) {
-    EXPECT_EQ(portOf("https://server.test/"), 443);
-    EXPECT_EQ(portOf("http://server.test/"), 80);
-    EXPECT_EQ(portOf("ftp://server.test/"), 22);
-    EXPECT_EQ(portOf("smtp://server.test/"), 25);
-    EXPECT_EQ(portOf("imap://server.test/"), 142);
-    EXPECT_EQ(portOf("pop://server.test/"), 110);
-    EXPECT_EQ(portOf("ssh://server.test/"), 22);
-}
-
-TEST_F(GPHTTPRequest, AnUnknownSchemeLeavesPort80) {
-    EXPECT_EQ(portOf("gopher://server.test/"), 80);
-    EXPECT_EQ(portOf("HTTPS://server.test/"), 80);
-    EXPECT_EQ(hostOf("gopher://server.test/"), "server.test");
-}
-
-TEST_F(GPHTTPRequest, APortInTheUrlCountsOverTheSchemes) {
-    EXPECT_EQ(portOf("https://server.test:8443/x"), 8443);
-    EXPECT_EQ(portOf("server.test:8080/x"), 8080);
-    EXPECT_EQ(hostOf("server.test:8080/x"), "server.test");
-    EXPECT_EQ(portOf("http://server.test:abc/x"), -1);
-}
-
-TEST_F(GPHTTPRequest, APortWithoutAPathStaysInsideTheHost) {
-    EXPECT_EQ(portOf("http://server.test:8080"), 80);
-    EXPECT_EQ(hostOf("http://server.test:8080"), "server.test:8080");
-}
-
-TEST_F(GPHTTPRequest, AQueryWithoutASlashBehindTheSchemeIsAllHost) {
-    EXPECT_EQ(hostOf("http://server.test?q=1"), "server.test?q=1");
-}
-
-TEST_F(GPHTTPRequest, TextsThatAreHardlyUrlsAreTakenApartToo) {
-    const std::vector<std::pair<const char*, const char*>> hosts = {
-        {"", ""},       {"/", "/"},      {":", ":"},   {":/", ""},   {"a:/", ""},    {"a:/x", ""},
-        {"http:/", ""}, {"http://", ""}, {"//", "//"}, {"a:", "a:"}, {"a:b", "a:b"}, {"http:///x", "/x"}};
-    for (const auto& [url, host] : hosts)
-        EXPECT_EQ(hostOf(url), host) << url;
-    EXPECT_EQ(hostOf(nullptr), "");
-}
+class GPHTTPRequest : public testsupport::HTTPRequestTest {};
 
 TEST_F(GPHTTPRequest, AGetIsWrittenFromItsTemplate) {
     AnswerServer server({"HTTP/1.1 200 OK\r\n\r\nbody"});
@@ -410,52 +296,6 @@ TEST_F(GPHTTPRequest, DownloadFileWaitsTwentySeconds) {
     EXPECT_GE(ManualClock::installed().seconds() - before, 20);
     EXPECT_EQ((ManualClock::installed().seconds() - before) % 20, 0);
     pool->drain();
-}
-
-TEST_F(GPHTTPAnswer, ARedirectIsNotFollowed) {
-    GPHTTP& request = answeredWith("HTTP/1.1 302 Found\r\nLocation: http://server.test/\r\n\r\nmoved");
-    EXPECT_EQ(request.responseCode(), 302);
-    EXPECT_EQ(headerOf(request, "Location"), "http://server.test/");
-    EXPECT_EQ(names_.asked(), std::vector<std::string>{"127.0.0.1"}) << "nobody was asked again";
-}
-
-TEST_F(GPHTTPAnswer, AChunkedAnswerIsPutTogetherInTheTextButNotInTheData) {
-    const std::string framed = "5\r\nhello\r\n6\r\n world\r\n0\r\n\r\n";
-    GPHTTP& request = answeredWith("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n" + framed);
-    EXPECT_EQ(textOf(request.responseString()), "hello world");
-    EXPECT_EQ(bytesOf(request.responseData()), framed);
-}
-
-TEST_F(GPHTTPAnswer, AnEmptyBodyGivesTheWholeAnswerAsText) {
-    const std::string answer = "HTTP/1.1 200 OK\r\nServer: x\r\n\r\n";
-    GPHTTP& request = answeredWith(answer);
-    EXPECT_EQ(textOf(request.responseString()), answer);
-    EXPECT_EQ(bytesOf(request.responseData()), "");
-    EXPECT_EQ(request.responseLength(), static_cast<int>(answer.size()));
-}
-
-TEST_F(GPHTTPAnswer, AnAnswerWithoutAHeaderBlockIsAllText) {
-    GPHTTP& request = answeredWith("HTTP/1.1 200 OK\r\nServer: x\r\n");
-    EXPECT_EQ(request.responseCode(), 200) << "the status is read all the same";
-    EXPECT_FALSE(answeredWith("HTTP/1.1 200 OK\r\nServer: x\r\n").parseResponse());
-    EXPECT_TRUE(request.parseResponse()) << "the headers have been made, if empty";
-    EXPECT_EQ(textOf(request.responseString()), "HTTP/1.1 200 OK\r\nServer: x\r\n");
-    EXPECT_EQ(bytesOf(request.responseData()), "HTTP/1.1 200 OK\r\nServer: x\r\n");
-}
-
-TEST_F(GPHTTPAnswer, DataThatDoesNotBeginAsHttpIsGivenWhole) {
-    EXPECT_EQ(bytesOf(answeredWith("ICY 200 OK\r\n\r\nmusic").responseData()), "ICY 200 OK\r\n\r\nmusic");
-    EXPECT_EQ(bytesOf(answeredWith("HTTP/1.0 200 OK\r\n\r\nmusic").responseData()), "music");
-}
-
-TEST_F(GPHTTPAnswer, TheDataOutlivesTheRequest) {
-    auto* request = new GPHTTP("");
-    AnswerServer server({"raw"});
-    request->setURL(server.url("/").c_str());
-    request->startSync();
-    GPData* raw = request->responseData();
-    request->release();
-    EXPECT_EQ(bytesOf(raw), "raw");
 }
 
 } // namespace

@@ -1,6 +1,7 @@
 // The callback on changes of the network.
 
 #include "gp/GPNetDevice.h"
+#include "gp/GPThread.h"
 #include "support/PlayedNetworkChanges.h"
 
 #include <gtest/gtest.h>
@@ -95,6 +96,7 @@ TEST(GPNetDeviceWatch, AWatchThatCannotBeMadeStaysSilent) {
     changes.refuse();
     EXPECT_TRUE(GPNetDevice::registerIPChanges(noteChange, false));
     EXPECT_EQ(changes.created(), 1);
+    EXPECT_EQ(changes.released(), 0);
 }
 
 TEST(GPNetDeviceWatch, InTheForegroundItDoesNotReturnWhileTheWatchRuns) {
@@ -124,6 +126,13 @@ TEST(GPNetDeviceWatch, InTheForegroundItDoesNotReturnWhileTheWatchRuns) {
     waitpid(child, &status, 0);
     EXPECT_EQ(read(called[0], &byte, 1), 0);
     close(called[0]);
+}
+
+TEST(GPNetDeviceWatch, IsReleasedOnceTheThreadsAreToldToEnd) {
+    PlayedNetworkChanges& changes = playedChanges();
+    changes.change();
+    EXPECT_TRUE(GPNetDevice::registerIPChanges([] { threadKeepGoing = 0; }, false));
+    EXPECT_EQ(changes.released(), 1);
 }
 
 } // namespace

@@ -11,9 +11,12 @@
 
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <sys/epoll.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
 #include <string>
 #include <thread>
@@ -113,6 +116,36 @@ TEST(GPSocketsListener, ADatagramSocketCannotListen) {
 TEST(GPSocketsListener, AnAddressOfAnotherMachineCannotBeBound) {
     GPSockets listener(freePort(), "192.0.2.1");
     EXPECT_FALSE(listener.listenConnection(waitForTheEnd, 1));
+}
+
+TEST(GPSocketsListener, AcceptedClientsTakeTheListenersTlsSetting) {
+    const int port = freePort();
+    const EndlessChild server([port] {
+        ManualClock::installed().setEventWait(5000000, false);
+        GPSockets listener(port, "127.0.0.1");
+        listener.setUseSSL(true);
+        listener.listenConnection(
+            [](GPSockets* client) { client->send(client->useSSL() ? "yes" : "no!", 3); }, 1);
+    });
+    EXPECT_EQ(connectTo(port).readAll(), "yes");
+}
+
+TEST(GPSocketsListener, AListenerWithoutASocketFails) {
+    EXPECT_TRUE(testsupport::passesInChild([] {
+        ASSERT_TRUE(testsupport::failSystemCall(SYS_socket, EMFILE, AF_INET));
+        GPSockets listener(8080, "127.0.0.1");
+        EXPECT_FALSE(listener.listenConnection(waitForTheEnd, 1));
+    }));
+}
+
+TEST(GPSocketsListener, SocketListenWithoutAQueueFails) {
+    EXPECT_TRUE(testsupport::passesInChild([] {
+        testsupport::LoopbackListener real;
+        GPSockets listener;
+        listener.openConnection(dup(real.descriptor()));
+        ASSERT_TRUE(testsupport::failSystemCall(SYS_epoll_create1, EMFILE, EPOLL_CLOEXEC));
+        EXPECT_FALSE(listener.socketListen(waitForTheEnd, 3));
+    }));
 }
 
 TEST(GPSocketsListener, SocketListenEndsWithFalseOnAnErrorEvent) {

@@ -1,8 +1,5 @@
 #include "gp/GPSockets.h"
 
-#include "gp/GPData.h"
-#include "gp/GPString.h"
-#include "gp/Owned.h"
 #include "support/CapturedLog.h"
 #include "support/LoopbackPeer.h"
 #include "support/ManualClock.h"
@@ -12,17 +9,13 @@
 #include <gtest/gtest.h>
 
 #include <arpa/inet.h>
-#include <fcntl.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include <cerrno>
-#include <chrono>
 #include <csignal>
 #include <cstring>
-#include <future>
 #include <string>
 
 namespace {
@@ -32,42 +25,6 @@ using testsupport::LoopbackListener;
 using testsupport::ManualClock;
 using testsupport::Peer;
 using testsupport::PlayedNames;
-
-std::string textOf(const GPData* data) {
-    return data ? std::string(data->bytes(), static_cast<std::size_t>(data->length())) : "(null)";
-}
-
-std::string readText(GPSockets& socket) { return textOf(Owned<GPData>::adopt(socket.readData()).get()); }
-
-// A GPSockets on one end of a connection whose other end the test plays.
-class GPSocketsConnected : public testing::Test {
-protected:
-    GPSocketsConnected() {
-        signal(SIGPIPE, SIG_IGN);
-        testsupport::connectedPair(mine_, peer_);
-        descriptor_ = mine_.descriptor();
-        fcntl(descriptor_, F_SETFL, O_NONBLOCK);
-        socket_.openConnection(mine_.handOver());
-        waitsLastAtMost(5000000);
-    }
-
-    static void waitsLastAtMost(std::int64_t realMicroseconds, bool movesTime = false) {
-        ManualClock::installed().setEventWait(realMicroseconds, movesTime);
-    }
-
-    // Sends until the connection takes no more.
-    void fillTheConnection() {
-        const std::string block(65536, 'x');
-        while (socket_.send(block.data(), static_cast<int>(block.size())))
-            filled_ += block.size();
-    }
-
-    Peer mine_;
-    Peer peer_;
-    int descriptor_ = -1;
-    std::size_t filled_ = 0;
-    GPSockets socket_;
-};
 
 // A client that finds "agent.test" at 127.0.0.1, where the test listens.
 class GPSocketsClient : public testing::Test {
@@ -178,6 +135,24 @@ TEST_F(GPSocketsClient, OpenConnectionDoesNotWaitForTheConnection) {
     EXPECT_FALSE(socket.writeData("x", 1));
 }
 
+TEST_F(GPSocketsClient, OpenConnectionMakesTheSocketNonBlocking) {
+    GPSockets socket(listener_.port(), "agent.test");
+    ASSERT_TRUE(socket.writeData("x", 1));
+    const Peer peer = listener_.accept();
+    const std::string block(16 * 1024 * 1024, 'x');
+    EXPECT_FALSE(socket.send(block.data(), static_cast<int>(block.size())));
+}
+
+TEST_F(GPSocketsClient, OpenConnectionWithTlsOnDescriptorZeroFailsWithALogLine) {
+    EXPECT_TRUE(testsupport::passesInChild([this] {
+        close(0);
+        GPSockets socket(listener_.port(), "agent.test");
+        socket.setUseSSL(true);
+        EXPECT_FALSE(socket.openConnection());
+        EXPECT_TRUE(log_.holds("socket openConnection openSSLConnection fail"));
+    }));
+}
+
 TEST_F(GPSocketsClient, WriteDataOnAFreshObjectConnectsFirst) {
     GPSockets socket(listener_.port(), "agent.test");
     EXPECT_TRUE(socket.writeData("hello", 5));
@@ -213,227 +188,6 @@ TEST(GPSockets, AdoptsOnlyDescriptorsFromOneOn) {
 TEST(GPSockets, OpenSSLConnectionWithoutASocketFails) {
     GPSockets socket;
     EXPECT_FALSE(socket.openSSLConnection());
-}
-
-TEST_F(GPSocketsConnected, WriteStringSendsTheTextWithItsZeroByteAndWriteDataOfAGPStringDoesNot) {
-    EXPECT_TRUE(socket_.writeString("ab"));
-    EXPECT_EQ(peer_.read(3), std::string("ab\0", 3));
-    GPString text("ab");
-    EXPECT_TRUE(socket_.writeData(&text));
-    socket_.closeConnection();
-    EXPECT_EQ(peer_.readAll(), "ab");
-}
-
-TEST_F(GPSocketsConnected, WriteDataOfAGPDataSendsItsBytes) {
-    const auto data = Owned<GPData>::adopt(GPData::dataWithData("a\0b", 3));
-    EXPECT_TRUE(socket_.writeData(data.get()));
-    EXPECT_EQ(peer_.read(3), std::string("a\0b", 3));
-}
-
-TEST_F(GPSocketsConnected, NothingToWriteIsRefused) {
-    EXPECT_FALSE(socket_.writeString(nullptr));
-    EXPECT_FALSE(socket_.writeData(nullptr, 4));
-    EXPECT_FALSE(socket_.writeData("abc", -1));
-    EXPECT_FALSE(socket_.writeData(static_cast<GPString*>(nullptr)));
-    EXPECT_FALSE(socket_.writeData(static_cast<GPData*>(nullptr)));
-}
-
-TEST_F(GPSocketsConnected, ReadDataGivesWhatIsThereAtOneMoment) {
-    peer_.send("first");
-    EXPECT_EQ(readText(socket_), "first");
-    peer_.send("second");
-    long count = 0;
-    EXPECT_EQ(textOf(Owned<GPData>::adopt(socket_.readData(count)).get()), "second");
-    EXPECT_EQ(count, 6);
-}
-
-TEST_F(GPSocketsConnected, ReadStringStopsAtTheFirstZeroByteAndCountsAllBytes) {
-    peer_.send(std::string("ab\0cd", 5));
-    long count = 0;
-    const auto text = Owned<GPString>::adopt(socket_.readString(count));
-    EXPECT_STREQ(text->cstr(), "ab");
-    EXPECT_EQ(count, 5);
-    peer_.close();
-    EXPECT_EQ(socket_.readString(), nullptr);
-}
-
-TEST_F(GPSocketsConnected, SocketStreamAppendsToTheDataItIsGiven) {
-    GPData* data = GPData::dataWithData("have ", 5);
-    const auto owner = Owned<GPData>::adopt(data);
-    long count = 0;
-    peer_.send("more");
-    EXPECT_TRUE(socket_.socketStream(true, data, count));
-    EXPECT_EQ(data, owner.get());
-    EXPECT_EQ(textOf(data), "have more");
-    EXPECT_EQ(count, 4);
-}
-
-TEST_F(GPSocketsConnected, AQuietPeerWithTimeoutFivePrintsTimeoutAfterFiveSecondsAndLeavesErrorAtZero) {
-    waitsLastAtMost(0, true);
-    const auto before = ManualClock::installed().seconds();
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(socket_.readData(), nullptr);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "Timeout\n");
-    EXPECT_EQ(ManualClock::installed().seconds() - before, 5);
-    EXPECT_EQ(socket_.error(), 0);
-}
-
-TEST_F(GPSocketsConnected, ATimeoutOfZeroWaitsWithoutLimit) {
-    waitsLastAtMost(0, true);
-    const auto before = ManualClock::installed().seconds();
-    socket_.setTimeout(0);
-    auto read = std::async(std::launch::async, [&] { return readText(socket_); });
-    EXPECT_EQ(read.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
-    peer_.send("at last");
-    EXPECT_EQ(read.get(), "at last");
-    EXPECT_EQ(ManualClock::installed().seconds(), before) << "no limit was asked for";
-}
-
-TEST_F(GPSocketsConnected, APeerThatClosesWithDataWaitingGivesTheDataFirstThenNullWithErrorFromErrno) {
-    peer_.send("last words");
-    peer_.close();
-    EXPECT_EQ(readText(socket_), "last words");
-    EXPECT_EQ(socket_.error(), 0);
-    errno = EXDEV;
-    EXPECT_EQ(socket_.readData(), nullptr);
-    EXPECT_EQ(socket_.error(), EXDEV);
-}
-
-TEST_F(GPSocketsConnected, AnOrderlyCloseWithErrnoAtZeroIsAnErrorAllTheSame) {
-    peer_.close();
-    errno = 0;
-    long count = 7;
-    EXPECT_EQ(socket_.readData(count), nullptr);
-    EXPECT_EQ(count, 0);
-    EXPECT_EQ(socket_.error(), ECONNRESET);
-}
-
-TEST_F(GPSocketsConnected, ABrokenConnectionLeavesItsErrno) {
-    peer_.reset();
-    errno = 0;
-    EXPECT_EQ(socket_.readData(), nullptr);
-    EXPECT_EQ(socket_.error(), ECONNRESET);
-}
-
-TEST(GPSockets, AReadEventWithNoBytesIsReadAsNothing) {
-    ManualClock::installed().setEventWait(5000000, false);
-    Peer receiver(::socket(AF_INET, SOCK_DGRAM, 0));
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof address;
-    bind(receiver.descriptor(), reinterpret_cast<sockaddr*>(&address), length);
-    getsockname(receiver.descriptor(), reinterpret_cast<sockaddr*>(&address), &length);
-    sendto(receiver.descriptor(), "", 0, 0, reinterpret_cast<sockaddr*>(&address), length);
-    GPSockets socket;
-    socket.openConnection(receiver.handOver());
-    long count = 7;
-    EXPECT_EQ(socket.readData(count), nullptr);
-    EXPECT_EQ(count, 0);
-    EXPECT_NE(socket.error(), 0);
-}
-
-TEST_F(GPSocketsConnected, ASetErrorIsReadBack) {
-    socket_.setError(EPIPE);
-    EXPECT_EQ(socket_.error(), EPIPE);
-    socket_.setError(0);
-    EXPECT_EQ(socket_.error(), 0);
-}
-
-TEST_F(GPSocketsConnected, AWriteThatCannotGoOutTimesOut) {
-    fillTheConnection();
-    waitsLastAtMost(0);
-    testing::internal::CaptureStdout();
-    EXPECT_FALSE(socket_.writeData("more", 4));
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "Timeout\n");
-    EXPECT_EQ(socket_.error(), 0);
-}
-
-TEST_F(GPSocketsConnected, AReadDropsTheWriteEventThatATimedOutWriteLeftBehind) {
-    fillTheConnection();
-    waitsLastAtMost(0);
-    EXPECT_FALSE(socket_.writeData("more", 4));
-    waitsLastAtMost(5000000);
-    peer_.read(filled_);
-    peer_.send("reply");
-    EXPECT_EQ(readText(socket_), "reply");
-    peer_.send("another");
-    EXPECT_EQ(readText(socket_), "another");
-}
-
-TEST_F(GPSocketsConnected, AWritePassesOverUnreadDataThatWasReportedBefore) {
-    peer_.send("one");
-    EXPECT_EQ(readText(socket_), "one");
-    peer_.send("two");
-    EXPECT_TRUE(socket_.writeData("answer", 6));
-    EXPECT_EQ(peer_.read(6), "answer");
-    EXPECT_EQ(readText(socket_), "two");
-}
-
-TEST_F(GPSocketsConnected, AWriteAfterAReadSawTheEndOfTheStreamFails) {
-    peer_.reset();
-    EXPECT_EQ(socket_.readData(), nullptr);
-    EXPECT_FALSE(socket_.writeData("x", 1));
-}
-
-TEST_F(GPSocketsConnected, AnErrorEventIsLoggedAndTheNextReadMakesANewQueue) {
-    const CapturedLog log;
-    peer_.send("first");
-    EXPECT_EQ(readText(socket_), "first");
-    // Away with the descriptor and back again.
-    const int kept = dup(descriptor_);
-    close(descriptor_);
-    EXPECT_EQ(socket_.readData(), nullptr);
-    EXPECT_TRUE(log.holds("ERROR: EV_ERROR - " + std::to_string(EBADF)));
-    EXPECT_EQ(socket_.error(), 0) << "an error event is not a closed peer";
-    ASSERT_EQ(dup2(kept, descriptor_), descriptor_);
-    close(kept);
-    peer_.send("second");
-    EXPECT_EQ(readText(socket_), "second");
-}
-
-TEST_F(GPSocketsConnected, SendSendsEverythingAtOnceOrSaysFalse) {
-    EXPECT_TRUE(socket_.send("plain", 5));
-    EXPECT_EQ(peer_.read(5), "plain");
-    EXPECT_TRUE(socket_.send("", 0));
-    EXPECT_FALSE(socket_.send("x", -1));
-    const std::string block(16 * 1024 * 1024, 'x');
-    EXPECT_FALSE(socket_.send(block.data(), static_cast<int>(block.size()))) << "a full buffer is a failure";
-}
-
-TEST_F(GPSocketsConnected, SendToAClosedPeerIsFalse) {
-    peer_.reset();
-    EXPECT_EQ(socket_.readData(), nullptr);
-    EXPECT_FALSE(socket_.send("x", 1));
-}
-
-TEST_F(GPSocketsConnected, CloseConnectionEndsTheStreamBothWays) {
-    socket_.closeConnection();
-    EXPECT_EQ(peer_.readAll(), "");
-    EXPECT_EQ(fcntl(descriptor_, F_GETFD), -1);
-}
-
-TEST_F(GPSocketsConnected, ClosingTwiceLeavesTheNextOwnerOfTheNumberAlone) {
-    socket_.closeConnection();
-    ASSERT_EQ(dup2(peer_.descriptor(), descriptor_), descriptor_);
-    socket_.closeConnection();
-    EXPECT_NE(fcntl(descriptor_, F_GETFD), -1);
-    close(descriptor_);
-}
-
-TEST_F(GPSocketsConnected, AClosedObjectIsNotOpenedAgainByAWriteNorReadsFromTheNextOwnerOfTheNumber) {
-    const CapturedLog log;
-    Peer next;
-    Peer sender;
-    testsupport::connectedPair(next, sender);
-    socket_.closeConnection();
-    ASSERT_EQ(dup2(next.descriptor(), descriptor_), descriptor_);
-    sender.send("not for you");
-    EXPECT_EQ(socket_.readData(), nullptr);
-    EXPECT_FALSE(socket_.writeData("x", 1));
-    EXPECT_EQ(log.countContaining("ERROR: EV_ERROR - "), 2);
-    EXPECT_EQ(next.read(11), "not for you");
-    close(descriptor_);
 }
 
 TEST(GPSockets, DestructionClosesTheConnection) {

@@ -4,6 +4,7 @@
 #include "support/TlsServer.h"
 
 #include <gtest/gtest.h>
+#include <openssl/bio.h>
 
 #include <sys/socket.h>
 
@@ -123,6 +124,14 @@ TEST_F(SecureTransport, ServesClientStreamsOnly) {
 
 TEST_F(SecureTransport, TakesAnyVersionAsTheLowest) {
     EXPECT_EQ(SSLSetProtocolVersionMin(context(), kSSLProtocolAll), noErr);
+}
+
+TEST_F(SecureTransport, ManyContextsUseUpNoNumbersOfTheLibrary) {
+    SSLReleaseContext(SSLCreateContext(kSSLClientSide, kSSLStreamType));
+    const int before = BIO_get_new_index();
+    for (int i = 0; i < 3; ++i)
+        SSLReleaseContext(SSLCreateContext(kSSLClientSide, kSSLStreamType));
+    EXPECT_EQ(BIO_get_new_index(), before + 1);
 }
 
 TEST_F(SecureTransport, TheHandshakeMustBeCalledAgainUntilThePeerHasAnswered) {

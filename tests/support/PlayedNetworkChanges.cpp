@@ -25,6 +25,11 @@ int PlayedNetworkChanges::created() const {
     return created_;
 }
 
+int PlayedNetworkChanges::released() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return released_;
+}
+
 platform::NetworkChanges::Watch* PlayedNetworkChanges::create(const char* name, void (*changed)(),
                                                               int& error) {
     std::lock_guard<std::mutex> lock(mutex_);
@@ -46,6 +51,9 @@ void PlayedNetworkChanges::run(Watch*) {
     changed_();
 }
 
-void PlayedNetworkChanges::release(Watch*) {}
+void PlayedNetworkChanges::release(Watch*) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    ++released_;
+}
 
 } // namespace testsupport

@@ -24,9 +24,10 @@ public:
     // Blocks until the watch waits for a change and has none left to deliver; false after five real seconds.
     bool waitUntilDelivered();
 
-    // The name that the watch was made with, and how often one was asked for.
+    // The name that the watch was made with, how often one was asked for, and how often one was released.
     std::string name() const;
     int created() const;
+    int released() const;
 
     Watch* create(const char* name, void (*changed)(), int& error) override;
     void run(Watch* watch) override;
@@ -38,6 +39,7 @@ private:
     std::string name_;
     void (*changed_)() = nullptr;
     int created_ = 0;
+    int released_ = 0;
     int ahead_ = 0;
     bool waits_ = false;
     bool refuses_ = false;

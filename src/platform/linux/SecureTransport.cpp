@@ -16,7 +16,6 @@ struct SSLContext {
     enum class State { handshaking, connected, closed, failed };
 
     SSL_CTX* settings = nullptr;
-    BIO_METHOD* method = nullptr;
     SSL* session = nullptr;
     SSLReadFunc read = nullptr;
     SSLWriteFunc write = nullptr;
@@ -27,7 +26,6 @@ struct SSLContext {
 
     ~SSLContext() {
         SSL_free(session);
-        BIO_meth_free(method);
         SSL_CTX_free(settings);
     }
 };
@@ -65,13 +63,19 @@ int bioWrite(BIO* bio, const char* data, int length) {
 
 long bioControl(BIO*, int command, long, void*) { return command == BIO_CTRL_FLUSH ? 1 : 0; }
 
+BIO_METHOD* makeTransferMethod() {
+    BIO_METHOD* method = BIO_meth_new(BIO_get_new_index() | BIO_TYPE_SOURCE_SINK, "read and write functions");
+    if (!method) return nullptr;
+    BIO_meth_set_read(method, bioRead);
+    BIO_meth_set_write(method, bioWrite);
+    BIO_meth_set_ctrl(method, bioControl);
+    return method;
+}
+
 bool addTransport(SSLContext& context) {
-    context.method = BIO_meth_new(BIO_get_new_index() | BIO_TYPE_SOURCE_SINK, "read and write functions");
-    if (!context.method) return false;
-    BIO_meth_set_read(context.method, bioRead);
-    BIO_meth_set_write(context.method, bioWrite);
-    BIO_meth_set_ctrl(context.method, bioControl);
-    BIO* bio = BIO_new(context.method);
+    // One method for all contexts, for as long as the process lives: there are few numbers for new ones.
+    static BIO_METHOD* const method = makeTransferMethod();
+    BIO* bio = method ? BIO_new(method) : nullptr;
     if (!bio) return false;
     BIO_set_data(bio, &context);
     BIO_set_init(bio, 1);

@@ -1,5 +1,7 @@
 #include "platform/NetworkChanges.h"
 
+#include "platform/macos/CFOwned.h"
+
 #include <CoreFoundation/CoreFoundation.h>
 #include <SystemConfiguration/SystemConfiguration.h>
 
@@ -17,22 +19,6 @@ namespace {
 constexpr int errorWithoutCode = 1001;
 constexpr int errorWithoutArray = -1;
 
-// A Core Foundation result that this scope owns.
-template <class Ref>
-class OwnedRef {
-public:
-    explicit OwnedRef(Ref ref) : ref_(ref) {}
-    ~OwnedRef() {
-        if (ref_) CFRelease(ref_);
-    }
-    OwnedRef(const OwnedRef&) = delete;
-    OwnedRef& operator=(const OwnedRef&) = delete;
-    Ref get() const { return ref_; }
-
-private:
-    Ref ref_;
-};
-
 int lastError() {
     const int code = SCError();
     return code == 0 ? errorWithoutCode : code;
@@ -44,21 +30,22 @@ void storeChanged(SCDynamicStoreRef, CFArrayRef, void* watch) {
 
 // Has the store look at the IPv4 and IPv6 state of every network service. 0, or the error.
 int setPatterns(SCDynamicStoreRef store) {
-    const OwnedRef<CFStringRef> ipv4(SCDynamicStoreKeyCreateNetworkServiceEntity(
+    const auto ipv4 = CFOwned<CFStringRef>::adopt(SCDynamicStoreKeyCreateNetworkServiceEntity(
         nullptr, kSCDynamicStoreDomainState, kSCCompAnyRegex, kSCEntNetIPv4));
-    if (!ipv4.get()) return lastError();
-    const OwnedRef<CFStringRef> ipv6(SCDynamicStoreKeyCreateNetworkServiceEntity(
+    if (!ipv4) return lastError();
+    const auto ipv6 = CFOwned<CFStringRef>::adopt(SCDynamicStoreKeyCreateNetworkServiceEntity(
         nullptr, kSCDynamicStoreDomainState, kSCCompAnyRegex, kSCEntNetIPv6));
-    if (!ipv6.get()) return lastError();
+    if (!ipv6) return lastError();
     const void* both[] = {ipv4.get(), ipv6.get()};
-    const OwnedRef<CFArrayRef> patterns(CFArrayCreate(nullptr, both, 2, &kCFTypeArrayCallBacks));
-    if (!patterns.get()) return errorWithoutArray;
+    const auto patterns = CFOwned<CFArrayRef>::adopt(CFArrayCreate(nullptr, both, 2, &kCFTypeArrayCallBacks));
+    if (!patterns) return errorWithoutArray;
     return SCDynamicStoreSetNotificationKeys(store, nullptr, patterns.get()) ? 0 : lastError();
 }
 
 // Fills the watch; on failure it may be half full. 0, or the error.
 int setUp(NetworkChanges::Watch* watch, const char* name) {
-    const OwnedRef<CFStringRef> storeName(CFStringCreateWithCString(nullptr, name, kCFStringEncodingUTF8));
+    const auto storeName =
+        CFOwned<CFStringRef>::adopt(CFStringCreateWithCString(nullptr, name, kCFStringEncodingUTF8));
     SCDynamicStoreContext context = {0, watch, nullptr, nullptr, nullptr};
     watch->store = SCDynamicStoreCreate(nullptr, storeName.get(), storeChanged, &context);
     if (!watch->store) return lastError();

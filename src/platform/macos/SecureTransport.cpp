@@ -16,6 +16,8 @@ static_assert(platform::errSSLClosedGraceful == ::errSSLClosedGraceful);
 static_assert(platform::errSSLClosedAbort == ::errSSLClosedAbort);
 static_assert(platform::errSSLXCertChainInvalid == ::errSSLXCertChainInvalid);
 static_assert(platform::errSSLInternal == ::errSSLInternal);
+static_assert(static_cast<int>(platform::kSSLClientSide) == static_cast<int>(::kSSLClientSide));
+static_assert(static_cast<int>(platform::kSSLStreamType) == static_cast<int>(::kSSLStreamType));
 
 namespace platform {
 namespace {
