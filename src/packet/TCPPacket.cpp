@@ -7,6 +7,7 @@
 #include "platform/ByteOrder.h"
 
 #include <cstdint>
+#include <cstdio>
 #include <cstring>
 
 namespace {
@@ -40,6 +41,9 @@ constexpr int noNextHeader = 59;
 constexpr int destinationOptions = 60;
 
 constexpr int serverNameCapacity = 255;
+
+// What the kernel extension answers a plain request with.
+constexpr char redirectText[] = "HTTP/1.1 302 Found\r\nLocation: %s\r\nConnection: close\r\n\r\n";
 
 int byteAt(const char* packet, int offset) { return static_cast<unsigned char>(packet[offset]); }
 
@@ -258,11 +262,12 @@ GPString* TCPPacket::httpsURL(char* packet) {
 }
 
 bool TCPPacket::redirectPacket(char* packet, const char* url) {
-    auto text = Owned<GPString>::adopt(
-        GPString::format("HTTP/1.1 302 Found\r\nLocation: %s\r\nConnection: close\r\n\r\n", url));
-    const int length = text->length();
+    // The text is measured and, without the log line, never built: this runs for every packet with payload
+    // of a blocked connection.
+    const int length = std::snprintf(nullptr, 0, redirectText, url);
     const int diff = payloadSize(packet) - length;
     if (Configuration::isLogLevel(32)) {
+        auto text = Owned<GPString>::adopt(GPString::format(redirectText, url));
         logf("redirectpacket - length: %d ; payload size: %d ; diff: %d ; total packet size: %d ; redirect "
              "to: %s",
              length, payloadSize(packet), diff, packetSize(packet), text->cstr());

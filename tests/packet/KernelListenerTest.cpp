@@ -5,6 +5,7 @@
 #include "platform/ByteOrder.h"
 #include "support/CapturedLog.h"
 #include "support/ForkedChild.h"
+#include "support/ManualClock.h"
 #include "support/PacketBuilder.h"
 #include "support/PlayedKernelControl.h"
 #include "support/ScratchRoot.h"
@@ -15,6 +16,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <csignal>
 #include <cstring>
 #include <mutex>
@@ -29,16 +31,22 @@ using testsupport::sendRecord;
 
 namespace {
 
+// A receive is asked for this many bytes of record, of which the packet has the rest behind its header.
+constexpr std::size_t largestRecord = 65535;
+constexpr std::size_t largestPacket = largestRecord - 24;
+
 // What the callback of the listener under test answers, and what it was given.
 std::atomic<int> verdict{1};
 std::mutex givenMutex;
 std::string givenUrl;
 std::string givenPacket;
+std::string givenBehind; // what the buffer holds behind the largest packet
 sysctl_result givenResult;
 
 int recordingCallback(char* packet, void* result) {
     std::lock_guard<std::mutex> lock(givenMutex);
     givenPacket.assign(packet, 40);
+    givenBehind.assign(packet + largestPacket - 1, 64);
     auto* record = static_cast<sysctl_result*>(result);
     givenResult = *record;
     std::memcpy(record->redirectUrl, givenUrl.data(), givenUrl.size());
@@ -69,6 +77,11 @@ protected:
         return givenPacket;
     }
 
+    std::string behindGiven() {
+        std::lock_guard<std::mutex> lock(givenMutex);
+        return givenBehind;
+    }
+
     sysctl_result resultGiven() {
         std::lock_guard<std::mutex> lock(givenMutex);
         return givenResult;
@@ -76,6 +89,18 @@ protected:
 
     static std::string recordOf(std::uint64_t id, const std::string& packet) {
         return testsupport::PacketBuffer(id, packet).record();
+    }
+
+    // Lets the extension send messages of any size that a test wants.
+    static void makeRoom(int control) {
+        int room = 1 << 20;
+        setsockopt(control, SOL_SOCKET, SO_SNDBUF, &room, sizeof room);
+    }
+
+    // Whether the daemon still holds its end of the control socket.
+    static bool isOpen(int control) {
+        char byte;
+        return recv(control, &byte, 1, MSG_DONTWAIT) == -1 && errno == EAGAIN;
     }
 
     testsupport::ScratchRoot root_;
@@ -192,14 +217,34 @@ TEST_F(KernelListener, TheBytesBehindTheUrlAreZeroAfterALongerUrlOnTheSameListen
 
 TEST_F(KernelListener, ARecordOfTheLargestSizeIsAnswered) {
     const int control = start(false);
-    int room = 1 << 20;
-    setsockopt(control, SOL_SOCKET, SO_SNDBUF, &room, sizeof room);
+    makeRoom(control);
 
-    sendRecord(control, recordOf(9, std::string(65535 - 24, 'p')));
+    sendRecord(control, recordOf(9, std::string(largestPacket, 'p')));
 
     const auto result = receiveResult(control);
     ASSERT_TRUE(result);
     EXPECT_EQ(9u, platform::readNative<std::uint64_t>(&*result));
+}
+
+TEST_F(KernelListener, AReceiveIsAskedFor65535BytesThoughTheBufferHasMore) {
+    const int control = start(false);
+    makeRoom(control);
+
+    sendRecord(control, recordOf(9, std::string(largestPacket + 60, 'p')));
+
+    ASSERT_TRUE(receiveResult(control));
+    EXPECT_EQ("p" + std::string(63, '\0'), behindGiven());
+}
+
+TEST_F(KernelListener, APacketBehindItsHeaderIsAskedFor65511Bytes) {
+    const int control = start(false);
+    makeRoom(control);
+
+    sendRecord(control, recordOf(9, ""));
+    sendRecord(control, std::string(largestPacket + 60, 'p'));
+
+    ASSERT_TRUE(receiveResult(control));
+    EXPECT_EQ("p" + std::string(63, '\0'), behindGiven());
 }
 
 TEST_F(KernelListener, AnEmptyMessageIsWarnedOfAndTheLoopGoesOn) {
@@ -299,6 +344,21 @@ TEST_F(KernelListener, ARefusedConnectionEndsTheListener) {
     EXPECT_TRUE(log_.holds("Error: System connect OUTPUT failed -1"));
 }
 
+TEST_F(KernelListener, AListenerThatEndsLeavesItsSocketOpen) {
+    extension_.install();
+    extension_.forget("twFernhill_outkext");
+    osxKextInterface(false, recordingCallback);
+    EXPECT_TRUE(isOpen(extension_.lastOpened()));
+
+    extension_.answerVersion(7);
+    osxKextInterface(true, recordingCallback);
+    EXPECT_TRUE(isOpen(extension_.lastOpened()));
+
+    extension_.refuseConnections();
+    osxKextInterface(false, recordingCallback);
+    EXPECT_TRUE(isOpen(extension_.lastOpened()));
+}
+
 TEST_F(KernelListener, AnotherVersionEndsTheInboundListener) {
     for (int version : {7, 9}) {
         PlayedKernelControl& extension = testsupport::lastingKernelControl();
@@ -331,6 +391,40 @@ TEST_F(KernelListener, TheOutboundListenerAsksForNoVersion) {
 
     EXPECT_TRUE(receiveResult(control));
     EXPECT_FALSE(extension_.logLevelSet());
+    EXPECT_EQ(-1, extension_.optionSocket(201));
+}
+
+TEST_F(KernelListener, AnExtensionThatRefusesTheLogLevelIsServedAllTheSame) {
+    Configuration::setKernelLogLevel(3);
+    extension_.failLogLevel();
+
+    const int control = start(true);
+
+    sendRecord(control, recordOf(1, std::string(40, 'p')));
+    EXPECT_TRUE(receiveResult(control));
+    EXPECT_TRUE(log_.holds("FernhillKernel Log Level set to 3 (result=-1)"));
+}
+
+TEST_F(KernelListener, AtLogLevel0TheLogLevelIsNotToldOf) {
+    const int control = start(true);
+
+    sendRecord(control, recordOf(1, std::string(40, 'p')));
+    ASSERT_TRUE(receiveResult(control));
+    EXPECT_EQ(0, extension_.logLevelSet());
+    EXPECT_EQ(std::vector<std::string>{"Starting OSX System Interface: INPUT"}, log_.messages());
+}
+
+TEST_F(KernelListener, TheInboundListenerHasItsSocketPolledForStatistics) {
+    const int control = start(true);
+    auto& clock = testsupport::ManualClock::installed();
+    ASSERT_TRUE(clock.waitForSleepers(1));
+
+    clock.advanceSeconds(300);
+
+    EXPECT_TRUE(extension_.waitForStatistics(1));
+    EXPECT_EQ(control, extension_.optionSocket(70));
+    EXPECT_EQ(control, extension_.optionSocket(201));
+    EXPECT_EQ(control, extension_.optionSocket(224));
 }
 
 TEST_F(KernelListener, TheInboundListenerHandsTheExtensionItsLogLevel) {

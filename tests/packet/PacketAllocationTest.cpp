@@ -119,6 +119,16 @@ TEST_F(PacketAllocation, PacketsOfAnAllowedConnectionAllocateNothing) {
     EXPECT_EQ(allocationsInbound(get().from("10.0.0.2", 1000).reversed()), 0);
 }
 
+TEST_F(PacketAllocation, PacketsOfABlockedConnectionThatHaveNoRoomForItsRedirectAllocateNothing) {
+    HijackPacket::resolve("http://www.example.org/", "http://block.example/page", 30);
+
+    EXPECT_EQ(allocationsInbound(get().from("10.0.0.2", 1000).reversed().payload("short")), 0);
+    EXPECT_EQ(allocationsOutbound(get().from("10.0.0.2", 1000).payload("body")), 0);
+    EXPECT_GT(allocationsInbound(get().from("10.0.0.2", 1000).reversed().payload(std::string(200, 'x')),
+                                 verdictRedirect),
+              0);
+}
+
 TEST_F(PacketAllocation, DroppingExpiredRecordsAndEntriesAllocatesNothing) {
     advance(600000000);
 

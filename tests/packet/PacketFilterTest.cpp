@@ -14,6 +14,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <string>
 #include <thread>
 
@@ -82,16 +83,33 @@ TEST_F(PacketFilterStart, RemoveRulesDoesNothingAndAnswersTrue) {
     EXPECT_TRUE(programs_.calls().empty());
 }
 
-TEST_F(PacketFilterStart, WithoutTheExtensionTheProcessSleepsForEverInStepsOfTenSeconds) {
+TEST_F(PacketFilterStart, WithoutTheExtensionTheProcessNeverEndsAndStartsNoListener) {
     programs_.add("kextload", "echo no");
     EXPECT_TRUE(testsupport::neverEnds([] { PacketFilter::start(); }));
 
     EXPECT_EQ(0, log_.countContaining("Starting OSX System Interface"));
 }
 
+TEST_F(PacketFilterStart, WithoutTheExtensionTheProcessSleepsTenSecondsAtATime) {
+    programs_.add("kextload", "echo no");
+    std::thread([] { PacketFilter::start(); }).detach();
+    ASSERT_TRUE(network_->waitUntilDelivered()); // the loading has come to its end
+    clock_.letSleepsPass(false);
+    ASSERT_TRUE(clock_.waitForSleepers(1));
+    const std::int64_t slept = clock_.sleptMicroseconds();
+
+    clock_.advance(9999999);
+    std::this_thread::yield();
+    EXPECT_EQ(slept, clock_.sleptMicroseconds());
+    clock_.advance(1);
+
+    while (clock_.sleptMicroseconds() == slept)
+        std::this_thread::yield();
+    EXPECT_EQ(slept + 10000000, clock_.sleptMicroseconds());
+}
+
 TEST_F(PacketFilterStart, TheNetworkIsWatchedWhateverTheLoadingGave) {
     programs_.add("kextload", "echo no");
-    clock_.letSleepsPass(true);
 
     std::thread([] { PacketFilter::start(); }).detach();
 
@@ -157,6 +175,19 @@ TEST(ReportAppStats, TheFirstPollComesAfter300Seconds) {
     ASSERT_TRUE(extension.waitForStatistics(1));
     EXPECT_EQ(2000u, extension.statisticsLength());
     EXPECT_EQ("here is the buffer to work from", extension.statisticsBuffer());
+}
+
+TEST(ReportAppStats, TheThreadReleasesItsArgument) {
+    testsupport::lastingKernelControl().install();
+    auto* parameters = new CONTROLSOCKETTHREADPARAMETERS;
+    parameters->retain();
+
+    std::thread(reportAppStatsThread, parameters).detach();
+
+    ASSERT_TRUE(ManualClock::installed().waitForSleepers(1));
+    EXPECT_EQ(2, parameters->retainonly());
+    parameters->releaseonly();
+    parameters->release();
 }
 
 TEST(ReportAppStats, EachPollIsDue300SecondsAfterTheOneBefore) {

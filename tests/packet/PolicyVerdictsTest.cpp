@@ -107,6 +107,15 @@ TEST_F(PolicyVerdicts, AnAllowedPlainConnectionPassesWithUrlSeenUntilItsFirst30S
     EXPECT_EQ(outbound(get()), verdictHold);
 }
 
+TEST_F(PolicyVerdicts, AnAllowedRecordWithALifeOf0PassesWithoutUrlSeen) {
+    outbound(get());
+    // The only way there: so many seconds that their microseconds come round to 0.
+    HijackPacket::resolve("http://www.example.org/", nullptr, 1 << 26);
+
+    EXPECT_EQ(outbound(get()), verdictPass);
+    EXPECT_EQ(result.urlSeen, 0);
+}
+
 TEST_F(PolicyVerdicts, ABlockedPlainConnectionIsRedirectedInBothDirections) {
     names.answer("block.example", AF_INET, {"198.51.100.7"});
     const std::string longPath = "/" + std::string(300, 'p');

@@ -1,7 +1,9 @@
 #include "packet/TCPPacket.h"
 
+#include "config/Configuration.h"
 #include "support/CapturedLog.h"
 #include "support/PacketBuilder.h"
+#include "support/ScratchRoot.h"
 #include "support/Taken.h"
 
 #include <arpa/inet.h>
@@ -197,6 +199,23 @@ TEST(TCPPacket, ARedirectFitsOnlyIfItsTextIsStrictlyShorterThanThePayload) {
     EXPECT_FALSE(TCPPacket::redirectPacket(shorter.packet(), url.c_str()));
     EXPECT_FALSE(TCPPacket::redirectPacket(equal.packet(), url.c_str()));
     EXPECT_TRUE(TCPPacket::redirectPacket(longer.packet(), url.c_str()));
+}
+
+TEST(TCPPacket, TheRedirectFitTestIsLoggedAtLevel32Alone) {
+    testsupport::ScratchRoot root;
+    testsupport::CapturedLog log;
+    auto packet = PacketBuilder::ipv4().payload(std::string(100, 'x')).build();
+
+    Configuration::setLogLevel(~32);
+    TCPPacket::redirectPacket(packet.packet(), "http://block.example/");
+    EXPECT_TRUE(log.messages().empty());
+
+    Configuration::setLogLevel(32);
+    TCPPacket::redirectPacket(packet.packet(), "http://block.example/");
+    const std::vector<std::string> expected = {
+        "redirectpacket - length: 74 ; payload size: 100 ; diff: 26 ; total packet size: 140 ; redirect to: "
+        "HTTP/1.1 302 Found\r\nLocation: http://block.example/\r\nConnection: close\r\n\r\n"};
+    EXPECT_EQ(log.messages(), expected);
 }
 
 TEST(TCPPacket, TheRedirectFitTestLeavesThePacketAlone) {

@@ -31,6 +31,22 @@ int PlayedKernelControl::waitForControl(const std::string& name) {
     return there ? connected_[name] : -1;
 }
 
+int PlayedKernelControl::lastOpened() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return lastOpened_;
+}
+
+int PlayedKernelControl::optionSocket(int option) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    const auto at = optionSockets_.find(option);
+    return at == optionSockets_.end() ? -1 : at->second;
+}
+
+void PlayedKernelControl::noteOption(int socket, int option) {
+    const auto other = otherEnds_.find(socket);
+    optionSockets_[option] = other == otherEnds_.end() ? -1 : other->second;
+}
+
 int PlayedKernelControl::statisticsReads() {
     std::lock_guard<std::mutex> lock(mutex_);
     return statisticsReads_;
@@ -61,7 +77,7 @@ int PlayedKernelControl::open() {
     int ends[2];
     if (socketsFail_ || socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0)
         return failWith(EMFILE);
-    otherEnds_[ends[0]] = ends[1];
+    otherEnds_[ends[0]] = lastOpened_ = ends[1];
     return ends[0];
 }
 
@@ -81,17 +97,19 @@ int PlayedKernelControl::connect(int socket, std::uint32_t id) {
     return 0;
 }
 
-int PlayedKernelControl::setOption(int, int option, const void* value, socklen_t length) {
+int PlayedKernelControl::setOption(int socket, int option, const void* value, socklen_t length) {
     std::lock_guard<std::mutex> lock(mutex_);
+    noteOption(socket, option);
     std::int32_t level = 0;
-    if (option != 70 || length != sizeof level) return failWith(EINVAL);
+    if (logLevelFails_ || option != 70 || length != sizeof level) return failWith(EINVAL);
     std::memcpy(&level, value, sizeof level);
     logLevelSet_ = level;
     return 0;
 }
 
-int PlayedKernelControl::getOption(int, int option, void* value, socklen_t& length) {
+int PlayedKernelControl::getOption(int socket, int option, void* value, socklen_t& length) {
     std::lock_guard<std::mutex> lock(mutex_);
+    noteOption(socket, option);
     if (option == 201 && !versionFails_ && length == sizeof version_) {
         std::memcpy(value, &version_, sizeof version_);
         return 0;

@@ -27,9 +27,16 @@ public:
     void refuseConnections() { connectionsFail_ = true; }
     void answerVersion(std::int32_t version) { version_ = version; }
     void failVersion() { versionFails_ = true; }
+    void failLogLevel() { logLevelFails_ = true; }
 
     // Waits until the control of that name is connected; the test's end of it, -1 after five real seconds.
     int waitForControl(const std::string& name);
+
+    // The test's end of the control socket opened last, connected or not; -1 before the first.
+    int lastOpened();
+
+    // The test's end of the control socket that the option was last set or read on; -1 for none.
+    int optionSocket(int option);
 
     // How often option 224 was read, with the length asked for last; the log level set last.
     int statisticsReads();
@@ -47,9 +54,12 @@ public:
     int getOption(int socket, int option, void* value, socklen_t& length) override;
 
 private:
+    void noteOption(int socket, int option);
+
     std::mutex mutex_;
     std::condition_variable changed_;
     std::map<int, int> otherEnds_;
+    std::map<int, int> optionSockets_;
     std::vector<std::string> names_;
     std::map<std::string, int> connected_;
     std::string unknown_;
@@ -58,9 +68,11 @@ private:
     std::int32_t version_ = 8;
     socklen_t statisticsLength_ = 0;
     int statisticsReads_ = 0;
+    int lastOpened_ = -1;
     bool socketsFail_ = false;
     bool connectionsFail_ = false;
     bool versionFails_ = false;
+    bool logLevelFails_ = false;
 };
 
 // A new played extension that lasts as long as the process: listener threads outlive their test.

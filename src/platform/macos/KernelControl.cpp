@@ -12,15 +12,21 @@
 namespace platform {
 namespace {
 
-static_assert(PF_SYSTEM == 32 && SYSPROTO_CONTROL == 2 && CTLIOCGINFO == 0xc0644e03);
-static_assert(sizeof(ctl_info) == 100 && offsetof(ctl_info, ctl_name) == 4);
+// The extension's side is fixed and goes by the number: a socket of type 1, which is a stream here.
+constexpr int controlSocketType = SOCK_STREAM;
+
+static_assert(PF_SYSTEM == 32 && controlSocketType == 1 && SYSPROTO_CONTROL == 2);
+static_assert(CTLIOCGINFO == 0xc0644e03);
+static_assert(AF_SYSTEM == 32 && AF_SYS_CONTROL == 2);
+static_assert(sizeof(ctl_info) == 100 && offsetof(ctl_info, ctl_id) == 0 && sizeof(ctl_info::ctl_id) == 4 &&
+              offsetof(ctl_info, ctl_name) == 4 && sizeof(ctl_info::ctl_name) == 96);
 static_assert(sizeof(sockaddr_ctl) == 32 && offsetof(sockaddr_ctl, sc_len) == 0 &&
               offsetof(sockaddr_ctl, sc_family) == 1 && offsetof(sockaddr_ctl, ss_sysaddr) == 2 &&
               offsetof(sockaddr_ctl, sc_id) == 4 && offsetof(sockaddr_ctl, sc_unit) == 8);
 
 class SystemKernelControl final : public KernelControl {
 public:
-    int open() override { return ::socket(PF_SYSTEM, SOCK_DGRAM, SYSPROTO_CONTROL); }
+    int open() override { return ::socket(PF_SYSTEM, controlSocketType, SYSPROTO_CONTROL); }
 
     int controlId(int socket, const char* name, std::uint32_t& id) override {
         ctl_info info{};

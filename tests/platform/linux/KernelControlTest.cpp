@@ -1,0 +1,202 @@
+// The control sockets of this system, against an extension that speaks bytes: what is sent and read here is
+// spelled out, so that any program can play the extension.
+
+#include "platform/KernelControl.h"
+
+#include "platform/HostPaths.h"
+#include "support/ScratchRoot.h"
+
+#include <gtest/gtest.h>
+
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <string>
+#include <thread>
+
+namespace {
+
+// A listening control socket at a path.
+int listenAt(const std::string& path) {
+    std::filesystem::create_directories(std::filesystem::path(path).parent_path());
+    const int listener = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
+    EXPECT_EQ(0, bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address));
+    EXPECT_EQ(0, listen(listener, 4));
+    return listener;
+}
+
+std::string receiveMessage(int socket) {
+    char message[4096];
+    const ssize_t size = recv(socket, message, sizeof message, 0);
+    return size < 0 ? "(failed)" : std::string(message, static_cast<std::size_t>(size));
+}
+
+class KernelControlSockets : public testing::Test {
+protected:
+    // Connects the daemon's end of the inbound control.
+    int connected() {
+        inbound_ = listenAt(platform::HostPaths::inboundControlSocket());
+        const int socket = control_.open();
+        std::uint32_t id = 0;
+        EXPECT_EQ(0, control_.controlId(socket, "twFernhill_inkext", id));
+        EXPECT_EQ(0, control_.connect(socket, id));
+        return socket;
+    }
+
+    // Answers the next option call with these bytes, and keeps what was asked.
+    void answerOption(const std::string& answer) {
+        if (options_ < 0)
+            options_ = listenAt(std::string(platform::HostPaths::inboundControlSocket()) + ".options");
+        extension_ = std::thread([this, answer] {
+            const int call = accept(options_, nullptr, nullptr);
+            asked_ = receiveMessage(call);
+            send(call, answer.data(), answer.size(), MSG_NOSIGNAL);
+            close(call);
+        });
+    }
+
+    // What the option call asked, once it has been answered.
+    std::string asked() {
+        extension_.join();
+        return asked_;
+    }
+
+    testsupport::ScratchRoot root_;
+    platform::KernelControl& control_ = platform::kernelControlService.backend();
+    int inbound_ = -1;
+    int options_ = -1;
+    std::thread extension_;
+    std::string asked_;
+};
+
+std::string bytes(std::initializer_list<int> values) {
+    std::string text;
+    for (int value : values)
+        text += static_cast<char>(value);
+    return text;
+}
+
+} // namespace
+
+TEST_F(KernelControlSockets, AControlIsKnownByTheNameOfItsSocketWhileThatExists) {
+    const int socket = control_.open();
+    std::uint32_t in = 0;
+    std::uint32_t out = 0;
+    EXPECT_EQ(-1, control_.controlId(socket, "twFernhill_inkext", in));
+    EXPECT_EQ(ENOENT, errno);
+
+    listenAt(root_.path() + "/var/run/fernhill/twFernhill_inkext");
+    listenAt(root_.path() + "/var/run/fernhill/twFernhill_outkext");
+
+    EXPECT_EQ(0, control_.controlId(socket, "twFernhill_inkext", in));
+    EXPECT_EQ(0, control_.controlId(socket, "twFernhill_outkext", out));
+    EXPECT_NE(in, out);
+    EXPECT_EQ(-1, control_.controlId(socket, "twFernhill", in));
+}
+
+TEST_F(KernelControlSockets, OneMessageIsOneRecordInEitherDirection) {
+    const int daemon = connected();
+    const int extension = accept(inbound_, nullptr, nullptr);
+
+    send(extension, "header", 6, MSG_NOSIGNAL);
+    send(extension, "packet", 6, MSG_NOSIGNAL);
+    EXPECT_EQ("header", receiveMessage(daemon));
+    EXPECT_EQ("packet", receiveMessage(daemon));
+
+    send(daemon, "result", 6, MSG_NOSIGNAL);
+    EXPECT_EQ("result", receiveMessage(extension));
+}
+
+TEST_F(KernelControlSockets, AnUnknownIdOrASocketNobodyListensAtCannotBeConnected) {
+    const int socket = control_.open();
+    EXPECT_EQ(-1, control_.connect(socket, 0));
+    EXPECT_EQ(-1, control_.connect(socket, 3));
+
+    close(listenAt(platform::HostPaths::outboundControlSocket()));
+    std::uint32_t id = 0;
+    ASSERT_EQ(0, control_.controlId(socket, "twFernhill_outkext", id));
+    EXPECT_EQ(-1, control_.connect(socket, id));
+    EXPECT_EQ(ECONNREFUSED, errno);
+}
+
+TEST_F(KernelControlSockets, SettingAnOptionSendsOperationOptionLengthAndValue) {
+    const int socket = connected();
+    answerOption(bytes({0, 0, 0, 0, 0, 0, 0, 0}));
+    const std::int32_t level = 0x01020304;
+
+    EXPECT_EQ(0, control_.setOption(socket, 70, &level, sizeof level));
+
+    EXPECT_EQ(bytes({1, 0, 0, 0, 70, 0, 0, 0, 4, 0, 0, 0, 4, 3, 2, 1}), asked());
+}
+
+TEST_F(KernelControlSockets, ReadingAnOptionSendsNoValueAndTakesTheAnswers) {
+    const int socket = connected();
+    answerOption(bytes({0, 0, 0, 0, 4, 0, 0, 0, 8, 0, 0, 0}));
+    std::int32_t version = 0;
+    socklen_t length = sizeof version;
+
+    EXPECT_EQ(0, control_.getOption(socket, 201, &version, length));
+
+    EXPECT_EQ(8, version);
+    EXPECT_EQ(4u, length);
+    EXPECT_EQ(bytes({2, 0, 0, 0, 201, 0, 0, 0, 4, 0, 0, 0}), asked());
+}
+
+TEST_F(KernelControlSockets, AnAnswerShorterThanTheRoomTellsItsLengthAndALongerOneIsCut) {
+    const int socket = connected();
+    char buffer[4] = {'a', 'b', 'c', 'd'};
+    socklen_t length = sizeof buffer;
+    answerOption(bytes({0, 0, 0, 0, 2, 0, 0, 0}) + "xy");
+    EXPECT_EQ(0, control_.getOption(socket, 224, buffer, length));
+    EXPECT_EQ(2u, length);
+    EXPECT_EQ("xycd", std::string(buffer, 4));
+    asked();
+
+    length = sizeof buffer;
+    answerOption(bytes({0, 0, 0, 0, 8, 0, 0, 0}) + "12345678");
+    EXPECT_EQ(0, control_.getOption(socket, 224, buffer, length));
+    EXPECT_EQ(4u, length);
+    EXPECT_EQ("1234", std::string(buffer, 4));
+    asked();
+}
+
+TEST_F(KernelControlSockets, AStatusThatIsNot0IsTheErrorOfTheCall) {
+    const int socket = connected();
+    std::int32_t version = 5;
+    socklen_t length = sizeof version;
+    answerOption(bytes({ENOPROTOOPT, 0, 0, 0, 0, 0, 0, 0}));
+
+    EXPECT_EQ(-1, control_.getOption(socket, 201, &version, length));
+    EXPECT_EQ(ENOPROTOOPT, errno);
+    EXPECT_EQ(5, version);
+    asked();
+}
+
+TEST_F(KernelControlSockets, AnAnswerThatIsNoneFailsTheCall) {
+    const int socket = connected();
+    std::int32_t level = 0;
+    answerOption("short");
+    EXPECT_EQ(-1, control_.setOption(socket, 70, &level, sizeof level));
+    EXPECT_EQ(EPROTO, errno);
+    asked();
+
+    answerOption("");
+    EXPECT_EQ(-1, control_.setOption(socket, 70, &level, sizeof level));
+    asked();
+}
+
+TEST_F(KernelControlSockets, WithoutAnOptionsSocketOrAConnectionTheCallFails) {
+    std::int32_t level = 0;
+    EXPECT_EQ(-1, control_.setOption(connected(), 70, &level, sizeof level));
+    EXPECT_EQ(ENOENT, errno);
+
+    EXPECT_EQ(-1, control_.setOption(control_.open(), 70, &level, sizeof level));
+    EXPECT_EQ(ENOTCONN, errno);
+}
