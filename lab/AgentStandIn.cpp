@@ -6,6 +6,7 @@
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
@@ -114,6 +115,14 @@ void AgentStandIn::sendSlow(const SlowAnswer& answer) {
     changed_.notify_all();
 }
 
+void AgentStandIn::answerDeferred() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    deferring_ = false;
+    for (const auto& [sequence, url] : std::exchange(deferred_, {}))
+        answer(sequence, url);
+    changed_.notify_all();
+}
+
 void AgentStandIn::serve() {
     for (;;) {
         int link;
@@ -135,6 +144,9 @@ void AgentStandIn::serve() {
 void AgentStandIn::acceptLink() {
     const int accepted = accept4(linkListener_, nullptr, nullptr, SOCK_CLOEXEC);
     if (accepted < 0) return;
+    // Small answers leave at once, though the one before is not acknowledged yet.
+    const int on = 1;
+    setsockopt(accepted, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
     std::lock_guard<std::mutex> lock(mutex_);
     closeLink();
     link_ = accepted;
@@ -144,6 +156,9 @@ void AgentStandIn::acceptLink() {
 void AgentStandIn::readLink(int link) {
     char buffer[65536];
     const ssize_t count = recv(link, buffer, sizeof buffer, 0);
+    // The daemon's next question waits for this acknowledgement when no answer carries it.
+    const int on = 1;
+    setsockopt(link, IPPROTO_TCP, TCP_QUICKACK, &on, sizeof on);
     std::lock_guard<std::mutex> lock(mutex_);
     if (link != link_) return;
     if (count <= 0) {
@@ -173,12 +188,24 @@ void AgentStandIn::handleFrame(std::uint32_t type, std::uint32_t sequence, const
             sendFrame(configurationFrame, nextSequence_++, push);
             ++counters_.pushes;
         }
+        deferring_ = !ownTime_ && !policy_.pushes().empty();
     }
-    if (type == policyFrame) answer(sequence, urlOf(body));
+    if (type == policyFrame && deferring_) deferred_.emplace_back(sequence, urlOf(body));
+    if (type == policyFrame && !deferring_) answer(sequence, urlOf(body));
     changed_.notify_all();
 }
 
+bool AgentStandIn::answeredByConduct(std::uint32_t sequence, const std::string& url) {
+    const auto conduct = conduct_ ? conduct_(sequence, url) : std::nullopt;
+    if (!conduct) return false;
+    ++counters_.questions;
+    sendBytes(conduct->bytes);
+    if (conduct->closes) closeLink();
+    return true;
+}
+
 void AgentStandIn::answer(std::uint32_t sequence, const std::string& url) {
+    if (answeredByConduct(sequence, url)) return;
     const auto due = repeatsDue_.find(url);
     const bool repeated = due != repeatsDue_.end();
     if (repeated && --due->second == 0) repeatsDue_.erase(due);
@@ -221,14 +248,21 @@ void AgentStandIn::answer(std::uint32_t sequence, const std::string& url) {
     }
 }
 
+std::string AgentStandIn::frame(std::uint32_t type, std::uint32_t sequence, const std::string& body) {
+    std::string bytes(headerSize, '\0');
+    platform::writeBig32(&bytes[0], static_cast<std::uint32_t>(headerSize + body.size()));
+    platform::writeBig32(&bytes[4], type);
+    platform::writeBig32(&bytes[8], sequence);
+    return bytes + body;
+}
+
 void AgentStandIn::sendFrame(std::uint32_t type, std::uint32_t sequence, const std::string& body) {
+    sendBytes(frame(type, sequence, body));
+}
+
+void AgentStandIn::sendBytes(const std::string& bytes) {
     if (link_ < 0) return;
-    std::string frame(headerSize, '\0');
-    platform::writeBig32(&frame[0], static_cast<std::uint32_t>(headerSize + body.size()));
-    platform::writeBig32(&frame[4], type);
-    platform::writeBig32(&frame[8], sequence);
-    frame += body;
-    if (send(link_, frame.data(), frame.size(), MSG_NOSIGNAL) < 0) closeLink();
+    if (send(link_, bytes.data(), bytes.size(), MSG_NOSIGNAL) < 0) closeLink();
 }
 
 void AgentStandIn::sendDueSlow() {
@@ -247,6 +281,8 @@ void AgentStandIn::sendDueSlow() {
 void AgentStandIn::closeLink() {
     if (link_ >= 0) close(link_);
     link_ = -1;
+    deferring_ = false;
+    deferred_.clear();
 }
 
 void AgentStandIn::servePage() {

@@ -10,10 +10,13 @@
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <map>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 namespace lab {
@@ -30,12 +33,26 @@ public:
     static constexpr int linkPort = 3456;
     static constexpr int pagePort = 6543;
 
-    // With `ownTime` a slow answer leaves after real time; otherwise it waits for releaseSlow.
+    // With `ownTime` a slow answer leaves after real time, otherwise by sendSlow; and behind a push questions
+    // are answered at once, otherwise not before answerDeferred.
     AgentStandIn(Policy policy, bool ownTime);
     ~AgentStandIn();
 
     AgentStandIn(const AgentStandIn&) = delete;
     AgentStandIn& operator=(const AgentStandIn&) = delete;
+
+    // What a test sends in place of the policy's answer: any bytes, and whether the link is closed behind them.
+    struct Conduct {
+        std::string bytes;
+        bool closes = false;
+    };
+    using ConductOf = std::function<std::optional<Conduct>(std::uint32_t sequence, const std::string& url)>;
+
+    // Before start: a test's own conduct, asked for each question; nothing leaves it to the policy.
+    void setConduct(ConductOf conduct) { conduct_ = std::move(conduct); }
+
+    // The bytes of a frame.
+    static std::string frame(std::uint32_t type, std::uint32_t sequence, const std::string& body);
 
     // Binds both ports. Throws InputError when one is taken.
     void listen();
@@ -73,6 +90,9 @@ public:
     std::vector<SlowAnswer> takeSlow();
     void sendSlow(const SlowAnswer& answer);
 
+    // Answers the questions that have come since a push: the daemon has taken it in.
+    void answerDeferred();
+
     // Blocks until `done` holds for the counters, looked at after each event; false after that many real
     // milliseconds.
     template <class Condition>
@@ -88,6 +108,8 @@ private:
     void readLink(int link);
     void handleFrame(std::uint32_t type, std::uint32_t sequence, const std::string& body);
     void answer(std::uint32_t sequence, const std::string& url);
+    bool answeredByConduct(std::uint32_t sequence, const std::string& url);
+    void sendBytes(const std::string& bytes);
     void sendFrame(std::uint32_t type, std::uint32_t sequence, const std::string& body);
     void sendDueSlow();
     void closeLink();
@@ -95,6 +117,7 @@ private:
 
     Policy policy_;
     const bool ownTime_;
+    ConductOf conduct_;
 
     std::mutex mutex_; // guards all below but the descriptors that only the thread touches
     std::condition_variable changed_;
@@ -103,6 +126,8 @@ private:
     std::map<std::string, int> repeatsDue_;
     std::deque<SlowAnswer> slow_;
     std::deque<std::pair<std::int64_t, SlowAnswer>> timedSlow_;
+    bool deferring_ = false; // a push is on its way
+    std::vector<std::pair<std::uint32_t, std::string>> deferred_;
     std::uint32_t nextSequence_ = 0x80000000;
     int link_ = -1;
 

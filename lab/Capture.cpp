@@ -9,7 +9,9 @@
 #include <sys/socket.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <optional>
+#include <system_error>
 
 namespace lab {
 namespace {
@@ -19,6 +21,9 @@ constexpr int udp = 17;
 
 constexpr std::uint16_t typeIpv4 = 0x0800;
 constexpr std::uint16_t typeIpv6 = 0x86dd;
+
+// In the year 9999; times beyond do not fit the arithmetic of a replay.
+constexpr std::int64_t latestSecond = 253402300799;
 
 bool isVlanTag(std::uint16_t type) { return type == 0x8100 || type == 0x88a8 || type == 0x9100; }
 
@@ -155,6 +160,10 @@ bool dissect(const unsigned char* bytes, std::size_t captured, CapturedPacket& p
 void Capture::Closer::operator()(pcap* file) const { pcap_close(file); }
 
 Capture::Capture(const std::string& path) : path_(path) {
+    std::error_code unreadable;
+    if (std::filesystem::exists(path, unreadable) && !std::filesystem::is_regular_file(path, unreadable))
+        throw InputError(fmt::format("{}: not a regular file", path));
+    if (path == "-") throw InputError("-: a capture is read twice, so it cannot come from standard input");
     char error[PCAP_ERRBUF_SIZE] = "";
     file_.reset(pcap_open_offline_with_tstamp_precision(path.c_str(), PCAP_TSTAMP_PRECISION_MICRO, error));
     if (!file_) {
@@ -182,6 +191,8 @@ bool Capture::next(CapturedPacket& packet) {
             throw InputError(
                 fmt::format("{}: packet {}: {}", path_, position_ + 1, pcap_geterr(file_.get())));
         ++position_;
+        if (header->ts.tv_sec < 0 || header->ts.tv_sec > latestSecond)
+            throw InputError(fmt::format("{}: packet {}: its time cannot be", path_, position_));
         const auto offset = ipOffset(linkType_, bytes, header->caplen);
         if (!offset || *offset >= header->caplen) continue;
         if (!dissect(bytes + *offset, header->caplen - *offset, packet)) continue;

@@ -44,10 +44,11 @@ struct CapturedPacket {
 
 class Capture {
 public:
-    // Opens a pcap or pcapng file. Throws InputError.
+    // Opens a pcap or pcapng file; a file in the full sense, since a replay reads it twice. Throws InputError.
     explicit Capture(const std::string& path);
 
-    // The next IP packet, or false at the end. Throws InputError for a file that breaks off.
+    // The next IP packet, or false at the end. Throws InputError for a file that breaks off or has an
+    // impossible time.
     bool next(CapturedPacket& packet);
 
     // How many records of the file have been read, packets that are not IP included.

@@ -47,7 +47,6 @@ struct Connection {
     bool reported = false;
 
     std::vector<Query> queries;
-    std::string redirectUrl; // set once a packet was redirected
     bool redirected = false;
     bool gaveUp = false; // a packet's hold stands
     long packets = 0;

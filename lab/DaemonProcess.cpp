@@ -13,6 +13,7 @@
 
 #include <chrono>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <stdexcept>
 
@@ -23,6 +24,13 @@ namespace {
 constexpr std::size_t largestOutput = 32 << 20;
 
 constexpr int stopMilliseconds = 2000;
+
+// Whether an output line is the echo of a log line that begins so. What a log line quotes can hold anything.
+bool isLogLine(const std::string& line, const char* beginning) {
+    const auto time = line.find("]: [");
+    const auto text = time == std::string::npos ? time : line.find("]: ", time + 3);
+    return text != std::string::npos && line.compare(text + 3, std::strlen(beginning), beginning) == 0;
+}
 
 } // namespace
 
@@ -66,21 +74,31 @@ void DaemonProcess::runChild(int output, const std::vector<int>& foreign) {
 }
 
 void DaemonProcess::stop() {
-    if (pid_ <= 0) return;
-    kill(pid_, SIGTERM);
+    if (running()) kill(pid_, SIGTERM);
     const auto limit = std::chrono::steady_clock::now() + std::chrono::milliseconds(stopMilliseconds);
-    bool ended = false;
-    while (!(ended = waitpid(pid_, nullptr, WNOHANG) != 0) && std::chrono::steady_clock::now() < limit)
+    while (running() && std::chrono::steady_clock::now() < limit)
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    if (!ended) {
+    if (running()) {
+        int status = 0;
         kill(pid_, SIGKILL);
-        waitpid(pid_, nullptr, 0);
+        waitpid(pid_, &status, 0);
+        noteEnding(status);
     }
-    pid_ = -1;
     if (reader_.joinable()) reader_.join();
 }
 
-bool DaemonProcess::running() { return pid_ > 0 && waitpid(pid_, nullptr, WNOHANG) == 0; }
+bool DaemonProcess::running() {
+    int status = 0;
+    if (pid_ > 0 && waitpid(pid_, &status, WNOHANG) == pid_) noteEnding(status);
+    return pid_ > 0;
+}
+
+// The process id belongs to nobody, or to somebody else, from now on.
+void DaemonProcess::noteEnding(int status) {
+    pid_ = -1;
+    ending_ = WIFSIGNALED(status) ? "signal " + std::to_string(WTERMSIG(status))
+                                  : "status " + std::to_string(WEXITSTATUS(status));
+}
 
 long DaemonProcess::resolved() {
     std::lock_guard<std::mutex> lock(mutex_);
@@ -88,9 +106,18 @@ long DaemonProcess::resolved() {
 }
 
 bool DaemonProcess::waitForResolved(long count, int milliseconds) {
+    return waitFor(resolved_, count, milliseconds);
+}
+
+bool DaemonProcess::waitForSettings(long count, int milliseconds) {
+    return waitFor(settings_, count, milliseconds);
+}
+
+bool DaemonProcess::waitFor(const long& number, long count, int milliseconds) {
     std::unique_lock<std::mutex> lock(mutex_);
-    return changed_.wait_for(lock, std::chrono::milliseconds(milliseconds),
-                             [&] { return resolved_ >= count; });
+    changed_.wait_for(lock, std::chrono::milliseconds(milliseconds),
+                      [&] { return number >= count || silent_; });
+    return number >= count;
 }
 
 void DaemonProcess::readOutput(int output) {
@@ -108,13 +135,20 @@ void DaemonProcess::readOutput(int output) {
         pending.erase(0, start);
     }
     close(output);
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        silent_ = true;
+        changed_.notify_all();
+    }
     if (written > largestOutput) file << "\n(the daemon wrote " << written << " bytes in all)\n";
 }
 
 void DaemonProcess::takeLine(const std::string& line) {
-    if (line.find("Hijack-resolve:") == std::string::npos) return;
+    const bool resolved = isLogLine(line, "Hijack-resolve:");
+    const bool settings = isLogLine(line, "OstComm loadConfigResponseThread valueBypassStr is now ");
+    if (!resolved && !settings) return;
     std::lock_guard<std::mutex> lock(mutex_);
-    ++resolved_;
+    ++(resolved ? resolved_ : settings_);
     changed_.notify_all();
 }
 

@@ -31,6 +31,9 @@ public:
     // Asks the daemon to end, kills it after two seconds, and waits for it.
     void stop();
 
+    // How the daemon has ended: "status 1", "signal 9"; empty while it runs.
+    const std::string& ending() const { return ending_; }
+
     bool running();
     pid_t pid() const { return pid_; }
 
@@ -40,19 +43,29 @@ public:
     // Waits until `resolved` is at least `count`; false after that many real milliseconds.
     bool waitForResolved(long count, int milliseconds);
 
+    // Waits until the daemon has taken in at least `count` configuration frames, which it tells at log level
+    // 1; false after that many real milliseconds.
+    bool waitForSettings(long count, int milliseconds);
+
 private:
     [[noreturn]] void runChild(int output, const std::vector<int>& foreign);
     void readOutput(int output);
     void takeLine(const std::string& line);
+    bool waitFor(const long& number, long count, int milliseconds);
+    void noteEnding(int status);
 
     const ScratchRoot& root_;
     PlayedClock& clock_;
     pid_t pid_ = -1;
     std::thread reader_;
 
-    std::mutex mutex_; // guards resolved_
+    std::string ending_;
+
+    std::mutex mutex_; // guards all below
     std::condition_variable changed_;
     long resolved_ = 0;
+    long settings_ = 0;
+    bool silent_ = false; // the output has come to its end
 };
 
 } // namespace lab

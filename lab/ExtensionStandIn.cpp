@@ -12,6 +12,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <stdexcept>
 
@@ -76,7 +77,7 @@ bool ExtensionStandIn::waitForDaemon(int milliseconds) {
 }
 
 std::optional<sysctl_result> ExtensionStandIn::present(Direction direction, const std::vector<char>& packet,
-                                                       int milliseconds) {
+                                                       int milliseconds, RecordForm form) {
     const int channel = channels_[direction == Direction::in ? 0 : 1];
     const std::uint64_t id = nextId_++;
     record_.assign(recordHeaderSize, 0);
@@ -84,15 +85,34 @@ std::optional<sysctl_result> ExtensionStandIn::present(Direction direction, cons
     const std::size_t room = largestRecord - recordHeaderSize;
     record_.insert(record_.end(), packet.begin(),
                    packet.begin() + static_cast<std::ptrdiff_t>(std::min(packet.size(), room)));
-    if (send(channel, record_.data(), record_.size(), MSG_NOSIGNAL) < 0) return {};
+    connected_ = sendRecord(channel, form);
+    if (!connected_) return {};
+    return awaitResult(channel, id, milliseconds);
+}
 
-    sysctl_result result{};
-    if (!waitReadable(channel, milliseconds)) return {};
-    if (recv(channel, &result, sizeof result, 0) != sizeof result) return {};
-    std::uint64_t answered = 0;
-    std::memcpy(&answered, &result.packetId, sizeof answered);
-    if (answered != id) return {};
-    return result;
+bool ExtensionStandIn::sendRecord(int channel, RecordForm form) {
+    const std::size_t first = form == RecordForm::whole ? record_.size() : recordHeaderSize;
+    if (send(channel, record_.data(), first, MSG_NOSIGNAL) < 0) return false;
+    return first == record_.size() ||
+           send(channel, record_.data() + first, record_.size() - first, MSG_NOSIGNAL) >= 0;
+}
+
+// Records that come too late for an earlier packet are passed over.
+std::optional<sysctl_result> ExtensionStandIn::awaitResult(int channel, std::uint64_t id, int milliseconds) {
+    using std::chrono::steady_clock;
+    const auto limit = steady_clock::now() + std::chrono::milliseconds(milliseconds);
+    for (;;) {
+        const auto left =
+            std::chrono::duration_cast<std::chrono::milliseconds>(limit - steady_clock::now()).count();
+        if (!waitReadable(channel, static_cast<int>(std::max<std::int64_t>(left, 0)))) return {};
+        sysctl_result result{};
+        const ssize_t count = recv(channel, &result, sizeof result, 0);
+        connected_ = count > 0;
+        if (count != sizeof result) return {};
+        std::uint64_t answered = 0;
+        std::memcpy(&answered, &result.packetId, sizeof answered);
+        if (answered == id) return result;
+    }
 }
 
 void ExtensionStandIn::stop() {

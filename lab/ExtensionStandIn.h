@@ -15,6 +15,9 @@ namespace lab {
 
 enum class Direction { in, out };
 
+// A record goes over in one message, or its header alone and the packet behind it.
+enum class RecordForm { whole, headerFirst };
+
 class ExtensionStandIn {
 public:
     // Serves under `root`; `version` is what option 201 answers.
@@ -34,9 +37,12 @@ public:
     bool waitForDaemon(int milliseconds);
 
     // Presents one packet and waits for its result record; nothing when the daemon did not answer within
-    // that many real milliseconds, or answered with another record.
+    // that many real milliseconds. One thread at a time for each direction.
     std::optional<sysctl_result> present(Direction direction, const std::vector<char>& packet,
-                                         int milliseconds);
+                                         int milliseconds, RecordForm form = RecordForm::whole);
+
+    // False once the daemon has been found to have closed a control.
+    bool connected() const { return connected_; }
 
     // Closes all sockets and ends the thread.
     void stop();
@@ -45,6 +51,8 @@ public:
     std::vector<int> descriptors() const;
 
 private:
+    bool sendRecord(int channel, RecordForm form);
+    std::optional<sysctl_result> awaitResult(int channel, std::uint64_t id, int milliseconds);
     void serveOptions();
     void answerOption(int client) const;
 
@@ -54,6 +62,7 @@ private:
     int optionListeners_[2] = {-1, -1};
     int channels_[2] = {-1, -1};
     int wakeUp_ = -1;
+    bool connected_ = true;
     std::uint64_t nextId_ = 1;
     std::vector<char> record_;
     std::thread thread_;

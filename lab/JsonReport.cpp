@@ -48,7 +48,7 @@ std::string jsonRow(const PlayedPacket& played, const std::optional<sysctl_resul
     return row.dump(-1, ' ', true);
 }
 
-JsonReport::JsonReport(const std::string& path) {
+JsonReport::JsonReport(const std::string& path) : path_(path) {
     if (path.empty()) return;
     owned_ = path != "-";
     file_ = owned_ ? std::fopen(path.c_str(), "w") : stdout;
@@ -57,6 +57,11 @@ JsonReport::JsonReport(const std::string& path) {
 
 JsonReport::~JsonReport() {
     if (file_ && owned_) std::fclose(file_);
+}
+
+void JsonReport::finish() {
+    if (file_ && (std::fflush(file_) != 0 || std::ferror(file_)))
+        throw InputError(fmt::format("{}: it cannot be written", path_));
 }
 
 std::size_t JsonReport::reserve() {
@@ -72,7 +77,6 @@ void JsonReport::fill(const PlayedPacket& played, const std::optional<sysctl_res
         std::fputs(rows_.front()->c_str(), file_);
         std::fputc('\n', file_);
     }
-    if (rows_.empty()) std::fflush(file_);
 }
 
 } // namespace lab

@@ -28,7 +28,11 @@ public:
     // answered. Rows leave in their order.
     void fill(const PlayedPacket& played, const std::optional<sysctl_result>& result);
 
+    // Throws InputError when not everything could be written.
+    void finish();
+
 private:
+    std::string path_;
     std::FILE* file_ = nullptr;
     bool owned_ = false;
     std::deque<std::optional<std::string>> rows_;

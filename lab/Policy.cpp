@@ -3,6 +3,9 @@
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <sstream>
@@ -39,27 +42,51 @@ std::vector<std::string> words(const std::string& line) {
     return result;
 }
 
-long positiveNumber(const std::string& word, const std::string& place) {
+long wholeNumber(const std::string& word, const std::string& place) {
     if (word.empty() || word.size() > 9 || word.find_first_not_of("0123456789") != std::string::npos)
         throw InputError(fmt::format("{}: '{}' is not a whole number", place, word));
     return std::stol(word);
 }
 
-// The daemon reads a value up to the comma behind it, so no key may stand last.
+// The daemon reads a value up to the comma behind it, so no key that counts may stand last.
+constexpr char pushEnd[] = R"("end":1})";
+
 std::string pushBody(const std::string& text, const std::string& place) {
-    const auto json = nlohmann::ordered_json::parse(text, nullptr, false);
+    auto json = nlohmann::ordered_json::parse(text, nullptr, false);
     if (!json.is_object())
         throw InputError(fmt::format("{}: push takes a JSON object, not '{}'", place, text));
+    if (!json.contains("update_url")) json["update_url"] = "";
     std::string body = json.dump();
-    body.pop_back();
-    return body + (json.empty() ? "" : ",") + "\"other\":1}";
+    body.back() = ',';
+    return body + pushEnd;
 }
 
-std::string withoutComment(const std::string& line) {
-    const auto first = line.find_first_not_of(" \t\r");
-    if (first == std::string::npos || line[first] == '#') return "";
-    const auto last = line.find_last_not_of(" \t\r");
-    return line.substr(first, last - first + 1);
+constexpr char blanks[] = " \t\r";
+
+bool isBlank(char byte) { return byte == ' ' || byte == '\t' || byte == '\r'; }
+
+// Where the comment of a line begins: a '#' in front of a word, but not inside the quotes of a push.
+std::size_t commentStart(const std::string& line) {
+    const auto first = line.find_first_not_of(blanks);
+    const bool push = first != std::string::npos && line.compare(first, 5, "push ") == 0;
+    bool quoted = false;
+    for (std::size_t i = 0; i < line.size(); ++i) {
+        if (push && quoted && line[i] == '\\')
+            ++i;
+        else if (push && line[i] == '"')
+            quoted = !quoted;
+        else if (!quoted && line[i] == '#' && (i == 0 || isBlank(line[i - 1])))
+            return i;
+    }
+    return line.size();
+}
+
+// What counts of a line.
+std::string contentOf(const std::string& line) {
+    const std::string content = line.substr(0, commentStart(line));
+    const auto first = content.find_first_not_of(blanks);
+    if (first == std::string::npos) return "";
+    return content.substr(first, content.find_last_not_of(blanks) - first + 1);
 }
 
 } // namespace
@@ -94,10 +121,13 @@ const char* actionName(Action action) {
 }
 
 Policy Policy::load(const std::string& path) {
+    std::error_code ignored;
+    if (std::filesystem::is_directory(path, ignored))
+        throw InputError(fmt::format("{}: the policy is a folder, not a file", path));
     std::ifstream file(path, std::ios::binary);
+    if (!file.is_open())
+        throw InputError(fmt::format("{}: the policy file cannot be read: {}", path, std::strerror(errno)));
     const std::string text((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
-    if (file.bad() || !file.is_open())
-        throw InputError(fmt::format("{}: the policy file cannot be read", path));
     return parse(text, path);
 }
 
@@ -106,7 +136,7 @@ Policy Policy::parse(const std::string& text, const std::string& name) {
     std::istringstream lines(text);
     std::string line;
     for (int number = 1; std::getline(lines, line); ++number) {
-        const std::string content = withoutComment(line);
+        const std::string content = contentOf(line);
         if (!content.empty()) policy.addLine(content, fmt::format("{}:{}", name, number));
     }
     return policy;
@@ -128,7 +158,7 @@ void Policy::addLine(const std::string& line, const std::string& place) {
                                      shape->numberFirst ? "NUMBER " : "",
                                      shape->redirectLast ? " REDIRECT-URL" : ""));
     Rule rule{shape->action, parts[shape->numberFirst ? 2 : 1], "", 0, line, {}};
-    if (shape->numberFirst) rule.number = positiveNumber(parts[1], place);
+    if (shape->numberFirst) rule.number = wholeNumber(parts[1], place);
     if (shape->redirectLast) rule.redirect = parts[2];
     rules_.push_back(std::move(rule));
 }

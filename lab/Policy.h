@@ -1,7 +1,7 @@
 #pragma once
 
 // The policy file that steers the stand-in agent: one rule a line, the first match wins, `*` in a pattern is
-// any run of characters, `#` starts a comment.
+// any run of characters, a `#` at the beginning of a word starts a comment.
 //
 //   allow PATTERN              block PATTERN REDIRECT-URL     slow MILLISECONDS PATTERN (then allows)
 //   silent PATTERN             retry COUNT PATTERN            garble PATTERN
@@ -41,7 +41,9 @@ public:
     // Decides one question. A `retry` rule counts its questions for each URL.
     Decision decide(const std::string& url);
 
-    // Bodies of the configuration frames, a comma behind the value of each key as the daemon needs it.
+    // Bodies of the configuration frames: the JSON of the policy with a comma behind the value of each key, as
+    // the daemon needs it, and an "update_url", empty where the policy names none: what the daemon logs of
+    // it tells that the frame has been taken in.
     const std::vector<std::string>& pushes() const { return pushes_; }
 
     std::size_t ruleCount() const { return rules_.size(); }

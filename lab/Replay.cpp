@@ -1,13 +1,6 @@
 #include "lab/Replay.h"
 
-#include "lab/PrivateNetwork.h"
-
-#include <fmt/format.h>
-
 #include <algorithm>
-#include <cerrno>
-#include <chrono>
-#include <cstring>
 #include <limits>
 
 namespace lab {
@@ -39,7 +32,8 @@ bool Replay::play(const std::string& path, const CaptureFacts& facts) {
     Capture capture(path);
     std::int64_t shift = 0;
     bool first = true;
-    for (CapturedPacket packet; !daemonGone_ && capture.next(packet);) {
+    start_ = now_;
+    for (CapturedPacket packet; capture.next(packet);) {
         // Captures are played one behind the other, and time never runs back between them.
         if (first && packet.time < now_) shift = now_ - packet.time;
         packet.time += shift;
@@ -163,7 +157,7 @@ void Replay::finish(const ConnectionPointer& connection, const std::optional<sys
     connection->retries = 0;
     if (result && result->result == redirectResult) {
         connection->redirected = true;
-        connection->redirectUrl = redirectUrlOf(*result);
+        ++totals_.redirects[redirectUrlOf(*result)];
     }
     if (result && result->result == dropResult) ++connection->dropped;
     count(result);
@@ -179,13 +173,17 @@ void Replay::skipWaiting(Connection& connection) {
 }
 
 std::optional<sysctl_result> Replay::present(PlayedPacket& played) {
+    if (daemonGone_) {
+        ++totals_.notPresented;
+        return {};
+    }
     const Direction direction = played.outbound ? Direction::out : Direction::in;
     ++played.presented;
     ++totals_.presented;
     auto result = extension_.present(direction, played.packet.bytes, answerMilliseconds);
     if (!result) {
         ++totals_.unanswered;
-        daemonGone_ = !daemon_.running();
+        daemonGone_ = !extension_.connected() || !daemon_.running();
     }
     return result;
 }
@@ -194,20 +192,12 @@ std::optional<sysctl_result> Replay::present(PlayedPacket& played) {
 // are open at a time, the others wait inside the daemon.
 void Replay::settle() {
     for (bool quiet = false; !quiet;) {
-        AgentStandIn::Counters seen;
-        const bool arrived = agent_.waitUntil(
-            [&](const AgentStandIn::Counters& counters) {
-                seen = counters;
-                const long open = queries_ - counters.answers - lostQuestions_;
-                const long due = queries_ - lostQuestions_ - std::max(0L, open - queryThreads);
-                const bool linked = counters.drops == 0 || counters.logons > counters.drops;
-                return linked && counters.questions - counters.repeats >= due &&
-                       counters.repeats == counters.retriesSent;
-            },
-            settleMilliseconds);
-        if (!arrived) {
-            lostQuestions_ = queries_ - (seen.questions - seen.repeats);
-            ++totals_.unsettled;
+        const AgentStandIn::Counters seen = awaitQuestions();
+        if (seen.pushes > pushesTaken_) {
+            pushesTaken_ = seen.pushes;
+            if (!daemon_.waitForSettings(pushesTaken_, settleMilliseconds)) ++totals_.unsettled;
+            agent_.answerDeferred();
+            continue;
         }
         if (!daemon_.waitForResolved(seen.answers - lostAnswers_, settleMilliseconds)) {
             lostAnswers_ = seen.answers - daemon_.resolved();
@@ -222,10 +212,33 @@ void Replay::settle() {
     }
 }
 
+// Waits until every question that can be with the agent has come there, or a push has gone out.
+AgentStandIn::Counters Replay::awaitQuestions() {
+    AgentStandIn::Counters seen;
+    long inside = 0; // questions that wait for one of the daemon's threads
+    const bool arrived = agent_.waitUntil(
+        [&](const AgentStandIn::Counters& counters) {
+            seen = counters;
+            if (counters.pushes > pushesTaken_) return true;
+            inside = std::max(0L, queries_ - counters.answers - queryThreads);
+            const bool linked = counters.drops == 0 || counters.logons > counters.drops;
+            return linked && counters.questions - counters.repeats >= queries_ - lostQuestions_ - inside &&
+                   counters.repeats == counters.retriesSent;
+        },
+        settleMilliseconds);
+    if (arrived) return seen;
+    ++totals_.unsettled;
+    lostQuestions_ = queries_ - inside - (seen.questions - seen.repeats);
+    noteQuestions();
+    queriesStarted_.resize(std::min(queriesStarted_.size(), static_cast<std::size_t>(inside)));
+    return seen;
+}
+
 // Tells which connection each question belongs to: queries start in the order in which they were made.
 void Replay::noteQuestions() {
     for (Question& question : agent_.takeQuestions()) {
         ++totals_.asked;
+        ++totals_.answers[question.decision.action];
         if (asked_) {
             std::fputs(question.url.c_str(), asked_);
             std::fputc('\n', asked_);
@@ -289,71 +302,6 @@ void Replay::sweep(bool all) {
         if (!connection.reported) table_.row(connection, start_);
         entry = connections_.erase(entry);
     }
-}
-
-namespace {
-
-// What of the daemon's log the lab reads: the line at which a query is resolved.
-constexpr int verdictLogLevel = 64;
-
-constexpr int startMilliseconds = 10000;
-
-using File = std::unique_ptr<std::FILE, int (*)(std::FILE*)>;
-
-File openAsked(const std::string& path) {
-    if (path.empty()) return {nullptr, std::fclose};
-    File file(std::fopen(path.c_str(), "w"), std::fclose);
-    if (!file) throw InputError(fmt::format("{}: {}", path, std::strerror(errno)));
-    return file;
-}
-
-} // namespace
-
-int replay(const ReplayOptions& options) {
-    Policy policy = Policy::load(options.policy);
-    const std::size_t rules = policy.ruleCount();
-    std::vector<CaptureFacts> facts;
-    for (const std::string& capture : options.captures)
-        facts.push_back(survey(capture));
-    JsonReport json(options.json);
-    const File asked = openAsked(options.asked);
-    TableReport table(options.json == "-" ? nullptr : stdout);
-
-    enterPrivateNetwork();
-    const ScratchRoot root(options.root);
-    root.configure(options.blockOnFailure, verdictLogLevel);
-    PlayedClock clock;
-    clock.set(facts.front().firstTime);
-    ExtensionStandIn extension(root.path());
-    AgentStandIn agent(std::move(policy), false);
-    DaemonProcess daemon(root, clock);
-    extension.listen();
-    agent.listen();
-    std::vector<int> foreign = extension.descriptors();
-    for (int descriptor : agent.descriptors())
-        foreign.push_back(descriptor);
-    daemon.start(foreign);
-    extension.start();
-    agent.start();
-    if (!extension.waitForDaemon(startMilliseconds)) {
-        daemon.stop();
-        fmt::print(stderr, "fernhill-lab: the daemon did not connect its control sockets; it wrote:\n{}\n",
-                   root.outputTail());
-        return 1;
-    }
-
-    Replay engine(extension, agent, daemon, clock, json, table, asked.get());
-    const auto began = std::chrono::steady_clock::now();
-    bool alive = true;
-    for (std::size_t i = 0; alive && i < options.captures.size(); ++i) {
-        table.begin(options.captures[i], facts[i], options.policy, rules, options.blockOnFailure);
-        alive = engine.play(options.captures[i], facts[i]);
-    }
-    const std::chrono::duration<double> took = std::chrono::steady_clock::now() - began;
-    table.summary(engine.totals(), took.count(), options.root.empty() ? "" : root.path());
-    if (!alive) fmt::print(stderr, "fernhill-lab: the daemon has ended; it wrote:\n{}\n", root.outputTail());
-    daemon.stop();
-    return engine.totals().unanswered == 0 && alive ? 0 : 1;
 }
 
 } // namespace lab

@@ -17,25 +17,14 @@
 
 namespace lab {
 
-struct ReplayOptions {
-    std::vector<std::string> captures;
-    std::string policy;
-    std::string json;
-    std::string asked;
-    std::string root;
-    bool blockOnFailure = false;
-};
-
-// Runs a whole replay: the exit status of the program. Throws InputError for unusable input.
-int replay(const ReplayOptions& options);
-
-// The engine, over stand-ins and a daemon that run already.
+// Over stand-ins and a daemon that run already.
 class Replay {
 public:
     Replay(ExtensionStandIn& extension, AgentStandIn& agent, DaemonProcess& daemon, PlayedClock& clock,
            JsonReport& json, TableReport& table, std::FILE* asked);
 
-    // Plays one capture to its end, the last held packet included. False when the daemon has gone.
+    // Plays one capture to its end, the last held packet included. Once the daemon has gone, the packets that
+    // are left are only reported; the answer is then false.
     bool play(const std::string& path, const CaptureFacts& facts);
 
     const Totals& totals() const { return totals_; }
@@ -65,6 +54,7 @@ private:
     std::optional<sysctl_result> present(PlayedPacket& played);
     void hold(const ConnectionPointer& connection);
     void settle();
+    AgentStandIn::Counters awaitQuestions();
     void noteQuestions();
     void count(const std::optional<sysctl_result>& result);
     void reportIfOver(Connection& connection);
@@ -87,6 +77,7 @@ private:
     std::deque<ConnectionPointer> queriesStarted_; // queries whose question has not arrived
     std::map<std::string, std::deque<std::pair<ConnectionPointer, std::size_t>>> retried_;
     long queries_ = 0;
+    long pushesTaken_ = 0;
     long lostQuestions_ = 0;
     long lostAnswers_ = 0;
     bool daemonGone_ = false;

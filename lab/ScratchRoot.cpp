@@ -4,7 +4,9 @@
 
 #include <fmt/format.h>
 
+#include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -17,10 +19,25 @@ namespace fs = std::filesystem;
 
 constexpr std::size_t longestRoot = 60;
 
+void checkLength(const std::string& path) {
+    if (path.size() <= longestRoot) return;
+    throw InputError(fmt::format("{}: a scratch folder's path has at most {} bytes; choose a shorter one",
+                                 path, longestRoot));
+}
+
 std::string makeTemporary() {
-    std::string pattern = (fs::temp_directory_path() / "fernhill-XXXXXX").string();
-    if (!mkdtemp(pattern.data())) throw InputError(fmt::format("{}: no scratch folder can be made", pattern));
+    std::error_code error;
+    std::string pattern = (fs::temp_directory_path(error) / "fernhill-XXXXXX").string();
+    checkLength(pattern);
+    if (error || !mkdtemp(pattern.data()))
+        throw InputError(fmt::format("{}: no scratch folder can be made there", pattern));
     return pattern;
+}
+
+void writeWhole(const std::string& path, const std::string& text) {
+    std::ofstream file(path, std::ios::binary);
+    file << text;
+    if (!file.flush()) throw InputError(fmt::format("{}: {}", path, std::strerror(errno)));
 }
 
 } // namespace
@@ -28,17 +45,15 @@ std::string makeTemporary() {
 ScratchRoot::ScratchRoot(const std::string& path) : kept_(!path.empty()) {
     std::error_code error;
     path_ = kept_ ? fs::absolute(path, error).lexically_normal().string() : makeTemporary();
-    if (path_.size() > longestRoot)
-        throw InputError(fmt::format("{}: a scratch folder's path has at most {} bytes; choose a shorter one",
-                                     path_, longestRoot));
-    for (const char* folder :
-         {"/Library/Logs", "/Library/Preferences", "/var/run/fernhill", "/bin", "/usr/local/bin"}) {
+    checkLength(path_);
+    for (const char* folder : {"/Library/Logs", "/Library/Preferences", "/Library/twsys", "/var/run/fernhill",
+                               "/bin", "/usr/local/bin"}) {
         fs::create_directories(path_ + folder, error);
         if (error) throw InputError(fmt::format("{}{}: {}", path_, folder, error.message()));
     }
     // The extension counts as loaded when this prints nothing.
     const std::string kextload = programs() + "/kextload";
-    std::ofstream(kextload) << "#!/bin/sh\nexit 0\n";
+    writeWhole(kextload, "#!/bin/sh\nexit 0\n");
     fs::permissions(kextload, fs::perms::owner_all, error);
     if (error) throw InputError(fmt::format("{}: {}", kextload, error.message()));
 }
@@ -56,10 +71,10 @@ std::string ScratchRoot::outputTail() const {
 }
 
 void ScratchRoot::configure(bool blockOnFailure, int logLevel) const {
-    fs::create_directories(path_ + "/Library/twsys");
-    std::ofstream(path_ + "/Library/twsys/fernhill.xml") << fmt::format(
-        "<Fernhill>\n<BlockOnFailure>{}</BlockOnFailure>\n<LogLevel>{}</LogLevel>\n</Fernhill>\n",
-        blockOnFailure ? "true" : "false", logLevel);
+    writeWhole(
+        path_ + "/Library/twsys/fernhill.xml",
+        fmt::format("<Fernhill>\n<BlockOnFailure>{}</BlockOnFailure>\n<LogLevel>{}</LogLevel>\n</Fernhill>\n",
+                    blockOnFailure ? "true" : "false", logLevel));
 }
 
 } // namespace lab

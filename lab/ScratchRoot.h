@@ -27,7 +27,7 @@ public:
     // The last lines of that output.
     std::string outputTail() const;
 
-    // Writes the daemon's configuration file.
+    // Writes the daemon's configuration file. Throws InputError.
     void configure(bool blockOnFailure, int logLevel) const;
 
 private:

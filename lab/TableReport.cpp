@@ -10,8 +10,25 @@
 namespace lab {
 namespace {
 
-constexpr std::size_t urlWidth = 44;
+constexpr std::size_t connectionWidth = 21;
+constexpr std::size_t urlWidth = 38;
+constexpr std::size_t answerWidth = 19;
+constexpr std::size_t lineWidth = 120;
 constexpr int barWidth = 40;
+
+constexpr char explanation[] = R"text(
+A row comes as its connection ends.
+  URL asked        what the daemon read in a GET request (http) or in a TLS hello (https) and asked the agent about;
+                   "-": it held neither. "(+2)": two questions of this connection came before this one.
+  agent's answer   what the policy makes the agent say. "retry x2": first it said twice that it wants to be asked again.
+  held (s)         A packet with a question is held. As a sender would, the lab presents a held packet again after
+                   1, 2, 4 ... seconds, so a question costs at least a second here; its later packets wait behind it.
+  verdict          passed: all of its packets went on.
+                   redirected: the agent blocks it. The browser gets the agent's block page, the connection ends,
+                   and what the capture still holds of it is not presented.
+                   held to the end: no verdict came in all of 9 presentations (255 s), for want of an answer, or
+                   because the redirect has more bytes than the request that it would replace.
+)text";
 
 std::string shortened(const std::string& text, std::size_t width) {
     if (text.size() <= width) return text;
@@ -28,10 +45,10 @@ std::string printable(std::string text) {
 
 std::string urlText(const Connection& connection) {
     if (connection.queries.empty()) return "-";
-    const std::string first = printable(connection.queries.front().url);
-    if (connection.queries.size() == 1) return shortened(first, urlWidth);
+    const std::string last = printable(connection.queries.back().url);
+    if (connection.queries.size() == 1) return shortened(last, urlWidth);
     const std::string more = fmt::format(" (+{})", connection.queries.size() - 1);
-    return shortened(first, urlWidth - more.size()) + more;
+    return shortened(last, urlWidth - more.size()) + more;
 }
 
 std::string oneAnswer(const Query& query) {
@@ -50,7 +67,8 @@ std::string answerText(const Connection& connection) {
 }
 
 std::string verdictText(const Connection& connection) {
-    if (connection.redirected) return "redirected to " + printable(connection.redirectUrl);
+    if (connection.redirected && connection.gaveUp) return "held, redirected";
+    if (connection.redirected) return "redirected";
     if (connection.gaveUp) return "held to the end";
     if (connection.dropped) return fmt::format("passed, {} dropped", connection.dropped);
     return "passed";
@@ -58,29 +76,34 @@ std::string verdictText(const Connection& connection) {
 
 TableReport::TableReport(std::FILE* out) : out_(out), terminal_(isatty(STDERR_FILENO) == 1) {}
 
-void TableReport::begin(const std::string& capture, const CaptureFacts& facts, const std::string& policy,
-                        std::size_t rules, bool blockOnFailure) {
+void TableReport::begin(const std::string& capture, const CaptureFacts& facts, const PolicyFacts& policy) {
     if (!out_) return;
-    fmt::print(out_, "Replaying {} ({} packets) through the daemon.\n",
+    fmt::print(out_, "{}Replaying {} ({} packets) through the daemon", explained_ ? "\n" : "",
                std::filesystem::path(capture).filename().string(), facts.records);
+    const char* word = " of the computer ";
     for (const std::string& address : facts.computers) {
-        if (!address.empty()) fmt::print(out_, "This computer is {}.\n", Endpoint{address, 0}.text());
+        if (!address.empty()) fmt::print(out_, "{}{}", word, Endpoint{address, 0}.text());
+        if (!address.empty()) word = " and ";
     }
-    fmt::print(out_, "The agent answers by {} ({} rules); block on failure is {}.\n\n",
-               std::filesystem::path(policy).filename().string(), rules, blockOnFailure ? "on" : "off");
-    fmt::print(out_, "{:>9}  {:<26} {:<{}} {:<22} {:>9}  {}\n", "at (s)", "connection to", "URL asked",
-               urlWidth, "agent's answer", "held (s)", "verdict");
-    fmt::print(out_, "{:->{}}\n", "", 9 + 2 + 26 + 1 + urlWidth + 1 + 22 + 1 + 9 + 2 + 20);
+    fmt::print(out_, ".\nThe agent answers by {} ({} rules); block on failure is {}.\n",
+               std::filesystem::path(policy.path).filename().string(), policy.rules,
+               policy.blockOnFailure ? "on" : "off");
+    if (!explained_) std::fputs(explanation, out_);
+    explained_ = true;
+    fmt::print(out_, "\n{:>8}  {:<{}}  {:<{}}  {:<{}}  {:>8}  {}\n", "at (s)", "connection to",
+               connectionWidth, "URL asked", urlWidth, "agent's answer", answerWidth, "held (s)", "verdict");
+    fmt::print(out_, "{:->{}}\n", "", lineWidth);
 }
 
 void TableReport::row(const Connection& connection, std::int64_t start) {
     if (!out_) return;
     clearProgress();
-    fmt::print(out_, "{:>9.3f}  {:<26} {:<{}} {:<22} {:>9.3f}  {}\n",
-               static_cast<double>(connection.first - start) / 1e6, shortened(connection.remote.text(), 26),
-               urlText(connection), urlWidth, answerText(connection),
-               static_cast<double>(connection.heldTime) / 1e6, verdictText(connection));
-    ++rows_;
+    const double at = static_cast<double>(connection.first - start) / 1e6;
+    const double held = static_cast<double>(connection.heldTime) / 1e6;
+    fmt::print(out_, "{:>8.3f}  {:<{}}  {:<{}}  {:<{}}  {:>8}  {}\n", at,
+               shortened(connection.remote.text(), connectionWidth), connectionWidth, urlText(connection),
+               urlWidth, answerText(connection), answerWidth,
+               connection.heldTime ? fmt::format("{:.3f}", held) : "-", verdictText(connection));
 }
 
 void TableReport::progress(long position, long records) {
@@ -101,19 +124,33 @@ void TableReport::clearProgress() {
     percent_ = -1;
 }
 
+void TableReport::printAnswers(const Totals& totals) {
+    fmt::print(out_, "The agent was asked {} times", totals.asked);
+    const char* between = ": ";
+    for (const auto& [action, count] : totals.answers) {
+        fmt::print(out_, "{}{} {}", between, count, actionName(action));
+        between = ", ";
+    }
+    fmt::print(out_, ".\n");
+    for (const auto& [url, count] : totals.redirects)
+        fmt::print(out_, "Redirected to {}: {} connections.\n", printable(url), count);
+}
+
 void TableReport::summary(const Totals& totals, double realSeconds, const std::string& root) {
     if (!out_) return;
     clearProgress();
-    fmt::print(out_, "\n{} IP packets of {} in {} connections; {} records presented, {} not answered.\n",
+    fmt::print(out_,
+               "\n{} IP packets of {} captured, {} connections. The daemon was shown {} packet records, held "
+               "packets again\nand again, and left {} without an answer.\n",
                totals.packets, totals.records, totals.connections, totals.presented, totals.unanswered);
     fmt::print(out_,
-               "Results: {} passed, {} dropped, {} redirected, {} held to the end; {} not presented behind a "
-               "redirect.\n",
+               "What became of the packets: {} passed, {} dropped, {} redirected, {} held to the end, {} not "
+               "presented.\n",
                totals.passed, totals.dropped, totals.redirected, totals.heldToTheEnd, totals.notPresented);
-    fmt::print(out_, "The agent was asked {} times.\n", totals.asked);
+    printAnswers(totals);
     if (totals.unsettled)
         fmt::print(out_, "{} times a question or an answer did not get through in time.\n", totals.unsettled);
-    fmt::print(out_, "{:.1f} s were played in {:.1f} s.\n",
+    fmt::print(out_, "{:.1f} s of the daemon's time were played in {:.1f} s.\n",
                static_cast<double>(totals.playedMicroseconds) / 1e6, realSeconds);
     if (!root.empty()) fmt::print(out_, "The daemon's files, its log and its output are in {}.\n", root);
 }

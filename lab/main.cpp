@@ -1,6 +1,7 @@
 // fernhill-lab: the world around the daemon on one machine.
 
-#include "lab/Replay.h"
+#include "lab/Policy.h"
+#include "lab/ReplayCommand.h"
 
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>

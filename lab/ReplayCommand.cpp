@@ -1,0 +1,114 @@
+#include "lab/ReplayCommand.h"
+
+#include "lab/PrivateNetwork.h"
+#include "lab/Replay.h"
+
+#include <fmt/format.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+
+namespace lab {
+namespace {
+
+// What of the daemon's log the lab reads: the line at which a query is resolved, and, where the policy
+// pushes, the line at which a configuration frame has been taken in.
+constexpr int verdictLogLevel = 64;
+constexpr int agentLogLevel = 1;
+
+constexpr int startMilliseconds = 10000;
+
+using File = std::unique_ptr<std::FILE, int (*)(std::FILE*)>;
+
+File openAsked(const std::string& path) {
+    if (path.empty()) return {nullptr, std::fclose};
+    File file(std::fopen(path.c_str(), "w"), std::fclose);
+    if (!file) throw InputError(fmt::format("{}: {}", path, std::strerror(errno)));
+    return file;
+}
+
+void finishAsked(const File& file, const std::string& path) {
+    if (file && (std::fflush(file.get()) != 0 || std::ferror(file.get())))
+        throw InputError(fmt::format("{}: it cannot be written", path));
+}
+
+// Where the daemon's clock begins.
+std::int64_t firstTime(const std::vector<CaptureFacts>& facts) {
+    for (const CaptureFacts& capture : facts) {
+        if (capture.firstTime) return capture.firstTime;
+    }
+    return 0;
+}
+
+// What both ends of a replay stand on, in the order of making; the daemon ends first.
+struct Stage {
+    Stage(const ReplayOptions& options, Policy policy, std::int64_t time)
+        : root(options.root), extension(root.path()), agent(std::move(policy), false), daemon(root, clock) {
+        clock.set(time);
+    }
+
+    // False when the daemon does not come to its control sockets.
+    bool raise() {
+        extension.listen();
+        agent.listen();
+        std::vector<int> foreign = extension.descriptors();
+        for (int descriptor : agent.descriptors())
+            foreign.push_back(descriptor);
+        daemon.start(foreign);
+        extension.start();
+        agent.start();
+        return extension.waitForDaemon(startMilliseconds);
+    }
+
+    const ScratchRoot root;
+    PlayedClock clock;
+    ExtensionStandIn extension;
+    AgentStandIn agent;
+    DaemonProcess daemon;
+};
+
+} // namespace
+
+int replay(const ReplayOptions& options) {
+    Policy policy = Policy::load(options.policy);
+    const PolicyFacts rules{options.policy, policy.ruleCount(), options.blockOnFailure};
+    std::vector<CaptureFacts> facts;
+    for (const std::string& capture : options.captures)
+        facts.push_back(survey(capture));
+    JsonReport json(options.json);
+    const File asked = openAsked(options.asked);
+    TableReport table(options.json == "-" ? nullptr : stdout);
+
+    enterPrivateNetwork();
+    const int logLevel = verdictLogLevel | (policy.pushes().empty() ? 0 : agentLogLevel);
+    Stage stage(options, std::move(policy), firstTime(facts));
+    stage.root.configure(options.blockOnFailure, logLevel);
+    if (!stage.raise()) {
+        stage.daemon.stop();
+        fmt::print(stderr, "fernhill-lab: the daemon did not connect its control sockets; it wrote:\n{}\n",
+                   stage.root.outputTail());
+        return 1;
+    }
+
+    Replay engine(stage.extension, stage.agent, stage.daemon, stage.clock, json, table, asked.get());
+    const auto began = std::chrono::steady_clock::now();
+    bool alive = true;
+    for (std::size_t i = 0; i < options.captures.size(); ++i) {
+        table.begin(options.captures[i], facts[i], rules);
+        alive = engine.play(options.captures[i], facts[i]);
+    }
+    const std::chrono::duration<double> took = std::chrono::steady_clock::now() - began;
+    json.finish();
+    finishAsked(asked, options.asked);
+    table.summary(engine.totals(), took.count(), options.root.empty() ? "" : stage.root.path());
+    stage.daemon.stop();
+    if (!alive)
+        fmt::print(stderr, "fernhill-lab: the daemon has ended ({}); it wrote:\n{}\n", stage.daemon.ending(),
+                   stage.root.outputTail());
+    return engine.totals().unanswered == 0 && alive ? 0 : 1;
+}
+
+} // namespace lab

@@ -1,0 +1,22 @@
+#pragma once
+
+// `fernhill-lab replay`: sets the stage under a scratch root, plays the captures, and says how it went.
+
+#include <string>
+#include <vector>
+
+namespace lab {
+
+struct ReplayOptions {
+    std::vector<std::string> captures;
+    std::string policy;
+    std::string json;
+    std::string asked;
+    std::string root;
+    bool blockOnFailure = false;
+};
+
+// Runs a whole replay: the exit status of the program. Throws InputError for unusable input.
+int replay(const ReplayOptions& options);
+
+} // namespace lab
