@@ -200,60 +200,84 @@ GPDOMElement* GPDOMElement::parseElement(const char* tag, std::size_t length) {
     return element;
 }
 
-GPDOMElement* GPDOMElement::parse(const char* text) {
-    if (!text) return nullptr;
-    const std::string copy = text;
-    GPDOMElement* root = nullptr;
-    GPDOMElement* current = nullptr;
-    std::vector<Owned<GPDOMElement>> unattached; // further top-level elements, which are not returned
-    std::size_t position = 0;
-    while (true) {
-        const std::size_t open = copy.find('<', position);
-        if (open == std::string::npos) break;
-        const std::size_t close = copy.find('>', open);
-        if (close == std::string::npos) break;
-        position = close + 1;
+// The scan of one text: from angle bracket to angle bracket, with the element that is open at the moment.
+class GPDOMElement::Scanner {
+public:
+    explicit Scanner(const char* text) : text_(text) {}
 
-        const char kind = copy[open + 1];
-        if (kind == '!' || kind == '?') continue;
-        if (kind == '/') {
-            if (!current) continue;
-            auto tag = Owned<GPDOMElement>::adopt(parseElement(&copy[open + 1], position - open - 1));
-            if (tag->name->isEqual(current->name) && current->children->count() == 0) {
-                const auto from = static_cast<std::size_t>(current->valueStart);
-                current->value = copyOf(&copy[from], open - from);
-            }
-            // Deliberate: an end tag of another name closes a level just as well.
-            current = current->parent;
-            continue;
+    GPDOMElement* run() {
+        while (findTag()) {
+            const char kind = text_[open_ + 1];
+            if (kind == '!' || kind == '?') continue;
+            if (kind == '/')
+                readEndTag();
+            else
+                readStartTag();
         }
+        return root_;
+    }
 
-        GPDOMElement* element = parseElement(&copy[open], position - open);
-        element->valueStart = static_cast<std::int32_t>(position);
-        if (!root) {
-            root = element;
-        } else {
-            element->parent = current;
-            if (current) {
-                current->children->addObject(element);
-                element->release();
-            } else {
-                unattached.push_back(Owned<GPDOMElement>::adopt(element));
-            }
+private:
+    bool findTag() {
+        open_ = text_.find('<', position_);
+        if (open_ == std::string::npos) return false;
+        const std::size_t close = text_.find('>', open_);
+        if (close == std::string::npos) return false;
+        position_ = close + 1;
+        return true;
+    }
+
+    void readEndTag() {
+        if (!current_) return;
+        auto tag = Owned<GPDOMElement>::adopt(parseElement(&text_[open_ + 1], position_ - open_ - 1));
+        if (tag->name->isEqual(current_->name) && current_->children->count() == 0) {
+            const auto from = static_cast<std::size_t>(current_->valueStart);
+            current_->value = copyOf(&text_[from], open_ - from);
         }
-        if (copy[close - 1] != '/') {
-            current = element;
-            continue;
+        // Deliberate: an end tag of another name closes a level just as well.
+        current_ = current_->parent;
+    }
+
+    void readStartTag() {
+        GPDOMElement* element = parseElement(&text_[open_], position_ - open_);
+        element->valueStart = static_cast<std::int32_t>(position_);
+        attach(element);
+        const bool isSelfClosed = text_[position_ - 2] == '/';
+        if (!isSelfClosed) {
+            current_ = element;
+            return;
         }
-        std::string selfClosed = element->name->cstr();
-        selfClosed.erase(std::remove(selfClosed.begin(), selfClosed.end(), '/'), selfClosed.end());
-        element->name->reset(selfClosed.c_str());
+        std::string bareName = element->name->cstr();
+        bareName.erase(std::remove(bareName.begin(), bareName.end(), '/'), bareName.end());
+        element->name->reset(bareName.c_str());
         // Deliberate: behind a self-closed child the scanner goes one level higher than the element that
         // contains it. Readers search the whole tree and do not notice.
-        if (current && current->parent) current = current->parent;
+        if (current_ && current_->parent) current_ = current_->parent;
     }
-    return root;
-}
+
+    // Takes over the caller's reference.
+    void attach(GPDOMElement* element) {
+        if (!root_) {
+            root_ = element;
+            return;
+        }
+        auto owner = Owned<GPDOMElement>::adopt(element);
+        element->parent = current_;
+        if (current_)
+            current_->children->addObject(element);
+        else
+            unattached_.push_back(std::move(owner));
+    }
+
+    const std::string text_;
+    std::size_t open_ = 0;
+    std::size_t position_ = 0;
+    GPDOMElement* root_ = nullptr;
+    GPDOMElement* current_ = nullptr;
+    std::vector<Owned<GPDOMElement>> unattached_; // further top-level elements, which are not returned
+};
+
+GPDOMElement* GPDOMElement::parse(const char* text) { return text ? Scanner(text).run() : nullptr; }
 
 bool GPDOMElement::addElement(GPDOMElement* child) {
     if (!children) children = new GPArray;

@@ -78,6 +78,8 @@ public:
     ~GPDOMElement() override;
 
 private:
+    class Scanner;
+
     GPDOMElement() = default;
 
     static GPDOMElement* parseElement(const char* tag, std::size_t length);
