@@ -232,8 +232,9 @@ GPString* GPHTTP::headerLines() {
     auto* lines = new GPString;
     if (!headers_) return lines;
     // The blank in front of the colon belongs to the format.
-    for (const char* name = headers_->firstKey(); name; name = headers_->nextKey())
-        lines->appendFormat("%s : %s\r\n", name, textForKey(headers_, name));
+    for (const char* name = headers_->firstKey(); name; name = headers_->nextKey()) {
+        if (const char* value = textForKey(headers_, name)) lines->appendFormat("%s : %s\r\n", name, value);
+    }
     return lines;
 }
 
