@@ -30,13 +30,13 @@ bool change(std::atomic<Value>& stored, Value value) {
 
 const char* text(bool value) { return value ? "true" : "false"; }
 
-// The text of the first element of that name in a document's text; an empty handle if there is none.
+// The text of the first element of that name in a document's text, which may be empty; an empty handle if
+// there is no such element or it has no text.
 Owned<GPString> elementText(GPString* content, const char* name) {
     auto document = Owned<GPDOMElement>::adopt(GPDOMElement::parse(content->cstr()));
     if (!document) return {};
     GPDOMElement* element = document->findElement(name);
-    if (!element || !hasText(element->value)) return {};
-    return Owned<GPString>::retain(element->value);
+    return Owned<GPString>::retain(element ? element->value : nullptr);
 }
 
 // Stores a copy of the name even if it is the one before: every login change writes the file.

@@ -23,8 +23,8 @@ public:
     // the new values and the next save tries again.
     static bool saveConfig(bool force);
 
-    // The settings as the text of the file, loaded first if need be. Borrowed; valid until the next call.
-    // Main thread only.
+    // The settings as the text of the file, loaded first if need be. Borrowed; valid until the calling thread
+    // calls again or ends.
     static const char* configString();
 
     static bool isBOFEnabled();

@@ -112,17 +112,24 @@ GPDOMElement* createConfigDOM() {
 
 // ---- reading
 
-// The text of the first element of that name; null if it is missing or empty.
+// The text of the first element of that name, which may be empty; null if there is no element or no text.
 GPString* textIn(GPDOMElement* root, const char* name) {
     GPDOMElement* element = root->findElement(name);
-    return element && hasText(element->value) ? element->value : nullptr;
+    return element ? element->value : nullptr;
+}
+
+// The same, and null for an empty text too.
+GPString* nonEmptyTextIn(GPDOMElement* root, const char* name) {
+    GPString* text = textIn(root, name);
+    return hasText(text) ? text : nullptr;
 }
 
 void readString(GPDOMElement* root, const char* name, std::atomic<GPString*>& stored) {
-    if (GPString* text = textIn(root, name))
+    if (GPString* text = nonEmptyTextIn(root, name))
         stored.store(GPString::staticstring(text->cstr()), std::memory_order_release);
 }
 
+// An empty text deliberately counts: it turns the flag off.
 void readBoolIfText(GPDOMElement* root, const char* name, std::atomic<bool>& flag) {
     if (GPString* text = textIn(root, name)) flag = text->boolValue();
 }
@@ -132,12 +139,13 @@ void readBool(GPDOMElement* root, const char* name, std::atomic<bool>& flag) {
     if (GPDOMElement* element = root->findElement(name)) flag = element->value && element->value->boolValue();
 }
 
+// An empty text deliberately counts: like any text that is no number it gives -1.
 void readInt(GPDOMElement* root, const char* name, std::atomic<std::int32_t>& number) {
     if (GPString* text = textIn(root, name)) number = text->intValue();
 }
 
 void readCheckInTime(GPDOMElement* root) {
-    GPString* text = textIn(root, "CheckInTimeStamp");
+    GPString* text = nonEmptyTextIn(root, "CheckInTimeStamp");
     if (!text) return;
     GPMutexLock lock(state.valuesMutex);
     if (state.sLastCheckinDate) state.sLastCheckinDate->release();
@@ -180,7 +188,7 @@ void readRows(GPDOMElement* root, const char* name, GPSyncdArray* array, void (*
 // Makes the server that the file names the current one. The search meets the top-level name first and,
 // without it, the first one of the list.
 void readCurrentServer(GPDOMElement* root) {
-    GPString* name = textIn(root, "ServerName");
+    GPString* name = nonEmptyTextIn(root, "ServerName");
     if (!name) return;
     if (FilterServer* listed = Configuration::getFilterServer(name->cstr())) {
         setCurrentServer(listed);
@@ -260,9 +268,8 @@ bool Configuration::saveConfig(bool force) {
 
 const char* Configuration::configString() {
     loadConfig();
-    static GPString* shown = nullptr;
+    thread_local Owned<GPString> shown;
     auto document = Owned<GPDOMElement>::adopt(createConfigDOM());
-    if (shown) shown->release();
-    shown = document->convertToString(false, nullptr, false);
+    shown = Owned<GPString>::adopt(document->convertToString(false, nullptr, false));
     return shown->cstr();
 }

@@ -39,8 +39,7 @@ void retire(FilterIPAddresses* snapshot) {
 }
 
 // Puts a new snapshot in force and keeps the one before it for one more generation. Under `buildmutex`.
-void rebuildAndSwap() {
-    FilterIPAddresses* built = buildIPaddresses();
+void install(FilterIPAddresses* built) {
     FilterIPAddresses* beforeLast = ipAddressesPrev.load();
     ipAddressesPrev = ipAddressesCurrent.load();
     ipAddressesCurrent = built;
@@ -48,7 +47,8 @@ void rebuildAndSwap() {
 }
 
 unsigned pauseOfMonitor() {
-    FilterIPAddresses* current = ipAddressesCurrent;
+    // A rebuild task may swap meanwhile.
+    auto current = Owned<FilterIPAddresses>::adopt(FilterIPAddresses::getCurrentIPAddresses());
     return current && current->isMissingIPs() ? sleepWithMissing : sleepWithAll;
 }
 
@@ -58,9 +58,10 @@ void monitorPass() {
     GPMutexLock lock(buildmutex);
     if (rebuildAddresses) {
         rebuildAddresses = false;
-        rebuildAndSwap();
+        FilterIPAddresses* built = buildIPaddresses();
         // A notice that came during the build is deliberately served by that build.
         rebuildAddresses = false;
+        install(built);
     } else {
         refreshServerAddresses(ipAddressesCurrent);
     }
@@ -88,7 +89,7 @@ bool rebuildPass() {
     if (rebuildAddresses) {
         rebuildAddresses = false;
         if (Configuration::isVerbose()) logs("Recreating IP address references...");
-        rebuildAndSwap();
+        install(buildIPaddresses());
     } else {
         if (Configuration::isVerbose()) logs("Checking IP address references...");
         refreshServerAddresses(ipAddressesCurrent);

@@ -234,13 +234,48 @@ TEST_F(ConfigurationFile, ALogLevelThatIsNoNumberSetsAllBits) {
     EXPECT_TRUE(Configuration::isVerbose());
 }
 
-TEST_F(ConfigurationFile, ElementsWithoutTextLeaveTextsAndNumbersAlone) {
-    load("<Fernhill><LogLevel></LogLevel><kll/><CachedUserName></CachedUserName>"
-         "<CheckInTimeStamp></CheckInTimeStamp></Fernhill>");
-    EXPECT_EQ(Configuration::getLogLevel(), 0);
-    EXPECT_EQ(Configuration::getKernelLogLevel(), 0);
-    EXPECT_EQ(Configuration::cachedUserName(), nullptr);
-    EXPECT_EQ(Configuration::checkInTimeStamp(), nullptr);
+TEST_F(ConfigurationFile, LevelsAndGuardedFlagsWithoutTextKeepTheirValues) {
+    Configuration::setBOF(true);
+    Configuration::setBalancedMode(true);
+    Configuration::setLogLevel(16);
+    Configuration::setKernelLogLevel(3);
+    load("<Fernhill><BlockOnFailure/><BalancedMode><x>0</x></BalancedMode>"
+         "<LogLevel><x>64</x></LogLevel><kll/></Fernhill>");
+    EXPECT_TRUE(Configuration::isBOFEnabled());
+    EXPECT_TRUE(Configuration::isBalanced());
+    EXPECT_EQ(Configuration::getLogLevel(), 16);
+    EXPECT_EQ(Configuration::getKernelLogLevel(), 3);
+}
+
+TEST_F(ConfigurationFile, AnEmptyLevelIsATextThatIsNoNumberAndSetsAllBits) {
+    load("<Fernhill><LogLevel></LogLevel><kll></kll></Fernhill>");
+    EXPECT_EQ(Configuration::getLogLevel(), -1);
+    EXPECT_EQ(Configuration::getKernelLogLevel(), -1);
+    EXPECT_TRUE(Configuration::isVerbose());
+}
+
+TEST_F(ConfigurationFile, AnEmptyTextTurnsBlockOnFailureAndBalancedModeOff) {
+    Configuration::setBOF(true);
+    Configuration::setBalancedMode(true);
+    load("<Fernhill><BlockOnFailure></BlockOnFailure><BalancedMode></BalancedMode></Fernhill>");
+    EXPECT_FALSE(Configuration::isBOFEnabled());
+    EXPECT_FALSE(Configuration::isBalanced());
+}
+
+TEST_F(ConfigurationFile, EmptyAndMissingTextsLeaveTextsAlone) {
+    Configuration::setCachedUserName("anna");
+    Configuration::setLocalUserName("bert");
+    GPString time("2026-11-14T10:30:00Z");
+    Configuration::setCheckInTimeStamp(&time);
+    load("<Fernhill><MachineUUID></MachineUUID><CachedUserName></CachedUserName>"
+         "<LocalUserName><x>1</x></LocalUserName><CheckInTimeStamp></CheckInTimeStamp>"
+         "<ServerName></ServerName></Fernhill>");
+    EXPECT_STREQ(Configuration::cachedUserName(), "anna");
+    EXPECT_STREQ(Configuration::localUserName(), "bert");
+    EXPECT_TRUE(Owned<GPDate>::adopt(Configuration::checkInTimeStamp()));
+    EXPECT_FALSE(Configuration::hasCurrentServer());
+    Configuration::saveConfig(true);
+    EXPECT_EQ(inFile("MachineUUID"), "(none)");
 }
 
 TEST_F(ConfigurationFile, ServerRowsNeedTheirNameAndAText) {
@@ -361,6 +396,26 @@ TEST_F(ConfigurationFile, GettersNeedNoLockWhileASaveIsUnderWay) {
 
     EXPECT_NE(file().find("</Fernhill>"), std::string::npos);
     saving.join();
+}
+
+TEST_F(ConfigurationFile, TheWriterProducesNeitherASelfClosedElementNorAnEmptyText) {
+    Configuration::setCachedUserName("");
+    Configuration::setLocalUserName("");
+    GPString noTime("");
+    Configuration::setCheckInTimeStamp(&noTime);
+    EXPECT_EQ(file(), defaults);
+    EXPECT_EQ(file().find("/>"), std::string::npos);
+    EXPECT_EQ(file().find("></"), std::string::npos);
+}
+
+TEST_F(ConfigurationFile, EachThreadKeepsTheConfigurationTextThatItAskedFor) {
+    const char* shown = Configuration::configString();
+    std::thread other([] {
+        Configuration::setBOF(true);
+        EXPECT_NE(std::string(Configuration::configString()), defaults);
+    });
+    other.join();
+    EXPECT_STREQ(shown, defaults);
 }
 
 TEST_F(ConfigurationFile, TheWriterEscapesNothing) {

@@ -105,6 +105,12 @@ TEST_F(ServerProbe, AnIISServerHasItsOwnTypeAndTheChangeIsLoggedWhenVerbose) {
     EXPECT_TRUE(log.holds("ServerType changed; saving changes."));
 }
 
+TEST_F(ServerProbe, TheNameIsComparedAsAPrefixInEitherDirection) {
+    WebServer web("HTTP/1.1 200 OK\r\nServer: Micro\r\nContent-Length: 0\r\n\r\n");
+    auto server = unprobed(web.name());
+    EXPECT_EQ(Configuration::findServerType(server.get()), ServerTypeIIS);
+}
+
 TEST_F(ServerProbe, AnAnswerWithoutServerHeaderLeavesTheTypeUnknownAndIsAskedAgain) {
     WebServer web(namelessAnswer, 2);
     auto server = unprobed(web.name());

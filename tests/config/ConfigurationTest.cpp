@@ -4,6 +4,9 @@
 #include "gp/GPString.h"
 #include "gp/Owned.h"
 #include "platform/HostPaths.h"
+#include "support/AllocationCounter.h"
+#include "support/LockCounter.h"
+#include "support/Sanitizers.h"
 #include "support/SettingsTest.h"
 
 #include <filesystem>
@@ -233,14 +236,23 @@ TEST_F(ConfigurationTest, WithoutADebugFileNothingHappens) {
 
 TEST_F(ConfigurationTest, ADebugFileWithoutTheElementItsTextOrAnyElementChangesNothing) {
     Configuration::setVerboseMode(true);
-    for (const char* content : {"<Debug><Other>false</Other></Debug>", "<VerboseLogging></VerboseLogging>",
-                                "<VerboseLogging/>", "no element at all"}) {
+    for (const char* content :
+         {"<Debug><Other>false</Other></Debug>", "<VerboseLogging><x>0</x></VerboseLogging>",
+          "<VerboseLogging/>", "no element at all"}) {
         writeAll(platform::HostPaths::debugFile(), content);
         EXPECT_FALSE(writesFile([] { Configuration::checkDebugConfig(); })) << content;
         EXPECT_TRUE(Configuration::isVerbose()) << content;
     }
     EXPECT_EQ(log.countContaining("Debug file detected."), 4);
     EXPECT_EQ(log.countContaining("verbose mode is updated"), 0);
+}
+
+TEST_F(ConfigurationTest, AnEmptyTextInTheDebugFileTurnsVerboseOff) {
+    Configuration::setVerboseMode(true);
+    writeAll(platform::HostPaths::debugFile(), "<Debug><VerboseLogging></VerboseLogging></Debug>");
+    EXPECT_TRUE(writesFile([] { Configuration::checkDebugConfig(); }));
+    EXPECT_FALSE(Configuration::isVerbose());
+    EXPECT_TRUE(log.holds("verbose mode is updated to: false"));
 }
 
 TEST_F(ConfigurationTest, AnEmptyDebugFileDoesNotReadAndIsNotReported) {
@@ -264,6 +276,15 @@ TEST_F(ConfigurationTest, AnOEMFileWithoutVendorStillTurnsOEMModeOn) {
     EXPECT_EQ(log.countContaining("oem vendor"), 0);
 }
 
+TEST_F(ConfigurationTest, AVendorWithoutTextIsNotNamedAndAnEmptyOneIs) {
+    writeAll(platform::HostPaths::oemMarkerFile(), "<Fernhill><Vendor/></Fernhill>");
+    Configuration::checkOEMConfig();
+    EXPECT_EQ(log.countContaining("oem vendor"), 0);
+    writeAll(platform::HostPaths::oemMarkerFile(), "<Fernhill><Vendor></Vendor></Fernhill>");
+    Configuration::checkOEMConfig();
+    EXPECT_TRUE(log.holds("oem vendor is: "));
+}
+
 TEST_F(ConfigurationTest, WithoutAnOEMFileNothingHappens) {
     Configuration::checkOEMConfig();
     EXPECT_FALSE(Configuration::isOEM());
@@ -285,6 +306,47 @@ TEST_F(ConfigurationTest, AnEmptyVendorIsWrittenAsAnEmptyText) {
     GPString vendor("");
     Configuration::createOEMConfig(&vendor);
     EXPECT_EQ(readAll(root.path() + "/fernhill_oem.xml"), "<Fernhill>\n<Vendor></Vendor>\n</Fernhill>\n");
+}
+
+// Settings in force on every getter's path; what `Counter` counts while all getters of the packet path run.
+template <class Counter>
+long countedInGetters() {
+    Configuration::setVerboseMode(true);
+    Configuration::setLogLevel(64);
+    Configuration::setCachedUserName("anna");
+    Configuration::setLocalUserName("bert");
+    Configuration::addServerName("a.example", false);
+    Configuration::resetCurrentServer();
+
+    Counter counter;
+    const bool flags = Configuration::isBOFEnabled() || Configuration::isBalanced() ||
+                       Configuration::filteringDisabled() || Configuration::isOstlerEnabled() ||
+                       Configuration::isUpdateReady() || Configuration::oemMode() || Configuration::isOEM() ||
+                       Configuration::isLogLevel(1);
+    const bool set = Configuration::isVerbose() && Configuration::isLogLevel(64) &&
+                     Configuration::getLogLevel() == 64 && Configuration::getKernelLogLevel() == 0 &&
+                     Configuration::cachedUserName() && Configuration::localUserName() &&
+                     Configuration::hasCurrentServer() && Configuration::getCurrentServer() &&
+                     Configuration::serverName();
+    const long counted = counter.count();
+    EXPECT_FALSE(flags);
+    EXPECT_TRUE(set) << "a getter that was skipped proves nothing";
+    return counted;
+}
+
+TEST_F(ConfigurationTest, GettersAllocateNothing) {
+    EXPECT_EQ(countedInGetters<testsupport::AllocationCounter>(), 0);
+    testsupport::AllocationCounter allocations;
+    Configuration::configString();
+    EXPECT_GT(allocations.count(), 0) << "the counter sees what the settings allocate";
+}
+
+TEST_F(ConfigurationTest, GettersTakeNoLock) {
+    if (testsupport::sanitized) GTEST_SKIP() << "the checkers' own locks stand in the counter's place";
+    EXPECT_EQ(countedInGetters<testsupport::LockCounter>(), 0);
+    testsupport::LockCounter locks;
+    Configuration::saveConfig(true);
+    EXPECT_GT(locks.count(), 0) << "the counter sees the settings' lock";
 }
 
 } // namespace

@@ -1,15 +1,9 @@
 #include "support/AllocationCounter.h"
 
+#include "support/Sanitizers.h"
+
 #include <cstddef>
 #include <cstdlib>
-
-#if defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer) || __has_feature(memory_sanitizer)
-#define OSTLER_SANITIZED
-#endif
-#elif defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-#define OSTLER_SANITIZED
-#endif
 
 namespace {
 
