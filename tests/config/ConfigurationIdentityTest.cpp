@@ -1,10 +1,13 @@
 #include "config/Configuration.h"
 
+#include "config/ConfigurationState.h"
 #include "gp/GPAlgorithm.h"
 #include "gp/GPString.h"
 #include "gp/Owned.h"
 #include "support/PlayedInterfaces.h"
 #include "support/SettingsTest.h"
+
+#include <utility>
 
 using Names = std::vector<std::string>;
 
@@ -91,6 +94,14 @@ TEST_F(MachineIdentity, OnlyAForcedGenerationReplacesAnExistingOne) {
     EXPECT_FALSE(writesFile([] { Configuration::generateUUID(true); })) << "a generation saves nothing";
     EXPECT_NE(Configuration::machineGUID(), first);
     EXPECT_EQ(Configuration::machineGUID(), generatedHere());
+}
+
+TEST_F(MachineIdentity, WithoutItsLockNothingIsGeneratedOrSaved) {
+    giveNetwork();
+    GPMutex* const lock = std::exchange(configurationState.mutex, nullptr);
+    EXPECT_FALSE(writesFile([] { Configuration::loadUUID(); }));
+    configurationState.mutex = lock;
+    EXPECT_EQ(log.messages(), Names{"[Error]: no Configuration mutex."});
 }
 
 TEST_F(MachineIdentity, ThePreviousOneStaysValidForOneGeneration) {

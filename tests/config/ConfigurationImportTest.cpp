@@ -8,6 +8,7 @@
 #include "support/PlayedNames.h"
 #include "support/SettingsTest.h"
 
+#include <atomic>
 #include <filesystem>
 #include <sys/socket.h>
 #include <thread>
@@ -85,6 +86,24 @@ TEST_F(ServerProbe, AKnownTypeIsAnsweredWithoutTheNetworkAndWithoutTheLock) {
     server->lock();
     EXPECT_EQ(Configuration::findServerType(server.get()), ServerTypeOrdinary);
     server->unlock();
+    EXPECT_TRUE(log.messages().empty());
+}
+
+TEST_F(ServerProbe, ACallerThatWaitedAtTheLockTakesTheTypeThatWasFoundMeanwhile) {
+    auto server = unprobed("nobody.example");
+    std::atomic<bool> asking{false};
+    server->lock();
+    std::thread second([&] {
+        asking = true;
+        EXPECT_FALSE(writesFile([&] { EXPECT_EQ(Configuration::findServerType(server.get()), 2); }));
+    });
+    while (!asking)
+        std::this_thread::yield();
+    for (int turns = 0; turns < 1000; ++turns)
+        std::this_thread::yield();
+    server->setServerType(ServerTypeIIS);
+    server->unlock();
+    second.join();
     EXPECT_TRUE(log.messages().empty());
 }
 
