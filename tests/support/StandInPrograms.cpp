@@ -12,10 +12,14 @@ StandInPrograms::StandInPrograms() {
 }
 
 void StandInPrograms::add(const std::string& name, const std::string& commands) {
-    const std::string script = folder_.file(name);
-    writeAll(script,
+    addAt(folder_.file(name), commands);
+}
+
+void StandInPrograms::addAt(const std::string& path, const std::string& commands) {
+    const std::string name = std::filesystem::path(path).filename();
+    writeAll(path,
              "#!/bin/sh\necho \"" + name + " $*\" >> '" + folder_.file("calls") + "'\n" + commands + "\n");
-    std::filesystem::permissions(script, std::filesystem::perms::owner_all);
+    std::filesystem::permissions(path, std::filesystem::perms::owner_all);
 }
 
 std::vector<std::string> StandInPrograms::calls() const {

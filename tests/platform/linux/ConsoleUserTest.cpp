@@ -1,0 +1,165 @@
+// The console user of this system: the login manager's files are played in a mount namespace of a child's own.
+
+#include "platform/ConsoleUser.h"
+
+#include "support/ManualClock.h"
+
+#include <gtest/gtest.h>
+
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <fstream>
+#include <string>
+#include <thread>
+
+using testsupport::ManualClock;
+
+namespace {
+
+constexpr int noNamespace = 77;
+
+platform::ConsoleUser& system() { return platform::consoleUserService.backend(); }
+
+// As the login manager writes its files: in one step.
+void writeFile(const std::string& path, const std::string& content) {
+    std::ofstream(path + ".new") << content;
+    rename((path + ".new").c_str(), path.c_str());
+}
+
+void startLoginManager() {
+    mkdir("/run/systemd", 0755);
+    for (const char* folder : {"/run/systemd/seats", "/run/systemd/sessions", "/run/systemd/users"})
+        mkdir(folder, 0755);
+}
+
+// Puts a session in front of the first seat.
+void sitDown(int user, const std::string& kind = "user") {
+    const std::string number = std::to_string(user);
+    writeFile("/run/systemd/sessions/c" + number, "UID=" + number + "\nCLASS=" + kind + "\nACTIVE=1\n");
+    writeFile("/run/systemd/seats/seat0", "ACTIVE=c" + number + "\nACTIVE_UID=" + number + "\n");
+}
+
+void standUp() { writeFile("/run/systemd/seats/seat0", "IS_SEAT0=1\n"); }
+
+std::string consoleName(std::size_t size = 255) {
+    char name[255];
+    return system().copyName(name, size) ? name : "(nobody)";
+}
+
+bool writeLine(const char* path, const std::string& line) {
+    return static_cast<bool>((std::ofstream(path) << line).flush());
+}
+
+// Only mapped users and groups can own what is made there.
+bool enterNamespace() {
+    const std::string user = "0 " + std::to_string(getuid()) + " 1";
+    const std::string group = "0 " + std::to_string(getgid()) + " 1";
+    return unshare(CLONE_NEWUSER | CLONE_NEWNS) == 0 && writeLine("/proc/self/setgroups", "deny") &&
+           writeLine("/proc/self/uid_map", user) && writeLine("/proc/self/gid_map", group) &&
+           mount("run", "/run", "tmpfs", 0, nullptr) == 0;
+}
+
+// Runs `story` over an empty /run of its own and answers its exit status.
+template <class Story>
+int overEmptyRun(Story story) {
+    std::fflush(nullptr);
+    const pid_t child = fork();
+    if (child == 0) {
+        alarm(10);
+        if (!enterNamespace()) _exit(noNamespace);
+        story();
+        std::fflush(nullptr);
+        _exit(testing::Test::HasFailure() ? 1 : 0);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128;
+}
+
+void expectPassed(int status) {
+    if (status == noNamespace) GTEST_SKIP() << "no mount namespace can be made here";
+    EXPECT_EQ(status, 0);
+}
+
+} // namespace
+
+TEST(ConsoleUser, OfThisSystemIsTheActiveUserOfTheFirstSeat) {
+    expectPassed(overEmptyRun([] {
+        EXPECT_EQ(consoleName(), "(nobody)");
+        startLoginManager();
+        EXPECT_EQ(consoleName(), "(nobody)");
+        sitDown(0);
+        EXPECT_EQ(consoleName(), "root");
+        sitDown(1);
+        EXPECT_EQ(consoleName(), "daemon");
+        standUp();
+        EXPECT_EQ(consoleName(), "(nobody)");
+    }));
+}
+
+TEST(ConsoleUser, OfThisSystemIsNobodyAtALogInScreen) {
+    expectPassed(overEmptyRun([] {
+        startLoginManager();
+        sitDown(1, "greeter");
+        EXPECT_EQ(consoleName(), "(nobody)");
+    }));
+}
+
+TEST(ConsoleUser, OfThisSystemIsNobodyWithoutAnAccount) {
+    expectPassed(overEmptyRun([] {
+        startLoginManager();
+        sitDown(3999999);
+        EXPECT_EQ(consoleName(), "(nobody)");
+    }));
+}
+
+TEST(ConsoleUser, OfThisSystemMustFitIntoTheBuffer) {
+    expectPassed(overEmptyRun([] {
+        startLoginManager();
+        sitDown(0);
+        EXPECT_EQ(consoleName(5), "root");
+        EXPECT_EQ(consoleName(4), "(nobody)");
+    }));
+}
+
+TEST(ConsoleUser, OfThisSystemIsWatched) {
+    expectPassed(overEmptyRun([] {
+        startLoginManager();
+        sitDown(0);
+        auto* watch = system().create(
+            "name", [](const void*, const void*, void*) { _exit(consoleName() == "daemon" ? 0 : 2); });
+        std::thread([] { sitDown(1); }).detach();
+        system().run(watch);
+    }));
+}
+
+TEST(ConsoleUser, OfThisSystemIsWatchedOnceTheLoginManagerIsThere) {
+    expectPassed(overEmptyRun([] {
+        auto* watch = system().create(
+            "name", [](const void*, const void*, void*) { _exit(consoleName() == "root" ? 0 : 2); });
+        std::thread([] {
+            EXPECT_TRUE(ManualClock::installed().waitForSleepers(1));
+            startLoginManager();
+            sitDown(0);
+            ManualClock::installed().advanceSeconds(10);
+        }).detach();
+        system().run(watch);
+    }));
+}
+
+TEST(ConsoleUser, OfThisSystemGivesItsDescriptorBackAtTheRelease) {
+    expectPassed(overEmptyRun([] {
+        startLoginManager();
+        auto* watch = system().create("name", [](const void*, const void*, void*) {});
+        ASSERT_NE(watch, nullptr);
+        const int behind = dup(0);
+        system().release(watch);
+        // The session's descriptor is free again.
+        EXPECT_EQ(dup(0), behind - 1);
+    }));
+}
