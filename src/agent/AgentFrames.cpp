@@ -29,8 +29,8 @@ AgentFrameStep readAgentFrame(const char* bytes, std::size_t held, std::size_t o
 
     frame.type = platform::readBig32(start + 4);
     frame.sequence = platform::readBig32(start + 8);
-    // Deliberate: the body runs on to the end of all bytes held or to the first NUL, which any following
-    // frame's length field begins with. The frame's own length does not end it.
+    // Deliberate: the body runs on to the end of all bytes held or to the first NUL, which the length field of
+    // any following frame below 16 MiB begins with. The frame's own length does not end it.
     frame.body = start + agentFrameHeader;
     frame.bodyLength = strnlen(frame.body, left - agentFrameHeader);
     // A length of 0 would repeat this frame for ever; it ends the reading of these bytes.

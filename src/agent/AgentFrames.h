@@ -13,9 +13,10 @@ constexpr std::size_t agentFrameHeader = 12;
 constexpr std::size_t agentPolicyFrameSpace = 5008;
 constexpr std::size_t agentOtherFrameSpace = 512;
 
-// No frame is as long as this: from here on a length field could begin with a byte other than NUL, which is
-// what separates two frames that arrive together.
-constexpr std::uint32_t agentFrameLimit = 1u << 24;
+// From here on a length is none: it is how printable text or a TLS record begins, and more than the daemon is
+// to hold for one answer. Below it all are read, those of 16 MiB and more too, whose length field does not
+// begin with NUL and so does not end a body in front of it.
+constexpr std::uint32_t agentFrameLimit = 1u << 27;
 
 enum AgentFrameType : std::uint32_t {
     agentPolicyFrame = 1,

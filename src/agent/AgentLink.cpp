@@ -25,7 +25,7 @@ bool AgentLink::sendBytes(const char* frame, std::size_t length, int& error) {
         return false;
     }
     GPMutexLock lock(&commandMutex);
-    // A closed socket's descriptor may belong to somebody else by now.
+    // Closed since the caller looked, or just being replaced by a socket that somebody else still opens.
     if (opened != 1) {
         error = ENOTCONN;
         return false;
@@ -34,6 +34,12 @@ bool AgentLink::sendBytes(const char* frame, std::size_t length, int& error) {
     const bool sent = socket.load()->send(frame, static_cast<int>(length));
     error = errno;
     return sent;
+}
+
+void AgentLink::replaceSocket(GPSockets* replacement) {
+    GPMutexLock lock(&commandMutex);
+    opened = 0;
+    socket = replacement;
 }
 
 void AgentLink::closeSocket() {

@@ -45,6 +45,10 @@ struct AgentLink {
         return sendBytes(frame, buildAgentFrame(frame, Space, type, sequence, body), error);
     }
 
+    // Marks the link as closed and puts another socket object in place, which is then the caller's to open: no
+    // frame goes out on it before `opened` is set. The object that was there before keeps its reference.
+    void replaceSocket(GPSockets* replacement);
+
     // Close and reopen the current socket object between two frames, never inside one.
     void closeSocket();
     void reopenSocket();

@@ -102,8 +102,7 @@ void OstComm::ReConnect() {
 // other threads may still be sending on it.
 void OstComm::connect() {
     GPSockets* socket = makeLinkSocket();
-    agentLink.opened = 0;
-    agentLink.socket = socket;
+    agentLink.replaceSocket(socket);
     if (!socket->openConnection()) {
         logf("WARNING: Socket open error in OstComm.");
         return;

@@ -7,7 +7,7 @@
 // There is one instance, made at the first call of Instance and never destroyed. The connection's state is
 // class-wide, so that a reconnect needs no object. Any thread may call any operation but ReConnect, which
 // belongs to the reader thread. Lock order: none of the three locks is held while another is taken, except
-// that a frame is sent under commandMutex while a connect or a reconnect holds instanceMutex.
+// that a connect or a reconnect, which holds instanceMutex, changes the socket and sends under commandMutex.
 
 #include "gp/GPObject.h"
 

@@ -11,11 +11,11 @@
 namespace {
 
 void drop(GPList* cache, QueryCacheEntry* entry) {
-    cache->removeObject(entry);
     if (Configuration::isLogLevel(128))
         logf("--- removed 0x%x from cache (%s); count=%d",
              static_cast<unsigned>(reinterpret_cast<std::uintptr_t>(entry)), entry->url->cstr(),
              cache->count());
+    cache->removeObject(entry);
     entry->release();
 }
 

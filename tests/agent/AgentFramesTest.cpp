@@ -139,6 +139,26 @@ TEST(AgentFrames, AnAbsurdLengthBreaksTheStreamAtOnce) {
     EXPECT_EQ(stepOf("HTTP/1.1 400 Bad Request\r\n"), AgentFrameStep::broken);
 }
 
+TEST(AgentFrames, AFrameOf16MiBIsRead) {
+    const std::string whole = AgentStandIn::frame(1, 6, std::string((1u << 24) - agentFrameHeader, 'x'));
+    AgentFrame frame;
+    std::string body;
+    ASSERT_EQ(read(whole, 0, frame, body), AgentFrameStep::frame);
+    EXPECT_EQ(frame.sequence, 6u);
+    EXPECT_EQ(body.size(), whole.size() - agentFrameHeader);
+    EXPECT_EQ(frame.next, whole.size());
+}
+
+TEST(AgentFrames, ABodyInFrontOfAFrameOf16MiBTakesInTheFirstByteOfItsLength) {
+    AgentFrame frame;
+    std::string body;
+    const std::string bytes =
+        AgentStandIn::frame(1, 1, "{}") + AgentStandIn::frameOfLength(1u << 24, 1, 2, "");
+    ASSERT_EQ(read(bytes, 0, frame, body), AgentFrameStep::frame);
+    EXPECT_EQ(body, "{}\x01");
+    EXPECT_EQ(read(bytes, frame.next, frame, body), AgentFrameStep::needMore);
+}
+
 TEST(AgentFrames, AnyBytesAreReadToAnEndInBoundedSteps) {
     std::uint32_t state = 12345;
     const auto random = [&state] { return state = state * 1664525 + 1013904223; };

@@ -4,6 +4,7 @@
 #include "agent/UpdatePrompts.h"
 #include "config/Configuration.h"
 #include "gp/GPDate.h"
+#include "gp/GPSockets.h"
 #include "gp/GPString.h"
 #include "gp/Owned.h"
 #include "platform/ByteOrder.h"
@@ -91,6 +92,16 @@ TEST_F(OstCommTest, TheCachedUserNameGoesOutWithVersionAndHardwareUuid) {
                              R"("udid":"11111111-2222-3333-4444-555555555555"})";
     EXPECT_EQ(body.size(), 104u);
     EXPECT_EQ(firstLogon.bytes, std::string("\0\0\0\x74\0\0\0\x03\0\0\0\x01", 12) + body);
+}
+
+TEST_F(OstCommTest, TheSocketGoesToPort3456OfTheLoopbackAddressAndWaitsFiveSeconds) {
+    connected();
+    const GPSockets* socket = agentLink.socket;
+    EXPECT_EQ(socket->port(), 3456);
+    EXPECT_STREQ(socket->server(), "127.0.0.1");
+    EXPECT_EQ(socket->timeout(), 5);
+    EXPECT_STREQ(agentLink.name->cstr(), "127.0.0.1");
+    EXPECT_STREQ(agentLink.hostIPAddress->cstr(), "127.0.0.1");
 }
 
 TEST_F(OstCommTest, ThereIsOneInstanceAndItsClassNameIsOstComm) {

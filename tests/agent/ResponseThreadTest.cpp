@@ -5,14 +5,17 @@
 #include "agent/UpdatePrompts.h"
 #include "config/Configuration.h"
 #include "gp/GPDate.h"
+#include "gp/GPSockets.h"
 #include "gp/GPString.h"
 #include "gp/Owned.h"
 #include "support/AgentLinkWorld.h"
 #include "support/ManualClock.h"
 
 #include <gtest/gtest.h>
+#include <sys/socket.h>
 
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <future>
 #include <memory>
@@ -193,6 +196,33 @@ TEST_F(ResponseThreadTest, AReconnectWakesTheHeadOfTheWaitersAloneWithAnEmptyAns
     // The later one still has its place: a reply over the new connection reaches it.
     agent.reply(later.sequence, "{later}");
     EXPECT_EQ(later.asker.answer(), "{later}");
+}
+
+TEST_F(ResponseThreadTest, AReconnectNeitherClosesNorReleasesTheOldSocketObject) {
+    GPSockets* old = agentLink.socket;
+    agent.closeConnection();
+    awaitReconnect(2);
+    expectService();
+    EXPECT_NE(agentLink.socket.load(), old);
+    EXPECT_EQ(old->retainonly(), 2);
+    EXPECT_EQ(old->releaseonly(), 1);
+    // A closed object refuses with EBADF; this one still has its descriptor, whose peer is gone.
+    errno = 0;
+    old->send("x", 1);
+    EXPECT_NE(errno, EBADF);
+}
+
+TEST_F(ResponseThreadTest, AReconnectThatCannotOpenASocketLeavesTheLinkClosedForGood) {
+    Request interrupted = ask("http://interrupted/");
+    world.names.forget("127.0.0.1", AF_INET);
+    agent.closeConnection();
+    EXPECT_EQ(interrupted.asker.answer(), "");
+    world.awaitLog("WARNING: Socket open error in OstComm.");
+    world.names.answer("127.0.0.1", AF_INET, {"127.0.0.1"});
+    EXPECT_EQ(Asker("http://after/").answer(), "{BOF}");
+    EXPECT_FALSE(link->isOpened());
+    while (agentLink.responseThreadRunning == 1)
+        std::this_thread::yield();
 }
 
 TEST_F(ResponseThreadTest, AnEntryWithoutAWaiterAtTheHeadHidesTheWaitersFromAReconnect) {

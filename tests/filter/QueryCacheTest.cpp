@@ -60,13 +60,14 @@ TEST_F(QueryCacheTest, TheEntryBehindAnExpiredOneIsSteppedOver) {
     EXPECT_TRUE(isInQueryCache(&cache, "http://live/"));
 }
 
-TEST_F(QueryCacheTest, ADroppedEntryIsLoggedAtLevel128AndGivesBothItsReferencesBack) {
+TEST_F(QueryCacheTest, ADroppedEntryIsLoggedAtLevel128WhileItStillCountsAndGivesBothItsReferencesBack) {
     Configuration::setLogLevel(128);
     QueryCacheEntry* entry = add("http://old/", 1);
     entry->retain();
     ManualClock::installed().advanceSeconds(2);
     isInQueryCache(&cache, "http://x/");
-    EXPECT_EQ(log.countContaining("from cache (http://old/); count=0"), 1);
+    EXPECT_EQ(log.countContaining("from cache (http://old/); count=1"), 1);
+    EXPECT_EQ(cache.count(), 0);
     EXPECT_EQ(entry->retainonly(), 2);
     entry->releaseonly();
     entry->release();

@@ -3,10 +3,14 @@
 #include "platform/linux/DialogProgram.h"
 #include "support/ManualClock.h"
 #include "support/TemporaryFolder.h"
+#include "support/TestChild.h"
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <future>
@@ -67,6 +71,7 @@ TEST_F(UserDialogTest, TheAnswerArrivesWhereTheEndOfChildrenIsIgnored) {
     signal(SIGCHLD, SIG_IGN);
     installProgram("zenity", "exit 1\n");
     EXPECT_EQ(showAndWait(60), platform::notificationAlternateResponse);
+    signal(SIGCHLD, SIG_DFL);
 }
 
 TEST_F(UserDialogTest, TheProgramIsGivenTheTextsOfTheDictionary) {
@@ -140,6 +145,23 @@ TEST_F(UserDialogTest, ACancelTakesTheProgramAway) {
     EXPECT_EQ(flags, platform::notificationCancelResponse);
     EXPECT_EQ(testsupport::readAll(folder.file("end")), "gone\n");
     dialogs.release(dialog);
+}
+
+TEST_F(UserDialogTest, WhereTheProgramsProcessCannotBeMadeTheDialogEndsAndNoOtherProcessIsSignalled) {
+    if (getuid() != 0) GTEST_SKIP() << "needs a user of its own to count processes for";
+    installProgram("zenity", "exit 0\n");
+    chmod(folder.path().c_str(), 0755);
+    EXPECT_TRUE(testsupport::passesInChild([this] {
+        // This process and the dialog's helper, no third one; a signal to all would reach these two.
+        const auto lonelyUser = static_cast<uid_t>(60000 + getpid() % 5000);
+        const rlimit two = {2, 2};
+        ASSERT_EQ(setgid(lonelyUser), 0);
+        ASSERT_EQ(setuid(lonelyUser), 0);
+        ASSERT_EQ(setrlimit(RLIMIT_NPROC, &two), 0);
+        const auto start = std::chrono::steady_clock::now();
+        EXPECT_EQ(showAndWait(60), platform::notificationCancelResponse);
+        EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
+    }));
 }
 
 TEST_F(UserDialogTest, ATimeoutTakesTheProgramAway) {

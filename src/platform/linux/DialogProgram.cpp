@@ -14,6 +14,9 @@
 namespace platform {
 namespace {
 
+// The exit status of a program that could not be run.
+constexpr char noProgram = 127;
+
 const std::string& textOf(const NotificationDictionary& dictionary, NotificationKey key) {
     static const std::string none;
     for (const auto& entry : dictionary) {
@@ -35,7 +38,12 @@ bool isKdialog(const std::string& program) {
     for (int ignored : {SIGCHLD, SIGPIPE, SIGTERM, SIGINT})
         signal(ignored, SIG_DFL);
     execv(arguments[0], arguments);
-    _exit(127);
+    _exit(noProgram);
+}
+
+[[noreturn]] void endHelper(int answer, char code) {
+    [[maybe_unused]] const ssize_t written = write(answer, &code, 1);
+    _exit(0);
 }
 
 // The helper process: waits for the program's end, or for that of the control connection, and reports the exit
@@ -50,6 +58,8 @@ bool isKdialog(const std::string& program) {
     const int ends = signalfd(-1, &childEnds, SFD_CLOEXEC);
     const pid_t program = fork();
     if (program == 0) runProgram(arguments);
+    // Without a program there is none to wait for, and signalling it would signal every process there is.
+    if (program < 0) endHelper(answer, noProgram);
 
     pollfd waited[2] = {{ends, POLLIN, 0}, {control, POLLIN, 0}};
     while (poll(waited, 2, -1) < 0 && errno == EINTR) {
@@ -57,9 +67,7 @@ bool isKdialog(const std::string& program) {
     if (waited[0].revents == 0) kill(program, SIGTERM);
     int status = 0;
     waitpid(program, &status, 0);
-    const char code = WIFEXITED(status) ? static_cast<char>(WEXITSTATUS(status)) : static_cast<char>(127);
-    [[maybe_unused]] const ssize_t written = write(answer, &code, 1);
-    _exit(0);
+    endHelper(answer, WIFEXITED(status) ? static_cast<char>(WEXITSTATUS(status)) : noProgram);
 }
 
 } // namespace
