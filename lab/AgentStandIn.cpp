@@ -184,6 +184,7 @@ void AgentStandIn::readLink(int link) {
 void AgentStandIn::handleFrame(std::uint32_t type, std::uint32_t sequence, const std::string& body) {
     if (type == logonFrame) {
         ++counters_.logons;
+        counters_.linked = true;
         for (const std::string& push : policy_.pushes()) {
             sendFrame(configurationFrame, nextSequence_++, push);
             ++counters_.pushes;
@@ -281,6 +282,7 @@ void AgentStandIn::sendDueSlow() {
 void AgentStandIn::closeLink() {
     if (link_ >= 0) close(link_);
     link_ = -1;
+    counters_.linked = false;
     deferring_ = false;
     deferred_.clear();
 }

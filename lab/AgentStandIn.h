@@ -74,6 +74,7 @@ public:
         long logons = 0;      // logon frames received
         long drops = 0;       // of these, links closed instead of an answer
         long pushes = 0;      // configuration frames sent
+        bool linked = false;  // a logon has come on the link that is open
     };
     Counters counters();
 

@@ -1,6 +1,7 @@
 #include "lab/DaemonProcess.h"
 
 #include "app/Switches.h"
+#include "lab/EmptyConsole.h"
 #include "lab/OfflineNames.h"
 #include "platform/HostPaths.h"
 
@@ -66,6 +67,7 @@ void DaemonProcess::runChild(int output, const std::vector<int>& foreign) {
     platform::HostPaths::setRoot(root_.path().c_str());
     platform::clockService.install(clock_);
     platform::nameLookupService.install(offlineNames());
+    platform::consoleUserService.install(emptyConsole());
 
     char program[] = "fernhill";
     char echo[] = "-logecho";

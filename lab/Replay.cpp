@@ -221,8 +221,8 @@ AgentStandIn::Counters Replay::awaitQuestions() {
             seen = counters;
             if (counters.pushes > pushesTaken_) return true;
             inside = std::max(0L, queries_ - counters.answers - queryThreads);
-            const bool linked = counters.drops == 0 || counters.logons > counters.drops;
-            return linked && counters.questions - counters.repeats >= queries_ - lostQuestions_ - inside &&
+            return (counters.drops == 0 || counters.linked) &&
+                   counters.questions - counters.repeats >= queries_ - lostQuestions_ - inside &&
                    counters.repeats == counters.retriesSent;
         },
         settleMilliseconds);

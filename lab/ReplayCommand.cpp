@@ -2,6 +2,7 @@
 
 #include "lab/PrivateNetwork.h"
 #include "lab/Replay.h"
+#include "lab/Stage.h"
 
 #include <fmt/format.h>
 
@@ -18,8 +19,6 @@ namespace {
 // pushes, the line at which a configuration frame has been taken in.
 constexpr int verdictLogLevel = 64;
 constexpr int agentLogLevel = 1;
-
-constexpr int startMilliseconds = 10000;
 
 using File = std::unique_ptr<std::FILE, int (*)(std::FILE*)>;
 
@@ -43,33 +42,6 @@ std::int64_t firstTime(const std::vector<CaptureFacts>& facts) {
     return 0;
 }
 
-// What both ends of a replay stand on, in the order of making; the daemon ends first.
-struct Stage {
-    Stage(const ReplayOptions& options, Policy policy, std::int64_t time)
-        : root(options.root), extension(root.path()), agent(std::move(policy), false), daemon(root, clock) {
-        clock.set(time);
-    }
-
-    // False when the daemon does not come to its control sockets.
-    bool raise() {
-        extension.listen();
-        agent.listen();
-        std::vector<int> foreign = extension.descriptors();
-        for (int descriptor : agent.descriptors())
-            foreign.push_back(descriptor);
-        daemon.start(foreign);
-        extension.start();
-        agent.start();
-        return extension.waitForDaemon(startMilliseconds);
-    }
-
-    const ScratchRoot root;
-    PlayedClock clock;
-    ExtensionStandIn extension;
-    AgentStandIn agent;
-    DaemonProcess daemon;
-};
-
 } // namespace
 
 int replay(const ReplayOptions& options) {
@@ -84,7 +56,7 @@ int replay(const ReplayOptions& options) {
 
     enterPrivateNetwork();
     const int logLevel = verdictLogLevel | (policy.pushes().empty() ? 0 : agentLogLevel);
-    Stage stage(options, std::move(policy), firstTime(facts));
+    Stage stage(options.root, std::move(policy), firstTime(facts));
     stage.root.configure(options.blockOnFailure, logLevel);
     if (!stage.raise()) {
         stage.daemon.stop();

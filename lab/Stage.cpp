@@ -1,0 +1,29 @@
+#include "lab/Stage.h"
+
+#include <utility>
+
+namespace lab {
+namespace {
+
+constexpr int startMilliseconds = 10000;
+
+} // namespace
+
+Stage::Stage(const std::string& rootPath, Policy policy, std::int64_t time)
+    : root(rootPath), extension(root.path()), agent(std::move(policy), false), daemon(root, clock) {
+    clock.set(time);
+}
+
+bool Stage::raise(bool withAgent) {
+    extension.listen();
+    if (withAgent) agent.listen();
+    std::vector<int> foreign = extension.descriptors();
+    for (int descriptor : agent.descriptors())
+        foreign.push_back(descriptor);
+    daemon.start(foreign);
+    extension.start();
+    if (withAgent) agent.start();
+    return extension.waitForDaemon(startMilliseconds);
+}
+
+} // namespace lab

@@ -1,0 +1,32 @@
+#pragma once
+
+// The daemon with all that it stands on: a scratch root, the played clock, and the stand-ins at both its ends.
+
+#include "lab/AgentStandIn.h"
+#include "lab/DaemonProcess.h"
+#include "lab/ExtensionStandIn.h"
+#include "lab/PlayedClock.h"
+#include "lab/ScratchRoot.h"
+
+#include <cstdint>
+#include <string>
+
+namespace lab {
+
+struct Stage {
+    // The root as for ScratchRoot; the time in microseconds since the epoch. Throws InputError.
+    Stage(const std::string& rootPath, Policy policy, std::int64_t time);
+
+    // Starts everything, or all but the agent, which then does not even listen. To be called before any other
+    // thread is started. False when the daemon does not come to its control sockets.
+    bool raise(bool withAgent = true);
+
+    // In the order of making: the daemon ends before the sockets close.
+    const ScratchRoot root;
+    PlayedClock clock;
+    ExtensionStandIn extension;
+    AgentStandIn agent;
+    DaemonProcess daemon;
+};
+
+} // namespace lab

@@ -1,0 +1,304 @@
+#include "lab/AgentStandIn.h"
+
+#include "platform/ByteOrder.h"
+#include "support/FixedPorts.h"
+
+#include <gtest/gtest.h>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace {
+
+using lab::AgentStandIn;
+using lab::Policy;
+
+constexpr int patience = 5000;
+
+// The daemon's end of a connection to the stand-in.
+class Client {
+public:
+    explicit Client(int port) : socket_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_port = htons(static_cast<std::uint16_t>(port));
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        EXPECT_EQ(connect(socket_, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    }
+    ~Client() { close(socket_); }
+    Client(const Client&) = delete;
+    Client& operator=(const Client&) = delete;
+
+    void send(const std::string& bytes) {
+        EXPECT_EQ(::send(socket_, bytes.data(), bytes.size(), MSG_NOSIGNAL),
+                  static_cast<ssize_t>(bytes.size()));
+    }
+
+    // Logs on, or asks about a URL.
+    void logOn() { send(AgentStandIn::frame(3, 1, "{}")); }
+    void ask(std::uint32_t sequence, const std::string& url) {
+        send(AgentStandIn::frame(1, sequence, "{\"url\":\"" + url + "\"}"));
+    }
+
+    // The next frame as "TYPE SEQUENCE BODY"; "closed" at the end of the link.
+    std::string frame() {
+        while (received_.size() < 12 || received_.size() < platform::readBig32(received_.data())) {
+            if (!receive()) return "closed";
+        }
+        const std::size_t length = platform::readBig32(received_.data());
+        const std::string text = std::to_string(platform::readBig32(received_.data() + 4)) + " " +
+                                 std::to_string(platform::readBig32(received_.data() + 8)) + " " +
+                                 received_.substr(12, length - 12);
+        received_.erase(0, length);
+        return text;
+    }
+
+    // All bytes up to the end of the link.
+    std::string rest() {
+        while (receive()) {
+        }
+        return received_;
+    }
+
+    // Whether nothing has come.
+    bool quiet() {
+        pollfd waiting{socket_, POLLIN, 0};
+        return received_.empty() && poll(&waiting, 1, 0) == 0;
+    }
+
+private:
+    bool receive() {
+        char buffer[4096];
+        pollfd waiting{socket_, POLLIN, 0};
+        if (poll(&waiting, 1, patience) != 1) return false;
+        const ssize_t count = recv(socket_, buffer, sizeof buffer, 0);
+        if (count <= 0) return false;
+        received_.append(buffer, static_cast<std::size_t>(count));
+        return true;
+    }
+
+    int socket_;
+    std::string received_;
+};
+
+class AgentStandInTest : public testing::Test {
+protected:
+    // Starts an agent with this policy and a client on its link.
+    void start(const std::string& policy, bool ownTime = false) {
+        testsupport::claimFixedPorts();
+        agent_ = std::make_unique<AgentStandIn>(Policy::parse(policy, "policy"), ownTime);
+        agent_->listen();
+        agent_->start();
+        client_ = std::make_unique<Client>(AgentStandIn::linkPort);
+    }
+
+    bool awaitQuestions(long count) {
+        return agent_->waitUntil([&](const auto& counters) { return counters.questions >= count; }, patience);
+    }
+
+    std::unique_ptr<AgentStandIn> agent_;
+    std::unique_ptr<Client> client_;
+};
+
+TEST_F(AgentStandInTest, AnAllowedUrlIsAnsweredWithEmptyBracesUnderItsNumber) {
+    start("allow *");
+    client_->ask(7, "http://a/");
+    EXPECT_EQ(client_->frame(), "1 7 {}");
+    EXPECT_EQ(agent_->counters().answers, 1);
+}
+
+TEST_F(AgentStandInTest, ABlockedUrlsRedirectHasNoBlankBehindTheColon) {
+    start("block * http://localhost:6543/b");
+    client_->ask(8, "http://a/");
+    EXPECT_EQ(client_->frame(), "1 8 {\"redirect\":\"http://localhost:6543/b\"}");
+}
+
+TEST_F(AgentStandInTest, TheUrlIsTakenByItsPositionWhateverItHolds) {
+    start("silent *");
+    client_->ask(1, "http://a/\"}\\{\"url\":\"");
+    ASSERT_TRUE(awaitQuestions(1));
+    EXPECT_EQ(agent_->takeQuestions().at(0).url, "http://a/\"}\\{\"url\":\"");
+    EXPECT_TRUE(agent_->takeQuestions().empty());
+}
+
+TEST_F(AgentStandInTest, ABodyTooShortForAUrlIsAQuestionAboutNothing) {
+    start("allow *");
+    client_->send(AgentStandIn::frame(1, 3, "{}"));
+    EXPECT_EQ(client_->frame(), "1 3 {}");
+    EXPECT_EQ(agent_->takeQuestions().at(0).url, "");
+}
+
+TEST_F(AgentStandInTest, ASilentAgentNeverAnswersAndGoesOn) {
+    start("silent http://a/\n");
+    client_->ask(1, "http://a/");
+    client_->ask(2, "http://b/");
+    EXPECT_EQ(client_->frame(), "1 2 {}");
+    EXPECT_EQ(agent_->counters().questions, 2);
+    EXPECT_EQ(agent_->counters().answers, 1);
+}
+
+TEST_F(AgentStandInTest, GarbleAnswersWithNonsense) {
+    start("garble *");
+    client_->ask(1, "http://a/");
+    EXPECT_EQ(client_->frame(), "1 1 <<<this is no answer>>>");
+    EXPECT_EQ(agent_->counters().answers, 1);
+}
+
+TEST_F(AgentStandInTest, RetryAsksToBeAskedAgainThatOftenThenTheNextRuleAnswers) {
+    start("retry 2 *\nblock * http://page/");
+    for (std::uint32_t number : {1u, 2u}) {
+        client_->ask(number, "http://a/");
+        EXPECT_EQ(client_->frame(), "1 " + std::to_string(number) + R"( {"error":"TW Host lookup timeout"})");
+    }
+    client_->ask(3, "http://a/");
+    EXPECT_EQ(client_->frame(), "1 3 {\"redirect\":\"http://page/\"}");
+    const auto counters = agent_->counters();
+    EXPECT_EQ(counters.questions, 3);
+    EXPECT_EQ(counters.retriesSent, 2);
+    EXPECT_EQ(counters.repeats, 2);
+    EXPECT_EQ(counters.answers, 1);
+    const auto questions = agent_->takeQuestions();
+    EXPECT_FALSE(questions.at(0).repeated);
+    EXPECT_TRUE(questions.at(1).repeated && questions.at(2).repeated);
+}
+
+TEST_F(AgentStandInTest, DropClosesTheLinkInsteadOfAnsweringAndTakesTheNextLink) {
+    start("drop http://a/");
+    client_->ask(1, "http://a/");
+    EXPECT_EQ(client_->frame(), "closed");
+    EXPECT_EQ(agent_->counters().drops, 1);
+    client_ = std::make_unique<Client>(AgentStandIn::linkPort);
+    client_->ask(2, "http://b/");
+    EXPECT_EQ(client_->frame(), "1 2 {}");
+}
+
+TEST_F(AgentStandInTest, ASlowAnswerWaitsUntilItsTimeHasBeenPlayed) {
+    start("slow 700 http://a/");
+    client_->ask(1, "http://a/");
+    client_->ask(2, "http://b/");
+    EXPECT_EQ(client_->frame(), "1 2 {}");
+    const auto slow = agent_->takeSlow();
+    ASSERT_EQ(slow.size(), 1u);
+    EXPECT_EQ(slow[0].url, "http://a/");
+    EXPECT_EQ(slow[0].milliseconds, 700);
+    EXPECT_TRUE(agent_->takeSlow().empty());
+    EXPECT_TRUE(client_->quiet());
+    agent_->sendSlow(slow[0]);
+    EXPECT_EQ(client_->frame(), "1 1 {}");
+}
+
+TEST_F(AgentStandInTest, InItsOwnTimeASlowAnswerLeavesByItself) {
+    start("slow 20 *", true);
+    client_->ask(1, "http://a/");
+    EXPECT_EQ(client_->frame(), "1 1 {}");
+    EXPECT_TRUE(agent_->takeSlow().empty());
+}
+
+TEST_F(AgentStandInTest, APushFollowsEachLogon) {
+    start("push {\"bypass_on_failure\":false}\npush {\"a\":1}");
+    EXPECT_TRUE(client_->quiet());
+    for (int i = 0; i < 2; ++i) {
+        client_->logOn();
+        EXPECT_EQ(client_->frame().substr(13), R"({"bypass_on_failure":false,"update_url":"","end":1})");
+        const std::string second = client_->frame();
+        EXPECT_EQ(second.substr(0, 2), "5 ");
+        EXPECT_EQ(second.substr(13), R"({"a":1,"update_url":"","end":1})");
+    }
+    EXPECT_EQ(agent_->counters().pushes, 4);
+    EXPECT_EQ(agent_->counters().logons, 2);
+}
+
+TEST_F(AgentStandInTest, QuestionsBehindAPushWaitUntilItHasBeenTakenIn) {
+    start("push {}\nblock http://a/ http://page/");
+    client_->logOn();
+    EXPECT_EQ(client_->frame().substr(0, 2), "5 ");
+    client_->ask(1, "http://a/");
+    client_->ask(2, "http://b/");
+    client_->logOn();
+    EXPECT_EQ(client_->frame().substr(0, 2), "5 ");
+    EXPECT_EQ(agent_->counters().questions, 0);
+    EXPECT_TRUE(client_->quiet());
+    agent_->answerDeferred();
+    EXPECT_EQ(client_->frame(), "1 1 {\"redirect\":\"http://page/\"}");
+    EXPECT_EQ(client_->frame(), "1 2 {}");
+    client_->ask(3, "http://b/");
+    EXPECT_EQ(client_->frame(), "1 3 {}");
+}
+
+TEST_F(AgentStandInTest, FramesMayComeInPiecesAndSeveralAtOnce) {
+    start("allow *");
+    const std::string both =
+        AgentStandIn::frame(3, 1, "{}") + AgentStandIn::frame(1, 2, R"({"url":"http://a/"})");
+    client_->send(both.substr(0, 5));
+    client_->send(both.substr(5, 13));
+    client_->send(both.substr(18));
+    EXPECT_EQ(client_->frame(), "1 2 {}");
+    EXPECT_EQ(agent_->counters().logons, 1);
+}
+
+TEST_F(AgentStandInTest, FramesOfOtherTypesAreNotAnswered) {
+    start("allow *");
+    client_->send(AgentStandIn::frame(4, 1, "{}") + AgentStandIn::frame(99, 2, ""));
+    client_->ask(3, "http://a/");
+    EXPECT_EQ(client_->frame(), "1 3 {}");
+}
+
+TEST_F(AgentStandInTest, ALengthThatCannotBeClosesTheLink) {
+    start("allow *");
+    client_->send(std::string("\0\0\0\x0b", 4) + std::string(8, '\0'));
+    EXPECT_EQ(client_->frame(), "closed");
+    Client other(AgentStandIn::linkPort);
+    other.send(std::string("\x7f\0\0\0", 4) + std::string(8, '\0'));
+    EXPECT_EQ(other.frame(), "closed");
+}
+
+TEST_F(AgentStandInTest, ANewLinkReplacesTheOneBefore) {
+    start("allow *");
+    client_->ask(1, "http://a/");
+    EXPECT_EQ(client_->frame(), "1 1 {}");
+    Client second(AgentStandIn::linkPort);
+    EXPECT_EQ(client_->frame(), "closed");
+    second.ask(2, "http://a/");
+    EXPECT_EQ(second.frame(), "1 2 {}");
+}
+
+TEST_F(AgentStandInTest, TheLinkCountsAsLinkedFromItsLogonToItsEnd) {
+    start("drop *");
+    EXPECT_FALSE(agent_->counters().linked);
+    client_->logOn();
+    EXPECT_TRUE(agent_->waitUntil([](const auto& counters) { return counters.linked; }, patience));
+    client_->ask(1, "http://a/");
+    EXPECT_EQ(client_->frame(), "closed");
+    EXPECT_FALSE(agent_->counters().linked);
+}
+
+TEST_F(AgentStandInTest, TheBlockPageIsServedOnItsPort) {
+    start("allow *");
+    Client browser(AgentStandIn::pagePort);
+    browser.send("GET /shop HTTP/1.1\r\nHost: localhost:6543\r\n\r\n");
+    const std::string page = browser.rest();
+    EXPECT_EQ(page.rfind("HTTP/1.1 200 OK\r\n", 0), 0u) << page;
+    EXPECT_NE(page.find("This page is blocked"), std::string::npos);
+}
+
+TEST_F(AgentStandInTest, APortThatIsTakenIsAnErrorThatNamesIt) {
+    start("allow *");
+    AgentStandIn second(Policy::parse("", "policy"), false);
+    try {
+        second.listen();
+        FAIL() << "no error";
+    } catch (const lab::InputError& error) {
+        EXPECT_STREQ(error.what(),
+                     "127.0.0.1:3456: Address already in use (is an agent or another lab running?)");
+    }
+}
+
+} // namespace
