@@ -1,6 +1,13 @@
 #include "agent/Updater.h"
 
+#include "gp/GPArray.h"
+#include "gp/GPFilesystem.h"
+#include "gp/GPHTTP.h"
+#include "gp/GPLog.h"
 #include "gp/GPString.h"
+#include "gp/GPTask.h"
+#include "gp/Owned.h"
+#include "platform/HostPaths.h"
 
 namespace {
 
@@ -10,6 +17,34 @@ constexpr int patchVersion = 2;
 
 GPString* exeFilePath = nullptr;
 GPString* updaterVersionString = nullptr;
+GPString* updaterEncodedVersionString = nullptr;
+
+constexpr char waitingExecutable[] = "twupdate";
+
+GPString* fieldAt(GPArray& fields, int index) { return static_cast<GPString*>(fields.objectAtIndex(index)); }
+
+int numberAt(GPArray& fields, int index) {
+    GPString* field = fieldAt(fields, index);
+    return field ? field->intValue() : 0;
+}
+
+// Neither the end nor the output of an update's commands is looked at.
+void runCommand(GPString* command, bool wait) {
+    logf("command %s\n", command->cstr());
+    Owned<GPString>::adopt(GPTask::task(command->cstr(), wait, false));
+}
+
+// Unpacks the package into a folder named after it and starts the script that lies there.
+void installPackage(GPString* path, int dot) {
+    const auto directory = Owned<GPString>::adopt(path->copy());
+    directory->subString(0, dot);
+    const auto unpack =
+        Owned<GPString>::adopt(GPString::format("unzip %s -d %s", path->cstr(), directory->cstr()));
+    runCommand(unpack.get(), true);
+    const auto install = Owned<GPString>::adopt(
+        GPString::format("sudo %s/update.cmd %s ", directory->cstr(), directory->cstr()));
+    runCommand(install.get(), false);
+}
 
 } // namespace
 
@@ -35,4 +70,63 @@ const char* Updater::versionString() {
     return updaterVersionString->cstr();
 }
 
-bool Updater::finishUpdate(const char*) { return false; }
+char* Updater::encodedVersionString() {
+    if (!updaterEncodedVersionString) {
+        updaterEncodedVersionString = GPString::staticstring(versionString());
+        updaterEncodedVersionString->encode();
+    }
+    return updaterEncodedVersionString->charAtIndex(0);
+}
+
+int Updater::versionCompare(GPString* a, GPString* b) {
+    int first[3];
+    int second[3];
+    getVersion(a, first[0], first[1], first[2]);
+    getVersion(b, second[0], second[1], second[2]);
+    for (int i = 0; i < 3; ++i) {
+        if (first[i] != second[i]) return first[i] > second[i] ? 1 : -1;
+    }
+    return 0;
+}
+
+bool Updater::isValidUpdate(GPString* name) {
+    const auto fields = Owned<GPArray>::adopt(name->split("-"));
+    if (fields->count() < 2) return false;
+    if (!fieldAt(*fields, 1)->isEqual("mac")) return false;
+    const auto dotted = Owned<GPArray>::adopt(name->split("."));
+    return dotted->count() == 3;
+}
+
+bool Updater::processZip(GPString* url) {
+    const char* workDirectory = platform::HostPaths::packageDirectory();
+    if (!ifExist(workDirectory)) createDir(workDirectory);
+    const int slash = url->find("/", true);
+    if (slash < 1) return true;
+    const auto path =
+        Owned<GPString>::adopt(GPString::format("%s/%s", workDirectory, url->cstr() + slash + 1));
+    logf("downloading the file: %s to: %s\n", url->cstr(), path->cstr());
+    if (!GPHTTP::downloadFile(url->cstr(), path->cstr())) {
+        logf("unable to download the file: %s to: %s\n", url->cstr(), path->cstr());
+        return false;
+    }
+    const int dot = path->find(".", true);
+    if (dot >= 1) installPackage(path.get(), dot);
+    return true;
+}
+
+bool Updater::finishUpdate(const char* name) {
+    const char* directory = exeFilePath ? exeFilePath->cstr() : getCurrentDirectory();
+    if (!directory) return false;
+    const auto target = Owned<GPString>::adopt(GPString::format("%s/%s", directory, name));
+    const auto source = Owned<GPString>::adopt(GPString::format("%s/%s", directory, waitingExecutable));
+    // Deliberately before the move is known to work: without a waiting executable the old one is gone.
+    deleteFile(target->cstr());
+    return moveFile(source->cstr(), target->cstr());
+}
+
+void getVersion(GPString* text, int& major, int& minor, int& patch) {
+    const auto fields = Owned<GPArray>::adopt(text->split("."));
+    major = numberAt(*fields, 0);
+    minor = numberAt(*fields, 1);
+    patch = numberAt(*fields, 2);
+}

@@ -42,16 +42,34 @@ HostPath inboundControlSocketPath("/var/run/fernhill/twFernhill_inkext");
 HostPath outboundControlSocketPath("/var/run/fernhill/twFernhill_outkext");
 HostPath updateHelperPath("/usr/local/bin/fernhillupdate");
 HostPath updateCopyHelperPath("/usr/local/bin/fernhillupdatecopy");
+HostPath updateDirectoryPath("/usr/local/etc/");
+HostPath updatePackagePath("/usr/local/etc/OstlerUpdate.dmg");
+HostPath packageDirectoryPath("/tmp/tw");
 HostPath dsconfigadPath("/usr/sbin/dsconfigad");
 HostPath likewiseStatusPath("/opt/likewise/bin/lw-get-status");
 HostPath adinfoPath("/usr/bin/adinfo");
 HostPath ldapConfigurationsPath("/Library/Preferences/OpenDirectory/Configurations/LDAPv3");
 
 HostPath* const allPaths[] = {
-    &settingsDirectoryPath,    &configurationFilePath,     &debugFilePath,    &ldapFilePath,
-    &oemMarkerFilePath,        &siblingPreferencesPath,    &logDirectoryPath, &kernelExtensionPath,
-    &inboundControlSocketPath, &outboundControlSocketPath, &updateHelperPath, &updateCopyHelperPath,
-    &dsconfigadPath,           &likewiseStatusPath,        &adinfoPath,       &ldapConfigurationsPath,
+    &settingsDirectoryPath,
+    &configurationFilePath,
+    &debugFilePath,
+    &ldapFilePath,
+    &oemMarkerFilePath,
+    &siblingPreferencesPath,
+    &logDirectoryPath,
+    &kernelExtensionPath,
+    &updateDirectoryPath,
+    &updatePackagePath,
+    &packageDirectoryPath,
+    &inboundControlSocketPath,
+    &outboundControlSocketPath,
+    &updateHelperPath,
+    &updateCopyHelperPath,
+    &dsconfigadPath,
+    &likewiseStatusPath,
+    &adinfoPath,
+    &ldapConfigurationsPath,
 };
 
 } // namespace
@@ -78,6 +96,9 @@ const char* HostPaths::inboundControlSocket() { return inboundControlSocketPath.
 const char* HostPaths::outboundControlSocket() { return outboundControlSocketPath.text(); }
 const char* HostPaths::updateHelper() { return updateHelperPath.text(); }
 const char* HostPaths::updateCopyHelper() { return updateCopyHelperPath.text(); }
+const char* HostPaths::updateDirectory() { return updateDirectoryPath.text(); }
+const char* HostPaths::updatePackage() { return updatePackagePath.text(); }
+const char* HostPaths::packageDirectory() { return packageDirectoryPath.text(); }
 
 const char* HostPaths::dsconfigad() { return dsconfigadPath.text(); }
 const char* HostPaths::likewiseStatus() { return likewiseStatusPath.text(); }

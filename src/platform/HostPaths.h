@@ -31,6 +31,13 @@ public:
     static const char* updateHelper();
     static const char* updateCopyHelper();
 
+    // Where downloaded updates are put, with a slash at its end, and the name that the log gives them.
+    static const char* updateDirectory();
+    static const char* updatePackage();
+
+    // Where the check-in's packages are put and unpacked.
+    static const char* packageDirectory();
+
     // Where the directory tools lie, and the folder of the system's own LDAP configurations.
     static const char* dsconfigad();
     static const char* likewiseStatus();

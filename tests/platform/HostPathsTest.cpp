@@ -10,6 +10,9 @@ TEST(HostPaths, WithoutARootThePathsAreTheDocumentedOnes) {
     EXPECT_STREQ("", HostPaths::root());
     EXPECT_STREQ("/Library/twsys/fernhill.xml", HostPaths::configurationFile());
     EXPECT_STREQ("/Library/Logs/TarnwickSystems", HostPaths::logDirectory());
+    EXPECT_STREQ("/usr/local/etc/", HostPaths::updateDirectory());
+    EXPECT_STREQ("/usr/local/etc/OstlerUpdate.dmg", HostPaths::updatePackage());
+    EXPECT_STREQ("/tmp/tw", HostPaths::packageDirectory());
     EXPECT_STREQ("/usr/sbin/dsconfigad", HostPaths::dsconfigad());
     EXPECT_STREQ("/opt/likewise/bin/lw-get-status", HostPaths::likewiseStatus());
     EXPECT_STREQ("/usr/bin/adinfo", HostPaths::adinfo());
