@@ -39,6 +39,8 @@ set(CMAKE_C_COMPILER "${wrappers}/zig-cc")
 set(CMAKE_CXX_COMPILER "${wrappers}/zig-c++")
 set(CMAKE_OBJC_COMPILER "${wrappers}/zig-cc")
 set(CMAKE_OBJCXX_COMPILER "${wrappers}/zig-c++")
+# zig passes a word of its own on to the compiler, which does not need it.
+set(CMAKE_OBJCXX_FLAGS_INIT "-Wno-unused-command-line-argument")
 set(CMAKE_AR "${wrappers}/zig-ar" CACHE FILEPATH "")
 set(CMAKE_RANLIB "${wrappers}/zig-ranlib" CACHE FILEPATH "")
 set(CMAKE_INSTALL_NAME_TOOL /bin/true CACHE FILEPATH "")

@@ -1,11 +1,13 @@
 #include "support/RefusingServices.h"
 
 #include "platform/ConsoleUser.h"
+#include "platform/FileManager.h"
 #include "platform/HardwareRegistry.h"
 #include "platform/InterfaceEntries.h"
 #include "platform/KernelControl.h"
 #include "platform/NameLookup.h"
 #include "platform/NetworkChanges.h"
+#include "platform/UrlSession.h"
 #include "platform/UserDialog.h"
 #include "support/ManualClock.h"
 
@@ -108,6 +110,35 @@ private:
     }
 };
 
+class RefusingUrlSession final : public platform::UrlSession {
+public:
+    void downloadTask(const char* url, Completion completion) override { refuse(url, completion); }
+
+    void uploadTask(const char* url, const char*, const std::string&, Completion completion) override {
+        refuse(url, completion);
+    }
+
+    void runMainLoop(int) override {}
+
+private:
+    static void refuse(const char* url, const Completion& completion) {
+        ADD_FAILURE() << "nobody played the URL session for " << url;
+        completion({{}, 0, "refused"});
+    }
+};
+
+class RefusingFileManager final : public platform::FileManager {
+public:
+    platform::FileResult removeItem(const char* path) override { return refuse(path); }
+    platform::FileResult moveItem(const char* from, const char*) override { return refuse(from); }
+
+private:
+    static platform::FileResult refuse(const char* path) {
+        ADD_FAILURE() << "nobody played the file manager for " << path;
+        return {false, platform::fileWriteUnknownError, {}};
+    }
+};
+
 RefusingNameLookup refusingNameLookup;
 RefusingRegistry refusingRegistry;
 RefusingDialog refusingDialog;
@@ -115,6 +146,8 @@ RefusingConsoleUser refusingConsoleUser;
 RefusingInterfaceEntries refusingInterfaceEntries;
 RefusingNetworkChanges refusingNetworkChanges;
 RefusingKernelControl refusingKernelControl;
+RefusingUrlSession refusingUrlSession;
+RefusingFileManager refusingFileManager;
 
 } // namespace
 
@@ -127,6 +160,8 @@ void installRefusingServices() {
     platform::interfaceEntriesService.install(refusingInterfaceEntries);
     platform::networkChangesService.install(refusingNetworkChanges);
     platform::kernelControlService.install(refusingKernelControl);
+    platform::urlSessionService.install(refusingUrlSession);
+    platform::fileManagerService.install(refusingFileManager);
 }
 
 } // namespace testsupport

@@ -1,0 +1,71 @@
+#include "platform/UrlSession.h"
+
+#include "platform/Clock.h"
+#include "platform/linux/UrlTransfer.h"
+
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <utility>
+
+namespace platform {
+namespace {
+
+// Counts the tasks that have ended. Never destroyed: tasks may still run when the process exits.
+struct EndedTasks {
+    std::mutex mutex;
+    std::condition_variable more;
+    unsigned count = 0; // guarded by mutex
+
+    static EndedTasks& shared() {
+        static auto* tasks = new EndedTasks;
+        return *tasks;
+    }
+};
+
+// Runs one task on a thread of its own.
+template <class Task>
+void startTask(Task task, UrlSession::Completion completion) {
+    std::thread([task = std::move(task), told = std::move(completion)] {
+        task(told);
+        EndedTasks& ended = EndedTasks::shared();
+        std::lock_guard<std::mutex> lock(ended.mutex);
+        ++ended.count;
+        ended.more.notify_all();
+    }).detach();
+}
+
+class CurlSession final : public UrlSession {
+public:
+    void downloadTask(const char* url, Completion completion) override {
+        startTask([address = std::string(url)](
+                      const Completion& told) { UrlTransfer(address.c_str()).download(told); },
+                  std::move(completion));
+    }
+
+    void uploadTask(const char* url, const char* method, const std::string& data,
+                    Completion completion) override {
+        startTask(
+            [address = std::string(url), verb = std::string(method), data](const Completion& told) {
+                UrlTransfer(address.c_str()).upload(verb.c_str(), data, told);
+            },
+            std::move(completion));
+    }
+
+    void runMainLoop(int seconds) override {
+        const std::chrono::microseconds limit(clock().eventWaitLimit(seconds));
+        EndedTasks& ended = EndedTasks::shared();
+        std::unique_lock<std::mutex> lock(ended.mutex);
+        ended.more.wait_for(lock, limit, [&ended, before = ended.count] { return ended.count != before; });
+    }
+};
+
+CurlSession curlSession;
+
+} // namespace
+
+Service<UrlSession> urlSessionService{&curlSession};
+
+} // namespace platform

@@ -1,0 +1,165 @@
+#include "platform/linux/UrlTransfer.h"
+
+#include "platform/Clock.h"
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <unistd.h>
+
+namespace platform {
+namespace {
+
+constexpr int idleSeconds = 60;
+constexpr long mostRedirects = 16;
+constexpr int longestPoll = 1000; // milliseconds
+
+std::int64_t monotonicMicroseconds() {
+    const auto now = std::chrono::steady_clock::now().time_since_epoch();
+    return std::chrono::duration_cast<std::chrono::microseconds>(now).count();
+}
+
+CURL* newHandle() {
+    static const CURLcode ready = curl_global_init(CURL_GLOBAL_DEFAULT);
+    return ready == CURLE_OK ? curl_easy_init() : nullptr;
+}
+
+std::size_t writeToFile(char* bytes, std::size_t size, std::size_t count, void* file) {
+    return std::fwrite(bytes, size, count, static_cast<std::FILE*>(file));
+}
+
+std::size_t dropBytes(char*, std::size_t size, std::size_t count, void*) { return size * count; }
+
+// A new file in the temporary directory, with its path in `path`; null when there can be none.
+std::FILE* openTemporaryFile(std::string& path) {
+    const char* directory = std::getenv("TMPDIR");
+    path = std::string(directory && *directory ? directory : "/tmp") + "/fernhill-download-XXXXXX";
+    const int descriptor = mkstemp(path.data());
+    if (descriptor < 0) return nullptr;
+    std::FILE* file = fdopen(descriptor, "w");
+    if (!file) close(descriptor);
+    return file;
+}
+
+curl_off_t bytesMoved(CURL* handle) {
+    curl_off_t received = 0;
+    curl_off_t sent = 0;
+    long headers = 0;
+    curl_easy_getinfo(handle, CURLINFO_SIZE_DOWNLOAD_T, &received);
+    curl_easy_getinfo(handle, CURLINFO_SIZE_UPLOAD_T, &sent);
+    curl_easy_getinfo(handle, CURLINFO_HEADER_SIZE, &headers);
+    return received + sent + headers;
+}
+
+} // namespace
+
+UrlTransfer::UrlTransfer(const char* url) : handle_(newHandle()) {
+    if (!handle_) return;
+    curl_easy_setopt(handle_, CURLOPT_URL, url);
+    curl_easy_setopt(handle_, CURLOPT_ERRORBUFFER, errorText_);
+    curl_easy_setopt(handle_, CURLOPT_NOSIGNAL, 1L);
+    curl_easy_setopt(handle_, CURLOPT_PROTOCOLS_STR, "http,https");
+    curl_easy_setopt(handle_, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
+    curl_easy_setopt(handle_, CURLOPT_FOLLOWLOCATION, 1L);
+    curl_easy_setopt(handle_, CURLOPT_MAXREDIRS, mostRedirects);
+    // An empty text keeps the environment's proxies out.
+    curl_easy_setopt(handle_, CURLOPT_PROXY, "");
+}
+
+UrlTransfer::~UrlTransfer() {
+    if (handle_) curl_easy_cleanup(handle_);
+}
+
+void UrlTransfer::download(const UrlSession::Completion& completion) {
+    std::string path;
+    std::FILE* file = openTemporaryFile(path);
+    if (!file) {
+        completion({{}, 0, "no temporary file"});
+        return;
+    }
+    curl_easy_setopt(handle_, CURLOPT_WRITEFUNCTION, writeToFile);
+    curl_easy_setopt(handle_, CURLOPT_WRITEDATA, file);
+    UrlTaskResult result = perform();
+    if (std::fclose(file) != 0 && result.localizedDescription.empty())
+        result.localizedDescription = "the temporary file could not be written";
+    if (result.localizedDescription.empty()) result.location = path;
+    completion(result);
+    unlink(path.c_str());
+}
+
+void UrlTransfer::upload(const char* method, const std::string& data,
+                         const UrlSession::Completion& completion) {
+    curl_easy_setopt(handle_, CURLOPT_POSTFIELDS, data.data());
+    curl_easy_setopt(handle_, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(data.size()));
+    // Named as a custom method, a POST would stay one behind a redirect.
+    if (std::strcmp(method, "POST") != 0) curl_easy_setopt(handle_, CURLOPT_CUSTOMREQUEST, method);
+    curl_easy_setopt(handle_, CURLOPT_WRITEFUNCTION, dropBytes);
+    completion(perform());
+}
+
+UrlTaskResult UrlTransfer::perform() {
+    UrlTaskResult result;
+    CURLM* multi = handle_ ? curl_multi_init() : nullptr;
+    if (!multi) {
+        result.localizedDescription = "no transfer can be made";
+        return result;
+    }
+    curl_multi_add_handle(multi, handle_);
+    const CURLcode ended = performOn(multi);
+    curl_easy_getinfo(handle_, CURLINFO_RESPONSE_CODE, &result.statusCode);
+    curl_multi_remove_handle(multi, handle_);
+    curl_multi_cleanup(multi);
+    if (ended != CURLE_OK)
+        result.localizedDescription = errorText_[0] ? errorText_ : curl_easy_strerror(ended);
+    return result;
+}
+
+CURLcode UrlTransfer::performOn(CURLM* multi) {
+    longestIdleTime_ = clock().eventWaitLimit(idleSeconds);
+    const int poll =
+        static_cast<int>(longestIdleTime_ / 1000 < longestPoll ? longestIdleTime_ / 1000 : longestPoll);
+    for (;;) {
+        int running = 0;
+        if (curl_multi_perform(multi, &running) != CURLM_OK) return CURLE_FAILED_INIT;
+        int left = 0;
+        if (const CURLMsg* message = curl_multi_info_read(multi, &left)) return message->data.result;
+        if (running == 0) return CURLE_FAILED_INIT;
+        if (isIdleTooLong()) return CURLE_OPERATION_TIMEDOUT;
+        curl_multi_poll(multi, nullptr, 0, poll, nullptr);
+    }
+}
+
+bool UrlTransfer::isIdleTooLong() {
+    const curl_off_t moved = bytesMoved(handle_);
+    const std::int64_t now = monotonicMicroseconds();
+    if (moved != movedBytes_) {
+        movedBytes_ = moved;
+        lastMove_ = now;
+    }
+    return now - lastMove_ >= longestIdleTime_;
+}
+
+std::string lastPathComponent(const char* url) {
+    CURLU* parts = curl_url();
+    char* text = nullptr;
+    std::string path;
+    if (parts && curl_url_set(parts, CURLUPART_URL, url, CURLU_NON_SUPPORT_SCHEME) == CURLUE_OK &&
+        curl_url_get(parts, CURLUPART_PATH, &text, 0) == CURLUE_OK)
+        path = text;
+    curl_free(text);
+    curl_url_cleanup(parts);
+
+    while (path.size() > 1 && path.back() == '/')
+        path.pop_back();
+    if (path == "/") return path;
+    path.erase(0, path.rfind('/') + 1);
+    int length = 0;
+    char* decoded = curl_easy_unescape(nullptr, path.data(), static_cast<int>(path.size()), &length);
+    if (!decoded) return {};
+    path.assign(decoded, static_cast<std::size_t>(length));
+    curl_free(decoded);
+    return path;
+}
+
+} // namespace platform

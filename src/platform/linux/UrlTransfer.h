@@ -1,0 +1,41 @@
+#pragma once
+
+// One transfer through libcurl, on the calling thread, to its end. An object serves one thread and one
+// transfer.
+
+#include "platform/UrlSession.h"
+
+#include <curl/curl.h>
+
+#include <string>
+
+namespace platform {
+
+class UrlTransfer {
+public:
+    explicit UrlTransfer(const char* url);
+    ~UrlTransfer();
+
+    UrlTransfer(const UrlTransfer&) = delete;
+    UrlTransfer& operator=(const UrlTransfer&) = delete;
+
+    // Fetches the URL into a temporary file, which is deleted when the completion has returned.
+    void download(const UrlSession::Completion& completion);
+
+    // Sends the data and reads the answer without keeping it.
+    void upload(const char* method, const std::string& data, const UrlSession::Completion& completion);
+
+private:
+    // Runs the transfer. The result's location is left empty.
+    UrlTaskResult perform();
+    CURLcode performOn(CURLM* multi);
+    bool isIdleTooLong();
+
+    CURL* handle_;
+    char errorText_[CURL_ERROR_SIZE] = {};
+    curl_off_t movedBytes_ = -1;       // as of lastMove_
+    std::int64_t lastMove_ = 0;        // microseconds
+    std::int64_t longestIdleTime_ = 0; // microseconds
+};
+
+} // namespace platform
