@@ -144,12 +144,6 @@ bool findUser() {
     return cachedUserName && cachedUserName->length() > 0;
 }
 
-GPArray* groupsByAttribute(const char* attribute, const char* mark) {
-    const auto output =
-        outputOf(GPString::format("dscl /Search -read /Users/%s %s", cachedUserName->cstr(), attribute));
-    return groupsBehind(output.get(), mark);
-}
-
 // The frame of a group search over LDAP that is not carried out: what it reads has no effect, on purpose.
 void prepareLdapSearch() {
     const auto document = overrideFile();
@@ -184,8 +178,12 @@ void UserAuth::setFullName(const char* name) { store(fullUserName, name); }
 GPArray* UserAuth::userGroups() {
     if (!findUser()) return nullptr;
     if (cacheType == activeDirectory || cacheType == ldap) {
-        if (GPArray* groups = groupsByAttribute("memberOf", "memberOf:")) return groups;
-        if (GPArray* groups = groupsByAttribute("groupMembership", "groupMembership:")) return groups;
+        const char* user = cachedUserName->cstr();
+        const auto members = outputOf(GPString::format("dscl /Search -read /Users/%s memberOf", user));
+        if (GPArray* groups = groupsBehind(members.get(), "memberOf:")) return groups;
+        const auto memberships =
+            outputOf(GPString::format("dscl /Search -read /Users/%s groupMembership", user));
+        if (GPArray* groups = groupsBehind(memberships.get(), "groupMembership:")) return groups;
     }
     prepareLdapSearch();
     return nullptr;

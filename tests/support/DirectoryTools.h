@@ -34,6 +34,9 @@ public:
     // Writes the LDAP override file.
     static void writeOverride(const std::string& content);
 
+    // The stand-ins on PATH, to which a test may add.
+    StandInPrograms& programs() { return programs_; }
+
     // The command lines run so far, without the folders of the programs.
     std::vector<std::string> calls() const { return programs_.calls(); }
 

@@ -1,0 +1,130 @@
+// The signals of the daemon.
+
+#include "app/Daemon.h"
+#include "app/DaemonWorld.h"
+
+#include <csignal>
+#include <fstream>
+#include <thread>
+
+namespace {
+
+class DaemonSignals : public DaemonWorld {
+protected:
+    // A started daemon whose link stands, so that a signal finds nothing to wait for.
+    testsupport::DaemonProcess& linkedDaemon() {
+        startDaemon();
+        agent->awaitFrame(3);
+        agent->awaitFrame(3);
+        return *daemon;
+    }
+
+    // A mask of /proc/PID/status.
+    unsigned long long mask(const std::string& name) const {
+        std::ifstream status("/proc/" + std::to_string(daemon->process()) + "/status");
+        for (std::string word; status >> word;) {
+            unsigned long long value = 0;
+            if (word == name + ":" && status >> std::hex >> value) return value;
+        }
+        return 0;
+    }
+
+    static constexpr unsigned long long bit(int signal) { return 1ULL << (signal - 1); }
+
+    // A helper that leaves a mark and prints.
+    void stageUpdate() {
+        givenConfiguration("<Fernhill><UpdateReady>true</UpdateReady></Fernhill>");
+        tools.programs().addAt(platform::HostPaths::updateCopyHelper(),
+                               "touch '" + root.path() + "/helped'; echo helper here");
+    }
+
+    bool helped() const { return std::filesystem::exists(root.path() + "/helped"); }
+
+    bool marked() const { return configuration().find("<UpdateReady>true") != std::string::npos; }
+};
+
+} // namespace
+
+TEST_F(DaemonSignals, SigintEndsTheDaemonWithItsText) {
+    linkedDaemon().signal(SIGINT);
+    EXPECT_EQ(daemon->awaitEnd(), 0);
+    EXPECT_EQ(daemon->output(), " - SIGINT: 2\nExit.");
+    EXPECT_TRUE(daemon->logs("clearPopups entry"));
+}
+
+TEST_F(DaemonSignals, SigtermEndsTheDaemonWithItsText) {
+    linkedDaemon().signal(SIGTERM);
+    EXPECT_EQ(daemon->awaitEnd(), 0);
+    EXPECT_EQ(daemon->output(), "\nSIGTERM: 15\nExit.");
+    EXPECT_TRUE(daemon->logs("clearPopups entry"));
+}
+
+TEST_F(DaemonSignals, AStagedUpdateRunsItsHelperOnSigterm) {
+    stageUpdate();
+    linkedDaemon().signal(SIGTERM);
+    EXPECT_EQ(daemon->awaitEnd(), 0);
+    EXPECT_TRUE(helped());
+    EXPECT_FALSE(marked());
+    EXPECT_EQ(daemon->output(), std::string("\nSIGTERM: 15\ncmd is ") +
+                                    platform::HostPaths::updateCopyHelper() + "helper here\nExit.");
+    EXPECT_TRUE(daemon->logs("UpdateReady set to: false"));
+}
+
+TEST_F(DaemonSignals, AStagedUpdateStaysStagedOnSigint) {
+    stageUpdate();
+    linkedDaemon().signal(SIGINT);
+    EXPECT_EQ(daemon->awaitEnd(), 0);
+    EXPECT_FALSE(helped());
+    EXPECT_TRUE(marked());
+    EXPECT_EQ(daemon->output(), " - SIGINT: 2\nExit.");
+}
+
+TEST_F(DaemonSignals, WithoutAStagedUpdateTheHelperIsLeftAlone) {
+    stageUpdate();
+    givenConfiguration("<Fernhill><UpdateReady>false</UpdateReady></Fernhill>");
+    linkedDaemon().signal(SIGTERM);
+    EXPECT_EQ(daemon->awaitEnd(), 0);
+    EXPECT_FALSE(helped());
+}
+
+TEST_F(DaemonSignals, AMissingHelperDoesNotKeepTheDaemonFromEnding) {
+    givenConfiguration("<Fernhill><UpdateReady>true</UpdateReady></Fernhill>");
+    linkedDaemon().signal(SIGTERM);
+    EXPECT_EQ(daemon->awaitEnd(), 0);
+    EXPECT_FALSE(marked());
+}
+
+TEST_F(DaemonSignals, FiveSignalsAreIgnoredAndTwoAreHandled) {
+    linkedDaemon();
+    const unsigned long long ignored =
+        bit(SIGCHLD) | bit(SIGTSTP) | bit(SIGTTOU) | bit(SIGTTIN) | bit(SIGPIPE);
+    EXPECT_EQ(mask("SigIgn") & ignored, ignored);
+    EXPECT_EQ(mask("SigCgt") & (bit(SIGTERM) | bit(SIGINT)), bit(SIGTERM) | bit(SIGINT));
+    for (int signal : {SIGCHLD, SIGTSTP, SIGTTOU, SIGTTIN, SIGPIPE})
+        daemon->signal(signal);
+    EXPECT_TRUE(answers(lab::Direction::out));
+}
+
+TEST_F(DaemonSignals, AnotherSignalThatReachesTheHandlerIsPrintedAndIgnored) {
+    testing::internal::CaptureStdout();
+    signalHandler(SIGHUP);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "[SIGNALHANDLER] Unregistered signal: 1\n");
+}
+
+TEST_F(DaemonSignals, ASignalBeforeTheLinkIsMadeConnectsFirst) {
+    startDaemon("").signal(SIGTERM);
+    EXPECT_EQ(agent->awaitFrame().bytes, std::string("\0\0\0\x0E\0\0\0\x03\0\0\0\x01{}", 14));
+    EXPECT_EQ(daemon->awaitEnd(), 0);
+    EXPECT_EQ(daemon->output(), "\nSIGTERM: 15\nExit.");
+}
+
+TEST_F(DaemonSignals, ASignalWithoutAnAgentWaitsForOne) {
+    prepare(8, false).start();
+    ASSERT_TRUE(daemon->awaitLog("OstComm setUserLogonCommand socket send failed"));
+    daemon->signal(SIGINT);
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_TRUE(daemon->running());
+    agent = std::make_unique<testsupport::AgentStandIn>();
+    EXPECT_EQ(daemon->awaitEnd(), 0);
+    EXPECT_EQ(daemon->output(), " - SIGINT: 2\nExit.");
+}

@@ -1,0 +1,154 @@
+// The threads of the running daemon, held against the table in docs/architecture.md.
+
+#include "app/DaemonWorld.h"
+#include "support/PacketBuilder.h"
+#include "support/Sanitizers.h"
+
+#include <algorithm>
+#include <fstream>
+#include <map>
+#include <set>
+#include <sstream>
+
+using testsupport::eventually;
+using testsupport::ThreadList;
+
+namespace {
+
+struct Row {
+    std::string lives;
+    std::string wait; // up to the first comma or colon
+};
+
+// The text between a cell's bars, and the words in backquotes in it.
+std::string trimmed(const std::string& cell) {
+    const std::size_t first = cell.find_first_not_of(' ');
+    return first == std::string::npos ? "" : cell.substr(first, cell.find_last_not_of(' ') - first + 1);
+}
+
+std::vector<std::string> quotedWords(const std::string& cell) {
+    std::vector<std::string> words;
+    std::istringstream pieces(cell);
+    std::string piece;
+    for (bool quoted = false; std::getline(pieces, piece, '`'); quoted = !quoted)
+        if (quoted) words.push_back(piece);
+    return words;
+}
+
+// The table of threads by the functions that they run.
+std::map<std::string, Row> documentedThreads() {
+    std::map<std::string, Row> rows;
+    std::ifstream page(std::string(OSTLER_TEST_DATA) + "/../docs/architecture.md");
+    std::string line;
+    while (std::getline(page, line) && line != "## Threads") {
+    }
+    while (std::getline(page, line) && line.rfind("## ", 0) != 0) {
+        std::vector<std::string> cells;
+        std::istringstream row(line);
+        for (std::string cell; std::getline(row, cell, '|');)
+            cells.push_back(trimmed(cell));
+        if (cells.size() < 5) continue;
+        std::string wait = cells[4].substr(0, cells[4].find_first_of(",:"));
+        wait.erase(std::remove(wait.begin(), wait.end(), '`'), wait.end());
+        for (const std::string& function : quotedWords(cells[1]))
+            rows[function] = {cells[3], wait};
+    }
+    return rows;
+}
+
+using Names = std::multiset<std::string>;
+
+class DaemonThreads : public DaemonWorld {
+protected:
+    Names living() const {
+        Names names;
+        for (const ThreadList::Thread& thread : daemon->threads().living())
+            names.insert(thread.function);
+        return names;
+    }
+
+    // The threads that the table says are always there.
+    Names always() const {
+        Names names;
+        for (const auto& [function, row] : rows)
+            if (row.lives == "always") names.insert(function);
+        return names;
+    }
+
+    // Each living thread waits where the table says.
+    bool allWaitAsDocumented() const {
+        const auto threads = daemon->threads().living();
+        return std::all_of(threads.begin(), threads.end(), [&](const ThreadList::Thread& thread) {
+            return ThreadList::waitOf(daemon->process(), thread.number) == rows.at(thread.function).wait;
+        });
+    }
+
+    std::string waits() const {
+        std::string text;
+        for (const ThreadList::Thread& thread : daemon->threads().living())
+            text += thread.function + ": " + ThreadList::waitOf(daemon->process(), thread.number) + "\n";
+        return text;
+    }
+
+    // Presents a request for a page, which starts a query.
+    void request(const std::string& host) {
+        const std::string packet = testsupport::PacketBuilder::ipv4()
+                                       .payload("GET / HTTP/1.1\r\nHost: " + host + "\r\n\r\n")
+                                       .bytes();
+        const auto result =
+            extension->present(lab::Direction::out, std::vector<char>(packet.begin(), packet.end()), 5000);
+        ASSERT_TRUE(result);
+        EXPECT_EQ(result->result, 3u);
+    }
+
+    std::map<std::string, Row> rows = documentedThreads();
+};
+
+} // namespace
+
+TEST_F(DaemonThreads, OfTheRunningDaemonAreThoseOfTheTable) {
+    ASSERT_EQ(always().size(), 7u);
+    startDaemon();
+    EXPECT_TRUE(eventually([&] { return living() == always(); })) << testing::PrintToString(living());
+}
+
+TEST_F(DaemonThreads, AreAllThatTheProcessHas) {
+    if (testsupport::sanitized) GTEST_SKIP() << "a checker may have threads of its own";
+    startDaemon();
+    ASSERT_TRUE(eventually([&] { return living() == always(); }));
+    const std::filesystem::directory_iterator tasks("/proc/" + std::to_string(daemon->process()) + "/task");
+    EXPECT_EQ(std::distance(begin(tasks), end(tasks)), 7);
+}
+
+TEST_F(DaemonThreads, WaitWhereTheTableSays) {
+    startDaemon();
+    ASSERT_TRUE(eventually([&] { return living() == always(); }));
+    if (ThreadList::waitOf(daemon->process(), daemon->process()) == "unknown")
+        GTEST_SKIP() << "this system does not tell what a thread waits in";
+    EXPECT_TRUE(eventually([&] { return allWaitAsDocumented(); })) << waits();
+}
+
+TEST_F(DaemonThreads, OfQueriesLiveUntilTheAnswer) {
+    startDaemon();
+    ASSERT_TRUE(eventually([&] { return living() == always(); }));
+    request("one.example.org");
+    const auto question = agent->awaitFrame(1);
+    Names expected = always();
+    expected.insert("workThread");
+    EXPECT_TRUE(eventually([&] { return living() == expected; })) << testing::PrintToString(living());
+    EXPECT_TRUE(eventually([&] { return allWaitAsDocumented(); })) << waits();
+    agent->reply(question.sequence, "{}");
+    EXPECT_TRUE(eventually([&] { return living() == always(); })) << testing::PrintToString(living());
+}
+
+TEST_F(DaemonThreads, OfShortLifeAreNotLeftBehind) {
+    startDaemon();
+    ASSERT_TRUE(eventually([&] { return living() == always(); }));
+    agent->push(R"({"bypass_on_failure":false,"other":1})");
+    EXPECT_TRUE(eventually([&] {
+        return configuration().find("<BlockOnFailure>true") != std::string::npos && living() == always();
+    })) << testing::PrintToString(living());
+    daemon->changeConsoleUser("bob");
+    EXPECT_TRUE(eventually([&] { return daemon->logs("<bob>") && living() == always(); }))
+        << testing::PrintToString(living());
+}

@@ -1,0 +1,65 @@
+#pragma once
+
+// The world around a whole daemon: a scratch root, directory tools, a silent kextload, the stand-ins for the
+// extension and the agent, and the daemon itself in a process of its own.
+
+#include "lab/ExtensionStandIn.h"
+#include "platform/HostPaths.h"
+#include "support/AgentStandIn.h"
+#include "support/DaemonProcess.h"
+#include "support/DirectoryTools.h"
+#include "support/Eventually.h"
+#include "support/ScratchRoot.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <vector>
+
+class DaemonWorld : public testing::Test {
+protected:
+    DaemonWorld() { tools.programs().add("kextload", "exit 0"); }
+
+    // Forks the daemon, then serves the extension of that version and, unless told, the agent.
+    testsupport::DaemonProcess& prepare(std::int32_t version = 8, bool withAgent = true) {
+        daemon = std::make_unique<testsupport::DaemonProcess>();
+        extension = std::make_unique<lab::ExtensionStandIn>(root.path(), version);
+        extension->listen();
+        extension->start();
+        if (withAgent) agent = std::make_unique<testsupport::AgentStandIn>();
+        return *daemon;
+    }
+
+    // The daemon with this user at the console, until both listeners are connected.
+    testsupport::DaemonProcess& startDaemon(const std::string& consoleUser = "alice") {
+        prepare().start(consoleUser);
+        EXPECT_TRUE(extension->waitForDaemon(5000)) << daemon->output();
+        return *daemon;
+    }
+
+    // A name that the extension does not know.
+    static void forgetControl(const char* path) { std::filesystem::remove(path); }
+
+    std::string configuration() const { return testsupport::readAll(root.configurationFile()); }
+    void givenConfiguration(const std::string& content) const {
+        testsupport::writeAll(root.configurationFile(), content);
+    }
+    bool awaitConfiguration(const std::string& content) const {
+        return testsupport::eventually([&] { return configuration() == content; });
+    }
+
+    // Whether a packet without a URL passes through the listener of that direction.
+    bool answers(lab::Direction direction) {
+        const std::vector<char> packet = {0x45, 0, 0, 20, 0, 0, 0, 0, 64, 17, 0, 0, 10, 0, 0, 2, 10, 0, 0, 9};
+        const auto result = extension->present(direction, packet, 5000);
+        return result && result->result == 0;
+    }
+
+    testsupport::ScratchRoot root;
+    testsupport::DirectoryTools tools;
+    std::unique_ptr<testsupport::DaemonProcess> daemon;
+    std::unique_ptr<lab::ExtensionStandIn> extension;
+    std::unique_ptr<testsupport::AgentStandIn> agent;
+};

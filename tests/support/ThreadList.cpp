@@ -1,0 +1,156 @@
+#include "support/ThreadList.h"
+
+#include <dlfcn.h>
+#include <pthread.h>
+#include <sys/mman.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdio>
+#include <fstream>
+#include <memory>
+#include <new>
+#include <stdexcept>
+
+extern "C" {
+int __real_pthread_create(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
+int __wrap_pthread_create(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
+}
+
+namespace testsupport {
+
+struct ThreadList::Shared {
+    static constexpr int room = 256;
+
+    struct Entry {
+        std::atomic<std::uintptr_t> function{0};
+        std::atomic<pid_t> number{0}; // 0 before the thread runs and after its end
+    };
+    std::atomic<int> used{0};
+    Entry entries[room];
+
+    Entry* add(std::uintptr_t function) {
+        const int index = used++;
+        if (index >= room) return nullptr;
+        entries[index].function = function;
+        return &entries[index];
+    }
+};
+
+namespace {
+
+// What stands for main's address: that function is the test program's.
+constexpr std::uintptr_t mainThread = 1;
+
+// Set in the child alone. The entry is a pointer to one of a private type.
+std::atomic<void* (*)(std::uintptr_t)> addEntry{nullptr};
+std::atomic<void (*)(void*, pid_t)> setNumber{nullptr};
+
+struct Started {
+    void* (*function)(void*);
+    void* argument;
+    void* entry;
+};
+
+pid_t ownNumber() { return static_cast<pid_t>(syscall(SYS_gettid)); }
+
+void* runRecorded(void* started) {
+    const std::unique_ptr<Started> thread(static_cast<Started*>(started));
+    setNumber.load()(thread->entry, ownNumber());
+    void* result = thread->function(thread->argument);
+    setNumber.load()(thread->entry, 0);
+    return result;
+}
+
+// "(anonymous namespace)::threadBody(void*)" becomes "threadBody".
+std::string bareName(std::string name) {
+    name.erase(std::min(name.rfind('('), name.size()));
+    const std::size_t scope = name.rfind("::");
+    return scope == std::string::npos ? name : name.substr(scope + 2);
+}
+
+// The functions of this program, from its symbol table.
+std::map<std::uintptr_t, std::string> readFunctions() {
+    Dl_info program{};
+    if (!dladdr(reinterpret_cast<void*>(&readFunctions), &program))
+        throw std::runtime_error("no base address");
+    const auto base = reinterpret_cast<std::uintptr_t>(program.dli_fbase);
+    const std::string command = "nm --demangle '/proc/" + std::to_string(getpid()) + "/exe'";
+    const std::unique_ptr<FILE, int (*)(FILE*)> table(popen(command.c_str(), "r"), pclose);
+    std::map<std::uintptr_t, std::string> functions;
+    char line[4096];
+    while (table && std::fgets(line, sizeof line, table.get())) {
+        unsigned long address = 0;
+        char kind = 0;
+        int behind = 0;
+        if (std::sscanf(line, "%lx %c %n", &address, &kind, &behind) < 2 || (kind | 0x20) != 't') continue;
+        functions[base + address] = bareName(line + behind);
+    }
+    return functions;
+}
+
+} // namespace
+
+ThreadList::ThreadList() {
+    void* memory = mmap(nullptr, sizeof *shared_, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    if (memory == MAP_FAILED) throw std::runtime_error("no shared memory");
+    shared_ = new (memory) Shared;
+}
+
+void ThreadList::record() {
+    static Shared* const shared = shared_;
+    setNumber = [](void* entry, pid_t number) {
+        if (entry) static_cast<Shared::Entry*>(entry)->number = number;
+    };
+    setNumber.load()(shared->add(mainThread), ownNumber());
+    addEntry = [](std::uintptr_t function) -> void* { return shared->add(function); };
+}
+
+std::vector<ThreadList::Thread> ThreadList::living() const {
+    if (functions_.empty()) functions_ = readFunctions();
+    std::vector<Thread> threads;
+    for (int i = 0; i < std::min(shared_->used.load(), Shared::room); ++i) {
+        const Shared::Entry& entry = shared_->entries[i];
+        if (const pid_t number = entry.number)
+            threads.push_back({number, entry.function == mainThread ? "main" : functions_[entry.function]});
+    }
+    return threads;
+}
+
+std::string ThreadList::waitOf(pid_t process, pid_t thread) {
+    std::ifstream file("/proc/" + std::to_string(process) + "/task/" + std::to_string(thread) + "/syscall");
+    long number = -1;
+    file >> number;
+    switch (number) {
+        case SYS_recvfrom:
+            return "recv";
+        case SYS_nanosleep:
+        case SYS_clock_nanosleep:
+            return "sleep";
+        case SYS_epoll_wait:
+        case SYS_epoll_pwait:
+        case SYS_poll:
+        case SYS_ppoll:
+            return "event queue";
+        case SYS_futex:
+            return "semaphore";
+        case SYS_read:
+            return "run loop";
+        default:
+            return "unknown";
+    }
+}
+
+} // namespace testsupport
+
+int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*function)(void*),
+                          void* argument) {
+    using namespace testsupport;
+    const auto add = addEntry.load();
+    if (!add) return __real_pthread_create(thread, attributes, function, argument);
+    auto* started = new Started{function, argument, add(reinterpret_cast<std::uintptr_t>(function))};
+    const int result = __real_pthread_create(thread, attributes, runRecorded, started);
+    if (result != 0) delete started;
+    return result;
+}
