@@ -110,6 +110,7 @@ std::vector<AgentStandIn::SlowAnswer> AgentStandIn::takeSlow() {
 
 void AgentStandIn::sendSlow(const SlowAnswer& answer) {
     std::lock_guard<std::mutex> lock(mutex_);
+    if (link_ < 0 || answer.link != links_) return;
     sendFrame(policyFrame, answer.sequence, "{}");
     ++counters_.answers;
     changed_.notify_all();
@@ -150,6 +151,7 @@ void AgentStandIn::acceptLink() {
     std::lock_guard<std::mutex> lock(mutex_);
     closeLink();
     link_ = accepted;
+    ++links_;
     received_.clear();
 }
 
@@ -235,9 +237,10 @@ void AgentStandIn::answer(std::uint32_t sequence, const std::string& url) {
             break;
         case Action::slow:
             if (ownTime_)
-                timedSlow_.push_back({realMilliseconds() + decision.milliseconds, {sequence, url, 0}});
+                timedSlow_.push_back(
+                    {realMilliseconds() + decision.milliseconds, {sequence, url, 0, links_}});
             else
-                slow_.push_back({sequence, url, decision.milliseconds});
+                slow_.push_back({sequence, url, decision.milliseconds, links_});
             break;
         case Action::drop:
             closeLink();
@@ -285,6 +288,7 @@ void AgentStandIn::closeLink() {
     counters_.linked = false;
     deferring_ = false;
     deferred_.clear();
+    timedSlow_.clear();
 }
 
 void AgentStandIn::servePage() {

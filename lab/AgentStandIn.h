@@ -82,11 +82,12 @@ public:
     std::vector<Question> takeQuestions();
 
     // Slow answers that wait, oldest first: the URL and its delay. Hands them over: the caller plays the time
-    // and then calls sendSlow with the ticket.
+    // and then calls sendSlow with the ticket. An answer of a link that has been closed is not sent.
     struct SlowAnswer {
         std::uint32_t sequence;
         std::string url;
         long milliseconds;
+        long link; // which link it belongs to
     };
     std::vector<SlowAnswer> takeSlow();
     void sendSlow(const SlowAnswer& answer);
@@ -131,6 +132,7 @@ private:
     std::vector<std::pair<std::uint32_t, std::string>> deferred_;
     std::uint32_t nextSequence_ = 0x80000000;
     int link_ = -1;
+    long links_ = 0; // how many there have been
 
     int linkListener_ = -1;
     int pageListener_ = -1;

@@ -69,6 +69,7 @@ void ExtensionStandIn::start() { thread_ = std::thread(&ExtensionStandIn::serveO
 
 bool ExtensionStandIn::waitForDaemon(int milliseconds) {
     for (int i = 0; i < 2; ++i) {
+        if (channels_[i] >= 0) continue;
         if (!waitReadable(listeners_[i], milliseconds)) return false;
         channels_[i] = accept4(listeners_[i], nullptr, nullptr, SOCK_CLOEXEC);
         if (channels_[i] < 0) return false;

@@ -33,7 +33,8 @@ public:
     // Starts answering options; `listen` comes first.
     void start();
 
-    // Waits until the daemon has connected both controls; false after that many real milliseconds.
+    // Waits until the daemon has connected both controls; false after that many real milliseconds for either.
+    // Can be called again.
     bool waitForDaemon(int milliseconds);
 
     // Presents one packet and waits for its result record; nothing when the daemon did not answer within

@@ -14,6 +14,9 @@ namespace {
 // How often a sleeping thread looks at the played time.
 constexpr std::int64_t glance = 20000;
 
+// How much sooner a sleep ends in real time.
+constexpr std::int64_t haste = 10;
+
 } // namespace
 
 PlayedClock::PlayedClock() {
@@ -24,7 +27,7 @@ PlayedClock::PlayedClock() {
 
 void PlayedClock::sleepFor(std::int64_t microseconds) {
     const std::int64_t due = *now_ + microseconds;
-    for (std::int64_t left = microseconds; left > 0 && *now_ < due; left -= glance)
+    for (std::int64_t left = microseconds / haste; left > 0 && *now_ < due; left -= glance)
         std::this_thread::sleep_for(std::chrono::microseconds(std::min(left, glance)));
 }
 

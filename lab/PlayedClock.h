@@ -1,7 +1,8 @@
 #pragma once
 
 // The clock of a replayed daemon: it stands at the time that the lab plays. The time lies in memory that both
-// processes share. A sleep ends when its length has passed in played or in real time, whichever is sooner.
+// processes share. A sleep ends when its length has been played, or a tenth of it has passed in real time: the
+// lab itself may be waiting for the sleeper, and then no time is played.
 
 #include "platform/Clock.h"
 

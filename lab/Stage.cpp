@@ -5,7 +5,9 @@
 namespace lab {
 namespace {
 
+// How long the daemon may take to come, and how often that is looked at.
 constexpr int startMilliseconds = 10000;
+constexpr int glanceMilliseconds = 100;
 
 } // namespace
 
@@ -23,7 +25,10 @@ bool Stage::raise(bool withAgent) {
     daemon.start(foreign);
     extension.start();
     if (withAgent) agent.start();
-    return extension.waitForDaemon(startMilliseconds);
+    for (int waited = 0; waited < startMilliseconds && daemon.running(); waited += glanceMilliseconds) {
+        if (extension.waitForDaemon(glanceMilliseconds)) return true;
+    }
+    return false;
 }
 
 } // namespace lab
