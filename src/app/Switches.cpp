@@ -12,6 +12,7 @@
 #include "identity/UserAuth.h"
 #include "platform/HostPaths.h"
 
+#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -121,6 +122,8 @@ Then version(const char*) {
 
 Then checkIn(const char*) {
     versionswitch = true;
+    // A write to a connection that the service has closed must come back as an error, as in the daemon.
+    std::signal(SIGPIPE, SIG_IGN);
     FilterCheck::runCheckin();
     return Then::finalTests;
 }

@@ -1,7 +1,8 @@
 #pragma once
 
-// The check-in with the vendor's service and the daemon's rule for its own filter server. Static operations
-// only.
+// The check-in with the vendor's service, the probe for servers that speak HTTPS, and the daemon's rule for
+// its own filter server. Static operations only; any thread may call them. A check-in and a probe wait on the
+// network, so in the daemon they belong on background threads.
 
 class FilterCheck {
 public:
@@ -11,6 +12,19 @@ public:
     // Whether traffic to this IPv4 address passes as update traffic: false for every address.
     static bool isUpdateBypass(unsigned address);
 
-    // One check-in. False if it could not be made.
+    // One check-in: reports the machine, does what the reply says and starts the HTTPS probe in the
+    // background. Blocks for as long as the service takes. False without a hardware address or a reply; a
+    // reply that cannot be read counts as one. Takes the server lock.
     static bool runCheckin();
+
+    // Starts the thread of periodic check-ins, which never ends. Nothing in the system calls it.
+    static void startCheckin();
+
+    // Whether the service has put filtering to sleep, as the settings say.
+    static bool filteringDisabled();
 };
+
+// Background tasks; the argument is ignored. The first checks in for ever, the second asks each server in turn
+// whether it answers over HTTPS and moves the current server once around.
+void* checkinThread(void* ignored);
+void* serversHttpsCheckThread(void* ignored);

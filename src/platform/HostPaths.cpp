@@ -50,6 +50,15 @@ HostPath likewiseStatusPath("/opt/likewise/bin/lw-get-status");
 HostPath adinfoPath("/usr/bin/adinfo");
 HostPath ldapConfigurationsPath("/Library/Preferences/OpenDirectory/Configurations/LDAPv3");
 
+HostPath bulwarkdDefinitionPath("/Library/LaunchDaemons/com.tarnwicksystems.bulwarkd.plist");
+HostPath twproxyDefinitionPath("/Library/LaunchDaemons/com.tarnwicksystems.twproxy.plist");
+HostPath ostlerjsDefinitionPath("/Library/LaunchDaemons/com.tarnwicksystems.ostlerjs.plist");
+HostPath fernhillDefinitionPath("/Library/LaunchDaemons/com.tarnwicksystems.fernhill.plist");
+HostPath restartServicesDefinitionPath("/usr/local/bin/com.tarnwicksystems.restartservices.plist");
+HostPath helperDirectoryPath("/usr/local/etc");
+HostPath rootmintPath("/usr/local/bin/rootmint");
+HostPath mintrootPath("/usr/local/bin/mintroot");
+
 HostPath* const allPaths[] = {
     &settingsDirectoryPath,
     &configurationFilePath,
@@ -104,5 +113,15 @@ const char* HostPaths::dsconfigad() { return dsconfigadPath.text(); }
 const char* HostPaths::likewiseStatus() { return likewiseStatusPath.text(); }
 const char* HostPaths::adinfo() { return adinfoPath.text(); }
 const char* HostPaths::ldapConfigurations() { return ldapConfigurationsPath.text(); }
+
+const char* HostPaths::bulwarkdDefinition() { return bulwarkdDefinitionPath.text(); }
+const char* HostPaths::twproxyDefinition() { return twproxyDefinitionPath.text(); }
+const char* HostPaths::ostlerjsDefinition() { return ostlerjsDefinitionPath.text(); }
+const char* HostPaths::fernhillDefinition() { return fernhillDefinitionPath.text(); }
+const char* HostPaths::restartServicesDefinition() { return restartServicesDefinitionPath.text(); }
+
+const char* HostPaths::helperDirectory() { return helperDirectoryPath.text(); }
+const char* HostPaths::rootmint() { return rootmintPath.text(); }
+const char* HostPaths::mintroot() { return mintrootPath.text(); }
 
 } // namespace platform

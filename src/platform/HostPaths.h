@@ -43,6 +43,18 @@ public:
     static const char* likewiseStatus();
     static const char* adinfo();
     static const char* ldapConfigurations();
+
+    // The definitions of the family of launch daemons, and of the job that restarts the services.
+    static const char* bulwarkdDefinition();
+    static const char* twproxyDefinition();
+    static const char* ostlerjsDefinition();
+    static const char* fernhillDefinition();
+    static const char* restartServicesDefinition();
+
+    // What an installation makes and runs: a folder, and the two programs that prepare the machine.
+    static const char* helperDirectory();
+    static const char* rootmint();
+    static const char* mintroot();
 };
 
 } // namespace platform

@@ -1,6 +1,7 @@
 #include "platform/SecureTransport.h"
 
 #include <openssl/bio.h>
+#include <openssl/crypto.h>
 #include <openssl/err.h>
 #include <openssl/ssl.h>
 
@@ -83,7 +84,13 @@ bool addTransport(SSLContext& context) {
     return true;
 }
 
+// Keeps the library whole while the process ends: a background thread may still be in a session then.
+void keepToTheEnd() {
+    [[maybe_unused]] static const int kept = OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr);
+}
+
 bool prepare(SSLContext& context) {
+    keepToTheEnd();
     context.settings = SSL_CTX_new(TLS_client_method());
     if (!context.settings) return false;
     SSL_CTX_set_min_proto_version(context.settings, 0);

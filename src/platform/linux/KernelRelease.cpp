@@ -1,0 +1,12 @@
+#include "platform/KernelRelease.h"
+
+#include <sys/utsname.h>
+
+namespace platform {
+
+std::string kernelRelease() {
+    utsname names{};
+    return uname(&names) == 0 ? names.release : std::string();
+}
+
+} // namespace platform
