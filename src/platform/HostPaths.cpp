@@ -79,6 +79,14 @@ HostPath* const allPaths[] = {
     &likewiseStatusPath,
     &adinfoPath,
     &ldapConfigurationsPath,
+    &bulwarkdDefinitionPath,
+    &twproxyDefinitionPath,
+    &ostlerjsDefinitionPath,
+    &fernhillDefinitionPath,
+    &restartServicesDefinitionPath,
+    &helperDirectoryPath,
+    &rootmintPath,
+    &mintrootPath,
 };
 
 } // namespace

@@ -3,15 +3,24 @@
 #include "app/Switches.h"
 #include "platform/HostPaths.h"
 #include "platform/NameLookup.h"
+#include "support/ManualClock.h"
 #include "support/PlayedConsoleUser.h"
+#include "support/PlayedNames.h"
+
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <poll.h>
+#include <cstring>
 #include <stdexcept>
-#include <sys/wait.h>
-#include <unistd.h>
 
 namespace testsupport {
 namespace {
@@ -28,17 +37,24 @@ struct Pipe {
     int ends[2];
 };
 
-// Of all runs only the daemon looks a name up: the address of its own server. The look-up tells the test and
-// never returns.
+// Of all runs only the daemon looks its own server up. That look-up tells the test and never returns.
 class AnnouncingNames final : public platform::NameLookup {
 public:
     explicit AnnouncingNames(int announceTo) : announceTo_(announceTo) {}
 
-    bool gethostbyname2(const char*, int, platform::HostEntry&) override { return announce(); }
-    bool gethostbyname(const char*, platform::HostEntry&) override { return announce(); }
+    PlayedNames known;
+
+    bool gethostbyname2(const char* name, int family, platform::HostEntry& entry) override {
+        if (std::strcmp(name, "localhost") == 0) announce();
+        return known.gethostbyname2(name, family, entry);
+    }
+
+    bool gethostbyname(const char* name, platform::HostEntry& entry) override {
+        return gethostbyname2(name, AF_INET, entry);
+    }
 
 private:
-    bool announce() {
+    [[noreturn]] void announce() {
         if (write(announceTo_, "d", 1) != 1) _exit(99);
         for (;;)
             pause();
@@ -47,24 +63,41 @@ private:
     int announceTo_;
 };
 
-[[noreturn]] void runChild(const std::vector<std::string>& arguments, const Pipe& output,
-                           const Pipe& announced) {
-    if (dup2(output.writeEnd(), STDOUT_FILENO) < 0 || chdir(platform::HostPaths::root()) != 0) _exit(98);
-    setenv("PATH", platform::HostPaths::root(), 1);
-    static AnnouncingNames names(announced.writeEnd());
+// The services live as long as the process: a background thread may still use them at its end.
+void playServices(const ProgramWorld& world, int announceTo) {
+    auto& names = *new AnnouncingNames(announceTo);
+    for (const auto& [name, address] : world.names)
+        names.known.answer(name, AF_INET, {address});
     platform::nameLookupService.install(names);
-    static PlayedConsoleUser emptyConsole;
-    emptyConsole.install();
+    auto& interfaces = *new PlayedInterfaces;
+    interfaces.show(world.interfaces);
+    interfaces.install();
+    (new PlayedConsoleUser)->install();
+    // Running a command sleeps for a moment while the child becomes the program.
+    ManualClock::installed().letSleepsPass(true);
+    ManualClock::installed().setEventWait(5000000, false);
+}
 
-    std::vector<std::string> words = {"/usr/local/bin/fernhill"};
+[[noreturn]] void runChild(const std::vector<std::string>& arguments, const ProgramWorld& world,
+                           const Pipe& output, const Pipe& announced) {
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (dup2(output.writeEnd(), STDOUT_FILENO) < 0 || chdir(platform::HostPaths::root()) != 0) _exit(98);
+    // A program that the run leaves behind must not keep the pipes open.
+    for (const int end : {output.writeEnd(), announced.writeEnd()})
+        fcntl(end, F_SETFD, FD_CLOEXEC);
+    setenv("PATH", world.path.empty() ? platform::HostPaths::root() : world.path.c_str(), 1);
+    playServices(world, announced.writeEnd());
+
+    std::vector<std::string> words = {programPath()};
     words.insert(words.end(), arguments.begin(), arguments.end());
     std::vector<char*> argv;
     for (std::string& word : words)
         argv.push_back(word.data());
     argv.push_back(nullptr);
     const int status = ostlerMain(static_cast<int>(words.size()), argv.data());
-    std::fflush(stdout);
-    _exit(status);
+    if (testing::Test::HasFailure()) _exit(97);
+    // As main would end, while background threads go on.
+    std::exit(status);
 }
 
 // Collects the output up to its end or to the daemon's announcement; whether the latter came.
@@ -85,12 +118,14 @@ bool follow(const Pipe& output, const Pipe& announced, std::string& text) {
 
 } // namespace
 
-ProgramRun runProgram(const std::vector<std::string>& arguments) {
+std::string programPath() { return std::string(platform::HostPaths::root()) + "/usr/local/bin/fernhill"; }
+
+ProgramRun runProgram(const std::vector<std::string>& arguments, const ProgramWorld& world) {
     const Pipe output, announced;
     std::fflush(stdout);
     const pid_t child = fork();
     if (child < 0) throw std::runtime_error("no child");
-    if (child == 0) runChild(arguments, output, announced);
+    if (child == 0) runChild(arguments, world, output, announced);
     close(output.writeEnd());
     close(announced.writeEnd());
 
