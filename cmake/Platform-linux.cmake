@@ -5,6 +5,7 @@ function(ostler_link_platform target)
   find_package(PkgConfig REQUIRED)
   pkg_check_modules(SYSTEMD REQUIRED IMPORTED_TARGET libsystemd)
   pkg_check_modules(CURL REQUIRED IMPORTED_TARGET libcurl)
-  target_link_libraries(${target}
-    PUBLIC Threads::Threads PRIVATE OpenSSL::SSL OpenSSL::Crypto PkgConfig::SYSTEMD PkgConfig::CURL)
+  pkg_check_modules(LDAP REQUIRED IMPORTED_TARGET ldap)
+  target_link_libraries(${target} PUBLIC Threads::Threads
+    PRIVATE OpenSSL::SSL OpenSSL::Crypto PkgConfig::SYSTEMD PkgConfig::CURL PkgConfig::LDAP)
 endfunction()

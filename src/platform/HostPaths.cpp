@@ -49,6 +49,7 @@ HostPath dsconfigadPath("/usr/sbin/dsconfigad");
 HostPath likewiseStatusPath("/opt/likewise/bin/lw-get-status");
 HostPath adinfoPath("/usr/bin/adinfo");
 HostPath ldapConfigurationsPath("/Library/Preferences/OpenDirectory/Configurations/LDAPv3");
+HostPath ldapClientFilePath("/etc/ldap/ldap.conf");
 
 HostPath bulwarkdDefinitionPath("/Library/LaunchDaemons/com.tarnwicksystems.bulwarkd.plist");
 HostPath twproxyDefinitionPath("/Library/LaunchDaemons/com.tarnwicksystems.twproxy.plist");
@@ -87,6 +88,7 @@ HostPath* const allPaths[] = {
     &helperDirectoryPath,
     &rootmintPath,
     &mintrootPath,
+    &ldapClientFilePath,
 };
 
 } // namespace
@@ -120,6 +122,7 @@ const char* HostPaths::packageDirectory() { return packageDirectoryPath.text(); 
 const char* HostPaths::dsconfigad() { return dsconfigadPath.text(); }
 const char* HostPaths::likewiseStatus() { return likewiseStatusPath.text(); }
 const char* HostPaths::adinfo() { return adinfoPath.text(); }
+const char* HostPaths::ldapClientFile() { return ldapClientFilePath.text(); }
 const char* HostPaths::ldapConfigurations() { return ldapConfigurationsPath.text(); }
 
 const char* HostPaths::bulwarkdDefinition() { return bulwarkdDefinitionPath.text(); }

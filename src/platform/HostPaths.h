@@ -55,6 +55,9 @@ public:
     static const char* helperDirectory();
     static const char* rootmint();
     static const char* mintroot();
+
+    // Where a Linux machine says which LDAP directory it uses.
+    static const char* ldapClientFile();
 };
 
 } // namespace platform

@@ -1,8 +1,10 @@
 #include "support/RefusingServices.h"
 
 #include "platform/ConsoleUser.h"
+#include "platform/Directory.h"
 #include "platform/FileManager.h"
 #include "platform/HardwareRegistry.h"
+#include "platform/HostName.h"
 #include "platform/InterfaceEntries.h"
 #include "platform/KernelControl.h"
 #include "platform/NameLookup.h"
@@ -139,6 +141,44 @@ private:
     }
 };
 
+class RefusingDirectory final : public platform::Directory {
+public:
+    bool nodeNames(std::vector<std::string>&, platform::DirectoryError&) override {
+        ADD_FAILURE() << "nobody played the directory's nodes";
+        return false;
+    }
+
+    platform::DirectoryNodeRef nodeWithType(platform::DirectoryNodeType, platform::DirectoryError&) override {
+        ADD_FAILURE() << "nobody played the directory";
+        return nullptr;
+    }
+
+    platform::DirectoryNodeRef nodeWithName(const std::string& name, platform::DirectoryError&) override {
+        ADD_FAILURE() << "nobody played the directory's node " << name;
+        return nullptr;
+    }
+
+    std::unique_ptr<platform::DirectoryQuery> queryWithNode(const platform::DirectoryNodeRef&,
+                                                            const platform::DirectoryQueryTerms& terms,
+                                                            platform::DirectoryError&) override {
+        ADD_FAILURE() << "nobody played the search for " << terms.queryValue;
+        return nullptr;
+    }
+};
+
+class RefusingHostName final : public platform::HostName {
+public:
+    std::optional<std::string> currentHostName() override {
+        ADD_FAILURE() << "nobody played the host's name";
+        return std::nullopt;
+    }
+
+    std::string homeDirectory() override {
+        ADD_FAILURE() << "nobody played the home directory";
+        return {};
+    }
+};
+
 RefusingNameLookup refusingNameLookup;
 RefusingRegistry refusingRegistry;
 RefusingDialog refusingDialog;
@@ -148,6 +188,8 @@ RefusingNetworkChanges refusingNetworkChanges;
 RefusingKernelControl refusingKernelControl;
 RefusingUrlSession refusingUrlSession;
 RefusingFileManager refusingFileManager;
+RefusingDirectory refusingDirectory;
+RefusingHostName refusingHostName;
 
 } // namespace
 
@@ -162,6 +204,8 @@ void installRefusingServices() {
     platform::kernelControlService.install(refusingKernelControl);
     platform::urlSessionService.install(refusingUrlSession);
     platform::fileManagerService.install(refusingFileManager);
+    platform::directoryService.install(refusingDirectory);
+    platform::hostNameService.install(refusingHostName);
 }
 
 } // namespace testsupport

@@ -1,0 +1,36 @@
+#pragma once
+
+// The node of an LDAP directory, asked without a name and password of its own over a connection for each search.
+
+#include "platform/linux/DirectoryNodes.h"
+
+#include <optional>
+#include <string>
+
+namespace platform {
+
+// Where the directory is, and below which name its records are.
+struct LdapSettings {
+    std::string uri;
+    std::string base;
+};
+
+// The URI and BASE lines of a settings file in the form of ldap.conf; nothing without both of them.
+std::optional<LdapSettings> readLdapSettings(const std::string& path);
+
+class LdapNode final : public SearchableNode {
+public:
+    explicit LdapNode(LdapSettings settings) : settings_(std::move(settings)) {}
+
+    // "/LDAPv3/" and the host of the first URI, with its port if that is there.
+    std::string name() const;
+
+    // Blocks for at most half a minute.
+    bool find(const DirectoryQueryTerms& terms, DirectoryRecords& records,
+              DirectoryError& error) const override;
+
+private:
+    LdapSettings settings_;
+};
+
+} // namespace platform
