@@ -125,6 +125,14 @@ TEST_F(LoginChangesTest, AChangeClearsTheQualifiedNameAndFindsTheNewOne) {
     EXPECT_STREQ(UserAuth::userName(), "bob");
 }
 
+TEST_F(LoginChangesTest, TheOverrideFileNamesTheUserOnTheWatchingThread) {
+    tools.writeOverride("<Ldap><User>admin</User><Base>dc=x</Base></Ldap>");
+    console.seat("alice");
+    startWatch();
+    EXPECT_STREQ(UserAuth::userName(), "uid=alice,dc=x");
+    EXPECT_EQ(reports(), Names{"alice"});
+}
+
 TEST_F(LoginChangesTest, TheCallbackComesAfterTheNamesAreKnownAndOnTheWatchingThread) {
     static std::string known;
     tools.dsconfigadPrints("bound");

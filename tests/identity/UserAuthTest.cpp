@@ -7,8 +7,8 @@
 #include "gp/GPString.h"
 #include "gp/Owned.h"
 #include "platform/HostPaths.h"
-#include "support/ForkedChild.h"
 #include "support/IdentityTest.h"
+#include "support/References.h"
 
 #include <filesystem>
 
@@ -219,10 +219,9 @@ TEST_F(UserAuthTest, TheNameOfTheOverrideFileIsAutoreleased) {
     auto* inner = new GPAutoReleasePool;
     GPString* name = configName("bob");
     EXPECT_STREQ(name->cstr(), "uid=bob,dc=x");
-    name->retain();
+    const auto held = Owned<GPString>::retain(name);
     inner->drain();
-    EXPECT_EQ(name->releaseonly(), GPObject::lastReferenceGone);
-    EXPECT_EQ(name->retainonly() - 1, GPObject::lastReferenceGone);
+    EXPECT_EQ(testsupport::references(name), 1);
 }
 
 TEST_F(UserAuthTest, NoOverrideFileGivesNoName) { EXPECT_EQ(configName("bob"), nullptr); }
