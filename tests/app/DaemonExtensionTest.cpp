@@ -21,9 +21,7 @@ protected:
         EXPECT_EQ(agent->awaitFrame().type, 3u);
         EXPECT_TRUE(daemon->running());
         EXPECT_FALSE(daemon->logs("Starting OSX System Interface"));
-        EXPECT_TRUE(testsupport::eventually([&] {
-            return testsupport::ThreadList::waitOf(daemon->process(), daemon->process()) == "sleep";
-        }));
+        EXPECT_TRUE(awaitMainIn("sleep"));
         daemon->signal(SIGTERM);
         EXPECT_EQ(daemon->awaitEnd(), 0);
     }

@@ -8,6 +8,7 @@
 
 #include <atomic>
 #include <cstdio>
+#include <cstdlib>
 #include <fstream>
 #include <memory>
 #include <new>
@@ -120,9 +121,12 @@ std::vector<ThreadList::Thread> ThreadList::living() const {
 
 std::string ThreadList::waitOf(pid_t process, pid_t thread) {
     std::ifstream file("/proc/" + std::to_string(process) + "/task/" + std::to_string(thread) + "/syscall");
-    long number = -1;
-    file >> number;
-    switch (number) {
+    std::string call;
+    if (!(file >> call)) return "unknown";
+    if (call == "running") return "nothing";
+    switch (std::atol(call.c_str())) {
+        case SYS_read:
+            return "run loop";
         case SYS_recvfrom:
             return "recv";
         case SYS_nanosleep:
@@ -135,10 +139,8 @@ std::string ThreadList::waitOf(pid_t process, pid_t thread) {
             return "event queue";
         case SYS_futex:
             return "semaphore";
-        case SYS_read:
-            return "run loop";
         default:
-            return "unknown";
+            return "something else";
     }
 }
 
