@@ -65,6 +65,10 @@ public:
     // Stops an update that is under way and takes its dialogs away. Also for the signal handler.
     void clearPopups();
 
+    // Sends a text of ASCII characters by HTTP POST and returns at once. The result says whether the sending
+    // has failed already, so it is false in nearly every case; a later failure is only logged.
+    bool postDataUrl(const char* url, char* body);
+
     // The moment at which the current reader thread started, plus 300 seconds; null before the first one. The
     // caller owns the result.
     static GPDate* responseThreadStarted();

@@ -10,6 +10,7 @@
 #include "gp/Owned.h"
 #include "support/AgentLinkWorld.h"
 #include "support/ManualClock.h"
+#include "support/PlayedUrlSession.h"
 
 #include <gtest/gtest.h>
 #include <sys/socket.h>
@@ -290,16 +291,20 @@ TEST_F(ResponseThreadTest, AConfigurationFrameWithoutAnUpdateUrlLeavesTheUpdateS
 }
 
 TEST_F(ResponseThreadTest, AnUpdateUrlStartsAnUpdate) {
+    auto& session = testsupport::PlayedUrlSession::install();
     pushAndAwait(R"({"update_url":"http://h/p.dmg","other":1})");
     world.awaitLog("OstComm loadConfigResponseThread valueBypassStr is <\"http://h/p.dmg\">");
     world.awaitLog("OstComm loadConfigResponseThread valueBypassStr is now <http://h/p.dmg>");
-    world.awaitLog("updateThread entry");
+    EXPECT_EQ(session.await(1).url, "http://h/p.dmg");
+    EXPECT_TRUE(world.log.holds("updateThread entry"));
+    EXPECT_EQ(updating, 1);
 }
 
 TEST_F(ResponseThreadTest, AnUpdateUrlOfNullYieldsTheTwoLettersUlAndAnUpdateIsAttempted) {
+    auto& session = testsupport::PlayedUrlSession::install();
     pushAndAwait(R"({"update_url":null,"other":1})");
     world.awaitLog("OstComm loadConfigResponseThread valueBypassStr is now <ul>");
-    world.awaitLog("updateThread entry");
+    EXPECT_EQ(session.await(1).url, "ul");
 }
 
 TEST_F(ResponseThreadTest, AnEmptyUpdateUrlStartsNothing) {
