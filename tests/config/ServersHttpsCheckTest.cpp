@@ -1,0 +1,102 @@
+// The probe for servers that speak HTTPS, over the real rotation and real HTTPS.
+
+#include "config/Configuration.h"
+#include "support/CheckinTest.h"
+
+#include <sys/socket.h>
+
+namespace {
+
+using Lines = std::vector<std::string>;
+
+class ServersHttpsCheck : public testsupport::CheckinTest {
+protected:
+    // One server answers for all names; "no.example" has nothing at the place that is asked for.
+    ServersHttpsCheck() {
+        service.start("location /fernhill_ping/ { if ($host = no.example) { return 404; } }");
+        service.put("fernhill_ping/index.html", "pong");
+        for (const char* name : {"a.example", "b.example", "c.example", "no.example"})
+            names.answer(name, AF_INET, {"127.0.0.1"});
+        names.answer("refusing.example", AF_INET, {"127.0.0.2"});
+    }
+
+    static void probe() { serversHttpsCheckThread(nullptr); }
+
+    static bool usesHttps(const char* name) { return Configuration::getFilterServer(name)->isUseHttps(); }
+
+    // The probe's messages so far.
+    Lines steps() const {
+        Lines found;
+        for (const std::string& message : log.messages())
+            if (message.rfind("serversHttpsCheckThread ", 0) == 0) found.push_back(message.substr(24));
+        return found;
+    }
+};
+
+TEST_F(ServersHttpsCheck, WithoutAServerItEndsAtOnce) {
+    Configuration::setVerboseMode(true);
+    probe();
+    EXPECT_EQ(steps(), (Lines{"started", "finished"}));
+}
+
+TEST_F(ServersHttpsCheck, EveryServerIsAskedOnceFromTheCurrentOneAround) {
+    givenServers({"a.example", "no.example", "c.example"});
+    Configuration::nextServer();
+    Configuration::setVerboseMode(true);
+    probe();
+    EXPECT_EQ(steps(),
+              (Lines{"started", "checking no.example", "server set to http", "checking c.example",
+                     "server set to https", "checking a.example", "server set to https", "finished"}));
+    EXPECT_TRUE(usesHttps("a.example"));
+    EXPECT_FALSE(usesHttps("no.example"));
+    EXPECT_TRUE(usesHttps("c.example"));
+    EXPECT_EQ(service.requests("/fernhill_ping/").size(), 3u);
+}
+
+TEST_F(ServersHttpsCheck, TheCurrentServerMovesMeanwhileAndComesBack) {
+    givenServers({"a.example", "b.example"});
+    Configuration::setVerboseMode(true);
+    probe();
+    EXPECT_TRUE(log.holds("switched to backup server: b.example\n"));
+    EXPECT_TRUE(log.holds("switched to backup server: a.example\n"));
+    EXPECT_STREQ(Configuration::serverName(), "a.example");
+}
+
+TEST_F(ServersHttpsCheck, ASingleServerIsAskedOnce) {
+    givenServers({"a.example"});
+    probe();
+    EXPECT_TRUE(usesHttps("a.example"));
+    EXPECT_EQ(service.requests("/fernhill_ping/"), Lines{"GET /fernhill_ping/"});
+    EXPECT_TRUE(steps().empty()); // it only speaks when verbose
+}
+
+TEST_F(ServersHttpsCheck, AServerThatAnswersNoMoreLosesItsMark) {
+    givenServers({"no.example", "refusing.example", "unknown.example"});
+    for (const char* name : {"no.example", "refusing.example", "unknown.example"})
+        Configuration::getFilterServer(name)->setUseHttps(true);
+    probe();
+    for (const char* name : {"no.example", "refusing.example", "unknown.example"})
+        EXPECT_FALSE(usesHttps(name)) << name;
+}
+
+TEST_F(ServersHttpsCheck, AServerThatTheStoreDoesNotTrustIsNoHttpsServer) {
+    givenServers({"a.example"});
+    testsupport::trustNobody();
+    probe();
+    EXPECT_FALSE(usesHttps("a.example"));
+}
+
+TEST_F(ServersHttpsCheck, AMarkedDownServerIsLeftOut) {
+    givenServers({"a.example", "b.example", "c.example"});
+    Configuration::addDownServer("b.example");
+    probe();
+    EXPECT_TRUE(usesHttps("c.example"));
+    EXPECT_FALSE(usesHttps("b.example"));
+}
+
+TEST_F(ServersHttpsCheck, TheMarkIsNotStored) {
+    givenServers({"a.example"});
+    EXPECT_FALSE(writesFile(probe));
+}
+
+} // namespace
