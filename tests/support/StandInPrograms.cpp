@@ -15,8 +15,10 @@ void StandInPrograms::add(const std::string& name, const std::string& commands) 
     addAt(folder_.file(name), commands);
 }
 
-void StandInPrograms::addAt(const std::string& path, const std::string& commands) {
-    const std::string name = std::filesystem::path(path).filename();
+void StandInPrograms::addAt(const std::string& path, const std::string& commands,
+                            const std::string& recordedAs) {
+    const std::string name =
+        recordedAs.empty() ? std::filesystem::path(path).filename().string() : recordedAs;
     writeAll(path,
              "#!/bin/sh\necho \"" + name + " $*\" >> '" + folder_.file("calls") + "'\n" + commands + "\n");
     std::filesystem::permissions(path, std::filesystem::perms::owner_all);

@@ -18,8 +18,9 @@ public:
     // Makes, or replaces, the program `name`, which runs these shell commands.
     void add(const std::string& name, const std::string& commands);
 
-    // The same for a program at a fixed path, which is recorded by the last component of its path.
-    void addAt(const std::string& path, const std::string& commands);
+    // The same for a program at a fixed path, which is recorded by the last component of its path, or by
+    // `recordedAs`.
+    void addAt(const std::string& path, const std::string& commands, const std::string& recordedAs = {});
 
     // The calls so far, oldest first: the program's name and its words, with a blank between.
     std::vector<std::string> calls() const;

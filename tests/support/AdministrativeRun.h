@@ -1,0 +1,77 @@
+#pragma once
+
+// Base of the tests that run the whole program with a switch: a machine whose settings are stored, programs
+// that stand in for the system's own, and what a run leaves behind.
+
+#include "platform/HostPaths.h"
+#include "support/ProgramRun.h"
+#include "support/SettingsTest.h"
+#include "support/StandInPrograms.h"
+#include "support/StoredSettings.h"
+
+#include <filesystem>
+#include <regex>
+#include <string>
+#include <vector>
+
+namespace testsupport {
+
+class AdministrativeRun : public SettingsTest {
+protected:
+    AdministrativeRun() {
+        std::filesystem::create_directories(
+            std::filesystem::path(platform::HostPaths::logDirectory()).parent_path());
+        givenFile(fullSettings);
+        makePrograms("");
+        world.path = programs.folder();
+    }
+
+    // Has every program that a switch can start run these shell commands.
+    void makePrograms(const std::string& commands) {
+        for (const char* name : {"launchctl", "mkdir", "chown", "chmod", "sudo", "unzip"})
+            programs.add(name, commands);
+        using platform::HostPaths;
+        for (const char* path : {HostPaths::rootmint(), HostPaths::mintroot()})
+            programs.addAt(path, commands, path);
+    }
+
+    // Runs the program. What it printed is kept in the form of the shipped program, without the root in its
+    // paths and without threads and times in the lines of the log.
+    ProgramRun run(const std::vector<std::string>& arguments) const {
+        ProgramRun result = runProgram(arguments, world);
+        result.output =
+            std::regex_replace(withoutRoot(result.output), std::regex("\\[\\d+ [^\\]]*\\]"), "[]");
+        return result;
+    }
+
+    // The commands that were run, in order, without the root in their words.
+    std::vector<std::string> commands() const {
+        std::vector<std::string> all;
+        for (const std::string& call : programs.calls()) {
+            const std::string words = withoutRoot(call);
+            // A call without words ends in the blank that stands in front of them.
+            all.push_back(words.substr(0, words.find_last_not_of(' ') + 1));
+        }
+        return all;
+    }
+
+    // A file below the root.
+    std::string fileAt(const std::string& path) const { return readAll(root.path() + path); }
+
+    bool programLogged(const std::string& message) const {
+        return fileAt("/Library/Logs/TarnwickSystems/fernhill0-1.log").find("]: " + message + "\n") !=
+               std::string::npos;
+    }
+
+    StandInPrograms programs;
+    ProgramWorld world;
+
+private:
+    std::string withoutRoot(std::string text) const {
+        for (std::size_t at = 0; (at = text.find(root.path(), at)) != std::string::npos;)
+            text.erase(at, root.path().size());
+        return text;
+    }
+};
+
+} // namespace testsupport
