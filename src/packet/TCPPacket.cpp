@@ -1,6 +1,7 @@
 #include "packet/TCPPacket.h"
 
 #include "config/Configuration.h"
+#include "gp/CycleWatch.h"
 #include "gp/GPLog.h"
 #include "gp/GPString.h"
 #include "gp/Owned.h"
@@ -9,6 +10,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <utility>
 
 namespace {
 
@@ -65,35 +67,13 @@ bool holdsExtension(int offset) { return offset >= 0 && offset + 1 < TCPPacket::
 
 bool holdsTransport(int offset) { return offset >= 0 && offset + bareTcpHeader <= TCPPacket::packetRoom; }
 
-// Notices a walk that comes back to a state that it was in before, and so would never end. It compares with
-// one remembered state, and remembers the present one after 1, 2, 4, 8 ... steps.
-class CycleWatch {
-public:
-    bool isRepeated(int offset, int next) {
-        if (offset == offset_ && next == next_) return true;
-        if (++steps_ == limit_) {
-            offset_ = offset;
-            next_ = next;
-            steps_ = 0;
-            limit_ *= 2;
-        }
-        return false;
-    }
-
-private:
-    int offset_ = -1;
-    int next_ = -1;
-    unsigned steps_ = 0;
-    unsigned limit_ = 1;
-};
-
 // Walks the extension headers. Whatever is not IPv4 is walked as IPv6.
 ChainEnd walkExtensions(const char* packet) {
     int next = byteAt(packet, nextHeaderV6);
     int offset = fixedHeaderV6;
-    CycleWatch watch;
+    CycleWatch<std::pair<int, int>> watch({-1, -1});
     for (;;) {
-        if (watch.isRepeated(offset, next)) return brokenChain;
+        if (watch.isRepeated({offset, next})) return brokenChain;
         bool advanced = false;
         if (next == hopByHop || next == routing || next == destinationOptions) {
             if (!holdsExtension(offset)) return brokenChain;

@@ -40,6 +40,9 @@ HostPath logDirectoryPath("/Library/Logs/TarnwickSystems");
 HostPath kernelExtensionPath("/Library/Extensions/FernhillKext.kext");
 HostPath inboundControlSocketPath("/var/run/fernhill/twFernhill_inkext");
 HostPath outboundControlSocketPath("/var/run/fernhill/twFernhill_outkext");
+HostPath hostsFilePath("/etc/hosts");
+HostPath hostsRecordFilePath("/etc/hostsDnsRemaps");
+HostPath hostsWorkFilePath("/etc/hostsTmp");
 HostPath updateHelperPath("/usr/local/bin/fernhillupdate");
 HostPath updateCopyHelperPath("/usr/local/bin/fernhillupdatecopy");
 HostPath updateDirectoryPath("/usr/local/etc/");
@@ -74,6 +77,9 @@ HostPath* const allPaths[] = {
     &packageDirectoryPath,
     &inboundControlSocketPath,
     &outboundControlSocketPath,
+    &hostsFilePath,
+    &hostsRecordFilePath,
+    &hostsWorkFilePath,
     &updateHelperPath,
     &updateCopyHelperPath,
     &dsconfigadPath,
@@ -113,6 +119,9 @@ const char* HostPaths::logDirectory() { return logDirectoryPath.text(); }
 const char* HostPaths::kernelExtension() { return kernelExtensionPath.text(); }
 const char* HostPaths::inboundControlSocket() { return inboundControlSocketPath.text(); }
 const char* HostPaths::outboundControlSocket() { return outboundControlSocketPath.text(); }
+const char* HostPaths::hostsFile() { return hostsFilePath.text(); }
+const char* HostPaths::hostsRecordFile() { return hostsRecordFilePath.text(); }
+const char* HostPaths::hostsWorkFile() { return hostsWorkFilePath.text(); }
 const char* HostPaths::updateHelper() { return updateHelperPath.text(); }
 const char* HostPaths::updateCopyHelper() { return updateCopyHelperPath.text(); }
 const char* HostPaths::updateDirectory() { return updateDirectoryPath.text(); }

@@ -28,6 +28,10 @@ public:
     static const char* inboundControlSocket();
     static const char* outboundControlSocket();
 
+    static const char* hostsFile();
+    static const char* hostsRecordFile(); // the hosts that were added to the hosts file
+    static const char* hostsWorkFile();
+
     static const char* updateHelper();
     static const char* updateCopyHelper();
 

@@ -6,6 +6,7 @@
 #include <net/if.h>
 #include <sched.h>
 #include <sys/ioctl.h>
+#include <sys/mount.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -37,27 +38,44 @@ bool raiseLoopback() {
     return raised;
 }
 
-bool enterNamespace() {
+// A namespace of these kinds in which this process is the superuser.
+bool enterNamespace(int kinds) {
     const std::string user = "0 " + std::to_string(getuid()) + " 1";
     const std::string group = "0 " + std::to_string(getgid()) + " 1";
-    if (unshare(CLONE_NEWUSER | CLONE_NEWNET) != 0) return false;
+    if (unshare(CLONE_NEWUSER | kinds) != 0) return false;
     writeFile("/proc/self/setgroups", "deny");
-    return writeFile("/proc/self/uid_map", user) && writeFile("/proc/self/gid_map", group) && raiseLoopback();
+    return writeFile("/proc/self/uid_map", user) && writeFile("/proc/self/gid_map", group);
 }
 
-} // namespace
+bool mountSmallDisk(const std::string& folder, std::size_t bytes) {
+    const std::string size = "size=" + std::to_string(bytes);
+    return mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+           mount("tmpfs", folder.c_str(), "tmpfs", 0, size.c_str()) == 0;
+}
 
-NamespaceResult runInNetworkNamespace(const std::function<void()>& body) {
+// Runs `body` in a forked child in which `enter` has worked.
+NamespaceResult runBehind(const std::function<bool()>& enter, const std::function<void()>& body) {
     std::fflush(nullptr);
     const pid_t child = fork();
     if (child == 0) {
-        if (!enterNamespace()) _exit(noNamespace);
+        if (!enter()) _exit(noNamespace);
         endAfter(body);
     }
     int status = 0;
     if (child < 0 || waitpid(child, &status, 0) != child) return NamespaceResult::unavailable;
     if (WIFEXITED(status) && WEXITSTATUS(status) == noNamespace) return NamespaceResult::unavailable;
     return WIFEXITED(status) && WEXITSTATUS(status) == 0 ? NamespaceResult::passed : NamespaceResult::failed;
+}
+
+} // namespace
+
+NamespaceResult runInNetworkNamespace(const std::function<void()>& body) {
+    return runBehind([] { return enterNamespace(CLONE_NEWNET) && raiseLoopback(); }, body);
+}
+
+NamespaceResult runOnSmallDisk(const std::string& folder, std::size_t bytes,
+                               const std::function<void()>& body) {
+    return runBehind([&] { return enterNamespace(CLONE_NEWNS) && mountSmallDisk(folder, bytes); }, body);
 }
 
 } // namespace testsupport

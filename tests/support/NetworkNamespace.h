@@ -1,8 +1,9 @@
 #pragma once
 
-// A network of the test's own, in which every port is free.
+// A network of the test's own, in which every port is free, and a disk of the test's own, which is soon full.
 
 #include <functional>
+#include <string>
 
 namespace testsupport {
 
@@ -12,5 +13,9 @@ enum class NamespaceResult { passed, failed, unavailable };
 // up. `failed` when the child's test has failures, crashes or takes over 20 seconds; `unavailable` when this
 // machine grants no namespace.
 NamespaceResult runInNetworkNamespace(const std::function<void()>& body);
+
+// Runs `body` in a forked child that sees an empty disk with room for `bytes`, whole pages, at `folder`.
+NamespaceResult runOnSmallDisk(const std::string& folder, std::size_t bytes,
+                               const std::function<void()>& body);
 
 } // namespace testsupport

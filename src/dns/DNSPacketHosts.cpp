@@ -1,0 +1,182 @@
+#include "dns/DNSPacket.h"
+#include "dns/DNSPacketState.h"
+#include "gp/GPMutex.h"
+#include "platform/HostPaths.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+#include <string>
+
+using platform::HostPaths;
+
+namespace {
+
+// Lines are read in pieces of at most 254 bytes; each piece counts as a line.
+constexpr int lineLimit = 255;
+
+struct FixedHost {
+    const char* host;
+    const char* address;
+};
+
+// Deliberately not the set of the built-in table.
+constexpr FixedHost fixedHosts[] = {
+    {"encrypted.google.com", "216.239.38.120"}, {"encrypted.google.com.au", "216.239.38.120"},
+    {"www.google.co.uk", "216.239.38.120"},     {"images.google.com", "216.239.38.120"},
+    {"images.google.co.uk", "216.239.38.120"},  {"www.google.com.au", "216.239.38.120"},
+    {"www.google.co.zw", "216.239.38.120"},     {"www.google.com", "216.239.38.120"},
+    {"google.com", "216.239.38.120"},           {"www.youtube.com", "216.239.38.120"},
+    {"m.youtube.com", "216.239.38.120"},        {"youtubei.googleapis.com", "216.239.38.120"},
+    {"www.bing.com", "204.79.197.220"},
+};
+
+class TextFile {
+public:
+    TextFile(const char* path, const char* mode) : file_(std::fopen(path, mode)) {}
+    ~TextFile() {
+        if (file_) std::fclose(file_);
+    }
+
+    TextFile(const TextFile&) = delete;
+    TextFile& operator=(const TextFile&) = delete;
+
+    bool isOpen() const { return file_ != nullptr; }
+
+    // The next line, or the next piece of a long one; false at the end and after a failure.
+    bool readLine(char (&line)[lineLimit]) { return std::fgets(line, lineLimit, file_) != nullptr; }
+    bool readFailed() const { return std::ferror(file_) != 0; }
+
+    // Failures of writing show at close.
+    void write(const char* text) { std::fputs(text, file_); }
+
+    // Whether everything was written.
+    bool close() {
+        const bool failed = std::ferror(file_) != 0;
+        const bool closed = std::fclose(file_) == 0;
+        file_ = nullptr;
+        return closed && !failed;
+    }
+
+    long size() const {
+        struct stat found {};
+        return fstat(fileno(file_), &found) == 0 ? static_cast<long>(found.st_size) : -1;
+    }
+
+private:
+    std::FILE* file_;
+};
+
+// What follows the first run of blanks, without the line's last character, must be the host. So a line with
+// two names or with a tab is none of ours, and the last line of a file without a final line break matches a
+// host that is one character shorter.
+bool isLineOf(const char* line, const char* host) {
+    const char* blank = std::strchr(line, ' ');
+    if (!blank) return false;
+    const char* name = blank + std::strspn(blank, " ");
+    const std::size_t length = std::strlen(host);
+    return std::strlen(name) == length + 1 && std::strncmp(name, host, length) == 0;
+}
+
+enum class Search { present, absent, unreadable };
+
+Search searchHosts(const char* host) {
+    TextFile hosts(HostPaths::hostsFile(), "r");
+    if (!hosts.isOpen()) return Search::unreadable;
+    char line[lineLimit];
+    while (hosts.readLine(line))
+        if (isLineOf(line, host)) return Search::present;
+    return hosts.readFailed() ? Search::unreadable : Search::absent;
+}
+
+// Takes back what went beyond `size`, the size of before. Whether that worked.
+bool cutBack(const char* path, long size) { return size >= 0 && truncate(path, size) == 0; }
+
+// Appends to a file and stores the size that it had. A text that does not fit whole is taken back.
+bool appendTo(const char* path, const std::string& text, long& sizeBefore) {
+    TextFile file(path, "a");
+    if (!file.isOpen()) return false;
+    sizeBefore = file.size();
+    file.write(text.c_str());
+    if (file.close()) return true;
+    cutBack(path, sizeBefore);
+    return false;
+}
+
+// Adds a host's line to the hosts file and the host to the record of what was added, both or neither, since
+// what is not recorded could never be taken out. The text goes right behind a last line without a line break;
+// deliberate.
+void addHost(const std::string& host, const std::string& address) {
+    long hostsSize = -1;
+    long recordSize = -1;
+    if (!appendTo(HostPaths::hostsFile(), address + " " + host + "\n", hostsSize)) return;
+    if (!appendTo(HostPaths::hostsRecordFile(), host + "\n", recordSize))
+        cutBack(HostPaths::hostsFile(), hostsSize);
+}
+
+// Copies a file line by line over another one, without the lines of `host` unless that is null. False when a
+// file does not open, with `to` as it was, and when the copy is not whole.
+bool copyLines(const char* from, const char* to, const char* host) {
+    TextFile source(from, "r");
+    if (!source.isOpen()) return false;
+    TextFile target(to, "w");
+    if (!target.isOpen()) return false;
+    char line[lineLimit];
+    while (source.readLine(line))
+        if (!host || !isLineOf(line, host)) target.write(line);
+    return !source.readFailed() && target.close();
+}
+
+// Removes a host's lines by way of the work file, which is left behind: whatever happens to the hosts file
+// while it is written, the work file then has all of it. Whether the lines are gone.
+bool removeHost(const char* host) {
+    return copyLines(HostPaths::hostsFile(), HostPaths::hostsWorkFile(), host) &&
+           copyLines(HostPaths::hostsWorkFile(), HostPaths::hostsFile(), nullptr);
+}
+
+// Removes every host that was added. The record is emptied unless some host is still in the hosts file.
+void removeRecordedHosts() {
+    bool allGone = true;
+    TextFile record(HostPaths::hostsRecordFile(), "r");
+    char host[lineLimit];
+    while (record.isOpen() && record.readLine(host)) {
+        const std::size_t length = std::strlen(host);
+        if (length == 0) continue;
+        host[length - 1] = 0;
+        if (!removeHost(host)) allGone = false;
+    }
+    if (allGone) TextFile(HostPaths::hostsRecordFile(), "w");
+}
+
+} // namespace
+
+bool hostExistsCheck(const char* host, const char* address) {
+    if (searchHosts(host) == Search::absent) addHost(host, address);
+    return true;
+}
+
+void removeHostEntry(const char* host) { removeHost(host); }
+
+void removePinnedHosts() {
+    for (const FixedHost& fixed : fixedHosts)
+        removeHost(fixed.host);
+    removeRecordedHosts();
+}
+
+void DNSPacket::clearHostsDnsRemaps() {
+    GPMutexLock lock(dnsState.mutex);
+    removeRecordedHosts();
+}
+
+void DNSPacket::checkHostsFile() {
+    GPMutexLock lock(dnsState.mutex);
+    for (const FixedHost& fixed : fixedHosts)
+        hostExistsCheck(fixed.host, fixed.address);
+}
+
+void DNSPacket::removeHostsFile() {
+    GPMutexLock lock(dnsState.mutex);
+    removePinnedHosts();
+}

@@ -1,0 +1,199 @@
+// The hosts file when something is in the way: it stays whole.
+
+#include "dns/DNSPacket.h"
+
+#include "gp/GPFilesystem.h"
+#include "platform/HostPaths.h"
+#include "support/DnsWorld.h"
+#include "support/NetworkNamespace.h"
+#include "support/TestChild.h"
+
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <filesystem>
+
+using platform::HostPaths;
+using testsupport::NamespaceResult;
+
+namespace {
+
+constexpr int nobody = 65534;
+
+class HostsFileFailures : public testsupport::DnsWorld {
+protected:
+    // Runs `body` as a user for whom a file without write permission is read-only.
+    bool passesAsOrdinaryUser(const std::function<void()>& body) const {
+        return testsupport::passesInChild([&] {
+            if (geteuid() == 0) {
+                for (const auto& entry : std::filesystem::recursive_directory_iterator(root.path()))
+                    ASSERT_EQ(chown(entry.path().c_str(), nobody, nobody), 0);
+                ASSERT_EQ(chown(root.path().c_str(), nobody, nobody), 0);
+                ASSERT_EQ(seteuid(nobody), 0);
+            }
+            body();
+        });
+    }
+
+    // Runs `body` in a child in which no file can grow beyond `bytes`.
+    static bool passesWithFilesUpTo(std::size_t bytes, const std::function<void()>& body) {
+        return testsupport::passesInChild([&] {
+            std::signal(SIGXFSZ, SIG_IGN);
+            const rlimit limit{bytes, bytes};
+            ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
+            body();
+        });
+    }
+
+    static std::string folder() { return std::filesystem::path(HostPaths::hostsFile()).parent_path(); }
+
+    static void makeFolderOf(const char* path) {
+        std::filesystem::remove_all(path);
+        std::filesystem::create_directories(path);
+    }
+
+    // Takes what room the disk of the hosts file has left.
+    static void fillDisk() {
+        FILE* filler = std::fopen((folder() + "/filler").c_str(), "w");
+        ASSERT_NE(filler, nullptr);
+        std::setvbuf(filler, nullptr, _IONBF, 0);
+        while (std::fputc('f', filler) != EOF) {
+        }
+        std::fclose(filler);
+    }
+};
+
+TEST_F(HostsFileFailures, WithoutAHostsFileAHostIsNotPinnedNorRecorded) {
+    std::filesystem::remove(HostPaths::hostsFile());
+    EXPECT_TRUE(hostExistsCheck("a", "192.0.2.1"));
+    DNSPacket::checkHostsFile();
+    EXPECT_FALSE(ifExist(HostPaths::hostsFile()));
+    EXPECT_FALSE(ifExist(HostPaths::hostsRecordFile()));
+}
+
+TEST_F(HostsFileFailures, WithoutAHostsFileNothingIsRemovedAndTheRecordIsKept) {
+    std::filesystem::remove(HostPaths::hostsFile());
+    givenRecord("a\n");
+    removeHostEntry("a");
+    DNSPacket::removeHostsFile();
+    EXPECT_FALSE(ifExist(HostPaths::hostsFile()));
+    EXPECT_EQ(record(), "a\n");
+}
+
+TEST_F(HostsFileFailures, AHostsFileThatCannotBeReadIsLeftAlone) {
+    makeFolderOf(HostPaths::hostsFile());
+    EXPECT_TRUE(hostExistsCheck("a", "192.0.2.1"));
+    removeHostEntry("a");
+    EXPECT_TRUE(isDirectory(HostPaths::hostsFile()));
+    EXPECT_FALSE(ifExist(HostPaths::hostsRecordFile()));
+}
+
+TEST_F(HostsFileFailures, AReadOnlyHostsFileStaysWholeAndNothingIsRecorded) {
+    givenHosts("192.0.2.1 a\n192.0.2.1 b\n");
+    givenRecord("a\n");
+    chmod(HostPaths::hostsFile(), 0444);
+    EXPECT_TRUE(passesAsOrdinaryUser([] {
+        EXPECT_TRUE(hostExistsCheck("c", "192.0.2.1"));
+        removeHostEntry("b");
+        DNSPacket::removeHostsFile();
+        EXPECT_EQ(hosts(), "192.0.2.1 a\n192.0.2.1 b\n");
+        EXPECT_EQ(record(), "a\n") << "what could not be taken out is not forgotten";
+    }));
+}
+
+TEST_F(HostsFileFailures, AHostsFileThatOnlyOthersMayReadStaysWhole) {
+    givenHosts("192.0.2.1 a\n");
+    chmod(HostPaths::hostsFile(), 0200);
+    EXPECT_TRUE(passesAsOrdinaryUser([] {
+        EXPECT_TRUE(hostExistsCheck("a", "192.0.2.1"));
+        removeHostEntry("a");
+        chmod(HostPaths::hostsFile(), 0600);
+        EXPECT_EQ(hosts(), "192.0.2.1 a\n");
+    }));
+}
+
+TEST_F(HostsFileFailures, AWorkFileThatDoesNotOpenLeavesTheHostsFileWhole) {
+    givenHosts("192.0.2.1 a\n192.0.2.1 b\n");
+    givenRecord("a\n");
+    makeFolderOf(HostPaths::hostsWorkFile());
+    removeHostEntry("a");
+    DNSPacket::removeHostsFile();
+    EXPECT_EQ(hosts(), "192.0.2.1 a\n192.0.2.1 b\n");
+    EXPECT_EQ(record(), "a\n");
+}
+
+TEST_F(HostsFileFailures, AWorkFileThatTakesNoByteLeavesTheHostsFileWhole) {
+    givenHosts("192.0.2.1 a\n192.0.2.1 b\n");
+    std::filesystem::create_symlink("/dev/full", HostPaths::hostsWorkFile());
+    removeHostEntry("a");
+    EXPECT_EQ(hosts(), "192.0.2.1 a\n192.0.2.1 b\n");
+}
+
+TEST_F(HostsFileFailures, ARecordThatDoesNotOpenTakesThePinBack) {
+    givenHosts("192.0.2.1 b\n");
+    makeFolderOf(HostPaths::hostsRecordFile());
+    EXPECT_TRUE(hostExistsCheck("a", "192.0.2.1"));
+    EXPECT_EQ(hosts(), "192.0.2.1 b\n");
+}
+
+TEST_F(HostsFileFailures, ARecordThatTakesNoByteTakesThePinBack) {
+    givenHosts("192.0.2.1 b\n");
+    std::filesystem::create_symlink("/dev/full", HostPaths::hostsRecordFile());
+    EXPECT_TRUE(hostExistsCheck("a", "192.0.2.1"));
+    EXPECT_EQ(hosts(), "192.0.2.1 b\n");
+}
+
+TEST_F(HostsFileFailures, ALineThatFitsOnlyInPartIsTakenBack) {
+    givenHosts("192.0.2.1 b\n");
+    EXPECT_TRUE(passesWithFilesUpTo(16, [] {
+        EXPECT_TRUE(hostExistsCheck("a", "192.0.2.1"));
+        EXPECT_EQ(hosts(), "192.0.2.1 b\n");
+        EXPECT_EQ(record(), "");
+    }));
+}
+
+TEST_F(HostsFileFailures, AWorkFileThatTakesOnlyAPartLeavesTheHostsFileWhole) {
+    const std::string lines = "192.0.2.1 b\n192.0.2.1 c\n192.0.2.1 a\n";
+    givenHosts(lines);
+    givenRecord("a\n");
+    EXPECT_TRUE(passesWithFilesUpTo(16, [&] {
+        removeHostEntry("a");
+        DNSPacket::clearHostsDnsRemaps();
+        EXPECT_EQ(hosts(), lines);
+        EXPECT_EQ(record(), "a\n");
+    }));
+}
+
+TEST_F(HostsFileFailures, OnAFullDiskTheHostsFileStaysWhole) {
+    constexpr std::size_t page = 4096;
+    const auto result = testsupport::runOnSmallDisk(folder(), 8 * page, [] {
+        // Five bytes short of two pages: a new line begins to fit.
+        std::string lines = "192.0.2.1 a\n";
+        while (lines.size() < 2 * page - 5 - 20)
+            lines += "192.0.2.1 b\n";
+        lines += "#" + std::string(2 * page - 5 - lines.size() - 2, '-') + "\n";
+        givenHosts(lines);
+        givenRecord("a\n");
+        fillDisk();
+
+        EXPECT_TRUE(hostExistsCheck("c", "192.0.2.1"));
+        EXPECT_EQ(hosts(), lines);
+        EXPECT_EQ(record(), "a\n");
+
+        removeHostEntry("a");
+        DNSPacket::removeHostsFile();
+        EXPECT_EQ(hosts(), lines);
+        EXPECT_EQ(record(), "a\n");
+
+        std::filesystem::remove(folder() + "/filler");
+        DNSPacket::removeHostsFile();
+        EXPECT_EQ(hosts(), lines.substr(12)) << "with room again, the host goes";
+        EXPECT_EQ(record(), "");
+    });
+    if (result == NamespaceResult::unavailable) GTEST_SKIP() << "no mount namespace on this machine";
+    EXPECT_EQ(result, NamespaceResult::passed);
+}
+
+} // namespace
