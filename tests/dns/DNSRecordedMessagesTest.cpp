@@ -25,7 +25,7 @@ struct Recorded {
 void PrintTo(const Recorded& recorded, std::ostream* out) { *out << recorded.file; }
 
 const std::string longestName = std::string(63, 'l') + "." + std::string(63, 'o') + "." +
-                                std::string(63, 'n') + "." + std::string(52, 'g') + ".test";
+                                std::string(63, 'n') + "." + std::string(56, 'g') + ".test";
 
 const Recorded recordings[] = {
     {"web-search", true, "www.google.com", "forcesafesearch.google.com"},
