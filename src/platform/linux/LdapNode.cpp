@@ -148,7 +148,7 @@ bool LdapNode::find(const DirectoryQueryTerms& terms, DirectoryRecords& records,
                               attributes, 0, nullptr, nullptr, &timeout, sizeLimit(terms), &answer);
     const std::unique_ptr<LDAPMessage, FreeMessage> owned(answer);
 
-    LDAPMessage* message = connection ? ldap_first_entry(connection.get(), answer) : nullptr;
+    LDAPMessage* message = answer ? ldap_first_entry(connection.get(), answer) : nullptr;
     for (; message; message = ldap_next_entry(connection.get(), message)) {
         const Text dn(ldap_get_dn(connection.get(), message));
         DirectoryDetails details = translated(readEntry(connection.get(), message), terms.recordType);
