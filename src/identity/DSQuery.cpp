@@ -134,7 +134,10 @@ void DSQuery::search(Success onSuccess, Failure onFailure) {
                 return;
             }
             logTextVerbosely("search searchUserInfo results: %@. ", {described(results)});
-            kind == activeDirectory ? ADSearch(node, info, results) : ODSearch(node, info, results);
+            if (kind == activeDirectory)
+                ADSearch(node, info, results);
+            else
+                ODSearch(node, info, results);
         },
         [&](const DirectoryError& error) {
             fail(error);

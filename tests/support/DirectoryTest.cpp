@@ -1,0 +1,49 @@
+#include "support/DirectoryTest.h"
+
+#include "config/Configuration.h"
+#include "identity/DSQuery.h"
+
+namespace testsupport {
+
+DirectoryTest::DirectoryTest() {
+    directory.install();
+    host.install();
+    Configuration::setCachedUserName("alice");
+}
+
+void DirectoryTest::logEverything() { Configuration::setLogLevel(1); }
+
+void DirectoryTest::givenUser(const std::string& node, platform::DirectoryDetails details) {
+    details.insert({{"RecordName", {"alice"}}, {"AppleMetaNodeLocation", {node}}});
+    directory.add(node, platform::kODRecordTypeUsers, details);
+}
+
+void DirectoryTest::givenComputer(const std::string& node, platform::DirectoryDetails details) {
+    details.insert({{"RecordName", {"mac01"}}, {"AppleMetaNodeLocation", {node}}});
+    directory.add(node, platform::kODRecordTypeComputers, details);
+}
+
+std::vector<std::string> DirectoryTest::search() {
+    std::vector<std::string> ends;
+    DSQuery::sharedDSQuery()->search(
+        [&](DSInfo* info) {
+            ends.emplace_back("success");
+            copyInfo(*info, found);
+        },
+        [&](const platform::DirectoryError& error) { ends.push_back("failure: " + error.description); });
+    return ends;
+}
+
+void copyInfo(const DSInfo& from, DSInfo& to) {
+    to.username = from.username;
+    to.userDN = from.userDN;
+    to.userOU = from.userOU;
+    to.groups = from.groups;
+    to.computerName = from.computerName;
+    to.computerDN = from.computerDN;
+    to.computerOU = from.computerOU;
+    to.computerUUID = from.computerUUID;
+    to.userFormat = from.userFormat;
+}
+
+} // namespace testsupport
