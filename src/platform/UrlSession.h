@@ -31,7 +31,7 @@ public:
     virtual void uploadTask(const char* url, const char* method, const std::string& data,
                             Completion completion) = 0;
 
-    // Lets the session's events run until `seconds` from now, or until some task has ended.
+    // Lets the session's events run until `seconds` from now; comes back earlier when a task has ended.
     virtual void runMainLoop(int seconds) = 0;
 
 protected:

@@ -25,6 +25,14 @@ CURL* newHandle() {
     return ready == CURLE_OK ? curl_easy_init() : nullptr;
 }
 
+// Takes a URL apart; null for a text without a scheme, which would be taken for a host.
+CURLU* newUrl(const char* text) {
+    CURLU* url = curl_url();
+    if (url && curl_url_set(url, CURLUPART_URL, text, CURLU_NON_SUPPORT_SCHEME) == CURLUE_OK) return url;
+    curl_url_cleanup(url);
+    return nullptr;
+}
+
 std::size_t writeToFile(char* bytes, std::size_t size, std::size_t count, void* file) {
     return std::fwrite(bytes, size, count, static_cast<std::FILE*>(file));
 }
@@ -54,9 +62,9 @@ curl_off_t bytesMoved(CURL* handle) {
 
 } // namespace
 
-UrlTransfer::UrlTransfer(const char* url) : handle_(newHandle()) {
+UrlTransfer::UrlTransfer(const char* url) : handle_(newHandle()), url_(newUrl(url)) {
     if (!handle_) return;
-    curl_easy_setopt(handle_, CURLOPT_URL, url);
+    curl_easy_setopt(handle_, CURLOPT_CURLU, url_);
     curl_easy_setopt(handle_, CURLOPT_ERRORBUFFER, errorText_);
     curl_easy_setopt(handle_, CURLOPT_NOSIGNAL, 1L);
     curl_easy_setopt(handle_, CURLOPT_PROTOCOLS_STR, "http,https");
@@ -69,6 +77,7 @@ UrlTransfer::UrlTransfer(const char* url) : handle_(newHandle()) {
 
 UrlTransfer::~UrlTransfer() {
     if (handle_) curl_easy_cleanup(handle_);
+    curl_url_cleanup(url_);
 }
 
 void UrlTransfer::download(const UrlSession::Completion& completion) {
@@ -100,6 +109,10 @@ void UrlTransfer::upload(const char* method, const std::string& data,
 
 UrlTaskResult UrlTransfer::perform() {
     UrlTaskResult result;
+    if (!url_) {
+        result.localizedDescription = "unsupported URL";
+        return result;
+    }
     CURLM* multi = handle_ ? curl_multi_init() : nullptr;
     if (!multi) {
         result.localizedDescription = "no transfer can be made";
@@ -141,12 +154,10 @@ bool UrlTransfer::isIdleTooLong() {
 }
 
 std::string lastPathComponent(const char* url) {
-    CURLU* parts = curl_url();
+    CURLU* parts = newUrl(url);
     char* text = nullptr;
-    std::string path;
-    if (parts && curl_url_set(parts, CURLUPART_URL, url, CURLU_NON_SUPPORT_SCHEME) == CURLUE_OK &&
-        curl_url_get(parts, CURLUPART_PATH, &text, 0) == CURLUE_OK)
-        path = text;
+    if (!parts || curl_url_get(parts, CURLUPART_PATH, &text, 0) != CURLUE_OK) text = nullptr;
+    std::string path = text ? text : "";
     curl_free(text);
     curl_url_cleanup(parts);
 

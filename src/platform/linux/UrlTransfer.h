@@ -32,6 +32,7 @@ private:
     bool isIdleTooLong();
 
     CURL* handle_;
+    CURLU* url_; // null for a text that is no URL with a scheme
     char errorText_[CURL_ERROR_SIZE] = {};
     curl_off_t movedBytes_ = -1;       // as of lastMove_
     std::int64_t lastMove_ = 0;        // microseconds

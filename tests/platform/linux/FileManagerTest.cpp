@@ -1,0 +1,127 @@
+#include "platform/FileManager.h"
+
+#include "support/TemporaryFolder.h"
+
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <string>
+
+using platform::FileResult;
+using testsupport::readAll;
+using testsupport::TemporaryFolder;
+using testsupport::writeAll;
+
+namespace fs = std::filesystem;
+
+namespace {
+
+class FileManagerTest : public testing::Test {
+protected:
+    static FileResult remove(const std::string& path) {
+        return platform::fileManagerService.backend().removeItem(path.c_str());
+    }
+
+    static FileResult move(const std::string& from, const std::string& to) {
+        return platform::fileManagerService.backend().moveItem(from.c_str(), to.c_str());
+    }
+
+    static void expectFailure(const FileResult& result, long code) {
+        EXPECT_FALSE(result.done);
+        EXPECT_EQ(result.code, code);
+        EXPECT_EQ(result.raised, "");
+    }
+
+    TemporaryFolder folder;
+};
+
+dev_t volumeOf(const std::string& path) {
+    struct stat entry {};
+    EXPECT_EQ(stat(path.c_str(), &entry), 0) << path;
+    return entry.st_dev;
+}
+
+} // namespace
+
+TEST_F(FileManagerTest, AFileIsRemoved) {
+    writeAll(folder.file("a"), "text");
+    const FileResult result = remove(folder.file("a"));
+    EXPECT_TRUE(result.done);
+    EXPECT_EQ(result.code, 0);
+    EXPECT_FALSE(fs::exists(folder.file("a")));
+}
+
+TEST_F(FileManagerTest, AFolderIsRemovedWithAllThatIsInIt) {
+    writeAll(folder.file("a/b/c"), "text");
+    writeAll(folder.file("a/d"), "text");
+    EXPECT_TRUE(remove(folder.file("a")).done);
+    EXPECT_FALSE(fs::exists(folder.file("a")));
+}
+
+TEST_F(FileManagerTest, ALinkIsRemovedAndWhatItPointsAtStays) {
+    writeAll(folder.file("kept/file"), "text");
+    fs::create_directory_symlink(folder.file("kept"), folder.file("link"));
+    EXPECT_TRUE(remove(folder.file("link")).done);
+    EXPECT_FALSE(fs::exists(fs::symlink_status(folder.file("link"))));
+    EXPECT_EQ(readAll(folder.file("kept/file")), "text");
+}
+
+TEST_F(FileManagerTest, RemovingWhatIsNotThereFailsWithNoSuchFile) {
+    expectFailure(remove(folder.file("a")), platform::fileNoSuchFileError);
+    expectFailure(remove(""), platform::fileNoSuchFileError);
+}
+
+TEST_F(FileManagerTest, AFileIsMoved) {
+    writeAll(folder.file("a"), "text");
+    EXPECT_TRUE(move(folder.file("a"), folder.file("b")).done);
+    EXPECT_EQ(readAll(folder.file("b")), "text");
+    EXPECT_FALSE(fs::exists(folder.file("a")));
+}
+
+TEST_F(FileManagerTest, WhatIsAtTheTargetIsNotReplaced) {
+    writeAll(folder.file("a"), "new");
+    writeAll(folder.file("b"), "old");
+    expectFailure(move(folder.file("a"), folder.file("b")), platform::fileWriteFileExistsError);
+    EXPECT_EQ(readAll(folder.file("a")), "new");
+    EXPECT_EQ(readAll(folder.file("b")), "old");
+}
+
+TEST_F(FileManagerTest, AMoveWithoutSourceOrTargetFolderFailsWithNoSuchFile) {
+    expectFailure(move(folder.file("a"), folder.file("b")), platform::fileNoSuchFileError);
+    expectFailure(move("", folder.file("b")), platform::fileNoSuchFileError);
+    writeAll(folder.file("a"), "text");
+    expectFailure(move(folder.file("a"), folder.file("none/b")), platform::fileNoSuchFileError);
+    EXPECT_EQ(readAll(folder.file("a")), "text");
+}
+
+TEST_F(FileManagerTest, ANameThatIsTooLongIsAnInvalidName) {
+    writeAll(folder.file("a"), "text");
+    expectFailure(move(folder.file("a"), folder.file(std::string(300, 'n'))),
+                  platform::fileWriteInvalidFileNameError);
+}
+
+TEST_F(FileManagerTest, AFileIsMovedToAnotherVolumeWithItsMode) {
+    setenv("TMPDIR", "/dev/shm", 1);
+    const TemporaryFolder other;
+    if (volumeOf(other.path()) == volumeOf(folder.path())) GTEST_SKIP() << "this machine has one volume";
+    const std::string content(300000, 'x');
+    writeAll(other.file("a"), content);
+    fs::permissions(other.file("a"), fs::perms::owner_read);
+    EXPECT_TRUE(move(other.file("a"), folder.file("b")).done);
+    EXPECT_EQ(readAll(folder.file("b")), content);
+    EXPECT_EQ(fs::status(folder.file("b")).permissions(), fs::perms::owner_read);
+    EXPECT_FALSE(fs::exists(other.file("a")));
+}
+
+TEST_F(FileManagerTest, AMoveToAnotherVolumeThatFailsLeavesTheSourceAndNoTarget) {
+    setenv("TMPDIR", "/dev/shm", 1);
+    const TemporaryFolder other;
+    if (volumeOf(other.path()) == volumeOf(folder.path())) GTEST_SKIP() << "this machine has one volume";
+    writeAll(other.file("a/b"), "a folder is not moved there");
+    EXPECT_FALSE(move(other.file("a"), folder.file("b")).done);
+    EXPECT_TRUE(fs::exists(other.file("a/b")));
+    EXPECT_FALSE(fs::exists(folder.file("b")));
+}

@@ -1,0 +1,268 @@
+#include "platform/UrlSession.h"
+
+#include "support/AnswerServer.h"
+#include "support/Await.h"
+#include "support/ManualClock.h"
+#include "support/TemporaryFolder.h"
+#include "support/TlsServer.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <future>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+using platform::UrlTaskResult;
+using testsupport::AnswerServer;
+using testsupport::ManualClock;
+using testsupport::readAll;
+
+namespace fs = std::filesystem;
+
+namespace {
+
+std::string answer(const std::string& status, const std::string& headers, const std::string& body) {
+    return "HTTP/1.1 " + status + "\r\n" + headers + "Content-Length: " + std::to_string(body.size()) +
+           "\r\n\r\n" + body;
+}
+
+class UrlSessionTest : public testing::Test {
+protected:
+    // What a completion was told, and what it found at the location.
+    struct Ended {
+        UrlTaskResult result;
+        std::string content;
+        std::thread::id thread;
+    };
+
+    UrlSessionTest() {
+        signal(SIGPIPE, SIG_IGN);
+        setenv("TMPDIR", temporary.path().c_str(), 1);
+        ManualClock::installed().setEventWait(2000000, false);
+    }
+
+    platform::UrlSession& session = platform::urlSessionService.backend();
+
+    Ended download(const std::string& url) {
+        return await([&](platform::UrlSession::Completion told) { session.downloadTask(url.c_str(), told); });
+    }
+
+    Ended upload(const std::string& url, const char* method, const std::string& data) {
+        return await([&](platform::UrlSession::Completion told) {
+            session.uploadTask(url.c_str(), method, data, told);
+        });
+    }
+
+    // A transfer that was given up before any response.
+    static void expectNoResponse(const Ended& ended) {
+        EXPECT_EQ(ended.result.statusCode, 0);
+        EXPECT_EQ(ended.result.location, "");
+        EXPECT_NE(ended.result.localizedDescription, "");
+    }
+
+    testsupport::TemporaryFolder temporary;
+
+private:
+    template <class Start>
+    static Ended await(Start start) {
+        auto promise = std::make_shared<std::promise<Ended>>();
+        auto future = promise->get_future();
+        start([promise](const UrlTaskResult& result) {
+            promise->set_value({result, readAll(result.location), std::this_thread::get_id()});
+        });
+        if (future.wait_for(std::chrono::seconds(5)) != std::future_status::ready) {
+            ADD_FAILURE() << "the task does not end";
+            std::abort();
+        }
+        return future.get();
+    }
+};
+
+} // namespace
+
+TEST_F(UrlSessionTest, AFileIsFetchedIntoATemporaryFileOnAnotherThread) {
+    AnswerServer server({answer("200 OK", "", "the package")});
+    const Ended ended = download(server.url("/a/p.dmg"));
+    EXPECT_EQ(ended.result.statusCode, 200);
+    EXPECT_EQ(ended.result.localizedDescription, "");
+    EXPECT_EQ(ended.content, "the package");
+    EXPECT_EQ(ended.result.location.rfind(temporary.path() + "/", 0), 0u);
+    EXPECT_NE(ended.thread, std::this_thread::get_id());
+    EXPECT_EQ(server.request().rfind("GET /a/p.dmg HTTP/1.1\r\n", 0), 0u);
+}
+
+TEST_F(UrlSessionTest, TheTemporaryFileIsGoneAfterTheCompletion) {
+    AnswerServer server({answer("200 OK", "", "the package")});
+    download(server.url("/p.dmg"));
+    EXPECT_TRUE(testsupport::comesTrue([this] { return fs::is_empty(temporary.path()); }));
+}
+
+TEST_F(UrlSessionTest, AnEmptyFileIsFetchedToo) {
+    AnswerServer server({answer("200 OK", "", "")});
+    const Ended ended = download(server.url("/p.dmg"));
+    EXPECT_EQ(ended.result.statusCode, 200);
+    EXPECT_NE(ended.result.location, "");
+    EXPECT_EQ(ended.content, "");
+}
+
+TEST_F(UrlSessionTest, AnErrorPageComesWithItsStatusAndNoError) {
+    AnswerServer server({answer("404 Not Found", "", "not here")});
+    const Ended ended = download(server.url("/p.dmg"));
+    EXPECT_EQ(ended.result.statusCode, 404);
+    EXPECT_EQ(ended.result.localizedDescription, "");
+    EXPECT_EQ(ended.content, "not here");
+}
+
+TEST_F(UrlSessionTest, NobodyListeningGivesNoResponse) {
+    expectNoResponse(download("http://127.0.0.1:" + std::to_string(testsupport::freePort()) + "/p.dmg"));
+}
+
+TEST_F(UrlSessionTest, ATextThatIsNoUrlOfTheWebGivesNoResponse) {
+    for (const char* url : {"ul", "", "http://", "ftp://127.0.0.1/p.dmg", "file:///etc/hostname"})
+        expectNoResponse(download(url));
+}
+
+TEST_F(UrlSessionTest, AConnectionCutInTheMiddleGivesTheStatusAndAnErrorButNoFile) {
+    AnswerServer server({"HTTP/1.1 200 OK\r\nContent-Length: 1000\r\n\r\nthe beginning"});
+    const Ended ended = download(server.url("/p.dmg"));
+    EXPECT_EQ(ended.result.statusCode, 200);
+    EXPECT_EQ(ended.result.location, "");
+    EXPECT_NE(ended.result.localizedDescription, "");
+    EXPECT_TRUE(testsupport::comesTrue([this] { return fs::is_empty(temporary.path()); }));
+}
+
+TEST_F(UrlSessionTest, AServerThatFallsSilentIsGivenUp) {
+    ManualClock::installed().setEventWait(50000, false);
+    AnswerServer server({"HTTP/1.1 200 OK\r\nContent-Length: 1000\r\n\r\n"},
+                        AnswerServer::Afterwards::stalls);
+    const Ended ended = download(server.url("/p.dmg"));
+    EXPECT_EQ(ended.result.location, "");
+    EXPECT_NE(ended.result.localizedDescription, "");
+}
+
+TEST_F(UrlSessionTest, ARedirectIsFollowed) {
+    AnswerServer server({answer("302 Found", "Location: /there\r\nConnection: close\r\n", ""),
+                         answer("200 OK", "", "the package")});
+    const Ended ended = download(server.url("/here"));
+    EXPECT_EQ(ended.result.statusCode, 200);
+    EXPECT_EQ(ended.content, "the package");
+    EXPECT_EQ(server.requests().at(1).rfind("GET /there ", 0), 0u);
+}
+
+TEST_F(UrlSessionTest, ARedirectToAFileOfTheMachineIsNotFollowed) {
+    AnswerServer server({answer("302 Found", "Location: file:///etc/hostname\r\n", "")});
+    const Ended ended = download(server.url("/here"));
+    EXPECT_EQ(ended.result.location, "");
+    EXPECT_NE(ended.result.localizedDescription, "");
+}
+
+TEST_F(UrlSessionTest, EndlessRedirectsEnd) {
+    const std::string again = answer("302 Found", "Location: /again\r\nConnection: close\r\n", "");
+    AnswerServer server(std::vector<std::string>(17, again));
+    const Ended ended = download(server.url("/again"));
+    EXPECT_EQ(ended.result.location, "");
+    EXPECT_NE(ended.result.localizedDescription, "");
+}
+
+TEST_F(UrlSessionTest, ACertificateThatNobodyTrustsIsRefused) {
+    const testsupport::Certificate certificate("localhost");
+    testsupport::TlsServer server(certificate, [](SSL*) {});
+    expectNoResponse(download("https://127.0.0.1:" + std::to_string(server.port()) + "/p.dmg"));
+    EXPECT_FALSE(server.finish());
+}
+
+TEST_F(UrlSessionTest, ProxiesOfTheEnvironmentAreNotUsed) {
+    setenv("http_proxy", "http://127.0.0.1:1", 1);
+    setenv("all_proxy", "http://127.0.0.1:1", 1);
+    AnswerServer server({answer("200 OK", "", "the package")});
+    EXPECT_EQ(download(server.url("/p.dmg")).content, "the package");
+}
+
+TEST_F(UrlSessionTest, WithoutATemporaryDirectoryThereIsNoFile) {
+    setenv("TMPDIR", temporary.file("none").c_str(), 1);
+    expectNoResponse(download("http://127.0.0.1:1/p.dmg"));
+}
+
+TEST_F(UrlSessionTest, AnUploadSendsItsDataAndTellsTheStatus) {
+    AnswerServer server({answer("201 Created", "", "thanks")});
+    const Ended ended = upload(server.url("/report"), "POST", std::string("one\0two", 7));
+    EXPECT_EQ(ended.result.statusCode, 201);
+    EXPECT_EQ(ended.result.location, "");
+    EXPECT_EQ(ended.result.localizedDescription, "");
+    const std::string& request = server.request();
+    EXPECT_EQ(request.rfind("POST /report HTTP/1.1\r\n", 0), 0u);
+    EXPECT_EQ(request.substr(request.find("\r\n\r\n") + 4), std::string("one\0two", 7));
+    EXPECT_TRUE(fs::is_empty(temporary.path()));
+}
+
+TEST_F(UrlSessionTest, AnUploadOfNothingIsARequestWithAnEmptyBody) {
+    AnswerServer server({answer("200 OK", "", "")});
+    EXPECT_EQ(upload(server.url("/report"), "POST", "").result.statusCode, 200);
+    EXPECT_NE(server.request().find("Content-Length: 0\r\n"), std::string::npos);
+}
+
+TEST_F(UrlSessionTest, AnUploadTakesTheMethodThatItIsGiven) {
+    AnswerServer server({answer("200 OK", "", "")});
+    upload(server.url("/report"), "PUT", "data");
+    EXPECT_EQ(server.request().rfind("PUT /report HTTP/1.1\r\n", 0), 0u);
+}
+
+TEST_F(UrlSessionTest, AnUploadThatReachesNobodyTellsAnError) {
+    expectNoResponse(
+        upload("http://127.0.0.1:" + std::to_string(testsupport::freePort()) + "/", "POST", "x"));
+}
+
+TEST_F(UrlSessionTest, TheMainLoopRunsUntilATaskHasEnded) {
+    ManualClock::installed().setEventWait(20000000, false);
+    auto run = std::async(std::launch::async, [this] {
+        const auto begin = std::chrono::steady_clock::now();
+        session.runMainLoop(1);
+        return std::chrono::steady_clock::now() - begin;
+    });
+    while (run.wait_for(std::chrono::seconds(0)) != std::future_status::ready)
+        download("ul");
+    EXPECT_LT(run.get(), std::chrono::seconds(5));
+}
+
+TEST_F(UrlSessionTest, ATextWithoutASchemeIsNotTakenForAHost) {
+    const int port = testsupport::freePort();
+    EXPECT_EQ(download("127.0.0.1:" + std::to_string(port) + "/p.dmg").result.localizedDescription,
+              "unsupported URL");
+    EXPECT_EQ(download("ul").result.localizedDescription, "unsupported URL");
+}
+
+TEST_F(UrlSessionTest, TheMainLoopSeesATaskThatEndedJustBefore) {
+    ManualClock::installed().setEventWait(20000000, false);
+    download("ul");
+    const auto begin = std::chrono::steady_clock::now();
+    session.runMainLoop(1);
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(5));
+}
+
+TEST_F(UrlSessionTest, TheMainLoopRunsNoLongerThanItIsToldTo) {
+    ManualClock::installed().setEventWait(20000, false);
+    const auto begin = std::chrono::steady_clock::now();
+    session.runMainLoop(1);
+    EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(20));
+}
+
+TEST(LastPathComponent, IsTheUnescapedNameBehindTheLastSlashOfThePath) {
+    EXPECT_EQ(platform::lastPathComponent("http://host/OstlerUpdate.dmg"), "OstlerUpdate.dmg");
+    EXPECT_EQ(platform::lastPathComponent("https://host:8443/a/b%20c.pkg?x=/y#z/w"), "b c.pkg");
+    EXPECT_EQ(platform::lastPathComponent("http://host/a/b/"), "b");
+    EXPECT_EQ(platform::lastPathComponent("http://host/a%2Fb"), "a/b");
+    EXPECT_EQ(platform::lastPathComponent("http://host/a%00b"), std::string("a\0b", 3));
+}
+
+TEST(LastPathComponent, NamesNothingForTheRootAndForNoUrl) {
+    EXPECT_EQ(platform::lastPathComponent("http://host/"), "/");
+    EXPECT_EQ(platform::lastPathComponent("http://host//"), "/");
+    EXPECT_EQ(platform::lastPathComponent(""), "");
+    EXPECT_EQ(platform::lastPathComponent("ul"), "");
+}
