@@ -2,6 +2,7 @@
 
 #include "agent/Updater.h"
 
+#include "gp/GPAutoReleasePool.h"
 #include "gp/GPString.h"
 #include "gp/Owned.h"
 #include "platform/HostPaths.h"
@@ -41,9 +42,11 @@ protected:
     }
 
     static bool process(const std::string& url) {
+        auto* pool = new GPAutoReleasePool;
         const auto text = Owned<GPString>::adopt(new GPString(url.c_str()));
         const bool done = Updater::processZip(text.get());
         EXPECT_EQ(text->cstr(), url);
+        pool->drain();
         return done;
     }
 
