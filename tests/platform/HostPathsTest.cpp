@@ -13,6 +13,18 @@ TEST(HostPaths, WithoutARootThePathsAreTheDocumentedOnes) {
     EXPECT_STREQ("/usr/local/etc/", HostPaths::updateDirectory());
     EXPECT_STREQ("/usr/local/etc/OstlerUpdate.dmg", HostPaths::updatePackage());
     EXPECT_STREQ("/tmp/tw", HostPaths::packageDirectory());
+    EXPECT_STREQ("/Library/LaunchDaemons/com.tarnwicksystems.bulwarkd.plist",
+                 HostPaths::bulwarkdDefinition());
+    EXPECT_STREQ("/Library/LaunchDaemons/com.tarnwicksystems.twproxy.plist", HostPaths::twproxyDefinition());
+    EXPECT_STREQ("/Library/LaunchDaemons/com.tarnwicksystems.ostlerjs.plist",
+                 HostPaths::ostlerjsDefinition());
+    EXPECT_STREQ("/Library/LaunchDaemons/com.tarnwicksystems.fernhill.plist",
+                 HostPaths::fernhillDefinition());
+    EXPECT_STREQ("/usr/local/bin/com.tarnwicksystems.restartservices.plist",
+                 HostPaths::restartServicesDefinition());
+    EXPECT_STREQ("/usr/local/etc", HostPaths::helperDirectory());
+    EXPECT_STREQ("/usr/local/bin/rootmint", HostPaths::rootmint());
+    EXPECT_STREQ("/usr/local/bin/mintroot", HostPaths::mintroot());
     EXPECT_STREQ("/usr/sbin/dsconfigad", HostPaths::dsconfigad());
     EXPECT_STREQ("/opt/likewise/bin/lw-get-status", HostPaths::likewiseStatus());
     EXPECT_STREQ("/usr/bin/adinfo", HostPaths::adinfo());
