@@ -83,6 +83,7 @@ void AgentStandIn::stop() {
         if (write(wakeUp_, &one, sizeof one) == sizeof one) thread_.join();
     }
     closeLink();
+    closeRetired();
     for (int* descriptor : {&linkListener_, &pageListener_, &wakeUp_}) {
         if (*descriptor >= 0) close(*descriptor);
         *descriptor = -1;
@@ -116,11 +117,19 @@ void AgentStandIn::sendSlow(const SlowAnswer& answer) {
     changed_.notify_all();
 }
 
+void AgentStandIn::deferAnswers() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    deferring_ = !ownTime_;
+}
+
 void AgentStandIn::answerDeferred() {
     std::lock_guard<std::mutex> lock(mutex_);
     deferring_ = false;
-    for (const auto& [sequence, url] : std::exchange(deferred_, {}))
+    counters_.deferred = 0;
+    for (const auto& [sequence, url] : std::exchange(deferred_, {})) {
         answer(sequence, url);
+        if (link_ < 0) break; // the others went with the link
+    }
     changed_.notify_all();
 }
 
@@ -129,6 +138,7 @@ void AgentStandIn::serve() {
         int link;
         {
             std::lock_guard<std::mutex> lock(mutex_);
+            closeRetired();
             link = link_;
         }
         pollfd waiting[] = {
@@ -191,10 +201,14 @@ void AgentStandIn::handleFrame(std::uint32_t type, std::uint32_t sequence, const
             sendFrame(configurationFrame, nextSequence_++, push);
             ++counters_.pushes;
         }
-        deferring_ = !ownTime_ && !policy_.pushes().empty();
+        deferring_ |= !ownTime_ && !policy_.pushes().empty();
     }
-    if (type == policyFrame && deferring_) deferred_.emplace_back(sequence, urlOf(body));
-    if (type == policyFrame && !deferring_) answer(sequence, urlOf(body));
+    if (type == policyFrame && deferring_) {
+        deferred_.emplace_back(sequence, urlOf(body));
+        ++counters_.deferred;
+    } else if (type == policyFrame) {
+        answer(sequence, urlOf(body));
+    }
     changed_.notify_all();
 }
 
@@ -283,12 +297,21 @@ void AgentStandIn::sendDueSlow() {
 }
 
 void AgentStandIn::closeLink() {
-    if (link_ >= 0) close(link_);
+    // The serving thread may be waiting at it, or just reading from it.
+    if (link_ >= 0) {
+        shutdown(link_, SHUT_RDWR);
+        retired_.push_back(link_);
+    }
     link_ = -1;
     counters_.linked = false;
-    deferring_ = false;
+    counters_.deferred = 0;
     deferred_.clear();
     timedSlow_.clear();
+}
+
+void AgentStandIn::closeRetired() {
+    for (int link : std::exchange(retired_, {}))
+        close(link);
 }
 
 void AgentStandIn::servePage() {

@@ -33,8 +33,9 @@ public:
     static constexpr int linkPort = 3456;
     static constexpr int pagePort = 6543;
 
-    // With `ownTime` a slow answer leaves after real time, otherwise by sendSlow; and behind a push questions
-    // are answered at once, otherwise not before answerDeferred.
+    // With `ownTime` questions are answered at once and a slow answer leaves after real time. Otherwise a slow
+    // answer leaves by sendSlow, and deferAnswers and a push make the other questions wait for
+    // answerDeferred.
     AgentStandIn(Policy policy, bool ownTime);
     ~AgentStandIn();
 
@@ -74,6 +75,7 @@ public:
         long logons = 0;      // logon frames received
         long drops = 0;       // of these, links closed instead of an answer
         long pushes = 0;      // configuration frames sent
+        long deferred = 0;    // questions that wait, not counted above
         bool linked = false;  // a logon has come on the link that is open
     };
     Counters counters();
@@ -92,7 +94,11 @@ public:
     std::vector<SlowAnswer> takeSlow();
     void sendSlow(const SlowAnswer& answer);
 
-    // Answers the questions that have come since a push: the daemon has taken it in.
+    // From now on questions wait. A replay defers while it presents a packet: the daemon's pool loses a slot
+    // for good when a query comes to its end before the packet's listener has seen it start.
+    void deferAnswers();
+
+    // Answers the questions that wait, and the later ones at once.
     void answerDeferred();
 
     // Blocks until `done` holds for the counters, looked at after each event; false after that many real
@@ -115,6 +121,7 @@ private:
     void sendFrame(std::uint32_t type, std::uint32_t sequence, const std::string& body);
     void sendDueSlow();
     void closeLink();
+    void closeRetired();
     void servePage();
 
     Policy policy_;
@@ -128,11 +135,12 @@ private:
     std::map<std::string, int> repeatsDue_;
     std::deque<SlowAnswer> slow_;
     std::deque<std::pair<std::int64_t, SlowAnswer>> timedSlow_;
-    bool deferring_ = false; // a push is on its way
+    bool deferring_ = false;
     std::vector<std::pair<std::uint32_t, std::string>> deferred_;
     std::uint32_t nextSequence_ = 0x80000000;
     int link_ = -1;
-    long links_ = 0; // how many there have been
+    std::vector<int> retired_; // links that have ended, for the serving thread to close
+    long links_ = 0;           // how many there have been
 
     int linkListener_ = -1;
     int pageListener_ = -1;

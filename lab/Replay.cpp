@@ -178,6 +178,7 @@ std::optional<sysctl_result> Replay::present(PlayedPacket& played) {
         return {};
     }
     const Direction direction = played.outbound ? Direction::out : Direction::in;
+    agent_.deferAnswers();
     ++played.presented;
     ++totals_.presented;
     auto result = extension_.present(direction, played.packet.bytes, answerMilliseconds);
@@ -193,7 +194,7 @@ std::optional<sysctl_result> Replay::present(PlayedPacket& played) {
 void Replay::settle() {
     for (bool quiet = false; !quiet;) {
         const AgentStandIn::Counters seen = awaitQuestions();
-        if (seen.pushes > pushesTaken_) {
+        if (seen.pushes > pushesTaken_ || seen.deferred) {
             pushesTaken_ = seen.pushes;
             if (!daemon_.waitForSettings(pushesTaken_, settleMilliseconds)) ++totals_.unsettled;
             agent_.answerDeferred();
@@ -221,9 +222,9 @@ AgentStandIn::Counters Replay::awaitQuestions() {
             seen = counters;
             if (counters.pushes > pushesTaken_) return true;
             inside = std::max(0L, queries_ - counters.answers - queryThreads);
-            return (counters.drops == 0 || counters.linked) &&
-                   counters.questions - counters.repeats >= queries_ - lostQuestions_ - inside &&
-                   counters.repeats == counters.retriesSent;
+            const long come = counters.questions - counters.repeats + counters.deferred;
+            return (counters.drops == 0 || counters.linked) && come >= queries_ - lostQuestions_ - inside &&
+                   (counters.deferred || counters.repeats == counters.retriesSent);
         },
         settleMilliseconds);
     if (arrived) return seen;
