@@ -118,7 +118,9 @@ bool DNSPacket::remap(char* packet, void* result) {
 
     if (Configuration::isVerbose()) logf("--redirecting DNS host %s", redirect.text());
     auto* record = static_cast<sysctl_result*>(result);
-    std::strncpy(record->redirectUrl, redirect.text(), sizeof record->redirectUrl);
+    // Without an ending zero where the text fills the field.
+    std::memset(record->redirectUrl, 0, sizeof record->redirectUrl);
+    std::memcpy(record->redirectUrl, redirect.text(), strnlen(redirect.text(), sizeof record->redirectUrl));
     record->redirectAddress = address.s_addr;
     if (Configuration::isVerbose()) {
         char dotted[INET_ADDRSTRLEN] = {};
