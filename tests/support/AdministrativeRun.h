@@ -10,7 +10,6 @@
 #include "support/StoredSettings.h"
 
 #include <filesystem>
-#include <regex>
 #include <string>
 #include <vector>
 
@@ -39,8 +38,7 @@ protected:
     // paths and without threads and times in the lines of the log.
     ProgramRun run(const std::vector<std::string>& arguments) const {
         ProgramRun result = runProgram(arguments, world);
-        result.output =
-            std::regex_replace(withoutRoot(result.output), std::regex("\\[\\d+ [^\\]]*\\]"), "[]");
+        result.output = withoutStamps(withoutRoot(result.output));
         return result;
     }
 
@@ -67,6 +65,16 @@ protected:
     ProgramWorld world;
 
 private:
+    // Threads and times stand as "[<digits> <time>]".
+    static std::string withoutStamps(std::string text) {
+        for (std::size_t at = 0; (at = text.find('[', at)) != std::string::npos; ++at) {
+            const std::size_t digits = text.find_first_not_of("0123456789", at + 1);
+            if (digits == std::string::npos || digits == at + 1 || text[digits] != ' ') continue;
+            text.erase(at + 1, text.find(']', digits) - at - 1);
+        }
+        return text;
+    }
+
     std::string withoutRoot(std::string text) const {
         for (std::size_t at = 0; (at = text.find(root.path(), at)) != std::string::npos;)
             text.erase(at, root.path().size());
