@@ -88,10 +88,10 @@ TEST(ReadName, AReservedLengthWritesNothingAndStays) {
 }
 
 TEST(ReadName, APointerIsFollowedAndNotSteppedOver) {
-    const NameReading reading("??" + dnsName("alder.test") + dnsPointer(2), 14);
+    const NameReading reading("??" + dnsName("alder.test") + "??" + dnsPointer(2), 16);
     EXPECT_TRUE(reading.wasRead());
     EXPECT_EQ(reading.name(), "alder.test");
-    EXPECT_EQ(reading.position(), 14);
+    EXPECT_EQ(reading.position(), 16);
     EXPECT_EQ(reading.nameOffset(), 0x02c0) << "that of the name it leads to";
 }
 

@@ -8,10 +8,13 @@
 #include "support/NetworkNamespace.h"
 #include "support/TestChild.h"
 
+#include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <csignal>
 #include <filesystem>
 
@@ -128,6 +131,23 @@ TEST_F(HostsFileFailures, AWorkFileThatTakesNoByteLeavesTheHostsFileWhole) {
     givenHosts("192.0.2.1 a\n192.0.2.1 b\n");
     std::filesystem::create_symlink("/dev/full", HostPaths::hostsWorkFile());
     removeHostEntry("a");
+    EXPECT_EQ(hosts(), "192.0.2.1 a\n192.0.2.1 b\n");
+}
+
+TEST_F(HostsFileFailures, AHostsFileThatCannotBeReadToItsEndStaysWhole) {
+    givenHosts("192.0.2.1 a\n192.0.2.1 b\n");
+    EXPECT_TRUE(testsupport::passesInChild([] {
+        // The next file that is opened gets the lowest free descriptor.
+        const int next = open("/dev/null", O_RDONLY);
+        close(next);
+        const std::string before = hosts();
+        ASSERT_TRUE(testsupport::failSystemCall(SYS_read, EIO, static_cast<unsigned>(next)));
+        EXPECT_TRUE(hostExistsCheck("c", "192.0.2.1"));
+        removeHostEntry("a");
+        struct stat found {};
+        ASSERT_EQ(stat(HostPaths::hostsFile(), &found), 0);
+        EXPECT_EQ(static_cast<std::size_t>(found.st_size), before.size());
+    }));
     EXPECT_EQ(hosts(), "192.0.2.1 a\n192.0.2.1 b\n");
 }
 

@@ -195,6 +195,14 @@ TEST_F(DnsTables, APairIsSplitAtItsFirstComma) {
     EXPECT_EQ(redirectOf("one.test"), "safe.test,more 192.0.2.1");
 }
 
+TEST_F(DnsTables, ARedirectHostWithoutTextIsNoHit) {
+    givenTables();
+    givenName("", "192.0.2.1");
+    setRemaps({"one.test,"});
+    EXPECT_EQ(remaps(), Rows{"one.test,"});
+    EXPECT_EQ(redirectOf("one.test"), "(none)");
+}
+
 TEST_F(DnsTables, AHostTextWithoutACommaIsSkipped) {
     givenTables();
     givenName("safe.test", "192.0.2.1");
