@@ -43,9 +43,12 @@ void DaemonProcess::start(const std::vector<int>& foreign) {
     int output[2];
     if (pipe2(output, O_CLOEXEC) != 0) throw std::runtime_error("no pipe for the daemon's output");
     std::fflush(nullptr);
+    const pid_t lab = getpid();
     pid_ = fork();
     if (pid_ < 0) throw std::runtime_error("no process for the daemon");
     if (pid_ == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        if (getppid() != lab) _exit(1); // it went before it could be followed
         close(output[0]);
         runChild(output[1], foreign);
     }
@@ -54,7 +57,6 @@ void DaemonProcess::start(const std::vector<int>& foreign) {
 }
 
 void DaemonProcess::runChild(int output, const std::vector<int>& foreign) {
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
     for (int descriptor : foreign)
         close(descriptor);
     dup2(output, STDOUT_FILENO);

@@ -1,14 +1,13 @@
 // The threads of the running daemon, held against the table in docs/architecture.md.
 
 #include "app/DaemonWorld.h"
+#include "support/ArchitecturePage.h"
 #include "support/PacketBuilder.h"
 #include "support/Sanitizers.h"
 
 #include <algorithm>
-#include <fstream>
 #include <map>
 #include <set>
-#include <sstream>
 
 using testsupport::eventually;
 using testsupport::ThreadList;
@@ -20,38 +19,14 @@ struct Row {
     std::string wait; // up to the first comma or colon
 };
 
-// The text between a cell's bars, and the words in backquotes in it.
-std::string trimmed(const std::string& cell) {
-    const std::size_t first = cell.find_first_not_of(' ');
-    return first == std::string::npos ? "" : cell.substr(first, cell.find_last_not_of(' ') - first + 1);
-}
-
-std::vector<std::string> quotedWords(const std::string& cell) {
-    std::vector<std::string> words;
-    std::istringstream pieces(cell);
-    std::string piece;
-    for (bool quoted = false; std::getline(pieces, piece, '`'); quoted = !quoted)
-        if (quoted) words.push_back(piece);
-    return words;
-}
-
 // The table of threads by the functions that they run.
 std::map<std::string, Row> documentedThreads() {
     std::map<std::string, Row> rows;
-    std::ifstream page(std::string(OSTLER_TEST_DATA) + "/../docs/architecture.md");
-    std::string line;
-    while (std::getline(page, line) && line != "## Threads") {
-    }
-    while (std::getline(page, line) && line.rfind("## ", 0) != 0) {
-        std::vector<std::string> cells;
-        std::istringstream row(line);
-        for (std::string cell; std::getline(row, cell, '|');)
-            cells.push_back(trimmed(cell));
-        if (cells.size() < 5) continue;
-        std::string wait = cells[4].substr(0, cells[4].find_first_of(",:"));
+    for (const std::vector<std::string>& cells : testsupport::architectureTable("Threads")) {
+        std::string wait = cells.at(3).substr(0, cells.at(3).find_first_of(",:"));
         wait.erase(std::remove(wait.begin(), wait.end(), '`'), wait.end());
-        for (const std::string& function : quotedWords(cells[1]))
-            rows[function] = {cells[3], wait};
+        for (const std::string& function : testsupport::quotedWords(cells.at(0)))
+            rows[function] = {cells.at(2), wait};
     }
     return rows;
 }

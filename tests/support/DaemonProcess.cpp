@@ -21,7 +21,6 @@
 #include <filesystem>
 #include <sstream>
 #include <stdexcept>
-#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -167,13 +166,13 @@ DaemonProcess::~DaemonProcess() {
 }
 
 void DaemonProcess::runChild(int commands) {
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
     const int output = open(outputFile().c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
     if (dup2(output, STDOUT_FILENO) < 0) std::_Exit(98);
     auto& console = *new PipedConsole(commands);
     installServices(console);
     if (!console.readName()) std::_Exit(97);
     threads_.record();
+    locks_.record();
 
     char program[] = "/usr/local/bin/fernhill";
     char* arguments[] = {program, nullptr};

@@ -5,6 +5,7 @@
 // are whoever serves the control sockets and the agent's port. One for each process, made before any thread
 // is started, so that the child has all of itself.
 
+#include "support/LockList.h"
 #include "support/ThreadList.h"
 
 #include <string>
@@ -50,6 +51,7 @@ public:
 
     pid_t process() const { return process_; }
     const ThreadList& threads() const { return threads_; }
+    const LockList& locks() const { return locks_; }
 
     // The platform UUID that the registry tells.
     static constexpr char uuid[] = "11111111-2222-3333-4444-555555555555";
@@ -59,6 +61,7 @@ private:
     void command(const std::string& line) const;
 
     ThreadList threads_;
+    LockList locks_;
     pid_t process_ = -1;    // -1 once its end has been taken
     pid_t mainThread_ = -1; // as the log numbers it
     int commands_ = -1;

@@ -11,7 +11,6 @@
 
 #include <fcntl.h>
 #include <poll.h>
-#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -80,7 +79,6 @@ void playServices(const ProgramWorld& world, int announceTo) {
 
 [[noreturn]] void runChild(const std::vector<std::string>& arguments, const ProgramWorld& world,
                            const Pipe& output, const Pipe& announced) {
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
     if (dup2(output.writeEnd(), STDOUT_FILENO) < 0 || chdir(platform::HostPaths::root()) != 0) _exit(98);
     // A program that the run leaves behind must not keep the pipes open.
     for (const int end : {output.writeEnd(), announced.writeEnd()})

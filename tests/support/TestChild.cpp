@@ -40,7 +40,6 @@ EndlessChild::EndlessChild(const std::function<void()>& body) {
     std::fflush(nullptr);
     process_ = fork();
     if (process_ == 0) {
-        prctl(PR_SET_PDEATHSIG, SIGKILL);
         body();
         _exit(1);
     }

@@ -1,13 +1,13 @@
 #include "support/ThreadList.h"
 
-#include <dlfcn.h>
+#include "support/ProgramSymbols.h"
+
 #include <pthread.h>
 #include <sys/mman.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include <atomic>
-#include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <memory>
@@ -64,33 +64,6 @@ void* runRecorded(void* started) {
     return result;
 }
 
-// "(anonymous namespace)::threadBody(void*)" becomes "threadBody".
-std::string bareName(std::string name) {
-    name.erase(std::min(name.rfind('('), name.size()));
-    const std::size_t scope = name.rfind("::");
-    return scope == std::string::npos ? name : name.substr(scope + 2);
-}
-
-// The functions of this program, from its symbol table.
-std::map<std::uintptr_t, std::string> readFunctions() {
-    Dl_info program{};
-    if (!dladdr(reinterpret_cast<void*>(&readFunctions), &program))
-        throw std::runtime_error("no base address");
-    const auto base = reinterpret_cast<std::uintptr_t>(program.dli_fbase);
-    const std::string command = "nm --demangle '/proc/" + std::to_string(getpid()) + "/exe'";
-    const std::unique_ptr<FILE, int (*)(FILE*)> table(popen(command.c_str(), "r"), pclose);
-    std::map<std::uintptr_t, std::string> functions;
-    char line[4096];
-    while (table && std::fgets(line, sizeof line, table.get())) {
-        unsigned long address = 0;
-        char kind = 0;
-        int behind = 0;
-        if (std::sscanf(line, "%lx %c %n", &address, &kind, &behind) < 2 || (kind | 0x20) != 't') continue;
-        functions[base + address] = bareName(line + behind);
-    }
-    return functions;
-}
-
 } // namespace
 
 ThreadList::ThreadList() {
@@ -109,7 +82,7 @@ void ThreadList::record() {
 }
 
 std::vector<ThreadList::Thread> ThreadList::living() const {
-    if (functions_.empty()) functions_ = readFunctions();
+    if (functions_.empty()) functions_ = programFunctions();
     std::vector<Thread> threads;
     for (int i = 0; i < std::min(shared_->used.load(), Shared::room); ++i) {
         const Shared::Entry& entry = shared_->entries[i];
@@ -125,6 +98,9 @@ std::string ThreadList::waitOf(pid_t process, pid_t thread) {
     if (!(file >> call)) return "unknown";
     if (call == "running") return "nothing";
     switch (std::atol(call.c_str())) {
+        case SYS_open:
+        case SYS_openat:
+            return "open";
         case SYS_read:
             return "run loop";
         case SYS_recvfrom:

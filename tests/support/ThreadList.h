@@ -31,8 +31,8 @@ public:
     // In the parent: the threads that live now, in the order of their start.
     std::vector<Thread> living() const;
 
-    // In the parent: what a thread of the process waits in: "recv", "sleep", "event queue", "semaphore" or
-    // "run loop", which is a read of the played services' pipe; "nothing" or "something else" for the rest,
+    // In the parent: what a thread of the process waits in: "recv", "sleep", "event queue", "semaphore",
+    // "open" or "run loop", which is a read of the played services' pipe; "nothing" or "something else" for the rest,
     // "unknown" where the system does not tell.
     static std::string waitOf(pid_t process, pid_t thread);
 

@@ -1,0 +1,18 @@
+#pragma once
+
+// The symbols of this program, read from its own symbol table. Names are bare: without namespaces, classes and
+// arguments.
+
+#include <cstdint>
+#include <map>
+#include <string>
+
+namespace testsupport {
+
+// The functions by their addresses.
+std::map<std::uintptr_t, std::string> programFunctions();
+
+// The address of the one variable of that name; throws unless there is exactly one.
+std::uintptr_t programVariable(const std::string& name);
+
+} // namespace testsupport
