@@ -5,7 +5,18 @@
 
 namespace testsupport {
 
-DirectoryTest::DirectoryTest() {
+namespace {
+
+template <class Service>
+Service& forTheProcess() {
+    static auto* const service = new Service;
+    return *service;
+}
+
+} // namespace
+
+DirectoryTest::DirectoryTest()
+    : directory(forTheProcess<PlayedDirectory>()), host(forTheProcess<PlayedHostName>()) {
     directory.install();
     host.install();
     Configuration::setCachedUserName("alice");

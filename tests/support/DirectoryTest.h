@@ -34,8 +34,8 @@ protected:
     // A text, "(none)" for an absent one.
     static std::string shown(const DirectoryText& text) { return text.value_or("(none)"); }
 
-    PlayedDirectory& directory = *new PlayedDirectory;
-    PlayedHostName& host = *new PlayedHostName;
+    PlayedDirectory& directory; // both live as long as the process
+    PlayedHostName& host;
     DSInfo found;
 };
 

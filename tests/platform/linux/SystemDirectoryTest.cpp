@@ -9,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include <csignal>
 #include <stdexcept>
 #include <thread>
 
@@ -240,6 +241,7 @@ TEST_F(SystemDirectory, ASettingsFileWithAForeignAddressIsAFailureOfItsNode) {
 }
 
 TEST_F(SystemDirectory, AServerThatTalksNonsenseIsAFailureOfItsNode) {
+    std::signal(SIGPIPE, SIG_IGN); // as the daemon does
     testsupport::LoopbackListener listener;
     givenSettings("URI ldap://127.0.0.1:" + std::to_string(listener.port()) + "\nBASE dc=x\n");
     const DirectoryNodeRef node = named(nodeNames().back());
