@@ -9,7 +9,9 @@
 #include <chrono>
 #include <csignal>
 #include <filesystem>
+#include <memory>
 #include <thread>
+#include <vector>
 
 namespace testsupport {
 namespace {
@@ -21,12 +23,18 @@ public:
 
 PlayedRegistry playedRegistry;
 AgentStandIn* standIn = nullptr;
-CapturedLog* keptLog = nullptr;
-PlayedNames* keptNames = nullptr;
+
+// An object that lasts as long as the process: the link's threads outlive their test.
+template <class Kept>
+Kept& lasting() {
+    static auto& all = *new std::vector<std::unique_ptr<Kept>>;
+    all.push_back(std::make_unique<Kept>());
+    return *all.back();
+}
 
 } // namespace
 
-AgentLinkWorld::AgentLinkWorld() : log(*(keptLog = new CapturedLog)), names(*(keptNames = new PlayedNames)) {
+AgentLinkWorld::AgentLinkWorld() : log(lasting<CapturedLog>()), names(lasting<PlayedNames>()) {
     claimFixedPorts();
     signal(SIGPIPE, SIG_IGN);
     names.install();
