@@ -1,11 +1,11 @@
 // The signals of the daemon.
 
+#include "agent/AgentLink.h"
 #include "app/Daemon.h"
 #include "app/DaemonWorld.h"
 
 #include <csignal>
 #include <fstream>
-#include <thread>
 
 namespace {
 
@@ -124,8 +124,9 @@ TEST_F(DaemonSignals, ASignalWhileTheLinkWaitsForAnAgentWaitsWithIt) {
     ASSERT_TRUE(extension->waitForDaemon(5000));
     ASSERT_TRUE(awaitMainIn("recv"));
     daemon->signal(SIGINT);
-    EXPECT_TRUE(awaitMainIn("semaphore")); // the link's lock
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_TRUE(testsupport::eventually([&] {
+        return daemon->locks().waitingFor(&agentLink.instanceMutex).count(daemon->process()) == 1;
+    }));
     EXPECT_TRUE(daemon->running());
     EXPECT_EQ(daemon->output(), "");
 }

@@ -3,7 +3,9 @@
 #include "config/FilterIPAddresses.h"
 
 #include "config/Configuration.h"
+#include "gp/GPMutex.h"
 #include "support/AddressesTest.h"
+#include "support/ProgramSymbols.h"
 
 #include <atomic>
 #include <thread>
@@ -116,6 +118,19 @@ TEST_F(FilterIPAddressesThreads, PassesOfTheTaskAreLoggedWhenVerbose) {
     ASSERT_TRUE(waitUntilSlept(3));
     EXPECT_EQ(log.countContaining("Recreating IP address references..."), 1);
     EXPECT_EQ(log.countContaining("Checking IP address references..."), 1);
+}
+
+TEST_F(FilterIPAddressesThreads, TheLockOfABuildIsHeldAcrossItsLookUps) {
+    const GPMutex* lock = *reinterpret_cast<GPMutex**>(testsupport::programVariable("buildmutex"));
+    givenServers({"a.example"});
+    resolves("a.example", "192.0.2.1");
+    gate.shut();
+    FilterIPAddresses::startIPAddressManager();
+    ASSERT_TRUE(gate.waitForArrivals(1));
+    EXPECT_TRUE(lock->isLocked());
+    gate.open();
+    ASSERT_TRUE(waitUntilSlept(600));
+    EXPECT_FALSE(lock->isLocked());
 }
 
 TEST_F(FilterIPAddressesThreads, ANoticeDuringAPassIsServedByTheManagersNextPass) {

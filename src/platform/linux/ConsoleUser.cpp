@@ -28,10 +28,11 @@ constexpr const char* firstSeat = "seat0";
 // Between two looks for a login manager that does not run yet.
 constexpr unsigned secondsToNextTry = 10;
 
-// Whether the session is a user's own, and not the one of a log-in screen.
+// Whether the session is a user's own, and not the one of a log-in screen. The superuser's is an early one.
 bool isUsersSession(const char* session) {
     char* kind = nullptr;
-    const bool isUsers = sd_session_get_class(session, &kind) >= 0 && std::strcmp(kind, "user") == 0;
+    const bool isUsers = sd_session_get_class(session, &kind) >= 0 &&
+                         (std::strcmp(kind, "user") == 0 || std::strcmp(kind, "user-early") == 0);
     std::free(kind);
     return isUsers;
 }

@@ -102,6 +102,14 @@ TEST(ConsoleUser, OfThisSystemIsTheActiveUserOfTheFirstSeat) {
     }));
 }
 
+TEST(ConsoleUser, OfThisSystemMayHaveAnEarlySession) {
+    expectPassed(overEmptyRun([] {
+        startLoginManager();
+        sitDown(0, "user-early");
+        EXPECT_EQ(consoleName(), "root");
+    }));
+}
+
 TEST(ConsoleUser, OfThisSystemIsNobodyAtALogInScreen) {
     expectPassed(overEmptyRun([] {
         startLoginManager();
