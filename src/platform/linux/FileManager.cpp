@@ -76,9 +76,10 @@ bool copyNew(const char* from, const char* to) {
 
 // What rename does not do: the two paths lie on different volumes.
 FileResult moveAcross(const char* from, const char* to) {
-    if (copyNew(from, to)) return resultOf(unlink(from) == 0, errno);
+    const bool copied = copyNew(from, to);
+    if (copied && unlink(from) == 0) return resultOf(true, 0);
     const int error = errno;
-    if (error != EEXIST) unlink(to);
+    if (copied || error != EEXIST) unlink(to);
     return resultOf(false, error);
 }
 

@@ -1,11 +1,15 @@
 #include "platform/FileManager.h"
 
 #include "support/TemporaryFolder.h"
+#include "support/TestChild.h"
 
 #include <gtest/gtest.h>
 
 #include <sys/stat.h>
+#include <sys/syscall.h>
 
+#include <cerrno>
+#include <cstdint>
 #include <cstdlib>
 #include <filesystem>
 #include <string>
@@ -114,6 +118,21 @@ TEST_F(FileManagerTest, AFileIsMovedToAnotherVolumeWithItsMode) {
     EXPECT_EQ(readAll(folder.file("b")), content);
     EXPECT_EQ(fs::status(folder.file("b")).permissions(), fs::perms::owner_read);
     EXPECT_FALSE(fs::exists(other.file("a")));
+}
+
+TEST_F(FileManagerTest, AMoveToAnotherVolumeWhoseSourceCannotBeRemovedLeavesTheSourceAndNoTarget) {
+    setenv("TMPDIR", "/dev/shm", 1);
+    const TemporaryFolder other;
+    if (volumeOf(other.path()) == volumeOf(folder.path())) GTEST_SKIP() << "this machine has one volume";
+    const std::string source = other.file("a");
+    writeAll(source, "text");
+    EXPECT_TRUE(testsupport::passesInChild([&] {
+        const auto argument = reinterpret_cast<std::uintptr_t>(source.c_str());
+        ASSERT_TRUE(testsupport::failSystemCall(SYS_unlink, EACCES, static_cast<unsigned>(argument)));
+        expectFailure(move(source, folder.file("b")), platform::fileWriteNoPermissionError);
+    }));
+    EXPECT_EQ(readAll(source), "text");
+    EXPECT_FALSE(fs::exists(folder.file("b")));
 }
 
 TEST_F(FileManagerTest, AMoveToAnotherVolumeThatFailsLeavesTheSourceAndNoTarget) {
