@@ -20,7 +20,8 @@ struct UrlTaskResult {
 
 class UrlSession {
 public:
-    // Called once for each task, on a thread of the session. What lies at `location` afterwards is deleted.
+    // Called once for each task, on a thread of the session, or on the caller's when there can be no other.
+    // What lies at `location` afterwards is deleted.
     using Completion = std::function<void(const UrlTaskResult&)>;
 
     // Fetches `url` into a temporary file. Returns at once, also for a text that is no URL, which ends as a
@@ -31,7 +32,8 @@ public:
     virtual void uploadTask(const char* url, const char* method, const std::string& data,
                             Completion completion) = 0;
 
-    // Lets the session's events run until `seconds` from now; comes back earlier when a task has ended.
+    // Lets the session's events run until `seconds` from now; may come back earlier, as when a task has ended.
+    // Any thread.
     virtual void runMainLoop(int seconds) = 0;
 
 protected:

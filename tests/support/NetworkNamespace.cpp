@@ -78,4 +78,13 @@ NamespaceResult runOnSmallDisk(const std::string& folder, std::size_t bytes,
     return runBehind([&] { return enterNamespace(CLONE_NEWNS) && mountSmallDisk(folder, bytes); }, body);
 }
 
+NamespaceResult runWithPlayedFile(const std::string& path, const std::string& played,
+                                  const std::function<void()>& body) {
+    const auto enter = [&] {
+        return enterNamespace(CLONE_NEWNS) &&
+               mount(played.c_str(), path.c_str(), nullptr, MS_BIND, nullptr) == 0;
+    };
+    return runBehind(enter, body);
+}
+
 } // namespace testsupport

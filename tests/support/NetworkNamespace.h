@@ -1,6 +1,7 @@
 #pragma once
 
-// A network of the test's own, in which every port is free, and a disk of the test's own, which is soon full.
+// A network of the test's own, in which every port is free, a disk of the test's own, which is soon full, and a
+// file of the system that the test plays.
 
 #include <functional>
 #include <string>
@@ -17,5 +18,9 @@ NamespaceResult runInNetworkNamespace(const std::function<void()>& body);
 // Runs `body` in a forked child that sees an empty disk with room for `bytes`, whole pages, at `folder`.
 NamespaceResult runOnSmallDisk(const std::string& folder, std::size_t bytes,
                                const std::function<void()>& body);
+
+// Runs `body` in a forked child that sees the file `played` at `path`, where some file must be.
+NamespaceResult runWithPlayedFile(const std::string& path, const std::string& played,
+                                  const std::function<void()>& body);
 
 } // namespace testsupport

@@ -7,6 +7,7 @@
 #include <condition_variable>
 #include <mutex>
 #include <string>
+#include <system_error>
 #include <thread>
 #include <utility>
 
@@ -25,16 +26,20 @@ struct EndedTasks {
     }
 };
 
-// Runs one task on a thread of its own.
+// Runs one task on a thread of its own. Where there can be none the task ends at once, without a response.
 template <class Task>
-void startTask(Task task, UrlSession::Completion completion) {
-    std::thread([task = std::move(task), told = std::move(completion)] {
-        task(told);
-        EndedTasks& ended = EndedTasks::shared();
-        std::lock_guard<std::mutex> lock(ended.mutex);
-        ++ended.count;
-        ended.more.notify_all();
-    }).detach();
+void startTask(Task task, const UrlSession::Completion& completion) {
+    try {
+        std::thread([task = std::move(task), completion] {
+            task(completion);
+            EndedTasks& ended = EndedTasks::shared();
+            std::lock_guard<std::mutex> lock(ended.mutex);
+            ++ended.count;
+            ended.more.notify_all();
+        }).detach();
+    } catch (const std::system_error& error) {
+        completion({{}, 0, error.what()});
+    }
 }
 
 class CurlSession final : public UrlSession {
@@ -42,7 +47,7 @@ public:
     void downloadTask(const char* url, Completion completion) override {
         startTask([address = std::string(url)](
                       const Completion& told) { UrlTransfer(address.c_str()).download(told); },
-                  std::move(completion));
+                  completion);
     }
 
     void uploadTask(const char* url, const char* method, const std::string& data,
@@ -51,7 +56,7 @@ public:
             [address = std::string(url), verb = std::string(method), data](const Completion& told) {
                 UrlTransfer(address.c_str()).upload(verb.c_str(), data, told);
             },
-            std::move(completion));
+            completion);
     }
 
     void runMainLoop(int seconds) override {

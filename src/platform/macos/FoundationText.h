@@ -17,10 +17,10 @@ inline NSString* textObject(const std::string& text) {
     return [[NSString alloc] initWithBytes:text.data() length:text.size() encoding:NSISOLatin1StringEncoding];
 }
 
-// The text in UTF-8; empty for nil.
+// The text in UTF-8, zero bytes included; empty for nil.
 inline std::string plainText(NSString* object) {
     const char* text = object.UTF8String;
-    return text ? text : "";
+    return text ? std::string(text, [object lengthOfBytesUsingEncoding:NSUTF8StringEncoding]) : std::string();
 }
 
 } // namespace platform

@@ -1,5 +1,7 @@
 #include "platform/UrlSession.h"
 
+#include "platform/macos/FoundationText.h"
+
 #import <Foundation/Foundation.h>
 #include <dispatch/dispatch.h>
 #include <unistd.h>
@@ -16,10 +18,10 @@ NSURL* urlOf(const char* url) {
 
 UrlTaskResult resultOf(NSURL* location, NSURLResponse* response, NSError* error) {
     UrlTaskResult result;
-    if (const char* path = location.path.UTF8String) result.location = path;
+    result.location = plainText(location.path);
     if ([response isKindOfClass:[NSHTTPURLResponse class]])
         result.statusCode = static_cast<NSHTTPURLResponse*>(response).statusCode;
-    if (const char* text = error.localizedDescription.UTF8String) result.localizedDescription = text;
+    result.localizedDescription = plainText(error.localizedDescription);
     return result;
 }
 
@@ -93,8 +95,7 @@ Service<UrlSession> urlSessionService{&foundationUrlSession};
 
 std::string lastPathComponent(const char* url) {
     @autoreleasepool {
-        const char* name = urlOf(url).lastPathComponent.UTF8String;
-        return name ? name : "";
+        return plainText(urlOf(url).lastPathComponent);
     }
 }
 

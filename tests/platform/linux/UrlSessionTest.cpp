@@ -3,10 +3,14 @@
 #include "support/AnswerServer.h"
 #include "support/Await.h"
 #include "support/ManualClock.h"
+#include "support/NetworkNamespace.h"
 #include "support/TemporaryFolder.h"
+#include "support/TestChild.h"
 #include "support/TlsServer.h"
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <csignal>
@@ -26,6 +30,8 @@ using testsupport::readAll;
 namespace fs = std::filesystem;
 
 namespace {
+
+constexpr char systemStore[] = "/etc/ssl/certs/ca-certificates.crt";
 
 std::string answer(const std::string& status, const std::string& headers, const std::string& body) {
     return "HTTP/1.1 " + status + "\r\n" + headers + "Content-Length: " + std::to_string(body.size()) +
@@ -175,6 +181,39 @@ TEST_F(UrlSessionTest, ACertificateThatNobodyTrustsIsRefused) {
     testsupport::TlsServer server(certificate, [](SSL*) {});
     expectNoResponse(download("https://127.0.0.1:" + std::to_string(server.port()) + "/p.dmg"));
     EXPECT_FALSE(server.finish());
+}
+
+TEST_F(UrlSessionTest, ACertificateOfTheSystemsStoreIsAcceptedForItsOwnHostNameAlone) {
+    const testsupport::Certificate certificate("localhost");
+    const auto result = testsupport::runWithPlayedFile(systemStore, certificate.certificateFile(), [&] {
+        testsupport::TlsServer trusted(certificate, [](SSL* connection) {
+            testsupport::tlsReadUntil(connection, "\r\n\r\n");
+            testsupport::tlsSend(connection, answer("200 OK", "", "the package"));
+        });
+        EXPECT_EQ(download("https://localhost:" + std::to_string(trusted.port()) + "/p.dmg").content,
+                  "the package");
+        testsupport::TlsServer misnamed(certificate, [](SSL* connection) {
+            EXPECT_EQ(testsupport::tlsReadUntil(connection, "\r\n\r\n"), "");
+        });
+        expectNoResponse(download("https://127.0.0.1:" + std::to_string(misnamed.port()) + "/p.dmg"));
+    });
+    if (result == testsupport::NamespaceResult::unavailable) GTEST_SKIP() << "no mount namespace here";
+    EXPECT_EQ(result, testsupport::NamespaceResult::passed);
+}
+
+TEST_F(UrlSessionTest, ATaskThatNoThreadCanBeMadeForEndsWithoutAResponse) {
+    if (getuid() != 0) GTEST_SKIP() << "needs a user of its own to count threads for";
+    EXPECT_TRUE(testsupport::passesInChild([this] {
+        const auto lonelyUser = static_cast<uid_t>(60000 + getpid() % 5000);
+        const rlimit one = {1, 1};
+        ASSERT_EQ(setgid(lonelyUser), 0);
+        ASSERT_EQ(setuid(lonelyUser), 0);
+        ASSERT_EQ(setrlimit(RLIMIT_NPROC, &one), 0);
+        const Ended ended = download("http://127.0.0.1:1/p.dmg");
+        expectNoResponse(ended);
+        EXPECT_EQ(ended.thread, std::this_thread::get_id());
+        expectNoResponse(upload("http://127.0.0.1:1/", "POST", "x"));
+    }));
 }
 
 TEST_F(UrlSessionTest, ProxiesOfTheEnvironmentAreNotUsed) {
