@@ -32,7 +32,7 @@ void run(GPString* command) {
 void runInShell(GPString* command) {
     const auto owned = Owned<GPString>::adopt(command);
     std::fflush(stdout);
-    if (std::system(owned->cstr()) == -1) std::perror(owned->cstr());
+    [[maybe_unused]] const int status = std::system(owned->cstr());
 }
 
 void printMacAddress() {

@@ -16,6 +16,7 @@
 #include "platform/Clock.h"
 
 #include <cstdlib>
+#include <set>
 
 namespace {
 
@@ -41,20 +42,21 @@ Owned<GPString> askService(GPString* macAddress) {
     return body;
 }
 
-// The exchange of a check-in; whether there was one.
-bool exchange() {
+enum class Exchange { noAddress, noReply, replied };
+
+Exchange exchange() {
     logVerbose("Getting mac addresses");
     const auto addresses = Owned<GPArray>::adopt(GPNetDevice::macAddresses(GPIPTypeAny));
     if (!addresses || addresses->count() == 0) {
         logs("no mac address found on the device, check-in is not possible at this time.");
-        return false;
+        return Exchange::noAddress;
     }
     logVerbose("found macaddresses building query");
     const Owned<GPString> body = askService(static_cast<GPString*>(addresses->objectAtIndex(0)));
-    if (!body) return false;
+    if (!body) return Exchange::noReply;
     // The status is deliberately not looked at: an error page is a reply that says nothing.
     if (const auto reply = readCheckinReply(body->cstr())) applyCheckinReply(*reply);
-    return true;
+    return Exchange::replied;
 }
 
 // Whether the service wants to hear from the machine: its stored time is past, or there is none.
@@ -76,11 +78,24 @@ void probe(FilterServer* server) {
                                     : "serversHttpsCheckThread server set to http");
 }
 
-// Goes by the real rotation, so the current server moves meanwhile and comes back when the ring closes.
+// Whether the rotation can come to a server of that name.
+bool isInRotation(const char* name) {
+    const auto servers = Owned<GPArray>::adopt(Configuration::serverNames());
+    for (int i = 0; i < servers->count(); ++i) {
+        auto* server = static_cast<FilterServer*>(servers->objectAtIndex(i));
+        if (server->isActive() && server->nameEquals(name)) return true;
+    }
+    return false;
+}
+
+// Goes by the real rotation, so the current server moves meanwhile and comes back when the ring closes. A ring
+// that has lost its first server, to a new list for one, would never close: it ends at the first one seen twice.
 void probeRing(FilterServer* first) {
     probe(first);
+    std::set<FilterServer*> probed;
     FilterServer* server = Configuration::nextServer();
     while (server && !server->nameEquals(first->getUrl())) {
+        if (!probed.insert(server).second && !isInRotation(first->getUrl())) return;
         probe(server);
         server = Configuration::nextServer();
     }
@@ -101,10 +116,11 @@ bool FilterCheck::isUpdateBypass(unsigned) { return false; }
 
 bool FilterCheck::runCheckin() {
     logVerbose("Started checkin processing.");
-    const bool done = exchange();
+    const Exchange result = exchange();
     GPThread::taskOnBackground(serversHttpsCheckThread, nullptr);
-    logVerbose("checkin complete.");
-    return done;
+    // Deliberate: of all outcomes a service that does not answer leaves this line out.
+    if (result != Exchange::noReply) logVerbose("checkin complete.");
+    return result == Exchange::replied;
 }
 
 void FilterCheck::startCheckin() { GPThread::taskOnBackground(checkinThread, nullptr); }

@@ -14,7 +14,7 @@ public:
 
     // One check-in: reports the machine, does what the reply says and starts the HTTPS probe in the
     // background. Blocks for as long as the service takes. False without a hardware address or a reply; a
-    // reply that cannot be read counts as one. Takes the server lock.
+    // reply that cannot be read counts as one. Takes the server lock. One check-in at a time.
     static bool runCheckin();
 
     // Starts the thread of periodic check-ins, which never ends. Nothing in the system calls it.

@@ -145,6 +145,22 @@ TEST_F(AdministrativeCommands, AnUpdateWithoutANameLeavesTheWaitingExecutable) {
     EXPECT_TRUE(programLogged("unable to complete the update"));
 }
 
+// ---- the restart of the services
+
+TEST_F(AdministrativeCommands, ReloadShowsWhatItsTwoCommandsPrintInFrontOfTheHelpText) {
+    makePrograms("echo $1");
+    const std::string printed = run({"-reload"}).output;
+    EXPECT_EQ(printed.find("[LogEcho]: []: running reloadDaemon...\n\nunload\nload\n\nOstler Interceptor v"),
+              0u)
+        << printed;
+}
+
+TEST_F(AdministrativeCommands, OtherCommandsPrintNothing) {
+    makePrograms("echo $1");
+    for (const char* argument : {"-d", "-unload", "-reboot"})
+        EXPECT_EQ(run({argument}).output.find("load /"), std::string::npos) << argument;
+}
+
 // ---- the wrappers
 
 TEST_F(AdministrativeCommands, TheWrappersRunLaunchctlAndKeepNothing) {

@@ -46,6 +46,12 @@ const Words installs = {"mkdir /usr/local/etc",
 
 std::string printed(const std::string& configuration) { return "\n" + configuration + "\n"; }
 
+// The device report on a machine without interfaces.
+std::string report(const std::string& resolution) {
+    return "Device output:\nthe UUID: 00000000-0000-0000-0000-000000000000\nno Mac addresses avaliable" +
+           resolution + "\nversion is: " + version;
+}
+
 // A run that ends by itself; the file stays what it was and no command runs, unless the row says more.
 struct Row {
     const char* name;
@@ -54,6 +60,8 @@ struct Row {
     std::string file = fullSettings;
     Words commands = {};
 };
+
+void PrintTo(const Row& row, std::ostream* out) { *out << row.name; }
 
 // A run that makes a setting: the file then holds defaults and the change, and is printed.
 Row setting(const char* name, Words arguments, const std::string& file) {
@@ -74,6 +82,17 @@ const Row rows[] = {
     {"Test", {"-t"}, "the test function"},
     {"OEM", {"-oem"}, version},
     {"OEMWithAVendor", {"-oem=Acme"}, version},
+    {"OEMWithAnEmptyVendor", {"-oem="}, version},
+    {"Info", {"-info"}, report("unable to resolve the host"), testsupport::defaultSettings},
+    {"InfoAsALongerWord",
+     {"-information"},
+     report("unable to resolve the host"),
+     testsupport::defaultSettings},
+    {"InfoWithAHost",
+     {"-info='host.example'"},
+     report("unable to resolve: host.example"),
+     testsupport::defaultSettings},
+    {"CheckInWithoutAnInterface", {"-f"}, version},
     {"Version", {"-v"}, version},
     setting("Add", {"-a=one"}, defaultsWithServers({"one"})),
     setting("AddWithQuotes", {"-a='one'"}, defaultsWithServers({"one"})),
@@ -137,11 +156,28 @@ TEST_P(SwitchTable, DoesTheSameWhenEveryCommandFails) {
 INSTANTIATE_TEST_SUITE_P(Row, SwitchTable, testing::ValuesIn(rows),
                          [](const auto& row) { return std::string(row.param.name); });
 
-// A run that becomes the daemon, which loads the stored file first. What earlier switches changed is in it.
+// The settings with the local agent as the one server, as the daemon leaves them.
+std::string asTheDaemonLeaves(std::string settings) {
+    const auto replace = [&](const std::string& from, const std::string& to, const std::string& text) {
+        const std::size_t start = settings.find(from);
+        if (start != std::string::npos) settings.replace(start, settings.find(to, start) - start, text);
+    };
+    replace("<ServerName>", "<BlockOnFailure>", "");
+    settings.insert(settings.find("<BlockOnFailure>"), "<ServerName>localhost</ServerName>\n");
+    replace("<Ostler>", "<UpdateReady>", "<Ostler>true</Ostler>\n");
+    replace("<Servers>", "</Servers>", "<Servers>\n<ServerName ServerType=\"1\">localhost</ServerName>\n");
+    return settings;
+}
+
+// A run that becomes the daemon, which loads the stored file. Only a setting made before that has written over
+// it: defaults and the change.
 struct DaemonRow {
     const char* name;
     Words arguments;
+    std::string file = asTheDaemonLeaves(fullSettings);
 };
+
+void PrintTo(const DaemonRow& row, std::ostream* out) { *out << row.name; }
 
 const DaemonRow daemonRows[] = {
     {"NoArgument", {}},
@@ -153,7 +189,10 @@ const DaemonRow daemonRows[] = {
     {"RemoveWithoutAValue", {"-r="}},
     {"BalancedModeWithoutAValue", {"-b="}},
     {"OEMModeWithoutAValue", {"-m="}},
-    {"AddThenAWord", {"-a=one", "word"}},
+    {"AddThenAWord", {"-a=one", "word"}, asTheDaemonLeaves(testsupport::defaultSettings)},
+    {"VerboseThenAWord",
+     {"-l=true", "word"},
+     asTheDaemonLeaves(defaultsWith("<VerboseLogging>false", "<VerboseLogging>true"))},
     {"LogLevelThenAWord", {"-ll=", "word"}},
 };
 
@@ -164,8 +203,16 @@ TEST_P(DaemonSwitchTable, StartsTheDaemonAndRunsNoAdministrativeCommand) {
     const auto run = this->run(GetParam().arguments);
     EXPECT_TRUE(run.startedDaemon);
     EXPECT_TRUE(programLogged("Ostler Interceptor Started"));
-    EXPECT_EQ(run.output.find("prints this help menu"), std::string::npos);
+    EXPECT_EQ(file(), GetParam().file);
     EXPECT_EQ(commands(), Words{});
+    if (GetParam().arguments.empty() || GetParam().arguments.front() != "-logecho") {
+        EXPECT_EQ(run.output, "");
+    } else {
+        EXPECT_EQ(run.output.find("[LogEcho]: []: ======================================\n"
+                                  "[LogEcho]: []: Ostler Interceptor Started\n"),
+                  0u);
+        EXPECT_EQ(run.output.find("prints this help menu"), std::string::npos);
+    }
 }
 
 INSTANTIATE_TEST_SUITE_P(Row, DaemonSwitchTable, testing::ValuesIn(daemonRows),

@@ -1,6 +1,7 @@
 // Check-ins over real HTTPS.
 
 #include "support/CheckinTest.h"
+#include "config/CheckinReply.h"
 #include "config/CheckinRequest.h"
 #include "config/Configuration.h"
 #include "config/FilterIPAddresses.h"
@@ -10,7 +11,9 @@
 #include "platform/HostPaths.h"
 #include "support/Await.h"
 
+#include <chrono>
 #include <filesystem>
+#include <future>
 
 namespace {
 
@@ -77,6 +80,7 @@ TEST_F(FilterCheckin, WithoutANetworkInterfaceThereIsNoCheckInButAProbe) {
     loseInterfaces();
     EXPECT_FALSE(checkInAndProbe());
     EXPECT_TRUE(log.holds("no mac address found on the device, check-in is not possible at this time."));
+    EXPECT_TRUE(log.holds("checkin complete."));
     EXPECT_TRUE(service.requests().empty());
     EXPECT_FALSE(Configuration::filteringDisabled());
 }
@@ -144,6 +148,28 @@ TEST_F(FilterCheckin, TwoServerNamesReplaceTheListAndTheFirstIsCurrent) {
     EXPECT_TRUE(comesTrue(addressesAreBuilt));
     FilterQuery::lockServers(); // is free
     FilterQuery::unlockServers();
+}
+
+TEST_F(FilterCheckin, ACurrentServerThatTheReplyNamesAgainIsStoredBeforeTheFirstBecomesCurrent) {
+    givenServers({"y"});
+    EXPECT_STREQ(Configuration::serverName(), "y");
+    checkInWith("<a><ServerName>x</ServerName><ServerName>y</ServerName></a>");
+    EXPECT_EQ(inFile("ServerName"), "y");
+    EXPECT_STREQ(Configuration::serverName(), "x");
+}
+
+TEST_F(FilterCheckin, TheListIsReplacedUnderTheServerLock) {
+    givenServers({"old.example"});
+    const auto reply = readCheckinReply("<a><Dormant>1</Dormant><ServerName>x</ServerName></a>");
+    ASSERT_TRUE(reply);
+    FilterQuery::lockServers();
+    auto applied = std::async(std::launch::async, [&] { applyCheckinReply(*reply); });
+    EXPECT_TRUE(comesTrue([&] { return inFile("FilteringDisabled") == "true"; }));
+    EXPECT_EQ(applied.wait_for(std::chrono::milliseconds(20)), std::future_status::timeout);
+    EXPECT_EQ(listedServers(), std::vector<std::string>{"old.example"});
+    FilterQuery::unlockServers();
+    applied.get();
+    EXPECT_EQ(listedServers(), std::vector<std::string>{"x"});
 }
 
 TEST_F(FilterCheckin, ServerNamesThatAreAllEmptyKeepTheListAndStillHaveTheAddressesBuilt) {
@@ -251,7 +277,14 @@ TEST_F(FilterCheckin, AServiceThatCutsTheConnectionIsNoAnswerAndAProbeFollows) {
     service.start("location = /1/checkin { return 444; }");
     EXPECT_FALSE(checkInAndProbe());
     EXPECT_TRUE(log.holds("checkin response=(null)"));
-    EXPECT_TRUE(log.holds("checkin complete."));
+}
+
+TEST_F(FilterCheckin, OnlyACheckInWithoutAReplyIsNotLoggedAsComplete) {
+    EXPECT_FALSE(checkInAndProbe());
+    EXPECT_EQ(log.countContaining("checkin complete."), 0);
+    service.reply("no document");
+    EXPECT_TRUE(checkInAndProbe());
+    EXPECT_EQ(log.countContaining("checkin complete."), 1);
 }
 
 TEST_F(FilterCheckin, AServiceThatNeverAnswersIsGivenUp) {

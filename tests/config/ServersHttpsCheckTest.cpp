@@ -1,6 +1,8 @@
 // The probe for servers that speak HTTPS, over the real rotation and real HTTPS.
 
+#include "config/CheckinReply.h"
 #include "config/Configuration.h"
+#include "platform/NameLookup.h"
 #include "support/CheckinTest.h"
 
 #include <sys/socket.h>
@@ -92,6 +94,48 @@ TEST_F(ServersHttpsCheck, AMarkedDownServerIsLeftOut) {
     probe();
     EXPECT_TRUE(usesHttps("c.example"));
     EXPECT_FALSE(usesHttps("b.example"));
+}
+
+TEST_F(ServersHttpsCheck, ARingWhoseFirstServerIsMarkedDownEndsWhenEveryServerWasAsked) {
+    givenServers({"a.example", "b.example", "c.example"});
+    EXPECT_STREQ(Configuration::serverName(), "a.example");
+    Configuration::addDownServer("a.example"); // and stays current
+    Configuration::setVerboseMode(true);
+    probe();
+    EXPECT_EQ(steps(),
+              (Lines{"started", "checking a.example", "server set to https", "checking b.example",
+                     "server set to https", "checking c.example", "server set to https", "finished"}));
+}
+
+// Replaces the server list, as a reply does, when the last of the old servers is looked up.
+class ListChange final : public platform::NameLookup {
+public:
+    explicit ListChange(platform::NameLookup& names) : names_(names) {}
+
+    bool gethostbyname2(const char* name, int family, platform::HostEntry& entry) override {
+        if (std::string(name) == "b.example" && !Configuration::getFilterServer("x.example"))
+            applyCheckinReply(*readCheckinReply(
+                "<a><ServerName>x.example</ServerName><ServerName>y.example</ServerName></a>"));
+        return names_.gethostbyname2(name, family, entry);
+    }
+
+    bool gethostbyname(const char* name, platform::HostEntry& entry) override {
+        return gethostbyname2(name, AF_INET, entry);
+    }
+
+private:
+    platform::NameLookup& names_;
+};
+
+TEST_F(ServersHttpsCheck, ARingThatANewListTakesAwayEndsWhenEveryNewServerWasAsked) {
+    givenServers({"a.example", "b.example"});
+    for (const char* name : {"x.example", "y.example"})
+        names.answer(name, AF_INET, {"127.0.0.1"});
+    platform::nameLookupService.install(*new ListChange(names));
+    probe();
+    EXPECT_EQ(service.requests("/fernhill_ping/").size(), 4u); // a, b, and once each of x and y
+    EXPECT_TRUE(usesHttps("x.example"));
+    EXPECT_TRUE(usesHttps("y.example"));
 }
 
 TEST_F(ServersHttpsCheck, TheMarkIsNotStored) {

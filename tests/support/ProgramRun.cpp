@@ -6,6 +6,7 @@
 #include "support/ManualClock.h"
 #include "support/PlayedConsoleUser.h"
 #include "support/PlayedNames.h"
+#include "support/PlayedNetworkChanges.h"
 
 #include <gtest/gtest.h>
 
@@ -54,6 +55,7 @@ public:
 
 private:
     [[noreturn]] void announce() {
+        std::fflush(stdout);
         if (write(announceTo_, "d", 1) != 1) _exit(99);
         for (;;)
             pause();
@@ -72,6 +74,7 @@ void playServices(const ProgramWorld& world, int announceTo) {
     interfaces.show(world.interfaces);
     interfaces.install();
     (new PlayedConsoleUser)->install();
+    (new PlayedNetworkChanges)->install();
     // Running a command sleeps for a moment while the child becomes the program.
     ManualClock::installed().letSleepsPass(true);
     ManualClock::installed().setEventWait(5000000, false);

@@ -29,7 +29,7 @@ struct ProgramRun {
     // Exit status; -1 for a run that was killed.
     int status = -1;
 
-    // Standard output.
+    // Standard output; the daemon's up to the moment when it was killed.
     std::string output;
 };
 
