@@ -3,6 +3,9 @@
 #include "platform/Clock.h"
 #include "platform/linux/UrlTransfer.h"
 
+#include <openssl/crypto.h>
+#include <unistd.h>
+
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
@@ -26,12 +29,17 @@ struct EndedTasks {
     }
 };
 
-// Runs one task on a thread of its own. Where there can be none the task ends at once, without a response.
+// Runs one task on a thread of its own. The completion comes last, when the thread has given back all that
+// the transfer took: the process may end as soon as somebody was told. A file that the task fetched is deleted
+// behind it. Where there can be no thread the task ends at once, without a response.
 template <class Task>
 void startTask(Task task, const UrlSession::Completion& completion) {
     try {
         std::thread([task = std::move(task), completion] {
-            task(completion);
+            const UrlTaskResult result = task();
+            OPENSSL_thread_stop();
+            completion(result);
+            if (!result.location.empty()) unlink(result.location.c_str());
             EndedTasks& ended = EndedTasks::shared();
             std::lock_guard<std::mutex> lock(ended.mutex);
             ++ended.count;
@@ -45,18 +53,15 @@ void startTask(Task task, const UrlSession::Completion& completion) {
 class CurlSession final : public UrlSession {
 public:
     void downloadTask(const char* url, Completion completion) override {
-        startTask([address = std::string(url)](
-                      const Completion& told) { UrlTransfer(address.c_str()).download(told); },
+        startTask([address = std::string(url)] { return UrlTransfer(address.c_str()).download(); },
                   completion);
     }
 
     void uploadTask(const char* url, const char* method, const std::string& data,
                     Completion completion) override {
-        startTask(
-            [address = std::string(url), verb = std::string(method), data](const Completion& told) {
-                UrlTransfer(address.c_str()).upload(verb.c_str(), data, told);
-            },
-            completion);
+        startTask([address = std::string(url), verb = std::string(method),
+                   data] { return UrlTransfer(address.c_str()).upload(verb.c_str(), data); },
+                  completion);
     }
 
     void runMainLoop(int seconds) override {

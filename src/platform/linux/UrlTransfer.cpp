@@ -80,31 +80,29 @@ UrlTransfer::~UrlTransfer() {
     curl_url_cleanup(url_);
 }
 
-void UrlTransfer::download(const UrlSession::Completion& completion) {
+UrlTaskResult UrlTransfer::download() {
     std::string path;
     std::FILE* file = openTemporaryFile(path);
-    if (!file) {
-        completion({{}, 0, "no temporary file"});
-        return;
-    }
+    if (!file) return {{}, 0, "no temporary file"};
     curl_easy_setopt(handle_, CURLOPT_WRITEFUNCTION, writeToFile);
     curl_easy_setopt(handle_, CURLOPT_WRITEDATA, file);
     UrlTaskResult result = perform();
     if (std::fclose(file) != 0 && result.localizedDescription.empty())
         result.localizedDescription = "the temporary file could not be written";
-    if (result.localizedDescription.empty()) result.location = path;
-    completion(result);
-    unlink(path.c_str());
+    if (result.localizedDescription.empty())
+        result.location = path;
+    else
+        unlink(path.c_str());
+    return result;
 }
 
-void UrlTransfer::upload(const char* method, const std::string& data,
-                         const UrlSession::Completion& completion) {
+UrlTaskResult UrlTransfer::upload(const char* method, const std::string& data) {
     curl_easy_setopt(handle_, CURLOPT_POSTFIELDS, data.data());
     curl_easy_setopt(handle_, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(data.size()));
     // Named as a custom method, a POST would stay one behind a redirect.
     if (std::strcmp(method, "POST") != 0) curl_easy_setopt(handle_, CURLOPT_CUSTOMREQUEST, method);
     curl_easy_setopt(handle_, CURLOPT_WRITEFUNCTION, dropBytes);
-    completion(perform());
+    return perform();
 }
 
 UrlTaskResult UrlTransfer::perform() {

@@ -19,11 +19,11 @@ public:
     UrlTransfer(const UrlTransfer&) = delete;
     UrlTransfer& operator=(const UrlTransfer&) = delete;
 
-    // Fetches the URL into a temporary file, which is deleted when the completion has returned.
-    void download(const UrlSession::Completion& completion);
+    // Fetches the URL into a temporary file, whose path the result has and which the caller deletes.
+    UrlTaskResult download();
 
     // Sends the data and reads the answer without keeping it.
-    void upload(const char* method, const std::string& data, const UrlSession::Completion& completion);
+    UrlTaskResult upload(const char* method, const std::string& data);
 
 private:
     // Runs the transfer. The result's location is left empty.
