@@ -9,6 +9,7 @@
 #include "gp/GPString.h"
 #include "gp/Owned.h"
 #include "support/AgentLinkWorld.h"
+#include "support/Await.h"
 #include "support/ManualClock.h"
 #include "support/PlayedUrlSession.h"
 
@@ -268,18 +269,15 @@ TEST_F(ResponseThreadTest, TheReaderNotesItsStartPlus300SecondsAndAReconnectMove
 TEST_F(ResponseThreadTest, BypassFalseBlocksOnFailureAndTrueDoesNot) {
     pushAndAwait(R"({"bypass_on_failure":false,"other":1})");
     world.awaitLog("OstComm loadConfigResponseThread bypass_on_failure is false");
-    while (!Configuration::isBOFEnabled())
-        std::this_thread::yield();
+    EXPECT_TRUE(testsupport::comesTrue(Configuration::isBOFEnabled));
     pushAndAwait(R"({"bypass_on_failure":true,"other":1})");
-    while (Configuration::isBOFEnabled())
-        std::this_thread::yield();
+    EXPECT_TRUE(testsupport::comesTrue([] { return !Configuration::isBOFEnabled(); }));
 }
 
 TEST_F(ResponseThreadTest, ABypassValueWithNoCommaBehindItMeansNoBlockOnFailure) {
     Configuration::setBOF(true);
     pushAndAwait(R"({"bypass_on_failure":false})");
-    while (Configuration::isBOFEnabled())
-        std::this_thread::yield();
+    EXPECT_TRUE(testsupport::comesTrue([] { return !Configuration::isBOFEnabled(); }));
 }
 
 TEST_F(ResponseThreadTest, AConfigurationFrameWithoutAnUpdateUrlLeavesTheUpdateStateAlone) {
@@ -311,6 +309,9 @@ TEST_F(ResponseThreadTest, AnEmptyUpdateUrlStartsNothing) {
     pushAndAwait(R"({"update_url":"","other":1})");
     world.awaitLog("OstComm loadConfigResponseThread valueBypassStr is now <>");
     pushAndAwait(R"({"update_url":"http://h/no-comma"})");
+    EXPECT_TRUE(testsupport::comesTrue([this] {
+        return world.log.countContaining("loadConfigResponseThread valueBypassStr is now <>") == 2;
+    }));
     expectService();
     EXPECT_EQ(world.log.countContaining("updateThread entry"), 0);
 }

@@ -177,6 +177,24 @@ TEST_F(ServedUpdateFlowTest, TheSignalsCancelEndsTheDialogAndTheUpdate) {
     EXPECT_EQ(world.link.log.countContaining("updateThread updatingpopup time check"), 0);
 }
 
+TEST_F(ServedUpdateFlowTest, TheSignalsCancelInTheCountdownEndsItsDialogAndTheUpdate) {
+    world.push(url("OstlerUpdate.dmg"));
+    world.settle();
+    world.dialogs.await(1);
+    world.dialogs.timeOut();
+    ASSERT_TRUE(world.clock.waitForSleepers(1));
+    world.clock.advanceSeconds(10);
+    world.dialogs.await(2);
+    ASSERT_TRUE(comesTrue([] { return notifyUpdatingPopUp.load() != nullptr; }));
+    OstComm::Instance()->clearPopups();
+    ASSERT_TRUE(comesTrue([] { return notifyUpdatingPopUp.load() == nullptr; }));
+    EXPECT_EQ(world.dialogs.shown(), 2);
+    EXPECT_EQ(world.dialogs.released(), 2);
+    EXPECT_EQ(updating, 0);
+    EXPECT_EQ(world.updateRuns(), 0);
+    EXPECT_EQ(world.readyMark(), "true");
+}
+
 TEST_F(UpdateFlowTest, AServerThatIsNotThereIsAFailedDownload) {
     world.push(url("OstlerUpdate.dmg"));
     ASSERT_TRUE(world.hasEnded());

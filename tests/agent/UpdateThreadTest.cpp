@@ -12,6 +12,7 @@
 #include "support/PlayedDialogs.h"
 #include "support/PlayedUrlSession.h"
 #include "support/SettingsTest.h"
+#include "support/StoredSettings.h"
 
 #include <gtest/gtest.h>
 
@@ -96,10 +97,8 @@ protected:
 
     // The ready mark in the file at the moment when the helper ran.
     std::string markSeenByHelper() const {
-        const std::string text = testsupport::readAll(root.path() + "/ran");
-        const std::string open = "<UpdateReady>";
-        const auto at = text.find(open);
-        return at == std::string::npos ? "(none)" : text.substr(at + open.size(), 4);
+        const auto settings = testsupport::settingsIn(testsupport::readAll(root.path() + "/ran"));
+        return testsupport::valueOf(settings, "UpdateReady");
     }
 
     ManualClock& clock = ManualClock::installed();
@@ -181,7 +180,7 @@ TEST_F(UpdateThreadTest, UpdateNowClearsTheReadyMarkAndRunsTheProgramAtOnce) {
     dialogs.answer(platform::notificationDefaultResponse);
     ASSERT_TRUE(hasEnded());
     EXPECT_TRUE(helperRan());
-    EXPECT_EQ(markSeenByHelper(), "fals");
+    EXPECT_EQ(markSeenByHelper(), "false");
     EXPECT_EQ(dialogs.shown(), 1);
     EXPECT_EQ(localTime(), 8 * hour);
 }
@@ -260,7 +259,7 @@ TEST_F(UpdateThreadTest, AUserWhoPressesNothingSeesOneDialogThenTenAndTheUpdateS
     }
     ASSERT_TRUE(hasEnded());
     EXPECT_TRUE(helperRan());
-    EXPECT_EQ(markSeenByHelper(), "fals");
+    EXPECT_EQ(markSeenByHelper(), "false");
     EXPECT_EQ(localTime(), 18 * hour + 10 * 60 + 10);
     EXPECT_EQ(dialogs.shown(), 11);
     EXPECT_EQ(dialogs.released(), 11);
@@ -425,6 +424,6 @@ TEST_F(UpdateThreadTest, UpdateNowThreadClearsTheMarkAndRunsTheProgram) {
     EXPECT_EQ(testing::internal::GetCapturedStdout(),
               "cmd is " + root.path() + "/usr/local/bin/fernhillupdate");
     EXPECT_TRUE(helperRan());
-    EXPECT_EQ(markSeenByHelper(), "fals");
+    EXPECT_EQ(markSeenByHelper(), "false");
     EXPECT_EQ(dialogs.shown(), 0);
 }

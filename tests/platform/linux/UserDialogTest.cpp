@@ -1,6 +1,7 @@
 #include "platform/UserDialog.h"
 
 #include "platform/linux/DialogProgram.h"
+#include "support/Await.h"
 #include "support/ManualClock.h"
 #include "support/TemporaryFolder.h"
 #include "support/TestChild.h"
@@ -137,8 +138,7 @@ TEST_F(UserDialogTest, ACancelTakesTheProgramAway) {
     installProgram("zenity", "trap 'echo gone >" + folder.file("end") + "; exit 0' TERM\n" + "echo up >" +
                                  folder.file("up") + "\nwhile :; do sleep 0.01; done\n");
     platform::UserNotification* dialog = dialogs.create(0, 1, question);
-    while (testsupport::readAll(folder.file("up")).empty()) {
-    }
+    ASSERT_TRUE(testsupport::comesTrue([this] { return !testsupport::readAll(folder.file("up")).empty(); }));
     dialogs.cancel(dialog);
     unsigned long flags = 99;
     dialogs.receiveResponse(dialog, flags);
