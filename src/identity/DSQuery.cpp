@@ -173,7 +173,7 @@ void DSQuery::ODSearch(const DirectoryNodeRef& node, DSInfo* info, const Directo
         },
         [&](const DirectoryError&) {
             finish(info);
-            logText("Failed to resolve group membership.");
+            logTextVerbosely("Failed to resolve group membership.");
         });
 }
 
@@ -189,7 +189,7 @@ void DSQuery::searchComputer(const DirectoryNodeRef& node, DSInfo* info,
         },
         [&](const DirectoryError&) {
             finish(info);
-            logText("Failed to resolve computer information.");
+            logTextVerbosely("Failed to resolve computer information.");
         });
 }
 

@@ -80,7 +80,7 @@ void DSQuery::processADResults(const DirectoryRecords& results, DSInfo* info) {
                      user, error) ||
         !readDetails(results, kODRecordTypeComputers, {distinguishedName, nativeName}, computer, error)) {
         fail(error);
-        logText("Failed to process Active Directory results.");
+        logText("Failed to process Active Directory results."); // deliberately at every log level
         return;
     }
     storeRelay(user, info);
@@ -98,7 +98,7 @@ void DSQuery::processODResults(const DirectoryRecords& results, DSInfo* info) {
     if (!readDetails(results, kODRecordTypeUsers, {metaName, recordName}, user, error) ||
         !readDetails(results, kODRecordTypeComputers, {metaName, recordName}, computer, error)) {
         fail(error);
-        logText("Failed to process Open Directory results.");
+        logTextVerbosely("Failed to process Open Directory results.");
         return;
     }
     setIfPresent(info->username, user, recordName);

@@ -11,7 +11,7 @@ extern DSInfo* const usrInfo;
 class UserInfo {
 public:
     // Asks the directory and fills `usrInfo`. Blocks on the directory; one thread at a time. A failure leaves
-    // what was known before.
+    // what was known before, except for the format, which is "directory" then.
     static void loadUserInfo();
 
     // The texts of `usrInfo`: borrowed, valid until the next load, null for what is not known.

@@ -82,7 +82,7 @@ public:
     virtual void setDelegate(const DirectoryQueryDelegate& delegate) = 0;
 
     // Runs the query to its end on this thread and answers all records. False with the error, and no records, if
-    // that failed; with `partial` records that were found before a failure are a success.
+    // that failed. With `partial` a backend may answer with what it has so far, also in place of a failure.
     virtual bool resultsAllowingPartial(bool partial, DirectoryRecords& records, DirectoryError& error) = 0;
 };
 

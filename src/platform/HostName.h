@@ -11,7 +11,8 @@ namespace platform {
 
 class HostName {
 public:
-    // The host's name in full ("name" of the current NSHost), if it has one. Any thread.
+    // The host's name in full ("name" of the current NSHost), if it has one. Any thread;
+    // may block on a name look-up.
     virtual std::optional<std::string> currentHostName() = 0;
 
     // The home directory of the process's user (NSHomeDirectory). Any thread.

@@ -59,7 +59,7 @@ TEST_F(DSQueryTest, AsksTheSearchNodeForAllRecordsOfTheCachedUser) {
 
 TEST_F(DSQueryTest, AUserOfAnLdapNodeSelectsOpenDirectory) {
     logEverything();
-    givenUser(ldap);
+    givenUser(ldap, {{"AppleMetaNodeLocation", {ldap, corp}}});
     EXPECT_EQ(select(), 1);
     EXPECT_EQ(selectedNode(), ldap);
     EXPECT_TRUE(log.holds("Selecting OD Domain /LDAPv3/ldap.example.com. "));

@@ -99,6 +99,7 @@ TEST_F(OpenDirectorySearch, AComputerThatIsNotThereHasTheHostsNameWithoutItsExte
 }
 
 TEST_F(OpenDirectorySearch, AFailedComputerSearchDoesNotFailTheSearch) {
+    logEverything();
     givenUser(ldap);
     givenWholeGroup("1001", "sales");
     directory.failQueries(kODRecordTypeComputers, "connection lost");
@@ -109,6 +110,7 @@ TEST_F(OpenDirectorySearch, AFailedComputerSearchDoesNotFailTheSearch) {
 }
 
 TEST_F(OpenDirectorySearch, AFailedMembershipSearchEndsTheSearchWithWhatIsKnown) {
+    logEverything();
     givenUser(ldap, {{"AppleMetaRecordName", {"uid=alice,dc=x"}}});
     givenComputer(ldap, {{"AppleMetaRecordName", {"cn=mac01,dc=x"}}});
     directory.failQueries(kODRecordTypeGroups, "connection lost");
@@ -121,6 +123,7 @@ TEST_F(OpenDirectorySearch, AFailedMembershipSearchEndsTheSearchWithWhatIsKnown)
 }
 
 TEST_F(OpenDirectorySearch, AUserRecordWithoutDetailsIsAFailureAndTheSearchGoesOn) {
+    logEverything();
     directory.addMute(ldap, kODRecordTypeUsers, {{"RecordName", {"alice"}}}, "no details");
     givenWholeGroup("1001", "sales");
     givenComputer(ldap);
@@ -136,6 +139,15 @@ TEST_F(OpenDirectorySearch, AComputerRecordWithoutDetailsIsAFailureAndThenASucce
     directory.addMute(ldap, kODRecordTypeComputers, {{"RecordName", {"mac01"}}}, "no details");
     EXPECT_EQ(search(), (Ends{"failure: no details", "success"}));
     EXPECT_EQ(shown(found.computerName), "mac01");
+}
+
+TEST_F(OpenDirectorySearch, ItsFailuresAreLoggedAtLogLevelOneAlone) {
+    directory.addMute(ldap, kODRecordTypeUsers, {{"RecordName", {"alice"}}}, "no details");
+    directory.failQueries(kODRecordTypeComputers, "connection lost");
+    EXPECT_EQ(search(), (Ends{"failure: no details", "success"}));
+    directory.failQueries(kODRecordTypeGroups, "connection lost");
+    EXPECT_EQ(search(), (Ends{"failure: no details", "success"}));
+    EXPECT_EQ(log.countContaining("Failed"), 0);
 }
 
 // Groups.
@@ -185,6 +197,21 @@ TEST_F(OpenDirectorySearch, AUserWithoutGroupsHasAnEmptyList) {
     EXPECT_EQ(found.groups, Texts{});
 }
 
+TEST_F(OpenDirectorySearch, OnlyTheFirstRecordOfAKindCounts) {
+    testsupport::PlayedDirectory other;
+    other.add(ldap, kODRecordTypeGroups, {{"RecordName", {"group"}}, {"AppleMetaRecordName", {"cn=group"}}});
+    other.add(ldap, kODRecordTypeUsers, {{"RecordName", {"x", "first"}}});
+    other.add(ldap, kODRecordTypeUsers, {{"RecordName", {"y"}}, {"AppleMetaRecordName", {"uid=y"}}});
+    other.add(ldap, kODRecordTypeComputers, {{"RecordName", {"one"}}});
+    other.addMute(ldap, kODRecordTypeComputers, {{"RecordName", {"two"}}}, "no details");
+    DSQuery::sharedDSQuery()->processODResults(other.records(), &found);
+    EXPECT_EQ(shown(found.username), "x");
+    EXPECT_EQ(shown(found.userDN), "(none)");
+    EXPECT_EQ(shown(found.computerName), "one");
+    EXPECT_EQ(shown(found.computerDN), "(none)");
+    EXPECT_EQ(log.countContaining("Failed"), 0);
+}
+
 TEST_F(OpenDirectorySearch, TheUsersRecordsSetTheHostsNameAndTheComputersReplaceIt) {
     DSQuery::sharedDSQuery()->processODResults({}, &found);
     EXPECT_EQ(shown(found.computerName), "mac01");
@@ -192,4 +219,8 @@ TEST_F(OpenDirectorySearch, TheUsersRecordsSetTheHostsNameAndTheComputersReplace
     DSQuery::sharedDSQuery()->processODResults({}, &found);
     EXPECT_EQ(shown(found.computerName), "(none)");
     EXPECT_EQ(shown(found.username), "(none)");
+    testsupport::PlayedDirectory other;
+    other.add(ldap, kODRecordTypeComputers, {{"RecordName", {"mac01.corp.example.com"}}});
+    DSQuery::sharedDSQuery()->processODResults(other.records(), &found);
+    EXPECT_EQ(shown(found.computerName), "mac01.corp.example");
 }

@@ -125,7 +125,7 @@ std::optional<LdapSettings> readLdapSettings(const std::string& path) {
 std::string LdapNode::name() const {
     const std::size_t scheme = settings_.uri.find("://");
     const std::size_t start = scheme == std::string::npos ? 0 : scheme + 3;
-    return "/LDAPv3/" + settings_.uri.substr(start, settings_.uri.find_first_of("/ \t", start) - start);
+    return "/LDAPv3/" + settings_.uri.substr(start, settings_.uri.find_first_of("/, \t", start) - start);
 }
 
 bool LdapNode::find(const DirectoryQueryTerms& terms, DirectoryRecords& records,

@@ -25,7 +25,8 @@ public:
     // "/LDAPv3/" and the host of the first URI, with its port if that is there.
     std::string name() const;
 
-    // Blocks for at most half a minute.
+    // Blocks for at most ten seconds for each server that does not let it connect, and half a minute for the
+    // answer.
     bool find(const DirectoryQueryTerms& terms, DirectoryRecords& records,
               DirectoryError& error) const override;
 

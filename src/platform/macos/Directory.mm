@@ -197,9 +197,11 @@ Service<Directory> directoryService{&frameworkDirectory};
 - (void)query:(ODQuery*)query foundResults:(NSArray*)results error:(NSError*)problem {
     (void)query;
     if (!target.foundResults) return;
-    const platform::DirectoryError error = platform::errorOf(problem);
-    const platform::DirectoryRecords records = platform::recordsOf(results);
-    target.foundResults(target.object, source, results ? &records : nullptr, problem ? &error : nullptr);
+    @autoreleasepool {
+        const platform::DirectoryError error = platform::errorOf(problem);
+        const platform::DirectoryRecords records = platform::recordsOf(results);
+        target.foundResults(target.object, source, results ? &records : nullptr, problem ? &error : nullptr);
+    }
 }
 
 @end

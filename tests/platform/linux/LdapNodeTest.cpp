@@ -45,6 +45,7 @@ TEST(LdapNode, IsNamedByTheHostOfItsFirstAddress) {
     EXPECT_EQ(nameOf("ldap://ldap.example.com"), "/LDAPv3/ldap.example.com");
     EXPECT_EQ(nameOf("ldaps://ldap.example.com:636/"), "/LDAPv3/ldap.example.com:636");
     EXPECT_EQ(nameOf("ldap://first ldap://second"), "/LDAPv3/first");
+    EXPECT_EQ(nameOf("ldap://first,ldap://second"), "/LDAPv3/first");
     EXPECT_EQ(nameOf("host"), "/LDAPv3/host");
     EXPECT_EQ(nameOf("ldap://"), "/LDAPv3/");
 }
