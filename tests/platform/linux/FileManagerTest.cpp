@@ -1,5 +1,6 @@
 #include "platform/FileManager.h"
 
+#include "support/NetworkNamespace.h"
 #include "support/TemporaryFolder.h"
 #include "support/TestChild.h"
 
@@ -118,6 +119,18 @@ TEST_F(FileManagerTest, AFileIsMovedToAnotherVolumeWithItsMode) {
     EXPECT_EQ(readAll(folder.file("b")), content);
     EXPECT_EQ(fs::status(folder.file("b")).permissions(), fs::perms::owner_read);
     EXPECT_FALSE(fs::exists(other.file("a")));
+}
+
+TEST_F(FileManagerTest, AMoveToAVolumeThatIsFullFailsWithOutOfSpaceAndLeavesTheSourceAndNoTarget) {
+    const TemporaryFolder disk;
+    writeAll(folder.file("a"), std::string(300000, 'x'));
+    const auto result = testsupport::runOnSmallDisk(disk.path(), 4096, [&] {
+        expectFailure(move(folder.file("a"), disk.file("b")), platform::fileWriteOutOfSpaceError);
+        EXPECT_FALSE(fs::exists(disk.file("b")));
+    });
+    if (result == testsupport::NamespaceResult::unavailable) GTEST_SKIP() << "no mount namespace here";
+    EXPECT_EQ(result, testsupport::NamespaceResult::passed);
+    EXPECT_EQ(readAll(folder.file("a")).size(), 300000u);
 }
 
 TEST_F(FileManagerTest, AMoveToAnotherVolumeWhoseSourceCannotBeRemovedLeavesTheSourceAndNoTarget) {

@@ -228,6 +228,22 @@ TEST_F(UrlSessionTest, WithoutATemporaryDirectoryThereIsNoFile) {
     expectNoResponse(download("http://127.0.0.1:1/p.dmg"));
 }
 
+TEST_F(UrlSessionTest, AFullDiskGivesTheStatusAndAnErrorButNoFile) {
+    // The first body breaks off at a write, the second only when the file is closed.
+    for (const std::size_t size : {200000u, 5000u}) {
+        const auto result = testsupport::runOnSmallDisk(temporary.path(), 4096, [&] {
+            AnswerServer server({answer("200 OK", "", std::string(size, 'x'))});
+            const Ended ended = download(server.url("/p.dmg"));
+            EXPECT_EQ(ended.result.statusCode, 200);
+            EXPECT_EQ(ended.result.location, "");
+            EXPECT_NE(ended.result.localizedDescription, "");
+            EXPECT_TRUE(fs::is_empty(temporary.path()));
+        });
+        if (result == testsupport::NamespaceResult::unavailable) GTEST_SKIP() << "no mount namespace here";
+        EXPECT_EQ(result, testsupport::NamespaceResult::passed) << size;
+    }
+}
+
 TEST_F(UrlSessionTest, AnUploadSendsItsDataAndTellsTheStatus) {
     AnswerServer server({answer("201 Created", "", "thanks")});
     const Ended ended = upload(server.url("/report"), "POST", std::string("one\0two", 7));
