@@ -3,6 +3,7 @@
 #include "platform/HostPaths.h"
 #include "support/ProgramRun.h"
 #include "support/SettingsTest.h"
+#include "support/StoredSettings.h"
 
 #include <filesystem>
 
@@ -26,20 +27,7 @@ const char* const versionText = "1.5.2\n";
 
 // The printed configuration of a process that changed one thing.
 std::string printedConfiguration(const std::string& changedFrom, const std::string& changedTo) {
-    std::string text = "\n<Fernhill>\n"
-                       "<BlockOnFailure>false</BlockOnFailure>\n"
-                       "<BalancedMode>false</BalancedMode>\n"
-                       "<VerboseLogging>false</VerboseLogging>\n"
-                       "<OEMMode>false</OEMMode>\n"
-                       "<FilteringDisabled>false</FilteringDisabled>\n"
-                       "<InternalNetwork>false</InternalNetwork>\n"
-                       "<Ostler>false</Ostler>\n"
-                       "<UpdateReady>false</UpdateReady>\n"
-                       "<LogLevel>0</LogLevel>\n"
-                       "<kll>0</kll>\n"
-                       "<Users>\n</Users>\n"
-                       "<Servers>\n</Servers>\n"
-                       "</Fernhill>\n\n";
+    std::string text = std::string("\n") + testsupport::defaultSettings + "\n";
     if (!changedFrom.empty()) text.replace(text.find(changedFrom), changedFrom.size(), changedTo);
     return text;
 }

@@ -6,6 +6,7 @@
 #include "gp/Owned.h"
 #include "platform/HostPaths.h"
 #include "support/SettingsTest.h"
+#include "support/StoredSettings.h"
 
 #include <filesystem>
 #include <sys/stat.h>
@@ -23,20 +24,7 @@ protected:
     }
 };
 
-const char* const defaults = "<Fernhill>\n"
-                             "<BlockOnFailure>false</BlockOnFailure>\n"
-                             "<BalancedMode>false</BalancedMode>\n"
-                             "<VerboseLogging>false</VerboseLogging>\n"
-                             "<OEMMode>false</OEMMode>\n"
-                             "<FilteringDisabled>false</FilteringDisabled>\n"
-                             "<InternalNetwork>false</InternalNetwork>\n"
-                             "<Ostler>false</Ostler>\n"
-                             "<UpdateReady>false</UpdateReady>\n"
-                             "<LogLevel>0</LogLevel>\n"
-                             "<kll>0</kll>\n"
-                             "<Users>\n</Users>\n"
-                             "<Servers>\n</Servers>\n"
-                             "</Fernhill>\n";
+const char* const defaults = testsupport::defaultSettings;
 
 TEST_F(ConfigurationFile, TheFirstLoadSaysTrueAndEveryLaterOneFalse) {
     EXPECT_TRUE(Configuration::loadConfig());
