@@ -124,9 +124,8 @@ TEST_F(DaemonSignals, ASignalWhileTheLinkWaitsForAnAgentWaitsWithIt) {
     ASSERT_TRUE(extension->waitForDaemon(5000));
     ASSERT_TRUE(awaitMainIn("recv"));
     daemon->signal(SIGINT);
-    EXPECT_TRUE(testsupport::eventually([&] {
-        return daemon->locks().waitingFor(&agentLink.instanceMutex).count(daemon->process()) == 1;
-    }));
+    EXPECT_TRUE(testsupport::eventually(
+        [&] { return daemon->locks().waitingFor(&agentLink.instanceMutex).count(daemon->process()) == 1; }));
     EXPECT_TRUE(daemon->running());
     EXPECT_EQ(daemon->output(), "");
 }
