@@ -216,6 +216,23 @@ TEST(GPNetDeviceWalk, NamesAreComparedExactlyAndMayFillAllSixteenBytes) {
     EXPECT_STREQ(devices.at(0)->adapterName()->cstr(), "interface-of-016");
 }
 
+// An interface's link entry, its IPv6 and its IPv4 address, byte for byte as a Mac's kernel lays them out.
+TEST(GPNetDeviceWalk, TheEntriesOfAMacAreReadByTheirBytes) {
+    const std::string name("en0\0\0\0\0\0\0\0\0\0\0\0\0\0", 16);
+    const std::string link("\x14\x12\x04\x00\x06\x03\x06\x00"
+                           "en0"
+                           "\x00\x1b\x63\x84\x45\xe6\x00\x00\x00",
+                           20);
+    const std::string ipv6("\x1c\x1e\x00\x00\x00\x00\x00\x00"
+                           "\xfe\x80\x00\x00\x00\x00\x00\x00\x02\x1b\x63\xff\xfe\x84\x45\xe6"
+                           "\x04\x00\x00\x00",
+                           28);
+    const std::string ipv4("\x10\x02\x00\x00\xc0\xa8\x01\x07\0\0\0\0\0\0\0\0", 16);
+    Devices devices(name + link + name + ipv6 + name + ipv4, GPIPTypeAny);
+    ASSERT_EQ(devices.count(), 1);
+    EXPECT_EQ(devices.line(0), "en0 0 00:1b:63:84:45:e6 fe80::21b:63ff:fe84:45e6 192.168.1.7");
+}
+
 TEST(GPNetDeviceWalk, EntriesOfOtherFamiliesAreSteppedOverByTheirLength) {
     std::string other(200, 'x');
     other[0] = static_cast<char>(200);

@@ -1,5 +1,7 @@
 #include "platform/KernelControl.h"
 
+#include "platform/ControlLayout.h"
+
 #include <sys/types.h>
 
 #include <sys/ioctl.h>
@@ -7,7 +9,6 @@
 #include <sys/sys_domain.h>
 
 #include <cstddef>
-#include <cstring>
 
 namespace platform {
 namespace {
@@ -17,34 +18,37 @@ constexpr int controlSocketType = SOCK_STREAM;
 
 static_assert(PF_SYSTEM == 32 && controlSocketType == 1 && SYSPROTO_CONTROL == 2);
 static_assert(CTLIOCGINFO == 0xc0644e03);
-static_assert(AF_SYSTEM == 32 && AF_SYS_CONTROL == 2);
-static_assert(sizeof(ctl_info) == 100 && offsetof(ctl_info, ctl_id) == 0 && sizeof(ctl_info::ctl_id) == 4 &&
-              offsetof(ctl_info, ctl_name) == 4 && sizeof(ctl_info::ctl_name) == 96);
-static_assert(sizeof(sockaddr_ctl) == 32 && offsetof(sockaddr_ctl, sc_len) == 0 &&
-              offsetof(sockaddr_ctl, sc_family) == 1 && offsetof(sockaddr_ctl, ss_sysaddr) == 2 &&
-              offsetof(sockaddr_ctl, sc_id) == 4 && offsetof(sockaddr_ctl, sc_unit) == 8);
+
+// The system's own records are the ones that are sent.
+static_assert(AF_SYSTEM == control::familySystem && AF_SYS_CONTROL == control::systemAddressControl);
+static_assert(sizeof(ctl_info) == sizeof(ControlInfo) &&
+              offsetof(ctl_info, ctl_id) == offsetof(ControlInfo, id) &&
+              sizeof(ctl_info::ctl_id) == sizeof(ControlInfo::id) &&
+              offsetof(ctl_info, ctl_name) == offsetof(ControlInfo, name) &&
+              sizeof(ctl_info::ctl_name) == sizeof(ControlInfo::name));
+static_assert(sizeof(sockaddr_ctl) == sizeof(ControlAddress) &&
+              offsetof(sockaddr_ctl, sc_len) == offsetof(ControlAddress, length) &&
+              offsetof(sockaddr_ctl, sc_family) == offsetof(ControlAddress, family) &&
+              offsetof(sockaddr_ctl, ss_sysaddr) == offsetof(ControlAddress, systemAddress) &&
+              sizeof(sockaddr_ctl::ss_sysaddr) == sizeof(ControlAddress::systemAddress) &&
+              offsetof(sockaddr_ctl, sc_id) == offsetof(ControlAddress, id) &&
+              offsetof(sockaddr_ctl, sc_unit) == offsetof(ControlAddress, unit) &&
+              sizeof(sockaddr_ctl::sc_unit) == sizeof(ControlAddress::unit));
 
 class SystemKernelControl final : public KernelControl {
 public:
     int open() override { return ::socket(PF_SYSTEM, controlSocketType, SYSPROTO_CONTROL); }
 
     int controlId(int socket, const char* name, std::uint32_t& id) override {
-        ctl_info info{};
-        std::strncpy(info.ctl_name, name, sizeof info.ctl_name);
-        if (ioctl(socket, CTLIOCGINFO, &info) != 0) return -1;
-        id = info.ctl_id;
+        ControlInfo request = controlRequest(name);
+        if (ioctl(socket, CTLIOCGINFO, &request) != 0) return -1;
+        id = request.id;
         return 0;
     }
 
     int connect(int socket, std::uint32_t id) override {
-        sockaddr_ctl address{};
-        address.sc_len = sizeof address;
-        address.sc_family = AF_SYSTEM;
-        address.ss_sysaddr = AF_SYS_CONTROL;
-        address.sc_id = id;
-        address.sc_unit = 0;
-        const auto* general = reinterpret_cast<const sockaddr*>(&address);
-        return ::connect(socket, general, sizeof address);
+        const ControlAddress address = controlAddress(id);
+        return ::connect(socket, reinterpret_cast<const sockaddr*>(&address), sizeof address);
     }
 
     int setOption(int socket, int option, const void* value, socklen_t length) override {
