@@ -43,10 +43,12 @@ public:
     // Pins the fixed hosts in the hosts file.
     static void checkHostsFile();
 
-    // Removes the fixed hosts from the hosts file, and all others that were added.
+    // Removes the fixed hosts from the hosts file, and all others that were added. Ends at the first that
+    // cannot be removed.
     static void removeHostsFile();
 
-    // Removes the hosts that were added from the hosts file, and forgets them.
+    // Removes the hosts that were added from the hosts file, and forgets them; while one of them cannot be
+    // removed, all stay on record.
     static void clearHostsDnsRemaps();
 
     // Fetches new tables for ever on a background thread: once a day, after a failure every 15 minutes.

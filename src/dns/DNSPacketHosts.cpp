@@ -130,24 +130,27 @@ bool copyLines(const char* from, const char* to, const char* host) {
 }
 
 // Removes a host's lines by way of the work file, which is left behind: whatever happens to the hosts file
-// while it is written, the work file then has all of it. Whether the lines are gone.
+// while it is written, the work file has all of it until the next removal. Whether the lines are gone.
 bool removeHost(const char* host) {
     return copyLines(HostPaths::hostsFile(), HostPaths::hostsWorkFile(), host) &&
            copyLines(HostPaths::hostsWorkFile(), HostPaths::hostsFile(), nullptr);
 }
 
-// Removes every host that was added. The record is emptied unless some host is still in the hosts file.
+// Removes every host that was added, and forgets them. Ends at the first that cannot be removed: nothing is
+// forgotten that may still be there, and the work file keeps what the hosts file may have lost.
 void removeRecordedHosts() {
-    bool allGone = true;
-    TextFile record(HostPaths::hostsRecordFile(), "r");
-    char host[lineLimit];
-    while (record.isOpen() && record.readLine(host)) {
-        const std::size_t length = std::strlen(host);
-        if (length == 0) continue;
-        host[length - 1] = 0;
-        if (!removeHost(host)) allGone = false;
+    {
+        TextFile record(HostPaths::hostsRecordFile(), "r");
+        char host[lineLimit];
+        while (record.isOpen() && record.readLine(host)) {
+            const std::size_t length = std::strlen(host);
+            if (length == 0) continue;
+            host[length - 1] = 0;
+            if (!removeHost(host)) return;
+        }
+        if (record.isOpen() && record.readFailed()) return;
     }
-    if (allGone) TextFile(HostPaths::hostsRecordFile(), "w");
+    TextFile(HostPaths::hostsRecordFile(), "w");
 }
 
 } // namespace
@@ -161,7 +164,7 @@ void removeHostEntry(const char* host) { removeHost(host); }
 
 void removePinnedHosts() {
     for (const FixedHost& fixed : fixedHosts)
-        removeHost(fixed.host);
+        if (!removeHost(fixed.host)) return;
     removeRecordedHosts();
 }
 

@@ -97,7 +97,8 @@ std::string firstAddress(const std::string& host) {
     return dotted;
 }
 
-// Both with the lock held.
+// The following with the lock held.
+
 bool haveBothTables() { return dnsState.map && dnsState.mapIpv4; }
 
 void dropTablesAndPins() {

@@ -9,6 +9,7 @@
 #include "support/TestChild.h"
 
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -149,6 +150,36 @@ TEST_F(HostsFileFailures, AHostsFileThatCannotBeReadToItsEndStaysWhole) {
         EXPECT_EQ(static_cast<std::size_t>(found.st_size), before.size());
     }));
     EXPECT_EQ(hosts(), "192.0.2.1 a\n192.0.2.1 b\n");
+}
+
+TEST_F(HostsFileFailures, ARecordThatCannotBeReadToItsEndIsKept) {
+    givenHosts("192.0.2.1 a\n");
+    givenRecord("a\n");
+    EXPECT_TRUE(testsupport::passesInChild([] {
+        const int next = open("/dev/null", O_RDONLY);
+        close(next);
+        ASSERT_TRUE(testsupport::failSystemCall(SYS_read, EIO, static_cast<unsigned>(next)));
+        DNSPacket::clearHostsDnsRemaps();
+    }));
+    EXPECT_EQ(hosts(), "192.0.2.1 a\n");
+    EXPECT_EQ(record(), "a\n");
+}
+
+TEST_F(HostsFileFailures, WhatAHostsFileLosesWhileItIsWrittenStaysInTheWorkFileAndOnRecord) {
+    // A file that can be emptied, as it is before the copy back, and then does not grow again.
+    const std::string lines = "127.0.0.1 localhost\n192.0.2.1 a\n";
+    const int file = memfd_create("hosts", MFD_ALLOW_SEALING);
+    ASSERT_EQ(write(file, lines.data(), lines.size()), static_cast<ssize_t>(lines.size()));
+    ASSERT_EQ(fcntl(file, F_ADD_SEALS, F_SEAL_GROW), 0);
+    std::filesystem::remove(HostPaths::hostsFile());
+    std::filesystem::create_symlink("/proc/self/fd/" + std::to_string(file), HostPaths::hostsFile());
+    givenRecord("a\n");
+
+    DNSPacket::removeHostsFile();
+    EXPECT_EQ(hosts(), "");
+    EXPECT_EQ(testsupport::readAll(HostPaths::hostsWorkFile()), lines);
+    EXPECT_EQ(record(), "a\n");
+    close(file);
 }
 
 TEST_F(HostsFileFailures, ARecordThatDoesNotOpenTakesThePinBack) {
