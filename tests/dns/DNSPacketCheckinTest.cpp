@@ -3,10 +3,12 @@
 #include "dns/DNSPacket.h"
 
 #include "config/Configuration.h"
+#include "config/FilterServer.h"
 #include "support/AnswerServer.h"
 #include "support/DnsWorld.h"
 #include "support/ManualClock.h"
 #include "support/NetworkNamespace.h"
+#include "support/TestChild.h"
 #include "support/WebServer.h"
 
 #include <chrono>
@@ -148,6 +150,35 @@ TEST_F(DnsCheckin, NoCurrentServerIsLoggedAndGivesFalse) {
     Configuration::resetCurrentServer();
     EXPECT_FALSE(DNSPacket::runDnsApiCheckin());
     EXPECT_EQ(log.messages().back(), "dns checkin server for api isnt initialized");
+}
+
+TEST_F(DnsCheckin, AServerWithoutANameIsNoServer) {
+    Configuration::addServerName("server.test", false, true);
+    Configuration::resetCurrentServer();
+    Configuration::getCurrentServer()->setName(nullptr);
+    EXPECT_FALSE(DNSPacket::runDnsApiCheckin());
+    EXPECT_EQ(log.messages().back(), "dns checkin server for api isnt initialized");
+}
+
+TEST_F(DnsCheckin, TheLockIsNotHeldAcrossTheFetch) {
+    names.neverAnswer("server.test");
+    Configuration::addServerName("server.test", false, true);
+    Configuration::resetCurrentServer();
+    EXPECT_TRUE(testsupport::passesInChild([&] {
+        std::thread(DNSPacket::runDnsApiCheckin).detach();
+        while (names.asked().back() != "server.test")
+            std::this_thread::yield();
+        EXPECT_EQ(redirectOf("www.bing.com"), "strict.bing.com 204.79.197.220");
+        DNSPacket::checkHostsFile();
+    }));
+    EXPECT_NE(hosts(), "");
+}
+
+TEST_F(DnsCheckin, TheTablesAreNotPersisted) {
+    EXPECT_TRUE(fetch(answerOf(documentOf({"one.test,safe.test"}))));
+    ASSERT_NE(file(), "");
+    EXPECT_EQ(file().find("DNSRemap"), std::string::npos);
+    EXPECT_EQ(file().find("one.test"), std::string::npos);
 }
 
 TEST_F(DnsCheckin, TheSettingsAreSavedAfterAFetchThatWorked) {

@@ -2,11 +2,21 @@
 
 #include "dns/DNSPacket.h"
 
+#include "dns/DNSPacketState.h"
 #include "gp/GPFilesystem.h"
+#include "gp/GPMutex.h"
 #include "platform/HostPaths.h"
 #include "support/DnsWorld.h"
+#include "support/TestChild.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <functional>
+#include <thread>
 
 using platform::HostPaths;
 
@@ -189,6 +199,30 @@ TEST_F(HostsFile, CheckHostsFileAddsOnlyWhatIsMissing) {
     EXPECT_EQ(record().find("www.bing.com"), std::string::npos);
 }
 
+TEST_F(HostsFile, TheLockOfTheTablesIsHeldWhileTheFileIsInUse) {
+    givenTables();
+    givenRecord("a\n");
+    givenName("safe.test", "192.0.2.1");
+    // A pipe in its place: whoever opens it waits for the other end.
+    std::filesystem::remove(HostPaths::hostsFile());
+    ASSERT_EQ(mkfifo(HostPaths::hostsFile(), 0600), 0);
+    const auto isLockedDuring = [](const std::function<void()>& work) {
+        return testsupport::passesInChild([&] {
+            std::thread(work).detach();
+            EXPECT_GE(open(HostPaths::hostsFile(), O_WRONLY), 0);
+            EXPECT_TRUE(dnsState.mutex->isLocked());
+            // At once: the thread reads on and would not let its stream be flushed.
+            std::fflush(stdout);
+            _exit(HasFailure() ? 1 : 0);
+        });
+    };
+    EXPECT_TRUE(isLockedDuring(DNSPacket::checkHostsFile));
+    EXPECT_TRUE(isLockedDuring(DNSPacket::removeHostsFile));
+    EXPECT_TRUE(isLockedDuring(DNSPacket::clearHostsDnsRemaps));
+    EXPECT_TRUE(isLockedDuring([] { setRemaps({"one.test,safe.test"}); }));
+    EXPECT_TRUE(isLockedDuring([] { setRemaps({}); }));
+}
+
 TEST_F(HostsFile, RemoveHostsFileTakesTheFixedHostsAndEveryAddedOne) {
     givenHosts(ownLines + fixedLines + "192.0.2.1 added.test\n192.0.2.1 stays.test\n");
     givenRecord("added.test\n");
@@ -217,6 +251,14 @@ TEST_F(HostsFile, TheLastCharacterOfARecordedHostIsCutWhateverItIs) {
     givenRecord("one");
     DNSPacket::clearHostsDnsRemaps();
     EXPECT_EQ(hosts(), "192.0.2.1 one\n");
+}
+
+TEST_F(HostsFile, ARecordedLineThatBeginsWithAZeroByteIsNoHost) {
+    givenHosts("192.0.2.1 a\n192.0.2.1 b\n");
+    givenRecord(std::string("\0a\nb\n", 5));
+    DNSPacket::clearHostsDnsRemaps();
+    EXPECT_EQ(hosts(), "192.0.2.1 a\n");
+    EXPECT_EQ(record(), "");
 }
 
 TEST_F(HostsFile, WithoutARecordClearHostsDnsRemapsOnlyCreatesItEmpty) {

@@ -2,10 +2,12 @@
 
 #include "gp/GPArray.h"
 #include "gp/GPDOMElement.h"
+#include "gp/GPMap.h"
 #include "gp/GPString.h"
 #include "gp/Owned.h"
 #include "platform/HostPaths.h"
 #include "support/DnsWorld.h"
+#include "support/TestChild.h"
 
 #include <arpa/inet.h>
 
@@ -130,6 +132,20 @@ TEST_F(DnsTables, RemapBesideReplacementsOfTheTables) {
     stop = true;
     asker.join();
     EXPECT_EQ(redirectOf("www.alder.test"), "safe.alder.test 192.0.2.1");
+}
+
+TEST_F(DnsTables, TheLockIsNotHeldAcrossALookUp) {
+    givenTables();
+    names.neverAnswer("slow.test");
+    EXPECT_TRUE(testsupport::passesInChild([&] {
+        std::thread([] { setRemaps({"one.test,slow.test"}); }).detach();
+        while (names.asked().back() != "slow.test")
+            std::this_thread::yield();
+        EXPECT_EQ(redirectOf("www.bing.com"), "strict.bing.com 204.79.197.220");
+        EXPECT_EQ(sorted(remaps()), builtInRows);
+        DNSPacket::checkHostsFile();
+    }));
+    EXPECT_NE(hosts(), "");
 }
 
 TEST_F(DnsTables, ClearMapsEmptiesBothTables) {
@@ -347,6 +363,20 @@ TEST_F(AddDomDnsRemap, ARowIsHostAndRedirectHostWithAComma) {
     setRemaps({"one.test,safe.test"});
     EXPECT_EQ(added(), "<Configuration>\n<DNSRemap>\n<host>one.test,safe.test</host>\n</DNSRemap>\n"
                        "</Configuration>\n");
+}
+
+TEST_F(AddDomDnsRemap, TheRowsComeInTheKeyOrderOfAMapOfTenBuckets) {
+    initMap();
+    Rows written;
+    const auto table = Owned<GPMap>::adopt(new GPMap(10));
+    for (const std::string& row : remaps()) {
+        written.push_back(row.substr(0, row.find(',')));
+        table->setObject(GPString::staticstring(""), written.back().c_str());
+    }
+    Rows walked;
+    for (const char* host = table->firstKey(); host; host = table->nextKey())
+        walked.emplace_back(host);
+    EXPECT_EQ(written, walked);
 }
 
 TEST_F(AddDomDnsRemap, WithoutATableItAddsNothing) {

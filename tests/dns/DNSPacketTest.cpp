@@ -228,6 +228,20 @@ TEST_F(DnsRemap, WhenVerboseHostAndAddressAreLogged) {
                   "-- got address=216.239.38.120 for redirect DNS host forcesafesearch.google.com"}));
 }
 
+TEST_F(DnsRemap, WhenVerboseAnUnknownAddressIsLoggedAsZero) {
+    beVerbose();
+    EXPECT_TRUE(remap(reply4()));
+    EXPECT_EQ(logged().back(), "-- got address=0.0.0.0 for redirect DNS host forcesafesearch.google.com");
+}
+
+TEST_F(DnsRemap, WithoutQuestionsWithoutAnswersOrWithoutAHitNothingIsLogged) {
+    beVerbose();
+    EXPECT_FALSE(remap(DnsMessageBuilder().answer().ipv4()));
+    EXPECT_FALSE(remap(DnsMessageBuilder().question(listed).ipv4()));
+    EXPECT_FALSE(remap(DnsMessageBuilder().question("www.alder.test").answer().ipv4()));
+    EXPECT_TRUE(logged().empty());
+}
+
 TEST_F(DnsRemap, OtherwiseNothingIsLogged) {
     EXPECT_TRUE(remap(reply4()));
     EXPECT_TRUE(log.messages().empty());
