@@ -4,6 +4,7 @@
 #include "config/CheckinRequest.h"
 #include "support/AdministrativeRun.h"
 #include "support/CheckinService.h"
+#include "support/ClosedOnExec.h"
 #include "support/ForkedChild.h"
 #include "support/ManualClock.h"
 
@@ -240,7 +241,7 @@ TEST_F(ForcedCheckin, TakesAWriteToAClosedConnectionAsAnError) {
 // Listens on port 443 of an address and takes no connection, so that a handshake with it never ends.
 class SilentListener {
 public:
-    explicit SilentListener(const char* address) : socket_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+    explicit SilentListener(const char* address) : socket_(testsupport::streamSocket()) {
         sockaddr_in place{};
         place.sin_family = AF_INET;
         place.sin_port = htons(443);

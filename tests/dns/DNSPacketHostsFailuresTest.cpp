@@ -6,6 +6,7 @@
 #include "platform/HostPaths.h"
 #include "support/DnsWorld.h"
 #include "support/NetworkNamespace.h"
+#include "support/SystemCallFailure.h"
 #include "support/TestChild.h"
 
 #include <fcntl.h>

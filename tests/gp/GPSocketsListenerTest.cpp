@@ -11,9 +11,7 @@
 
 #include <netinet/in.h>
 #include <netinet/tcp.h>
-#include <sys/epoll.h>
 #include <sys/socket.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -128,24 +126,6 @@ TEST(GPSocketsListener, AcceptedClientsTakeTheListenersTlsSetting) {
             [](GPSockets* client) { client->send(client->useSSL() ? "yes" : "no!", 3); }, 1);
     });
     EXPECT_EQ(connectTo(port).readAll(), "yes");
-}
-
-TEST(GPSocketsListener, AListenerWithoutASocketFails) {
-    EXPECT_TRUE(testsupport::passesInChild([] {
-        ASSERT_TRUE(testsupport::failSystemCall(SYS_socket, EMFILE, AF_INET));
-        GPSockets listener(8080, "127.0.0.1");
-        EXPECT_FALSE(listener.listenConnection(waitForTheEnd, 1));
-    }));
-}
-
-TEST(GPSocketsListener, SocketListenWithoutAQueueFails) {
-    EXPECT_TRUE(testsupport::passesInChild([] {
-        testsupport::LoopbackListener real;
-        GPSockets listener;
-        listener.openConnection(dup(real.descriptor()));
-        ASSERT_TRUE(testsupport::failSystemCall(SYS_epoll_create1, EMFILE, EPOLL_CLOEXEC));
-        EXPECT_FALSE(listener.socketListen(waitForTheEnd, 3));
-    }));
 }
 
 TEST(GPSocketsListener, SocketListenEndsWithFalseOnAnErrorEvent) {

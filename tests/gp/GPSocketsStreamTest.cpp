@@ -15,9 +15,7 @@
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
-#include <sys/epoll.h>
 #include <sys/socket.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -327,17 +325,6 @@ TEST_F(GPSocketsWithAnOldDescriptor, AReadEndsWithAnErrorWhenThePeerOfTheOldOneC
     EXPECT_EQ(socket_.readData(), nullptr);
     EXPECT_EQ(socket_.error(), 32768);
     EXPECT_TRUE(log.holds("EV_EOF error " + std::to_string(EXDEV)));
-}
-
-TEST_F(GPSocketsConnected, WithoutAQueueNothingIsReadOrWritten) {
-    EXPECT_TRUE(testsupport::passesInChild([this] {
-        ASSERT_TRUE(testsupport::failSystemCall(SYS_epoll_create1, EMFILE, EPOLL_CLOEXEC));
-        testing::internal::CaptureStdout();
-        EXPECT_EQ(socket_.readData(), nullptr);
-        EXPECT_FALSE(socket_.writeData("x", 1));
-        EXPECT_EQ(testing::internal::GetCapturedStdout(), "") << "this is no time-out";
-        EXPECT_EQ(socket_.error(), 0);
-    }));
 }
 
 int lowestFreeDescriptor() {

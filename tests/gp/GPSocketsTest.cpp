@@ -11,7 +11,6 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -112,15 +111,6 @@ TEST_F(GPSocketsClient, OpenConnectionToAnUnknownNameFailsWithALogLine) {
     EXPECT_FALSE(socket.openConnection());
     EXPECT_TRUE(log_.holds("socket openConnection gethostbyname2 fail"));
     EXPECT_EQ(socket.IPAddress(), nullptr);
-}
-
-TEST_F(GPSocketsClient, OpenConnectionWithoutASocketFailsWithALogLine) {
-    EXPECT_TRUE(testsupport::passesInChild([this] {
-        ASSERT_TRUE(testsupport::failSystemCall(SYS_socket, EMFILE, AF_INET));
-        GPSockets socket(80, "agent.test");
-        EXPECT_FALSE(socket.openConnection());
-        EXPECT_TRUE(log_.holds("socket openConnection socket error -1"));
-    }));
 }
 
 TEST_F(GPSocketsClient, OpenConnectionStoresTheNumericTextOfThePeer) {

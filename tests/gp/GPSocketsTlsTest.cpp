@@ -6,14 +6,12 @@
 #include "support/LoopbackPeer.h"
 #include "support/ManualClock.h"
 #include "support/PlayedNames.h"
-#include "support/TestChild.h"
 #include "support/TlsServer.h"
 
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
 #include <sys/socket.h>
-#include <sys/syscall.h>
 
 #include <cerrno>
 #include <csignal>
@@ -100,15 +98,6 @@ TEST_F(TlsTransfer, AReadOfABrokenConnectionIsAnAbort) {
     peer_.reset();
     EXPECT_EQ(read(9), -9806);
     EXPECT_EQ(length_, 0u);
-}
-
-TEST_F(TlsTransfer, AReadThatFindsNothingThereIsAGracefulClose) {
-    EXPECT_TRUE(testsupport::passesInChild([this] {
-        const int descriptor = mine_.descriptor();
-        ASSERT_TRUE(testsupport::failSystemCall(SYS_read, ENOENT, static_cast<unsigned>(descriptor)));
-        EXPECT_EQ(read(9), -9805);
-        EXPECT_EQ(length_, 0u);
-    }));
 }
 
 TEST_F(TlsTransfer, AnyOtherReadErrorIsAnInputErrorWithALogLine) {

@@ -70,40 +70,6 @@ TEST(ChildExec, AskingMakesTheChildTheLeaderOfAGroupOfItsOwn) {
     child.letGo();
 }
 
-TEST(ChildExec, AShortChildIsSeenThoughNobodyKeepsItsEnd) {
-    signal(SIGCHLD, SIG_IGN);
-    for (int i = 0; i < 20; ++i) {
-        ExecSign sign;
-        const pid_t child = fork();
-        if (child == 0) {
-            execTrue();
-            _exit(1);
-        }
-        // It is gone by now, before anybody has asked.
-        while (kill(child, 0) == 0) {
-            waitpid(child, nullptr, 0);
-        }
-        EXPECT_EQ(sign.look(child), ExecState::executed);
-    }
-}
-
-TEST(ChildExec, AnotherChildThatHoldsTheSignOpenDelaysNothing) {
-    signal(SIGCHLD, SIG_IGN);
-    ExecSign sign;
-    WaitingChild sibling([] {});
-    const pid_t child = fork();
-    if (child == 0) {
-        sibling.letGo();
-        execTrue();
-        _exit(1);
-    }
-    while (kill(child, 0) == 0) {
-        waitpid(child, nullptr, 0);
-    }
-    EXPECT_EQ(sign.look(child), ExecState::executed);
-    sibling.letGo();
-}
-
 TEST(ChildExec, AChildWhoseExecFailedAndThatIsGoneHasEnded) {
     signal(SIGCHLD, SIG_IGN);
     ExecSign sign;
@@ -114,20 +80,6 @@ TEST(ChildExec, AChildWhoseExecFailedAndThatIsGoneHasEnded) {
     }
     waitpid(child, nullptr, 0);
     EXPECT_EQ(finalState(sign, child), ExecState::ended);
-}
-
-TEST(ChildExec, AChildWhoseExecFailedAndThatWasNotReapedIsNeverExecuted) {
-    ExecSign sign;
-    const pid_t child = fork();
-    if (child == 0) {
-        sign.execFailed();
-        _exit(1);
-    }
-    siginfo_t end;
-    waitid(P_PID, static_cast<id_t>(child), &end, WEXITED | WNOWAIT);
-    EXPECT_EQ(sign.look(child), ExecState::notYet);
-    EXPECT_EQ(sign.look(child), ExecState::notYet);
-    waitpid(child, nullptr, 0);
 }
 
 TEST(ChildExec, AFailedForkHasNoChild) {

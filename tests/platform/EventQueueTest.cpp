@@ -195,7 +195,8 @@ TEST_F(EventQueue, AHalfClosedPeerCanStillBeWrittenTo) {
 }
 
 TEST_F(EventQueue, ARefusedConnectionIsEndOfFileForTheWriter) {
-    const Peer refused(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0));
+    const Peer refused(socket(AF_INET, SOCK_STREAM, 0));
+    fcntl(refused.descriptor(), F_SETFL, O_NONBLOCK);
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_port = htons(static_cast<std::uint16_t>(testsupport::freePort()));

@@ -1,6 +1,7 @@
 #include "support/AgentStandIn.h"
 
 #include "platform/ByteOrder.h"
+#include "support/ClosedOnExec.h"
 #include "support/FixedPorts.h"
 
 #include <arpa/inet.h>
@@ -20,7 +21,7 @@ constexpr int agentPort = 3456;
 constexpr auto patience = std::chrono::seconds(5);
 
 int listenOnLoopback() {
-    const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const int listener = streamSocket();
     const int on = 1;
     setsockopt(listener, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
     sockaddr_in address{};
@@ -154,7 +155,7 @@ void AgentStandIn::accept() {
     std::lock_guard<std::mutex> lock(mutex_);
     if (listener_ < 0) return;
     dropConnection();
-    connection_ = ::accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
+    connection_ = acceptedSocket(listener_);
     ++accepted_;
     changed_.notify_all();
 }

@@ -1,5 +1,7 @@
 #include "support/LoopbackPeer.h"
 
+#include "support/ClosedOnExec.h"
+
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <poll.h>
@@ -97,7 +99,7 @@ void Peer::reset() {
 int Peer::handOver() { return std::exchange(descriptor_, -1); }
 
 LoopbackListener::LoopbackListener(int port) {
-    descriptor_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    descriptor_ = streamSocket();
     const int on = 1;
     setsockopt(descriptor_, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
     sockaddr_in address = loopbackAddress(port);
@@ -120,7 +122,7 @@ int freePort() { return LoopbackListener().port(); }
 Peer connectTo(int port) {
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(patienceMilliseconds);
     while (std::chrono::steady_clock::now() < deadline) {
-        Peer peer(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        Peer peer(streamSocket());
         const sockaddr_in address = loopbackAddress(port);
         if (connect(peer.descriptor(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0)
             return peer;

@@ -25,8 +25,4 @@ private:
     int process_;
 };
 
-// From now on the system call `number` fails with `error` on this thread when its first argument is
-// `firstArgument`. Cannot be taken back, so for a forked child alone.
-bool failSystemCall(int number, int error, unsigned firstArgument);
-
 } // namespace testsupport

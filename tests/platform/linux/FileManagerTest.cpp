@@ -2,6 +2,7 @@
 
 #include "support/NetworkNamespace.h"
 #include "support/TemporaryFolder.h"
+#include "support/SystemCallFailure.h"
 #include "support/TestChild.h"
 
 #include <gtest/gtest.h>

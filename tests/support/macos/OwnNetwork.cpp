@@ -1,0 +1,7 @@
+#include "support/OwnNetwork.h"
+
+namespace testsupport {
+
+bool enterOwnNetwork() { return false; }
+
+} // namespace testsupport
