@@ -39,8 +39,12 @@ set(CMAKE_C_COMPILER "${wrappers}/zig-cc")
 set(CMAKE_CXX_COMPILER "${wrappers}/zig-c++")
 set(CMAKE_OBJC_COMPILER "${wrappers}/zig-cc")
 set(CMAKE_OBJCXX_COMPILER "${wrappers}/zig-c++")
+# zig links its own C++ library and switches off what that notes of Apple's. The notes are wanted: they refuse what
+# a build on a Mac refuses, since the C++ library of 10.12 lacks it.
+set(CMAKE_CXX_FLAGS_INIT "-U_LIBCPP_HAS_NO_VENDOR_AVAILABILITY_ANNOTATIONS")
 # zig passes a word of its own on to the compiler, which does not need it.
-set(CMAKE_OBJCXX_FLAGS_INIT "-Wno-unused-command-line-argument")
+set(CMAKE_OBJCXX_FLAGS_INIT
+  "-U_LIBCPP_HAS_NO_VENDOR_AVAILABILITY_ANNOTATIONS -Wno-unused-command-line-argument")
 set(CMAKE_AR "${wrappers}/zig-ar" CACHE FILEPATH "")
 set(CMAKE_RANLIB "${wrappers}/zig-ranlib" CACHE FILEPATH "")
 set(CMAKE_INSTALL_NAME_TOOL /bin/true CACHE FILEPATH "")
