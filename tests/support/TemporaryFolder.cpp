@@ -1,5 +1,7 @@
 #include "support/TemporaryFolder.h"
 
+#include <unistd.h>
+
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>

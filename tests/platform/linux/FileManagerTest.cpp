@@ -1,8 +1,8 @@
 #include "platform/FileManager.h"
 
 #include "support/NetworkNamespace.h"
-#include "support/TemporaryFolder.h"
 #include "support/SystemCallFailure.h"
+#include "support/TemporaryFolder.h"
 #include "support/TestChild.h"
 
 #include <gtest/gtest.h>
