@@ -18,6 +18,9 @@
 namespace platform {
 namespace {
 
+static_assert(kODNodeTypeAuthentication == ::kODNodeTypeAuthentication &&
+              kODMatchEqualTo == ::kODMatchEqualTo);
+
 DirectoryError errorOf(NSError* error) { return {plainText(error.description)}; }
 
 NSArray* textObjects(const std::vector<std::string>& texts) {
