@@ -10,7 +10,6 @@
 #include <gtest/gtest.h>
 
 #include <netinet/in.h>
-#include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -72,31 +71,6 @@ TEST(GPSocketsListener, ServesSeveralClientsAtOnce) {
     EXPECT_EQ(first.read(2), "hi");
     Peer second = connectTo(port);
     EXPECT_EQ(second.read(2), "hi") << "the first still holds its thread";
-}
-
-// The backlog of this process's listening socket on that port; -1 when there is none yet.
-int backlogOf(int port) {
-    for (int descriptor = 3; descriptor < 64; ++descriptor) {
-        sockaddr_in address{};
-        socklen_t length = sizeof address;
-        tcp_info info{};
-        socklen_t infoLength = sizeof info;
-        if (getsockname(descriptor, reinterpret_cast<sockaddr*>(&address), &length) != 0) continue;
-        if (ntohs(address.sin_port) != port) continue;
-        if (getsockopt(descriptor, IPPROTO_TCP, TCP_INFO, &info, &infoLength) != 0) continue;
-        if (info.tcpi_state == TCP_LISTEN) return static_cast<int>(info.tcpi_sacked);
-    }
-    return -1;
-}
-
-TEST(GPSocketsListener, TheBacklogIsTheDefaultTimeout) {
-    EXPECT_TRUE(testsupport::passesInChild([] {
-        GPSockets::setDefaultTimeout(7);
-        const int port = freePort();
-        std::thread([port] { serve(port, waitForTheEnd, 1); }).detach();
-        const Peer client = connectTo(port);
-        EXPECT_EQ(backlogOf(port), 7);
-    }));
 }
 
 TEST(GPSocketsListener, APortInUseFails) {

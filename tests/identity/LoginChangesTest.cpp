@@ -152,8 +152,7 @@ TEST_F(LoginChangesTest, TheCallbackComesAfterTheNamesAreKnownAndOnTheWatchingTh
 
 TEST_F(LoginChangesTest, TheSessionIsNamedAfterTheProcess) {
     startWatch();
-    EXPECT_EQ(console.sessionName(),
-              std::string("com.tarnwicksystems.") + program_invocation_short_name + std::to_string(getpid()));
+    EXPECT_EQ(console.sessionName(), "com.tarnwicksystems.identity_tests" + std::to_string(getpid()));
 }
 
 TEST_F(LoginChangesTest, InTheForegroundTheWatchEndsWithItsLoopAndGivesTheSessionBack) {
