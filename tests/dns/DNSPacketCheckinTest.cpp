@@ -4,6 +4,8 @@
 
 #include "config/Configuration.h"
 #include "config/FilterServer.h"
+#include "gp/GPString.h"
+#include "gp/Owned.h"
 #include "support/AnswerServer.h"
 #include "support/DnsWorld.h"
 #include "support/ManualClock.h"
@@ -155,6 +157,8 @@ TEST_F(DnsCheckin, NoCurrentServerIsLoggedAndGivesFalse) {
 TEST_F(DnsCheckin, AServerWithoutANameIsNoServer) {
     Configuration::addServerName("server.test", false, true);
     Configuration::resetCurrentServer();
+    // A server does not give its replaced name back.
+    const auto replaced = Owned<GPString>::adopt(Configuration::getCurrentServer()->getName());
     Configuration::getCurrentServer()->setName(nullptr);
     EXPECT_FALSE(DNSPacket::runDnsApiCheckin());
     EXPECT_EQ(log.messages().back(), "dns checkin server for api isnt initialized");
