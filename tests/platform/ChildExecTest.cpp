@@ -1,4 +1,5 @@
 #include "platform/ChildExec.h"
+#include "support/WaitingChild.h"
 
 #include <gtest/gtest.h>
 
@@ -10,6 +11,8 @@ namespace {
 
 using platform::ExecSign;
 using platform::ExecState;
+using testsupport::execTrue;
+using testsupport::WaitingChild;
 
 // Asks until there is an answer.
 ExecState finalState(ExecSign& sign, pid_t child) {
@@ -18,34 +21,6 @@ ExecState finalState(ExecSign& sign, pid_t child) {
         state = sign.look(child);
     return state;
 }
-
-// A child that waits for the end of a pipe before it does anything.
-class WaitingChild {
-public:
-    template <class Operation>
-    explicit WaitingChild(Operation operation) {
-        if (pipe(ends_) != 0) return;
-        child_ = fork();
-        if (child_ != 0) return;
-        char byte;
-        close(ends_[1]);
-        const ssize_t got = read(ends_[0], &byte, 1);
-        operation();
-        _exit(got == 0 ? 0 : 1);
-    }
-    ~WaitingChild() {
-        close(ends_[0]);
-        waitpid(child_, nullptr, 0);
-    }
-    void letGo() { close(ends_[1]); }
-    pid_t process() const { return child_; }
-
-private:
-    int ends_[2] = {-1, -1};
-    pid_t child_ = -1;
-};
-
-void execTrue() { execl("/bin/sh", "sh", "-c", ":", static_cast<char*>(nullptr)); }
 
 TEST(ChildExec, AChildThatHasNotCalledExecIsNotYetThere) {
     ExecSign sign;

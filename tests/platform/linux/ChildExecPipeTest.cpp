@@ -2,6 +2,7 @@
 // cannot tell these from children that never called exec.
 
 #include "platform/ChildExec.h"
+#include "support/WaitingChild.h"
 
 #include <gtest/gtest.h>
 
@@ -13,34 +14,8 @@ namespace {
 
 using platform::ExecSign;
 using platform::ExecState;
-
-// A child that waits for the end of a pipe before it does anything.
-class WaitingChild {
-public:
-    template <class Operation>
-    explicit WaitingChild(Operation operation) {
-        if (pipe(ends_) != 0) return;
-        child_ = fork();
-        if (child_ != 0) return;
-        char byte;
-        close(ends_[1]);
-        const ssize_t got = read(ends_[0], &byte, 1);
-        operation();
-        _exit(got == 0 ? 0 : 1);
-    }
-    ~WaitingChild() {
-        close(ends_[0]);
-        waitpid(child_, nullptr, 0);
-    }
-    void letGo() { close(ends_[1]); }
-    pid_t process() const { return child_; }
-
-private:
-    int ends_[2] = {-1, -1};
-    pid_t child_ = -1;
-};
-
-void execTrue() { execl("/bin/sh", "sh", "-c", ":", static_cast<char*>(nullptr)); }
+using testsupport::execTrue;
+using testsupport::WaitingChild;
 
 TEST(ChildExecPipe, AShortChildIsSeenThoughNobodyKeepsItsEnd) {
     signal(SIGCHLD, SIG_IGN);
