@@ -5,6 +5,7 @@
 #include "gp/GPString.h"
 #include "gp/GPThreadPool.h"
 #include "gp/Owned.h"
+#include "platform/ClosedOnExec.h"
 #include "platform/EventQueue.h"
 #include "platform/NameLookup.h"
 #include "platform/SocketAddress.h"
@@ -95,7 +96,7 @@ bool GPSockets::openConnection() {
         logf("socket openConnection gethostbyname2 fail");
         return false;
     }
-    socket_ = ::socket(AF_INET, useUDP_ ? SOCK_DGRAM : SOCK_STREAM, 0);
+    socket_ = platform::closedOnExecSocket(AF_INET, useUDP_ ? SOCK_DGRAM : SOCK_STREAM, 0);
     if (socket_ < 0) {
         logf("socket openConnection socket error %d", socket_);
         return false;
@@ -147,7 +148,7 @@ void GPSockets::closeQueue() {
 
 bool GPSockets::listenConnection(void (*callback)(GPSockets*), int count) {
     if (!threadPool_) threadPool_ = new GPThreadPool(count);
-    const int listener = ::socket(AF_INET, useUDP_ ? SOCK_DGRAM : SOCK_STREAM, 0);
+    const int listener = platform::closedOnExecSocket(AF_INET, useUDP_ ? SOCK_DGRAM : SOCK_STREAM, 0);
     socket_ = listener;
     if (listener < 1) return false;
     ownsSocket_ = true;
@@ -188,7 +189,8 @@ bool GPSockets::socketListen(void (*callback)(GPSockets*), int count) {
 void GPSockets::acceptClient(void (*callback)(GPSockets*)) {
     sockaddr_in record{};
     socklen_t length = sizeof record;
-    const int descriptor = ::accept(socket_, reinterpret_cast<sockaddr*>(&record), &length);
+    const int descriptor =
+        platform::closedOnExecAccept(socket_, reinterpret_cast<sockaddr*>(&record), &length);
     if (descriptor < 0) return;
     char text[INET_ADDRSTRLEN] = "";
     inet_ntop(AF_INET, &record.sin_addr, text, sizeof text);

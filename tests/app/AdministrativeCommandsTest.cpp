@@ -2,9 +2,9 @@
 
 #include "app/Switches.h"
 #include "config/CheckinRequest.h"
+#include "platform/ClosedOnExec.h"
 #include "support/AdministrativeRun.h"
 #include "support/CheckinService.h"
-#include "support/ClosedOnExec.h"
 #include "support/ForkedChild.h"
 #include "support/ManualClock.h"
 
@@ -241,7 +241,8 @@ TEST_F(ForcedCheckin, TakesAWriteToAClosedConnectionAsAnError) {
 // Listens on port 443 of an address and takes no connection, so that a handshake with it never ends.
 class SilentListener {
 public:
-    explicit SilentListener(const char* address) : socket_(testsupport::streamSocket()) {
+    explicit SilentListener(const char* address)
+        : socket_(platform::closedOnExecSocket(AF_INET, SOCK_STREAM, 0)) {
         sockaddr_in place{};
         place.sin_family = AF_INET;
         place.sin_port = htons(443);

@@ -1,7 +1,7 @@
 #include "support/AgentStandIn.h"
 
 #include "platform/ByteOrder.h"
-#include "support/ClosedOnExec.h"
+#include "platform/ClosedOnExec.h"
 #include "support/FixedPorts.h"
 
 #include <arpa/inet.h>
@@ -21,7 +21,7 @@ constexpr int agentPort = 3456;
 constexpr auto patience = std::chrono::seconds(5);
 
 int listenOnLoopback() {
-    const int listener = streamSocket();
+    const int listener = platform::closedOnExecSocket(AF_INET, SOCK_STREAM, 0);
     const int on = 1;
     setsockopt(listener, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
     sockaddr_in address{};
@@ -155,7 +155,7 @@ void AgentStandIn::accept() {
     std::lock_guard<std::mutex> lock(mutex_);
     if (listener_ < 0) return;
     dropConnection();
-    connection_ = acceptedSocket(listener_);
+    connection_ = platform::closedOnExecAccept(listener_, nullptr, nullptr);
     ++accepted_;
     changed_.notify_all();
 }

@@ -1,6 +1,6 @@
 #include "support/LoopbackPeer.h"
 
-#include "support/ClosedOnExec.h"
+#include "platform/ClosedOnExec.h"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -99,7 +99,7 @@ void Peer::reset() {
 int Peer::handOver() { return std::exchange(descriptor_, -1); }
 
 LoopbackListener::LoopbackListener(int port) {
-    descriptor_ = streamSocket();
+    descriptor_ = platform::closedOnExecSocket(AF_INET, SOCK_STREAM, 0);
     const int on = 1;
     setsockopt(descriptor_, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
     sockaddr_in address = loopbackAddress(port);
@@ -114,7 +114,7 @@ LoopbackListener::~LoopbackListener() { ::close(descriptor_); }
 
 Peer LoopbackListener::accept() {
     if (!waitReadable(descriptor_)) return Peer();
-    return Peer(::accept(descriptor_, nullptr, nullptr));
+    return Peer(platform::closedOnExecAccept(descriptor_, nullptr, nullptr));
 }
 
 int freePort() { return LoopbackListener().port(); }
@@ -122,7 +122,7 @@ int freePort() { return LoopbackListener().port(); }
 Peer connectTo(int port) {
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(patienceMilliseconds);
     while (std::chrono::steady_clock::now() < deadline) {
-        Peer peer(streamSocket());
+        Peer peer(platform::closedOnExecSocket(AF_INET, SOCK_STREAM, 0));
         const sockaddr_in address = loopbackAddress(port);
         if (connect(peer.descriptor(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0)
             return peer;

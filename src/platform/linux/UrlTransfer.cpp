@@ -1,6 +1,7 @@
 #include "platform/linux/UrlTransfer.h"
 
 #include "platform/Clock.h"
+#include "platform/ClosedOnExec.h"
 
 #include <chrono>
 #include <cstdio>
@@ -39,6 +40,11 @@ std::size_t writeToFile(char* bytes, std::size_t size, std::size_t count, void* 
 
 std::size_t dropBytes(char*, std::size_t size, std::size_t count, void*) { return size * count; }
 
+// The connection's socket. The pair that the library wakes itself with is beyond reach, and of no use to anybody.
+curl_socket_t openSocket(void*, curlsocktype, curl_sockaddr* peer) {
+    return closedOnExecSocket(peer->family, peer->socktype, peer->protocol);
+}
+
 // A new file in the temporary directory, with its path in `path`; null when there can be none.
 std::FILE* openTemporaryFile(std::string& path) {
     const char* directory = std::getenv("TMPDIR");
@@ -71,6 +77,7 @@ UrlTransfer::UrlTransfer(const char* url) : handle_(newHandle()), url_(newUrl(ur
     curl_easy_setopt(handle_, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
     curl_easy_setopt(handle_, CURLOPT_FOLLOWLOCATION, 1L);
     curl_easy_setopt(handle_, CURLOPT_MAXREDIRS, mostRedirects);
+    curl_easy_setopt(handle_, CURLOPT_OPENSOCKETFUNCTION, openSocket);
     // An empty text keeps the environment's proxies out.
     curl_easy_setopt(handle_, CURLOPT_PROXY, "");
 }

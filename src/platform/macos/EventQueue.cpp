@@ -15,6 +15,7 @@ constexpr auto endOfFile = platform::EV_EOF;
 } // namespace
 
 #include "platform/Clock.h"
+#include "platform/macos/DescriptorMark.h"
 
 #include <sys/event.h>
 #include <sys/time.h>
@@ -31,7 +32,10 @@ static_assert(boundary::endOfFile == EV_EOF);
 
 namespace platform {
 
-int kqueue() { return ::kqueue(); }
+int kqueue() {
+    const DescriptorMaking making;
+    return markedClosedOnExec(::kqueue());
+}
 
 int kevent(int queue, const KEvent* change, KEvent* events, int room, int seconds) {
     const int before = errno;

@@ -1,5 +1,7 @@
 #include "platform/InterfaceEntries.h"
 
+#include "platform/ClosedOnExec.h"
+
 #include <sys/types.h>
 
 #include <sys/socket.h>
@@ -33,7 +35,7 @@ static_assert(offsetof(sockaddr_dl, sdl_data) == entry::linkDataAt);
 
 class ConfigurationList final : public InterfaceEntries {
 public:
-    int open() override { return ::socket(AF_INET, SOCK_DGRAM, 0); }
+    int open() override { return closedOnExecSocket(AF_INET, SOCK_DGRAM, 0); }
 
     bool list(int socket, char* buffer, int& length) override {
         ifconf request{};

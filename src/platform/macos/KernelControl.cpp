@@ -1,5 +1,6 @@
 #include "platform/KernelControl.h"
 
+#include "platform/ClosedOnExec.h"
 #include "platform/ControlLayout.h"
 
 #include <sys/types.h>
@@ -37,7 +38,7 @@ static_assert(sizeof(sockaddr_ctl) == sizeof(ControlAddress) &&
 
 class SystemKernelControl final : public KernelControl {
 public:
-    int open() override { return ::socket(PF_SYSTEM, controlSocketType, SYSPROTO_CONTROL); }
+    int open() override { return closedOnExecSocket(PF_SYSTEM, controlSocketType, SYSPROTO_CONTROL); }
 
     int controlId(int socket, const char* name, std::uint32_t& id) override {
         ControlInfo request = controlRequest(name);

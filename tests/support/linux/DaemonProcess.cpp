@@ -76,7 +76,7 @@ private:
 class QuietNetwork final : public platform::NetworkChanges {
 public:
     QuietNetwork() {
-        if (pipe(never_) != 0) throw std::runtime_error("no pipe");
+        if (pipe2(never_, O_CLOEXEC) != 0) throw std::runtime_error("no pipe");
     }
 
     Watch* create(const char*, void (*)(), int& error) override {
