@@ -55,10 +55,14 @@ std::string accountName(uid_t user) {
     return found ? found->pw_name : std::string();
 }
 
-// Blocks until something happens at the seats. False for an interruption.
+// Blocks until something happens at the seats. False when nothing has: an interruption, or, after a second, a wait
+// that fails and might do so again at once.
 bool waitForSeats(sd_login_monitor* monitor) {
     pollfd waited = {sd_login_monitor_get_fd(monitor), POLLIN, 0};
-    return poll(&waited, 1, -1) > 0;
+    const int ready = poll(&waited, 1, -1);
+    if (ready > 0 && (waited.revents & POLLIN) != 0) return true;
+    if (ready >= 0 || errno != EINTR) clock().sleepSeconds(1);
+    return false;
 }
 
 class SeatConsoleUser final : public ConsoleUser {

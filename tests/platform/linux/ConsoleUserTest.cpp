@@ -2,12 +2,14 @@
 
 #include "platform/ConsoleUser.h"
 
+#include "support/Eventually.h"
 #include "support/ManualClock.h"
 
 #include <gtest/gtest.h>
 
 #include <sched.h>
 #include <sys/mount.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -155,6 +157,31 @@ TEST(ConsoleUser, OfThisSystemIsWatchedOnceTheLoginManagerIsThere) {
             startLoginManager();
             sitDown(0);
             ManualClock::installed().advanceSeconds(10);
+        }).detach();
+        system().run(watch);
+    }));
+}
+
+// A limit of no descriptors at all makes every wait for one fail.
+TEST(ConsoleUser, OfThisSystemWaitsBetweenTriesWhereTheSeatsCannotBeWaitedFor) {
+    expectPassed(overEmptyRun([] {
+        startLoginManager();
+        auto* watch = system().create(
+            "name", [](const void*, const void*, void*) { _exit(testing::Test::HasFailure() ? 1 : 0); });
+        rlimit limit{};
+        getrlimit(RLIMIT_NOFILE, &limit);
+        const rlimit none = {0, limit.rlim_max};
+        setrlimit(RLIMIT_NOFILE, &none);
+        std::thread([&limit] {
+            ManualClock& clock = ManualClock::installed();
+            for (int tries = 1; tries <= 3; ++tries) {
+                EXPECT_TRUE(testsupport::eventually([&] {
+                    return clock.sleptMicroseconds() == tries * 1000000;
+                })) << "a wait of one second for each try";
+                if (tries == 3) setrlimit(RLIMIT_NOFILE, &limit);
+                clock.advanceSeconds(1);
+            }
+            sitDown(0);
         }).detach();
         system().run(watch);
     }));

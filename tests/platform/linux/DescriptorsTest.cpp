@@ -69,8 +69,7 @@ TEST(Descriptors, OfTheServicesAreNotHandedDown) {
     EXPECT_NE(platform::systemNetworkChanges().create(
                   "name", [] {}, error),
               nullptr);
-    EXPECT_NE(platform::consoleUserService.backend().create("name",
-                                                            [](const void*, const void*, void*) {}),
+    EXPECT_NE(platform::consoleUserService.backend().create("name", [](const void*, const void*, void*) {}),
               nullptr);
     EXPECT_EQ(handedDown(), before);
 }
