@@ -16,10 +16,16 @@
 
 namespace {
 
-// Appends what one read gives; false when it gave nothing.
+constexpr unsigned secondsToNextTry = 1;
+
+// Appends what one read gives; false when it gave nothing. A read that could not even wait, since there are no
+// descriptors left for its queue, would do no better at once.
 bool readMore(GPSockets* socket, std::string& held) {
     const auto data = Owned<GPData>::adopt(socket->readData());
-    if (!data) return false;
+    if (!data) {
+        if (!socket->hasQueue()) platform::clock().sleepSeconds(secondsToNextTry);
+        return false;
+    }
     held.append(data->bytes(), static_cast<std::size_t>(data->length()));
     return true;
 }

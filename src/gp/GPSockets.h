@@ -54,6 +54,9 @@ public:
     int error() const { return error_; }
     void setError(int error) { error_ = error; }
 
+    // Whether there is an event queue to wait with. Behind a read that gave nothing: without one it has not waited.
+    bool hasQueue() const { return kqueue_ >= 0; }
+
     // Numeric text of the peer as openConnection resolved it, or null; valid until the next openConnection.
     const char* IPAddress() const;
 

@@ -7,7 +7,7 @@
 
 #include <algorithm>
 #include <cctype>
-#include <cstdio>
+#include <fstream>
 #include <memory>
 #include <sstream>
 
@@ -98,18 +98,6 @@ DirectoryDetails translated(const Entry& entry, const std::string& recordType) {
     return details;
 }
 
-// All of a file's text; empty when it cannot be read.
-std::string contentOf(const std::string& path) {
-    std::string content;
-    std::FILE* file = std::fopen(path.c_str(), "re");
-    if (!file) return content;
-    char block[4096];
-    for (std::size_t got; (got = std::fread(block, 1, sizeof block, file)) > 0;)
-        content.append(block, got);
-    std::fclose(file);
-    return content;
-}
-
 int sizeLimit(const DirectoryQueryTerms& terms) {
     return terms.maximumResults > 0 ? terms.maximumResults : LDAP_NO_LIMIT;
 }
@@ -117,7 +105,7 @@ int sizeLimit(const DirectoryQueryTerms& terms) {
 } // namespace
 
 std::optional<LdapSettings> readLdapSettings(const std::string& path) {
-    std::istringstream file(contentOf(path));
+    std::ifstream file(path);
     LdapSettings settings;
     std::string line;
     while (std::getline(file, line)) {
