@@ -9,3 +9,7 @@ function(ostler_link_platform target)
   target_link_libraries(${target} PUBLIC Threads::Threads
     PRIVATE OpenSSL::SSL OpenSSL::Crypto PkgConfig::SYSTEMD PkgConfig::CURL PkgConfig::LDAP)
 endfunction()
+
+# Nothing but its main belongs to a program here.
+function(ostler_finish_program target)
+endfunction()
