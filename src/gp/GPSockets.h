@@ -98,7 +98,8 @@ public:
     // Writes the text and its ending zero byte.
     bool writeString(const char* text);
 
-    // Open the connection if there has never been one, wait until it can be written to, and send everything.
+    // Open the connection if there has never been one, wait until it can be written to, and send everything. Once for
+    // each connection: the wait of a second write ends with its time where the system keeps its event disabled.
     // The text form sends no zero byte.
     bool writeData(const char* bytes, int length);
     bool writeData(GPString* text);

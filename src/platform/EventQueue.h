@@ -5,6 +5,10 @@
 //
 // A queue is a descriptor number. Several threads may own queues of their own; one queue belongs to one
 // thread at a time, except that another thread may close it.
+//
+// A dispatched event that is added again stays disabled on the Mac: its kernel enables one only for a flag of its own,
+// which the flags of this system do not have in them. So a second wait to write on one connection ends with its time
+// there. No path of the daemon has one. Linux's backend enables the event.
 
 #include <cstdint>
 
@@ -13,10 +17,10 @@ namespace platform {
 inline constexpr std::int16_t EVFILT_READ = -1;
 inline constexpr std::int16_t EVFILT_WRITE = -2;
 
-inline constexpr std::uint16_t EV_ADD = 0x0001;      // adds the event, or enables and looks at it afresh
+inline constexpr std::uint16_t EV_ADD = 0x0001;      // adds the event, or looks at it afresh
 inline constexpr std::uint16_t EV_DELETE = 0x0002;   // forgets the event
 inline constexpr std::uint16_t EV_CLEAR = 0x0020;    // reported once, then again only for new activity
-inline constexpr std::uint16_t EV_DISPATCH = 0x0080; // reported once, then disabled until it is added again
+inline constexpr std::uint16_t EV_DISPATCH = 0x0080; // reported once, then disabled
 inline constexpr std::uint16_t EV_ERROR = 0x4000;    // answer: the change failed, `data` is the error number
 inline constexpr std::uint16_t EV_EOF = 0x8000;      // answer: the direction is closed
 

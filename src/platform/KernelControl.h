@@ -2,6 +2,11 @@
 
 // Kernel control sockets: how the daemon finds and speaks to a kernel extension. Packets and results then
 // travel over the connected descriptor with plain recv and send, one record a message.
+//
+// On the Mac two things of that are the extension's part. Its controls must be registered for streams, since the
+// socket's type is the number 1, which is a stream there (the name that goes with this number elsewhere stands for 2);
+// to any other control the connect is refused. And it must mark the end of each record that it enqueues: a stream
+// without marks hands out whatever is there, records run together or in pieces.
 
 #include "platform/Service.h"
 

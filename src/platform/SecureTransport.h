@@ -48,10 +48,15 @@ OSStatus SSLSetConnection(SSLContextRef context, SSLConnectionRef connection);
 OSStatus SSLSetProtocolVersionMin(SSLContextRef context, int version);
 
 // Goes on with the handshake: errSSLWouldBlock as long as it must be called again.
+//
+// On the Mac a socket that is still connecting refuses the first write: the handshake answers ioErr and stays pending,
+// and the first SSLWrite or SSLRead goes on with it, which is how HTTPS gets its handshake there. On Linux such a
+// socket asks for another try, and ioErr ends the handshake for good.
 OSStatus SSLHandshake(SSLContextRef context);
 
 // Move up to, or all of, `length` bytes; `*processed` becomes the count moved, which can be above 0 with
-// errSSLWouldBlock too. After a failed handshake or a broken connection they answer errSSLClosedAbort.
+// errSSLWouldBlock too. On the Mac they go on with a pending handshake first; on Linux they need a finished one, and
+// answer errSSLClosedAbort without. Where they have failed for good, both answer that from then on.
 OSStatus SSLRead(SSLContextRef context, void* data, std::size_t length, std::size_t* processed);
 OSStatus SSLWrite(SSLContextRef context, const void* data, std::size_t length, std::size_t* processed);
 

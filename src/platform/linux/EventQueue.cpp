@@ -18,7 +18,7 @@
 
 // Each filter of a queue is an epoll set of its own, so that its events live apart: an edge-triggered entry
 // behaves as EV_CLEAR, a one-shot entry as EV_DISPATCH, and changing an entry looks at the descriptor afresh,
-// as EV_ADD does. The queue's number is the read set's.
+// as EV_ADD does; it also enables an event that was dispatched. The queue's number is the read set's.
 
 namespace platform {
 namespace {
