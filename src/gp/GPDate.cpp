@@ -3,6 +3,7 @@
 #include "gp/GPArray.h"
 #include "gp/GPString.h"
 #include "gp/Owned.h"
+#include "gp/TimeZoneLock.h"
 #include "platform/Clock.h"
 
 namespace {
@@ -17,10 +18,16 @@ int sinceNineteenHundred(int year) { return static_cast<int>(static_cast<unsigne
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
 GPString* formatted(char const* format, const struct tm& view) {
     char text[256] = {};
+    const TimeZoneLock lock;
     if (strftime(text, sizeof text, format, &view) == 0) text[0] = 0;
     return GPString::string(text);
 }
 #pragma GCC diagnostic pop
+
+time_t secondsOf(struct tm* view) {
+    const TimeZoneLock lock;
+    return mktime(view);
+}
 
 int numberAt(GPArray& parts, int index) {
     return static_cast<GPString*>(parts.objectAtIndex(index))->intValue();
@@ -37,6 +44,7 @@ GPDate::GPDate(bool utc) : GPDate() {
         isTimeValues();
         return;
     }
+    const TimeZoneLock lock;
     gmtime_r(&rawTime_, &view_);
     timeValues_ = &view_;
 }
@@ -75,6 +83,7 @@ time_t GPDate::toRawTime() const { return rawTime_; }
 
 void GPDate::isTimeValues() {
     if (timeValues_) return;
+    const TimeZoneLock lock;
     // A time beyond the calendar has an empty view.
     if (!localtime_r(&rawTime_, &view_)) view_ = {};
     timeValues_ = &view_;
@@ -84,7 +93,10 @@ GPString* GPDate::toString() {
     isTimeValues();
     if (format_) return formatted(format_, *timeValues_);
     char text[64] = {};
-    if (!ctime_r(&rawTime_, text)) text[0] = 0;
+    {
+        const TimeZoneLock lock;
+        if (!ctime_r(&rawTime_, text)) text[0] = 0;
+    }
     return GPString::string(text);
 }
 
@@ -104,13 +116,13 @@ long GPDate::compareDate(long seconds) const { return static_cast<long>(difftime
 
 unsigned long GPDate::clockTime() {
     isTimeValues();
-    return static_cast<unsigned long>(mktime(timeValues_)) * 1000000ul;
+    return static_cast<unsigned long>(secondsOf(timeValues_)) * 1000000ul;
 }
 
 void GPDate::setField(int tm::*field, int value) {
     isTimeValues();
     timeValues_->*field = value;
-    rawTime_ = mktime(timeValues_);
+    rawTime_ = secondsOf(timeValues_);
 }
 
 int GPDate::getField(int tm::*field) {

@@ -4,6 +4,7 @@
 #include "gp/GPMutex.h"
 #include "gp/GPString.h"
 #include "gp/Owned.h"
+#include "gp/TimeZoneLock.h"
 #include "platform/Clock.h"
 #include "platform/ThreadNumber.h"
 
@@ -52,11 +53,15 @@ GPString* currentLogName(int index) {
     return name;
 }
 
+bool localTime(time_t seconds, struct tm& local) {
+    const TimeZoneLock lock;
+    return localtime_r(&seconds, &local) != nullptr;
+}
+
 std::string logLine(char const* text) {
-    const time_t now = platform::clock().seconds();
     struct tm local = {};
     char when[64] = {};
-    if (!localtime_r(&now, &local) || !asctime_r(&local, when)) when[0] = 0;
+    if (!localTime(platform::clock().seconds(), local) || !asctime_r(&local, when)) when[0] = 0;
     when[std::strcspn(when, "\n")] = 0;
 
     char front[128];

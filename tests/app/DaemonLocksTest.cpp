@@ -41,7 +41,7 @@ std::map<std::string, int> documentedLocks() {
 // "FILE NAME" of each lock that the code declares.
 std::set<std::string> declaredLocks() {
     const std::regex declaration(
-        R"(^\s*(static )?(std::atomic<)?(GPMutex|std::\w*mutex)\b[*&> ]*(const )?(\w+)\s*(=|;|\{).*)");
+        R"(^\s*(static )?(std::atomic<)?(GPMutex|std::\w*mutex|pthread_mutex_t)\b[*&> ]*(const )?(\w+)\s*(=|;|\{).*)");
     std::set<std::string> locks;
     for (const fs::directory_entry& entry :
          fs::recursive_directory_iterator(std::string(OSTLER_TEST_DATA) + "/../src")) {
