@@ -1,5 +1,6 @@
 #include "dns/DNSPacket.h"
 #include "dns/DNSPacketState.h"
+#include "gp/GPFilesystem.h"
 #include "gp/GPMutex.h"
 #include "platform/HostPaths.h"
 
@@ -35,7 +36,7 @@ constexpr FixedHost fixedHosts[] = {
 
 class TextFile {
 public:
-    TextFile(const char* path, const char* mode) : file_(std::fopen(path, mode)) {}
+    TextFile(const char* path, const char* mode) : file_(openFile(path, mode)) {}
     ~TextFile() {
         if (file_) std::fclose(file_);
     }

@@ -13,6 +13,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <dirent.h>
+#include <fcntl.h>
 #include <memory>
 #include <pwd.h>
 #include <string>
@@ -61,9 +62,21 @@ bool isHidden(char const* path) { return path && path[0] == '~'; }
 
 bool isUnix() { return true; }
 
+// fopen's own letter for this is not known to every system.
+std::FILE* openFile(char const* path, char const* mode) {
+    int flags = O_RDONLY;
+    if (mode[0] == 'w') flags = O_WRONLY | O_CREAT | O_TRUNC;
+    if (mode[0] == 'a') flags = O_WRONLY | O_CREAT | O_APPEND;
+    const int descriptor = open(path, flags | O_CLOEXEC, 0666);
+    if (descriptor < 0) return nullptr;
+    std::FILE* file = fdopen(descriptor, mode);
+    if (!file) close(descriptor);
+    return file;
+}
+
 bool readFile(char const* path, char* buffer, long& length, int offset, bool binary) {
     if (!path || !buffer || length < 1) return false;
-    const File file(std::fopen(path, binary ? "rb" : "r"));
+    const File file(openFile(path, binary ? "rb" : "r"));
     if (!file) return false;
     std::fseek(file.get(), offset, SEEK_SET);
     length = static_cast<long>(std::fread(buffer, 1, static_cast<std::size_t>(length), file.get()));
@@ -73,7 +86,7 @@ bool readFile(char const* path, char* buffer, long& length, int offset, bool bin
 bool writeFile(char const* path, char const* data, long length, bool binary, bool truncate) {
     if (!path) return false;
     char const* mode = truncate ? (binary ? "wb" : "w") : (binary ? "ab" : "a");
-    File file(std::fopen(path, mode));
+    File file(openFile(path, mode));
     if (!file || !data) return false;
     if (length == 0 && !binary)
         length = static_cast<long>(std::strlen(data));
@@ -108,7 +121,7 @@ bool writeText(char const* path, GPString* text, bool truncate) {
 
 bool createNewFile(char const* path) {
     if (!path) return false;
-    const File file(std::fopen(path, "w"));
+    const File file(openFile(path, "w"));
     return file != nullptr;
 }
 

@@ -6,6 +6,8 @@
 
 #include "gp/GPObject.h"
 
+#include <cstdio>
+
 class GPArray;
 class GPData;
 class GPList;
@@ -35,6 +37,10 @@ bool isHidden(char const* path);
 
 // Always true.
 bool isUnix();
+
+// Opens a file as fopen does in one of the modes "r", "w" and "a", with or without a "b", and keeps it from programs
+// that are started meanwhile. The caller closes it. Null when it does not open.
+std::FILE* openFile(char const* path, char const* mode);
 
 // Reads up to `length` bytes from byte `offset` on into `buffer`, and stores the number read in `length`.
 // False for null, for a length below 1, or when the file does not open.

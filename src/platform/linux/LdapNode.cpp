@@ -7,7 +7,7 @@
 
 #include <algorithm>
 #include <cctype>
-#include <fstream>
+#include <cstdio>
 #include <memory>
 #include <sstream>
 
@@ -98,6 +98,18 @@ DirectoryDetails translated(const Entry& entry, const std::string& recordType) {
     return details;
 }
 
+// The whole text of a file; empty when it does not open.
+std::string textOf(const std::string& path) {
+    std::string text;
+    std::FILE* file = std::fopen(path.c_str(), "re");
+    if (!file) return text;
+    char piece[4096];
+    while (const std::size_t got = std::fread(piece, 1, sizeof piece, file))
+        text.append(piece, got);
+    std::fclose(file);
+    return text;
+}
+
 int sizeLimit(const DirectoryQueryTerms& terms) {
     return terms.maximumResults > 0 ? terms.maximumResults : LDAP_NO_LIMIT;
 }
@@ -105,7 +117,7 @@ int sizeLimit(const DirectoryQueryTerms& terms) {
 } // namespace
 
 std::optional<LdapSettings> readLdapSettings(const std::string& path) {
-    std::ifstream file(path);
+    std::istringstream file(textOf(path));
     LdapSettings settings;
     std::string line;
     while (std::getline(file, line)) {

@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
 #include <unistd.h>
 
 namespace platform {
@@ -49,7 +50,7 @@ curl_socket_t openSocket(void*, curlsocktype, curl_sockaddr* peer) {
 std::FILE* openTemporaryFile(std::string& path) {
     const char* directory = std::getenv("TMPDIR");
     path = std::string(directory && *directory ? directory : "/tmp") + "/fernhill-download-XXXXXX";
-    const int descriptor = mkstemp(path.data());
+    const int descriptor = mkostemp(path.data(), O_CLOEXEC);
     if (descriptor < 0) return nullptr;
     std::FILE* file = fdopen(descriptor, "w");
     if (!file) close(descriptor);

@@ -67,7 +67,8 @@ protected:
 
             std::thread converting(convert);
             int end = -1;
-            if (!comesTrue([&] { return (end = open(zone().c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC)) >= 0; })) {
+            if (!comesTrue(
+                    [&] { return (end = open(zone().c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC)) >= 0; })) {
                 converting.join();
                 return "nobody reads the time zone";
             }

@@ -1,8 +1,16 @@
 #include "platform/linux/LdapNode.h"
 
+#include "support/Await.h"
+#include "support/ProcessDescriptors.h"
 #include "support/TemporaryFolder.h"
 
 #include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <thread>
+#include <unistd.h>
 
 using namespace platform;
 
@@ -30,6 +38,22 @@ TEST(LdapSettings, AreTheUriAndBaseLines) {
 
 TEST(LdapSettings, OfTheLastLinesCount) {
     EXPECT_EQ(settingsIn("URI ldap://a\nURI ldap://b\nBASE dc=x\nBASE dc=y"), "ldap://b|dc=y");
+}
+
+TEST(LdapSettings, AreReadFromAFileThatNoProgramInherits) {
+    const testsupport::TemporaryFolder folder;
+    const std::string pipe = folder.file("ldap.conf"); // so that reading takes as long as the test wants
+    ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+    std::thread reading([&] { EXPECT_TRUE(readLdapSettings(pipe)); });
+    const int end = open(pipe.c_str(), O_WRONLY | O_CLOEXEC);
+    const std::string text = "URI ldap://a\nBASE dc=x\n";
+    EXPECT_EQ(write(end, text.data(), text.size()), static_cast<ssize_t>(text.size()));
+    int waiting = -1;
+    EXPECT_TRUE(testsupport::comesTrue([&] { return ioctl(end, FIONREAD, &waiting) == 0 && waiting == 0; }));
+    for (const auto& [number, target] : testsupport::handedDown())
+        EXPECT_NE(target, pipe);
+    close(end);
+    reading.join();
 }
 
 TEST(LdapSettings, AreNoneWithoutBothLines) {

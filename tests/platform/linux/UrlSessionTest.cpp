@@ -2,8 +2,10 @@
 
 #include "support/AnswerServer.h"
 #include "support/Await.h"
+#include "support/LoopbackPeer.h"
 #include "support/ManualClock.h"
 #include "support/NetworkNamespace.h"
+#include "support/ProcessDescriptors.h"
 #include "support/TemporaryFolder.h"
 #include "support/TestChild.h"
 #include "support/TlsServer.h"
@@ -107,6 +109,22 @@ TEST_F(UrlSessionTest, TheTemporaryFileIsGoneAfterTheCompletion) {
     AnswerServer server({answer("200 OK", "", "the package")});
     download(server.url("/p.dmg"));
     EXPECT_TRUE(testsupport::comesTrue([this] { return fs::is_empty(temporary.path()); }));
+}
+
+TEST_F(UrlSessionTest, TheTemporaryFileIsNotInheritedByAProgram) {
+    testsupport::LoopbackListener listener;
+    std::thread serving([&] {
+        testsupport::Peer peer = listener.accept();
+        peer.readUntil("\r\n\r\n");
+        peer.send("HTTP/1.1 200 OK\r\nContent-Length: 10\r\n\r\nhalf ");
+        EXPECT_TRUE(testsupport::comesTrue([this] { return !fs::is_empty(temporary.path()); }));
+        for (const auto& [number, target] : testsupport::handedDown())
+            EXPECT_NE(fs::path(target).parent_path(), temporary.path());
+        peer.send("whole");
+    });
+    const Ended ended = download("http://127.0.0.1:" + std::to_string(listener.port()) + "/p.dmg");
+    serving.join();
+    EXPECT_EQ(ended.content, "half whole");
 }
 
 TEST_F(UrlSessionTest, AnEmptyFileIsFetchedToo) {
