@@ -7,6 +7,7 @@
 #include "gp/GPLog.h"
 #include "gp/GPMutex.h"
 #include "gp/GPString.h"
+#include "gp/GuardedAppend.h"
 #include "gp/Owned.h"
 #include "platform/HostPaths.h"
 
@@ -184,6 +185,6 @@ void Configuration::createOEMConfig(GPString* vendor) {
         document->addElement(child.get());
     }
     auto content = Owned<GPString>::adopt(document->convertToString(false, nullptr, false));
-    // Deliberately relative to the working directory, and appended.
-    writeText("fernhill_oem.xml", content.get(), false);
+    // Deliberately relative to the working directory, which may be open to others, and appended.
+    appendGuarded("fernhill_oem.xml", content->cstr(), static_cast<std::size_t>(content->length()));
 }

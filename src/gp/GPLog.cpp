@@ -3,6 +3,7 @@
 #include "gp/GPFilesystem.h"
 #include "gp/GPMutex.h"
 #include "gp/GPString.h"
+#include "gp/GuardedAppend.h"
 #include "gp/Owned.h"
 #include "gp/TimeZoneLock.h"
 #include "platform/Clock.h"
@@ -16,6 +17,7 @@
 #include <ctime>
 #include <memory>
 #include <string>
+#include <sys/stat.h>
 
 namespace {
 
@@ -28,6 +30,8 @@ std::atomic<std::int32_t> logMaxCount{20};
 std::atomic<std::int32_t> counter{-1};
 std::atomic<bool> logEcho{false};
 std::atomic<GPMutex*> mutex{nullptr};
+// The folder may be open to everybody. What another has put in the file's place is not written to.
+KnownFile logFile;
 
 constexpr auto relaxed = std::memory_order_relaxed;
 
@@ -71,7 +75,9 @@ std::string logLine(char const* text) {
 
 bool isOverLimit(char const* name) {
     const std::int32_t limit = logMaxSize.load(relaxed);
-    return limit > 0 && ifExist(name) && fileSize(name) > limit;
+    struct stat entry;
+    // A link is not followed: it can lead to a server that does not answer.
+    return limit > 0 && lstat(name, &entry) == 0 && S_ISREG(entry.st_mode) && entry.st_size > limit;
 }
 
 // Goes on to the next index. At the highest one, drops the file with index 0 and moves the others down; the
@@ -99,7 +105,7 @@ void logs(char const* text) {
         // Deliberately named outside the lock: a rotation can have moved this file when it is written.
         const auto name = Owned<GPString>::adopt(currentLogName(counter.load(relaxed)));
         GPMutexLock lock(currentMutex());
-        writeFile(name->cstr(), line.c_str(), 0, false, false);
+        appendGuarded(name->cstr(), line.data(), line.size(), &logFile);
     }
     GPMutexLock lock(currentMutex());
     const auto name = Owned<GPString>::adopt(currentLogName(counter.load(relaxed)));

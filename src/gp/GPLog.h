@@ -11,7 +11,8 @@ void logs(char const* text);
 void logf(char const* fmt, ...) __attribute__((format(printf, 1, 2)));
 
 // The stem of the file names and the folder that they are in. The text is not copied and must outlive the
-// log. Without a folder the files go to the working directory; without a stem the process name is used.
+// log. Without a folder the files go to the working directory; without a stem the process name is used. Others may
+// write to the folder: whatever else they put in the place of a file is not written to, and its lines are lost.
 void setLogName(char const* name);
 void setLogDirectory(char const* directory);
 

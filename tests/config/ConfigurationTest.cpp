@@ -5,11 +5,13 @@
 #include "gp/Owned.h"
 #include "platform/HostPaths.h"
 #include "support/AllocationCounter.h"
+#include "support/ForkedChild.h"
 #include "support/LockCounter.h"
 #include "support/Sanitizers.h"
 #include "support/SettingsTest.h"
 
 #include <filesystem>
+#include <sys/stat.h>
 
 using testsupport::readAll;
 using testsupport::writeAll;
@@ -299,6 +301,20 @@ TEST_F(ConfigurationTest, TheOEMDocumentGoesToTheWorkingDirectoryAndIsAppended) 
     Configuration::createOEMConfig(nullptr);
     EXPECT_EQ(readAll(root.path() + "/fernhill_oem.xml"),
               "<Fernhill>\n<Vendor>Acme</Vendor>\n</Fernhill>\n<Fernhill>\n</Fernhill>\n");
+}
+
+TEST_F(ConfigurationTest, TheOEMDocumentGoesThroughNoLinkAndWaitsForNoPipe) {
+    std::filesystem::current_path(root.path());
+    writeAll(root.path() + "/precious", "precious");
+    std::filesystem::create_symlink("precious", "fernhill_oem.xml");
+    Configuration::createOEMConfig(nullptr);
+    std::filesystem::remove("fernhill_oem.xml");
+    std::filesystem::create_hard_link("precious", "fernhill_oem.xml");
+    Configuration::createOEMConfig(nullptr);
+    EXPECT_EQ(readAll("precious"), "precious");
+    std::filesystem::remove("fernhill_oem.xml");
+    ASSERT_EQ(mkfifo("fernhill_oem.xml", 0666), 0);
+    EXPECT_TRUE(testsupport::comesToItsEnd([] { Configuration::createOEMConfig(nullptr); }));
 }
 
 TEST_F(ConfigurationTest, AnEmptyVendorIsWrittenAsAnEmptyText) {

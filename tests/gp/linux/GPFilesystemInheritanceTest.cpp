@@ -60,8 +60,8 @@ TEST_F(GPFilesystemInheritanceTest, AFileThatIsWrittenIsNotInheritedByAProgram) 
     for (const bool truncate : {false, true}) {
         const std::string content(200000, 'x'); // more than the pipe takes
         std::thread writing([&] {
-            EXPECT_TRUE(writeFile(path().c_str(), content.data(), static_cast<long>(content.size()), true,
-                                  truncate));
+            EXPECT_TRUE(
+                writeFile(path().c_str(), content.data(), static_cast<long>(content.size()), true, truncate));
         });
         const int end = open(path().c_str(), O_RDONLY | O_CLOEXEC);
         EXPECT_TRUE(testsupport::comesTrue([&] { return waiting(end) > 0; }));

@@ -1,0 +1,46 @@
+#include "gp/GuardedAppend.h"
+
+#include <cerrno>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+bool hasOneName(const struct stat& entry) { return S_ISREG(entry.st_mode) && entry.st_nlink == 1; }
+
+// Whether the open file is what lies at `path`, and lies nowhere else. To ask the descriptor alone is not enough:
+// whoever puts a second name of some file there can take it away again once it is open, and one name is left.
+bool liesAloneAt(char const* path, int descriptor, KnownFile* known) {
+    struct stat opened;
+    if (fstat(descriptor, &opened) != 0 || !hasOneName(opened)) return false;
+    if (known && known->is(opened.st_dev, opened.st_ino)) return true;
+
+    struct stat named;
+    if (lstat(path, &named) != 0 || !hasOneName(named)) return false;
+    if (named.st_dev != opened.st_dev || named.st_ino != opened.st_ino) return false;
+    if (known) known->set(opened.st_dev, opened.st_ino);
+    return true;
+}
+
+bool writeWhole(int descriptor, char const* text, std::size_t length) {
+    while (length > 0) {
+        const ssize_t written = write(descriptor, text, length);
+        if (written < 0 && errno == EINTR) continue;
+        if (written < 1) return false;
+        text += written;
+        length -= static_cast<std::size_t>(written);
+    }
+    return true;
+}
+
+} // namespace
+
+bool appendGuarded(char const* path, char const* text, std::size_t length, KnownFile* known) {
+    // Without waiting, since a pipe waits for its reader and a file with a lease for its holder.
+    constexpr int flags = O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+    const int descriptor = open(path, flags, 0666);
+    if (descriptor < 0) return false;
+    const bool written = liesAloneAt(path, descriptor, known) && writeWhole(descriptor, text, length);
+    return close(descriptor) == 0 && written;
+}
