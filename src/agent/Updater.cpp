@@ -9,6 +9,10 @@
 #include "gp/Owned.h"
 #include "platform/HostPaths.h"
 
+#include <cerrno>
+#include <sys/stat.h>
+#include <unistd.h>
+
 namespace {
 
 constexpr int majorVersion = 1;
@@ -26,6 +30,26 @@ GPString* fieldAt(GPArray& fields, int index) { return static_cast<GPString*>(fi
 int numberAt(GPArray& fields, int index) {
     GPString* field = fieldAt(fields, index);
     return field ? field->intValue() : 0;
+}
+
+// Whether a folder is a real one of the user whose rights a package gets, and nobody else can write to it. It stays
+// so: where temporary folders lie, nobody moves a folder of another user.
+bool isOwnAlone(const char* folder) {
+    struct stat entry;
+    return lstat(folder, &entry) == 0 && S_ISDIR(entry.st_mode) && entry.st_uid == geteuid() &&
+           (entry.st_mode & (S_IWGRP | S_IWOTH)) == 0;
+}
+
+// Takes away the file of a former package, so that the next is not written through a link or to another name.
+bool removeFormer(const char* path) {
+    struct stat entry;
+    if (lstat(path, &entry) != 0) return errno == ENOENT;
+    return S_ISDIR(entry.st_mode) || deleteFile(path);
+}
+
+// Puts a package into the working directory, unless others could put something there too.
+bool fetchPackage(const char* url, const char* workDirectory, const char* path) {
+    return isOwnAlone(workDirectory) && removeFormer(path) && GPHTTP::downloadFile(url, path);
 }
 
 // Neither the end nor the output of an update's commands is looked at.
@@ -99,13 +123,14 @@ bool Updater::isValidUpdate(GPString* name) {
 
 bool Updater::processZip(GPString* url) {
     const char* workDirectory = platform::HostPaths::packageDirectory();
-    if (!ifExist(workDirectory)) createDir(workDirectory);
+    // For nobody else to enter: a package may hold a script that everybody may write to.
+    if (!ifExist(workDirectory)) mkdir(workDirectory, 0700);
     const int slash = url->find("/", true);
     if (slash < 1) return true;
     const auto path =
         Owned<GPString>::adopt(GPString::format("%s/%s", workDirectory, url->cstr() + slash + 1));
     logf("downloading the file: %s to: %s\n", url->cstr(), path->cstr());
-    if (!GPHTTP::downloadFile(url->cstr(), path->cstr())) {
+    if (!fetchPackage(url->cstr(), workDirectory, path->cstr())) {
         logf("unable to download the file: %s to: %s\n", url->cstr(), path->cstr());
         return false;
     }

@@ -29,8 +29,8 @@ public:
 
     // Fetches the package at `url`, unpacks it beside itself and starts its script, which does the installing
     // and is not waited for. Neither signature nor version is tested. Blocks until the package is unpacked.
-    // False only when the package could not be fetched or stored; a text that names no file does nothing and
-    // is no failure.
+    // False only when the package could not be fetched or stored, or when others could write to the folder that it
+    // goes to; a text that names no file does nothing and is no failure.
     static bool processZip(GPString* url);
 
     // Moves the executable "twupdate" over the one called `name`, both in the program's directory or, without

@@ -9,6 +9,7 @@
 #include "support/AnswerServer.h"
 #include "support/Await.h"
 #include "support/HTTPRequestTest.h"
+#include "support/LoopbackPeer.h"
 #include "support/ScratchRoot.h"
 #include "support/StandInPrograms.h"
 #include "support/TemporaryFolder.h"
@@ -18,6 +19,8 @@
 #include <cstdlib>
 #include <filesystem>
 #include <string>
+#include <sys/stat.h>
+#include <unistd.h>
 #include <vector>
 
 using testsupport::AnswerServer;
@@ -32,6 +35,8 @@ namespace {
 std::string answerWith(const std::string& body, const std::string& status = "200 OK") {
     return "HTTP/1.1 " + status + "\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
 }
+
+constexpr fs::perms onlyOwnerWrites = fs::perms(0755);
 
 class UpdaterPackageTest : public testsupport::HTTPRequestTest {
 protected:
@@ -64,6 +69,23 @@ protected:
 
     std::string mark() const { return root_.path() + "/installed"; }
     std::string work(const std::string& name) const { return root_.path() + "/tmp/tw/" + name; }
+
+    // Puts a folder with these permissions where packages go.
+    void makeWorkFolder(fs::perms permissions) const {
+        fs::create_directories(work(""));
+        fs::permissions(work(""), permissions);
+    }
+
+    // Expects that a package is neither fetched nor run, which reads as a fetch that failed.
+    void expectRefusal() {
+        AnswerServer server({answerWith("content")});
+        EXPECT_FALSE(process(server.url("/pkg.zip")));
+        testsupport::connectTo(server.port()); // the one connection that the server waits for
+        EXPECT_EQ(server.request(), "");
+        EXPECT_TRUE(log_.holds("unable to download the file: " + server.url("/pkg.zip") +
+                               " to: " + work("pkg.zip") + "\n"));
+        EXPECT_EQ(log_.countContaining("command "), 0);
+    }
 
     bool isInstalled() const {
         return comesTrue([this] { return fs::exists(mark()); });
@@ -154,8 +176,74 @@ TEST_F(UpdaterPackageTest, TheDirectoryIsThePathUpToTheLastDot) {
 }
 
 TEST_F(UpdaterPackageTest, AWorkingDirectoryThatIsThereIsUsed) {
+    makeWorkFolder(onlyOwnerWrites);
     writeAll(work("before"), "kept");
     AnswerServer server({answerWith("content")});
     EXPECT_TRUE(process(server.url("/pkg")));
     EXPECT_EQ(readAll(work("before")), "kept");
+}
+
+TEST_F(UpdaterPackageTest, AWorkingDirectoryIsMadeForItsOwnerAlone) {
+    umask(0);
+    AnswerServer server({answerWith(package("one"))});
+    EXPECT_TRUE(process(server.url("/pkg.zip")));
+    EXPECT_TRUE(isInstalled());
+    EXPECT_EQ(fs::status(work("")).permissions(), fs::perms::owner_all);
+}
+
+TEST_F(UpdaterPackageTest, AWorkingDirectoryThatOthersMayWriteToIsRefused) {
+    makeWorkFolder(fs::perms(0757));
+    expectRefusal();
+}
+
+TEST_F(UpdaterPackageTest, AWorkingDirectoryThatItsGroupMayWriteToIsRefused) {
+    makeWorkFolder(fs::perms(0775));
+    expectRefusal();
+}
+
+TEST_F(UpdaterPackageTest, AWorkingDirectoryOfSomebodyElsesIsRefused) {
+    if (geteuid() != 0) GTEST_SKIP() << "only the superuser can give a folder away";
+    makeWorkFolder(onlyOwnerWrites);
+    constexpr uid_t nobody = 65534;
+    ASSERT_EQ(chown(work("").c_str(), nobody, nobody), 0);
+    expectRefusal();
+}
+
+TEST_F(UpdaterPackageTest, ALinkInTheWorkingDirectorysPlaceIsRefused) {
+    const testsupport::TemporaryFolder other;
+    fs::create_directory_symlink(other.path(), root_.path() + "/tmp/tw");
+    expectRefusal();
+    EXPECT_TRUE(fs::is_empty(other.path()));
+}
+
+TEST_F(UpdaterPackageTest, ALinkToNothingInTheWorkingDirectorysPlaceIsRefused) {
+    fs::create_directory_symlink(root_.path() + "/made", root_.path() + "/tmp/tw");
+    expectRefusal();
+    EXPECT_FALSE(fs::exists(root_.path() + "/made"));
+}
+
+TEST_F(UpdaterPackageTest, AFileInTheWorkingDirectorysPlaceIsRefused) {
+    writeAll(root_.path() + "/tmp/tw", "");
+    expectRefusal();
+}
+
+TEST_F(UpdaterPackageTest, AUrlThatFetchesNothingIsNoFailureWhateverTheWorkingDirectoryIs) {
+    makeWorkFolder(fs::perms::all);
+    EXPECT_TRUE(process("pkg.zip"));
+    EXPECT_TRUE(log_.messages().empty());
+}
+
+TEST_F(UpdaterPackageTest, APackageIsANewFileAndIsNotWrittenThroughALinkOrAnotherName) {
+    makeWorkFolder(onlyOwnerWrites);
+    const std::string precious = root_.path() + "/precious";
+    writeAll(precious, "precious");
+    fs::create_symlink(precious, work("linked"));
+    fs::create_hard_link(precious, work("named"));
+    AnswerServer server({answerWith("first"), answerWith("second")});
+    EXPECT_TRUE(process(server.url("/linked")));
+    EXPECT_TRUE(process(server.url("/named")));
+    EXPECT_EQ(readAll(precious), "precious");
+    EXPECT_FALSE(fs::is_symlink(work("linked")));
+    EXPECT_EQ(readAll(work("linked")), "first");
+    EXPECT_EQ(readAll(work("named")), "second");
 }

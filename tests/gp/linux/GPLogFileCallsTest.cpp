@@ -84,10 +84,9 @@ TEST_F(GPLogFileCallsTest, ALineWithItsFileOpenIsNotInheritedByPrograms) {
 }
 
 TEST_F(GPLogFileCallsTest, AnotherNameThatIsTakenAwayOnceItIsOpenDoesNotPassForTheLog) {
-    EXPECT_EQ(preciousAfter([this](FileCalls& calls) {
-                  calls.beforeNextFstat([this] { fs::remove(place()); });
-              }),
-              "precious");
+    EXPECT_EQ(
+        preciousAfter([this](FileCalls& calls) { calls.beforeNextFstat([this] { fs::remove(place()); }); }),
+        "precious");
 }
 
 TEST_F(GPLogFileCallsTest, AnotherNameThatIsTakenAwayAndGivenBackDoesNotPassForTheLog) {
