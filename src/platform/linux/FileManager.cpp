@@ -6,13 +6,12 @@
 #include <cerrno>
 #include <cstdio>
 #include <fcntl.h>
-#include <ftw.h>
+#include <filesystem>
+#include <system_error>
 #include <unistd.h>
 
 namespace platform {
 namespace {
-
-constexpr int openFolders = 16;
 
 long codeOf(int error) {
     switch (error) {
@@ -38,8 +37,6 @@ long codeOf(int error) {
 
 FileResult resultOf(bool done, int error) { return {done, done ? 0 : codeOf(error), {}}; }
 
-int removeEntry(const char* path, const struct stat*, int, struct FTW*) { return std::remove(path); }
-
 // A descriptor that is closed at the end of the scope.
 class OpenFile {
 public:
@@ -56,11 +53,16 @@ private:
     int descriptor_;
 };
 
-// Copies a file to a new one of the same mode. False, with errno set, when that fails.
+// Copies a file to a new one of the same mode. False, with errno set, when that fails. Others may write to the folder
+// that it lies in, so no link is followed and no pipe waited for.
 bool copyNew(const char* from, const char* to) {
-    const OpenFile source(from, O_RDONLY, 0);
+    const OpenFile source(from, O_RDONLY | O_NOFOLLOW | O_NONBLOCK, 0);
     struct stat entry {};
     if (source.descriptor() < 0 || fstat(source.descriptor(), &entry) != 0) return false;
+    if (!S_ISREG(entry.st_mode)) {
+        errno = EINVAL;
+        return false;
+    }
     const OpenFile target(to, O_WRONLY | O_CREAT | O_EXCL, entry.st_mode & 07777);
     if (target.descriptor() < 0) return false;
     for (off_t left = entry.st_size; left > 0;) {
@@ -85,9 +87,13 @@ FileResult moveAcross(const char* from, const char* to) {
 
 class PosixFileManager final : public FileManager {
 public:
+    // A folder is emptied from its own descriptor on, so nobody can lead the removal elsewhere meanwhile.
     FileResult removeItem(const char* path) override {
-        const bool done = nftw(path, removeEntry, openFolders, FTW_DEPTH | FTW_PHYS) == 0;
-        return resultOf(done, errno);
+        struct stat entry {};
+        if (lstat(path, &entry) != 0) return resultOf(false, errno);
+        std::error_code error;
+        std::filesystem::remove_all(path, error);
+        return resultOf(!error, error.value());
     }
 
     FileResult moveItem(const char* from, const char* to) override {

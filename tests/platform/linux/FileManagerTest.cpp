@@ -7,8 +7,10 @@
 
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdint>
@@ -75,6 +77,31 @@ TEST_F(FileManagerTest, ALinkIsRemovedAndWhatItPointsAtStays) {
     EXPECT_EQ(readAll(folder.file("kept/file")), "text");
 }
 
+// Nothing of it is found again by its path, which others could lead elsewhere meanwhile.
+TEST_F(FileManagerTest, AFolderDeeperThanAPathIsLongIsRemoved) {
+    const std::string name(250, 'n');
+    const fs::path before = fs::current_path();
+    fs::current_path(folder.path());
+    for (int depth = 0; depth < 20; ++depth) {
+        fs::create_directory(name);
+        ASSERT_EQ(chdir(name.c_str()), 0);
+    }
+    ASSERT_EQ(close(creat("file", 0600)), 0);
+    fs::current_path(before);
+    EXPECT_TRUE(remove(folder.file(name)).done);
+    EXPECT_TRUE(fs::is_empty(folder.path()));
+}
+
+TEST_F(FileManagerTest, LinksInAFolderAreRemovedAndWhatTheyPointAtStays) {
+    writeAll(folder.file("kept/file"), "text");
+    fs::create_directory(folder.file("a"));
+    fs::create_directory_symlink(folder.file("kept"), folder.file("a/folder"));
+    fs::create_symlink(folder.file("kept/file"), folder.file("a/file"));
+    EXPECT_TRUE(remove(folder.file("a")).done);
+    EXPECT_FALSE(fs::exists(folder.file("a")));
+    EXPECT_EQ(readAll(folder.file("kept/file")), "text");
+}
+
 TEST_F(FileManagerTest, RemovingWhatIsNotThereFailsWithNoSuchFile) {
     expectFailure(remove(folder.file("a")), platform::fileNoSuchFileError);
     expectFailure(remove(""), platform::fileNoSuchFileError);
@@ -120,6 +147,19 @@ TEST_F(FileManagerTest, AFileIsMovedToAnotherVolumeWithItsMode) {
     EXPECT_EQ(readAll(folder.file("b")), content);
     EXPECT_EQ(fs::status(folder.file("b")).permissions(), fs::perms::owner_read);
     EXPECT_FALSE(fs::exists(other.file("a")));
+}
+
+TEST_F(FileManagerTest, AMoveToAnotherVolumeFollowsNoLinkAndWaitsForNoPipe) {
+    setenv("TMPDIR", "/dev/shm", 1);
+    const TemporaryFolder other;
+    if (volumeOf(other.path()) == volumeOf(folder.path())) GTEST_SKIP() << "this machine has one volume";
+    writeAll(other.file("kept"), "text");
+    fs::create_symlink(other.file("kept"), other.file("link"));
+    EXPECT_FALSE(move(other.file("link"), folder.file("b")).done);
+    ASSERT_EQ(mkfifo(other.file("pipe").c_str(), 0600), 0);
+    EXPECT_TRUE(
+        testsupport::passesInChild([&] { EXPECT_FALSE(move(other.file("pipe"), folder.file("b")).done); }));
+    EXPECT_FALSE(fs::exists(folder.file("b")));
 }
 
 TEST_F(FileManagerTest, AMoveToAVolumeThatIsFullFailsWithOutOfSpaceAndLeavesTheSourceAndNoTarget) {
