@@ -16,6 +16,7 @@
 #include <cstring>
 #include <ctime>
 #include <memory>
+#include <pthread.h>
 #include <string>
 #include <sys/stat.h>
 
@@ -144,7 +145,11 @@ void setMaxLogCount(int count) {
 void setLogEcho(bool echo) { logEcho.store(echo, relaxed); }
 
 void makeLogThreadSafe() {
-    if (!currentMutex()) mutex.store(new GPMutex, std::memory_order_release);
+    if (currentMutex()) return;
+    mutex.store(new GPMutex, std::memory_order_release);
+    // A forked child logs too, and must not find the lock held by a thread that it does not have.
+    pthread_atfork([] { currentMutex()->lock(); }, [] { currentMutex()->unlock(); },
+                   [] { currentMutex()->unlock(); });
 }
 
 void printDumpBytes(char const* bytes, int length, int perLine) {

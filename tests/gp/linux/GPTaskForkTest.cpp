@@ -1,6 +1,6 @@
-// Children that are forked while another thread is inside the C library's conversion of a time. The library makes
-// it under a lock, and what a child finds locked stays so. The time zone is a pipe here, so a thread that reads it
-// for the first time stays inside for as long as the test wants.
+// Children that are forked while another thread holds a lock that they need: what a child finds locked stays so.
+// The C library converts times under such a lock. The time zone is a pipe here, so a thread that reads it for the
+// first time stays inside for as long as the test wants.
 
 #include "gp/GPTask.h"
 
@@ -10,8 +10,10 @@
 #include "gp/Owned.h"
 #include "support/Await.h"
 #include "support/CapturedLog.h"
+#include "support/FileCalls.h"
 #include "support/ForkedChild.h"
 #include "support/ManualClock.h"
+#include "support/Sanitizers.h"
 #include "support/TemporaryFolder.h"
 
 #include <gtest/gtest.h>
@@ -55,15 +57,29 @@ protected:
     void SetUp() override {
         if (!systemTellsWaits()) GTEST_SKIP() << "this system does not tell what a thread waits in";
         testsupport::ManualClock::installed().letSleepsPass(true);
+        setenv("PATH", folder_.file("none").c_str(), 1);
         ASSERT_EQ(mkfifo(zone().c_str(), 0600), 0);
+    }
+
+    // Blocks until this process has forked, or comes no further with it because of a lock.
+    static void awaitFork() {
+        comesTrue([] { return forkDone || (forkBegun && mainThreadWaitsAtALock()); });
+    }
+
+    static void watchForks() {
+        pthread_atfork([] { forkBegun = true; }, [] { forkDone = true; }, nullptr);
+    }
+
+    static std::string failure() {
+        const auto text = Owned<GPString>::adopt(GPTask::task("no-such-program", true, false));
+        return text ? text->cstr() : "null";
     }
 
     // What a command that names nothing comes back as, when it is run while another thread is inside `convert`.
     std::string failureWhile(const std::function<void()>& convert) {
         return testsupport::answerOfChild([&]() -> std::string {
             setenv("TZ", (":" + zone()).c_str(), 1);
-            setenv("PATH", folder_.file("none").c_str(), 1);
-            pthread_atfork([] { forkBegun = true; }, [] { forkDone = true; }, nullptr);
+            watchForks();
 
             std::thread converting(convert);
             int end = -1;
@@ -73,13 +89,13 @@ protected:
                 return "nobody reads the time zone";
             }
             std::thread letsGo([&] {
-                comesTrue([] { return forkDone || (forkBegun && mainThreadWaitsAtALock()); });
+                awaitFork();
                 close(end);
             });
-            const auto text = Owned<GPString>::adopt(GPTask::task("no-such-program", true, false));
+            std::string text = failure();
             letsGo.join();
             converting.join();
-            return text ? text->cstr() : "null";
+            return text;
         });
     }
 
@@ -104,4 +120,26 @@ TEST_F(GPTaskForkTest, AChildThatLogsDoesNotHangWhenAnotherThreadMadeADateAtTheF
     EXPECT_EQ(failureWhile([] { Owned<GPDate>::adopt(new GPDate)->toString(); }), report);
     EXPECT_EQ(failureWhile([] { Owned<GPDate>::adopt(new GPDate)->clockTime(); }), report);
     EXPECT_EQ(failureWhile([] { Owned<GPDate>::adopt(new GPDate)->setHour(1); }), report);
+}
+
+TEST_F(GPTaskForkTest, AChildThatLogsDoesNotHangWhenAnotherThreadHeldTheLogsLockAtTheFork) {
+    if (testsupport::sanitized) GTEST_SKIP() << "the checkers need the place of the call that is stopped";
+    EXPECT_EQ(testsupport::answerOfChild([] {
+                  makeLogThreadSafe();
+                  watchForks();
+                  std::atomic<bool> inside{false};
+                  std::thread logging([&] {
+                      testsupport::FileCalls calls;
+                      calls.beforeNextFstat([&] {
+                          inside = true;
+                          awaitFork();
+                      });
+                      logs("inside");
+                  });
+                  comesTrue([&] { return inside.load(); });
+                  std::string text = failure();
+                  logging.join();
+                  return text;
+              }),
+              report);
 }
