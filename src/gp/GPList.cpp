@@ -159,6 +159,16 @@ GPObject* GPList::currentObject() {
     return cursor_ ? static_cast<GPObject*>(cursor_->value) : nullptr;
 }
 
+GPList::Place GPList::place() const {
+    GPMutexLock guard(mutex_);
+    return Place(cursor_);
+}
+
+void GPList::moveTo(Place place) {
+    GPMutexLock guard(mutex_);
+    cursor_ = place.node_;
+}
+
 int GPList::count() {
     GPMutexLock guard(mutex_);
     return count_;

@@ -68,6 +68,11 @@ public:
     GPObject* nextObject();
     GPObject* currentObject();
 
+    // Where the cursor stands, and the way back to it in one step. A place is valid until its element is removed.
+    class Place;
+    Place place() const;
+    void moveTo(Place place);
+
     int count();
     bool isEmpty();
 
@@ -93,4 +98,15 @@ private:
     std::int32_t count_;
     std::uint8_t holdsValues_;
     GPMutex* mutex_;
+};
+
+class GPList::Place {
+public:
+    Place() = default;
+
+private:
+    friend class GPList;
+    explicit Place(Node* node) : node_(node) {}
+
+    Node* node_ = nullptr;
 };

@@ -1,14 +1,12 @@
 #include "packet/HijackPacket.h"
 
 #include "config/Configuration.h"
-#include "gp/GPList.h"
 #include "gp/GPLog.h"
 #include "gp/GPMutex.h"
 #include "gp/GPString.h"
 #include "gp/GPTimer.h"
-#include "packet/TCPPacket.h"
+#include "packet/HijackTable.h"
 
-#include <cstdint>
 #include <cstring>
 
 namespace {
@@ -16,52 +14,20 @@ namespace {
 constexpr int plainLife = 30000000;
 constexpr int tlsLife = 120000000;
 
-// The records in order of creation, and the lock that guards the list and its cursor.
-GPList* const list = new GPList;
+// All records, and the lock that guards them.
+HijackTable* const table = new HijackTable;
 GPMutex* const mutex = new GPMutex;
 
 bool sameAddress(const in6_addr& a, const in6_addr& b) { return std::memcmp(&a, &b, sizeof a) == 0; }
 
 const char* textOrNull(const char* text) { return text ? text : "null"; }
 
-unsigned mark(const HijackPacket* record) {
-    return static_cast<unsigned>(reinterpret_cast<std::uintptr_t>(record));
-}
-
 } // namespace
 
-// Both ends of a packet.
-struct HijackPacket::Ends {
-    explicit Ends(char* packet)
-        : ipv6(TCPPacket::isVersionIPV6(packet)), hasPayload(TCPPacket::payloadSize(packet) > 0) {
-        if (ipv6) {
-            srcIpv6 = TCPPacket::srcIPAddressIpv6(packet, srcPort);
-            dstIpv6 = TCPPacket::dstIPAddressIpv6(packet, dstPort);
-        } else {
-            src = TCPPacket::srcIPAddress(packet, srcPort);
-            dst = TCPPacket::dstIPAddress(packet, dstPort);
-        }
-    }
-
-    bool ipv6;
-    unsigned src = 0;
-    unsigned dst = 0;
-    in6_addr srcIpv6{};
-    in6_addr dstIpv6{};
-    int srcPort = 0;
-    int dstPort = 0;
-    bool hasPayload;
-};
-
-HijackPacket::HijackPacket(char* packet, const char* url, bool https)
-    : url_(new GPString(url)), https_(https), timeout_(https ? tlsLife : plainLife), timer_(new GPTimer) {
-    const Ends ends(packet);
-    srcAddress_ = ends.src;
-    dstAddress_ = ends.dst;
-    srcAddressIpv6_ = ends.srcIpv6;
-    dstAddressIpv6_ = ends.dstIpv6;
-    srcPort_ = ends.srcPort;
-    dstPort_ = ends.dstPort;
+HijackPacket::HijackPacket(const ConnectionEnds& ends, const char* url, bool https)
+    : url_(new GPString(url)), https_(https), srcAddress_(ends.src), dstAddress_(ends.dst),
+      srcAddressIpv6_(ends.srcIpv6), dstAddressIpv6_(ends.dstIpv6), srcPort_(ends.srcPort),
+      dstPort_(ends.dstPort), timeout_(https ? tlsLife : plainLife), timer_(new GPTimer) {
     timer_->start();
 }
 
@@ -72,21 +38,20 @@ HijackPacket::~HijackPacket() {
 }
 
 bool HijackPacket::create(char* packet, const char* url, bool https) {
-    if (TCPPacket::payloadSize(packet) < 1) return false;
+    const ConnectionEnds ends(packet);
+    if (!ends.hasPayload) return false;
     // The creator's reference stays with the record; removal from the list drops it.
-    auto* record = new HijackPacket(packet, url, https);
+    auto* record = new HijackPacket(ends, url, https);
 
     GPMutexLock lock(mutex);
-    list->addObject(record);
+    table->add(record);
     if (Configuration::isLogLevel(128)) {
-        logf("-++ added 0x%x to hijackpackets; (%s) count=%d", mark(record), url, list->count());
+        logf("-++ added 0x%x to hijackpackets; (%s) count=%d", mark(record), url, table->count());
     }
     return true;
 }
 
-bool HijackPacket::isExpired() const { return timer_->elapsedTime() > getTimeout(); }
-
-bool HijackPacket::matches(const Ends& ends) const {
+bool HijackPacket::matches(const ConnectionEnds& ends) const {
     const bool samePorts = ends.srcPort == srcPort_ && ends.dstPort == dstPort_;
     const bool swappedPorts = ends.srcPort == dstPort_ && ends.dstPort == srcPort_;
     if (ends.ipv6) {
@@ -100,35 +65,32 @@ bool HijackPacket::matches(const Ends& ends) const {
            (swappedPorts && ends.src == dstAddress_ && ends.dst == srcAddress_);
 }
 
-HijackPacket* HijackPacket::findLocked(const Ends& ends) {
-    for (list->firstObject(); list->currentObject(); list->nextObject()) {
-        auto* record = static_cast<HijackPacket*>(list->currentObject());
-        if (record->isExpired()) {
-            if (Configuration::isLogLevel(128)) {
-                logf("--- removed 0x%x object from hijackpackets; (%s) count=%d", mark(record), record->URL(),
-                     list->count());
-            }
-            // The removal moves the cursor on, and the loop's step moves it once more: deliberately, the
-            // record behind an expired one is not looked at in this walk.
-            list->removeObject(record);
-            record->release();
-        } else if (record->matches(ends) && (record->https_ || ends.hasPayload)) {
-            return record;
-        }
-    }
-    return nullptr;
+bool HijackPacket::isOfSameConnection(const HijackPacket* other) const {
+    const bool same = srcPort_ == other->srcPort_ && dstPort_ == other->dstPort_ &&
+                      srcAddress_ == other->srcAddress_ && dstAddress_ == other->dstAddress_ &&
+                      sameAddress(srcAddressIpv6_, other->srcAddressIpv6_) &&
+                      sameAddress(dstAddressIpv6_, other->dstAddressIpv6_);
+    const bool swapped = srcPort_ == other->dstPort_ && dstPort_ == other->srcPort_ &&
+                         srcAddress_ == other->dstAddress_ && dstAddress_ == other->srcAddress_ &&
+                         sameAddress(srcAddressIpv6_, other->dstAddressIpv6_) &&
+                         sameAddress(dstAddressIpv6_, other->srcAddressIpv6_);
+    return same || swapped;
+}
+
+unsigned HijackPacket::mark(const HijackPacket* record) {
+    return static_cast<unsigned>(reinterpret_cast<std::uintptr_t>(record));
 }
 
 HijackPacket* HijackPacket::find(char* packet) {
-    const Ends ends(packet);
+    const ConnectionEnds ends(packet);
     GPMutexLock lock(mutex);
-    return findLocked(ends);
+    return table->find(ends);
 }
 
 HijackPacket::Found::Found(char* packet) {
-    const Ends ends(packet);
+    const ConnectionEnds ends(packet);
     GPMutexLock lock(mutex);
-    record_ = findLocked(ends);
+    record_ = table->find(ends);
     if (record_) record_->retain();
 }
 
@@ -140,14 +102,7 @@ HijackPacket::Found::~Found() {
 
 bool HijackPacket::resolve(const char* url, const char* redirect, int timeoutSeconds) {
     GPMutexLock lock(mutex);
-    HijackPacket* record = nullptr;
-    for (list->firstObject(); list->currentObject(); list->nextObject()) {
-        auto* candidate = static_cast<HijackPacket*>(list->currentObject());
-        if (!candidate->isResolved() && candidate->url_->isEqual(url)) {
-            record = candidate;
-            break;
-        }
-    }
+    HijackPacket* record = table->oldestOpen(url);
     if (!record) {
         lock.unlock();
         if (Configuration::isLogLevel(64)) {
@@ -163,6 +118,7 @@ bool HijackPacket::resolve(const char* url, const char* redirect, int timeoutSec
         record->timeout_.store(static_cast<int>(timeoutSeconds * 1000000LL), std::memory_order_relaxed);
         record->timer_->restart();
     }
+    table->resolved(record);
     lock.unlock();
     if (Configuration::isLogLevel(64)) {
         logf("Hijack-resolve:true: target='%s' redirect='%s' (timeout=%d)", url, textOrNull(redirect),
@@ -175,12 +131,10 @@ bool HijackPacket::resolve(const char* url, const char* redirect) { return resol
 
 void HijackPacket::remove(HijackPacket* record) {
     GPMutexLock lock(mutex);
-    if (list->indexOfObject(record) < 0) return;
     const unsigned removed = mark(record);
-    list->removeObject(record);
-    record->release();
+    if (!table->remove(record)) return;
     if (Configuration::isLogLevel(128)) {
-        logf("--- removed 0x%x from hijackpackets; count=%d", removed, list->count());
+        logf("--- removed 0x%x from hijackpackets; count=%d", removed, table->count());
     }
 }
 

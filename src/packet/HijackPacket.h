@@ -1,15 +1,20 @@
 #pragma once
 
 // The memory of one connection whose URL went to the policy agent: open while the query runs, then allowed
-// or redirecting until its time is over. All records sit in one process-wide list; the packet path consults
-// it and drops expired records on its way, the query threads resolve them.
+// or redirecting until its time is over. All records sit in one process-wide list, which HijackTable keeps; the
+// packet path consults it and drops expired records on its way, the query threads resolve them.
 //
 // The static operations may be called on any thread; one lock guards the list. A record has two references,
 // its creator's and the list's, and both go when it leaves the list.
 
+#include "gp/GPList.h"
 #include "gp/GPObject.h"
+#include "packet/ConnectionEnds.h"
+#include "packet/RecordIndex.h"
 
 #include <atomic>
+#include <cstddef>
+#include <cstdint>
 #include <netinet/in.h>
 
 class GPString;
@@ -67,25 +72,43 @@ public:
     };
 
 private:
-    struct Ends;
+    friend class HijackTable;
 
-    HijackPacket(char* packet, const char* url, bool https);
+    HijackPacket(const ConnectionEnds& ends, const char* url, bool https);
 
-    static HijackPacket* findLocked(const Ends& ends);
-    bool matches(const Ends& ends) const;
-    bool isExpired() const;
+    // Whether a packet belongs to this connection, in either direction.
+    bool matches(const ConnectionEnds& ends) const;
 
-    // Set by the constructor and never changed; `redirect_` is stored once, with the list's lock held.
+    // Whether the record speaks for such a packet of its connection.
+    bool answersTo(const ConnectionEnds& ends) const { return https_ || ends.hasPayload; }
+
+    bool isOfSameConnection(const HijackPacket* other) const;
+
+    // What a log line shows of a record.
+    static unsigned mark(const HijackPacket* record);
+
+    // Set by the constructor; `redirect_`, `resolved_` and `timeout_` change with the list's lock held, when the
+    // answer comes.
     GPString* url_;
     std::atomic<GPString*> redirect_{nullptr};
     std::atomic<bool> resolved_{false};
     bool https_;
-    unsigned srcAddress_ = 0;
-    unsigned dstAddress_ = 0;
-    in6_addr srcAddressIpv6_{};
-    in6_addr dstAddressIpv6_{};
-    int srcPort_ = 0;
-    int dstPort_ = 0;
+    unsigned srcAddress_;
+    unsigned dstAddress_;
+    in6_addr srcAddressIpv6_;
+    in6_addr dstAddressIpv6_;
+    int srcPort_;
+    int dstPort_;
     std::atomic<int> timeout_;
     GPTimer* timer_; // guarded by the list's lock
+
+    // The table's, guarded by the list's lock.
+    std::int64_t end_ = 0;   // of the record's time, microseconds since the epoch
+    std::int64_t order_ = 0; // its number in the list
+    bool isOver_ = false;
+    GPList::Place place_;
+    RecordIndexHook<HijackPacket> inConnections_;
+    RecordIndexHook<HijackPacket> inOpen_;
+    std::size_t heapPlace_ = 0;
+    HijackPacket* nextSetAside_ = nullptr;
 };

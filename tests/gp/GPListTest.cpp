@@ -326,6 +326,29 @@ TEST_F(GPListTest, WalkThatRemovesAndStillStepsOnSkipsTheNextElement) {
     EXPECT_EQ(seen, "abd");
 }
 
+TEST_F(GPListTest, TheCursorComesBackToAPlaceThatItHasLeft) {
+    fill(3);
+    list.objectAtIndex(1);
+    const GPList::Place second = list.place();
+    list.firstObject();
+
+    list.moveTo(second);
+    EXPECT_EQ(cursor(), "b");
+
+    list.removeObject(&objects[1]);
+    EXPECT_EQ(cursor(), "c");
+    EXPECT_EQ(forwards(), "ac");
+}
+
+TEST_F(GPListTest, AnEmptyListsCursorHasAPlaceToo) {
+    const GPList::Place nowhere = list.place();
+    fill(1);
+
+    list.moveTo(nowhere);
+
+    EXPECT_EQ(cursor(), "-");
+}
+
 TEST_F(GPListTest, DestructorReleasesObjectsButNotValues) {
     {
         GPList objectsOnly;

@@ -1,0 +1,200 @@
+#include "packet/HijackTable.h"
+
+#include "config/Configuration.h"
+#include "gp/GPLog.h"
+#include "gp/GPString.h"
+#include "gp/GPTimer.h"
+#include "packet/ConnectionEnds.h"
+
+#include <algorithm>
+#include <cstring>
+#include <limits>
+
+namespace {
+
+constexpr std::int64_t longAgo = std::numeric_limits<std::int64_t>::min();
+constexpr std::int64_t endOfList = std::numeric_limits<std::int64_t>::max();
+
+// Folds the 128-bit product of two words into one.
+std::uint64_t mixed(std::uint64_t a, std::uint64_t b) {
+    const unsigned __int128 product = static_cast<unsigned __int128>(a) * b;
+    return static_cast<std::uint64_t>(product) ^ static_cast<std::uint64_t>(product >> 64);
+}
+
+constexpr std::uint64_t oddConstant = 0x9e3779b97f4a7c15;
+
+std::uint64_t wordAt(const void* bytes) {
+    std::uint64_t word;
+    std::memcpy(&word, bytes, sizeof word);
+    return word;
+}
+
+} // namespace
+
+HijackTable::HijackTable() : list_(new GPList), latestOver_(longAgo) {
+    // Addresses and the time of day are nothing that the sender of a packet or of a URL knows.
+    seed_ = mixed(reinterpret_cast<std::uintptr_t>(list_) ^ oddConstant,
+                  static_cast<std::uint64_t>(GPTimer::getClockTime()) | 1);
+}
+
+std::uint64_t HijackTable::hashOfEnd(unsigned address, const in6_addr& addressIpv6, int port) const {
+    const std::uint64_t own = static_cast<std::uint64_t>(address) << 32 | static_cast<unsigned>(port);
+    const std::uint64_t half = mixed(own ^ seed_, wordAt(addressIpv6.s6_addr) ^ oddConstant);
+    return mixed(half ^ seed_, wordAt(addressIpv6.s6_addr + 8) ^ oddConstant);
+}
+
+// The sum makes both directions of a connection one key.
+std::uint64_t HijackTable::hashOf(const ConnectionEnds& ends) const {
+    return hashOfEnd(ends.src, ends.srcIpv6, ends.srcPort) + hashOfEnd(ends.dst, ends.dstIpv6, ends.dstPort);
+}
+
+std::uint64_t HijackTable::hashOf(const HijackPacket* record) const {
+    return hashOfEnd(record->srcAddress_, record->srcAddressIpv6_, record->srcPort_) +
+           hashOfEnd(record->dstAddress_, record->dstAddressIpv6_, record->dstPort_);
+}
+
+std::uint64_t HijackTable::hashOf(const char* url) const {
+    std::size_t left = std::strlen(url);
+    std::uint64_t hash = mixed(left ^ seed_, oddConstant);
+    for (; left >= sizeof hash; left -= sizeof hash, url += sizeof hash)
+        hash = mixed(hash ^ wordAt(url), seed_);
+    std::uint64_t rest = 0;
+    std::memcpy(&rest, url, left);
+    return mixed(hash ^ rest, seed_);
+}
+
+void HijackTable::add(HijackPacket* record) {
+    list_->addObject(record);
+    record->place_ = list_->place();
+    record->order_ = nextOrder_++;
+    connections_.add(record, hashOf(record),
+                     [record](const HijackPacket* other) { return record->isOfSameConnection(other); });
+    open_.add(record, hashOf(record->URL()),
+              [record](const HijackPacket* other) { return record->url_->isEqual(other->url_); });
+
+    const auto records = static_cast<std::size_t>(list_->count());
+    running_.makeRoom(records);
+    over_.makeRoom(records);
+    record->end_ = record->timer_->startedTime() + record->getTimeout();
+    running_.add(record, record->end_);
+}
+
+HijackPacket* HijackTable::find(const ConnectionEnds& ends) {
+    if (list_->isEmpty()) return nullptr;
+    const std::int64_t now = GPTimer::getClockTime();
+    sortOut(now);
+    passedOver_ = nullptr;
+    setAside_ = nullptr;
+    HijackPacket* const found = ends.isIpv6OfZeros() ? findByWalk(ends) : findByIndex(ends);
+    putBack();
+    return found;
+}
+
+// Tells the records whose time is over now from the others.
+void HijackTable::sortOut(std::int64_t now) {
+    if (now <= latestOver_) {
+        // The clock was set back, and some may live again.
+        latestOver_ = longAgo;
+        while (!over_.isEmpty()) {
+            HijackPacket* const record = over_.first();
+            over_.remove(record);
+            record->isOver_ = false;
+            running_.add(record, record->end_);
+        }
+    }
+    while (!running_.isEmpty() && running_.firstNumber() < now) {
+        HijackPacket* const record = running_.first();
+        running_.remove(record);
+        latestOver_ = std::max(latestOver_, record->end_);
+        record->isOver_ = true;
+        over_.add(record, record->order_);
+    }
+}
+
+HijackPacket* HijackTable::findByIndex(const ConnectionEnds& ends) {
+    HijackPacket* record =
+        connections_.first(hashOf(ends), [&ends](const HijackPacket* other) { return other->matches(ends); });
+    for (; record; record = connections_.next(record)) {
+        if (record->isOver_ || !record->answersTo(ends)) continue;
+        dropOverBefore(record->order_);
+        if (record != passedOver_) return record;
+    }
+    dropOverBefore(endOfList);
+    return nullptr;
+}
+
+// An IPv6 packet of zeros meets every IPv4 record with its ports, whatever the addresses, and so no single key.
+HijackPacket* HijackTable::findByWalk(const ConnectionEnds& ends) {
+    list_->firstObject();
+    while (auto* record = static_cast<HijackPacket*>(list_->currentObject())) {
+        if (!record->isOver_ && record->matches(ends) && record->answersTo(ends)) {
+            const GPList::Place place = list_->place();
+            dropOverBefore(record->order_);
+            if (record != passedOver_) return record;
+            list_->moveTo(place);
+        }
+        list_->nextObject();
+    }
+    dropOverBefore(endOfList);
+    return nullptr;
+}
+
+// Does what the walk does to the records whose time is over, up to that place in the list.
+void HijackTable::dropOverBefore(std::int64_t order) {
+    while (!over_.isEmpty() && over_.firstNumber() < order) {
+        HijackPacket* const record = over_.first();
+        if (record == passedOver_) {
+            over_.remove(record);
+            record->nextSetAside_ = setAside_;
+            setAside_ = record;
+        } else {
+            drop(record);
+        }
+    }
+}
+
+void HijackTable::drop(HijackPacket* record) {
+    if (Configuration::isLogLevel(128)) {
+        logf("--- removed 0x%x object from hijackpackets; (%s) count=%d", HijackPacket::mark(record), record->URL(),
+             list_->count());
+    }
+    unlist(record);
+    // The removal moves the cursor on, and the rule's step moves it once more: deliberately, the record behind
+    // one whose time is over is not looked at in this walk.
+    passedOver_ = static_cast<HijackPacket*>(list_->currentObject());
+}
+
+// Those that this walk has passed over wait for the next one.
+void HijackTable::putBack() {
+    for (; setAside_; setAside_ = setAside_->nextSetAside_)
+        over_.add(setAside_, setAside_->order_);
+}
+
+// Takes a record out of everything and drops its two references. The cursor goes to the record behind it.
+void HijackTable::unlist(HijackPacket* record) {
+    connections_.remove(record);
+    if (!record->isResolved()) open_.remove(record);
+    (record->isOver_ ? over_ : running_).remove(record);
+    list_->moveTo(record->place_);
+    list_->removeObject(record);
+    record->release();
+}
+
+HijackPacket* HijackTable::oldestOpen(const char* url) const {
+    if (!url) return nullptr;
+    return open_.first(hashOf(url), [url](const HijackPacket* other) { return other->url_->isEqual(url); });
+}
+
+void HijackTable::resolved(HijackPacket* record) {
+    open_.remove(record);
+    (record->isOver_ ? over_ : running_).remove(record);
+    record->isOver_ = false;
+    record->end_ = record->timer_->startedTime() + record->getTimeout();
+    running_.add(record, record->end_);
+}
+
+bool HijackTable::remove(HijackPacket* record) {
+    if (list_->indexOfObject(record) < 0) return false;
+    unlist(record);
+    return true;
+}

@@ -1,0 +1,108 @@
+#pragma once
+
+// RecordIndex: finds records by a key, in the order in which they were added. Records with one key are a group, a
+// ring; the first of it stands for the group in the table of hashes. All links are in the records themselves, so
+// finding and removing allocate nothing and no key is copied. The hashes are the caller's. Not thread-safe.
+
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+template <class Record>
+struct RecordIndexHook {
+    std::uint64_t hash = 0;
+    Record* next = nullptr;
+    Record* previous = nullptr;
+    Record* nextGroup = nullptr; // in the same place of the table; the first of a group has it
+    bool isFirst = false;
+};
+
+template <class Record, RecordIndexHook<Record> Record::*hook>
+class RecordIndex {
+public:
+    // The first record of the group that `isWanted`, asked with a record of it, recognises; null without one.
+    template <class IsWanted>
+    Record* first(std::uint64_t hash, IsWanted isWanted) const {
+        if (groupsAt_.empty()) return nullptr;
+        for (Record* group = groupsAt_[placeOf(hash)]; group; group = links(group).nextGroup) {
+            if (links(group).hash == hash && isWanted(group)) return group;
+        }
+        return nullptr;
+    }
+
+    // The record behind this one in its group, or null.
+    static Record* next(const Record* record) {
+        Record* behind = (record->*hook).next;
+        return links(behind).isFirst ? nullptr : behind;
+    }
+
+    // Puts a record at the end of the group that `isWanted` recognises, or begins one with it.
+    template <class IsWanted>
+    void add(Record* record, std::uint64_t hash, IsWanted isWanted) {
+        if (groupCount_ >= groupsAt_.size()) grow();
+        Record* group = first(hash, isWanted);
+        if (!group) {
+            links(record) = {hash, record, record, nullptr, true};
+            enter(record);
+            ++groupCount_;
+            return;
+        }
+        Record* last = links(group).previous;
+        links(record) = {hash, group, last, nullptr, false};
+        links(last).next = record;
+        links(group).previous = record;
+    }
+
+    // Takes a record out that is in the index. The next of its group takes its place.
+    void remove(Record* record) {
+        RecordIndexHook<Record>& own = links(record);
+        if (own.isFirst) {
+            Record** place = placeOfGroup(record);
+            *place = own.nextGroup;
+            if (own.next == record) {
+                --groupCount_;
+            } else {
+                links(own.next).isFirst = true;
+                enter(own.next);
+            }
+        }
+        links(own.previous).next = own.next;
+        links(own.next).previous = own.previous;
+        own = {};
+    }
+
+private:
+    static constexpr std::size_t smallest = 64;
+
+    static RecordIndexHook<Record>& links(Record* record) { return record->*hook; }
+
+    std::size_t placeOf(std::uint64_t hash) const { return hash & (groupsAt_.size() - 1); }
+
+    Record** placeOfGroup(Record* first) {
+        Record** place = &groupsAt_[placeOf(links(first).hash)];
+        while (*place != first)
+            place = &links(*place).nextGroup;
+        return place;
+    }
+
+    void enter(Record* first) {
+        Record*& head = groupsAt_[placeOf(links(first).hash)];
+        links(first).nextGroup = head;
+        head = first;
+    }
+
+    void grow() {
+        std::vector<Record*> before(groupsAt_.empty() ? smallest : groupsAt_.size() * 2);
+        before.swap(groupsAt_);
+        for (Record* group : before) {
+            while (group) {
+                Record* const nextGroup = links(group).nextGroup;
+                enter(group);
+                group = nextGroup;
+            }
+        }
+    }
+
+    std::vector<Record*> groupsAt_; // its size is a power of two
+    std::size_t groupCount_ = 0;
+};
