@@ -96,6 +96,12 @@ TEST_F(ConfigurationRelays, ANullRelayAndFormatAreStoredAsEmptyTexts) {
     EXPECT_STREQ(Configuration::getLastRelayUserFormat("bob")->cstr(), "");
 }
 
+TEST_F(ConfigurationRelays, ARowOfARelayWithoutATextIsWrittenWithAnEmptyOne) {
+    Configuration::setLastRelay("bob", nullptr, nullptr);
+    EXPECT_NE(file().find("<Users>\n<bob UserFormatType=\"\"></bob>\n</Users>\n"), std::string::npos)
+        << file();
+}
+
 TEST(UserRelay, TextsAreCopiesAndNullGivesAnEmptyText) {
     char name[] = "bob";
     auto relay = Owned<UserRelay>::adopt(new UserRelay(name, nullptr, "f"));

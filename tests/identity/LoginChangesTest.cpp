@@ -74,6 +74,15 @@ TEST_F(LoginChangesTest, TheConsoleNameHasRoomFor254Bytes) {
     EXPECT_EQ(consoleName(), "(null)");
 }
 
+TEST_F(LoginChangesTest, AnEmptyConsoleNameIsANameLikeAnother) {
+    console.seat("alice");
+    startWatch();
+    logIn("");
+    notify();
+    EXPECT_EQ(reports(), (Names{"alice", ""}));
+    EXPECT_EQ(UserAuth::userName(), nullptr);
+}
+
 TEST_F(LoginChangesTest, AUserWhoIsAlreadyLoggedOnGivesACallbackAtStart) {
     console.seat("alice");
     startWatch();
