@@ -274,6 +274,35 @@ TEST_F(GPSocketsTls, MovesMoreThanTheSocketHoldsInBothDirections) {
     EXPECT_TRUE(received == sent);
 }
 
+TEST_F(GPSocketsTls, AReadGoesOnUntilAllThatWasAskedForIsThereOrTheConnectionEnds) {
+    const Certificate certificate("server.test");
+    certificate.trust();
+    TlsServer server(certificate, [](SSL* session) {
+        tlsSend(session, "hello");
+        tlsSend(session, " you");
+        tlsSend(session, " there");
+        SSL_shutdown(session);
+    });
+    ASSERT_TRUE(open(server.port()));
+    char bytes[100] = {};
+    EXPECT_EQ(socket_.sslRead(bytes, 9), 9) << "each piece is a record of its own";
+    EXPECT_STREQ(bytes, "hello you");
+    EXPECT_EQ(socket_.sslRead(bytes, sizeof bytes), 6);
+}
+
+TEST_F(GPSocketsTls, WhatTheLibraryStillHoldsWhenAPeerLeavesWithoutAWordIsLost) {
+    const Certificate certificate("server.test");
+    certificate.trust();
+    const std::string record(10000, 'a');
+    TlsServer server(certificate, [&](SSL* session) { tlsSend(session, record); });
+    ASSERT_TRUE(open(server.port()));
+    // As a read does that was told of fewer bytes than have come by the time it takes them.
+    char bytes[10];
+    ASSERT_EQ(socket_.sslRead(bytes, sizeof bytes), 10);
+    ASSERT_TRUE(server.finish());
+    EXPECT_EQ(readAll(), "");
+}
+
 TEST_F(GPSocketsTls, ClosingTellsThePeer) {
     const Certificate certificate("server.test");
     certificate.trust();
