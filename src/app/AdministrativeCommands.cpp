@@ -40,7 +40,7 @@ void printMacAddress() {
     if (addresses && addresses->count() > 0)
         std::printf("the Mac address: %s\n", static_cast<GPString*>(addresses->objectAtIndex(0))->cstr());
     else
-        std::printf("no Mac addresses avaliable"); // no line break, deliberately
+        std::printf("no Mac addresses avaliable"); // the next line runs on behind it
 }
 
 void printResolution(const char* host, bool isGiven) {
@@ -104,7 +104,7 @@ void installDaemons() {
     run(GPString::format("chown root:wheel %s", HostPaths::logDirectory()));
     run(GPString::format("chmod ugo+rwx %s", HostPaths::logDirectory()));
     run(new GPString(HostPaths::mintroot()));
-    // Deliberately not the order of the unloading.
+    // In an order of their own, not that of the unloading.
     for (const char* definition : {HostPaths::bulwarkdDefinition(), HostPaths::ostlerjsDefinition(),
                                    HostPaths::fernhillDefinition(), HostPaths::twproxyDefinition()})
         run(GPString::format("launchctl load %s", definition));

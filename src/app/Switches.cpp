@@ -30,7 +30,7 @@ bool testswitch = false;
 bool serverswitch = false;
 bool ldapswitch = false;
 
-// Lists six switches only, on purpose.
+// Six of the switches; the others stay untold.
 constexpr const char* helpText =
     "\nOstler Interceptor v%s  Tarnwick Systems. Filters mobile clients.\n\n"
     "    -h\t\t\t\tprints this help menu\n\n"
@@ -188,7 +188,7 @@ struct Switch {
     Then (*run)(const char* rest);
 };
 
-// In order of precedence. The loose matches, such as -quiet for -q, are deliberate.
+// In order of precedence. Where a prefix is enough, longer words match as well: -quiet is -q.
 constexpr Switch switches[] = {
     {"-h", false, help},         {"-logecho", false, logEcho}, {"-d", false, install},
     {"-unload", false, unload},  {"-reload", false, reload},   {"-reboot", false, reboot},
