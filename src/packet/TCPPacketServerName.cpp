@@ -80,7 +80,7 @@ bool sslDomain(const unsigned char* data, int size, char* out, int capacity) {
                 }
                 return true;
             }
-            // Five bytes further than the extension reaches; deliberate.
+            // Five bytes further than the extension reaches: what follows is read askew.
             step = 9;
         }
         at += step + length;
