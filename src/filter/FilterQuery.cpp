@@ -36,7 +36,7 @@ GPMutex& mutex = *new GPMutex;                 // also the server lock
 std::atomic<int> querynum{0};
 std::atomic<bool> filteringDisabled{false}; // changed under disableMutex
 
-// Deliberately no atomic step: two threads can draw one number, which touches log lines alone.
+// No atomic step: two threads can draw one number, which touches log lines alone.
 int nextQueryNumber() {
     const auto drawn = static_cast<unsigned>(querynum.load(std::memory_order_relaxed));
     const int number = static_cast<int>(drawn + 1);
@@ -108,7 +108,7 @@ void FilterQuery::filterThread(void* argument) {
 }
 
 void FilterQuery::OstCommFilterQueryThread(THREADPARAMS* params, int) {
-    // Deliberate: no delay between the attempts and no limit on their number.
+    // No delay between the attempts and no limit on their number: the agent ends it by another answer.
     while (!askAndResolve(params->url)) {
     }
 }

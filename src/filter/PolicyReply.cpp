@@ -13,7 +13,7 @@ constexpr char lookupTimeout[] = "\"error\":\"TW Host lookup timeout\"";
 
 PolicyReply readPolicyReply(GPString* reply) {
     if (!reply) return PolicyReply::noDecision;
-    // Deliberate: the prefix test holds both ways, so an empty reply, which is how a reconnect ends a query,
+    // The prefix test holds both ways, so an empty reply, which is how a reconnect ends a query,
     // allows the URL.
     if (reply->startsWith("{}")) return PolicyReply::allowed;
     if (reply->find(redirectKey, false) >= 1) return PolicyReply::blocked;

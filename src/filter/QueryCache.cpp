@@ -36,7 +36,7 @@ bool isInQueryCache(GPList* cache, const char* url) {
             drop(cache, entry);
         else if (entry->url->isEqual(url))
             return true;
-        // Deliberate: after a removal the cursor is already on the next entry, which is thus stepped over.
+        // After a removal the cursor is already on the next entry, which is thus stepped over.
         entry = static_cast<QueryCacheEntry*>(cache->nextObject());
     }
     return false;
