@@ -23,7 +23,7 @@ void storePlatform(GPString* text) {
     platformGPString = text->encode()->makestatic();
 }
 
-// Deliberate: the name without the version comes last and replaces the other, so the service never sees the
+// The name without the version comes last and replaces the other, so the service never sees the
 // system's version.
 void buildPlatform() {
     if (!cachedVersionString) {

@@ -124,7 +124,7 @@ public:
     // Brings a server back.
     static void removeDownServer(const char* name);
 
-    // Brings nothing back, deliberately; always 0.
+    // Brings nothing back, since a server comes back by its name alone; always 0.
     static int removeDownServers();
 
     // A snapshot of the server list, which the caller releases.

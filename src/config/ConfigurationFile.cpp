@@ -55,7 +55,7 @@ void addUsers(GPDOMElement* root) {
     auto relays = Owned<GPArray>::adopt(state.usersArray->getArray());
     for (int i = 0; i < relays->count(); ++i) {
         auto* relay = static_cast<UserRelay*>(relays->objectAtIndex(i));
-        // Deliberately not the attribute that the reader looks for: relays live for one run of the process.
+        // Not the attribute that the reader looks for: relays live for one run of the process.
         if (relay)
             addRow(list.get(), relay->userName.load()->cstr(), "UserFormatType",
                    Owned<GPString>::adopt(relay->userFormat.load()->copy()), relay->lastRelay.load()->cstr());
@@ -129,7 +129,7 @@ void readString(GPDOMElement* root, const char* name, std::atomic<GPString*>& st
         stored.store(GPString::staticstring(text->cstr()), std::memory_order_release);
 }
 
-// An empty text deliberately counts: it turns the flag off.
+// An empty text counts too: as no true word it turns the flag off.
 void readBoolIfText(GPDOMElement* root, const char* name, std::atomic<bool>& flag) {
     if (GPString* text = textIn(root, name)) flag = text->boolValue();
 }
@@ -139,7 +139,7 @@ void readBool(GPDOMElement* root, const char* name, std::atomic<bool>& flag) {
     if (GPDOMElement* element = root->findElement(name)) flag = element->value && element->value->boolValue();
 }
 
-// An empty text deliberately counts: like any text that is no number it gives -1.
+// An empty text counts too: like any text that is no number it gives -1.
 void readInt(GPDOMElement* root, const char* name, std::atomic<std::int32_t>& number) {
     if (GPString* text = textIn(root, name)) number = text->intValue();
 }
@@ -158,7 +158,7 @@ GPString* serverTypeAttribute(GPDOMElement* row) {
     return value && value->isInstanceOf("GPString") ? static_cast<GPString*>(value) : nullptr;
 }
 
-// Deliberately wants an attribute that the writer does not write.
+// Wants an attribute that the writer does not write, so that relays live for one run of the process.
 void readUser(GPDOMElement* row) {
     GPString* format = serverTypeAttribute(row);
     if (!hasText(row->name) || !hasText(row->value) || !format) return;
