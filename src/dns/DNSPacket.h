@@ -26,8 +26,8 @@ public:
     // Makes sure that both tables and the forced-safe-search address exist. Blocks on a look-up.
     static void resolveRedirectIP();
 
-    // Whether a redirect host has this address (host order). Deliberately takes no lock that is held across
-    // work on the hosts file.
+    // Whether a redirect host has this address (host order). Takes no lock that is held across work on
+    // the hosts file, so that no packet waits for that.
     static bool isSslIp(unsigned address);
 
     // The address of the web search's forced-safe-search host in network order; 0 while it is not known.

@@ -23,7 +23,7 @@ struct FixedHost {
     const char* address;
 };
 
-// Deliberately not the set of the built-in table.
+// Another set than that of the built-in table.
 constexpr FixedHost fixedHosts[] = {
     {"encrypted.google.com", "216.239.38.120"}, {"encrypted.google.com.au", "216.239.38.120"},
     {"www.google.co.uk", "216.239.38.120"},     {"images.google.com", "216.239.38.120"},

@@ -48,7 +48,7 @@ char* readLabels(char* at, char* name, const char* begin, const char* end) {
     std::ptrdiff_t length = byteAt(at++);
     CycleWatch<const char*> watch(nullptr);
     while (!watch.isRepeated(at)) {
-        // A length is signed here, deliberately: a negative one takes the text up to its zero byte and leads
+        // A length is signed here: a negative one takes the text up to its zero byte and leads
         // backwards. In the question section, which is not compressed, there is none.
         const std::ptrdiff_t room = end - at;
         const std::ptrdiff_t wanted = length < 0 ? room + 1 : length;
@@ -105,7 +105,7 @@ struct Label {
 };
 
 // The label that the pointer at `pos` leads to. The byte there counts as a length whatever its top bits are,
-// so that a pointer to a pointer reads as a long label; deliberate. `behind`, unless null, gets the place
+// so that a pointer to a pointer reads as a long label. `behind`, unless null, gets the place
 // behind the pointer. False, after a log line, for a pointer that leads out of the data.
 bool followPointer(const unsigned char* data, int pos, int limit, int* behind, Label& label) {
     logs("Domain is compressed\n");
@@ -144,7 +144,7 @@ bool readName(char*& position, char* name, char* message, unsigned short& nameOf
     nameOffset = static_cast<unsigned short>(static_cast<unsigned>(start - message) << 8 | 0xc0);
     char* behind = readLabels(start, name, begin, end);
     if (!behind) return false;
-    // Deliberate: a pointer is not stepped over.
+    // Behind a pointer the position stays on it.
     if (start == position) position = behind;
     return true;
 }
