@@ -29,7 +29,7 @@ AgentFrameStep readAgentFrame(const char* bytes, std::size_t held, std::size_t o
 
     frame.type = platform::readBig32(start + 4);
     frame.sequence = platform::readBig32(start + 8);
-    // Deliberate: the body runs on to the end of all bytes held or to the first NUL, which the length field of
+    // The body runs on to the end of all bytes held or to the first NUL, which the length field of
     // any following frame below 16 MiB begins with. The frame's own length does not end it.
     frame.body = start + agentFrameHeader;
     frame.bodyLength = strnlen(frame.body, left - agentFrameHeader);

@@ -34,7 +34,7 @@ struct AgentLink {
     std::atomic<std::uint8_t> responseThreadRunning{0};
     GPDate* responseThreadStarted = nullptr; // guarded by startedMutex
 
-    // Takes a number for a frame. Deliberately no atomic step: two threads can draw the same number.
+    // Takes a number for a frame. No atomic step: two threads can draw the same number.
     std::uint32_t nextSequence();
 
     // Builds a frame in a buffer of `Space` bytes and sends it in one piece, unmixed with other frames. False

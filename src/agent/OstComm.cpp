@@ -181,7 +181,8 @@ bool OstComm::getConfigurationCommand() {
 }
 
 GPString* OstComm::getDNSRedirectsCommand() {
-    // Deliberate: no lock around the send, no look at `opened`, and the read competes with the reader thread.
+    // No lock around the send, no look at `opened`, and the read competes with the reader thread: good only
+    // while nobody else uses the link.
     char frame[agentOtherFrameSpace];
     const std::size_t length =
         buildAgentFrame(frame, sizeof frame, agentDnsRedirectsFrame, agentLink.nextSequence(), "");
@@ -250,7 +251,7 @@ GPString* getIpAddresses() {
     }
     if (lists[0].length()) {
         text->appendFormat("\"IPv4\":[%s]", lists[0].cstr());
-        // Deliberate: the comma comes whether or not IPv6 addresses follow.
+        // The comma comes whether or not IPv6 addresses follow; the agent bears it.
         text->append(",");
     }
     if (lists[1].length()) text->appendFormat("\"IPv6\":[%s]", lists[1].cstr());

@@ -31,6 +31,6 @@ bool OstComm::postDataUrl(const char* url, char* body) {
         logf("postDataUrl server error: %s", text.empty() ? "(null)" : text.c_str());
         *failed = true;
     });
-    // Deliberately does not wait for the completion, so this is nearly always false.
+    // The completion is not waited for, so this is nearly always false.
     return *failed;
 }

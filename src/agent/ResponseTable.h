@@ -43,7 +43,7 @@ public:
     // of what it holds, owned by the caller.
     bool take(std::uint32_t sequence, GPString*& response);
 
-    // Gives the head of the list an empty response and wakes who waits there. Deliberately the head alone,
+    // Gives the head of the list an empty response and wakes who waits there. The head alone,
     // whether somebody waits at it or not: later waiters stay asleep.
     void wakeHead();
 

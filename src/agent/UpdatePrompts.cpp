@@ -32,7 +32,7 @@ void runUpdate() {
     [[maybe_unused]] const int ignored = std::system(helper);
 }
 
-// Deliberately sleeps the full time, however old the reader of the agent link is already.
+// Sleeps the full time, however old the reader of the agent link is already.
 void settle() {
     const auto settled = Owned<GPDate>::adopt(OstComm::responseThreadStarted());
     const auto now = Owned<GPDate>::adopt(GPDate::now());

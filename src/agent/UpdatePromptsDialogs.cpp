@@ -48,7 +48,7 @@ bool ask(int seconds, const NotificationDictionary& dictionary,
     return (response & platform::notificationResponseMask) == platform::notificationDefaultResponse;
 }
 
-// Deliberately never released by its user.
+// Its user never releases it: ten short texts for an update at the most.
 GPString* countdownHeader(int minutes) {
     return minutes < 2 ? GPString::format("Ostler has an update for you in %d minute", minutes)
                        : GPString::format("Ostler has an update for you in %d minutes", minutes);

@@ -144,7 +144,7 @@ bool Updater::finishUpdate(const char* name) {
     if (!directory) return false;
     const auto target = Owned<GPString>::adopt(GPString::format("%s/%s", directory, name));
     const auto source = Owned<GPString>::adopt(GPString::format("%s/%s", directory, waitingExecutable));
-    // Deliberately before the move is known to work: without a waiting executable the old one is gone.
+    // Before the move is known to work: without a waiting executable the old one is gone.
     deleteFile(target->cstr());
     return moveFile(source->cstr(), target->cstr());
 }
