@@ -56,7 +56,7 @@ void storeRelay(const DirectoryDetails& user, DSInfo* info) {
     const std::string* name = firstValue(user, recordName);
     if (name) {
         info->username = *name;
-        Configuration::getLastRelayUser(name->c_str()); // the answer is deliberately not used
+        Configuration::getLastRelayUser(name->c_str()); // for its log line; nothing uses the answer
     }
     std::string composed;
     const std::string* relay = chooseRelay(user, name, composed, info);
@@ -80,7 +80,7 @@ void DSQuery::processADResults(const DirectoryRecords& results, DSInfo* info) {
                      user, error) ||
         !readDetails(results, kODRecordTypeComputers, {distinguishedName, nativeName}, computer, error)) {
         fail(error);
-        logText("Failed to process Active Directory results."); // deliberately at every log level
+        logText("Failed to process Active Directory results."); // at every log level
         return;
     }
     storeRelay(user, info);

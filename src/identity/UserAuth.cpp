@@ -164,7 +164,7 @@ void prepareLdapSearch() {
 GPString* UserAuth::consoleName() {
     char name[255];
     if (!platform::consoleUser().copyName(name, sizeof name)) return nullptr;
-    // A domain in front stays, on purpose.
+    // A domain in front stays: the agent is told the whole name.
     return new GPString(name);
 }
 
