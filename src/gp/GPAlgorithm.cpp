@@ -201,7 +201,7 @@ GPString* GPAlgorithm::identifierForMACAddress(GPString* address) {
 GPData* GPAlgorithm::encodeBase64(const char* bytes, int length) {
     const std::int64_t count = bytes && length > 0 ? length : 0;
     const std::int64_t groups = (count + 2) / 3;
-    const std::int64_t reported = 3 + 3 * groups; // deliberate: not the text's real size
+    const std::int64_t reported = 3 + 3 * groups; // what callers are told; the text is longer
     const std::int64_t size = groups * 4;
     if (size > INT_MAX) return nullptr;
     const auto byteAt = [&](std::int64_t i) {

@@ -92,7 +92,7 @@ void GPArray::addValue(void* value) {
 int GPArray::removeObject(GPObject* object) {
     if (!object) return -1;
     int const index = removeValue(object);
-    // Released even when it was not there, on purpose.
+    // Released even when it was not there.
     object->release();
     return index;
 }
@@ -140,7 +140,7 @@ void* GPArray::removeValueAtIndex(int index) {
 void GPArray::removeAllObjects() {
     GPMutexLock guard(mutex_);
     int const used = count_.load(std::memory_order_relaxed);
-    // Values are released as well, on purpose.
+    // Values are released as well.
     for (int index = 0; index < used; ++index) {
         if (entries_[index]) static_cast<GPObject*>(entries_[index])->release();
     }

@@ -106,7 +106,7 @@ private:
         writeAttributes(element->attributes);
         if (shortClose_ && isEmpty(element->value) && isEmpty(element->children)) {
             text += "/>\n";
-            // Deliberate: this indent stands in the next sibling's line, which gets too many tabs.
+            // This indent stands in the next sibling's line, which gets too many tabs.
             indent(depth);
             return false;
         }
@@ -234,7 +234,7 @@ private:
             const auto from = static_cast<std::size_t>(current_->valueStart);
             current_->value = copyOf(&text_[from], open_ - from);
         }
-        // Deliberate: an end tag of another name closes a level just as well.
+        // Names are not compared: an end tag of another name closes a level just as well.
         current_ = current_->parent;
     }
 
@@ -250,7 +250,7 @@ private:
         std::string bareName = element->name->cstr();
         bareName.erase(std::remove(bareName.begin(), bareName.end(), '/'), bareName.end());
         element->name->reset(bareName.c_str());
-        // Deliberate: behind a self-closed child the scanner goes one level higher than the element that
+        // Behind a self-closed child the scanner goes one level higher than the element that
         // contains it. Readers search the whole tree and do not notice.
         if (current_ && current_->parent) current_ = current_->parent;
     }

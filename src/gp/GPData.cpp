@@ -72,7 +72,7 @@ void GPData::clear() {
     delete[] bytes_;
     bytes_ = zeroed(1);
     size_ = 1;
-    // The spare stays, on purpose.
+    // The spare stays.
     length_ = 0;
 }
 

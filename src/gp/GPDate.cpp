@@ -107,7 +107,7 @@ GPString* GPDate::ISOString(bool utc) {
     return formatted(utc ? "%FT%TZ" : "%FT%T%z", *timeValues_);
 }
 
-// Deliberately leaves the broken-down view alone.
+// A broken-down view that was made before stays as it is.
 void GPDate::timeInFuture(int seconds) { rawTime_ += seconds; }
 
 long GPDate::compareDate(GPDate* other) const { return compareDate(static_cast<long>(other->rawTime_)); }

@@ -115,7 +115,7 @@ int GPList::indexOfObject(void* value) {
 
 GPObject* GPList::removeObject(GPObject* object) {
     removeValue(object);
-    // Released even when it was not there, on purpose.
+    // Released even when it was not there.
     object->release();
     return object;
 }

@@ -103,7 +103,7 @@ void logs(char const* text) {
     const std::string line = logLine(text);
     if (logEcho.load(relaxed)) std::printf("[LogEcho]: %s", line.c_str());
     {
-        // Deliberately named outside the lock: a rotation can have moved this file when it is written.
+        // Named outside the lock: a rotation can have moved this file when it is written.
         const auto name = Owned<GPString>::adopt(currentLogName(counter.load(relaxed)));
         GPMutexLock lock(currentMutex());
         appendGuarded(name->cstr(), line.data(), line.size(), &logFile);

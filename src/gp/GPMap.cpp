@@ -165,7 +165,7 @@ void GPMap::rebalance() {
     GPMutexLock guard(mutex_);
     buckets_->expandArray(buckets_->arraySpace() * 2);
     addBuckets(buckets_->arraySpace());
-    // The pairs come back without being counted and without the map's own reference, on purpose.
+    // The pairs come back without being counted and without the map's own reference.
     for (int index = 0; index < pairs->count(); ++index) {
         GPPair* pair = pairOf(pairs->objectAtIndex(index));
         bucketForKey(pair->key())->addObject(pair);

@@ -112,7 +112,7 @@ bool GPSockets::openConnection() {
         ipAddress_ = new GPString(text);
 
     fcntl(socket_, F_SETFL, fcntl(socket_, F_GETFL, 0) | O_NONBLOCK);
-    // Deliberately not examined: the connection completes later, and the first write's wait finds out.
+    // Not examined: the connection completes later, and the first write's wait finds out.
     const sockaddr_in record = platform::internetAddress(address, port_);
     static_cast<void>(::connect(socket_, reinterpret_cast<const sockaddr*>(&record), sizeof record));
 
@@ -159,7 +159,7 @@ bool GPSockets::listenConnection(void (*callback)(GPSockets*), int count) {
     auto* address = reinterpret_cast<sockaddr*>(&record);
     getIPAddress(host_, address, port_);
     if (::bind(socket_, address, sizeof record) != 0) return false;
-    // Deliberately the same number as the time-out.
+    // One number serves as the time-out and as the backlog.
     if (::listen(socket_, Default_Timeout) != 0) return false;
     socketListen(callback, count);
     return true;
@@ -221,7 +221,8 @@ bool GPSockets::getIPAddress(const char* host, sockaddr* address, int port) {
     }
     platform::HostEntry entry;
     if (!platform::nameLookup().gethostbyname(host, entry) || entry.addresses.empty()) return false;
-    // Deliberately the raw address read as if it were text: a name's own address is not what comes out.
+    // The raw address is read as if it were text, so a name's own address is not what comes out. Listeners are
+    // given numbers alone.
     inet_aton(entry.addresses[0].c_str(), &record->sin_addr);
     return true;
 }

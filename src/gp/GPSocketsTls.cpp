@@ -25,7 +25,7 @@ bool GPSockets::openSSLConnection() {
     platform::SSLSetConnection(
         sslContext_, reinterpret_cast<platform::SSLConnectionRef>(static_cast<std::intptr_t>(socket_)));
     platform::SSLSetProtocolVersionMin(sslContext_, platform::kSSLProtocolAll);
-    // Deliberately spins without a wait, and takes whatever status ends it.
+    // Spins without a wait, and takes whatever status ends it: a failed handshake shows in the reads alone.
     while (platform::SSLHandshake(sslContext_) == platform::errSSLWouldBlock) {
     }
     return true;
@@ -42,7 +42,7 @@ long GPSockets::sslRead(char* bytes, long length) {
     if (length <= 0 || !sslContext_) return 0;
     long total = 0;
     auto status = platform::errSSLWouldBlock;
-    // Deliberately spins until everything asked for is there or the connection ends.
+    // Spins, at full load, until everything asked for is there or the connection ends.
     while (status == platform::errSSLWouldBlock && total < length) {
         std::size_t processed = 0;
         status = platform::SSLRead(sslContext_, bytes + total, static_cast<std::size_t>(length - total),

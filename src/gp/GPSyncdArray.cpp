@@ -105,7 +105,7 @@ GPObject* GPSyncdArray::findStringObject(char const* text) {
     GPObject* candidate = nullptr;
     for (int index = 0; index < snapshot->count(); ++index) {
         candidate = snapshot->objectAtIndex(index);
-        // An element that is no string stays the candidate, on purpose.
+        // An element that is no string stays the candidate.
         if (!candidate->isInstanceOf(GPString::GPStringClassName())) continue;
         if (static_cast<GPString*>(candidate)->isEqual(text)) break;
         candidate = nullptr;

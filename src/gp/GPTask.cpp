@@ -58,7 +58,7 @@ GPString* readFailPipe(Pipe& pipe) {
 }
 
 // The child's output as a new string, or null. The end of an output is only seen by a short chunk, so one
-// that is a multiple of the chunk deliberately blocks here.
+// that is a multiple of the chunk blocks here: the other end of the pipe is open in this process too.
 GPString* readOutput(const Pipe& pipe) {
     constexpr std::size_t chunkSize = 4096;
     GPString* output = nullptr;
@@ -153,12 +153,12 @@ GPString* GPTask::run(char const* commandLine) {
         }
         state = sign.look(child);
     }
-    // From a child that never became a program the pipe of its output deliberately stays open.
+    // From a child that never became a program the pipe of its output stays open.
     if (state == platform::ExecState::ended) return isready(failPipe) ? readFailPipe(failPipe) : nullptr;
 
     failPipe.closeBoth();
     if (!wait_) return nullptr;
-    // The output is only read afterwards, so a child that fills the pipe deliberately blocks both sides.
+    // The output is only read afterwards, so a child that fills the pipe blocks both sides.
     while (waitpid(child, nullptr, 0) < 0 && errno == EINTR) {
     }
     GPString* output = isready(ioPipe) ? readOutput(ioPipe) : nullptr;

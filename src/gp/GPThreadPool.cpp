@@ -44,8 +44,8 @@ void GPThreadPool::processWork(GPList* queue, GPArray* threads, int count, GPMut
     while (GPThread* slot = getFreeThread(threads, count)) {
         auto* operation = static_cast<GPThreadOpt*>(queue->pop());
         while (operation && operation->pool->isWaiting()) {
-            // While the slots are being joined, whoever comes by works the queue off, deliberately with the
-            // lock held.
+            // While the slots are being joined, whoever comes by works the queue off, with the lock held: such an
+            // operation must not add another.
             operation->function(operation->argument);
             operation->release();
             operation = static_cast<GPThreadOpt*>(queue->pop());
@@ -88,7 +88,7 @@ int GPThreadPool::maxOperationCount() const { return maxOperationCount_.load(std
 int GPThreadPool::workingCount() {
     mutex_->lock();
     for (int i = 0; i < threads_->count(); ++i) {
-        // Deliberately leaves the lock held.
+        // Leaves the lock held, which blocks the pool. Nothing calls it.
         if (!static_cast<GPThread*>(threads_->valueAtIndex(i))->isRunning()) return i;
     }
     mutex_->unlock();
