@@ -155,11 +155,11 @@ void HijackTable::dropOverBefore(std::int64_t order) {
 
 void HijackTable::drop(HijackPacket* record) {
     if (Configuration::isLogLevel(128)) {
-        logf("--- removed 0x%x object from hijackpackets; (%s) count=%d", HijackPacket::mark(record), record->URL(),
-             list_->count());
+        logf("--- removed 0x%x object from hijackpackets; (%s) count=%d", HijackPacket::mark(record),
+             record->URL(), list_->count());
     }
     unlist(record);
-    // The removal moves the cursor on, and the rule's step moves it once more: deliberately, the record behind
+    // The removal moves the cursor on, and the rule's step moves it once more: the record behind
     // one whose time is over is not looked at in this walk.
     passedOver_ = static_cast<HijackPacket*>(list_->currentObject());
 }

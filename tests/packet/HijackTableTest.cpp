@@ -58,7 +58,9 @@ protected:
 
     int draw(int below) { return static_cast<int>(random_() % static_cast<unsigned>(below)); }
 
-    PacketBuffer& drawPacket() { return packets_[static_cast<std::size_t>(draw(static_cast<int>(packets_.size())))]; }
+    PacketBuffer& drawPacket() {
+        return packets_[static_cast<std::size_t>(draw(static_cast<int>(packets_.size())))];
+    }
 
     std::string drawUrl() { return "http://" + std::to_string(draw(6)) + ".example/"; }
 
@@ -135,11 +137,16 @@ protected:
     void moveTime() {
         if (plain_.records().size() > 100) advance(200000001);
         const int kind = draw(20);
-        if (kind < 8) advance(draw(3));
-        else if (kind < 16) advance(timeRuns_ ? draw(8000000) : draw(400000));
-        else if (kind < 18) advance(timeRuns_ ? 30000000 : 1);
-        else if (kind < 19) advance(-draw(40000000));
-        else if (timeRuns_) advance(draw(2) == 0 ? 30000001 : 120000001);
+        if (kind < 8)
+            advance(draw(3));
+        else if (kind < 16)
+            advance(timeRuns_ ? draw(8000000) : draw(400000));
+        else if (kind < 18)
+            advance(timeRuns_ ? 30000000 : 1);
+        else if (kind < 19)
+            advance(-draw(40000000));
+        else if (timeRuns_)
+            advance(draw(2) == 0 ? 30000001 : 120000001);
     }
 
     void forgetRemoved() {

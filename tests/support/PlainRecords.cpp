@@ -45,7 +45,8 @@ int PlainRecords::find(const ConnectionEnds& ends, std::int64_t now) {
     return -1;
 }
 
-bool PlainRecords::resolve(const std::string& url, const char* redirect, int timeoutSeconds, std::int64_t now) {
+bool PlainRecords::resolve(const std::string& url, const char* redirect, int timeoutSeconds,
+                           std::int64_t now) {
     const std::string ends = "target='" + url + "' redirect='" + (redirect ? redirect : "null") + "'";
     for (Record& record : records_) {
         if (record.url != url || record.resolved) continue;
