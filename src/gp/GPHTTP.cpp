@@ -274,8 +274,10 @@ bool GPHTTP::parseAnswer(std::string_view answer, int& code, GPMap& headers) {
         auto valueEnd = block.find('\n', colon);
         if (valueEnd == npos) valueEnd = block.find('\r', colon);
         if (valueEnd == npos) return true;
+        // Two behind the colon whatever stands there: a value without a blank loses its first character, and a
+        // line that ends before that place ends the reading.
+        if (valueEnd < colon + 2) return true;
         const auto name = Owned<GPString>::adopt(trimmedText(block.substr(place, colon - place)));
-        // Deliberately two behind the colon: a value without a blank there loses its first character.
         const auto value = block.substr(colon + 2, valueEnd - colon - 1);
         headers.setObject(trimmedText(value), name->cstr());
         place = valueEnd + 1;
@@ -313,17 +315,16 @@ GPString* GPHTTP::responseString() {
 GPString* GPHTTP::handleChunk(const char* text) {
     std::string data;
     const char* const textEnd = text + std::strlen(text);
-    const char* place = text;
-    long size = 0;
+    char* sizeEnd = nullptr;
+    long size = std::strtol(text, &sizeEnd, 16);
+    // A first size of 0 makes its pass all the same, and the size behind it decides; a later one ends the data.
     do {
-        char* sizeEnd = nullptr;
-        size = std::strtol(place, &sizeEnd, 16);
         if (size < 0 || textEnd - sizeEnd < 2) break;
         const char* chunk = sizeEnd + 2;
         const long present = std::min<long>(size, textEnd - chunk);
         data.append(chunk, static_cast<std::size_t>(present));
         if (textEnd - chunk - present < 2) break;
-        place = chunk + present + 2;
+        size = std::strtol(chunk + present + 2, &sizeEnd, 16);
     } while (size != 0);
     return new GPString(data.c_str());
 }

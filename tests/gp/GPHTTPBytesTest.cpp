@@ -12,15 +12,18 @@ namespace {
 // Headers of an answer, read without a connection.
 class GPHTTPHeaders : public testing::Test {
 protected:
-    bool parse(const std::string& answer) { return GPHTTP::parseAnswer(answer, code_, headers_); }
+    bool parse(const std::string& answer) {
+        headers_ = Owned<GPMap>::adopt(new GPMap);
+        return GPHTTP::parseAnswer(answer, code_, *headers_);
+    }
 
     std::string header(const char* name) {
-        auto* value = static_cast<GPString*>(headers_.objectForKey(name));
+        auto* value = static_cast<GPString*>(headers_->objectForKey(name));
         return value ? value->cstr() : "(null)";
     }
 
     int code_ = 0;
-    GPMap headers_;
+    Owned<GPMap> headers_;
 };
 
 TEST_F(GPHTTPHeaders, AreStoredUnderTheirNamesAsTheyStand) {
@@ -31,7 +34,7 @@ TEST_F(GPHTTPHeaders, AreStoredUnderTheirNamesAsTheyStand) {
     EXPECT_EQ(header("server"), "(null)");
     EXPECT_EQ(header("X-Empty"), "");
     EXPECT_EQ(header("Last"), "one");
-    EXPECT_EQ(headers_.count(), 3);
+    EXPECT_EQ(headers_->count(), 3);
 }
 
 TEST_F(GPHTTPHeaders, AValueDirectlyBehindTheColonLosesItsFirstCharacter) {
@@ -40,13 +43,28 @@ TEST_F(GPHTTPHeaders, AValueDirectlyBehindTheColonLosesItsFirstCharacter) {
     EXPECT_EQ(header("Next"), "one");
 }
 
-TEST_F(GPHTTPHeaders, AColonAtTheEndOfALineHasAnEmptyValue) {
-    EXPECT_TRUE(parse("HTTP/1.1 200 OK\r\nA:\r\nB: b\nC:\nD: d\r\nE:\r\n\r\n"));
+TEST_F(GPHTTPHeaders, AColonInFrontOfTheLineEndHasAnEmptyValue) {
+    EXPECT_TRUE(parse("HTTP/1.1 200 OK\r\nA:\r\nB: b\r\nC: \nD: d\r\n\r\n"));
     EXPECT_EQ(header("A"), "");
     EXPECT_EQ(header("B"), "b");
     EXPECT_EQ(header("C"), "");
     EXPECT_EQ(header("D"), "d");
-    EXPECT_EQ(header("E"), "");
+}
+
+TEST_F(GPHTTPHeaders, AValueWhosePlaceLiesBehindItsLineEndsTheReading) {
+    EXPECT_TRUE(parse("HTTP/1.1 200 OK\r\nA: a\r\nB:\nC: c\r\n\r\n"));
+    EXPECT_EQ(header("A"), "a");
+    EXPECT_EQ(header("B"), "(null)");
+    EXPECT_EQ(header("C"), "(null)");
+    EXPECT_EQ(headers_->count(), 1);
+}
+
+TEST_F(GPHTTPHeaders, AColonAtTheEndOfTheBlockHasNoValue) {
+    EXPECT_TRUE(parse("HTTP/1.1 200 OK\r\nA: a\r\nB:\r\n\r\n"));
+    EXPECT_EQ(header("A"), "a");
+    EXPECT_EQ(header("B"), "(null)");
+    EXPECT_TRUE(parse("HTTP/1.1 200 OK\r\nA: a\r\nB: \r\n\r\n"));
+    EXPECT_EQ(header("B"), "");
 }
 
 TEST_F(GPHTTPHeaders, ARepeatedNameKeepsItsLastValue) {
@@ -71,7 +89,7 @@ TEST_F(GPHTTPHeaders, TheStatusIsTheNumberBehindTheFirstBlank) {
 
 TEST_F(GPHTTPHeaders, AStatusLineAloneHasNoHeaders) {
     EXPECT_TRUE(parse("HTTP/1.1 200 OK\r\n\r\n"));
-    EXPECT_EQ(headers_.count(), 0);
+    EXPECT_EQ(headers_->count(), 0);
 }
 
 // Every prefix of a text, and every text with one byte replaced by each of a few nasty ones.
@@ -89,7 +107,7 @@ TEST_F(GPHTTPHeaders, HostileBytesAreReadToTheirEnd) {
     EXPECT_FALSE(parse(std::string(100000, ':')));
     EXPECT_TRUE(parse(std::string(100000, '\n') + ":" + std::string(1000, ':') + "\r\n\r\n"));
     EXPECT_TRUE(parse("x 99999999999999999999999999\n:\r\n\r\n"));
-    EXPECT_EQ(header(""), "");
+    EXPECT_EQ(header(""), "(null)");
 }
 
 std::string chunks(const char* text) {
@@ -104,6 +122,17 @@ TEST(GPHTTPChunks, AreConcatenatedUpToASizeOfZero) {
 }
 
 TEST(GPHTTPChunks, AFirstSizeOfZeroGivesAnEmptyText) { EXPECT_EQ(chunks("0\r\n\r\n"), ""); }
+
+TEST(GPHTTPChunks, BehindAFirstSizeOfZeroTheNextSizeIsReadAllTheSame) {
+    EXPECT_EQ(chunks("0\r\n\r\n5\r\nhello\r\n0\r\n"), "hello");
+    EXPECT_EQ(chunks("0\r\n\r\n0\r\n\r\n5\r\nhello\r\n"), "") << "the second size of 0 ends it";
+    EXPECT_EQ(chunks("0\r\n\r\n-5\r\nhello\r\n"), "");
+    EXPECT_EQ(chunks("0\r\n\r"), "");
+}
+
+TEST(GPHTTPChunks, ALaterSizeOfZeroEndsTheTextWhateverFollows) {
+    EXPECT_EQ(chunks("2\r\nab\r\n0\r\n\r\n5\r\nhello\r\n0\r\n"), "ab");
+}
 
 TEST(GPHTTPChunks, ExtensionsAreNotUnderstood) {
     EXPECT_EQ(chunks("5;a=b\r\nhello\r\n0\r\n\r\n"), "=b\r\nh");
@@ -134,6 +163,7 @@ TEST(GPHTTPChunks, ANegativeSizeEndsTheText) {
 
 TEST(GPHTTPChunks, TextThatIsNoSizeEndsTheText) {
     EXPECT_EQ(chunks("zz\r\nhello\r\n"), "");
+    EXPECT_EQ(chunks("2\r\nab\r\nzz\r\n5\r\nhello\r\n"), "ab");
     EXPECT_EQ(chunks("      "), "");
 }
 
