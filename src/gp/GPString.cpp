@@ -2,6 +2,7 @@
 
 #include "gp/GPArray.h"
 #include "gp/Owned.h"
+#include "gp/TextSearch.h"
 
 #include <algorithm>
 #include <cctype>
@@ -9,7 +10,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <limits>
 #include <string>
+#include <string_view>
 
 namespace {
 
@@ -34,13 +37,16 @@ char* joined(char const* first, char const* second, std::size_t secondLength) {
     return buffer;
 }
 
-// What vsnprintf makes, measured with a first pass and written with a second.
-__attribute__((format(printf, 1, 0))) char* formatted(char const* fmt, va_list arguments) {
+// `before` with what vsnprintf makes behind it, measured with a first pass and written with a second.
+__attribute__((format(printf, 2, 0))) char* formatted(char const* before, char const* fmt,
+                                                      va_list arguments) {
     va_list again;
     va_copy(again, arguments);
-    int const length = std::vsnprintf(nullptr, 0, fmt, arguments);
-    char* buffer = length < 0 ? copyOf("", 0) : new char[static_cast<std::size_t>(length) + 1];
-    if (length >= 0) std::vsnprintf(buffer, static_cast<std::size_t>(length) + 1, fmt, again);
+    std::size_t const start = std::strlen(before);
+    int const length = std::max(std::vsnprintf(nullptr, 0, fmt, arguments), -1);
+    char* buffer = new char[start + static_cast<std::size_t>(length + 1) + 1];
+    std::memcpy(buffer, before, start + 1);
+    if (length >= 0) std::vsnprintf(buffer + start, static_cast<std::size_t>(length) + 1, fmt, again);
     va_end(again);
     return buffer;
 }
@@ -57,31 +63,30 @@ bool isEscaped(char character) { return character && std::strchr(escapedCharacte
 
 bool isEscape(char const* at) { return at[0] == '%' && isHexDigit(at[1]) && isHexDigit(at[2]); }
 
-// The size of the buffer that the matches of `from` call for. Overlapping matches count, on purpose: where the
-// result is below 1, replace does nothing.
-long long replacedSize(char const* text, char const* from, char const* to, bool& found) {
-    long long size = static_cast<long long>(std::strlen(text)) + 1;
-    long long const difference =
-        static_cast<long long>(std::strlen(to)) - static_cast<long long>(std::strlen(from));
-    for (char const* match = find(text, from, false); match; match = find(match + 1, from, false)) {
-        found = true;
-        size += difference;
+// Whether the size that the matches of `from` call for is below 1. Overlapping matches count, on purpose.
+bool shrinksBelowOne(std::string_view text, std::string_view from, std::string_view to) {
+    if (to.size() >= from.size()) return false;
+    long long size = static_cast<long long>(text.size()) + 1;
+    TextSearch search(text, from);
+    while (search.next() != TextSearch::npos) {
+        size -= static_cast<long long>(from.size() - to.size());
     }
-    return size;
+    return size < 1;
 }
 
-// Each match at `p` is preceded by up to `p` bytes from the last match's end on, on purpose: from the second
-// match on that is more than what lies between the two.
-std::string replaced(char const* text, char const* from, char const* to) {
-    std::string result;
-    std::size_t const fromLength = std::strlen(from);
-    char const* resume = text;
-    for (char const* match = find(text, from, false); match; match = find(resume, from, false)) {
-        result.append(resume, strnlen(resume, static_cast<std::size_t>(match - text)));
-        result.append(to);
-        resume = match + fromLength;
+// Hands over the pieces that a replacement consists of. Each match at `p` is preceded by up to `p` bytes from the
+// last match's end on, on purpose: from the second match on that is more than what lies between the two.
+template <class Add>
+void replacedPieces(std::string_view text, std::string_view from, std::string_view to, Add add) {
+    TextSearch search(text, from);
+    std::size_t resume = 0;
+    for (std::size_t match = search.next(); match != TextSearch::npos; match = search.next()) {
+        add(text.substr(resume, match));
+        add(to);
+        resume = match + from.size();
+        search.resumeAt(resume);
     }
-    return result.append(resume);
+    add(text.substr(resume));
 }
 
 } // namespace
@@ -127,7 +132,7 @@ GPString* GPString::absorbe(char* text) { return new GPString(text, -1); }
 GPString* GPString::format(char const* fmt, ...) {
     va_list arguments;
     va_start(arguments, fmt);
-    GPString* result = absorbe(formatted(fmt, arguments));
+    GPString* result = absorbe(formatted("", fmt, arguments));
     va_end(arguments);
     return result;
 }
@@ -205,23 +210,28 @@ GPString* GPString::append(char const* text, int len) {
 GPString* GPString::appendFormat(char const* fmt, ...) {
     va_list arguments;
     va_start(arguments, fmt);
-    char* addition = formatted(fmt, arguments);
+    char* text = formatted(text_, fmt, arguments);
     va_end(arguments);
-    append(addition);
-    delete[] addition;
-    return this;
+    return take(text);
 }
 
 GPString* GPString::replace(char const* from, char const* to) {
     // An empty `from` has no first match, and would have no last one.
-    if (!from || !to || !*from) return this;
+    if (!from || !to || !*from || !::find(text_, from, false)) return this;
+    if (shrinksBelowOne(text_, from, to)) return this;
 
-    if (std::strlen(from) != std::strlen(to)) {
-        bool found = false;
-        if (replacedSize(text_, from, to, found) < 1 || !found) return this;
-    }
-    std::string const result = replaced(text_, from, to);
-    return take(copyOf(result.data(), result.size()));
+    std::size_t size = 0;
+    replacedPieces(text_, from, to, [&size](std::string_view piece) { size += piece.size(); });
+    // Many matches make a text that grows like their square, and one that length() cannot count is none.
+    if (size > std::numeric_limits<int>::max()) return this;
+
+    char* buffer = new char[size + 1];
+    char* place = buffer;
+    replacedPieces(text_, from, to, [&place](std::string_view piece) {
+        place = std::copy(piece.begin(), piece.end(), place);
+    });
+    *place = '\0';
+    return take(buffer);
 }
 
 GPString* GPString::replace(GPString const* from, GPString const* to) {
@@ -308,18 +318,21 @@ char* GPString::reverse() { return ::reverse(text_); }
 
 GPArray* GPString::split(char const* separator) const {
     auto pieces = Owned<GPArray>::adopt(new GPArray());
-    int const separatorLength = static_cast<int>(std::strlen(separator));
-    int position = 0;
+    std::string_view const text(text_);
+    auto const add = [&pieces](std::string_view piece) {
+        auto string = Owned<GPString>::adopt(new GPString(piece.data(), static_cast<int>(piece.size())));
+        pieces->addObject(string.get());
+    };
+    std::string_view const between(separator);
+    TextSearch search(text, between);
+    std::size_t position = 0;
     // A match at 0 ends the splitting, on purpose: a path with a leading "/" stays in one piece.
-    for (int match = find(separator, false); match > 0; match = find(separator, position, false)) {
-        auto piece = Owned<GPString>::adopt(new GPString(text_ + position, match - position));
-        pieces->addObject(piece.get());
-        position = match + separatorLength;
+    for (std::size_t match = search.next(); match != TextSearch::npos && match > 0; match = search.next()) {
+        add(text.substr(position, match - position));
+        position = match + between.size();
+        search.resumeAt(position);
     }
-    if (position < length()) {
-        auto rest = Owned<GPString>::adopt(new GPString(text_ + position));
-        pieces->addObject(rest.get());
-    }
+    if (position < text.size()) add(text.substr(position));
     return pieces.handOver();
 }
 

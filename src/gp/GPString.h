@@ -101,7 +101,8 @@ public:
     GPString* appendFormat(char const* fmt, ...) __attribute__((format(printf, 2, 3)));
 
     // Replaces what matches `from`. With more than one match the text between them comes out longer than it
-    // was: 'a-b-c' with '+' for '-' gives 'a+b-c+c'.
+    // was: 'a-b-c' with '+' for '-' gives 'a+b-c+c'. Nothing happens where the result would be longer than
+    // length() can say.
     GPString* replace(char const* from, char const* to);
     GPString* replace(GPString const* from, GPString const* to);
 

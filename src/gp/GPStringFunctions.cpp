@@ -2,6 +2,8 @@
 
 #include "gp/GPString.h"
 
+#include "gp/TextSearch.h"
+
 #include <algorithm>
 #include <cctype>
 #include <cstdlib>
@@ -11,10 +13,6 @@
 namespace {
 
 bool isSpace(char character) { return std::isspace(static_cast<unsigned char>(character)) != 0; }
-
-bool matchesForwards(char const* at, char const* needle) {
-    return std::strncmp(at, needle, std::strlen(needle)) == 0;
-}
 
 // Compares backwards from the last characters; what leads in front of `hay` is no match.
 bool matchesBackwards(char const* hay, char const* at, char const* needle) {
@@ -34,10 +32,10 @@ char const* find(char const* hay, char const* needle, bool fromEnd) {
         char const* hit = std::strrchr(hay, *last(needle));
         return hit && matchesBackwards(hay, hit, needle) ? hit : nullptr;
     }
-    for (char const* hit = std::strchr(hay, *needle); hit; hit = std::strchr(hit + 1, *needle)) {
-        if (matchesForwards(hit, needle)) return hit;
-    }
-    return nullptr;
+    // An empty needle's first character is its NUL.
+    if (!*needle) return hay + std::strlen(hay);
+    std::size_t const place = TextSearch(hay, needle).next();
+    return place == TextSearch::npos ? nullptr : hay + place;
 }
 
 char const* find(char const* hay, char character, bool fromEnd) {

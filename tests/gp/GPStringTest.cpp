@@ -381,6 +381,12 @@ TEST(GPString, ReplaceDoesNothingWhenOverlappingMatchesShrinkTheSizeBelowOne) {
     EXPECT_EQ(replaced("aa", "aa", ""), "");
 }
 
+// Their result would have 2,500,000,000 bytes.
+TEST(GPString, ReplaceOfSoManyMatchesThatNoLengthCountsTheResultDoesNothing) {
+    std::string const text(100000, '-');
+    EXPECT_EQ(replaced(text.c_str(), "-", "+"), text);
+}
+
 TEST(GPString, ReplaceOfAnEmptyTextEndsAndDoesNothing) {
     EXPECT_EQ(replaced("abc", "", "x"), "abc");
     EXPECT_EQ(replaced("abc", "", ""), "abc");
