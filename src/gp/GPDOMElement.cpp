@@ -3,11 +3,13 @@
 #include "gp/GPArray.h"
 #include "gp/GPMap.h"
 #include "gp/GPString.h"
+#include "gp/NamedText.h"
 #include "gp/Owned.h"
 
 #include <algorithm>
 #include <cstring>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -52,14 +54,18 @@ GPMap* readAttributes(const std::string& text) {
     Owned<GPString> whole = Owned<GPString>::adopt(new GPString(text.c_str()));
     Owned<GPArray> pieces = Owned<GPArray>::adopt(whole->split(" "));
     if (pieces->count() == 0) return nullptr;
-    auto* attributes = new GPMap(pieces->count());
+    std::vector<NamedText> found;
     for (int i = 0; i < pieces->count(); ++i) {
-        const std::string piece = static_cast<GPString*>(pieces->objectAtIndex(i))->cstr();
+        const std::string_view piece = static_cast<GPString*>(pieces->objectAtIndex(i))->cstr();
         const auto equals = piece.find('=');
-        if (equals == std::string::npos || equals == 0) continue;
-        attributes->setObject(new GPString(withoutQuotes(piece.substr(equals + 1)).c_str()),
-                              piece.substr(0, equals).c_str());
+        if (equals == std::string_view::npos || equals == 0) continue;
+        found.push_back({piece.substr(0, equals), piece.substr(equals + 1)});
     }
+    keepLastOfEachName(found);
+    auto* attributes = new GPMap(pieces->count());
+    for (const NamedText& attribute : found)
+        attributes->setNewObject(new GPString(withoutQuotes(std::string(attribute.value)).c_str()),
+                                 std::string(attribute.name).c_str());
     return attributes;
 }
 

@@ -7,6 +7,7 @@
 #include "gp/GPSockets.h"
 #include "gp/GPString.h"
 #include "gp/GPThread.h"
+#include "gp/NamedText.h"
 #include "gp/Owned.h"
 
 #include <algorithm>
@@ -15,6 +16,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -48,10 +50,16 @@ const char* textForKey(GPMap* map, const char* key) {
     return text ? text->cstr() : nullptr;
 }
 
-GPString* trimmedText(std::string_view text) {
-    auto* string = new GPString(text.data(), static_cast<int>(text.size()));
-    string->trim();
-    return string;
+bool isSpace(char character) { return std::isspace(static_cast<unsigned char>(character)) != 0; }
+
+// The text up to its first NUL, without whitespace at both ends.
+std::string_view trimmed(std::string_view text) {
+    text = text.substr(0, text.find('\0'));
+    while (!text.empty() && isSpace(text.back()))
+        text.remove_suffix(1);
+    while (!text.empty() && isSpace(text.front()))
+        text.remove_prefix(1);
+    return text;
 }
 
 std::string_view bytesOf(const GPData& data) {
@@ -65,6 +73,27 @@ int statusCode(std::string_view answer, int code) {
     const std::string digits(answer.substr(blank + 1, 12));
     if (digits.empty() || !std::isdigit(static_cast<unsigned char>(digits[0]))) return code;
     return static_cast<int>(std::strtol(digits.c_str(), nullptr, 10));
+}
+
+// The headers of the block, up to one whose value cannot be taken. The block ends with a carriage return.
+std::vector<NamedText> readHeaders(std::string_view block) {
+    std::vector<NamedText> headers;
+    const auto lastLineFeed = block.rfind('\n');
+    auto lineEnd = block.find('\n');
+    while (lineEnd != npos) {
+        const auto place = lineEnd + 1;
+        const auto colon = block.find(':', place);
+        if (colon == npos) break;
+        // Looked for where it is alone: a search in vain for each line would read the block as many times.
+        lineEnd = block.find(colon < lastLineFeed ? '\n' : '\r', colon);
+        // Two behind the colon whatever stands there: a value without a blank loses its first character, and a
+        // line that ends before that place ends the reading.
+        const auto value = colon + 2;
+        if (lineEnd < value) break;
+        headers.push_back(
+            {trimmed(block.substr(place, colon - place)), trimmed(block.substr(value, lineEnd - value + 1))});
+    }
+    return headers;
 }
 
 } // namespace
@@ -186,14 +215,14 @@ void GPHTTP::exchange(GPSockets& socket, GPString& request) {
         logf("Info: GPHTTP socket send failed.");
         return;
     }
+    // Gathered first: a GPData would copy all that it holds for each piece.
+    std::string answer;
     while (const auto piece = Owned<GPData>::adopt(socket.readData())) {
-        if (!response_)
-            response_ = GPData::dataWithData(piece->bytes(), piece->length());
-        else if (piece->length() <= INT_MAX - response_->length())
-            response_->append(piece.get());
-        else
-            return;
+        const std::string_view bytes = bytesOf(*piece);
+        if (bytes.size() > INT_MAX - answer.size()) break;
+        answer += bytes;
     }
+    if (!answer.empty()) response_ = GPData::dataWithData(answer.data(), static_cast<int>(answer.size()));
 }
 
 // Null for PUT.
@@ -263,25 +292,12 @@ bool GPHTTP::parseAnswer(std::string_view answer, int& code, GPMap& headers) {
     code = statusCode(answer, code);
     const auto blockEnd = answer.find(headerEnd);
     if (blockEnd == npos) return false;
-    const std::string_view block = answer.substr(0, blockEnd + 1);
-
-    auto place = block.find('\n');
-    if (place == npos) return true;
-    ++place;
-    while (true) {
-        const auto colon = block.find(':', place);
-        if (colon == npos) return true;
-        auto valueEnd = block.find('\n', colon);
-        if (valueEnd == npos) valueEnd = block.find('\r', colon);
-        if (valueEnd == npos) return true;
-        // Two behind the colon whatever stands there: a value without a blank loses its first character, and a
-        // line that ends before that place ends the reading.
-        if (valueEnd < colon + 2) return true;
-        const auto name = Owned<GPString>::adopt(trimmedText(block.substr(place, colon - place)));
-        const auto value = block.substr(colon + 2, valueEnd - colon - 1);
-        headers.setObject(trimmedText(value), name->cstr());
-        place = valueEnd + 1;
-    }
+    auto found = readHeaders(answer.substr(0, blockEnd + 1));
+    keepLastOfEachName(found);
+    for (const NamedText& header : found)
+        headers.setNewObject(new GPString(header.value.data(), static_cast<int>(header.value.size())),
+                             std::string(header.name).c_str());
+    return true;
 }
 
 int GPHTTP::responseCode() {

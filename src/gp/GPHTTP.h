@@ -92,8 +92,8 @@ public:
     // without a header block.
     bool parseResponse();
 
-    // Reads the status code, if there is one, and the headers of an answer into `code` and `headers`. False
-    // if the answer has no header block. Any bytes.
+    // Reads the status code, if there is one, and the headers of an answer into `code` and the empty map
+    // `headers`. False if the answer has no header block. Any bytes.
     static bool parseAnswer(std::string_view answer, int& code, GPMap& headers);
 
     // The data of a chunked body as an owned text, up to the last chunk or to where the framing breaks.

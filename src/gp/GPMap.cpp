@@ -81,7 +81,12 @@ void GPMap::setObject(GPObject* value, char const* key) {
     // Copied first: the key may be the text of the very pair that goes.
     char* ownKey = strdup(key);
     removeObjectForKey(ownKey);
+    addPair(ownKey, value);
+}
 
+void GPMap::setNewObject(GPObject* value, char const* key) { addPair(strdup(key), value); }
+
+void GPMap::addPair(char* ownKey, GPObject* value) {
     GPMutexLock guard(mutex_);
     // The pair keeps the reference of its making besides the list's.
     bucketForKey(ownKey)->addObject(new GPPair(ownKey, value));

@@ -31,6 +31,10 @@ public:
     // map. Nothing happens if either is null.
     void setObject(GPObject* value, char const* key);
 
+    // As above for a key that is not in the map, which is not looked for: it costs no walk of a chain. Neither may
+    // be null.
+    void setNewObject(GPObject* value, char const* key);
+
     // Removes the entry and releases its value; nothing happens for an absent key.
     void removeObjectForKey(char const* key);
 
@@ -55,6 +59,8 @@ public:
     void rebalance();
 
 private:
+    // Takes over both.
+    void addPair(char* ownKey, GPObject* value);
     GPList* bucketForKey(char const* key);
     void addBuckets(int upTo);
 

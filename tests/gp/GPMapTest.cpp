@@ -70,6 +70,21 @@ TEST(GPMap, SetObjectTakesTheCallersReferenceOver) {
     EXPECT_EQ(destroyed, 1);
 }
 
+TEST(GPMap, SetNewObjectTakesTheReferenceOverAndLooksForNoEarlierEntry) {
+    int destroyed = 0;
+    {
+        GPMap map(1);
+        fill(map, {"b"});
+        map.setNewObject(new TrackedObject(destroyed), "a");
+        EXPECT_EQ(walk(map), (Keys{"b", "a"}));
+        EXPECT_EQ(map.count(), 2);
+
+        map.setNewObject(new GPString("b"), "b");
+        EXPECT_EQ(walk(map), (Keys{"b", "a", "b"})) << "a key that is not new stands there twice";
+    }
+    EXPECT_EQ(destroyed, 1);
+}
+
 TEST(GPMap, SetObjectOfNullsDoesNothing) {
     GPMap map;
     GPObject value;
