@@ -1,7 +1,6 @@
 #include "agent/ResponseTable.h"
 
 #include "agent/ResponseEntry.h"
-#include "gp/GPList.h"
 #include "gp/GPMutex.h"
 #include "gp/GPString.h"
 
@@ -18,8 +17,8 @@ void answer(ResponseEntry* entry, GPString* response) {
 ResponseTable::ResponseTable() : responseMutex(new GPMutex), responses(new GPList) {}
 
 ResponseTable::~ResponseTable() {
-    while (auto* entry = static_cast<ResponseEntry*>(responses->firstObject()))
-        removeLocked(entry);
+    while (!index_.empty())
+        removeLocked(index_.begin());
     responses->release();
     responseMutex->release();
 }
@@ -27,7 +26,7 @@ ResponseTable::~ResponseTable() {
 ResponseEntry* ResponseTable::open(std::uint32_t sequence) {
     auto* entry = new ResponseEntry(sequence, platform::semaphoreCreate(0), nullptr);
     GPMutexLock lock(responseMutex);
-    responses->addObject(entry);
+    addLocked(entry);
     entry->retain();
     return entry;
 }
@@ -37,13 +36,13 @@ GPString* ResponseTable::wait(ResponseEntry* entry) {
     GPMutexLock lock(responseMutex);
     if (!entry->response) return nullptr;
     auto* copy = new GPString(entry->response);
-    if (auto* listed = findLocked(entry->sequence)) removeLocked(listed);
+    removeLocked(findLocked(entry->sequence));
     return copy;
 }
 
 void ResponseTable::remove(std::uint32_t sequence) {
     GPMutexLock lock(responseMutex);
-    if (auto* entry = findLocked(sequence)) removeLocked(entry);
+    removeLocked(findLocked(sequence));
 }
 
 void ResponseTable::close(ResponseEntry* entry) {
@@ -54,19 +53,19 @@ void ResponseTable::close(ResponseEntry* entry) {
 void ResponseTable::deliver(std::uint32_t sequence, const char* text, std::size_t length) {
     auto* response = new GPString(text, static_cast<int>(length));
     GPMutexLock lock(responseMutex);
-    if (auto* entry = findLocked(sequence)) {
-        answer(entry, response);
-        return;
-    }
-    responses->addObject(new ResponseEntry(sequence, nullptr, response));
+    const auto found = findLocked(sequence);
+    if (found != index_.end())
+        answer(entryAtLocked(found), response);
+    else
+        addLocked(new ResponseEntry(sequence, nullptr, response));
 }
 
 bool ResponseTable::take(std::uint32_t sequence, GPString*& response) {
     GPMutexLock lock(responseMutex);
-    auto* entry = findLocked(sequence);
-    if (!entry) return false;
-    response = new GPString(entry->response);
-    removeLocked(entry);
+    const auto found = findLocked(sequence);
+    if (found == index_.end()) return false;
+    response = new GPString(entryAtLocked(found)->response);
+    removeLocked(found);
     return true;
 }
 
@@ -80,14 +79,25 @@ int ResponseTable::count() {
     return responses->count();
 }
 
-ResponseEntry* ResponseTable::findLocked(std::uint32_t sequence) {
-    auto* entry = static_cast<ResponseEntry*>(responses->firstObject());
-    while (entry && entry->sequence != sequence)
-        entry = static_cast<ResponseEntry*>(responses->nextObject());
-    return entry;
+void ResponseTable::addLocked(ResponseEntry* entry) {
+    responses->addObject(entry);
+    index_.emplace(entry->sequence, responses->place());
 }
 
-void ResponseTable::removeLocked(ResponseEntry* entry) {
+ResponseTable::Index::iterator ResponseTable::findLocked(std::uint32_t sequence) {
+    const auto first = index_.lower_bound(sequence);
+    return first != index_.end() && first->first == sequence ? first : index_.end();
+}
+
+ResponseEntry* ResponseTable::entryAtLocked(Index::iterator found) {
+    responses->moveTo(found->second);
+    return static_cast<ResponseEntry*>(responses->currentObject());
+}
+
+void ResponseTable::removeLocked(Index::iterator found) {
+    if (found == index_.end()) return;
+    ResponseEntry* entry = entryAtLocked(found);
+    index_.erase(found);
     responses->removeObject(entry);
     entry->release();
 }

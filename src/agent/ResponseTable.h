@@ -3,11 +3,15 @@
 // The table in which replies of the agent find their waiting requests: the list of ResponseEntry objects and
 // its lock. One exists for the agent link; any thread may call any operation. An entry in the table has two
 // references, its creator's and the list's, and both go when it is taken out.
+//
+// Replies that nobody waits for stay, so the list can become long; entries are found by their number without a walk.
+
+#include "gp/GPList.h"
 
 #include <cstddef>
 #include <cstdint>
+#include <map>
 
-class GPList;
 class GPMutex;
 class GPString;
 class ResponseEntry;
@@ -51,9 +55,16 @@ public:
     int count();
 
 private:
-    ResponseEntry* findLocked(std::uint32_t sequence);
-    void removeLocked(ResponseEntry* entry);
+    // Where the entries stand in the list. Those of one number follow each other in the list's order.
+    using Index = std::multimap<std::uint32_t, GPList::Node*>;
+
+    void addLocked(ResponseEntry* entry);
+    // The first entry with that number, or the end.
+    Index::iterator findLocked(std::uint32_t sequence);
+    ResponseEntry* entryAtLocked(Index::iterator found);
+    void removeLocked(Index::iterator found);
 
     GPMutex* responseMutex;
     GPList* responses; // guarded by responseMutex, with the fields of its entries
+    Index index_;      // guarded by responseMutex
 };

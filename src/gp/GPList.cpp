@@ -9,6 +9,12 @@ constexpr char className_[] = "GPList";
 
 } // namespace
 
+struct GPList::Node {
+    Node* next;
+    Node* previous;
+    void* value;
+};
+
 GPList::GPList()
     : head_(nullptr), tail_(nullptr), cursor_(nullptr), count_(0), holdsValues_(0), mutex_(nullptr) {}
 
@@ -159,14 +165,14 @@ GPObject* GPList::currentObject() {
     return cursor_ ? static_cast<GPObject*>(cursor_->value) : nullptr;
 }
 
-GPList::Place GPList::place() const {
+GPList::Node* GPList::place() const {
     GPMutexLock guard(mutex_);
-    return Place(cursor_);
+    return cursor_;
 }
 
-void GPList::moveTo(Place place) {
+void GPList::moveTo(Node* place) {
     GPMutexLock guard(mutex_);
-    cursor_ = place.node_;
+    cursor_ = place;
 }
 
 int GPList::count() {

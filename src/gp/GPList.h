@@ -68,10 +68,11 @@ public:
     GPObject* nextObject();
     GPObject* currentObject();
 
-    // Where the cursor stands, and the way back to it in one step. A place is valid until its element is removed.
-    class Place;
-    Place place() const;
-    void moveTo(Place place);
+    // The node that the cursor stands on, and the way back to it without a walk. A place is valid until its element
+    // is removed.
+    struct Node;
+    Node* place() const;
+    void moveTo(Node* place);
 
     int count();
     bool isEmpty();
@@ -83,12 +84,6 @@ public:
     void unlock();
 
 private:
-    struct Node {
-        Node* next;
-        Node* previous;
-        void* value;
-    };
-
     void append(void* value);
     void unlink(Node* node);
 
@@ -98,15 +93,4 @@ private:
     std::int32_t count_;
     std::uint8_t holdsValues_;
     GPMutex* mutex_;
-};
-
-class GPList::Place {
-public:
-    Place() = default;
-
-private:
-    friend class GPList;
-    explicit Place(Node* node) : node_(node) {}
-
-    Node* node_ = nullptr;
 };

@@ -29,9 +29,10 @@ private:
 
     std::string_view text_;
     std::string_view needle_;
-    std::size_t cut_ = 0;      // the part behind it is compared first, forwards, then the part before it, backwards
-    std::size_t period_ = 1;   // how far to go on from a place whose second part matches
-    std::size_t overlap_ = 0;  // how many characters are then known to match
-    std::size_t at_ = 0;       // the next place to look at
-    std::size_t matched_ = 0;  // how many characters are known to match there
+    std::size_t cut_ =
+        0; // the part behind it is compared first, forwards, then the part before it, backwards
+    std::size_t period_ = 1;  // how far to go on from a place whose second part matches
+    std::size_t overlap_ = 0; // how many characters are then known to match
+    std::size_t at_ = 0;      // the next place to look at
+    std::size_t matched_ = 0; // how many characters are known to match there
 };

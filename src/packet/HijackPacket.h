@@ -106,7 +106,7 @@ private:
     std::int64_t end_ = 0;   // of the record's time, microseconds since the epoch
     std::int64_t order_ = 0; // its number in the list
     bool isOver_ = false;
-    GPList::Place place_;
+    GPList::Node* place_ = nullptr;
     RecordIndexHook<HijackPacket> inConnections_;
     RecordIndexHook<HijackPacket> inOpen_;
     std::size_t heapPlace_ = 0;

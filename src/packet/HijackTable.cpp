@@ -128,7 +128,7 @@ HijackPacket* HijackTable::findByWalk(const ConnectionEnds& ends) {
     list_->firstObject();
     while (auto* record = static_cast<HijackPacket*>(list_->currentObject())) {
         if (!record->isOver_ && record->matches(ends) && record->answersTo(ends)) {
-            const GPList::Place place = list_->place();
+            GPList::Node* const place = list_->place();
             dropOverBefore(record->order_);
             if (record != passedOver_) return record;
             list_->moveTo(place);

@@ -6,9 +6,13 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <future>
+#include <memory>
+#include <random>
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -32,6 +36,54 @@ protected:
     }
 
     ResponseTable table;
+};
+
+// The table as a plain list, walked from its head for each number.
+class PlainTable {
+public:
+    struct Entry {
+        std::uint32_t sequence;
+        std::string response = "(null)";
+        int signals = 0;
+    };
+    using Shared = std::shared_ptr<Entry>;
+
+    Shared open(std::uint32_t sequence) {
+        entries_.push_back(std::make_shared<Entry>(Entry{sequence}));
+        return entries_.back();
+    }
+
+    void deliver(std::uint32_t sequence, const std::string& text) {
+        const auto found = find(sequence);
+        answer(found == entries_.end() ? open(sequence) : *found, text);
+    }
+
+    void wakeHead() {
+        if (!entries_.empty()) answer(entries_.front(), "");
+    }
+
+    std::string take(std::uint32_t sequence) {
+        const auto found = find(sequence);
+        if (found == entries_.end()) return "(nothing)";
+        const std::string response = (*found)->response;
+        entries_.erase(found);
+        return response == "(null)" ? "" : response;
+    }
+
+    int count() const { return static_cast<int>(entries_.size()); }
+
+private:
+    std::vector<Shared>::iterator find(std::uint32_t sequence) {
+        return std::find_if(entries_.begin(), entries_.end(),
+                            [&](const Shared& entry) { return entry->sequence == sequence; });
+    }
+
+    static void answer(const Shared& entry, const std::string& text) {
+        entry->response = text;
+        ++entry->signals;
+    }
+
+    std::vector<Shared> entries_;
 };
 
 } // namespace
@@ -130,4 +182,51 @@ TEST_F(ResponseTableTest, ARequestOutlivesTheRemovalOfItsEntryByAConfigurationFr
     EXPECT_EQ(take(4), "{push}");
     EXPECT_EQ(waitAndClose(entry), "{push}");
     EXPECT_EQ(table.count(), 0);
+}
+
+TEST_F(ResponseTableTest, AnswersAsAWalkThroughItsListWould) {
+    struct Request {
+        ResponseEntry* entry;
+        PlainTable::Shared plain;
+    };
+    PlainTable plain;
+    std::vector<Request> requests;
+    std::mt19937 random{3456};
+    const auto below = [&](std::size_t limit) { return random() % limit; };
+    for (int step = 0; step < 20000; ++step) {
+        const auto sequence = static_cast<std::uint32_t>(below(8));
+        const std::string text = std::to_string(step);
+        switch (below(7)) {
+            case 0:
+                if (requests.size() < 10) requests.push_back({table.open(sequence), plain.open(sequence)});
+                break;
+            case 1:
+            case 2:
+                deliver(sequence, text.c_str());
+                plain.deliver(sequence, text);
+                break;
+            case 3:
+                ASSERT_EQ(take(sequence), plain.take(sequence)) << step;
+                break;
+            case 4:
+                table.remove(sequence);
+                plain.take(sequence);
+                break;
+            case 5:
+                table.wakeHead();
+                plain.wakeHead();
+                break;
+            default: {
+                const auto woken = std::find_if(requests.begin(), requests.end(),
+                                                [](const Request& each) { return each.plain->signals > 0; });
+                if (woken == requests.end()) break;
+                ASSERT_EQ(waitAndClose(woken->entry), woken->plain->response) << step;
+                plain.take(woken->plain->sequence);
+                requests.erase(woken);
+            }
+        }
+        ASSERT_EQ(table.count(), plain.count()) << step;
+    }
+    for (const Request& left : requests)
+        table.close(left.entry);
 }

@@ -51,7 +51,8 @@ protected:
 
     // A text in which parts of the needle come often.
     std::string hayFor(const std::string& needle) {
-        return made({"a", "b", needle, needle.substr(0, needle.size() / 2), needle.substr(needle.size() / 2)}, 12);
+        return made({"a", "b", needle, needle.substr(0, needle.size() / 2), needle.substr(needle.size() / 2)},
+                    12);
     }
 
     std::mt19937 random_{20190215};
@@ -140,18 +141,19 @@ TEST_F(TextWalks, ReplaceGivesTheTextOfThePlainWalk) {
         const std::string from = needle();
         const std::string to = below(3) ? letters(6) : made({"+"}, 12);
         const std::string text = hayFor(from);
-        ASSERT_EQ(GPString(text.c_str()).replace(from.c_str(), to.c_str())->cstr(), plain::replaced(text, from, to))
+        ASSERT_EQ(GPString(text.c_str()).replace(from.c_str(), to.c_str())->cstr(),
+                  plain::replaced(text, from, to))
             << from << " by " << to << " in " << text;
     }
 }
 
 TEST_F(TextWalks, HeadersAreThoseOfThePlainWalkInTheSameOrder) {
     for (int round = 0; round < rounds; ++round) {
-        const std::string answer =
-            "HTTP/1.1 200\r\n" +
-            made({"a: ", "b:", "a2: ", "b\xcd: ", "1\r\n", " 2 \n", "c ", "\r", "\n", ":", " \t", std::string(1, '\0')},
-                 24) +
-            "\r\n\r\n";
+        const std::string answer = "HTTP/1.1 200\r\n" +
+                                   made({"a: ", "b:", "a2: ", "b\xcd: ", "1\r\n", " 2 \n", "c ", "\r", "\n",
+                                         ":", " \t", std::string(1, '\0')},
+                                        24) +
+                                   "\r\n\r\n";
         const auto expected = Owned<GPMap>::adopt(new GPMap);
         plain::readHeaders(answer, *expected);
         const auto headers = Owned<GPMap>::adopt(new GPMap);
