@@ -16,6 +16,9 @@ public:
 
     // Allocations since then.
     long count() const;
+
+    // Bytes asked for by them, given back or not.
+    long bytes() const;
 };
 
 } // namespace testsupport

@@ -9,9 +9,12 @@ namespace {
 
 thread_local bool counting = false;
 thread_local long allocations = 0;
+thread_local long allocatedBytes = 0;
 
-void noteAllocation() {
-    if (counting) ++allocations;
+void noteAllocation(std::size_t size) {
+    if (!counting) return;
+    ++allocations;
+    allocatedBytes += static_cast<long>(size);
 }
 
 } // namespace
@@ -25,7 +28,7 @@ extern "C" int __sanitizer_install_malloc_and_free_hooks(void (*allocated)(const
 namespace {
 
 const int hooksInstalled = __sanitizer_install_malloc_and_free_hooks(
-    [](const volatile void*, std::size_t) { noteAllocation(); }, [](const volatile void*) {});
+    [](const volatile void*, std::size_t size) { noteAllocation(size); }, [](const volatile void*) {});
 
 } // namespace
 
@@ -40,27 +43,27 @@ void* __libc_realloc(void* block, std::size_t size);
 void* __libc_memalign(std::size_t alignment, std::size_t size);
 
 void* malloc(std::size_t size) {
-    noteAllocation();
+    noteAllocation(size);
     return __libc_malloc(size);
 }
 
 void* calloc(std::size_t count, std::size_t size) {
-    noteAllocation();
+    noteAllocation(count * size);
     return __libc_calloc(count, size);
 }
 
 void* realloc(void* block, std::size_t size) {
-    noteAllocation();
+    noteAllocation(size);
     return __libc_realloc(block, size);
 }
 
 void* memalign(std::size_t alignment, std::size_t size) {
-    noteAllocation();
+    noteAllocation(size);
     return __libc_memalign(alignment, size);
 }
 
 void* aligned_alloc(std::size_t alignment, std::size_t size) {
-    noteAllocation();
+    noteAllocation(size);
     return __libc_memalign(alignment, size);
 }
 }
@@ -71,11 +74,14 @@ namespace testsupport {
 
 AllocationCounter::AllocationCounter() {
     allocations = 0;
+    allocatedBytes = 0;
     counting = true;
 }
 
 AllocationCounter::~AllocationCounter() { counting = false; }
 
 long AllocationCounter::count() const { return allocations; }
+
+long AllocationCounter::bytes() const { return allocatedBytes; }
 
 } // namespace testsupport
