@@ -79,23 +79,27 @@ bool ExtensionStandIn::waitForDaemon(int milliseconds) {
 
 std::optional<sysctl_result> ExtensionStandIn::present(Direction direction, const std::vector<char>& packet,
                                                        int milliseconds, RecordForm form) {
-    const int channel = channels_[direction == Direction::in ? 0 : 1];
+    const int side = direction == Direction::in ? 0 : 1;
+    const int channel = channels_[side];
+    std::vector<char>& record = records_[side];
     const std::uint64_t id = nextId_++;
-    record_.assign(recordHeaderSize, 0);
-    platform::writeNative(record_.data(), id);
+    record.assign(recordHeaderSize, 0);
+    platform::writeNative(record.data(), id);
     const std::size_t room = largestRecord - recordHeaderSize;
-    record_.insert(record_.end(), packet.begin(),
-                   packet.begin() + static_cast<std::ptrdiff_t>(std::min(packet.size(), room)));
-    connected_ = sendRecord(channel, form);
-    if (!connected_) return {};
+    record.insert(record.end(), packet.begin(),
+                  packet.begin() + static_cast<std::ptrdiff_t>(std::min(packet.size(), room)));
+    if (!sendRecord(channel, record, form)) {
+        connected_ = false;
+        return {};
+    }
     return awaitResult(channel, id, milliseconds);
 }
 
-bool ExtensionStandIn::sendRecord(int channel, RecordForm form) {
-    const std::size_t first = form == RecordForm::whole ? record_.size() : recordHeaderSize;
-    if (send(channel, record_.data(), first, MSG_NOSIGNAL) < 0) return false;
-    return first == record_.size() ||
-           send(channel, record_.data() + first, record_.size() - first, MSG_NOSIGNAL) >= 0;
+bool ExtensionStandIn::sendRecord(int channel, const std::vector<char>& record, RecordForm form) {
+    const std::size_t first = form == RecordForm::whole ? record.size() : recordHeaderSize;
+    if (send(channel, record.data(), first, MSG_NOSIGNAL) < 0) return false;
+    return first == record.size() ||
+           send(channel, record.data() + first, record.size() - first, MSG_NOSIGNAL) >= 0;
 }
 
 // Records that come too late for an earlier packet are passed over.
@@ -108,7 +112,7 @@ std::optional<sysctl_result> ExtensionStandIn::awaitResult(int channel, std::uin
         if (!waitReadable(channel, static_cast<int>(std::max<std::int64_t>(left, 0)))) return {};
         sysctl_result result{};
         const ssize_t count = recv(channel, &result, sizeof result, 0);
-        connected_ = count > 0;
+        if (count <= 0) connected_ = false;
         if (count != sizeof result) return {};
         std::uint64_t answered = 0;
         std::memcpy(&answered, &result.packetId, sizeof answered);

@@ -5,6 +5,7 @@
 
 #include "packet/SysctlResult.h"
 
+#include <atomic>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -52,7 +53,7 @@ public:
     std::vector<int> descriptors() const;
 
 private:
-    bool sendRecord(int channel, RecordForm form);
+    static bool sendRecord(int channel, const std::vector<char>& record, RecordForm form);
     std::optional<sysctl_result> awaitResult(int channel, std::uint64_t id, int milliseconds);
     void serveOptions();
     void answerOption(int client) const;
@@ -63,9 +64,9 @@ private:
     int optionListeners_[2] = {-1, -1};
     int channels_[2] = {-1, -1};
     int wakeUp_ = -1;
-    bool connected_ = true;
-    std::uint64_t nextId_ = 1;
-    std::vector<char> record_;
+    std::atomic<bool> connected_{true};
+    std::atomic<std::uint64_t> nextId_{1};
+    std::vector<char> records_[2]; // the one that is presented, for each direction
     std::thread thread_;
 };
 

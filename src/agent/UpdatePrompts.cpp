@@ -5,11 +5,11 @@
 #include "gp/GPDate.h"
 #include "gp/GPLog.h"
 #include "gp/Owned.h"
+#include "platform/ChildProcess.h"
 #include "platform/Clock.h"
 #include "platform/HostPaths.h"
 
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 
 using platform::HostPaths;
@@ -29,7 +29,7 @@ void runUpdate() {
     Configuration::setUpdateReady(false);
     std::printf("cmd is %s", helper);
     std::fflush(stdout);
-    [[maybe_unused]] const int ignored = std::system(helper);
+    platform::runShellCommand(helper);
 }
 
 // Sleeps the full time, however old the reader of the agent link is already.

@@ -10,10 +10,10 @@
 #include "gp/Owned.h"
 #include "packet/PacketFilter.h"
 #include "packet/TCPPacket.h"
+#include "platform/ChildProcess.h"
 #include "platform/HostPaths.h"
 
 #include <cstdio>
-#include <cstdlib>
 
 using platform::HostPaths;
 
@@ -32,7 +32,7 @@ void run(GPString* command) {
 void runInShell(GPString* command) {
     const auto owned = Owned<GPString>::adopt(command);
     std::fflush(stdout);
-    [[maybe_unused]] const int status = std::system(owned->cstr());
+    platform::runShellCommand(owned->cstr());
 }
 
 void printMacAddress() {

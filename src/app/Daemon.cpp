@@ -13,6 +13,8 @@
 #include "gp/Owned.h"
 #include "identity/UserAuth.h"
 #include "packet/PacketFilter.h"
+#include "platform/ChildProcess.h"
+#include "platform/EndSignals.h"
 #include "platform/HostPaths.h"
 
 #include <atomic>
@@ -28,8 +30,7 @@ std::atomic<bool> ipAddressesNeeded{false};
 void setSignalDispositions() {
     for (int ignored : {SIGCHLD, SIGTSTP, SIGTTOU, SIGTTIN, SIGPIPE})
         std::signal(ignored, SIG_IGN);
-    std::signal(SIGTERM, signalHandler);
-    std::signal(SIGINT, signalHandler);
+    platform::handleEndSignals(signalHandler);
 }
 
 void runStagedUpdate() {
@@ -38,8 +39,7 @@ void runStagedUpdate() {
     const char* helper = platform::HostPaths::updateCopyHelper();
     std::printf("cmd is %s", helper);
     std::fflush(stdout);
-    // Waits for the helper, but with SIGCHLD ignored it cannot learn how that ended.
-    [[maybe_unused]] const int status = std::system(helper);
+    platform::runShellCommand(helper);
 }
 
 } // namespace

@@ -8,7 +8,8 @@
 int daemonStart();
 
 // Ends the process on SIGTERM and SIGINT; any other signal is printed and ignored. Does its work in signal
-// context on purpose: it ends the process.
+// context on purpose, since it ends the process; on the thread that waits for both, which has nothing else to do.
+// Where the agent's link is not up yet it waits for that, and packets go on getting their verdicts meanwhile.
 void signalHandler(int signal);
 
 // Callback of the login watch, on its thread: stores the console user and reports the logon from a thread of

@@ -7,6 +7,7 @@
 #include "gp/GPString.h"
 #include "gp/Owned.h"
 #include "platform/ChildExec.h"
+#include "platform/ChildProcess.h"
 #include "platform/Clock.h"
 
 #include <cerrno>
@@ -140,7 +141,7 @@ GPString* GPTask::run(char const* commandLine) {
     Pipe ioPipe;
     Pipe failPipe;
     platform::ExecSign sign;
-    const pid_t child = fork();
+    const pid_t child = platform::forkChild();
     if (child < 0) std::puts("error forking");
     if (child == 0) childFork(ioPipe, commandLine, failPipe, sign);
 

@@ -21,7 +21,6 @@ protected:
         EXPECT_EQ(agent->awaitFrame().type, 3u);
         EXPECT_TRUE(daemon->running());
         EXPECT_FALSE(daemon->logs("Starting OSX System Interface"));
-        EXPECT_TRUE(awaitMainIn("sleep"));
         daemon->signal(SIGTERM);
         EXPECT_EQ(daemon->awaitEnd(), 0);
     }

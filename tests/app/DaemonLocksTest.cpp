@@ -219,14 +219,13 @@ TEST_F(DaemonLocks, AreAllFreeWhileAQueryWaitsForTheAgent) {
 TEST_F(DaemonLocks, OfTheLinkIsHeldThroughAWholeReconnectAndAllCallersWaitAtIt) {
     prepare(8, false).start();
     ASSERT_TRUE(extension->waitForDaemon(5000));
-    ASSERT_TRUE(awaitMainIn("recv"));
     const std::set<Holding> linkLock = {{"AgentLink instanceMutex", "setUserLogonThread"}};
     EXPECT_TRUE(comesToHold(linkLock)) << testing::PrintToString(held());
 
     request("one.example.org");
     daemon->signal(SIGTERM);
     EXPECT_TRUE(eventually([&] {
-        return waitersAt(agentLink.instanceMutex) == std::set<std::string>{"main", "workThread"};
+        return waitersAt(agentLink.instanceMutex) == std::set<std::string>{"signalThread", "workThread"};
     })) << testing::PrintToString(waitersAt(agentLink.instanceMutex));
     EXPECT_TRUE(comesToHold(linkLock)) << testing::PrintToString(held());
 }

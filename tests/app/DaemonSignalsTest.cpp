@@ -19,9 +19,11 @@ protected:
         return *daemon;
     }
 
-    // A mask of /proc/PID/status.
-    unsigned long long mask(const std::string& name) const {
-        std::ifstream status("/proc/" + std::to_string(daemon->process()) + "/status");
+    // A mask of /proc/PID/status, or of a thread's.
+    unsigned long long mask(const std::string& name, pid_t thread = 0) const {
+        const std::string number = std::to_string(daemon->process());
+        std::ifstream status("/proc/" + number + "/task/" + (thread ? std::to_string(thread) : number) +
+                             "/status");
         for (std::string word; status >> word;) {
             unsigned long long value = 0;
             if (word == name + ":" && status >> std::hex >> value) return value;
@@ -122,10 +124,49 @@ TEST_F(DaemonSignals, ASignalWhileTheLinkWaitsForAnAgentWaitsWithIt) {
     prepare(8, false).start();
     ASSERT_TRUE(daemon->awaitLog("OstComm setUserLogonCommand socket send failed"));
     ASSERT_TRUE(extension->waitForDaemon(5000));
-    ASSERT_TRUE(awaitMainIn("recv"));
     daemon->signal(SIGINT);
     EXPECT_TRUE(testsupport::eventually(
-        [&] { return daemon->locks().waitingFor(&agentLink.instanceMutex).count(daemon->process()) == 1; }));
+        [&] { return daemon->locks().waitingFor(&agentLink.instanceMutex).size() == 1; }));
     EXPECT_TRUE(daemon->running());
     EXPECT_EQ(daemon->output(), "");
+}
+
+TEST_F(DaemonSignals, PacketsOfBothDirectionsGetVerdictsWhileTheHandlerWaitsForTheLink) {
+    prepare(8, false).start();
+    ASSERT_TRUE(extension->waitForDaemon(5000));
+    for (int signal : {SIGTERM, SIGINT}) {
+        daemon->signal(signal);
+        ASSERT_TRUE(testsupport::eventually(
+            [&] { return daemon->locks().waitingFor(&agentLink.instanceMutex).size() == 1; }));
+        for (int i = 0; i < 3; ++i) {
+            EXPECT_TRUE(answers(lab::Direction::in));
+            EXPECT_TRUE(answers(lab::Direction::out));
+        }
+    }
+    EXPECT_TRUE(daemon->running());
+}
+
+TEST_F(DaemonSignals, EveryThreadButOneKeepsBothAway) {
+    linkedDaemon();
+    const unsigned long long both = bit(SIGTERM) | bit(SIGINT);
+    const auto threads = daemon->threads().living();
+    EXPECT_EQ(threads.size(), 8u);
+    for (const testsupport::ThreadList::Thread& thread : threads)
+        EXPECT_EQ(mask("SigBlk", thread.number) & both, thread.function == "signalThread" ? 0 : both)
+            << thread.function;
+}
+
+TEST_F(DaemonSignals, ProgramsStartWithNoSignalBlocked) {
+    stageUpdate();
+    // Told without another program: the shell starts those with a mask of its own.
+    const std::string tell =
+        "while read word mask; do [ $word != SigBlk: ] || echo $mask; done < /proc/$$/status > '" +
+        root.path() + "/blocked-";
+    tools.programs().add("kextload", tell + "kextload'");
+    tools.programs().addAt(platform::HostPaths::dsconfigad(), tell + "dsconfigad'");
+    tools.programs().addAt(platform::HostPaths::updateCopyHelper(), tell + "helper'");
+    linkedDaemon().signal(SIGTERM);
+    EXPECT_EQ(daemon->awaitEnd(), 0);
+    for (const char* program : {"kextload", "dsconfigad", "helper"})
+        EXPECT_EQ(testsupport::readAll(root.path() + "/blocked-" + program), "0000000000000000\n") << program;
 }

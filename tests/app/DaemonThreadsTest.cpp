@@ -82,7 +82,7 @@ protected:
 } // namespace
 
 TEST_F(DaemonThreads, OfTheRunningDaemonAreThoseOfTheTable) {
-    ASSERT_EQ(always().size(), 7u);
+    ASSERT_EQ(always().size(), 8u);
     startDaemon();
     EXPECT_TRUE(eventually([&] { return living() == always(); })) << testing::PrintToString(living());
 }
@@ -92,7 +92,7 @@ TEST_F(DaemonThreads, AreAllThatTheProcessHas) {
     startDaemon();
     ASSERT_TRUE(eventually([&] { return living() == always(); }));
     const std::filesystem::directory_iterator tasks("/proc/" + std::to_string(daemon->process()) + "/task");
-    EXPECT_EQ(std::distance(begin(tasks), end(tasks)), 7);
+    EXPECT_EQ(std::distance(begin(tasks), end(tasks)), 8);
 }
 
 TEST_F(DaemonThreads, WaitWhereTheTableSays) {

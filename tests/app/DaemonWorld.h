@@ -32,20 +32,10 @@ protected:
         return *daemon;
     }
 
-    // Whether the main thread comes to wait there, as far as the system tells. A signal is sent to it only
-    // then: elsewhere the handler would meet what it interrupted.
-    bool awaitMainIn(const std::string& wait) const {
-        return testsupport::eventually([&] {
-            const std::string now = testsupport::ThreadList::waitOf(daemon->process(), daemon->process());
-            return now == wait || now == "unknown";
-        });
-    }
-
-    // The daemon with this user at the console, until both listeners wait for packets.
+    // The daemon with this user at the console, until both listeners are there.
     testsupport::DaemonProcess& startDaemon(const std::string& consoleUser = "alice") {
         prepare().start(consoleUser);
         EXPECT_TRUE(extension->waitForDaemon(5000)) << daemon->output();
-        EXPECT_TRUE(awaitMainIn("recv"));
         return *daemon;
     }
 

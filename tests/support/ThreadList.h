@@ -32,8 +32,8 @@ public:
     std::vector<Thread> living() const;
 
     // In the parent: what a thread of the process waits in: "recv", "sleep", "event queue", "semaphore",
-    // "open" or "run loop", which is a read of the played services' pipe; "nothing" or "something else" for the rest,
-    // "unknown" where the system does not tell.
+    // "open", "signal" or "run loop", which is a read of the played services' pipe; "nothing" or "something else"
+    // for the rest, "unknown" where the system does not tell.
     static std::string waitOf(pid_t process, pid_t thread);
 
 private:

@@ -1,5 +1,8 @@
 #include "platform/linux/DialogProgram.h"
 
+#include "platform/ChildProcess.h"
+#include "platform/EndSignals.h"
+
 #include <poll.h>
 #include <sys/signalfd.h>
 #include <sys/socket.h>
@@ -32,11 +35,9 @@ bool isKdialog(const std::string& program) {
 }
 
 [[noreturn]] void runProgram(char* const* arguments) {
-    sigset_t none;
-    sigemptyset(&none);
-    sigprocmask(SIG_SETMASK, &none, nullptr);
-    for (int ignored : {SIGCHLD, SIGPIPE, SIGTERM, SIGINT})
-        signal(ignored, SIG_DFL);
+    for (int changed : {SIGCHLD, SIGPIPE, SIGTERM, SIGINT})
+        signal(changed, SIG_DFL);
+    restoreChildSignals();
     execv(arguments[0], arguments);
     _exit(noProgram);
 }
@@ -51,6 +52,9 @@ bool isKdialog(const std::string& program) {
 [[noreturn]] void watchProgram(char* const* arguments, int control, int answer) {
     signal(SIGCHLD, SIG_DFL);
     signal(SIGPIPE, SIG_IGN);
+    // What ends the daemon ends the dialog's program by way of the control connection.
+    for (int left : {SIGTERM, SIGINT})
+        signal(left, SIG_IGN);
     sigset_t childEnds;
     sigemptyset(&childEnds);
     sigaddset(&childEnds, SIGCHLD);
@@ -127,7 +131,7 @@ void DialogProgram::start(const NotificationDictionary& dictionary) {
         close(control[1]);
         return;
     }
-    helper_ = fork();
+    helper_ = forkChild();
     if (helper_ == 0) {
         close(control[1]);
         close(answer[0]);

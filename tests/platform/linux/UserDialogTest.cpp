@@ -1,5 +1,6 @@
 #include "platform/UserDialog.h"
 
+#include "platform/EndSignals.h"
 #include "platform/linux/DialogProgram.h"
 #include "support/Await.h"
 #include "support/ManualClock.h"
@@ -73,6 +74,16 @@ TEST_F(UserDialogTest, TheAnswerArrivesWhereTheEndOfChildrenIsIgnored) {
     installProgram("zenity", "exit 1\n");
     EXPECT_EQ(showAndWait(60), platform::notificationAlternateResponse);
     signal(SIGCHLD, SIG_DFL);
+}
+
+TEST_F(UserDialogTest, TheProgramIsEndedByTheSignalsThatItsCallerKeepsAway) {
+    for (const char* signal : {"TERM", "INT"}) {
+        installProgram("zenity", std::string("kill -") + signal + " $$; exit 0");
+        EXPECT_TRUE(testsupport::passesInChild([this] {
+            platform::handleEndSignals([](int) {});
+            EXPECT_EQ(showAndWait(0), platform::notificationCancelResponse);
+        }));
+    }
 }
 
 TEST_F(UserDialogTest, TheProgramIsGivenTheTextsOfTheDictionary) {

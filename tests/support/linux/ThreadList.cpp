@@ -105,6 +105,11 @@ std::string ThreadList::waitOf(pid_t process, pid_t thread) {
             return "run loop";
         case SYS_recvfrom:
             return "recv";
+#ifdef SYS_pause
+        case SYS_pause:
+#endif
+        case SYS_rt_sigsuspend:
+            return "signal";
         case SYS_nanosleep:
         case SYS_clock_nanosleep:
             return "sleep";
