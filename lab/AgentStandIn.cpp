@@ -117,11 +117,6 @@ void AgentStandIn::sendSlow(const SlowAnswer& answer) {
     changed_.notify_all();
 }
 
-void AgentStandIn::deferAnswers() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    deferring_ = !ownTime_;
-}
-
 void AgentStandIn::answerDeferred() {
     std::lock_guard<std::mutex> lock(mutex_);
     deferring_ = false;

@@ -34,8 +34,7 @@ public:
     static constexpr int pagePort = 6543;
 
     // With `ownTime` questions are answered at once and a slow answer leaves after real time. Otherwise a slow
-    // answer leaves by sendSlow, and deferAnswers and a push make the other questions wait for
-    // answerDeferred.
+    // answer leaves by sendSlow, and the questions behind a push wait for answerDeferred.
     AgentStandIn(Policy policy, bool ownTime);
     ~AgentStandIn();
 
@@ -94,11 +93,7 @@ public:
     std::vector<SlowAnswer> takeSlow();
     void sendSlow(const SlowAnswer& answer);
 
-    // From now on questions wait. A replay defers while it presents a packet: the daemon's pool loses a slot
-    // for good when a query comes to its end before the packet's listener has seen it start.
-    void deferAnswers();
-
-    // Answers the questions that wait, and the later ones at once.
+    // Answers the questions that wait since a push, and the later ones at once.
     void answerDeferred();
 
     // Blocks until `done` holds for the counters, looked at after each event; false after that many real

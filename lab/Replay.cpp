@@ -178,7 +178,6 @@ std::optional<sysctl_result> Replay::present(PlayedPacket& played) {
         return {};
     }
     const Direction direction = played.outbound ? Direction::out : Direction::in;
-    agent_.deferAnswers();
     ++played.presented;
     ++totals_.presented;
     auto result = extension_.present(direction, played.packet.bytes, answerMilliseconds);

@@ -2,6 +2,7 @@
 
 #include "lab/Policy.h"
 #include "lab/ReplayCommand.h"
+#include "lab/SlotProof.h"
 
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
@@ -33,6 +34,18 @@ void addReplay(CLI::App& app, lab::ReplayOptions& options, std::string& blockOnF
     replay->add_option("--root", options.root, "keep the daemon's files in this folder")->type_name("DIR");
 }
 
+CLI::App* addSlots(CLI::App& app, lab::SlotOptions& options) {
+    CLI::App* slots = app.add_subcommand(
+        "slots", "Count the query threads' slots that live after many questions on a busy machine.");
+    slots->add_option("--questions", options.questions, "how many go through the daemon")
+        ->check(CLI::NonNegativeNumber)
+        ->capture_default_str();
+    slots->add_option("--operations", options.operations, "how many go through a pool alone")
+        ->check(CLI::NonNegativeNumber)
+        ->capture_default_str();
+    return slots;
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
@@ -41,8 +54,11 @@ int main(int argc, char** argv) {
     lab::ReplayOptions options;
     std::string blockOnFailure;
     addReplay(app, options, blockOnFailure);
+    lab::SlotOptions slotOptions;
+    const CLI::App* slots = addSlots(app, slotOptions);
     try {
         app.parse(argc, argv);
+        if (slots->parsed()) return lab::proveSlots(slotOptions);
         options.blockOnFailure = blockOnFailure == "on";
         return lab::replay(options);
     } catch (const CLI::ParseError& error) {

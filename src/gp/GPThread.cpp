@@ -23,8 +23,8 @@ int GPThread::start(void* arg) {
         result = pthread_create(handle_, nullptr, function_, arg);
         if (result != 0) *handle_ = pthread_t{};
     }
-    // Deliberately after the creation and without a look at its result: a thread that has already ended by
-    // now leaves the flag set for good.
+    // After the creation and without a look at its result, by rule: a thread that has cleared the flag by now leaves
+    // it set for good. The pool's workers therefore wait for it.
     setRunning(true);
     return result;
 }

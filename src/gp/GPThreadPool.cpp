@@ -57,6 +57,7 @@ void GPThreadPool::processWork(GPList* queue, GPArray* threads, int count, GPMut
         pool->workerEnters();
         // A slot whose thread could not be made counts as busy from now on.
         if (slot->start(operation) != 0) pool->workerLeaves();
+        pool->tellOfMark();
     }
 }
 
@@ -71,6 +72,7 @@ GPThread* GPThreadPool::getFreeThread(GPArray* threads, int count) {
 void* GPThreadPool::workThread(void* argument) {
     auto* operation = static_cast<GPThreadOpt*>(argument);
     GPThreadPool* pool = operation->pool;
+    pool->waitForMark(*operation->assignedThread);
     operation->function(operation->argument);
     operation->assignedThread->setRunning(false);
     processWork(operation->queue, operation->threads, operation->maximumCount, operation->mutex);
@@ -112,6 +114,19 @@ void GPThreadPool::workerEnters() {
 void GPThreadPool::workerLeaves() {
     std::lock_guard<std::mutex> lock(workersGuard_);
     if (--workers_ == 0) workersLeft_.notify_all();
+}
+
+// The starter marks the slot only when the thread has been made. A worker that cleared the mark before would lose
+// the slot for good. The pool's own lock cannot be waited for: it may be held across an operation.
+void GPThreadPool::waitForMark(const GPThread& slot) {
+    std::unique_lock<std::mutex> lock(workersGuard_);
+    slotMarked_.wait(lock, [&slot] { return slot.isRunning(); });
+}
+
+void GPThreadPool::tellOfMark() {
+    // A worker that has looked at its slot is either waiting by now or looks again.
+    { std::lock_guard<std::mutex> lock(workersGuard_); }
+    slotMarked_.notify_all();
 }
 
 // A worker marks its slot idle before it looks at the queue again, so joining the busy slots does not tell

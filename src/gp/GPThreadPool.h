@@ -1,8 +1,8 @@
 #pragma once
 
 // Bounds how many operations run at once and queues the rest, first in, first out. A slot is no standing
-// worker: each operation gets a new thread on the slot that was found free. Operations may be added by any
-// thread.
+// worker: each operation gets a new thread on the slot that was found free, and begins when the slot is marked as
+// busy. Operations may be added by any thread.
 
 #include "gp/GPObject.h"
 
@@ -66,6 +66,8 @@ private:
     void workerEnters();
     void workerLeaves();
     void waitForWorkersToLeave();
+    void waitForMark(const GPThread& slot);
+    void tellOfMark();
 
     std::atomic<int> maxOperationCount_;
     GPList* queue_;    // guarded by mutex_
@@ -75,5 +77,6 @@ private:
 
     std::mutex workersGuard_;
     std::condition_variable workersLeft_;
-    int workers_ = 0; // started threads that still use the pool; guarded by workersGuard_
+    std::condition_variable slotMarked_; // a slot has come to be marked as running
+    int workers_ = 0;                    // started threads that still use the pool; guarded by workersGuard_
 };

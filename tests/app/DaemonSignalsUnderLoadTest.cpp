@@ -27,7 +27,8 @@ constexpr int patience = 1000;         // real milliseconds that a packet's answ
 class SignalAtFork {
 public:
     SignalAtFork() {
-        void* memory = mmap(nullptr, sizeof *armed, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+        void* memory =
+            mmap(nullptr, sizeof *armed, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
         if (memory == MAP_FAILED) throw std::runtime_error("no shared memory");
         armed = new (memory) std::atomic<int>(0);
         if (pthread_atfork(send, nullptr, nullptr) != 0) throw std::runtime_error("forks do not tell");
@@ -91,7 +92,8 @@ private:
     // One new connection's request after the other, or packets of a peer.
     void present(lab::Direction direction) {
         const bool out = direction == lab::Direction::out;
-        auto built = testsupport::PacketBuilder::ipv4().payload("GET / HTTP/1.1\r\nHost: a.example.org\r\n\r\n");
+        auto built =
+            testsupport::PacketBuilder::ipv4().payload("GET / HTTP/1.1\r\nHost: a.example.org\r\n\r\n");
         const std::string bytes = (out ? built : built.reversed()).bytes();
         std::vector<char> packet(bytes.begin(), bytes.end());
         for (std::atomic<int>& number = presented_[out]; !over_ && extension->connected(); ++number) {

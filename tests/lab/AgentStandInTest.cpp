@@ -233,23 +233,24 @@ TEST_F(AgentStandInTest, QuestionsBehindAPushWaitUntilItHasBeenTakenIn) {
     EXPECT_EQ(client_->frame(), "1 3 {}");
 }
 
-TEST_F(AgentStandInTest, QuestionsWaitWhileAnswersAreDeferred) {
-    start("block http://a/ http://page/");
-    agent_->deferAnswers();
+TEST_F(AgentStandInTest, QuestionsThatWaitAreCounted) {
+    start("push {}");
+    client_->logOn();
+    EXPECT_EQ(client_->frame().substr(0, 2), "5 ");
     client_->ask(1, "http://a/");
     client_->ask(2, "http://b/");
     EXPECT_TRUE(agent_->waitUntil([](const auto& counters) { return counters.deferred == 2; }, patience));
     EXPECT_EQ(agent_->counters().questions, 0);
-    EXPECT_TRUE(client_->quiet());
     agent_->answerDeferred();
-    EXPECT_EQ(client_->frame(), "1 1 {\"redirect\":\"http://page/\"}");
+    EXPECT_EQ(client_->frame(), "1 1 {}");
     EXPECT_EQ(client_->frame(), "1 2 {}");
     EXPECT_EQ(agent_->counters().deferred, 0);
 }
 
-TEST_F(AgentStandInTest, InItsOwnTimeNoAnswerIsDeferred) {
-    start("allow *", true);
-    agent_->deferAnswers();
+TEST_F(AgentStandInTest, InItsOwnTimeNoAnswerWaitsBehindAPush) {
+    start("push {}", true);
+    client_->logOn();
+    EXPECT_EQ(client_->frame().substr(0, 2), "5 ");
     client_->ask(1, "http://a/");
     EXPECT_EQ(client_->frame(), "1 1 {}");
 }

@@ -107,8 +107,8 @@ TEST(ShellCommand, TheKeyboardsSignalsAreHeededAgainWhenTheLastCommandHasEnded) 
     testsupport::TemporaryFolder folder;
     EXPECT_TRUE(passesInChild([&] {
         std::thread longer([&] {
-            platform::runShellCommand(("echo > '" + folder.file("begun") + "'; while [ ! -e '" + folder.file("end") +
-                                       "' ]; do sleep 0.01; done")
+            platform::runShellCommand(("echo > '" + folder.file("begun") + "'; while [ ! -e '" +
+                                       folder.file("end") + "' ]; do sleep 0.01; done")
                                           .c_str());
         });
         EXPECT_TRUE(eventually([&] { return exists(folder.file("begun")); }));

@@ -17,7 +17,7 @@ namespace {
 using testsupport::eventually;
 using testsupport::passesInChild;
 
-std::atomic<int> handled{0};          // how many signals the handler has been called for
+std::atomic<int> handled{0};           // how many signals the handler has been called for
 std::atomic<std::uint64_t> handler{0}; // the thread on which it was last
 std::atomic<bool> mayReturn{true};
 

@@ -1,6 +1,7 @@
 #include "support/ThreadList.h"
 
 #include "support/ProgramSymbols.h"
+#include "support/ThreadStarts.h"
 
 #include <pthread.h>
 #include <sys/mman.h>
@@ -13,11 +14,6 @@
 #include <memory>
 #include <new>
 #include <stdexcept>
-
-extern "C" {
-int __real_pthread_create(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
-int __wrap_pthread_create(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
-}
 
 namespace testsupport {
 
@@ -64,6 +60,15 @@ void* runRecorded(void* started) {
     return result;
 }
 
+int startRecorded(pthread_t* thread, const pthread_attr_t* attributes, void* (*function)(void*),
+                  void* argument) {
+    void* entry = addEntry.load()(reinterpret_cast<std::uintptr_t>(function));
+    auto* started = new Started{function, argument, entry};
+    const int result = startThread(thread, attributes, runRecorded, started);
+    if (result != 0) delete started;
+    return result;
+}
+
 } // namespace
 
 ThreadList::ThreadList() {
@@ -79,6 +84,7 @@ void ThreadList::record() {
     };
     setNumber.load()(shared->add(mainThread), ownNumber());
     addEntry = [](std::uintptr_t function) -> void* { return shared->add(function); };
+    playThreadStarts(startRecorded);
 }
 
 std::vector<ThreadList::Thread> ThreadList::living() const {
@@ -126,14 +132,3 @@ std::string ThreadList::waitOf(pid_t process, pid_t thread) {
 }
 
 } // namespace testsupport
-
-int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*function)(void*),
-                          void* argument) {
-    using namespace testsupport;
-    const auto add = addEntry.load();
-    if (!add) return __real_pthread_create(thread, attributes, function, argument);
-    auto* started = new Started{function, argument, add(reinterpret_cast<std::uintptr_t>(function))};
-    const int result = __real_pthread_create(thread, attributes, runRecorded, started);
-    if (result != 0) delete started;
-    return result;
-}

@@ -1,0 +1,30 @@
+#include "support/ThreadStarts.h"
+
+#include <atomic>
+
+extern "C" {
+int __real_pthread_create(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
+int __wrap_pthread_create(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
+}
+
+namespace testsupport {
+namespace {
+
+std::atomic<ThreadStart> played{nullptr};
+
+} // namespace
+
+void playThreadStarts(ThreadStart start) { played = start; }
+
+int startThread(pthread_t* thread, const pthread_attr_t* attributes, void* (*function)(void*),
+                void* argument) {
+    return __real_pthread_create(thread, attributes, function, argument);
+}
+
+} // namespace testsupport
+
+int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*function)(void*),
+                          void* argument) {
+    const testsupport::ThreadStart play = testsupport::played;
+    return (play ? play : testsupport::startThread)(thread, attributes, function, argument);
+}
