@@ -16,7 +16,10 @@ const bool registered = [] {
             for (auto _ : state)
                 read();
         };
-        benchmark::RegisterBenchmark(("Hostile/" + input.name).c_str(), run)->Arg(1 << 18)->Arg(1 << 20)->MinTime(0.05);
+        benchmark::RegisterBenchmark(("Hostile/" + input.name).c_str(), run)
+            ->Arg(1 << 18)
+            ->Arg(1 << 20)
+            ->MinTime(0.05);
     }
     return true;
 }();

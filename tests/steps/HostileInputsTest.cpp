@@ -1,8 +1,8 @@
 // Readers of foreign text take steps and memory in proportion to it, whatever it is.
 
+#include "support/HostileInputs.h"
 #include "steps/StepCounter.h"
 #include "support/AllocationCounter.h"
-#include "support/HostileInputs.h"
 
 #include <gtest/gtest.h>
 

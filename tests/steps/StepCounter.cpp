@@ -94,7 +94,9 @@ void* memmove(void* to, const void* from, std::size_t length) {
     return to;
 }
 
-void* memcpy(void* __restrict to, const void* __restrict from, std::size_t length) { return memmove(to, from, length); }
+void* memcpy(void* __restrict to, const void* __restrict from, std::size_t length) {
+    return memmove(to, from, length);
+}
 
 void* memset(void* to, int byte, std::size_t length) {
     auto* target = static_cast<char*>(to);

@@ -29,9 +29,8 @@ struct Search {
 
 template <class Read, class Make>
 HostileInput input(const char* name, Read read, Make make) {
-    return {name, [=](size_t size) -> std::function<void()> {
-                return [read, made = make(size)] { read(made); };
-            }};
+    return {name,
+            [=](size_t size) -> std::function<void()> { return [read, made = make(size)] { read(made); }; }};
 }
 
 void release(GPObject* object) {
@@ -172,9 +171,7 @@ Search nearMatchInTheMiddle(size_t size) {
 
 Search shortNearMatches(size_t size) { return {string(size, 'a'), string(30, 'a') + "b"}; }
 
-Search periods(size_t size) {
-    return {repeated("abaabaab", size), repeated("abaabaab", size / 2) + "bb"};
-}
+Search periods(size_t size) { return {repeated("abaabaab", size), repeated("abaabaab", size / 2) + "bb"}; }
 
 Search separators(size_t size) { return {"x" + string(size, ','), ","}; }
 
@@ -187,7 +184,6 @@ Search fewLongMatches(size_t size) {
 }
 
 Search overlappingMatches(size_t size) { return {string(size, 'a'), string(size / 2, 'a')}; }
-
 
 } // namespace
 
@@ -206,8 +202,10 @@ const std::vector<HostileInput>& hostileInputs() {
         input("XmlNestedTags", readXml, [](size_t size) { return repeated("<a>", size); }),
         input("XmlNestedAndClosedTags", readXml,
               [](size_t size) { return repeated("<a>", size / 2) + repeated("</a>", size / 2); }),
-        input("XmlSiblings", readXml, [](size_t size) { return "<r>" + repeated("<a>1</a>", size) + "</r>"; }),
-        input("XmlSelfClosedTags", readXml, [](size_t size) { return "<r>" + repeated("<a/>", size) + "</r>"; }),
+        input("XmlSiblings", readXml,
+              [](size_t size) { return "<r>" + repeated("<a>1</a>", size) + "</r>"; }),
+        input("XmlSelfClosedTags", readXml,
+              [](size_t size) { return "<r>" + repeated("<a/>", size) + "</r>"; }),
         input("XmlTopLevelTags", readXml, [](size_t size) { return repeated("<a></a>", size); }),
         input("XmlEndTags", readXml, [](size_t size) { return "<a>" + repeated("</b>", size); }),
         input("XmlUnclosedTags", readXml, [](size_t size) { return repeated("<a ", size); }),
@@ -221,7 +219,8 @@ const std::vector<HostileInput>& hostileInputs() {
         input("HeadersOfGrowingNames", readHeaders,
               [](size_t size) { return growingNames("", ": \r\n", size); }),
         input("HeadersOfOneName", readHeaders, [](size_t size) { return repeated("a: \r\n", size); }),
-        input("HeadersWithoutLineFeeds", readHeaders, [](size_t size) { return "\n" + repeated("a: \r", size); }),
+        input("HeadersWithoutLineFeeds", readHeaders,
+              [](size_t size) { return "\n" + repeated("a: \r", size); }),
         input("HeadersOfColons", readHeaders, [](size_t size) { return repeated("\n:::", size); }),
         input("HeadersOfLineFeeds", readHeaders, [](size_t size) { return string(size, '\n'); }),
         input("HeadersOfNearEnds", readHeaders, [](size_t size) { return repeated("\r\n\r", size); }),
@@ -251,7 +250,8 @@ const std::vector<HostileInput>& hostileInputs() {
 
         input("FramesWithoutABody", readFrames<1 << 16>, emptyFrames),
         input("FramesInReadsOfOneByte", readFrames<1>, emptyFrames),
-        input("FrameGrowingInSmallReads", readFrames<16>, [](size_t size) { return frame(1, string(size, 'x')); }),
+        input("FrameGrowingInSmallReads", readFrames<16>,
+              [](size_t size) { return frame(1, string(size, 'x')); }),
         input("FramesOfFourBytes", readFrames<1 << 16>,
               [](size_t size) { return repeated(string("\0\0\0\4", 4), size) + string(12, '\1'); }),
         input("RepliesTakenFromTheLast", deliverAndTake, [](size_t size) { return size / agentFrameHeader; }),
