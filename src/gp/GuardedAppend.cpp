@@ -9,18 +9,22 @@ namespace {
 
 bool hasOneName(const struct stat& entry) { return S_ISREG(entry.st_mode) && entry.st_nlink == 1; }
 
-// Whether the open file is what lies at `path`, and lies nowhere else. To ask the descriptor alone is not enough:
-// whoever puts a second name of some file there can take it away again once it is open, and one name is left.
-bool liesAloneAt(char const* path, int descriptor, KnownFile* known) {
+enum class Place { own, other, left };
+
+// Whether the open file is what lies at `path`, and lies nowhere else; or has left that place for another, as a file
+// does that a rotation moves. To ask the descriptor alone is not enough: whoever puts a second name of some file there
+// can take it away again once it is open, and one name is left.
+Place placeOf(int descriptor, char const* path, KnownFile* known) {
     struct stat opened;
-    if (fstat(descriptor, &opened) != 0 || !hasOneName(opened)) return false;
-    if (known && known->is(opened.st_dev, opened.st_ino)) return true;
+    if (fstat(descriptor, &opened) != 0 || !hasOneName(opened)) return Place::other;
+    if (known && known->is(opened.st_dev, opened.st_ino)) return Place::own;
 
     struct stat named;
-    if (lstat(path, &named) != 0 || !hasOneName(named)) return false;
-    if (named.st_dev != opened.st_dev || named.st_ino != opened.st_ino) return false;
+    if (lstat(path, &named) != 0) return errno == ENOENT ? Place::left : Place::other;
+    if (!hasOneName(named)) return Place::other;
+    if (named.st_dev != opened.st_dev || named.st_ino != opened.st_ino) return Place::left;
     if (known) known->set(opened.st_dev, opened.st_ino);
-    return true;
+    return Place::own;
 }
 
 bool writeWhole(int descriptor, char const* text, std::size_t length) {
@@ -39,8 +43,15 @@ bool writeWhole(int descriptor, char const* text, std::size_t length) {
 bool appendGuarded(char const* path, char const* text, std::size_t length, KnownFile* known) {
     // Without waiting, since a pipe waits for its reader and a file with a lease for its holder.
     constexpr int flags = O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
-    const int descriptor = open(path, flags, 0666);
-    if (descriptor < 0) return false;
-    const bool written = liesAloneAt(path, descriptor, known) && writeWhole(descriptor, text, length);
-    return close(descriptor) == 0 && written;
+    // Nobody is to keep a caller here by moving every file away.
+    constexpr int mostTries = 8;
+    for (int tries = 0; tries < mostTries; ++tries) {
+        const int descriptor = open(path, flags, 0666);
+        if (descriptor < 0) return false;
+        const Place place = placeOf(descriptor, path, known);
+        const bool written = place == Place::own && writeWhole(descriptor, text, length);
+        const bool closed = close(descriptor) == 0;
+        if (place != Place::left) return closed && written;
+    }
+    return false;
 }

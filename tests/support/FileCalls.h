@@ -23,9 +23,10 @@ public:
     // Whether every descriptor that was asked about was closed to programs.
     bool allClosedOnExec() const;
 
-    // Runs right before the next fstat, or right behind it.
+    // Runs right before the next fstat, right behind it, or right before each.
     void beforeNextFstat(std::function<void()> action);
     void behindNextFstat(std::function<void()> action);
+    void beforeEachFstat(std::function<void()> action);
 };
 
 } // namespace testsupport

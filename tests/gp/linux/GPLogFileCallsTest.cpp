@@ -117,6 +117,34 @@ TEST_F(GPLogFileCallsTest, AnotherNameThatBecomesALinkToItsFileDoesNotPassForThe
               "precious");
 }
 
+// Threads log without a lock, so one can rotate while another has just opened the file.
+TEST_F(GPLogFileCallsTest, ALineWhoseFileIsMovedAwayOnceItIsOpenIsNotLost) {
+    FileCalls calls;
+    calls.beforeNextFstat([this] {
+        fs::rename(place(), folder_.file("moved"));
+        logs("another thread's");
+    });
+    logs("second");
+    EXPECT_NE(readAll(place()).find("]: second\n"), std::string::npos) << readAll(place());
+}
+
+TEST_F(GPLogFileCallsTest, ALineWhoseNewFileIsMovedAwayOnceItIsOpenIsNotLost) {
+    fs::rename(place(), folder_.file("former"));
+    FileCalls calls;
+    calls.beforeNextFstat([this] { fs::rename(place(), folder_.file("moved")); });
+    logs("second");
+    EXPECT_NE(readAll(place()).find("]: second\n"), std::string::npos);
+}
+
+TEST_F(GPLogFileCallsTest, SomebodyWhoMovesEveryFileAwayHoldsNoLineBack) {
+    FileCalls calls;
+    int moved = 0;
+    fs::rename(place(), folder_.file("former"));
+    calls.beforeEachFstat([&] { fs::rename(place(), folder_.file("moved" + std::to_string(moved++))); });
+    logs("second");
+    EXPECT_LE(calls.byDescriptor(), 8);
+}
+
 // Whoever owns a file can ask the system to hold back others who open it.
 TEST_F(GPLogFileCallsTest, AFileWhoseOwnerHoldsOthersBackIsNotWaitedFor) {
     signal(SIGIO, SIG_IGN);

@@ -16,6 +16,7 @@ struct Seen {
     bool allClosedOnExec = true;
     std::function<void()> before;
     std::function<void()> behind;
+    std::function<void()> beforeEach;
 };
 
 thread_local Seen* seen = nullptr;
@@ -58,6 +59,7 @@ int fstat(int descriptor, struct stat* entry) noexcept {
     if (!noting) return real(descriptor, entry);
     ++noting->byDescriptor;
     if (!(fcntl(descriptor, F_GETFD) & FD_CLOEXEC)) noting->allClosedOnExec = false;
+    if (noting->beforeEach) noting->beforeEach();
     runOnce(noting->before);
     const int result = real(descriptor, entry);
     runOnce(noting->behind);
@@ -82,6 +84,8 @@ int FileCalls::byDescriptor() const { return seen->byDescriptor; }
 bool FileCalls::allClosedOnExec() const { return seen->allClosedOnExec; }
 
 void FileCalls::beforeNextFstat(std::function<void()> action) { seen->before = std::move(action); }
+
+void FileCalls::beforeEachFstat(std::function<void()> action) { seen->beforeEach = std::move(action); }
 
 void FileCalls::behindNextFstat(std::function<void()> action) { seen->behind = std::move(action); }
 
