@@ -10,6 +10,7 @@
 #include "platform/HostPaths.h"
 
 #include <cerrno>
+#include <string>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -32,12 +33,24 @@ int numberAt(GPArray& fields, int index) {
     return field ? field->intValue() : 0;
 }
 
-// Whether a folder is a real one of the user whose rights a package gets, and nobody else can write to it. It stays
-// so: where temporary folders lie, nobody moves a folder of another user.
+constexpr mode_t writableByOthers = S_IWGRP | S_IWOTH;
+
+// Whether nobody else can put another folder in the place of one that lies in this.
+bool keepsFolders(const struct stat& parent) {
+    const bool trusted = parent.st_uid == 0 || parent.st_uid == geteuid();
+    return trusted && ((parent.st_mode & writableByOthers) == 0 || (parent.st_mode & S_ISVTX) != 0);
+}
+
+// Whether a folder is a real one of the user whose rights a package gets, and nobody else can write to it. What a disk
+// that is mounted there says of its owner counts for nothing: on the Mac everybody may mount one of his own making on a
+// folder of his, and write to it whatever it says.
 bool isOwnAlone(const char* folder) {
     struct stat entry;
-    return lstat(folder, &entry) == 0 && S_ISDIR(entry.st_mode) && entry.st_uid == geteuid() &&
-           (entry.st_mode & (S_IWGRP | S_IWOTH)) == 0;
+    if (lstat(folder, &entry) != 0 || !S_ISDIR(entry.st_mode)) return false;
+    if (entry.st_uid != geteuid() || (entry.st_mode & writableByOthers) != 0) return false;
+    struct stat parent;
+    return stat((std::string(folder) + "/..").c_str(), &parent) == 0 && parent.st_dev == entry.st_dev &&
+           keepsFolders(parent);
 }
 
 // Takes away the file of a former package, so that the next is not written through a link or to another name.

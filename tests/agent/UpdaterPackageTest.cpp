@@ -42,7 +42,8 @@ class UpdaterPackageTest : public testsupport::HTTPRequestTest {
 protected:
     UpdaterPackageTest() {
         testsupport::ManualClock::installed().letSleepsPass(true);
-        fs::create_directories(root_.path() + "/tmp");
+        fs::create_directories(temporary());
+        fs::permissions(temporary(), fs::perms::all | fs::perms::sticky_bit);
         programs_.add("sudo", "exec \"$@\"");
     }
 
@@ -67,6 +68,7 @@ protected:
         return readAll(folder.file("p.zip"));
     }
 
+    std::string temporary() const { return root_.path() + "/tmp"; }
     std::string mark() const { return root_.path() + "/installed"; }
     std::string work(const std::string& name) const { return root_.path() + "/tmp/tw/" + name; }
 
@@ -224,6 +226,20 @@ TEST_F(UpdaterPackageTest, ALinkToNothingInTheWorkingDirectorysPlaceIsRefused) {
 
 TEST_F(UpdaterPackageTest, AFileInTheWorkingDirectorysPlaceIsRefused) {
     writeAll(root_.path() + "/tmp/tw", "");
+    expectRefusal();
+}
+
+TEST_F(UpdaterPackageTest, AWorkingDirectoryThatOthersMayMoveAwayIsRefused) {
+    makeWorkFolder(onlyOwnerWrites);
+    fs::permissions(temporary(), fs::perms::all);
+    expectRefusal();
+}
+
+TEST_F(UpdaterPackageTest, AWorkingDirectoryThatTheOwnerOfItsPlaceMayMoveAwayIsRefused) {
+    if (geteuid() != 0) GTEST_SKIP() << "only the superuser can give a folder away";
+    makeWorkFolder(onlyOwnerWrites);
+    constexpr uid_t nobody = 65534;
+    ASSERT_EQ(chown(temporary().c_str(), nobody, nobody), 0);
     expectRefusal();
 }
 
