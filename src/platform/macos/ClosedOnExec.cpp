@@ -16,10 +16,13 @@ void holdForks() { pthread_mutex_lock(&makingMutex); }
 
 void letForksGo() { pthread_mutex_unlock(&makingMutex); }
 
+// A child gets a new lock: the old one would go to the first thread that waited for it, which the child does not have.
+void renew() { pthread_mutex_init(&makingMutex, nullptr); }
+
 } // namespace
 
 DescriptorMaking::DescriptorMaking() {
-    static const int registered = pthread_atfork(holdForks, letForksGo, letForksGo);
+    static const int registered = pthread_atfork(holdForks, letForksGo, renew);
     static_cast<void>(registered);
     holdForks();
 }
