@@ -1,0 +1,82 @@
+#include "machost/Program.h"
+
+#include "machost/Imports.h"
+#include "machost/loader/Image.h"
+#include "machost/loader/MissingImports.h"
+#include "machost/loader/ThreadVariables.h"
+#include "machost/loader/Unwinding.h"
+#include "machost/objc/Runtime.h"
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+
+namespace machost {
+namespace {
+
+// What dyld hands an initialiser behind the words of main.
+struct ProgramVariables {
+    const void* header;
+    int* argc;
+    char*** argv;
+    char*** environment;
+    const char** name;
+};
+
+using Initialiser = void (*)(int, char**, char**, char**, const ProgramVariables*);
+using Main = int (*)(int, char**, char**, char**);
+
+std::vector<std::uint8_t> readFile(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    if (!file) throw std::runtime_error(std::strerror(errno));
+    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+}
+
+std::uint64_t resolve(const Bind& bind, const std::string& library) {
+    const Import* import = findImport(library, bind.symbol);
+    if (import) return reinterpret_cast<std::uint64_t>(import->address);
+    return bind.weakImport ? 0 : missingImport(bind.symbol, library);
+}
+
+std::vector<Initialiser> initialisers(const Image& image) {
+    std::vector<Initialiser> found;
+    for (const Section* section : image.file().sectionsOfType(format::initialiserPointers)) {
+        const auto* pointer = image.at<const Initialiser>(section->address);
+        found.insert(found.end(), pointer, pointer + section->size / sizeof *pointer);
+    }
+    for (const Section* section : image.file().sectionsOfType(format::initialiserOffsets)) {
+        const auto* offset = image.at<const std::uint32_t>(section->address);
+        for (std::uint64_t i = 0; i < section->size / sizeof *offset; ++i)
+            found.push_back(
+                reinterpret_cast<Initialiser>(image.here(image.file().headerAddress() + offset[i])));
+    }
+    return found;
+}
+
+} // namespace
+
+void runProgram(const std::string& path, int argc, char** argv) {
+    // The file and the image stay as long as the process.
+    const auto& file = *new MachOFile(readFile(path));
+    const auto& image = *new Image(file, resolve);
+    installThreadVariables(image);
+    installUnwinding(image);
+    objc::registerImage(image);
+
+    const std::string executable = "executable_path=" + path;
+    std::vector<char> appleText(executable.c_str(), executable.c_str() + executable.size() + 1);
+    char* apple[] = {appleText.data(), nullptr};
+    const char* name = argv[0];
+    const ProgramVariables variables{image.at<const void>(file.headerAddress()), &argc, &argv, &environ,
+                                     &name};
+    for (const Initialiser initialise : initialisers(image))
+        initialise(argc, argv, environ, apple, &variables);
+    const auto start = reinterpret_cast<Main>(image.here(file.entry()));
+    std::exit(start(argc, argv, environ, apple));
+}
+
+} // namespace machost

@@ -1,0 +1,106 @@
+#include "machost/world/World.h"
+
+#include "machost/Settings.h"
+
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <utility>
+
+namespace machost::world {
+namespace {
+
+constexpr std::size_t longestAnswer = 64 * 1024;
+
+std::string packed(const Words& words) {
+    std::string message;
+    for (const std::string& word : words)
+        message += word + '\0';
+    return message;
+}
+
+Words unpacked(const std::string& message) {
+    Words words;
+    for (std::size_t start = 0, end; (end = message.find('\0', start)) != std::string::npos; start = end + 1)
+        words.push_back(message.substr(start, end - start));
+    return words;
+}
+
+int connectToWorld() {
+    const std::string& path = settings().world;
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    if (path.empty() || path.size() >= sizeof address.sun_path) return -1;
+    path.copy(address.sun_path, path.size());
+    const int descriptor = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+    if (descriptor < 0) return -1;
+    if (connect(descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0)
+        return descriptor;
+    close(descriptor);
+    return -1;
+}
+
+} // namespace
+
+Line::Line(const Words& question) : descriptor_(connectToWorld()) {
+    if (descriptor_ < 0) return;
+    const std::string message = packed(question);
+    if (send(descriptor_, message.data(), message.size(), MSG_NOSIGNAL) >= 0) return;
+    close(descriptor_);
+    descriptor_ = -1;
+}
+
+Line::~Line() {
+    if (descriptor_ >= 0) close(descriptor_);
+}
+
+Line::Line(Line&& other) noexcept : descriptor_(std::exchange(other.descriptor_, -1)) {}
+
+std::optional<Words> Line::next() {
+    int none = -1;
+    std::optional<Words> answer = next(none);
+    if (none >= 0) close(none);
+    return answer;
+}
+
+std::optional<Words> Line::next(int& handedOver) {
+    handedOver = -1;
+    if (!open()) return std::nullopt;
+    std::string message(longestAnswer, '\0');
+    iovec part{message.data(), message.size()};
+    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
+    msghdr header{};
+    header.msg_iov = &part;
+    header.msg_iovlen = 1;
+    header.msg_control = control;
+    header.msg_controllen = sizeof control;
+    ssize_t count = 0;
+    do
+        count = recvmsg(descriptor_, &header, MSG_CMSG_CLOEXEC);
+    while (count < 0 && errno == EINTR);
+    if (count <= 0) return std::nullopt;
+    const cmsghdr* extra = CMSG_FIRSTHDR(&header);
+    if (extra && extra->cmsg_type == SCM_RIGHTS)
+        std::memcpy(&handedOver, CMSG_DATA(extra), sizeof handedOver);
+    message.resize(static_cast<std::size_t>(count));
+    return unpacked(message);
+}
+
+void Line::hangUp() const {
+    if (open()) shutdown(descriptor_, SHUT_RDWR);
+}
+
+Answer ask(const Words& question) {
+    Line line(question);
+    std::optional<Words> words = line.next();
+    if (!words || words->empty() || words->front() == "real") return {};
+    Answer answer;
+    answer.kind = words->front() == "yes" ? Answer::yes : Answer::no;
+    answer.words.assign(words->begin() + 1, words->end());
+    return answer;
+}
+
+} // namespace machost::world

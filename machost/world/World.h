@@ -1,0 +1,53 @@
+#pragma once
+
+// The world that a test or the lab plays for the program, behind one Unix socket. Without one, and for what a world
+// does not play, the program sees this machine as it is.
+//
+// A question is a connection of its own: SOCK_SEQPACKET, a message is words, each with a zero byte behind it. The
+// first word of a question says what is asked. The first of an answer is "yes", with the words that were asked for,
+// "no" for what is not there, or "real" for what this world does not play. What can be asked is told in
+// docs/machost.md.
+
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace machost::world {
+
+using Words = std::vector<std::string>;
+
+// An open question, for answers that come one after the other. Movable; closed with the object.
+class Line {
+public:
+    // Asks; not open where no world is played.
+    explicit Line(const Words& question);
+    ~Line();
+    Line(Line&& other) noexcept;
+    Line& operator=(Line&&) = delete;
+
+    bool open() const { return descriptor_ >= 0; }
+
+    // The next answer. Blocks; nothing once the world has closed the line, or `hangUp` was called.
+    std::optional<Words> next();
+
+    // The same with a descriptor that the answer hands over, which the caller owns; -1 for none.
+    std::optional<Words> next(int& handedOver);
+
+    // Ends a wait in `next` on another thread.
+    void hangUp() const;
+
+private:
+    int descriptor_ = -1;
+};
+
+struct Answer {
+    enum Kind { real, yes, no };
+
+    Kind kind = real;
+    Words words; // behind the first
+};
+
+// One question, one answer. A world that has gone plays nothing any more.
+Answer ask(const Words& question);
+
+} // namespace machost::world
