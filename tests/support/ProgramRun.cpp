@@ -1,12 +1,12 @@
 #include "support/ProgramRun.h"
 
-#include "app/Switches.h"
 #include "platform/HostPaths.h"
 #include "platform/NameLookup.h"
 #include "support/ManualClock.h"
 #include "support/PlayedConsoleUser.h"
 #include "support/PlayedNames.h"
 #include "support/PlayedNetworkChanges.h"
+#include "support/ShippedProgram.h"
 
 #include <gtest/gtest.h>
 
@@ -91,14 +91,7 @@ void playServices(const ProgramWorld& world, int announceTo) {
 
     std::vector<std::string> words = {programPath()};
     words.insert(words.end(), arguments.begin(), arguments.end());
-    std::vector<char*> argv;
-    for (std::string& word : words)
-        argv.push_back(word.data());
-    argv.push_back(nullptr);
-    const int status = ostlerMain(static_cast<int>(words.size()), argv.data());
-    if (testing::Test::HasFailure()) _exit(97);
-    // As main would end, while background threads go on.
-    std::exit(status);
+    becomeShippedProgram(words);
 }
 
 // Collects the output up to its end or to the daemon's announcement; whether the latter came.
