@@ -81,8 +81,8 @@ void leaveServerBehind(const std::string& path, pid_t program, const Sign& ready
 
 std::string machostPath() { return OSTLER_MACHOST_PATH; }
 
-void becomeMacProgram(const std::string& program, const std::string& root, const std::vector<std::string>& words,
-                      const std::function<bool()>& failed) {
+void becomeMacProgram(const std::string& program, const std::string& root,
+                      const std::vector<std::string>& words, const std::function<bool()>& failed) {
     const std::string world = "/tmp/fernhill-world-" + std::to_string(getpid());
     {
         Sign ready;

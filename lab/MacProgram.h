@@ -14,7 +14,8 @@ namespace lab {
 // WorldServer::serve. To be called in a forked child that has one thread. Ends the process with status 99 when it
 // cannot.
 [[noreturn]] void becomeMacProgram(const std::string& program, const std::string& root,
-                                   const std::vector<std::string>& words, const std::function<bool()>& failed);
+                                   const std::vector<std::string>& words,
+                                   const std::function<bool()>& failed);
 
 // Where machost lies beside this build.
 std::string machostPath();

@@ -49,7 +49,8 @@ void say(int connection, const Words& words) {
 void answerHost(int connection, const Words& question) {
     const int family = question[2] == "6" ? AF_INET6 : AF_INET;
     platform::HostEntry entry;
-    if (!platform::nameLookup().gethostbyname2(question[1].c_str(), family, entry)) return say(connection, {"no"});
+    if (!platform::nameLookup().gethostbyname2(question[1].c_str(), family, entry))
+        return say(connection, {"no"});
     Words answer = {"yes", entry.officialName};
     for (const std::string& address : entry.addresses) {
         char text[INET6_ADDRSTRLEN] = "";
@@ -83,8 +84,10 @@ void answerNow(int connection, const Words&) {
 // Whole seconds go as seconds, as the program asked for them.
 void answerSleep(int connection, const Words& question) {
     const long long length = std::atoll(question[1].c_str());
-    if (length % 1000000 == 0 && length > 0) platform::clock().sleepSeconds(static_cast<unsigned>(length / 1000000));
-    else platform::clock().sleepMicroseconds(static_cast<unsigned>(length));
+    if (length % 1000000 == 0 && length > 0)
+        platform::clock().sleepSeconds(static_cast<unsigned>(length / 1000000));
+    else
+        platform::clock().sleepMicroseconds(static_cast<unsigned>(length));
     say(connection, {"yes"});
 }
 
@@ -95,8 +98,10 @@ void answerEventLimit(int connection, const Words& question) {
 
 void answerConsoleUser(int connection, const Words&) {
     char name[256] = "";
-    if (platform::consoleUser().copyName(name, sizeof name)) say(connection, {"yes", name});
-    else say(connection, {"no"});
+    if (platform::consoleUser().copyName(name, sizeof name))
+        say(connection, {"yes", name});
+    else
+        say(connection, {"no"});
 }
 
 // The watches of this process tell a change to whoever watches; the services hand no context to their calls.
@@ -133,17 +138,23 @@ void watchNetwork(int connection, const Words& question) {
 
 void answerUuid(int connection, const Words&) {
     const std::string uuid = platform::hardwareRegistry().platformUUID();
-    if (uuid.empty()) say(connection, {"no"});
-    else say(connection, {"yes", uuid});
+    if (uuid.empty())
+        say(connection, {"no"});
+    else
+        say(connection, {"yes", uuid});
 }
 
 void answerHostName(int connection, const Words&) {
     const auto name = platform::hostName().currentHostName();
-    if (name) say(connection, {"yes", *name});
-    else say(connection, {"no"});
+    if (name)
+        say(connection, {"yes", *name});
+    else
+        say(connection, {"no"});
 }
 
-void answerHome(int connection, const Words&) { say(connection, {"yes", platform::hostName().homeDirectory()}); }
+void answerHome(int connection, const Words&) {
+    say(connection, {"yes", platform::hostName().homeDirectory()});
+}
 
 platform::NotificationKey keyOf(const std::string& word) {
     if (word == "AlertHeader") return platform::NotificationKey::alertHeader;
@@ -179,13 +190,16 @@ void answerUrl(int connection, const Words& question) {
     std::promise<platform::UrlTaskResult> ended;
     const auto completion = [&](const platform::UrlTaskResult& result) {
         // The file goes when the call comes back, so the asker takes it before.
-        say(connection, {"yes", std::to_string(result.statusCode), result.location, result.localizedDescription});
+        say(connection,
+            {"yes", std::to_string(result.statusCode), result.location, result.localizedDescription});
         char byte = 0;
         recv(connection, &byte, 1, 0);
         ended.set_value(result);
     };
-    if (question[1] == "GET") platform::urlSession().downloadTask(question[2].c_str(), completion);
-    else platform::urlSession().uploadTask(question[2].c_str(), question[1].c_str(), question[3], completion);
+    if (question[1] == "GET")
+        platform::urlSession().downloadTask(question[2].c_str(), completion);
+    else
+        platform::urlSession().uploadTask(question[2].c_str(), question[1].c_str(), question[3], completion);
     ended.get_future().wait();
 }
 

@@ -1,11 +1,15 @@
 #include "machost/Imports.h"
 
+#include "machost/corefoundation/Library.h"
+#include "machost/iokit/Library.h"
 #include "machost/libsystem/Library.h"
+#include "machost/systemconfiguration/Library.h"
 
 namespace machost {
 
 const std::vector<Library>& playedLibraries() {
-    static const auto& libraries = *new std::vector<Library>{libsystem::library()};
+    static const auto& libraries = *new std::vector<Library>{
+        libsystem::library(), corefoundation::library(), systemconfiguration::library(), iokit::library()};
     return libraries;
 }
 

@@ -1,6 +1,5 @@
 #include "support/DaemonProcess.h"
 
-#include "app/Switches.h"
 #include "platform/Clock.h"
 #include "platform/ConsoleUser.h"
 #include "platform/HardwareRegistry.h"
@@ -10,6 +9,7 @@
 #include "support/Eventually.h"
 #include "support/FixedPorts.h"
 #include "support/PlayedNames.h"
+#include "support/ShippedProgram.h"
 #include "support/TemporaryFolder.h"
 
 #include <algorithm>
@@ -174,9 +174,7 @@ void DaemonProcess::runChild(int commands) {
     threads_.record();
     locks_.record();
 
-    char program[] = "/usr/local/bin/fernhill";
-    char* arguments[] = {program, nullptr};
-    std::exit(ostlerMain(1, arguments));
+    becomeShippedProgram({"/usr/local/bin/fernhill"});
 }
 
 void DaemonProcess::start(const std::string& consoleUser) { command(consoleUser); }

@@ -1,0 +1,11 @@
+#include "machost/corefoundation/Library.h"
+
+namespace machost::corefoundation {
+
+Library library() {
+    return {"/System/Library/Frameworks/CoreFoundation.framework/Versions/A/CoreFoundation",
+            {&collectionImports(), &constantImports(), &notificationImports(), &runLoopImports(),
+             &stringImports()}};
+}
+
+} // namespace machost::corefoundation
