@@ -2,6 +2,7 @@
 
 #include "app/Switches.h"
 #include "lab/EmptyConsole.h"
+#include "lab/MacProgram.h"
 #include "lab/OfflineNames.h"
 #include "platform/HostPaths.h"
 
@@ -17,6 +18,7 @@
 #include <cstring>
 #include <fstream>
 #include <stdexcept>
+#include <utility>
 
 namespace lab {
 namespace {
@@ -35,7 +37,8 @@ bool isLogLine(const std::string& line, const char* beginning) {
 
 } // namespace
 
-DaemonProcess::DaemonProcess(const ScratchRoot& root, PlayedClock& clock) : root_(root), clock_(clock) {}
+DaemonProcess::DaemonProcess(const ScratchRoot& root, PlayedClock& clock, std::string program)
+    : root_(root), clock_(clock), program_(std::move(program)) {}
 
 DaemonProcess::~DaemonProcess() { stop(); }
 
@@ -70,6 +73,9 @@ void DaemonProcess::runChild(int output, const std::vector<int>& foreign) {
     platform::clockService.install(clock_);
     platform::nameLookupService.install(offlineNames());
     platform::consoleUserService.install(emptyConsole());
+
+    if (!program_.empty())
+        becomeMacProgram(program_, root_.path(), {"fernhill", "-logecho"}, [] { return false; });
 
     char program[] = "fernhill";
     char echo[] = "-logecho";

@@ -18,7 +18,8 @@ namespace lab {
 
 class DaemonProcess {
 public:
-    DaemonProcess(const ScratchRoot& root, PlayedClock& clock);
+    // `program` is the Mach-O to run under machost; empty for this build's own program.
+    DaemonProcess(const ScratchRoot& root, PlayedClock& clock, std::string program = {});
     ~DaemonProcess();
 
     DaemonProcess(const DaemonProcess&) = delete;
@@ -56,6 +57,7 @@ private:
 
     const ScratchRoot& root_;
     PlayedClock& clock_;
+    const std::string program_;
     pid_t pid_ = -1;
     std::thread reader_;
 

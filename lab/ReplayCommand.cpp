@@ -8,8 +8,11 @@
 
 #include <cerrno>
 #include <chrono>
+#include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <memory>
 
 namespace lab {
@@ -34,6 +37,20 @@ void finishAsked(const File& file, const std::string& path) {
         throw InputError(fmt::format("{}: it cannot be written", path));
 }
 
+// The program's whole path. Throws InputError unless the file can be read and is a Mach-O for x86-64.
+std::string checkedProgram(const std::string& path) {
+    if (path.empty()) return {};
+    const std::unique_ptr<char, void (*)(void*)> whole(realpath(path.c_str(), nullptr), std::free);
+    std::ifstream file(path, std::ios::binary);
+    std::uint32_t words[2] = {};
+    if (!whole || !file.read(reinterpret_cast<char*>(words), sizeof words))
+        throw InputError(fmt::format("{}: {}", path, std::strerror(errno)));
+    constexpr std::uint32_t machO64 = 0xfeedfacf, x86_64 = 0x01000007;
+    if (words[0] != machO64 || words[1] != x86_64)
+        throw InputError(fmt::format("{}: it is no Mach-O file for x86-64", path));
+    return whole.get();
+}
+
 // Where the daemon's clock begins.
 std::int64_t firstTime(const std::vector<CaptureFacts>& facts) {
     for (const CaptureFacts& capture : facts) {
@@ -56,7 +73,7 @@ int replay(const ReplayOptions& options) {
 
     enterPrivateNetwork();
     const int logLevel = verdictLogLevel | (policy.pushes().empty() ? 0 : agentLogLevel);
-    Stage stage(options.root, std::move(policy), firstTime(facts));
+    Stage stage(options.root, std::move(policy), firstTime(facts), checkedProgram(options.program));
     stage.root.configure(options.blockOnFailure, logLevel);
     if (!stage.raise()) {
         stage.daemon.stop();

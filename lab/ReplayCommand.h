@@ -13,6 +13,7 @@ struct ReplayOptions {
     std::string json;
     std::string asked;
     std::string root;
+    std::string program; // a Mach-O, which runs under machost; empty for this build's own program
     bool blockOnFailure = false;
 };
 

@@ -11,8 +11,8 @@ constexpr int glanceMilliseconds = 100;
 
 } // namespace
 
-Stage::Stage(const std::string& rootPath, Policy policy, std::int64_t time)
-    : root(rootPath), extension(root.path()), agent(std::move(policy), false), daemon(root, clock) {
+Stage::Stage(const std::string& rootPath, Policy policy, std::int64_t time, const std::string& program)
+    : root(rootPath), extension(root.path()), agent(std::move(policy), false), daemon(root, clock, program) {
     clock.set(time);
 }
 

@@ -14,8 +14,9 @@
 namespace lab {
 
 struct Stage {
-    // The root as for ScratchRoot; the time in microseconds since the epoch. Throws InputError.
-    Stage(const std::string& rootPath, Policy policy, std::int64_t time);
+    // The root as for ScratchRoot; the time in microseconds since the epoch; the program as for DaemonProcess.
+    // Throws InputError.
+    Stage(const std::string& rootPath, Policy policy, std::int64_t time, const std::string& program = {});
 
     // Starts everything, or all but the agent, which then does not even listen. To be called before any other
     // thread is started. False when the daemon does not come to its control sockets.

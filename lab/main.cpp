@@ -31,6 +31,10 @@ void addReplay(CLI::App& app, lab::ReplayOptions& options, std::string& blockOnF
     replay->add_option("--bof", blockOnFailure, "block on failure")
         ->check(CLI::IsMember({"on", "off"}))
         ->default_str("off");
+    replay
+        ->add_option("--program", options.program,
+                     "run this Mach-O under machost instead of this build's own program")
+        ->type_name("FILE");
     replay->add_option("--root", options.root, "keep the daemon's files in this folder")->type_name("DIR");
 }
 

@@ -1,15 +1,19 @@
 #include "machost/Program.h"
 
 #include "machost/Imports.h"
+#include "machost/Settings.h"
+#include "machost/iokit/Library.h"
 #include "machost/loader/Image.h"
 #include "machost/loader/MissingImports.h"
 #include "machost/loader/ThreadVariables.h"
 #include "machost/loader/Unwinding.h"
 #include "machost/objc/Runtime.h"
+#include "machost/objects/Object.h"
 
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
@@ -57,6 +61,22 @@ std::vector<Initialiser> initialisers(const Image& image) {
     return found;
 }
 
+// In a played world standard output goes out line by line, so that whoever plays it sees what the program says.
+void prepareOutput() {
+    if (!settings().world.empty()) std::setvbuf(stdout, nullptr, _IOLBF, 0);
+}
+
+pid_t programProcess = 0;
+
+// Runs behind all that the program has its own end do. A forked child has objects of threads that it has not.
+void checkCounts() {
+    if (getpid() != programProcess) return;
+    const int left = reportLeaks() + iokit::reportLeaks();
+    if (left == 0 || settings().world.empty()) return;
+    std::fflush(nullptr);
+    _exit(leakStatus);
+}
+
 } // namespace
 
 void runProgram(const std::string& path, int argc, char** argv) {
@@ -66,6 +86,10 @@ void runProgram(const std::string& path, int argc, char** argv) {
     installThreadVariables(image);
     installUnwinding(image);
     objc::registerImage(image);
+
+    prepareOutput();
+    programProcess = getpid();
+    std::atexit(checkCounts);
 
     const std::string executable = "executable_path=" + path;
     std::vector<char> appleText(executable.c_str(), executable.c_str() + executable.size() + 1);

@@ -22,7 +22,8 @@ void refuseOtherCallbacks(const Callbacks* given, const Callbacks& played) {
     if (given != &played) __builtin_trap();
 }
 
-ObjectRef playedArrayCreate(const void*, const void** elements, std::int64_t count, const Callbacks* callbacks) {
+ObjectRef playedArrayCreate(const void*, const void** elements, std::int64_t count,
+                            const Callbacks* callbacks) {
     refuseOtherCallbacks(callbacks, arrayCallbacks);
     return makeArray(std::vector<const void*>(elements, elements + count));
 }

@@ -12,11 +12,13 @@ namespace {
 
 using Notification = std::unique_ptr<world::Dialog>;
 
-const Class notificationClass{nullptr, nullptr, {}, nullptr, "CFUserNotification", destroyValue<Notification>};
+const Class notificationClass{
+    nullptr, nullptr, {}, nullptr, "CFUserNotification", destroyValue<Notification>};
 
 constexpr std::int32_t failed = -1;
 
-ObjectRef playedCreate(const void*, double seconds, unsigned long flags, std::int32_t* error, const void* texts) {
+ObjectRef playedCreate(const void*, double seconds, unsigned long flags, std::int32_t* error,
+                       const void* texts) {
     std::vector<std::pair<std::string, std::string>> shown;
     if (texts) {
         for (const auto& [key, value] : pairsOf(texts))

@@ -44,7 +44,8 @@ ObjectRef playedGetCurrent() { return currentLoop().get(); }
 void playedAddSource(ObjectRef loop, ObjectRef source, const void*) {
     const std::lock_guard<std::mutex> guard(shared().lock);
     auto& sources = valueOf<Loop>(loop).sources;
-    const bool there = std::any_of(sources.begin(), sources.end(), [&](const Held& held) { return held.get() == source; });
+    const bool there =
+        std::any_of(sources.begin(), sources.end(), [&](const Held& held) { return held.get() == source; });
     if (!there && valueOf<Source>(source).valid) sources.push_back(Held::retain(source));
     shared().changed.notify_all();
 }
@@ -53,7 +54,8 @@ void playedRemoveSource(ObjectRef loop, ObjectRef source, const void*) {
     Held removed;
     const std::lock_guard<std::mutex> guard(shared().lock);
     auto& sources = valueOf<Loop>(loop).sources;
-    const auto found = std::find_if(sources.begin(), sources.end(), [&](const Held& held) { return held.get() == source; });
+    const auto found =
+        std::find_if(sources.begin(), sources.end(), [&](const Held& held) { return held.get() == source; });
     if (found == sources.end()) return;
     removed = std::move(*found);
     sources.erase(found);

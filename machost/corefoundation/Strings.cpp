@@ -32,7 +32,8 @@ std::string fromUnits(const std::uint16_t* units, std::int64_t length) {
     std::string text;
     for (std::int64_t i = 0; i < length; ++i) {
         std::uint32_t code = units[i];
-        const bool pair = code >= 0xd800 && code < 0xdc00 && i + 1 < length && (units[i + 1] & 0xfc00) == 0xdc00;
+        const bool pair =
+            code >= 0xd800 && code < 0xdc00 && i + 1 < length && (units[i + 1] & 0xfc00) == 0xdc00;
         if (pair) code = 0x10000 + ((code - 0xd800) << 10) + (units[++i] - 0xdc00u);
         appendUtf8(text, code);
     }
@@ -128,7 +129,8 @@ const ImportTable& stringImports() {
         variable("___CFConstantStringClassReference", &constantStringClass, source),
         function("_CFStringCreateWithCString", playedCreate, "CFString.c of CF: UTF-8, ASCII and Latin-1"),
         function("_CFStringGetCString", playedGet, "CFString.c of CF: UTF-8"),
-        function("_CFStringGetFileSystemRepresentation", playedGetPath, "CFString.c of CF, without decomposition"),
+        function("_CFStringGetFileSystemRepresentation", playedGetPath,
+                 "CFString.c of CF, without decomposition"),
         function("_CFStringGetTypeID", playedTypeId, source),
         function("_CFGetTypeID", playedGetTypeId, "CFRuntime.c of CF"),
         function("_CFRelease", playedRelease, "CFRuntime.c of CF"),

@@ -30,7 +30,8 @@ std::uint32_t playedEntryFromPath(std::uint32_t, const char* path) {
 }
 
 ObjectRef playedProperty(std::uint32_t entry, const void* key, const void*, std::uint32_t) {
-    if (entry != rootEntry || rootReferences <= 0 || !isString(key) || textOf(key) != "IOPlatformUUID") return nullptr;
+    if (entry != rootEntry || rootReferences <= 0 || !isString(key) || textOf(key) != "IOPlatformUUID")
+        return nullptr;
     const auto uuid = world::platformUuid();
     return uuid ? makeString(*uuid) : nullptr;
 }
@@ -59,7 +60,8 @@ Library library() {
 }
 
 int reportLeaks() {
-    if (rootReferences > 0) std::fprintf(stderr, "machost: %d IOKit entries never released\n", rootReferences.load());
+    if (rootReferences > 0)
+        std::fprintf(stderr, "machost: %d IOKit entries never released\n", rootReferences.load());
     return rootReferences;
 }
 

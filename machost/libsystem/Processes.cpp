@@ -7,17 +7,73 @@
 #include "machost/libsystem/Signals.h"
 #include "machost/loader/MachOFormat.h"
 
+#include <fcntl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
+#include <deque>
 #include <fstream>
+#include <mutex>
 #include <string>
 #include <vector>
 
 namespace machost::libsystem {
 namespace {
+
+// The forked child's word to its parent about its exec, on a pipe that an exec closes.
+class ExecSign {
+public:
+    static constexpr char trying = 't', failed = 'f';
+
+    explicit ExecSign(int end = -1) : end_(end) {}
+    void write(char word) const {
+        if (end_ >= 0) static_cast<void>(::write(end_, &word, 1) == 1);
+    }
+
+private:
+    int end_;
+};
+
+ExecSign ownSign; // of a child
+
+// The signs of the last children.
+class Children {
+public:
+    void remember(pid_t child, int end) {
+        const std::lock_guard<std::mutex> guard(lock_);
+        ends_.emplace_back(child, end);
+        if (ends_.size() <= kept) return;
+        close(ends_.front().second);
+        ends_.pop_front();
+    }
+
+    // Whether a child that has gone had called exec.
+    bool haveExecuted(pid_t child) {
+        const std::lock_guard<std::mutex> guard(lock_);
+        for (auto entry = ends_.rbegin(); entry != ends_.rend(); ++entry) {
+            if (entry->first != child) continue;
+            char word = 0, last = 0;
+            while (read(entry->second, &word, 1) == 1)
+                last = word;
+            return last == ExecSign::trying;
+        }
+        return false;
+    }
+
+private:
+    static constexpr std::size_t kept = 32;
+
+    std::mutex lock_;
+    std::deque<std::pair<pid_t, int>> ends_;
+};
+
+Children& children() {
+    static auto& one = *new Children;
+    return one;
+}
 
 bool isMachO(const std::string& path) {
     std::ifstream file(path, std::ios::binary);
@@ -47,11 +103,56 @@ int executeMachO(const std::string& path, char* const* arguments) {
     return execv("/proc/self/exe", pointers.data());
 }
 
+// A tool of this machine is told the files that the program means where they lie here.
+int executeTool(const std::string& path, char* const* arguments) {
+    std::vector<std::string> words;
+    for (int i = 0; arguments[i]; ++i)
+        words.push_back(i > 0 && arguments[i][0] == '/' ? hostPath(arguments[i]) : arguments[i]);
+    std::vector<char*> pointers;
+    for (std::string& word : words)
+        pointers.push_back(word.data());
+    pointers.push_back(nullptr);
+    return execv(path.c_str(), pointers.data());
+}
+
 int playedExecv(const char* path, char* const* arguments) {
     const ErrorScope scope;
     const std::string host = hostPath(path);
-    if (access(host.c_str(), X_OK) == 0 && isMachO(host)) return executeMachO(host, arguments);
-    return execv(host.c_str(), arguments);
+    ownSign.write(ExecSign::trying);
+    const int result = access(host.c_str(), X_OK) == 0 && isMachO(host) ? executeMachO(host, arguments)
+                                                                        : executeTool(host, arguments);
+    const int error = errno;
+    ownSign.write(ExecSign::failed);
+    errno = error;
+    return result;
+}
+
+pid_t playedFork() {
+    const ErrorScope scope;
+    int ends[2];
+    if (pipe2(ends, O_CLOEXEC) != 0) return -1;
+    const pid_t child = fork();
+    if (child == 0) {
+        close(ends[0]);
+        ownSign = ExecSign(ends[1]);
+        return child;
+    }
+    close(ends[1]);
+    if (child < 0)
+        close(ends[0]);
+    else
+        children().remember(child, ends[0]);
+    return child;
+}
+
+// A parent may set the group of its child up to the child's exec, and gets EACCES afterwards. A child that had called
+// exec and has gone again counts as one that is still there: the program looks every microsecond, which there is in
+// time.
+int playedSetpgid(pid_t process, pid_t group) {
+    const ErrorScope scope;
+    const int result = setpgid(process, group);
+    if (result != 0 && errno == ESRCH) errno = children().haveExecuted(process) ? EACCES : ESRCH;
+    return result;
 }
 
 // A status has the same form on both systems, but for the signal's number.
@@ -70,9 +171,23 @@ pid_t playedWaitpid(pid_t process, int* status, int options) {
     return ended;
 }
 
+// The shell is this machine's, so a word that is a path of the program's is told as it lies here.
+std::string withHostPaths(const std::string& command) {
+    std::string result;
+    for (std::size_t at = 0; at < command.size();) {
+        const std::size_t end = std::min(command.find_first_of(" \t\n\"';&|<>()", at), command.size());
+        const std::string word = command.substr(at, end - at);
+        const bool isPath = word.size() > 1 && word[0] == '/';
+        result += isPath ? hostPath(word.c_str()) : word;
+        if (end < command.size()) result += command[end];
+        at = end + 1;
+    }
+    return result;
+}
+
 int playedSystem(const char* command) {
     const ErrorScope scope;
-    const int status = std::system(command);
+    const int status = command ? std::system(withHostPaths(command).c_str()) : std::system(nullptr);
     return status > 0 && command ? macStatus(status) : status;
 }
 
@@ -80,11 +195,11 @@ int playedSystem(const char* command) {
 
 const ImportTable& processImports() {
     static const auto& table = *new ImportTable{
-        function("_fork", translated<&fork>, "fork(2) of xnu"),
+        function("_fork", playedFork, "fork(2) of xnu"),
         function("_execv", playedExecv, "execve(2) of xnu"),
         function("_waitpid", playedWaitpid, "wait4(2) of xnu"),
-        function("_system", playedSystem, "system.c of Libc, without its own root folder"),
-        function("_setpgid", translated<&setpgid>, "setpgid(2) of xnu"),
+        function("_system", playedSystem, "system.c of Libc"),
+        function("_setpgid", playedSetpgid, "setpgid(2) of xnu"),
         function("_getpid", &getpid, "getpid(2) of xnu"),
         function("_exit", &std::exit, "exit.c of Libc"),
         function("_abort", &std::abort, "abort.c of Libc"),

@@ -56,9 +56,12 @@ public:
         endWatch();
         keys_ = std::move(keys);
         int error = 0;
-        if (console) watch_ = world::watchConsole(name_, error);
-        else if (network) watch_ = world::watchNetwork(name_, error);
-        else return statusOk;
+        if (console)
+            watch_ = world::watchConsole(name_, error);
+        else if (network)
+            watch_ = world::watchNetwork(name_, error);
+        else
+            return statusOk;
         if (!watch_) return error != 0 ? error : statusFailed;
         watcher_ = std::thread([this] {
             while (watch_->next())
@@ -125,7 +128,8 @@ bool holds(const void* array, std::string_view prefix) {
     if (!array) return false;
     const auto& elements = cf::elementsOf(array);
     return std::any_of(elements.begin(), elements.end(), [&](const Held& element) {
-        return cf::isString(element.get()) && cf::textOf(element.get()).compare(0, prefix.size(), prefix) == 0;
+        return cf::isString(element.get()) &&
+               cf::textOf(element.get()).compare(0, prefix.size(), prefix) == 0;
     });
 }
 

@@ -15,7 +15,8 @@ public:
 
     unsigned long awaitAnswer() override {
         const auto answer = line_.next();
-        return answer && answer->size() > 1 && answer->front() == "yes" ? std::stoul((*answer)[1]) : cancelled;
+        return answer && answer->size() > 1 && answer->front() == "yes" ? std::stoul((*answer)[1])
+                                                                        : cancelled;
     }
 
     void cancel() override { line_.hangUp(); }
@@ -57,7 +58,8 @@ std::unique_ptr<Dialog> showDialog(double seconds, unsigned long flags,
         question.insert(question.end(), {key, text});
     Line line(question);
     const auto answer = line.next();
-    if (!answer || answer->empty() || answer->front() == "real") return std::make_unique<UnseenDialog>(seconds);
+    if (!answer || answer->empty() || answer->front() == "real")
+        return std::make_unique<UnseenDialog>(seconds);
     if (answer->front() != "yes") return nullptr;
     return std::make_unique<PlayedDialog>(std::move(line));
 }

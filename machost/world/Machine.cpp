@@ -20,8 +20,10 @@ std::optional<std::string> uuidIn(const char* path) {
     std::string line, digits;
     std::getline(file, line);
     for (const char character : line)
-        if (character != '-') digits += static_cast<char>(std::toupper(static_cast<unsigned char>(character)));
-    if (digits.size() != 32 || digits.find_first_not_of("0123456789ABCDEF") != std::string::npos) return std::nullopt;
+        if (character != '-')
+            digits += static_cast<char>(std::toupper(static_cast<unsigned char>(character)));
+    if (digits.size() != 32 || digits.find_first_not_of("0123456789ABCDEF") != std::string::npos)
+        return std::nullopt;
     if (digits.find_first_not_of(digits[0]) == std::string::npos) return std::nullopt;
     for (const std::size_t hyphen : {8u, 13u, 18u, 23u})
         digits.insert(hyphen, 1, '-');

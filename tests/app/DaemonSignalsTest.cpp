@@ -68,7 +68,8 @@ TEST_F(DaemonSignals, AStagedUpdateRunsItsHelperOnSigterm) {
     EXPECT_TRUE(helped());
     EXPECT_FALSE(marked());
     EXPECT_EQ(daemon->output(), std::string("\nSIGTERM: 15\ncmd is ") +
-                                    platform::HostPaths::updateCopyHelper() + "helper here\nExit.");
+                                    testsupport::shownPath(platform::HostPaths::updateCopyHelper()) +
+                                    "helper here\nExit.");
     EXPECT_TRUE(daemon->logs("UpdateReady set to: false"));
 }
 
@@ -121,6 +122,7 @@ TEST_F(DaemonSignals, ASignalBeforeTheLinkIsMadeConnectsFirst) {
 }
 
 TEST_F(DaemonSignals, ASignalWhileTheLinkWaitsForAnAgentWaitsWithIt) {
+    if (!testsupport::macProgram().empty()) GTEST_SKIP() << "only this build's own locks can be listed";
     prepare(8, false).start();
     ASSERT_TRUE(daemon->awaitLog("OstComm setUserLogonCommand socket send failed"));
     ASSERT_TRUE(extension->waitForDaemon(5000));

@@ -74,7 +74,8 @@ TEST_F(DaemonTest, TheStartStepsComeInTheirOrder) {
     const std::vector<std::string> log = daemon->mainLog();
     auto at = log.begin();
     for (const std::string& step :
-         {std::string("Ostler Interceptor Started"), "processing config file: " + preferences,
+         {std::string("Ostler Interceptor Started"),
+          "processing config file: " + testsupport::shownPath(preferences),
           std::string("Debug file detected."), std::string("verbose mode is updated to: true"),
           std::string("Enable Ostler set to: true"), std::string("FILTERING IS DISABLED"),
           std::string("Loaded FernhillKext module."), std::string("Built with FernhillKernel version 0.0.1"),

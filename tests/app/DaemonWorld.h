@@ -10,6 +10,7 @@
 #include "support/DirectoryTools.h"
 #include "support/Eventually.h"
 #include "support/ScratchRoot.h"
+#include "support/ShippedProgram.h"
 
 #include <gtest/gtest.h>
 

@@ -34,6 +34,12 @@ std::string macProgram() {
     return program ? program : "";
 }
 
+std::string shownPath(const std::string& path) {
+    const std::string root = platform::HostPaths::root();
+    const bool isBelow = !root.empty() && path.compare(0, root.size(), root) == 0;
+    return isBelow && !macProgram().empty() ? path.substr(root.size()) : path;
+}
+
 void becomeShippedProgram(const std::vector<std::string>& words) {
 #ifdef OSTLER_LAB_WORLD
     if (!macProgram().empty())
