@@ -3,13 +3,15 @@
 #include "machost/corefoundation/Library.h"
 #include "machost/iokit/Library.h"
 #include "machost/libsystem/Library.h"
+#include "machost/security/Library.h"
 #include "machost/systemconfiguration/Library.h"
 
 namespace machost {
 
 const std::vector<Library>& playedLibraries() {
-    static const auto& libraries = *new std::vector<Library>{
-        libsystem::library(), corefoundation::library(), systemconfiguration::library(), iokit::library()};
+    static const auto& libraries =
+        *new std::vector<Library>{libsystem::library(), corefoundation::library(),
+                                  systemconfiguration::library(), iokit::library(), security::library()};
     return libraries;
 }
 

@@ -8,6 +8,8 @@
 #include "machost/loader/MachOFormat.h"
 
 #include <fcntl.h>
+#include <signal.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -103,11 +105,22 @@ int executeMachO(const std::string& path, char* const* arguments) {
     return execv("/proc/self/exe", pointers.data());
 }
 
+// A word for a tool of this machine: where the root has such a file, or its folder, that is what is meant. Other words
+// that look like paths are none: names in a directory, for one.
+std::string toolsPath(const std::string& word) {
+    const std::string& root = settings().root;
+    const std::size_t end = word.rfind('/');
+    if (root.empty() || word.empty() || word[0] != '/') return word;
+    const bool hasFile = access((root + word).c_str(), F_OK) == 0;
+    const bool hasFolder = end > 0 && access((root + word.substr(0, end)).c_str(), F_OK) == 0;
+    return hasFile || hasFolder ? hostPath(word.c_str()) : word;
+}
+
 // A tool of this machine is told the files that the program means where they lie here.
 int executeTool(const std::string& path, char* const* arguments) {
     std::vector<std::string> words;
     for (int i = 0; arguments[i]; ++i)
-        words.push_back(i > 0 && arguments[i][0] == '/' ? hostPath(arguments[i]) : arguments[i]);
+        words.push_back(i > 0 ? toolsPath(arguments[i]) : arguments[i]);
     std::vector<char*> pointers;
     for (std::string& word : words)
         pointers.push_back(word.data());
@@ -135,6 +148,8 @@ pid_t playedFork() {
     if (child == 0) {
         close(ends[0]);
         ownSign = ExecSign(ends[1]);
+        // Whoever plays a world wants nothing left behind.
+        if (!settings().world.empty()) prctl(PR_SET_PDEATHSIG, SIGKILL);
         return child;
     }
     close(ends[1]);
@@ -177,8 +192,7 @@ std::string withHostPaths(const std::string& command) {
     for (std::size_t at = 0; at < command.size();) {
         const std::size_t end = std::min(command.find_first_of(" \t\n\"';&|<>()", at), command.size());
         const std::string word = command.substr(at, end - at);
-        const bool isPath = word.size() > 1 && word[0] == '/';
-        result += isPath ? hostPath(word.c_str()) : word;
+        result += toolsPath(word);
         if (end < command.size()) result += command[end];
         at = end + 1;
     }

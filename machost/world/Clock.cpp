@@ -4,7 +4,9 @@
 
 #include <time.h>
 
+#include <atomic>
 #include <cerrno>
+#include <optional>
 #include <string>
 
 namespace machost::world {
@@ -22,21 +24,33 @@ void sleepReally(std::int64_t microseconds) {
     }
 }
 
+// Whether the world has said that it plays no clock, which it does not take back.
+std::atomic<bool> isReal{false};
+
+// The played answer's number; nothing where the clock is this machine's.
+std::optional<std::int64_t> askClock(const Words& question) {
+    if (isReal) return std::nullopt;
+    const Answer answer = ask(question);
+    if (answer.kind != Answer::yes) {
+        isReal = true;
+        return std::nullopt;
+    }
+    return answer.words.empty() ? 0 : std::stoll(answer.words[0]);
+}
+
 } // namespace
 
 std::int64_t now() {
-    const Answer answer = ask({"now"});
-    return answer.kind == Answer::yes && !answer.words.empty() ? std::stoll(answer.words[0])
-                                                               : read(CLOCK_REALTIME);
+    const auto played = askClock({"now"});
+    return played ? *played : read(CLOCK_REALTIME);
 }
 
 void sleep(std::int64_t microseconds) {
-    if (ask({"sleep", std::to_string(microseconds)}).kind == Answer::real) sleepReally(microseconds);
+    if (!askClock({"sleep", std::to_string(microseconds)})) sleepReally(microseconds);
 }
 
 std::int64_t eventLimit(std::int64_t microseconds) {
-    const Answer answer = ask({"event-limit", std::to_string(microseconds / 1000000)});
-    return answer.kind == Answer::yes && !answer.words.empty() ? std::stoll(answer.words[0]) : microseconds;
+    return askClock({"event-limit", std::to_string(microseconds / 1000000)}).value_or(microseconds);
 }
 
 std::int64_t monotonic() { return read(CLOCK_MONOTONIC); }

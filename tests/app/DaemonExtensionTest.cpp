@@ -16,7 +16,8 @@ protected:
     // The daemon has no channel, says why, and still ends by a signal.
     void expectUpWithoutAChannel(const std::string& reason) {
         prepare().start();
-        EXPECT_TRUE(daemon->awaitLog("[ERROR]: error loading FernhillKext: " + reason));
+        EXPECT_TRUE(daemon->awaitLog("[ERROR]: error loading FernhillKext: " + reason))
+            << testing::PrintToString(daemon->log());
         EXPECT_EQ(agent->awaitFrame().type, 3u);
         EXPECT_EQ(agent->awaitFrame().type, 3u);
         EXPECT_TRUE(daemon->running());
