@@ -4,6 +4,7 @@
 #include "lab/EmptyConsole.h"
 #include "lab/MacProgram.h"
 #include "lab/OfflineNames.h"
+#include "lab/WorldAnswers.h"
 #include "platform/HostPaths.h"
 
 #include <fcntl.h>
@@ -74,8 +75,10 @@ void DaemonProcess::runChild(int output, const std::vector<int>& foreign) {
     platform::nameLookupService.install(offlineNames());
     platform::consoleUserService.install(emptyConsole());
 
-    if (!program_.empty())
+    if (!program_.empty()) {
+        shareClockMemory(clock_.memory());
         becomeMacProgram(program_, root_.path(), {"fernhill", "-logecho"}, [] { return false; });
+    }
 
     char program[] = "fernhill";
     char echo[] = "-logecho";

@@ -1,6 +1,7 @@
 #include "lab/PlayedClock.h"
 
 #include <sys/mman.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
@@ -19,10 +20,17 @@ constexpr std::int64_t haste = 10;
 
 } // namespace
 
-PlayedClock::PlayedClock() {
-    void* memory = mmap(nullptr, sizeof *now_, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+PlayedClock::PlayedClock() : memory_(memfd_create("played clock", MFD_CLOEXEC)) {
+    void* memory = MAP_FAILED;
+    if (ftruncate(memory_, sizeof *now_) == 0)
+        memory = mmap(nullptr, sizeof *now_, PROT_READ | PROT_WRITE, MAP_SHARED, memory_, 0);
     if (memory == MAP_FAILED) throw std::runtime_error("no shared memory for the played clock");
     now_ = new (memory) std::atomic<std::int64_t>(0);
+}
+
+PlayedClock::~PlayedClock() {
+    munmap(now_, sizeof *now_);
+    close(memory_);
 }
 
 void PlayedClock::sleepFor(std::int64_t microseconds) {

@@ -15,9 +15,13 @@ class PlayedClock final : public platform::Clock {
 public:
     // Shared by the processes that are forked afterwards.
     PlayedClock();
+    ~PlayedClock();
 
     PlayedClock(const PlayedClock&) = delete;
     PlayedClock& operator=(const PlayedClock&) = delete;
+
+    // The memory that the time lies in, as a 64-bit number; it stays the clock's.
+    int memory() const { return memory_; }
 
     // Sets the played time, in microseconds since the epoch.
     void set(std::int64_t microseconds) { *now_ = microseconds; }
@@ -31,6 +35,7 @@ public:
 private:
     void sleepFor(std::int64_t microseconds);
 
+    const int memory_;
     std::atomic<std::int64_t>* now_;
 };
 

@@ -6,4 +6,8 @@ namespace lab {
 // whole or the asker has gone; may block as long as the service does. Any thread.
 void answerQuestion(int connection);
 
+// Has askers read the played time, in microseconds, from this memory instead of asking for it each time. Before the
+// first question.
+void shareClockMemory(int descriptor);
+
 } // namespace lab

@@ -100,7 +100,8 @@ private:
         const auto* from = static_cast<const char*>(bytes);
         while (done < length) {
             ERR_clear_error();
-            const int part = SSL_write(session_, from + done, static_cast<int>(std::min<std::size_t>(length - done, INT_MAX)));
+            const int part = SSL_write(session_, from + done,
+                                       static_cast<int>(std::min<std::size_t>(length - done, INT_MAX)));
             if (part <= 0) return internalError;
             done += static_cast<std::size_t>(part);
         }
@@ -116,7 +117,8 @@ private:
         if (queued != noError && queued != wouldBlock) return queued;
         while (length > 0) {
             ERR_clear_error();
-            const int part = SSL_read(session_, bytes, static_cast<int>(std::min<std::size_t>(length, INT_MAX)));
+            const int part =
+                SSL_read(session_, bytes, static_cast<int>(std::min<std::size_t>(length, INT_MAX)));
             if (part > 0) {
                 done = static_cast<std::size_t>(part);
                 return noError;
@@ -137,7 +139,8 @@ private:
 
     // What is neither a wait nor an orderly end closes the session for good.
     Status noteEnd(Status status) {
-        if (status != noError && status != wouldBlock && status != closedGraceful) state_ = State::closedByError;
+        if (status != noError && status != wouldBlock && status != closedGraceful)
+            state_ = State::closedByError;
         return status;
     }
 
@@ -180,7 +183,9 @@ Status playedSetMinimum(const void* context, int version) {
     return std::count(std::begin(known), std::end(known), version) ? noError : illegalParameter;
 }
 
-Status playedHandshake(const void* context) { return context ? contextOf(context).handshake() : parameterError; }
+Status playedHandshake(const void* context) {
+    return context ? contextOf(context).handshake() : parameterError;
+}
 
 Status playedRead(const void* context, void* bytes, std::size_t length, std::size_t* done) {
     return context && bytes && done ? contextOf(context).read(bytes, length, *done) : parameterError;

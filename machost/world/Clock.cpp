@@ -2,7 +2,9 @@
 
 #include "machost/world/World.h"
 
+#include <sys/mman.h>
 #include <time.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
@@ -24,6 +26,22 @@ void sleepReally(std::int64_t microseconds) {
     }
 }
 
+// The memory in which a world may keep its time, in microseconds; null where it does not.
+const std::atomic<std::int64_t>* mapTime() {
+    Line line({"clock"});
+    int memory = -1;
+    const auto answer = line.next(memory);
+    if (memory < 0) return nullptr;
+    void* mapped = mmap(nullptr, sizeof(std::atomic<std::int64_t>), PROT_READ, MAP_SHARED, memory, 0);
+    close(memory);
+    return mapped == MAP_FAILED ? nullptr : static_cast<const std::atomic<std::int64_t>*>(mapped);
+}
+
+const std::atomic<std::int64_t>* sharedTime() {
+    static const std::atomic<std::int64_t>* const time = mapTime();
+    return time;
+}
+
 // Whether the world has said that it plays no clock, which it does not take back.
 std::atomic<bool> isReal{false};
 
@@ -41,6 +59,7 @@ std::optional<std::int64_t> askClock(const Words& question) {
 } // namespace
 
 std::int64_t now() {
+    if (const auto* time = sharedTime()) return *time;
     const auto played = askClock({"now"});
     return played ? *played : read(CLOCK_REALTIME);
 }
