@@ -1,6 +1,7 @@
 #include "lab/LabRun.h"
 
 #include "support/FixedPorts.h"
+#include "support/ShippedProgram.h"
 
 #include <gtest/gtest.h>
 
@@ -27,6 +28,8 @@ namespace fs = std::filesystem;
     dup2(open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), STDERR_FILENO);
     std::vector<std::string> words = {OSTLER_BINARY_DIR "/lab/fernhill-lab"};
     words.insert(words.end(), arguments.begin(), arguments.end());
+    if (!arguments.empty() && arguments.front() == "replay" && !testsupport::macProgram().empty())
+        words.insert(words.end(), {"--program", testsupport::macProgram()});
     std::vector<char*> argv;
     for (std::string& word : words)
         argv.push_back(word.data());

@@ -8,6 +8,7 @@
 #include "platform/NetworkChanges.h"
 #include "platform/UserDialog.h"
 #include "support/FixedPorts.h"
+#include "support/ShippedProgram.h"
 
 #include <gtest/gtest.h>
 
@@ -37,7 +38,8 @@ void useRealServices() {
 }
 
 LabStage::LabStage(const std::string& policy, bool blockOnFailure)
-    : stage_("", lab::Policy::parse(policy, "policy"), CaptureWriter::startSecond * 1000000),
+    : stage_("", lab::Policy::parse(policy, "policy"), CaptureWriter::startSecond * 1000000,
+             testsupport::macProgram()),
       played_(CaptureWriter::startSecond * 1000000) {
     useRealServices();
     stage_.root.configure(blockOnFailure, 64);

@@ -16,7 +16,9 @@ using machost::readCompactUnwind;
 using machost::UnwindEntry;
 using testsupport::raw;
 
-ByteView view(const std::string& bytes) { return {reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size()}; }
+ByteView view(const std::string& bytes) {
+    return {reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size()};
+}
 
 // Pairs of register and distance, as text.
 std::string savedOf(const FrameLayout& layout) {
@@ -29,9 +31,10 @@ std::string savedOf(const FrameLayout& layout) {
 // One common encoding, one personality, and a compressed page of two functions, the second with data for its handler.
 std::string table(std::uint32_t encoding, std::uint32_t pageKind = 3) {
     constexpr std::uint32_t common = 28, personalities = 32, index = 36, handlerData = 60, page = 68;
-    return raw<std::uint32_t>(1) + raw(common) + raw<std::uint32_t>(1) + raw(personalities) + raw<std::uint32_t>(1) +
-           raw(index) + raw<std::uint32_t>(2) + raw(encoding) + raw<std::uint32_t>(0x3000) + raw<std::uint32_t>(0x1000) +
-           raw(page) + raw(handlerData) + raw<std::uint32_t>(0x1100) + raw<std::uint32_t>(0) + raw(handlerData + 8) +
+    return raw<std::uint32_t>(1) + raw(common) + raw<std::uint32_t>(1) + raw(personalities) +
+           raw<std::uint32_t>(1) + raw(index) + raw<std::uint32_t>(2) + raw(encoding) +
+           raw<std::uint32_t>(0x3000) + raw<std::uint32_t>(0x1000) + raw(page) + raw(handlerData) +
+           raw<std::uint32_t>(0x1100) + raw<std::uint32_t>(0) + raw(handlerData + 8) +
            raw<std::uint32_t>(0x1040) + raw<std::uint32_t>(0x2000) + raw(pageKind) + raw<std::uint16_t>(12) +
            raw<std::uint16_t>(2) + raw<std::uint16_t>(20) + raw<std::uint16_t>(1) + raw<std::uint32_t>(0) +
            raw<std::uint32_t>(0x40 | 1u << 24) + raw<std::uint32_t>(0x51000000);

@@ -29,10 +29,13 @@ std::string faultOf(const std::vector<std::uint8_t>& bytes) {
 }
 
 // An operation that puts the next pointer at an offset below 128 of the data segment.
-std::string at(char offset, char operation) { return {static_cast<char>(operation | MachOBuilder::dataSegment), offset}; }
+std::string at(char offset, char operation) {
+    return {static_cast<char>(operation | MachOBuilder::dataSegment), offset};
+}
 
 std::string bindTo(const std::string& symbol, char offset, char ordinal = 1) {
-    return std::string{static_cast<char>(0x10 | ordinal), 0x40} + symbol + "\0\x51"s + at(offset, 0x70) + "\x90";
+    return std::string{static_cast<char>(0x10 | ordinal), 0x40} + symbol + "\0\x51"s + at(offset, 0x70) +
+           "\x90";
 }
 
 TEST(MachOFile, TellsSegmentsLibrariesAndTheEntry) {
@@ -46,7 +49,8 @@ TEST(MachOFile, TellsSegmentsLibrariesAndTheEntry) {
 }
 
 TEST(MachOFile, ReadsARebaseWithThePointerThatTheFileHas) {
-    const MachOFile file(MachOBuilder().pointer(8, data + 16).rebases("\x11" + at(8, 0x20) + "\x51"s + '\0').bytes());
+    const MachOFile file(
+        MachOBuilder().pointer(8, data + 16).rebases("\x11" + at(8, 0x20) + "\x51"s + '\0').bytes());
     ASSERT_EQ(file.rebases().size(), 1u);
     EXPECT_EQ(file.rebases()[0].address, data + 8);
     EXPECT_EQ(file.rebases()[0].target, data + 16);
@@ -89,7 +93,8 @@ TEST(MachOFile, TakesTheSpecialOrdinalOfAFlatLookup) {
 
 TEST(MachOFile, PassesOverAnUnknownCommandThatNeedNotBeKnown) {
     EXPECT_EQ(faultOf(MachOBuilder().unknownCommand(false).bytes()), "");
-    EXPECT_EQ(faultOf(MachOBuilder().unknownCommand(true).bytes()), "it has a load command that is not known");
+    EXPECT_EQ(faultOf(MachOBuilder().unknownCommand(true).bytes()),
+              "it has a load command that is not known");
 }
 
 TEST(MachOFile, RefusesWhatIsNoExecutableForThisProcessor) {
@@ -124,8 +129,8 @@ TEST(MachOFile, EndsARunOfAnAbsurdLength) {
     for (std::uint64_t offset = 0; offset < 0x1000; offset += 8)
         builder.pointer(offset, data);
     EXPECT_EQ(faultOf(builder.rebases(endless).bytes()), "a pointer lies where nothing can be written");
-    const std::string inPlace = "\x11" + at(0, 0x20) +
-                                "\x80\x7f\xf8\xff\xff\xff\xff\xff\xff\xff\xff\x01"s; // a step of -8
+    const std::string inPlace =
+        "\x11" + at(0, 0x20) + "\x80\x7f\xf8\xff\xff\xff\xff\xff\xff\xff\xff\x01"s; // a step of -8
     EXPECT_EQ(faultOf(MachOBuilder().pointer(0, data).rebases(inPlace).bytes()),
               "a run of rebases stays in its place");
 }
@@ -146,8 +151,12 @@ TEST(MachOFile, ReadsEveryCutOfAFileOrRefusesIt) {
 }
 
 TEST(MachOFile, ReadsOrRefusesAFileWithAnyByteOfItsCommandsChanged) {
-    const auto whole =
-        MachOBuilder().library("/a").pointer(8, data).rebases("\x11" + at(8, 0x20) + "\x51"s).binds(bindTo("_name", 0)).bytes();
+    const auto whole = MachOBuilder()
+                           .library("/a")
+                           .pointer(8, data)
+                           .rebases("\x11" + at(8, 0x20) + "\x51"s)
+                           .binds(bindTo("_name", 0))
+                           .bytes();
     for (std::size_t place = 0; place < 0x200; ++place) {
         for (const std::uint8_t value : {0x00, 0x01, 0x7f, 0x80, 0xff}) {
             auto changed = whole;
@@ -162,10 +171,12 @@ TEST(MachOFile, ReadsOrRefusesAFileWithAnyByteOfItsCommandsChanged) {
 std::string chains(std::uint16_t pointerFormat, std::uint16_t start = 0) {
     const std::string starts = raw<std::uint32_t>(2) + raw<std::uint32_t>(0) + raw<std::uint32_t>(12) +
                                raw<std::uint32_t>(24) + raw<std::uint16_t>(0x1000) + raw(pointerFormat) +
-                               raw<std::uint64_t>(0x1000) + raw<std::uint32_t>(0) + raw<std::uint16_t>(1) + raw(start);
+                               raw<std::uint64_t>(0x1000) + raw<std::uint32_t>(0) + raw<std::uint16_t>(1) +
+                               raw(start);
     const auto imports = static_cast<std::uint32_t>(28 + starts.size());
-    return raw<std::uint32_t>(0) + raw<std::uint32_t>(28) + raw(imports) + raw(imports + 4) + raw<std::uint32_t>(1) +
-           raw<std::uint32_t>(1) + raw<std::uint32_t>(0) + starts + raw<std::uint32_t>(1 | 1u << 9) + "\0_name\0"s;
+    return raw<std::uint32_t>(0) + raw<std::uint32_t>(28) + raw(imports) + raw(imports + 4) +
+           raw<std::uint32_t>(1) + raw<std::uint32_t>(1) + raw<std::uint32_t>(0) + starts +
+           raw<std::uint32_t>(1 | 1u << 9) + "\0_name\0"s;
 }
 
 TEST(ChainedFixups, GoFromPointerToPointer) {
@@ -202,7 +213,8 @@ TEST(ChainedFixups, EndAtTheEndOfTheirSegment) {
 }
 
 TEST(ChainedFixups, OfAPageWithoutPointersAreNone) {
-    const MachOFile file(MachOBuilder().library("/a").pointer(0, ~0ull).chainedFixups(chains(2, 0xffff)).bytes());
+    const MachOFile file(
+        MachOBuilder().library("/a").pointer(0, ~0ull).chainedFixups(chains(2, 0xffff)).bytes());
     EXPECT_TRUE(file.rebases().empty());
     EXPECT_TRUE(file.binds().empty());
 }

@@ -40,8 +40,8 @@ protected:
 
     // Code that calls through the first pointer of the data segment, then answers 42.
     static std::string callFirstPointer() {
-        const auto distance = static_cast<std::uint32_t>(MachOBuilder::dataAddress - MachOBuilder::textAddress -
-                                                         MachOBuilder::codeOffset - 10);
+        const auto distance = static_cast<std::uint32_t>(
+            MachOBuilder::dataAddress - MachOBuilder::textAddress - MachOBuilder::codeOffset - 10);
         return "\x48\x83\xec\x08\xff\x15"s + raw(distance) + "\x48\x83\xc4\x08\xb8\x2a\0\0\0\xc3"s;
     }
 
@@ -78,30 +78,30 @@ TEST_F(MachostRun, HandsTheWordsToMain) {
 
 TEST_F(MachostRun, BindsAnImportToWhatIsPlayed) {
     const Outcome run = this->run(MachOBuilder()
-                                  .library("/usr/lib/libSystem.B.dylib")
-                                  .binds(bindFirstPointer("_getpid"))
-                                  .code(callFirstPointer())
-                                  .bytes());
+                                      .library("/usr/lib/libSystem.B.dylib")
+                                      .binds(bindFirstPointer("_getpid"))
+                                      .code(callFirstPointer())
+                                      .bytes());
     EXPECT_EQ(run.status, 42);
     EXPECT_EQ(run.errors, "");
 }
 
 TEST_F(MachostRun, EndsAtTheCallOfAnImportThatNothingPlays) {
     const Outcome run = this->run(MachOBuilder()
-                                  .library("/usr/lib/libSystem.B.dylib")
-                                  .binds(bindFirstPointer("_nobodyPlaysThis"))
-                                  .code(callFirstPointer())
-                                  .bytes());
+                                      .library("/usr/lib/libSystem.B.dylib")
+                                      .binds(bindFirstPointer("_nobodyPlaysThis"))
+                                      .code(callFirstPointer())
+                                      .bytes());
     EXPECT_EQ(run.status, 70);
     EXPECT_EQ(run.errors, "machost: nothing plays _nobodyPlaysThis of /usr/lib/libSystem.B.dylib\n");
 }
 
 TEST_F(MachostRun, DoesNotMindAnImportThatIsNeverCalled) {
     const Outcome run = this->run(MachOBuilder()
-                                  .library("/usr/lib/libSystem.B.dylib")
-                                  .binds(bindFirstPointer("_nobodyPlaysThis"))
-                                  .code("\xb8\x2a\0\0\0\xc3"s)
-                                  .bytes());
+                                      .library("/usr/lib/libSystem.B.dylib")
+                                      .binds(bindFirstPointer("_nobodyPlaysThis"))
+                                      .code("\xb8\x2a\0\0\0\xc3"s)
+                                      .bytes());
     EXPECT_EQ(run.status, 42);
 }
 

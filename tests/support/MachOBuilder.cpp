@@ -13,8 +13,8 @@ std::string name(const std::string& text) {
     return field;
 }
 
-std::string segment(const std::string& called, std::uint64_t address, std::uint64_t offset, std::uint64_t size,
-                    int protection) {
+std::string segment(const std::string& called, std::uint64_t address, std::uint64_t offset,
+                    std::uint64_t size, int protection) {
     return raw<std::uint32_t>(0x19) + raw<std::uint32_t>(72) + name(called) + raw(address) +
            raw<std::uint64_t>(pageSize) + raw(offset) + raw(size) + raw(protection) + raw(protection) +
            raw<std::uint32_t>(0) + raw<std::uint32_t>(0);
@@ -56,8 +56,8 @@ std::vector<std::uint8_t> MachOBuilder::bytes() const {
                            raw<std::uint64_t>(0);
     std::uint32_t count = 4;
     if (chained_.empty()) {
-        commands += raw<std::uint32_t>(0x80000022) + raw<std::uint32_t>(48) + place(rebases_) + place(binds_) +
-                    raw<std::uint64_t>(0) + place(lazyBinds_) + raw<std::uint64_t>(0);
+        commands += raw<std::uint32_t>(0x80000022) + raw<std::uint32_t>(48) + place(rebases_) +
+                    place(binds_) + raw<std::uint64_t>(0) + place(lazyBinds_) + raw<std::uint64_t>(0);
     } else {
         commands += raw<std::uint32_t>(0x80000034) + raw<std::uint32_t>(16) + place(chained_);
     }
@@ -70,9 +70,10 @@ std::vector<std::uint8_t> MachOBuilder::bytes() const {
     commands += more_;
     count += static_cast<std::uint32_t>(moreCount_);
 
-    std::string file = raw<std::uint32_t>(0xfeedfacf) + raw<std::uint32_t>(0x01000007) + raw<std::uint32_t>(3) +
-                       raw<std::uint32_t>(2) + raw(count) + raw(static_cast<std::uint32_t>(commands.size())) +
-                       raw<std::uint32_t>(0x200000) + raw<std::uint32_t>(0) + commands;
+    std::string file = raw<std::uint32_t>(0xfeedfacf) + raw<std::uint32_t>(0x01000007) +
+                       raw<std::uint32_t>(3) + raw<std::uint32_t>(2) + raw(count) +
+                       raw(static_cast<std::uint32_t>(commands.size())) + raw<std::uint32_t>(0x200000) +
+                       raw<std::uint32_t>(0) + commands;
     file.resize(codeOffset, '\0');
     file += code_;
     file.resize(pageSize, '\0');
