@@ -3,6 +3,7 @@
 #include "machost/Imports.h"
 #include "machost/Settings.h"
 #include "machost/iokit/Library.h"
+#include "machost/libsystem/Signals.h"
 #include "machost/loader/Image.h"
 #include "machost/loader/MissingImports.h"
 #include "machost/loader/ThreadVariables.h"
@@ -68,9 +69,10 @@ void prepareOutput() {
 
 pid_t programProcess = 0;
 
-// Runs behind all that the program has its own end do. A forked child has objects of threads that it has not.
+// Runs behind all that the program has its own end do. A forked child has objects of threads that it has not, and an
+// end in a signal's handler comes on top of whoever still holds some.
 void checkCounts() {
-    if (getpid() != programProcess) return;
+    if (getpid() != programProcess || libsystem::isInsideHandler()) return;
     const int left = reportLeaks() + iokit::reportLeaks();
     if (left == 0 || settings().world.empty()) return;
     std::fflush(nullptr);

@@ -29,12 +29,16 @@ std::atomic<Handler> handlers[signalCount];
 
 const Handler refused = reinterpret_cast<Handler>(-1);
 
+thread_local int handlerDepth = 0;
+
 // The program's handler finds its own errno, and the host's is what it was before.
 void deliver(int host) {
     const int before = errno;
     const int mac = macSignal(host);
     const Handler handler = handlers[mac];
+    ++handlerDepth;
     if (handler && handler != reinterpret_cast<Handler>(1)) handler(mac);
+    --handlerDepth;
     errno = before;
 }
 
@@ -64,6 +68,8 @@ int hostSignal(int mac) {
         if (row.mac == mac) return row.host;
     return 0;
 }
+
+bool isInsideHandler() { return handlerDepth > 0; }
 
 const ImportTable& signalImports() {
     static const auto& table = *new ImportTable{

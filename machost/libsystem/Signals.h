@@ -8,4 +8,7 @@ namespace machost::libsystem {
 int macSignal(int host);
 int hostSignal(int mac);
 
+// Whether the calling thread is in a handler of the program's, with what it interrupted still under way below.
+bool isInsideHandler();
+
 } // namespace machost::libsystem
