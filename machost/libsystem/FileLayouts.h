@@ -54,4 +54,8 @@ constexpr int getDescriptorFlags = 1, setDescriptorFlags = 2, getFlags = 3, setF
 constexpr int duplicate = 0, setNoSignal = 73, getNoSignal = 74, duplicateCloseOnExec = 67;
 constexpr int accessMode = 3, nonBlocking = 4, append = 8, async = 0x40;
 
+// More flags of open.
+constexpr int noFollow = 0x100, create = 0x200, cut = 0x400, exclusive = 0x800, noTerminal = 0x20000,
+              folder = 0x100000, closeOnExec = 0x1000000;
+
 } // namespace machost::libsystem::mac

@@ -6,10 +6,12 @@
 #include "machost/libsystem/Paths.h"
 
 #include <dirent.h>
+#include <fcntl.h>
 #include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstdarg>
 #include <cstdio>
 #include <cstring>
 
@@ -50,6 +52,43 @@ int playedFstat(int descriptor, mac::Stat* result) {
     if (fstat(descriptor, &found) != 0) return -1;
     convert(found, *result);
     return 0;
+}
+
+int playedLstat(const char* path, mac::Stat* result) {
+    const ErrorScope scope;
+    struct stat found {};
+    if (lstat(hostPath(path).c_str(), &found) != 0) return -1;
+    convert(found, *result);
+    return 0;
+}
+
+struct OpenFlag {
+    int mac;
+    int host;
+};
+constexpr OpenFlag openFlags[] = {
+    {mac::nonBlocking, O_NONBLOCK}, {mac::append, O_APPEND},    {mac::noFollow, O_NOFOLLOW},
+    {mac::create, O_CREAT},         {mac::cut, O_TRUNC},        {mac::exclusive, O_EXCL},
+    {mac::noTerminal, O_NOCTTY},    {mac::folder, O_DIRECTORY}, {mac::closeOnExec, O_CLOEXEC}};
+
+// A flag that is not among these is not played.
+int playedOpen(const char* path, int flags, ...) {
+    const ErrorScope scope;
+    va_list arguments;
+    va_start(arguments, flags);
+    const int mode = flags & mac::create ? va_arg(arguments, int) : 0;
+    va_end(arguments);
+    int host = flags & mac::accessMode;
+    int left = flags & ~mac::accessMode;
+    for (const OpenFlag& flag : openFlags) {
+        if (left & flag.mac) host |= flag.host;
+        left &= ~flag.mac;
+    }
+    if (left != 0) {
+        errno = EINVAL;
+        return -1;
+    }
+    return open(hostPath(path).c_str(), host, mode);
 }
 
 int playedMkdir(const char* path, std::uint16_t mode) {
@@ -142,6 +181,8 @@ int playedGetpwuid(uid_t user, mac::Account* account, char* room, std::size_t si
 const ImportTable& fileImports() {
     static const auto& table = *new ImportTable{
         function("_stat$INODE64", playedStat, "stat(2) of xnu"),
+        function("_lstat$INODE64", playedLstat, "lstat(2) of xnu"),
+        function("_open", playedOpen, "open(2) of xnu"),
         function("_fstat$INODE64", playedFstat, "fstat(2) of xnu"),
         function("_mkdir", playedMkdir, "mkdir(2) of xnu"),
         function("_rmdir", playedRmdir, "rmdir(2) of xnu"),
@@ -155,6 +196,7 @@ const ImportTable& fileImports() {
         function("_getcwd", playedGetcwd, "getcwd.c of Libc"),
         function("_getpwuid_r", playedGetpwuid, "getpwuid(3) of Libinfo"),
         function("_getuid", &getuid, "getuid(2) of xnu"),
+        function("_geteuid", &geteuid, "geteuid(2) of xnu"),
     };
     return table;
 }

@@ -2,7 +2,6 @@
 
 #include "machost/libsystem/Errors.h"
 #include "machost/libsystem/Library.h"
-#include "machost/libsystem/Paths.h"
 
 #include <cstdarg>
 #include <cstdio>
@@ -13,11 +12,6 @@ namespace {
 
 std::FILE* standardOutput = stdout;
 std::FILE* standardError = stderr;
-
-std::FILE* playedFopen(const char* path, const char* mode) {
-    const ErrorScope scope;
-    return std::fopen(hostPath(path).c_str(), mode);
-}
 
 // The formats that differ are few and not used: %n on a writable text, %v, and %C in other locales.
 int playedPrintf(const char* format, ...) {
@@ -53,7 +47,7 @@ const ImportTable& streamImports() {
     static const auto& table = *new ImportTable{
         variable("___stdoutp", &standardOutput, "findfp.c of Libc"),
         variable("___stderrp", &standardError, "findfp.c of Libc"),
-        function("_fopen", playedFopen, "fopen.c of Libc"),
+        function("_fdopen", translated<&fdopen>, "fdopen.c of Libc"),
         function("_printf", playedPrintf, "printf.c of Libc; formats as both systems have them"),
         function("_snprintf", playedSnprintf, "snprintf.c of Libc; formats as both systems have them"),
         function("_swprintf", playedSwprintf, "swprintf.c of Libc; formats as both systems have them"),

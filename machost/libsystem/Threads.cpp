@@ -54,6 +54,10 @@ int playedSet(unsigned long key, const void* value) {
     return macError(pthread_setspecific(hostKey(key), value));
 }
 
+int playedAtFork(void (*before)(), void (*inParent)(), void (*inChild)()) {
+    return macError(pthread_atfork(before, inParent, inChild));
+}
+
 } // namespace
 
 const ImportTable& threadImports() {
@@ -69,6 +73,7 @@ const ImportTable& threadImports() {
         function("_pthread_key_delete", playedKeyDelete, "pthread_tsd.c of libpthread"),
         function("_pthread_getspecific", playedGet, "pthread_tsd.c of libpthread"),
         function("_pthread_setspecific", playedSet, "pthread_tsd.c of libpthread"),
+        function("_pthread_atfork", playedAtFork, "pthread_atfork.c of libpthread"),
         function("_sched_yield", &sched_yield, "sched_yield of libpthread"),
     };
     return table;
