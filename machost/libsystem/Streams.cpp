@@ -14,7 +14,7 @@ std::FILE* standardOutput = stdout;
 std::FILE* standardError = stderr;
 
 // The formats that differ are few and not used: %n on a writable text, %v, and %C in other locales.
-int playedPrintf(const char* format, ...) {
+__attribute__((format(printf, 1, 2))) int playedPrintf(const char* format, ...) {
     const ErrorScope scope;
     va_list arguments;
     va_start(arguments, format);
@@ -23,7 +23,8 @@ int playedPrintf(const char* format, ...) {
     return count;
 }
 
-int playedSnprintf(char* room, std::size_t size, const char* format, ...) {
+__attribute__((format(printf, 3, 4))) int playedSnprintf(char* room, std::size_t size, const char* format,
+                                                         ...) {
     const ErrorScope scope;
     va_list arguments;
     va_start(arguments, format);

@@ -12,10 +12,13 @@ namespace {
 // In the C locale a character has one byte.
 int longestCharacter = 1;
 
+const wchar_t* playedFind(const wchar_t* text, wchar_t character, std::size_t count) {
+    return std::wmemchr(text, character, count);
+}
+
 } // namespace
 
 const ImportTable& wideTextImports() {
-    using FindWide = const wchar_t* (*)(const wchar_t*, wchar_t, std::size_t);
     constexpr const char* source = "ISO C, which both systems keep";
     static const auto& table = *new ImportTable{
         variable("___mb_cur_max", &longestCharacter, "setlocale.c of Libc"),
@@ -29,7 +32,7 @@ const ImportTable& wideTextImports() {
         function("_wcstod", translated<&std::wcstod>, source),
         function("_wcstof", translated<&std::wcstof>, source),
         function("_wcstold", translated<&std::wcstold>, source),
-        function("_wmemchr", static_cast<FindWide>(&std::wmemchr), source),
+        function("_wmemchr", playedFind, source),
         function("_wmemcmp", &std::wmemcmp, source),
     };
     return table;

@@ -26,7 +26,8 @@ struct Limit {
     std::int64_t seconds, nanoseconds;
 };
 constexpr std::int16_t readFilter = -1, writeFilter = -2;
-constexpr std::uint16_t add = 1, remove = 2, enable = 4, clear = 0x20, dispatch = 0x80, error = 0x4000, ended = 0x8000;
+constexpr std::uint16_t add = 1, remove = 2, enable = 4, clear = 0x20, dispatch = 0x80, error = 0x4000,
+                        ended = 0x8000;
 
 template <class Function>
 Function* played(const char* symbol) {
@@ -57,8 +58,8 @@ protected:
     int wait(const Event* changes, int count) {
         const Limit none{0, 0};
         found = {};
-        return played<int(int, const Event*, int, Event*, int, const Limit*)>("_kevent")(queue, changes, count,
-                                                                                        &found, 1, &none);
+        return played<int(int, const Event*, int, Event*, int, const Limit*)>("_kevent")(
+            queue, changes, count, &found, 1, &none);
     }
 
     void send(const std::string& bytes) {
@@ -165,7 +166,9 @@ TEST(PlayedSockets, ARefusalOnThisMachineComesLaterToASocketThatDoesNotBlock) {
 
     int pending = 0;
     socklen_t size = sizeof pending;
-    EXPECT_EQ(played<int(int, int, int, void*, socklen_t*)>("_getsockopt")(client, 0xffff, 0x1007, &pending, &size), 0);
+    EXPECT_EQ(
+        played<int(int, int, int, void*, socklen_t*)>("_getsockopt")(client, 0xffff, 0x1007, &pending, &size),
+        0);
     EXPECT_EQ(pending, 61); // ECONNREFUSED
     close(holder);
     played<int(int)>("_close")(client);
