@@ -13,7 +13,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
+#include <cstdarg>
 #include <cstdint>
 #include <cstdlib>
 #include <deque>
@@ -186,23 +186,16 @@ pid_t playedWaitpid(pid_t process, int* status, int options) {
     return ended;
 }
 
-// The shell is this machine's, so a word that is a path of the program's is told as it lies here.
-std::string withHostPaths(const std::string& command) {
-    std::string result;
-    for (std::size_t at = 0; at < command.size();) {
-        const std::size_t end = std::min(command.find_first_of(" \t\n\"';&|<>()", at), command.size());
-        const std::string word = command.substr(at, end - at);
-        result += toolsPath(word);
-        if (end < command.size()) result += command[end];
-        at = end + 1;
-    }
-    return result;
-}
+int playedAtExit(void (*run)()) { return std::atexit(run); }
 
-int playedSystem(const char* command) {
-    const ErrorScope scope;
-    const int status = command ? std::system(withHostPaths(command).c_str()) : std::system(nullptr);
-    return status > 0 && command ? macStatus(status) : status;
+int playedExecl(const char* path, const char* first, ...) {
+    std::vector<char*> words = {const_cast<char*>(first)};
+    va_list arguments;
+    va_start(arguments, first);
+    while (words.back())
+        words.push_back(va_arg(arguments, char*));
+    va_end(arguments);
+    return playedExecv(path, words.data());
 }
 
 } // namespace
@@ -212,10 +205,12 @@ const ImportTable& processImports() {
         function("_fork", playedFork, "fork(2) of xnu"),
         function("_execv", playedExecv, "execve(2) of xnu"),
         function("_waitpid", playedWaitpid, "wait4(2) of xnu"),
-        function("_system", playedSystem, "system.c of Libc"),
+        function("_execl", playedExecl, "exec.c of Libc"),
         function("_setpgid", playedSetpgid, "setpgid(2) of xnu"),
         function("_getpid", &getpid, "getpid(2) of xnu"),
         function("_exit", &std::exit, "exit.c of Libc"),
+        function("__exit", &_exit, "exit(2) of xnu"),
+        function("_atexit", playedAtExit, "atexit.c of Libc"),
         function("_abort", &std::abort, "abort.c of Libc"),
     };
     return table;

@@ -67,6 +67,7 @@ const ImportTable& threadImports() {
         function("_pthread_join", playedJoin, source),
         function("_pthread_detach", playedDetach, source),
         function("_pthread_self", &pthread_self, source),
+        function("_pthread_equal", &pthread_equal, source),
         function("_pthread_threadid_np", playedThreadId, source),
         function("_pthread_mach_thread_np", playedMachThread, source),
         function("_pthread_key_create", playedKeyCreate, "pthread_tsd.c of libpthread"),
