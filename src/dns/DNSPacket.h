@@ -86,10 +86,13 @@ void initMap();
 // Empties both tables; nothing while one of them is missing. With the tables' lock held.
 void clearMaps();
 
-// Pins a host in the hosts file unless a line for it is there, and records it as added. Always true. Files
-// that do not open or that take no more leave everything as it was. One thread at a time.
+// Pins a host in the hosts file unless a line for it is there, and records it as added. Always true. A host
+// whose line no removal would find again gets none: it begins with a blank, holds a line feed, or is longer
+// than 252 bytes together with its address. Files that do not open or that take no more leave everything as it
+// was. One thread at a time.
 bool hostExistsCheck(const char* host, const char* address);
 
 // Removes a host's lines from the hosts file, which is rewritten in place; it stays whole if it or the work
-// file does not open or a line cannot be copied. One thread at a time.
+// file does not open or a line cannot be copied into the work file. If it takes no more while it is rewritten,
+// the work file keeps everything, and the next removal or pin first copies that back. One thread at a time.
 void removeHostEntry(const char* host);

@@ -81,6 +81,13 @@ bool isLineOf(const char* line, const char* host) {
     return std::strlen(name) == length + 1 && std::strncmp(name, host, length) == 0;
 }
 
+std::string lineOf(const char* host, const char* address) { return std::string(address) + " " + host + "\n"; }
+
+// Whether a removal would find this line again: it is one line, is read in one piece, and is the host's.
+bool canBeTakenOut(const std::string& line, const char* host) {
+    return line.size() < lineLimit && line.find('\n') == line.size() - 1 && isLineOf(line.c_str(), host);
+}
+
 enum class Search { present, absent, unreadable };
 
 Search searchHosts(const char* host) {
@@ -107,38 +114,71 @@ bool appendTo(const char* path, const std::string& text, long& sizeBefore) {
 }
 
 // Adds a host's line to the hosts file and the host to the record of what was added, both or neither, since
-// what is not recorded could never be taken out. The text goes right behind a last line without a line break;
-// deliberate.
-void addHost(const std::string& host, const std::string& address) {
+// what is not recorded could never be taken out. The line is appended as it stands: right behind a last line
+// without a line break.
+void addHost(const char* host, const std::string& line) {
     long hostsSize = -1;
     long recordSize = -1;
-    if (!appendTo(HostPaths::hostsFile(), address + " " + host + "\n", hostsSize)) return;
-    if (!appendTo(HostPaths::hostsRecordFile(), host + "\n", recordSize))
+    if (!appendTo(HostPaths::hostsFile(), line, hostsSize)) return;
+    if (!appendTo(HostPaths::hostsRecordFile(), std::string(host) + "\n", recordSize))
         cutBack(HostPaths::hostsFile(), hostsSize);
 }
 
-// Copies a file line by line over another one, without the lines of `host` unless that is null. False when a
-// file does not open, with `to` as it was, and when the copy is not whole.
-bool copyLines(const char* from, const char* to, const char* host) {
+enum class Copy { whole, notBegun, inPart };
+
+// Copies a file line by line over another one, without the lines of `host` unless that is null. Not begun, with
+// `to` as it was, when a file does not open.
+Copy copyLines(const char* from, const char* to, const char* host) {
     TextFile source(from, "r");
-    if (!source.isOpen()) return false;
+    if (!source.isOpen()) return Copy::notBegun;
     TextFile target(to, "w");
-    if (!target.isOpen()) return false;
+    if (!target.isOpen()) return Copy::notBegun;
     char line[lineLimit];
     while (source.readLine(line))
         if (!host || !isLineOf(line, host)) target.write(line);
-    return !source.readFailed() && target.close();
+    return !source.readFailed() && target.close() ? Copy::whole : Copy::inPart;
 }
 
-// Removes a host's lines by way of the work file, which is left behind: whatever happens to the hosts file
-// while it is written, the work file has all of it until the next removal. Whether the lines are gone.
+// Whether the hosts file begins with everything that the work file holds.
+bool hasAllOfWorkFile() {
+    TextFile hosts(HostPaths::hostsFile(), "r");
+    TextFile work(HostPaths::hostsWorkFile(), "r");
+    if (!hosts.isOpen() || !work.isOpen()) return false;
+    char wanted[lineLimit];
+    char found[lineLimit];
+    while (work.readLine(wanted))
+        if (!hosts.readLine(found) || std::strcmp(wanted, found) != 0) return false;
+    return !work.readFailed();
+}
+
+// The hosts file is emptied before the work file is copied over it. While that may not have worked, a mark
+// stands: the work file is then the only whole copy, for this process and the next, and nothing writes over it.
+
+// Copies the work file, which is whole, over the hosts file. Whether that worked.
+bool copyBack() {
+    if (!createNewFile(HostPaths::hostsUnfinishedFile())) return false;
+    const Copy copy = copyLines(HostPaths::hostsWorkFile(), HostPaths::hostsFile(), nullptr);
+    if (copy == Copy::inPart) return false;
+    return deleteFile(HostPaths::hostsUnfinishedFile()) && copy == Copy::whole;
+}
+
+// Makes up for a copy back that failed or was interrupted. Whether the hosts file is whole.
+bool finishCopyBack() {
+    if (!ifExist(HostPaths::hostsUnfinishedFile())) return true;
+    const bool isWhole =
+        !ifExist(HostPaths::hostsWorkFile()) || hasAllOfWorkFile() ||
+        copyLines(HostPaths::hostsWorkFile(), HostPaths::hostsFile(), nullptr) == Copy::whole;
+    return isWhole && deleteFile(HostPaths::hostsUnfinishedFile());
+}
+
+// Removes a host's lines by way of the work file, which is left behind. Whether the lines are gone.
 bool removeHost(const char* host) {
-    return copyLines(HostPaths::hostsFile(), HostPaths::hostsWorkFile(), host) &&
-           copyLines(HostPaths::hostsWorkFile(), HostPaths::hostsFile(), nullptr);
+    return finishCopyBack() &&
+           copyLines(HostPaths::hostsFile(), HostPaths::hostsWorkFile(), host) == Copy::whole && copyBack();
 }
 
 // Removes every host that was added, and forgets them. Ends at the first that cannot be removed: nothing is
-// forgotten that may still be there, and the work file keeps what the hosts file may have lost.
+// forgotten that may still be there.
 void removeRecordedHosts() {
     {
         TextFile record(HostPaths::hostsRecordFile(), "r");
@@ -157,7 +197,9 @@ void removeRecordedHosts() {
 } // namespace
 
 bool hostExistsCheck(const char* host, const char* address) {
-    if (searchHosts(host) == Search::absent) addHost(host, address);
+    const std::string line = lineOf(host, address);
+    if (!canBeTakenOut(line, host)) return true;
+    if (finishCopyBack() && searchHosts(host) == Search::absent) addHost(host, line);
     return true;
 }
 

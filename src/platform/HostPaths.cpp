@@ -43,6 +43,7 @@ HostPath outboundControlSocketPath("/var/run/fernhill/twFernhill_outkext");
 HostPath hostsFilePath("/etc/hosts");
 HostPath hostsRecordFilePath("/etc/hostsDnsRemaps");
 HostPath hostsWorkFilePath("/etc/hostsTmp");
+HostPath hostsUnfinishedFilePath("/etc/hostsUnfinished");
 HostPath updateHelperPath("/usr/local/bin/fernhillupdate");
 HostPath updateCopyHelperPath("/usr/local/bin/fernhillupdatecopy");
 HostPath updateDirectoryPath("/usr/local/etc/");
@@ -80,6 +81,7 @@ HostPath* const allPaths[] = {
     &hostsFilePath,
     &hostsRecordFilePath,
     &hostsWorkFilePath,
+    &hostsUnfinishedFilePath,
     &updateHelperPath,
     &updateCopyHelperPath,
     &dsconfigadPath,
@@ -122,6 +124,7 @@ const char* HostPaths::outboundControlSocket() { return outboundControlSocketPat
 const char* HostPaths::hostsFile() { return hostsFilePath.text(); }
 const char* HostPaths::hostsRecordFile() { return hostsRecordFilePath.text(); }
 const char* HostPaths::hostsWorkFile() { return hostsWorkFilePath.text(); }
+const char* HostPaths::hostsUnfinishedFile() { return hostsUnfinishedFilePath.text(); }
 const char* HostPaths::updateHelper() { return updateHelperPath.text(); }
 const char* HostPaths::updateCopyHelper() { return updateCopyHelperPath.text(); }
 const char* HostPaths::updateDirectory() { return updateDirectoryPath.text(); }

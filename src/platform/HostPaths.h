@@ -31,6 +31,7 @@ public:
     static const char* hostsFile();
     static const char* hostsRecordFile(); // the hosts that were added to the hosts file
     static const char* hostsWorkFile();
+    static const char* hostsUnfinishedFile(); // there while the hosts file may be less than the work file
 
     static const char* updateHelper();
     static const char* updateCopyHelper();

@@ -166,21 +166,118 @@ TEST_F(HostsFileFailures, ARecordThatCannotBeReadToItsEndIsKept) {
     EXPECT_EQ(record(), "a\n");
 }
 
-TEST_F(HostsFileFailures, WhatAHostsFileLosesWhileItIsWrittenStaysInTheWorkFileAndOnRecord) {
-    // A file that can be emptied, as it is before the copy back, and then does not grow again.
-    const std::string lines = "127.0.0.1 localhost\n192.0.2.1 a\n";
-    const int file = memfd_create("hosts", MFD_ALLOW_SEALING);
-    ASSERT_EQ(write(file, lines.data(), lines.size()), static_cast<ssize_t>(lines.size()));
-    ASSERT_EQ(fcntl(file, F_ADD_SEALS, F_SEAL_GROW), 0);
-    std::filesystem::remove(HostPaths::hostsFile());
-    std::filesystem::create_symlink("/proc/self/fd/" + std::to_string(file), HostPaths::hostsFile());
-    givenRecord("a\n");
+// A hosts file that can be emptied, as it is before the copy back, and then takes no byte.
+class HostsFileThatTakesNoByte : public HostsFileFailures {
+protected:
+    HostsFileThatTakesNoByte() : file_(memfd_create("hosts", MFD_ALLOW_SEALING)) {
+        EXPECT_EQ(write(file_, lines.data(), lines.size()), static_cast<ssize_t>(lines.size()));
+        EXPECT_EQ(fcntl(file_, F_ADD_SEALS, F_SEAL_GROW), 0);
+        std::filesystem::remove(HostPaths::hostsFile());
+        std::filesystem::create_symlink("/proc/self/fd/" + std::to_string(file_), HostPaths::hostsFile());
+        givenRecord("a\n");
+    }
+    ~HostsFileThatTakesNoByte() override { close(file_); }
 
+    // From now on the hosts file takes what is written; it holds what the ruin holds.
+    static void mend(const std::string& ruin) {
+        std::filesystem::remove(HostPaths::hostsFile());
+        givenHosts(ruin);
+    }
+
+    static std::string workFile() { return testsupport::readAll(HostPaths::hostsWorkFile()); }
+
+    const std::string lines = "127.0.0.1 localhost\n192.0.2.1 a\n192.0.2.1 b\n";
+
+private:
+    const int file_;
+};
+
+TEST_F(HostsFileThatTakesNoByte, WhatTheHostsFileLosesStaysInTheWorkFileAndOnRecord) {
     DNSPacket::removeHostsFile();
     EXPECT_EQ(hosts(), "");
-    EXPECT_EQ(testsupport::readAll(HostPaths::hostsWorkFile()), lines);
+    EXPECT_EQ(workFile(), lines);
     EXPECT_EQ(record(), "a\n");
-    close(file);
+}
+
+TEST_F(HostsFileThatTakesNoByte, NoFurtherRemovalWritesOverTheOnlyWholeCopy) {
+    for (int attempt = 0; attempt < 3; ++attempt) {
+        DNSPacket::removeHostsFile();
+        DNSPacket::clearHostsDnsRemaps();
+        removeHostEntry("b");
+        EXPECT_TRUE(hostExistsCheck("c", "192.0.2.1"));
+    }
+    EXPECT_EQ(workFile(), lines);
+    EXPECT_EQ(record(), "a\n");
+}
+
+TEST_F(HostsFileThatTakesNoByte, OnceTheFileTakesBytesAgainTheNextRemovalBringsItsLinesBackFirst) {
+    DNSPacket::removeHostsFile();
+    removeHostEntry("b");
+    mend("");
+    DNSPacket::removeHostsFile();
+    EXPECT_EQ(hosts(), "127.0.0.1 localhost\n192.0.2.1 b\n");
+    EXPECT_EQ(record(), "");
+}
+
+TEST_F(HostsFileThatTakesNoByte, AProcessThatStartsAnewBringsTheLinesBackToo) {
+    EXPECT_TRUE(testsupport::passesInChild([] { removeHostEntry("b"); }));
+    mend("127.0.0.1 loc");
+    removeHostEntry("a");
+    EXPECT_EQ(hosts(), "127.0.0.1 localhost\n");
+}
+
+TEST_F(HostsFileThatTakesNoByte, ANewPinBringsTheLinesBackFirst) {
+    removeHostEntry("b");
+    mend("127.0.0.1 loc");
+    EXPECT_TRUE(hostExistsCheck("a", "192.0.2.9"));
+    EXPECT_TRUE(hostExistsCheck("c", "192.0.2.1"));
+    EXPECT_EQ(hosts(), "127.0.0.1 localhost\n192.0.2.1 a\n192.0.2.1 c\n");
+    EXPECT_EQ(record(), "a\nc\n");
+}
+
+TEST_F(HostsFileFailures, AfterACopyBackThatCouldNotBeginTheHostsFileIsTakenAsItIs) {
+    givenHosts("192.0.2.1 a\n192.0.2.1 b\n");
+    chmod(HostPaths::hostsFile(), 0444);
+    EXPECT_TRUE(passesAsOrdinaryUser([] {
+        removeHostEntry("a");
+        chmod(HostPaths::hostsFile(), 0644);
+        givenHosts("192.0.2.1 somebody.else\n192.0.2.1 b\n");
+        removeHostEntry("b");
+        EXPECT_EQ(hosts(), "192.0.2.1 somebody.else\n");
+    }));
+}
+
+TEST_F(HostsFileFailures, ACopyBackThatEndedUnnoticedTakesNothingFromWhatWasAddedBehindIt) {
+    testsupport::writeAll(HostPaths::hostsWorkFile(), "192.0.2.1 b\n");
+    testsupport::writeAll(HostPaths::hostsUnfinishedFile(), "");
+    givenHosts("192.0.2.1 b\n192.0.2.1 somebody.else\n");
+    removeHostEntry("b");
+    EXPECT_EQ(hosts(), "192.0.2.1 somebody.else\n");
+    EXPECT_FALSE(ifExist(HostPaths::hostsUnfinishedFile()));
+}
+
+TEST_F(HostsFileFailures, AMarkOfAnUnfinishedCopyBackWithoutAWorkFileMeansNothing) {
+    testsupport::writeAll(HostPaths::hostsUnfinishedFile(), "");
+    givenHosts("192.0.2.1 a\n192.0.2.1 b\n");
+    removeHostEntry("a");
+    EXPECT_EQ(hosts(), "192.0.2.1 b\n");
+}
+
+TEST_F(HostsFileFailures, AMarkThatCannotBeMadeLeavesTheHostsFileWhole) {
+    givenHosts("192.0.2.1 a\n192.0.2.1 b\n");
+    std::filesystem::create_symlink(folder() + "/missing/mark", HostPaths::hostsUnfinishedFile());
+    removeHostEntry("a");
+    EXPECT_EQ(hosts(), "192.0.2.1 a\n192.0.2.1 b\n");
+}
+
+TEST_F(HostsFileFailures, AMarkThatCannotBeTakenAwayLeavesHostsFileAndWorkFileWhole) {
+    givenHosts("192.0.2.1 a\n192.0.2.1 b\n");
+    testsupport::writeAll(HostPaths::hostsWorkFile(), "192.0.2.1 a\n");
+    makeFolderOf(HostPaths::hostsUnfinishedFile());
+    testsupport::writeAll(std::string(HostPaths::hostsUnfinishedFile()) + "/file", "");
+    removeHostEntry("a");
+    EXPECT_EQ(hosts(), "192.0.2.1 a\n192.0.2.1 b\n");
+    EXPECT_EQ(testsupport::readAll(HostPaths::hostsWorkFile()), "192.0.2.1 a\n");
 }
 
 TEST_F(HostsFileFailures, ARecordThatDoesNotOpenTakesThePinBack) {

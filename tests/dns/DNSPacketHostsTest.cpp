@@ -270,4 +270,73 @@ TEST_F(HostsFile, WithoutARecordClearHostsDnsRemapsOnlyCreatesItEmpty) {
     EXPECT_EQ(record(), "");
 }
 
+// What the rows of a server leave: the tables have the row in any case.
+class RowsOfAServer : public HostsFile {
+protected:
+    RowsOfAServer() {
+        givenTables();
+        givenHosts(ownLines);
+        givenName("safe.test", "192.0.2.1");
+    }
+
+    void setRow(const std::string& host) {
+        setRemaps({host + ",safe.test"});
+        EXPECT_EQ(remaps(), std::vector<std::string>{host + ",safe.test"});
+    }
+
+    void expectNoLine() {
+        EXPECT_EQ(hosts(), ownLines);
+        EXPECT_EQ(record(), "");
+    }
+
+    void expectALineThatIsTakenOutAgain(const std::string& host) {
+        EXPECT_EQ(hosts(), ownLines + "192.0.2.1 " + host + "\n");
+        EXPECT_EQ(record(), host + "\n");
+        DNSPacket::removeHostsFile();
+        EXPECT_EQ(hosts(), ownLines);
+        EXPECT_EQ(record(), "");
+    }
+};
+
+TEST_F(RowsOfAServer, AHostThatBeginsWithABlankGetsNoLine) {
+    setRow(" one.test");
+    expectNoLine();
+}
+
+TEST_F(RowsOfAServer, AHostWithALineFeedGetsNoLine) {
+    setRow("one.test\n203.0.113.66 bank.test");
+    expectNoLine();
+    setRow("one.test\n");
+    expectNoLine();
+    setRow("\none.test");
+    expectNoLine();
+}
+
+TEST_F(RowsOfAServer, AHostAndAnAddressOf252BytesGetALineThatIsTakenOutAgain) {
+    const std::string host(252 - 9, 'h');
+    setRow(host);
+    expectALineThatIsTakenOutAgain(host);
+}
+
+TEST_F(RowsOfAServer, AHostAndAnAddressOfMoreThan252BytesGetNoLine) {
+    for (const std::size_t length : {253u, 254u, 255u, 508u, 1000u}) {
+        setRow(std::string(length - 9, 'h'));
+        expectNoLine();
+    }
+}
+
+TEST_F(RowsOfAServer, OtherOddHostsGetALineThatIsTakenOutAgain) {
+    for (const std::string host :
+         {"#one.test", "one.test#", "\tone.test", "one.test\r", "one two", "one.test "}) {
+        setRow(host);
+        expectALineThatIsTakenOutAgain(host);
+    }
+}
+
+TEST_F(RowsOfAServer, AnAddressThatIsNoneOfARowGetsNoLineThatCannotBeTakenOut) {
+    EXPECT_TRUE(hostExistsCheck("one.test", "192.0.2.1\n192.0.2.2"));
+    EXPECT_TRUE(hostExistsCheck("one.test", "192.0.2.1 two.test"));
+    expectNoLine();
+}
+
 } // namespace

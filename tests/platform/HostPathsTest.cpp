@@ -10,6 +10,10 @@ TEST(HostPaths, WithoutARootThePathsAreTheDocumentedOnes) {
     EXPECT_STREQ("", HostPaths::root());
     EXPECT_STREQ("/Library/twsys/fernhill.xml", HostPaths::configurationFile());
     EXPECT_STREQ("/Library/Logs/TarnwickSystems", HostPaths::logDirectory());
+    EXPECT_STREQ("/etc/hosts", HostPaths::hostsFile());
+    EXPECT_STREQ("/etc/hostsDnsRemaps", HostPaths::hostsRecordFile());
+    EXPECT_STREQ("/etc/hostsTmp", HostPaths::hostsWorkFile());
+    EXPECT_STREQ("/etc/hostsUnfinished", HostPaths::hostsUnfinishedFile());
     EXPECT_STREQ("/usr/local/etc/", HostPaths::updateDirectory());
     EXPECT_STREQ("/usr/local/etc/OstlerUpdate.dmg", HostPaths::updatePackage());
     EXPECT_STREQ("/tmp/tw", HostPaths::packageDirectory());
