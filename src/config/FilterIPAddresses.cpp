@@ -59,7 +59,8 @@ void monitorPass() {
     if (rebuildAddresses) {
         rebuildAddresses = false;
         FilterIPAddresses* built = buildIPaddresses();
-        // A notice that came during the build is deliberately served by that build.
+        // Also takes away a notice that came during the build. If it changed the list behind the build's reading,
+        // the change is first seen by the build of the next notice.
         rebuildAddresses = false;
         install(built);
     } else {
