@@ -22,13 +22,15 @@
 #include <cstring>
 #include <string>
 
-GPString* OstComm::version = nullptr;
-
 namespace {
 
 constexpr int agentPort = 3456;
 constexpr char agentHost[] = "127.0.0.1";
 char directoryLogon[] = "directory";
+
+GPString* makePlatform() { return new GPString("Mac_x64"); }
+
+GPString* makeVersion() { return GPString::format("%d.%d.%d", 1, 5, 2)->makestatic(); }
 
 void replaceText(GPString*& field, GPString* text) {
     if (field) field->release();
@@ -72,29 +74,30 @@ OstComm* OstComm::Instance() {
     return agentLink.m_pInstance;
 }
 
-OstComm::OstComm(const char* host) : platform_(new GPString("Mac_x64")) {
-    replaceText(version, GPString::format("%d.%d.%d", 1, 5, 2));
+OstComm::OstComm(const char* host) : platform_(makePlatform()), version_(makeVersion()) {
     const auto hostText = Owned<GPString>::adopt(new GPString(host));
     OstComm connecting(hostText.get());
 }
 
-OstComm::OstComm(GPString* host) : platform_(new GPString("Mac_x64")) {
-    replaceText(version, GPString::format("%d.%d.%d", 1, 5, 2));
+OstComm::OstComm(GPString* host) : platform_(makePlatform()), version_(makeVersion()) {
     replaceText(agentLink.name, new GPString(host));
     agentLink.port = 1;
     agentLink.timeout = 1;
     connect();
 }
 
-OstComm::~OstComm() { platform_->release(); }
+OstComm::~OstComm() {
+    platform_->release();
+    version_->release();
+}
 
 void OstComm::ReConnect() {
     agentLink.responses.wakeHead();
     GPMutexLock lock(&agentLink.instanceMutex);
     agentLink.port = 1;
     agentLink.timeout = 1;
-    replaceText(version, GPString::format("%d.%d.%d", 1, 5, 2));
-    replaceText(platform_, new GPString("Mac_x64"));
+    replaceText(version_, makeVersion());
+    replaceText(platform_, makePlatform());
     connect();
 }
 

@@ -80,7 +80,7 @@ private:
     void logOnUntilSent();
 
     GPString* platform_;
-    static GPString* version;
+    GPString* version_; // with the static mark
 };
 
 // The machine's addresses as the inside of a JSON object: "IPv4":[…],"IPv6":[…]. The caller owns the result.

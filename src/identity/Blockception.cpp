@@ -1,7 +1,6 @@
 #include "identity/Blockception.h"
 
 #include "config/Configuration.h"
-#include "gp/GPString.h"
 #include "identity/DirectoryText.h"
 #include "platform/HostName.h"
 
@@ -50,10 +49,6 @@ void call(const Blockception::Failure callback, const DirectoryError& error) {
 }
 
 } // namespace
-
-GPString* Blockception::className() { return GPString::string(cclassName()); }
-
-char const* Blockception::cclassName() { return "Blockception"; }
 
 void Blockception::searchUserInfo(const DirectoryNodeRef& node, Success onSuccess, Failure onFailure) {
     search(kODRecordTypeUsers, kODAttributeTypeRecordName, cachedUser(), node, 1, std::move(onSuccess),

@@ -12,16 +12,12 @@
 #include <string>
 
 class DSInfo;
-class GPString;
 
 class Blockception : public GPObject {
 public:
     // The records are borrowed for the length of the call, and stay what they are when it starts another search.
     using Success = std::function<void(const platform::DirectoryRecords& records)>;
     using Failure = std::function<void(const platform::DirectoryError& error)>;
-
-    GPString* className() override;
-    char const* cclassName() override;
 
     // The cached user's record.
     void searchUserInfo(const platform::DirectoryNodeRef& node, Success success, Failure failure);

@@ -10,13 +10,8 @@
 #include <string>
 #include <vector>
 
-class GPString;
-
 class DSInfo : public GPObject {
 public:
-    GPString* className() override;
-    char const* cclassName() override;
-
     // Each is absent until the search finds it. The names of the second and third do not say what they hold: from
     // Active Directory `userDN` is the NT domain and `userOU` the distinguished name.
     DirectoryText username;

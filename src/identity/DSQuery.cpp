@@ -1,7 +1,6 @@
 #include "identity/DSQuery.h"
 
 #include "config/Configuration.h"
-#include "gp/GPString.h"
 #include "gp/Owned.h"
 #include "identity/Blockception.h"
 #include "platform/HostName.h"
@@ -79,10 +78,6 @@ DirectoryNodeRef nodeNamed(const std::string& name) {
 }
 
 } // namespace
-
-GPString* DSQuery::className() { return GPString::string(cclassName()); }
-
-char const* DSQuery::cclassName() { return "DSQuery"; }
 
 DSQuery* DSQuery::sharedDSQuery() {
     static auto* const shared = new DSQuery;

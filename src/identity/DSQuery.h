@@ -12,8 +12,6 @@
 #include <string>
 #include <vector>
 
-class GPString;
-
 class DSQuery : public GPObject {
 public:
     // What the search ends with; the info is borrowed for the length of the call.
@@ -21,9 +19,6 @@ public:
     using Failure = std::function<void(const platform::DirectoryError& error)>;
 
     enum NodeKind { activeDirectory = 0, openDirectory = 1, localOnly = 2 };
-
-    GPString* className() override;
-    char const* cclassName() override;
 
     // The one object, made at the first call; borrowed.
     static DSQuery* sharedDSQuery();

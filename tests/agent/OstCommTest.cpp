@@ -112,6 +112,14 @@ TEST_F(OstCommTest, ThereIsOneInstanceAndItsClassNameIsOstComm) {
     EXPECT_TRUE(link.isOpened());
 }
 
+TEST_F(OstCommTest, TheFieldsOfTheInstanceArePlatformAndVersion) {
+    OstComm& link = connected();
+    ASSERT_EQ(sizeof link, sizeof(GPObject) + 2 * sizeof(GPString*));
+    auto* const* fields = reinterpret_cast<GPString**>(reinterpret_cast<char*>(&link) + sizeof(GPObject));
+    EXPECT_STREQ(fields[0]->cstr(), "Mac_x64");
+    EXPECT_STREQ(fields[1]->cstr(), "1.5.2");
+}
+
 TEST_F(OstCommTest, TheFirstLogonGoesOutTwiceWhenALogonReportMakesTheInstance) {
     AgentStandIn& standIn = world.startAgent();
     Configuration::setCachedUserName("alice");

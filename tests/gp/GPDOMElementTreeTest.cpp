@@ -5,7 +5,7 @@
 #include "gp/GPMap.h"
 #include "gp/GPString.h"
 #include "gp/Owned.h"
-#include "support/References.h"
+#include "support/Objects.h"
 
 #include <gtest/gtest.h>
 

@@ -3,8 +3,8 @@
 #include "gp/GPArray.h"
 #include "gp/GPString.h"
 #include "gp/Owned.h"
+#include "support/Objects.h"
 #include "support/PlayedInterfaces.h"
-#include "support/References.h"
 
 #include <gtest/gtest.h>
 

@@ -61,10 +61,10 @@ protected:
 
 } // namespace
 
-TEST_F(BlockceptionTest, KnowsItsClass) {
+TEST_F(BlockceptionTest, HasNoClassNameOfItsOwn) {
     const testsupport::PoolScope pool;
-    EXPECT_STREQ(blockception->className()->cstr(), "Blockception");
-    EXPECT_TRUE(blockception->isInstanceOf("Blockception"));
+    EXPECT_STREQ(blockception->className()->cstr(), "GPObject");
+    EXPECT_TRUE(blockception->isInstanceOf("GPObject"));
 }
 
 TEST_F(BlockceptionTest, LooksForTheCachedUserOnce) {

@@ -40,11 +40,11 @@ protected:
 
 } // namespace
 
-TEST_F(DSQueryTest, IsOneObject) {
+TEST_F(DSQueryTest, IsOneObjectWithoutAClassNameOfItsOwn) {
     const testsupport::PoolScope pool;
     EXPECT_EQ(DSQuery::sharedDSQuery(), DSQuery::sharedDSQuery());
-    EXPECT_STREQ(DSQuery::sharedDSQuery()->className()->cstr(), "DSQuery");
-    EXPECT_TRUE(DSQuery::sharedDSQuery()->isInstanceOf("DSQuery"));
+    EXPECT_STREQ(DSQuery::sharedDSQuery()->className()->cstr(), "GPObject");
+    EXPECT_TRUE(DSQuery::sharedDSQuery()->isInstanceOf("GPObject"));
 }
 
 // The node.

@@ -8,7 +8,7 @@
 #include "gp/Owned.h"
 #include "platform/HostPaths.h"
 #include "support/IdentityTest.h"
-#include "support/References.h"
+#include "support/Objects.h"
 
 #include <filesystem>
 

@@ -47,8 +47,8 @@ protected:
 TEST_F(UserInfoTest, IsEmptyBeforeItIsLoaded) {
     const testsupport::PoolScope pool;
     ASSERT_NE(usrInfo, nullptr);
-    EXPECT_STREQ(usrInfo->className()->cstr(), "DSInfo");
-    EXPECT_TRUE(usrInfo->isInstanceOf("DSInfo"));
+    EXPECT_STREQ(usrInfo->className()->cstr(), "GPObject");
+    EXPECT_TRUE(usrInfo->isInstanceOf("GPObject"));
     for (const auto accessor : {UserInfo::getUserName, UserInfo::getUserDN, UserInfo::getUserOU,
                                 UserInfo::getComputerName, UserInfo::getComputerDN, UserInfo::getComputerOU,
                                 UserInfo::getUserFormatType, UserInfo::getComputerUUID})

@@ -6,6 +6,7 @@
 #include "config/FilterIPAddresses.h"
 #include "gp/Owned.h"
 #include "support/ManualClock.h"
+#include "support/Objects.h"
 #include "support/PlayedNames.h"
 #include "support/SettingsTest.h"
 
@@ -105,11 +106,7 @@ protected:
     }
 
     // References that exist on a snapshot.
-    static int references(FilterIPAddresses* snapshot) {
-        const int count = snapshot->retainonly() - 1;
-        snapshot->releaseonly();
-        return count;
-    }
+    static int references(FilterIPAddresses* snapshot) { return testsupport::references(snapshot); }
 
     // Threads of the system under test look names up for the rest of the process.
     GatedNames& gate = *new GatedNames;
