@@ -55,8 +55,10 @@ public:
         sysctl_result result{};
         const int verdict =
             inbound ? tcpInBoundCallback(packet, &result) : tcpOutBoundCallback(packet, &result);
-        if (verdict != 0 && verdict != 1 && verdict != 6 && verdict != 7) std::abort();
-        if (verdict == 6 && result.redirectUrl[0] == '\0') std::abort();
+        if (verdict != verdictDrop && verdict != verdictPass && verdict != verdictRedirect &&
+            verdict != verdictHold)
+            std::abort();
+        if (verdict == verdictRedirect && result.redirectUrl[0] == '\0') std::abort();
     }
 
 private:

@@ -4,6 +4,7 @@
 // its own serves both; a policy decides the answers. The counters say what has happened on the link, so that
 // a replay can wait until every question has had its chance.
 
+#include "agent/OstComm.h"
 #include "lab/Policy.h"
 
 #include <chrono>
@@ -30,7 +31,7 @@ struct Question {
 
 class AgentStandIn {
 public:
-    static constexpr int linkPort = 3456;
+    static constexpr int linkPort = OstComm::agentPort;
     static constexpr int pagePort = 6543;
 
     // With `ownTime` questions are answered at once and a slow answer leaves after real time. Otherwise a slow

@@ -1,5 +1,7 @@
 #include "lab/Replay.h"
 
+#include "filter/FilterQuery.h"
+
 #include <algorithm>
 #include <limits>
 
@@ -9,7 +11,6 @@ namespace {
 constexpr int tcp = 6;
 constexpr std::int64_t second = 1000000;
 constexpr int mostRetries = 8;
-constexpr int queryThreads = 30;
 
 // Real milliseconds that the daemon has for an answer, and for a query's way there and back.
 constexpr int answerMilliseconds = 5000;
@@ -18,8 +19,6 @@ constexpr int settleMilliseconds = 5000;
 // A connection without packets for that long is reported and forgotten.
 constexpr std::int64_t idleLimit = 300 * second;
 constexpr std::int64_t sweepPeriod = 10 * second;
-
-enum KernelResult { passResult = 0, dropResult = 1, redirectResult = 2, holdResult = 3 };
 
 } // namespace
 
@@ -125,7 +124,7 @@ void Replay::presentInOrder(const ConnectionPointer& connection) {
 // Presents the packet in front. False when it is held.
 bool Replay::presentFront(const ConnectionPointer& connection) {
     const auto result = present(connection->waiting.front());
-    if (result && result->result == holdResult) {
+    if (result && result->result == resultHold) {
         if (result->urlSeen) {
             ++queries_;
             queriesStarted_.push_back(connection);
@@ -155,11 +154,11 @@ void Replay::finish(const ConnectionPointer& connection, const std::optional<sys
     if (connection->held) connection->heldTime += now_ - connection->heldSince;
     connection->held = false;
     connection->retries = 0;
-    if (result && result->result == redirectResult) {
+    if (result && result->result == resultRedirect) {
         connection->redirected = true;
         ++totals_.redirects[redirectUrlOf(*result)];
     }
-    if (result && result->result == dropResult) ++connection->dropped;
+    if (result && result->result == resultDrop) ++connection->dropped;
     count(result);
     json_.fill(connection->waiting.front(), result);
     connection->waiting.pop_front();
@@ -188,7 +187,7 @@ std::optional<sysctl_result> Replay::present(PlayedPacket& played) {
     return result;
 }
 
-// Waits until every question has arrived and every answer has been taken. At most `queryThreads` questions
+// Waits until every question has arrived and every answer has been taken. At most FilterQuery::queryThreads questions
 // are open at a time, the others wait inside the daemon.
 void Replay::settle() {
     for (bool quiet = false; !quiet;) {
@@ -220,7 +219,7 @@ AgentStandIn::Counters Replay::awaitQuestions() {
         [&](const AgentStandIn::Counters& counters) {
             seen = counters;
             if (counters.pushes > pushesTaken_) return true;
-            inside = std::max(0L, queries_ - counters.answers - queryThreads);
+            inside = std::max(0L, queries_ - counters.answers - FilterQuery::queryThreads);
             const long come = counters.questions - counters.repeats + counters.deferred;
             return (counters.drops == 0 || counters.linked) && come >= queries_ - lostQuestions_ - inside &&
                    (counters.deferred || counters.repeats == counters.retriesSent);
@@ -264,16 +263,16 @@ void Replay::noteQuestions() {
 void Replay::count(const std::optional<sysctl_result>& result) {
     if (!result) return;
     switch (result->result) {
-        case passResult:
+        case resultPass:
             ++totals_.passed;
             break;
-        case dropResult:
+        case resultDrop:
             ++totals_.dropped;
             break;
-        case redirectResult:
+        case resultRedirect:
             ++totals_.redirected;
             break;
-        case holdResult:
+        case resultHold:
             ++totals_.heldToTheEnd;
             break;
         default:

@@ -1,5 +1,6 @@
 #include "lab/SlotProof.h"
 
+#include "filter/FilterQuery.h"
 #include "gp/GPThreadPool.h"
 #include "lab/PrivateNetwork.h"
 #include "lab/Stage.h"
@@ -28,7 +29,7 @@ namespace {
 
 using std::chrono::steady_clock;
 
-constexpr int slots = 30;
+constexpr int slots = FilterQuery::queryThreads;
 
 // How long nothing may come to its end before the slots count as lost.
 constexpr std::chrono::seconds patience{10};

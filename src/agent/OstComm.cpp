@@ -24,8 +24,6 @@
 
 namespace {
 
-constexpr int agentPort = 3456;
-constexpr char agentHost[] = "127.0.0.1";
 char directoryLogon[] = "directory";
 
 GPString* makePlatform() { return new GPString("Mac_x64"); }
@@ -50,7 +48,7 @@ std::string escapedName(const char* userName) {
 GPSockets* makeLinkSocket() {
     auto* socket = new GPSockets;
     socket->setTimeout(agentLink.timeout * 5);
-    socket->setPort(agentLink.port ? agentPort : 0);
+    socket->setPort(agentLink.port ? OstComm::agentPort : 0);
     socket->setServer(agentLink.name->cstr());
     return socket;
 }

@@ -19,6 +19,10 @@ class GPString;
 
 class OstComm : public GPObject {
 public:
+    // Where the agent listens.
+    static constexpr char agentHost[] = "127.0.0.1";
+    static constexpr int agentPort = 3456;
+
     // The link. The first caller connects: it, and every caller behind it, waits until the first logon frame
     // has gone out, without limit. All callers wait likewise while a reconnect lasts. Borrowed.
     static OstComm* Instance();

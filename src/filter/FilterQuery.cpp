@@ -23,11 +23,10 @@ namespace {
 
 constexpr char blockOnFailurePage[] = "http://localhost:6543/block_screen.html/?id=error";
 constexpr int blockedSeconds = 30;
-constexpr int queryThreads = 30;
 constexpr long long disabledLimit = 600000001; // microseconds
 
 // Made when the program is loaded and never destroyed, since query threads may still wait at its end.
-GPThreadPool& threadPool = *new GPThreadPool(queryThreads);
+GPThreadPool& threadPool = *new GPThreadPool(FilterQuery::queryThreads);
 GPMutex& disableMutex = *new GPMutex;
 GPTimer& filterTimestamp = *new GPTimer(true); // restarted under disableMutex
 GPList& cache = *new GPList;                   // guarded by mutex

@@ -22,6 +22,9 @@ struct THREADPARAMS {
 
 class FilterQuery {
 public:
+    // How many queries can be with the agent at a time; the others wait in a queue without bound.
+    static constexpr int queryThreads = 30;
+
     // Queues the query of a copy of `url` and returns at once. Called on a listener thread. In balanced mode
     // the current server moves on.
     static void send(const char* url, bool https, void* result);

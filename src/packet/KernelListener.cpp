@@ -133,7 +133,8 @@ bool prepareInbound(int socket) {
 } // namespace
 
 int kernelResult(int verdict) {
-    static constexpr int results[8] = {1, 0, 1, 1, 2, 1, 2, 3};
+    static constexpr int results[8] = {resultDrop,     resultPass, resultDrop,     resultDrop,
+                                       resultRedirect, resultDrop, resultRedirect, resultHold};
     return static_cast<unsigned>(verdict) <= 7 ? results[verdict] : verdict;
 }
 

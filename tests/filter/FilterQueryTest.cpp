@@ -202,7 +202,8 @@ TEST_F(FilterQueryTest, ThirtyQueriesRunAtOnceAndTheNextWaitsForOneToEnd) {
     AgentStandIn& agent = world.startAgent();
     // One after another, so that no two of them draw the same number.
     AgentStandIn::Frame first;
-    for (int i = 0; i < 30; ++i) {
+    static_assert(FilterQuery::queryThreads == 30);
+    for (int i = 0; i < FilterQuery::queryThreads; ++i) {
         FilterQuery::send(("http://silent/" + std::to_string(i)).c_str(), false, nullptr);
         const auto frame = agent.awaitFrame(1);
         if (i == 0) first = frame;

@@ -1,5 +1,6 @@
 // Whatever the agent does or leaves undone, the daemon answers every packet, and no packet waits for the agent.
 
+#include "filter/FilterQuery.h"
 #include "lab/LabCaptures.h"
 #include "lab/LabStage.h"
 
@@ -36,7 +37,7 @@ TEST(DaemonAndAgent, NoPacketWaitsForASilentAgent) {
     LabStage stage("silent *");
     stage.raise();
     constexpr int connections = 100;
-    constexpr int threads = 30;
+    constexpr int threads = FilterQuery::queryThreads;
     for (int i = 0; i < connections; ++i) {
         // Each of these is answered while all questions before it are still open.
         EXPECT_EQ(stage.present(request(41000 + i, "silent.example")), hold) << i;

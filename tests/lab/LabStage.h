@@ -3,6 +3,7 @@
 // The lab's stage for tests: the shipped daemon in a forked child, between stand-ins that the test steers.
 
 #include "lab/Stage.h"
+#include "packet/SysctlResult.h"
 
 #include <cstdint>
 #include <string>
@@ -47,6 +48,9 @@ private:
 };
 
 // The lab's kernel results.
-enum Result { pass = 0, drop = 1, redirect = 2, hold = 3 };
+constexpr int pass = resultPass;
+constexpr int drop = resultDrop;
+constexpr int redirect = resultRedirect;
+constexpr int hold = resultHold;
 
 } // namespace labtest

@@ -1,5 +1,6 @@
 // Whole replays: the lab as a program, over captures of a few packets, with the shipped daemon inside.
 
+#include "filter/FilterQuery.h"
 #include "lab/LabCaptures.h"
 #include "lab/LabRun.h"
 #include "support/ClientHelloBuilder.h"
@@ -199,7 +200,7 @@ TEST_F(ReplayTest, APushedBypassOfTrueTurnsBlockOnFailureOff) {
 
 TEST_F(ReplayTest, FortySilentQuestionsAtOnceLeaveEveryPacketAnswered) {
     constexpr int connections = 40;
-    constexpr std::size_t threads = 30;
+    constexpr std::size_t threads = FilterQuery::queryThreads;
     {
         CaptureWriter writer(capture());
         for (int i = 0; i < connections; ++i)

@@ -85,10 +85,10 @@ protected:
         return countAtCallback;
     }
 
-    static constexpr int pass = 0;
-    static constexpr int drop = 1;
-    static constexpr int redirect = 2;
-    static constexpr int hold = 3;
+    static constexpr int pass = resultPass;
+    static constexpr int drop = resultDrop;
+    static constexpr int redirect = resultRedirect;
+    static constexpr int hold = resultHold;
 
     testsupport::PlayedKernelControl& extension_ = testsupport::lastingKernelControl();
     int control_ = -1;

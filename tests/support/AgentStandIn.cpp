@@ -1,5 +1,6 @@
 #include "support/AgentStandIn.h"
 
+#include "agent/OstComm.h"
 #include "platform/ByteOrder.h"
 #include "platform/ClosedOnExec.h"
 #include "support/FixedPorts.h"
@@ -17,7 +18,6 @@
 namespace testsupport {
 namespace {
 
-constexpr int agentPort = 3456;
 constexpr auto patience = std::chrono::seconds(5);
 
 int listenOnLoopback() {
@@ -26,7 +26,7 @@ int listenOnLoopback() {
     setsockopt(listener, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
     sockaddr_in address{};
     address.sin_family = AF_INET;
-    address.sin_port = htons(agentPort);
+    address.sin_port = htons(OstComm::agentPort);
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     if (bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
         listen(listener, 16) != 0)
