@@ -1,150 +1,102 @@
 #include "platform/HostPaths.h"
 
+#include <atomic>
 #include <cstring>
+#include <string>
 
 namespace platform {
 namespace {
 
 constexpr std::size_t longestRoot = 60;
-constexpr std::size_t longestPath = 120;
 
 char rootText[longestRoot + 1];
 
-// One path: the documented text, and the same behind the root once there is one.
-class HostPath {
-public:
-    constexpr explicit HostPath(const char* documented) : documented_(documented) {}
-
-    const char* text() {
-        if (!rootText[0]) return documented_;
-        return rooted_;
-    }
-
-    void putBehindRoot() {
-        std::strcpy(rooted_, rootText);
-        std::strcat(rooted_, documented_);
-    }
-
-private:
-    const char* documented_;
-    char rooted_[longestRoot + longestPath + 1] = {};
+// A path that was asked for while there is a root. Never freed.
+struct RootedPath {
+    const char* documented;
+    std::string text;
+    RootedPath* next;
 };
 
-HostPath settingsDirectoryPath("/Library/twsys");
-HostPath configurationFilePath("/Library/twsys/fernhill.xml");
-HostPath debugFilePath("/Library/twsys/debug.xml");
-HostPath ldapFilePath("/Library/twsys/ldap.xml");
-HostPath oemMarkerFilePath("/system/bin/fernhill_oem.xml");
-HostPath siblingPreferencesPath("/Library/Preferences/com.tarnwicksystems.lanternguide.plist");
-HostPath logDirectoryPath("/Library/Logs/TarnwickSystems");
-HostPath kernelExtensionPath("/Library/Extensions/FernhillKext.kext");
-HostPath inboundControlSocketPath("/var/run/fernhill/twFernhill_inkext");
-HostPath outboundControlSocketPath("/var/run/fernhill/twFernhill_outkext");
-HostPath hostsFilePath("/etc/hosts");
-HostPath hostsRecordFilePath("/etc/hostsDnsRemaps");
-HostPath hostsWorkFilePath("/etc/hostsTmp");
-HostPath hostsUnfinishedFilePath("/etc/hostsUnfinished");
-HostPath updateHelperPath("/usr/local/bin/fernhillupdate");
-HostPath updateCopyHelperPath("/usr/local/bin/fernhillupdatecopy");
-HostPath updateDirectoryPath("/usr/local/etc/");
-HostPath updatePackagePath("/usr/local/etc/OstlerUpdate.dmg");
-HostPath packageDirectoryPath("/tmp/tw");
-HostPath dsconfigadPath("/usr/sbin/dsconfigad");
-HostPath likewiseStatusPath("/opt/likewise/bin/lw-get-status");
-HostPath adinfoPath("/usr/bin/adinfo");
-HostPath ldapConfigurationsPath("/Library/Preferences/OpenDirectory/Configurations/LDAPv3");
-HostPath ldapClientFilePath("/etc/ldap/ldap.conf");
+std::atomic<RootedPath*> rootedPaths{nullptr};
 
-HostPath bulwarkdDefinitionPath("/Library/LaunchDaemons/com.tarnwicksystems.bulwarkd.plist");
-HostPath twproxyDefinitionPath("/Library/LaunchDaemons/com.tarnwicksystems.twproxy.plist");
-HostPath ostlerjsDefinitionPath("/Library/LaunchDaemons/com.tarnwicksystems.ostlerjs.plist");
-HostPath fernhillDefinitionPath("/Library/LaunchDaemons/com.tarnwicksystems.fernhill.plist");
-HostPath restartServicesDefinitionPath("/usr/local/bin/com.tarnwicksystems.restartservices.plist");
-HostPath helperDirectoryPath("/usr/local/etc");
-HostPath rootmintPath("/usr/local/bin/rootmint");
-HostPath mintrootPath("/usr/local/bin/mintroot");
-
-HostPath* const allPaths[] = {
-    &settingsDirectoryPath,
-    &configurationFilePath,
-    &debugFilePath,
-    &ldapFilePath,
-    &oemMarkerFilePath,
-    &siblingPreferencesPath,
-    &logDirectoryPath,
-    &kernelExtensionPath,
-    &updateDirectoryPath,
-    &updatePackagePath,
-    &packageDirectoryPath,
-    &inboundControlSocketPath,
-    &outboundControlSocketPath,
-    &hostsFilePath,
-    &hostsRecordFilePath,
-    &hostsWorkFilePath,
-    &hostsUnfinishedFilePath,
-    &updateHelperPath,
-    &updateCopyHelperPath,
-    &dsconfigadPath,
-    &likewiseStatusPath,
-    &adinfoPath,
-    &ldapConfigurationsPath,
-    &bulwarkdDefinitionPath,
-    &twproxyDefinitionPath,
-    &ostlerjsDefinitionPath,
-    &fernhillDefinitionPath,
-    &restartServicesDefinitionPath,
-    &helperDirectoryPath,
-    &rootmintPath,
-    &mintrootPath,
-    &ldapClientFilePath,
-};
+// The documented path, or the same behind the root once there is one. Takes no lock, since a forked child may ask.
+const char* behindRoot(const char* documented) {
+    if (!rootText[0]) return documented;
+    RootedPath* first = rootedPaths;
+    for (const RootedPath* path = first; path; path = path->next)
+        if (path->documented == documented) return path->text.c_str();
+    auto* path = new RootedPath{documented, std::string(rootText) + documented, first};
+    while (!rootedPaths.compare_exchange_weak(path->next, path)) {
+    }
+    return path->text.c_str();
+}
 
 } // namespace
 
 bool HostPaths::setRoot(const char* directory) {
     if (std::strlen(directory) > longestRoot) return false;
     std::strcpy(rootText, directory);
-    for (HostPath* path : allPaths)
-        path->putBehindRoot();
     return true;
 }
 
 const char* HostPaths::root() { return rootText; }
 
-const char* HostPaths::settingsDirectory() { return settingsDirectoryPath.text(); }
-const char* HostPaths::configurationFile() { return configurationFilePath.text(); }
-const char* HostPaths::debugFile() { return debugFilePath.text(); }
-const char* HostPaths::ldapFile() { return ldapFilePath.text(); }
-const char* HostPaths::oemMarkerFile() { return oemMarkerFilePath.text(); }
-const char* HostPaths::siblingPreferences() { return siblingPreferencesPath.text(); }
-const char* HostPaths::logDirectory() { return logDirectoryPath.text(); }
-const char* HostPaths::kernelExtension() { return kernelExtensionPath.text(); }
-const char* HostPaths::inboundControlSocket() { return inboundControlSocketPath.text(); }
-const char* HostPaths::outboundControlSocket() { return outboundControlSocketPath.text(); }
-const char* HostPaths::hostsFile() { return hostsFilePath.text(); }
-const char* HostPaths::hostsRecordFile() { return hostsRecordFilePath.text(); }
-const char* HostPaths::hostsWorkFile() { return hostsWorkFilePath.text(); }
-const char* HostPaths::hostsUnfinishedFile() { return hostsUnfinishedFilePath.text(); }
-const char* HostPaths::updateHelper() { return updateHelperPath.text(); }
-const char* HostPaths::updateCopyHelper() { return updateCopyHelperPath.text(); }
-const char* HostPaths::updateDirectory() { return updateDirectoryPath.text(); }
-const char* HostPaths::updatePackage() { return updatePackagePath.text(); }
-const char* HostPaths::packageDirectory() { return packageDirectoryPath.text(); }
+const char* HostPaths::settingsDirectory() { return behindRoot("/Library/twsys"); }
+const char* HostPaths::configurationFile() { return behindRoot("/Library/twsys/fernhill.xml"); }
+const char* HostPaths::debugFile() { return behindRoot("/Library/twsys/debug.xml"); }
+const char* HostPaths::ldapFile() { return behindRoot("/Library/twsys/ldap.xml"); }
+const char* HostPaths::oemMarkerFile() { return behindRoot("/system/bin/fernhill_oem.xml"); }
+const char* HostPaths::siblingPreferences() {
+    return behindRoot("/Library/Preferences/com.tarnwicksystems.lanternguide.plist");
+}
 
-const char* HostPaths::dsconfigad() { return dsconfigadPath.text(); }
-const char* HostPaths::likewiseStatus() { return likewiseStatusPath.text(); }
-const char* HostPaths::adinfo() { return adinfoPath.text(); }
-const char* HostPaths::ldapClientFile() { return ldapClientFilePath.text(); }
-const char* HostPaths::ldapConfigurations() { return ldapConfigurationsPath.text(); }
+const char* HostPaths::logDirectory() { return behindRoot("/Library/Logs/TarnwickSystems"); }
 
-const char* HostPaths::bulwarkdDefinition() { return bulwarkdDefinitionPath.text(); }
-const char* HostPaths::twproxyDefinition() { return twproxyDefinitionPath.text(); }
-const char* HostPaths::ostlerjsDefinition() { return ostlerjsDefinitionPath.text(); }
-const char* HostPaths::fernhillDefinition() { return fernhillDefinitionPath.text(); }
-const char* HostPaths::restartServicesDefinition() { return restartServicesDefinitionPath.text(); }
+const char* HostPaths::kernelExtension() { return behindRoot("/Library/Extensions/FernhillKext.kext"); }
+const char* HostPaths::inboundControlSocket() { return behindRoot("/var/run/fernhill/twFernhill_inkext"); }
+const char* HostPaths::outboundControlSocket() { return behindRoot("/var/run/fernhill/twFernhill_outkext"); }
 
-const char* HostPaths::helperDirectory() { return helperDirectoryPath.text(); }
-const char* HostPaths::rootmint() { return rootmintPath.text(); }
-const char* HostPaths::mintroot() { return mintrootPath.text(); }
+const char* HostPaths::hostsFile() { return behindRoot("/etc/hosts"); }
+const char* HostPaths::hostsRecordFile() { return behindRoot("/etc/hostsDnsRemaps"); }
+const char* HostPaths::hostsWorkFile() { return behindRoot("/etc/hostsTmp"); }
+const char* HostPaths::hostsUnfinishedFile() { return behindRoot("/etc/hostsUnfinished"); }
+
+const char* HostPaths::updateHelper() { return behindRoot("/usr/local/bin/fernhillupdate"); }
+const char* HostPaths::updateCopyHelper() { return behindRoot("/usr/local/bin/fernhillupdatecopy"); }
+
+const char* HostPaths::updateDirectory() { return behindRoot("/usr/local/etc/"); }
+const char* HostPaths::updatePackage() { return behindRoot("/usr/local/etc/OstlerUpdate.dmg"); }
+
+const char* HostPaths::packageDirectory() { return behindRoot("/tmp/tw"); }
+
+const char* HostPaths::dsconfigad() { return behindRoot("/usr/sbin/dsconfigad"); }
+const char* HostPaths::likewiseStatus() { return behindRoot("/opt/likewise/bin/lw-get-status"); }
+const char* HostPaths::adinfo() { return behindRoot("/usr/bin/adinfo"); }
+const char* HostPaths::ldapConfigurations() {
+    return behindRoot("/Library/Preferences/OpenDirectory/Configurations/LDAPv3");
+}
+
+const char* HostPaths::bulwarkdDefinition() {
+    return behindRoot("/Library/LaunchDaemons/com.tarnwicksystems.bulwarkd.plist");
+}
+const char* HostPaths::twproxyDefinition() {
+    return behindRoot("/Library/LaunchDaemons/com.tarnwicksystems.twproxy.plist");
+}
+const char* HostPaths::ostlerjsDefinition() {
+    return behindRoot("/Library/LaunchDaemons/com.tarnwicksystems.ostlerjs.plist");
+}
+const char* HostPaths::fernhillDefinition() {
+    return behindRoot("/Library/LaunchDaemons/com.tarnwicksystems.fernhill.plist");
+}
+const char* HostPaths::restartServicesDefinition() {
+    return behindRoot("/usr/local/bin/com.tarnwicksystems.restartservices.plist");
+}
+
+const char* HostPaths::helperDirectory() { return behindRoot("/usr/local/etc"); }
+const char* HostPaths::rootmint() { return behindRoot("/usr/local/bin/rootmint"); }
+const char* HostPaths::mintroot() { return behindRoot("/usr/local/bin/mintroot"); }
+
+const char* HostPaths::ldapClientFile() { return behindRoot("/etc/ldap/ldap.conf"); }
 
 } // namespace platform

@@ -6,42 +6,68 @@
 
 using platform::HostPaths;
 
+namespace {
+
+struct Row {
+    const char* (*path)();
+    const char* documented;
+};
+
+constexpr Row rows[] = {
+    {HostPaths::settingsDirectory, "/Library/twsys"},
+    {HostPaths::configurationFile, "/Library/twsys/fernhill.xml"},
+    {HostPaths::debugFile, "/Library/twsys/debug.xml"},
+    {HostPaths::ldapFile, "/Library/twsys/ldap.xml"},
+    {HostPaths::oemMarkerFile, "/system/bin/fernhill_oem.xml"},
+    {HostPaths::siblingPreferences, "/Library/Preferences/com.tarnwicksystems.lanternguide.plist"},
+    {HostPaths::logDirectory, "/Library/Logs/TarnwickSystems"},
+    {HostPaths::kernelExtension, "/Library/Extensions/FernhillKext.kext"},
+    {HostPaths::inboundControlSocket, "/var/run/fernhill/twFernhill_inkext"},
+    {HostPaths::outboundControlSocket, "/var/run/fernhill/twFernhill_outkext"},
+    {HostPaths::hostsFile, "/etc/hosts"},
+    {HostPaths::hostsRecordFile, "/etc/hostsDnsRemaps"},
+    {HostPaths::hostsWorkFile, "/etc/hostsTmp"},
+    {HostPaths::hostsUnfinishedFile, "/etc/hostsUnfinished"},
+    {HostPaths::updateHelper, "/usr/local/bin/fernhillupdate"},
+    {HostPaths::updateCopyHelper, "/usr/local/bin/fernhillupdatecopy"},
+    {HostPaths::updateDirectory, "/usr/local/etc/"},
+    {HostPaths::updatePackage, "/usr/local/etc/OstlerUpdate.dmg"},
+    {HostPaths::packageDirectory, "/tmp/tw"},
+    {HostPaths::dsconfigad, "/usr/sbin/dsconfigad"},
+    {HostPaths::likewiseStatus, "/opt/likewise/bin/lw-get-status"},
+    {HostPaths::adinfo, "/usr/bin/adinfo"},
+    {HostPaths::ldapConfigurations, "/Library/Preferences/OpenDirectory/Configurations/LDAPv3"},
+    {HostPaths::bulwarkdDefinition, "/Library/LaunchDaemons/com.tarnwicksystems.bulwarkd.plist"},
+    {HostPaths::twproxyDefinition, "/Library/LaunchDaemons/com.tarnwicksystems.twproxy.plist"},
+    {HostPaths::ostlerjsDefinition, "/Library/LaunchDaemons/com.tarnwicksystems.ostlerjs.plist"},
+    {HostPaths::fernhillDefinition, "/Library/LaunchDaemons/com.tarnwicksystems.fernhill.plist"},
+    {HostPaths::restartServicesDefinition, "/usr/local/bin/com.tarnwicksystems.restartservices.plist"},
+    {HostPaths::helperDirectory, "/usr/local/etc"},
+    {HostPaths::rootmint, "/usr/local/bin/rootmint"},
+    {HostPaths::mintroot, "/usr/local/bin/mintroot"},
+    {HostPaths::ldapClientFile, "/etc/ldap/ldap.conf"},
+};
+
+} // namespace
+
 TEST(HostPaths, WithoutARootThePathsAreTheDocumentedOnes) {
     EXPECT_STREQ("", HostPaths::root());
-    EXPECT_STREQ("/Library/twsys/fernhill.xml", HostPaths::configurationFile());
-    EXPECT_STREQ("/Library/Logs/TarnwickSystems", HostPaths::logDirectory());
-    EXPECT_STREQ("/etc/hosts", HostPaths::hostsFile());
-    EXPECT_STREQ("/etc/hostsDnsRemaps", HostPaths::hostsRecordFile());
-    EXPECT_STREQ("/etc/hostsTmp", HostPaths::hostsWorkFile());
-    EXPECT_STREQ("/etc/hostsUnfinished", HostPaths::hostsUnfinishedFile());
-    EXPECT_STREQ("/usr/local/etc/", HostPaths::updateDirectory());
-    EXPECT_STREQ("/usr/local/etc/OstlerUpdate.dmg", HostPaths::updatePackage());
-    EXPECT_STREQ("/tmp/tw", HostPaths::packageDirectory());
-    EXPECT_STREQ("/Library/LaunchDaemons/com.tarnwicksystems.bulwarkd.plist",
-                 HostPaths::bulwarkdDefinition());
-    EXPECT_STREQ("/Library/LaunchDaemons/com.tarnwicksystems.twproxy.plist", HostPaths::twproxyDefinition());
-    EXPECT_STREQ("/Library/LaunchDaemons/com.tarnwicksystems.ostlerjs.plist",
-                 HostPaths::ostlerjsDefinition());
-    EXPECT_STREQ("/Library/LaunchDaemons/com.tarnwicksystems.fernhill.plist",
-                 HostPaths::fernhillDefinition());
-    EXPECT_STREQ("/usr/local/bin/com.tarnwicksystems.restartservices.plist",
-                 HostPaths::restartServicesDefinition());
-    EXPECT_STREQ("/usr/local/etc", HostPaths::helperDirectory());
-    EXPECT_STREQ("/usr/local/bin/rootmint", HostPaths::rootmint());
-    EXPECT_STREQ("/usr/local/bin/mintroot", HostPaths::mintroot());
-    EXPECT_STREQ("/usr/sbin/dsconfigad", HostPaths::dsconfigad());
-    EXPECT_STREQ("/opt/likewise/bin/lw-get-status", HostPaths::likewiseStatus());
-    EXPECT_STREQ("/usr/bin/adinfo", HostPaths::adinfo());
-    EXPECT_STREQ("/Library/Preferences/OpenDirectory/Configurations/LDAPv3", HostPaths::ldapConfigurations());
-    EXPECT_STREQ("/etc/ldap/ldap.conf", HostPaths::ldapClientFile());
+    for (const Row& row : rows)
+        EXPECT_STREQ(row.documented, row.path());
 }
 
 TEST(HostPaths, ARootStandsInFrontOfEveryPath) {
     ASSERT_TRUE(HostPaths::setRoot("/tmp/scratch"));
 
     EXPECT_STREQ("/tmp/scratch", HostPaths::root());
-    EXPECT_STREQ("/tmp/scratch/Library/twsys", HostPaths::settingsDirectory());
-    EXPECT_STREQ("/tmp/scratch/usr/local/bin/fernhillupdate", HostPaths::updateHelper());
+    for (const Row& row : rows)
+        EXPECT_EQ(std::string("/tmp/scratch") + row.documented, row.path());
+}
+
+TEST(HostPaths, TheTextOfAPathStaysTheSame) {
+    ASSERT_TRUE(HostPaths::setRoot("/tmp/scratch"));
+    for (const Row& row : rows)
+        EXPECT_EQ(row.path(), row.path());
 }
 
 TEST(HostPaths, ARootOfSixtyBytesIsTaken) {
