@@ -128,7 +128,7 @@ void DSQuery::search(Success onSuccess, Failure onFailure) {
                 finish(info);
                 return;
             }
-            logTextVerbosely("search searchUserInfo results: %@. ", {described(results)});
+            logRecordsVerbosely("search searchUserInfo results: %@. ", results);
             if (kind == activeDirectory)
                 ADSearch(node, info, results);
             else
@@ -142,12 +142,13 @@ void DSQuery::search(Success onSuccess, Failure onFailure) {
 
 void DSQuery::ADSearch(const DirectoryNodeRef& node, DSInfo* info, const DirectoryRecords& results) {
     logTextVerbosely("processADResults for user.");
-    logTextVerbosely("ADSearch userInfo results: %@. ", {described(results)});
+    logRecordsVerbosely("ADSearch userInfo results: %@. ", results);
     processADResults(results, info);
     info->computerName = hostName().currentHostName();
     searchComputer(node, info, [&](const DirectoryRecords& computers) {
-        logTextVerbosely("ADSearch searchComputerInfo %@ results: %@. ",
-                         {info->computerName, described(computers)});
+        if (logsDirectory())
+            logText("ADSearch searchComputerInfo %@ results: %@. ",
+                    {info->computerName, described(computers)});
         logTextVerbosely("processADResults for computer.");
         processADResults(computers, info);
     });
@@ -155,13 +156,13 @@ void DSQuery::ADSearch(const DirectoryNodeRef& node, DSInfo* info, const Directo
 
 void DSQuery::ODSearch(const DirectoryNodeRef& node, DSInfo* info, const DirectoryRecords& results) {
     logTextVerbosely("Process Open Directory info.");
-    logTextVerbosely("ODSearch results: %@. ", {described(results)});
+    logRecordsVerbosely("ODSearch results: %@. ", results);
     processODResults(results, info);
     const auto blockception = Owned<Blockception>::adopt(new Blockception);
     blockception->searchODMembership(
         node,
         [&](const DirectoryRecords& groups) {
-            logTextVerbosely("searchODMembership results: %@. ", {described(groups)});
+            logRecordsVerbosely("searchODMembership results: %@. ", groups);
             processODGroups(groups, info);
             searchComputer(node, info,
                            [&](const DirectoryRecords& computers) { processODResults(computers, info); });

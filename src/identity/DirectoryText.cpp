@@ -66,4 +66,8 @@ void logTextVerbosely(const char* format, std::initializer_list<DirectoryText> t
     if (logsDirectory()) logText(format, texts);
 }
 
+void logRecordsVerbosely(const char* format, const platform::DirectoryRecords& records) {
+    if (logsDirectory()) logText(format, {described(records)});
+}
+
 bool logsDirectory() { return Configuration::isLogLevel(1); }

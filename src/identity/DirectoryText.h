@@ -34,5 +34,8 @@ DirectoryText described(const std::optional<std::vector<std::string>>& texts);
 void logText(const char* format, std::initializer_list<DirectoryText> texts = {});
 void logTextVerbosely(const char* format, std::initializer_list<DirectoryText> texts = {});
 
+// The same with the records' descriptions, for which the directory is only asked at that level.
+void logRecordsVerbosely(const char* format, const platform::DirectoryRecords& records);
+
 // Whether log level 1 is on, for callers whose texts are costly.
 bool logsDirectory();

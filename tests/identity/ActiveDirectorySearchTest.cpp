@@ -63,11 +63,12 @@ TEST_F(ActiveDirectorySearch, KeepsItsLog) {
         EXPECT_TRUE(log.holds(line)) << line;
 }
 
-TEST_F(ActiveDirectorySearch, LogsNothingWithoutLogLevelOne) {
+TEST_F(ActiveDirectorySearch, WithoutLogLevelOneItLogsNothingAndAsksForNoDescription) {
     givenUser(corp);
     givenComputer(corp);
     search();
     EXPECT_EQ(log.countContaining("AD"), 0);
+    EXPECT_EQ(directory.descriptionsAsked(), 0);
 }
 
 TEST_F(ActiveDirectorySearch, AComputerThatIsNotThereHasTheHostsNameInFull) {

@@ -76,13 +76,14 @@ TEST_F(OpenDirectorySearch, KeepsItsLog) {
         EXPECT_TRUE(log.holds(line)) << line;
 }
 
-TEST_F(OpenDirectorySearch, LogsNothingWithoutLogLevelOne) {
+TEST_F(OpenDirectorySearch, WithoutLogLevelOneItLogsNothingAndAsksForNoDescription) {
     givenUser(ldap);
     givenWholeGroup("1001", "sales");
     search();
     EXPECT_EQ(log.countContaining("OD"), 0);
     EXPECT_EQ(log.countContaining("Open Directory"), 0);
     EXPECT_EQ(log.countContaining("Seeing"), 0);
+    EXPECT_EQ(directory.descriptionsAsked(), 0);
 }
 
 TEST_F(OpenDirectorySearch, StoresNoRelay) {

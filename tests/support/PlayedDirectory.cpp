@@ -19,7 +19,7 @@ std::string fullName(const std::string& attribute) {
 class PlayedDirectory::Record final : public DirectoryRecord {
 public:
     Record(std::string type, const DirectoryDetails& details, std::string failure,
-           std::shared_ptr<std::vector<std::string>> questions)
+           std::shared_ptr<Questions> questions)
         : type_(std::move(type)), failure_(std::move(failure)), questions_(std::move(questions)) {
         for (const auto& [attribute, values] : details)
             details_[fullName(attribute)] = values;
@@ -28,8 +28,8 @@ public:
     std::string recordType() const override { return type_; }
 
     std::string description() const override {
-        const auto& names = values(kODAttributeTypeRecordName);
-        return "record " + (names.empty() ? "" : names.front());
+        ++questions_->descriptions;
+        return name();
     }
 
     const std::vector<std::string>& values(const std::string& attribute) const {
@@ -40,10 +40,10 @@ public:
 
     bool recordDetailsForAttributes(const std::vector<std::string>& attributes, DirectoryDetails& details,
                                     DirectoryError& error) const override {
-        std::string question = description() + ":";
+        std::string question = name() + ":";
         for (const std::string& attribute : attributes)
             question += " " + attribute;
-        questions_->push_back(question);
+        questions_->details.push_back(question);
         if (!failure_.empty()) {
             error.description = failure_;
             return false;
@@ -54,9 +54,14 @@ public:
     }
 
 private:
+    std::string name() const {
+        const auto& names = values(kODAttributeTypeRecordName);
+        return "record " + (names.empty() ? "" : names.front());
+    }
+
     std::string type_;
     std::string failure_;
-    std::shared_ptr<std::vector<std::string>> questions_;
+    std::shared_ptr<Questions> questions_;
     DirectoryDetails details_;
 };
 
@@ -99,7 +104,7 @@ void PlayedDirectory::add(const std::string& node, const std::string& type, cons
 void PlayedDirectory::addMute(const std::string& node, const std::string& type,
                               const DirectoryDetails& details, const std::string& description) {
     addNode(node);
-    records_.emplace_back(node, std::make_shared<Record>(type, details, description, detailQuestions_));
+    records_.emplace_back(node, std::make_shared<Record>(type, details, description, questions_));
 }
 
 void PlayedDirectory::failQueries(const std::string& type, const std::string& description) {

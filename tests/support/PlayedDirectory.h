@@ -43,7 +43,10 @@ public:
     const std::vector<std::string>& queries() const { return queries_; }
 
     // What was asked of records, each question with its attributes in order.
-    const std::vector<std::string>& detailQuestions() const { return *detailQuestions_; }
+    const std::vector<std::string>& detailQuestions() const { return questions_->details; }
+
+    // How often a record was asked for its description.
+    int descriptionsAsked() const { return questions_->descriptions; }
 
     // All records in the order in which they were added.
     platform::DirectoryRecords records() const;
@@ -61,6 +64,12 @@ public:
                                                             platform::DirectoryError& error) override;
 
 private:
+    // What was asked of the records, which may outlive the directory.
+    struct Questions {
+        std::vector<std::string> details;
+        int descriptions = 0;
+    };
+
     class Record;
     class Node;
     class Query;
@@ -76,7 +85,7 @@ private:
     bool hasSearchNode_ = true;
     bool hasNames_ = true;
     std::vector<std::string> queries_;
-    std::shared_ptr<std::vector<std::string>> detailQuestions_ = std::make_shared<std::vector<std::string>>();
+    std::shared_ptr<Questions> questions_ = std::make_shared<Questions>();
     platform::DirectoryQueryDelegate lastDelegate_;
 };
 
