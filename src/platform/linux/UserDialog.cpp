@@ -1,6 +1,7 @@
 #include "platform/UserDialog.h"
 
 #include "platform/Clock.h"
+#include "platform/DialogSlots.h"
 #include "platform/linux/DialogProgram.h"
 
 #include <poll.h>
@@ -14,7 +15,7 @@
 
 namespace platform {
 
-// A slot for one dialog. Slots and their event descriptors are never freed, so a cancel may come at any time.
+// A slot for one dialog. Its event descriptor is never closed, so a cancel may come at any time.
 struct UserNotification {
     std::atomic<bool> taken;
     std::atomic<int> cancelEvent; // descriptor plus 1; 0 before the first use
@@ -24,15 +25,7 @@ struct UserNotification {
 
 namespace {
 
-constexpr int slotCount = 16;
-UserNotification slots[slotCount];
-
-UserNotification* takeSlot() {
-    for (UserNotification& slot : slots) {
-        if (!slot.taken.exchange(true)) return &slot;
-    }
-    return nullptr;
-}
+UserNotification slots[dialogSlotCount];
 
 // Makes the event that a cancel raises, or takes what an earlier dialog left of it.
 bool readyEvent(UserNotification& slot) {
@@ -57,7 +50,7 @@ class DesktopDialog final : public UserDialog {
 public:
     UserNotification* create(double timeout, unsigned long,
                              const NotificationDictionary& dictionary) override {
-        UserNotification* slot = takeSlot();
+        UserNotification* slot = takeSlot(slots);
         if (!slot) return nullptr;
         if (!readyEvent(*slot)) {
             slot->taken = false;

@@ -1,5 +1,6 @@
 #include "platform/UserDialog.h"
 
+#include "platform/DialogSlots.h"
 #include "platform/macos/CFOwned.h"
 
 #include <CoreFoundation/CoreFoundation.h>
@@ -9,8 +10,7 @@
 
 namespace platform {
 
-// A slot for one dialog. Slots are never freed, so a cancel may come at any time; `cancelling` counts the
-// cancels under way, which the release of the dialog waits for.
+// A slot for one dialog. `cancelling` counts the cancels under way, which the release of the dialog waits for.
 struct UserNotification {
     std::atomic<bool> taken;
     std::atomic<CFUserNotificationRef> dialog;
@@ -19,15 +19,7 @@ struct UserNotification {
 
 namespace {
 
-constexpr int slotCount = 16;
-UserNotification slots[slotCount];
-
-UserNotification* takeSlot() {
-    for (UserNotification& slot : slots) {
-        if (!slot.taken.exchange(true)) return &slot;
-    }
-    return nullptr;
-}
+UserNotification slots[dialogSlotCount];
 
 CFStringRef keyName(NotificationKey key) {
     switch (key) {
@@ -58,7 +50,7 @@ class ConsoleDialog final : public UserDialog {
 public:
     UserNotification* create(double timeout, unsigned long flags,
                              const NotificationDictionary& entries) override {
-        UserNotification* slot = takeSlot();
+        UserNotification* slot = takeSlot(slots);
         if (!slot) return nullptr;
         const auto dictionary = makeDictionary(entries);
         SInt32 error = 0;
