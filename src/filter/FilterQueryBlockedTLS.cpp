@@ -30,24 +30,11 @@ unsigned mark(const GPObject* entry) {
 bool isSame(unsigned a, unsigned b) { return a == b; }
 bool isSame(const in6_addr& a, const in6_addr& b) { return std::memcmp(&a, &b, sizeof a) == 0; }
 
-template <class Entry>
-void logRemoval(unsigned entry);
-
-template <>
-void logRemoval<SSLEntry>(unsigned entry) {
-    logf("--- removed 0x%x from SSLcache; count=%d", entry, sslList->count());
-}
-
-template <>
-void logRemoval<SSLEntryIpv6>(unsigned entry) {
-    logf("--- removed 0x%x from SSLcache Ipv6; count=%d", entry, sslListIpv6->count());
-}
-
-// Walks a table, whose lock the caller holds, up to the first live entry for one of the two addresses. Drops
+// Walks a table, which the log calls `name` and whose lock the caller holds, up to the first live entry for one of the two addresses. Drops
 // the entries whose time is over; the walk then deliberately skips the entry behind, since the removal has
 // already moved the cursor.
 template <class Entry, class Address>
-Entry* findBlocked(GPList* list, const Address& src, const Address& dst) {
+Entry* findBlocked(GPList* list, const char* name, const Address& src, const Address& dst) {
     for (list->firstObject(); list->currentObject(); list->nextObject()) {
         auto* entry = static_cast<Entry*>(list->currentObject());
         if (entry->timer->elapsedTime() < endOfLife) {
@@ -57,7 +44,8 @@ Entry* findBlocked(GPList* list, const Address& src, const Address& dst) {
         const unsigned removed = mark(entry);
         list->removeObject(entry);
         entry->release();
-        if (Configuration::isLogLevel(128)) logRemoval<Entry>(removed);
+        if (Configuration::isLogLevel(128))
+            logf("--- removed 0x%x from %s; count=%d", removed, name, list->count());
     }
     return nullptr;
 }
@@ -89,7 +77,7 @@ bool FilterQuery::isBlockedSSL(char* packet) {
     const unsigned dst = TCPPacket::dstIPAddress(packet, port);
 
     GPMutexLock lock(sslMutex);
-    const auto* entry = findBlocked<SSLEntry>(sslList, src, dst);
+    const auto* entry = findBlocked<SSLEntry>(sslList, "SSLcache", src, dst);
     if (!entry) return false;
     const unsigned blocked = entry->address;
     lock.unlock();
@@ -108,7 +96,7 @@ bool FilterQuery::isBlockedSSLIpv6(char* packet) {
     const in6_addr dst = TCPPacket::dstIPAddressIpv6(packet, port);
 
     GPMutexLock lock(sslMutexIpv6);
-    const auto* entry = findBlocked<SSLEntryIpv6>(sslListIpv6, src, dst);
+    const auto* entry = findBlocked<SSLEntryIpv6>(sslListIpv6, "SSLcache Ipv6", src, dst);
     if (!entry) return false;
     const in6_addr blocked = entry->address;
     lock.unlock();
