@@ -18,9 +18,9 @@ namespace {
 constexpr char const* propertyListType =
     "plist PUBLIC \"-//Apple//DTD PLIST 1.0//EN\" \"http://www.apple.com/DTDs/PropertyList-1.0.dtd\"";
 
-int references(GPObject* object) {
-    object->retainonly();
-    return object->releaseonly();
+int references(GPArray* array) {
+    array->retainonly();
+    return array->releaseonly();
 }
 
 GPDOMElement* childAt(GPArray* children, int index) {
@@ -166,7 +166,7 @@ GPDOMElement::~GPDOMElement() {
         if (references(array) == 1)
             for (int i = 0; i < array->count(); ++i) {
                 GPDOMElement* child = childAt(array, i);
-                if (child->children && references(child) == 1)
+                if (child->children && child->referenceCount() == 1)
                     going.push_back(std::exchange(child->children, nullptr));
             }
         array->release();
@@ -319,11 +319,10 @@ bool GPDOMElement::holds(GPDOMElement* wanted) {
 }
 
 // Every array that is searched takes a reference of the element, found or not; that is how GPArray removes.
-// A vain search leaves `kept` references, those of the tree and of the caller that still point at the
-// element, and the search ends when no reference is left.
-bool GPDOMElement::searchAndRemove(GPDOMElement* element, int kept) {
+// A vain search leaves the holders theirs, and the search ends when no reference is left.
+bool GPDOMElement::searchAndRemove(GPDOMElement* element, Holders holders) {
     const auto alive = Owned<GPDOMElement>::retain(element);
-    const auto left = [&] { return references(element) - 1; };
+    const auto left = [&] { return element->referenceCount() - 1; };
     bool isDirectChild = false;
     std::vector<GPDOMElement*> ahead{this};
     while (!ahead.empty() && left() > 0) {
@@ -337,7 +336,7 @@ bool GPDOMElement::searchAndRemove(GPDOMElement* element, int kept) {
             if (isDirectChild) break;
             continue;
         }
-        if (left() > kept) among->removeObject(element);
+        if (left() > holders) among->removeObject(element);
         for (int i = among->count() - 1; i >= 0; --i)
             ahead.push_back(childAt(among, i));
     }
@@ -346,7 +345,7 @@ bool GPDOMElement::searchAndRemove(GPDOMElement* element, int kept) {
 
 bool GPDOMElement::removeElement(GPDOMElement* element) {
     if (!element) return false;
-    return searchAndRemove(element, holds(element) ? 1 : 0);
+    return searchAndRemove(element, holds(element) ? tree : nobody);
 }
 
 bool GPDOMElement::removeElement(const char* wanted) {
@@ -359,7 +358,7 @@ bool GPDOMElement::removeElement(const char* wanted) {
 bool GPDOMElement::removeElements(const char* wanted) {
     auto found = Owned<GPArray>::adopt(findElements(wanted));
     for (int i = 0; i < found->count(); ++i)
-        searchAndRemove(childAt(found.get(), i), 2);
+        searchAndRemove(childAt(found.get(), i), treeAndList);
     return true;
 }
 

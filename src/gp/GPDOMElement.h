@@ -84,5 +84,8 @@ private:
 
     static GPDOMElement* parseElement(const char* tag, std::size_t length);
     bool holds(GPDOMElement* element);
-    bool searchAndRemove(GPDOMElement* element, int kept);
+
+    // Who still holds an element behind a search in vain; the value counts their references.
+    enum Holders { nobody = 0, tree = 1, treeAndList = 2 };
+    bool searchAndRemove(GPDOMElement* element, Holders holders);
 };

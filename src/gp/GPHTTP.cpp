@@ -206,11 +206,11 @@ void GPHTTP::startSocket() {
     releaseField(ipAddress_);
     if (socket->IPAddress()) ipAddress_ = new GPString(socket->IPAddress());
     const auto request = Owned<GPString>::adopt(requestText());
-    if (request) exchange(*socket, *request);
+    if (request) sendAndReceive(*socket, *request);
     socket->closeConnection();
 }
 
-void GPHTTP::exchange(GPSockets& socket, GPString& request) {
+void GPHTTP::sendAndReceive(GPSockets& socket, GPString& request) {
     if (!socket.writeData(&request)) {
         logf("Info: GPHTTP socket send failed.");
         return;
@@ -231,19 +231,17 @@ GPString* GPHTTP::requestText() {
     const auto extra = Owned<GPString>::adopt(headerLines());
     const char* path = path_->cstr();
     const char* host = host_->cstr();
+    const auto withoutBody = [&](const char* verb) {
+        return GPString::format("%s %s HTTP/1.1\r\nHost: %s\r\nUser-Agent: %s\r\nConnection: close\r\n%s\r\n",
+                                verb, path, host, agent, extra->cstr());
+    };
     switch (method_) {
         case GPHTTPMethodHead:
-            return GPString::format(
-                "HEAD %s HTTP/1.1\r\nHost: %s\r\nUser-Agent: %s\r\nConnection: close\r\n%s\r\n", path, host,
-                agent, extra->cstr());
+            return withoutBody("HEAD");
         case GPHTTPMethodGet:
-            return GPString::format(
-                "GET %s HTTP/1.1\r\nHost: %s\r\nUser-Agent: %s\r\nConnection: close\r\n%s\r\n", path, host,
-                agent, extra->cstr());
+            return withoutBody("GET");
         case GPHTTPMethodDelete:
-            return GPString::format(
-                "DELETE %s HTTP/1.1\r\nHost: %s\r\nUser-Agent: %s\r\nConnection: close\r\n%s\r\n", path, host,
-                agent, extra->cstr());
+            return withoutBody("DELETE");
         case GPHTTPMethodPost: {
             const auto body = Owned<GPString>::adopt(postBody());
             return GPString::format("POST %s HTTP/1.1\r\nHost: %s\r\nUser-Agent: %s\r\nContent-Type: "

@@ -109,7 +109,7 @@ private:
     GPString* requestText();
     GPString* headerLines();
     GPString* postBody();
-    void exchange(GPSockets& socket, GPString& request);
+    void sendAndReceive(GPSockets& socket, GPString& request);
     void releaseFields();
 
     int timeout_ = 5;
