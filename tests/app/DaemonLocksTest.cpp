@@ -123,17 +123,6 @@ protected:
         return result;
     }
 
-    // Presents a request for a page, which starts a query.
-    void request(const std::string& host) {
-        const std::string packet = testsupport::PacketBuilder::ipv4()
-                                       .payload("GET / HTTP/1.1\r\nHost: " + host + "\r\n\r\n")
-                                       .bytes();
-        const auto result =
-            extension->present(lab::Direction::out, std::vector<char>(packet.begin(), packet.end()), 5000);
-        ASSERT_TRUE(result);
-        EXPECT_EQ(result->result, 3u);
-    }
-
     // The daemon after a bit of everything: two logons, a query, a pushed setting, another user.
     void runThroughItsWork() {
         startDaemon();

@@ -9,6 +9,7 @@
 #include "support/DaemonProcess.h"
 #include "support/DirectoryTools.h"
 #include "support/Eventually.h"
+#include "support/PacketBuilder.h"
 #include "support/ScratchRoot.h"
 #include "support/ShippedProgram.h"
 
@@ -55,7 +56,18 @@ protected:
     bool answers(lab::Direction direction) {
         const std::vector<char> packet = {0x45, 0, 0, 20, 0, 0, 0, 0, 64, 17, 0, 0, 10, 0, 0, 2, 10, 0, 0, 9};
         const auto result = extension->present(direction, packet, 5000);
-        return result && result->result == 0;
+        return result && result->result == resultPass;
+    }
+
+    // Presents a request for a page, which starts a query.
+    void request(const std::string& host) {
+        const std::string packet = testsupport::PacketBuilder::ipv4()
+                                       .payload("GET / HTTP/1.1\r\nHost: " + host + "\r\n\r\n")
+                                       .bytes();
+        const auto result =
+            extension->present(lab::Direction::out, std::vector<char>(packet.begin(), packet.end()), 5000);
+        ASSERT_TRUE(result);
+        EXPECT_EQ(result->result, resultHold);
     }
 
     testsupport::ScratchRoot root;

@@ -126,8 +126,11 @@ private:
 
 TEST(GPAlgorithmCipher, IsThePublishedNetworkAndScheduleOverTablesThatStartWithTheirFirstWordsAlone) {
     for (const std::string key : {"key", "a", "\xff\x80\x7f", "a key that is longer than one half"})
-        for (const std::string block : {"12345678", "\xff\xee\xdd\xcc\xbb\xaa\x99\x88"})
-            EXPECT_EQ(encrypted(block, key.c_str()), OtherCipher(key).encrypted(block)) << key;
+        for (const std::string block : {"12345678", "\xff\xee\xdd\xcc\xbb\xaa\x99\x88"}) {
+            const std::string cipher = OtherCipher(key).encrypted(block);
+            EXPECT_EQ(encrypted(block, key.c_str()), cipher) << key;
+            EXPECT_EQ(decrypted(cipher, key.c_str()), block) << key;
+        }
     EXPECT_EQ(encrypted("12345678", ""), OtherCipher(std::string(1, '\0')).encrypted("12345678"));
 }
 
