@@ -92,6 +92,7 @@ void* setUserLogonThread(void*) {
     const char* user = Configuration::cachedUserName();
     logf("setUserLogonThread Configuration::cachedUserName() <%s>", user ? user : "(null)");
     char source[] = "directory";
+    // The name is read again: the wait for the link may have outlasted the user who was there before.
     OstComm::Instance()->setUserLogonCommand(const_cast<char*>(Configuration::cachedUserName()), source);
     ipAddressesNeeded = true;
     return nullptr;

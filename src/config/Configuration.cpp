@@ -19,11 +19,11 @@ ConfigurationState& state = configurationState;
 
 constexpr int logEverythingVerbose = 1;
 
-bool read(const std::atomic<bool>& flag) { return flag.load(std::memory_order_relaxed); }
+bool isSet(const std::atomic<bool>& flag) { return flag.load(std::memory_order_relaxed); }
 
-// Stores the value; true if it differs from the one before.
+// Stores a value that differs from the one before; true if it does.
 template <class Value>
-bool change(std::atomic<Value>& stored, Value value) {
+bool storeIfNew(std::atomic<Value>& stored, Value value) {
     if (stored.load(std::memory_order_relaxed) == value) return false;
     stored.store(value, std::memory_order_relaxed);
     return true;
@@ -48,64 +48,64 @@ void storeUserName(std::atomic<GPString*>& stored, const char* name) {
 
 } // namespace
 
-bool Configuration::isBOFEnabled() { return read(state.bBlockOnFailure); }
+bool Configuration::isBOFEnabled() { return isSet(state.bBlockOnFailure); }
 
 void Configuration::setBOF(bool enabled) {
-    if (!change(state.bBlockOnFailure, enabled)) return;
+    if (!storeIfNew(state.bBlockOnFailure, enabled)) return;
     if (isVerbose()) logf("Block on Failure set to: %s", text(enabled));
     markDirtyAndSave();
 }
 
-bool Configuration::isBalanced() { return read(state.bBalanceMode); }
+bool Configuration::isBalanced() { return isSet(state.bBalanceMode); }
 
 void Configuration::setBalancedMode(bool balanced) {
-    if (!change(state.bBalanceMode, balanced)) return;
+    if (!storeIfNew(state.bBalanceMode, balanced)) return;
     if (isVerbose()) logf("Balanced Mode set to: %s", text(balanced));
     markDirtyAndSave();
 }
 
-bool Configuration::isVerbose() { return isLogLevel(logEverythingVerbose) || read(state.bVerboseMode); }
+bool Configuration::isVerbose() { return isLogLevel(logEverythingVerbose) || isSet(state.bVerboseMode); }
 
 void Configuration::setVerboseMode(bool verbose) {
-    if (!change(state.bVerboseMode, verbose)) return;
+    if (!storeIfNew(state.bVerboseMode, verbose)) return;
     logf("Verbose set to: %s", text(verbose));
     markDirtyAndSave();
 }
 
-bool Configuration::filteringDisabled() { return read(state.bFilteringDisabled); }
+bool Configuration::filteringDisabled() { return isSet(state.bFilteringDisabled); }
 
 void Configuration::setFilteringDisabled(bool disabled) {
     logf("Disable-Filter set to: %s", text(disabled));
-    if (change(state.bFilteringDisabled, disabled)) markDirtyAndSave();
+    if (storeIfNew(state.bFilteringDisabled, disabled)) markDirtyAndSave();
 }
 
-bool Configuration::isOstlerEnabled() { return read(state.bOstler); }
+bool Configuration::isOstlerEnabled() { return isSet(state.bOstler); }
 
 void Configuration::setOstlerEnabled(bool enabled) {
     logf("Enable Ostler set to: %s", text(enabled));
-    if (change(state.bOstler, enabled)) markDirtyAndSave();
+    if (storeIfNew(state.bOstler, enabled)) markDirtyAndSave();
 }
 
-bool Configuration::isUpdateReady() { return read(state.bUpdateReady); }
+bool Configuration::isUpdateReady() { return isSet(state.bUpdateReady); }
 
 void Configuration::setUpdateReady(bool ready) {
     logf("UpdateReady set to: %s", text(ready));
-    if (change(state.bUpdateReady, ready)) markDirtyAndSave();
+    if (storeIfNew(state.bUpdateReady, ready)) markDirtyAndSave();
 }
 
-bool Configuration::oemMode() { return read(state.bOEMmode); }
+bool Configuration::oemMode() { return isSet(state.bOEMmode); }
 
-bool Configuration::isOEM() { return read(state.bOEMmode); }
+bool Configuration::isOEM() { return isSet(state.bOEMmode); }
 
 void Configuration::setOEMMode(bool oem) {
     logf("OEM-Mode set to: %s", text(oem));
-    if (change(state.bOEMmode, oem)) markDirtyAndSave();
+    if (storeIfNew(state.bOEMmode, oem)) markDirtyAndSave();
 }
 
 int Configuration::getLogLevel() { return state.logLevel.load(std::memory_order_relaxed); }
 
 void Configuration::setLogLevel(int level) {
-    if (change(state.logLevel, level)) markDirtyAndSave();
+    if (storeIfNew(state.logLevel, level)) markDirtyAndSave();
 }
 
 bool Configuration::isLogLevel(int mask) { return (getLogLevel() & mask) != 0; }
@@ -113,7 +113,7 @@ bool Configuration::isLogLevel(int mask) { return (getLogLevel() & mask) != 0; }
 int Configuration::getKernelLogLevel() { return state.kernelLogLevel.load(std::memory_order_relaxed); }
 
 void Configuration::setKernelLogLevel(int level) {
-    if (change(state.kernelLogLevel, level)) markDirtyAndSave();
+    if (storeIfNew(state.kernelLogLevel, level)) markDirtyAndSave();
 }
 
 const char* Configuration::cachedUserName() {

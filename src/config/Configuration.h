@@ -4,7 +4,8 @@
 // exists once for the process. A setter that changes something writes the whole file at once; it never loads
 // the file first, so a process that did not load writes defaults and its one change. Getters of flags and
 // levels are plain reads for the packet path: no lock, no allocation. Any thread may call any operation,
-// unless it says otherwise; none may be called with Configuration's own lock held.
+// unless it says otherwise. Whatever loads or saves, and so every setter, takes Configuration's own lock, which
+// is not recursive.
 
 #include "config/FilterServer.h"
 

@@ -42,21 +42,22 @@ Owned<GPString> askService(GPString* macAddress) {
     return body;
 }
 
-enum class Exchange { noAddress, noReply, replied };
+enum class Outcome { noAddress, noReply, replied };
 
-Exchange exchange() {
+// Reports to the service and applies its reply.
+Outcome reportAndApply() {
     logVerbose("Getting mac addresses");
     const auto addresses = Owned<GPArray>::adopt(GPNetDevice::macAddresses(GPIPTypeAny));
     if (!addresses || addresses->count() == 0) {
         logs("no mac address found on the device, check-in is not possible at this time.");
-        return Exchange::noAddress;
+        return Outcome::noAddress;
     }
     logVerbose("found macaddresses building query");
     const Owned<GPString> body = askService(static_cast<GPString*>(addresses->objectAtIndex(0)));
-    if (!body) return Exchange::noReply;
+    if (!body) return Outcome::noReply;
     // The status is deliberately not looked at: an error page is a reply that says nothing.
     if (const auto reply = readCheckinReply(body->cstr())) applyCheckinReply(*reply);
-    return Exchange::replied;
+    return Outcome::replied;
 }
 
 // Whether the service wants to hear from the machine: its stored time is past, or there is none.
@@ -116,11 +117,11 @@ bool FilterCheck::isUpdateBypass(unsigned) { return false; }
 
 bool FilterCheck::runCheckin() {
     logVerbose("Started checkin processing.");
-    const Exchange result = exchange();
+    const Outcome outcome = reportAndApply();
     GPThread::taskOnBackground(serversHttpsCheckThread, nullptr);
     // Deliberate: of all outcomes a service that does not answer leaves this line out.
-    if (result != Exchange::noReply) logVerbose("checkin complete.");
-    return result == Exchange::replied;
+    if (outcome != Outcome::noReply) logVerbose("checkin complete.");
+    return outcome == Outcome::replied;
 }
 
 void FilterCheck::startCheckin() { GPThread::taskOnBackground(checkinThread, nullptr); }

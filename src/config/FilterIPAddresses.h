@@ -13,7 +13,20 @@
 class GPMutex;
 
 class FilterIPAddresses : public GPObject {
+    friend FilterIPAddresses* buildIPaddresses();
+    friend void refreshServerAddresses(FilterIPAddresses* snapshot);
+
+    std::atomic<std::int32_t> unresolvedCount_{0};
+    std::atomic<bool> missingIPs_{true};
+    GPMutex* mutex_;
+
 public:
+    // Number of entries.
+    std::int32_t count = 0;
+
+    // One address for each server in list order, in host order; 0 is unresolved. Null with no entries.
+    std::atomic<std::uint32_t>* addresses = nullptr;
+
     FilterIPAddresses();
     ~FilterIPAddresses() override;
 
@@ -38,21 +51,6 @@ public:
 
     GPObject* retain() override;
     int release() override;
-
-private:
-    friend FilterIPAddresses* buildIPaddresses();
-    friend void refreshServerAddresses(FilterIPAddresses* snapshot);
-
-    std::atomic<std::int32_t> unresolvedCount_{0};
-    std::atomic<bool> missingIPs_{true};
-    GPMutex* mutex_;
-
-public:
-    // Number of entries.
-    std::int32_t count = 0;
-
-    // One address for each server in list order, in host order; 0 is unresolved. Null with no entries.
-    std::atomic<std::uint32_t>* addresses = nullptr;
 };
 
 // Makes a new snapshot of the present server list, with a reference for the caller. Blocks in name look-ups;

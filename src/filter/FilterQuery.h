@@ -32,8 +32,8 @@ public:
     // The pool function. Takes over a THREADPARAMS and frees it with its URL.
     static void filterThread(void* params);
 
-    // Asks the agent about one URL and resolves its record. Blocks for as long as the agent takes. `attempt`
-    // counts the repetitions and has no limit. The params stay the caller's.
+    // Asks the agent about one URL, again for as long as it says so, and resolves the record. Blocks until then,
+    // without limit. `attempt` is not read. The params stay the caller's.
     static void OstCommFilterQueryThread(THREADPARAMS* params, int attempt);
 
     // Whether `address` (host order) is one of the filter servers'. A null snapshot means the current one; a

@@ -135,11 +135,11 @@ private:
 
 // Blocks are native words: on this machine bytes 4 to 7 are the left half.
 template <class Function>
-void changeBlocks(char* bytes, std::int64_t length, Function change) {
+void transformBlocks(char* bytes, std::int64_t length, Function transformed) {
     for (std::int64_t at = 0; at < length; at += blockSize) {
         std::uint64_t block;
         std::memcpy(&block, bytes + at, sizeof block);
-        block = change(block);
+        block = transformed(block);
         std::memcpy(bytes + at, &block, sizeof block);
     }
 }
@@ -260,7 +260,7 @@ GPData* GPAlgorithm::blowfishEncrypt(const char* bytes, int length, const char* 
     auto buffer = std::make_unique<char[]>(static_cast<std::size_t>(padded));
     if (count > 0) std::memcpy(buffer.get(), bytes, static_cast<std::size_t>(count));
     const BlowfishContext context(key);
-    changeBlocks(buffer.get(), padded, [&](std::uint64_t block) { return context.encrypt(block); });
+    transformBlocks(buffer.get(), padded, [&](std::uint64_t block) { return context.encrypt(block); });
     return dataOf(std::move(buffer), padded);
 }
 
@@ -269,7 +269,7 @@ GPData* GPAlgorithm::blowfishDecrypt(const char* bytes, int length, const char* 
     auto buffer = std::make_unique<char[]>(static_cast<std::size_t>(length));
     std::memcpy(buffer.get(), bytes, static_cast<std::size_t>(length));
     const BlowfishContext context(key);
-    changeBlocks(buffer.get(), length, [&](std::uint64_t block) { return context.decrypt(block); });
+    transformBlocks(buffer.get(), length, [&](std::uint64_t block) { return context.decrypt(block); });
     return dataOf(std::move(buffer), length);
 }
 

@@ -87,11 +87,8 @@ private:
     // What a log line shows of a record.
     static unsigned mark(const HijackPacket* record);
 
-    // Set by the constructor; `redirect_`, `resolved_` and `timeout_` change with the list's lock held, when the
-    // answer comes.
+    // Set by the constructor and never changed.
     GPString* url_;
-    std::atomic<GPString*> redirect_{nullptr};
-    std::atomic<bool> resolved_{false};
     bool https_;
     unsigned srcAddress_;
     unsigned dstAddress_;
@@ -99,7 +96,12 @@ private:
     in6_addr dstAddressIpv6_;
     int srcPort_;
     int dstPort_;
+
+    // Stored by the one resolve that answers the record, with the list's lock held, and read without it.
+    std::atomic<GPString*> redirect_{nullptr};
+    std::atomic<bool> resolved_{false};
     std::atomic<int> timeout_;
+
     GPTimer* timer_; // guarded by the list's lock
 
     // The table's, guarded by the list's lock.

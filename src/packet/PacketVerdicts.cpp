@@ -117,27 +117,27 @@ void logHttpsRedirect(char* packet, void* packetId) {
 
 // The redirect of a blocked connection: the verdict, or verdictUndecided when it does not fit the packet.
 int deliverRedirect(char* packet, sysctl_result* result, void* packetId, const char* redirect, bool https) {
-    const bool verbose = Configuration::isLogLevel(64);
+    const bool logsVerdict = Configuration::isLogLevel(64);
     if (https) {
         if (result) {
-            if (verbose) logHttpsRedirect(packet, packetId);
+            if (logsVerdict) logHttpsRedirect(packet, packetId);
             setRedirectData(result, redirect, TCPPacket::isVersionIPV6(packet));
             result->redirectIsHttps = 1;
         }
-        if (verbose) {
+        if (logsVerdict) {
             logf("--[0x%x] https redirect: res=%d to: %s", shortId(packetId), verdictRedirect, redirect);
         }
         return verdictRedirect;
     }
     if (!TCPPacket::redirectPacket(packet, redirect)) {
-        if (verbose) logf("--[0x%x] Inbound TCP packet is too small to redirect.\n", shortId(packetId));
+        if (logsVerdict) logf("--[0x%x] Inbound TCP packet is too small to redirect.\n", shortId(packetId));
         return verdictUndecided;
     }
     if (result) {
         setRedirectData(result, redirect, TCPPacket::isVersionIPV6(packet));
         result->redirectIsHttps = 0;
     }
-    if (verbose) {
+    if (logsVerdict) {
         logf("--[0x%x] http packet redirected and repeated: %d (to: %s)", shortId(packetId), verdictRedirect,
              redirect);
     }

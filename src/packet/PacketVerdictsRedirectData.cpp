@@ -51,9 +51,9 @@ void storeIpv4(sysctl_result* result, const std::string& host) {
     platform::HostEntry entry;
     if (!platform::nameLookup().gethostbyname2(host.c_str(), AF_INET, entry)) return;
 
-    const bool verbose = Configuration::isLogLevel(64);
+    const bool logsVerdict = Configuration::isLogLevel(64);
     const unsigned id = shortId(result);
-    if (verbose) {
+    if (logsVerdict) {
         logf("[0x%x] host is %s official name is %s\n", id, host.c_str(), entry.officialName.c_str());
         for (const std::string& alias : entry.aliases)
             logf("[0x%x] has alias  %s\n", id, alias.c_str());
@@ -62,7 +62,7 @@ void storeIpv4(sysctl_result* result, const std::string& host) {
     for (const std::string& address : entry.addresses) {
         if (address.size() != sizeof result->redirectAddress) continue;
         std::memcpy(&result->redirectAddress, address.data(), address.size());
-        if (verbose) logf("[0x%x] has address  %s\n", id, printed(AF_INET, address.data()).c_str());
+        if (logsVerdict) logf("[0x%x] has address  %s\n", id, printed(AF_INET, address.data()).c_str());
     }
 }
 
@@ -71,9 +71,9 @@ bool storeIpv6(sysctl_result* result, const std::string& host) {
     platform::HostEntry entry;
     if (!platform::nameLookup().gethostbyname2(host.c_str(), AF_INET6, entry)) return false;
 
-    const bool verbose = Configuration::isLogLevel(64);
+    const bool logsVerdict = Configuration::isLogLevel(64);
     const unsigned id = shortId(result);
-    if (verbose) {
+    if (logsVerdict) {
         logf("[0x%x] Ipv6 host is %s official name is %s\n", id, host.c_str(), entry.officialName.c_str());
         for (const std::string& alias : entry.aliases)
             logf("[0x%x] Ipv6 has alias  %s\n", id, alias.c_str());
@@ -81,7 +81,7 @@ bool storeIpv6(sysctl_result* result, const std::string& host) {
     for (const std::string& address : entry.addresses) {
         if (address.size() != sizeof result->redirectAddressIpv6) continue;
         std::memcpy(&result->redirectAddressIpv6, address.data(), address.size());
-        if (verbose) logf("[0x%x] Ipv6 has address  %s\n", id, printed(AF_INET6, address.data()).c_str());
+        if (logsVerdict) logf("[0x%x] Ipv6 has address  %s\n", id, printed(AF_INET6, address.data()).c_str());
     }
     return true;
 }

@@ -28,7 +28,8 @@ constexpr int nameText = 9;
 
 int big16(const unsigned char* data, int at) { return platform::readBig16(data + at); }
 
-// The answer to a hello that is too old to have extensions, or to bytes that are no hello of ours.
+// What a connection begins with: a hello that is too old to have extensions, one that is read on, or anything
+// else.
 enum class Opening { oldHello, hello, other };
 
 Opening readOpening(const unsigned char* data, int size) {
