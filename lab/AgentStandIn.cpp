@@ -1,10 +1,7 @@
 #include "lab/AgentStandIn.h"
 
-#include "platform/ByteOrder.h"
-
 #include <fmt/format.h>
 
-#include <arpa/inet.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
@@ -21,11 +18,6 @@
 namespace lab {
 namespace {
 
-constexpr std::size_t headerSize = 12;
-constexpr std::size_t largestFrame = 1 << 20;
-
-enum FrameType : std::uint32_t { policyFrame = 1, logonFrame = 3, configurationFrame = 5 };
-
 constexpr char hostLookupError[] = R"({"error":"TW Host lookup timeout"})";
 constexpr char nonsense[] = "<<<this is no answer>>>";
 
@@ -39,14 +31,7 @@ std::int64_t realMilliseconds() {
 
 int listenOn(int port) {
     const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    const int on = 1;
-    setsockopt(listener, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(static_cast<std::uint16_t>(port));
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    if (bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
-        ::listen(listener, 16) != 0) {
+    if (!listenOnLoopback(listener, port)) {
         const int error = errno;
         close(listener);
         throw InputError(fmt::format("127.0.0.1:{}: {} (is an agent or another lab running?)", port,
@@ -172,24 +157,18 @@ void AgentStandIn::readLink(int link) {
         closeLink();
         return;
     }
-    received_.append(buffer, static_cast<std::size_t>(count));
-    while (link_ >= 0 && received_.size() >= headerSize) {
-        const std::size_t length = platform::readBig32(received_.data());
-        if (length < headerSize || length > largestFrame) {
-            closeLink();
-            return;
-        }
-        if (received_.size() < length) return;
-        const std::uint32_t type = platform::readBig32(received_.data() + 4);
-        const std::uint32_t sequence = platform::readBig32(received_.data() + 8);
-        const std::string body = received_.substr(headerSize, length - headerSize);
-        received_.erase(0, length);
-        handleFrame(type, sequence, body);
+    received_.add(buffer, static_cast<std::size_t>(count));
+    AgentFrame frame;
+    while (link_ >= 0) {
+        const auto found = received_.next(frame);
+        if (found == AgentFrameReader::Found::noFrame) closeLink();
+        if (found != AgentFrameReader::Found::frame) return;
+        handleFrame(frame);
     }
 }
 
-void AgentStandIn::handleFrame(std::uint32_t type, std::uint32_t sequence, const std::string& body) {
-    if (type == logonFrame) {
+void AgentStandIn::handleFrame(const AgentFrame& frame) {
+    if (frame.type == logonFrame) {
         ++counters_.logons;
         counters_.linked = true;
         for (const std::string& push : policy_.pushes()) {
@@ -198,11 +177,11 @@ void AgentStandIn::handleFrame(std::uint32_t type, std::uint32_t sequence, const
         }
         deferring_ |= !ownTime_ && !policy_.pushes().empty();
     }
-    if (type == policyFrame && deferring_) {
-        deferred_.emplace_back(sequence, urlOf(body));
+    if (frame.type == policyFrame && deferring_) {
+        deferred_.emplace_back(frame.sequence, urlOf(frame.body));
         ++counters_.deferred;
-    } else if (type == policyFrame) {
-        answer(sequence, urlOf(body));
+    } else if (frame.type == policyFrame) {
+        answer(frame.sequence, urlOf(frame.body));
     }
     changed_.notify_all();
 }
@@ -261,16 +240,8 @@ void AgentStandIn::answer(std::uint32_t sequence, const std::string& url) {
     }
 }
 
-std::string AgentStandIn::frame(std::uint32_t type, std::uint32_t sequence, const std::string& body) {
-    std::string bytes(headerSize, '\0');
-    platform::writeBig32(&bytes[0], static_cast<std::uint32_t>(headerSize + body.size()));
-    platform::writeBig32(&bytes[4], type);
-    platform::writeBig32(&bytes[8], sequence);
-    return bytes + body;
-}
-
 void AgentStandIn::sendFrame(std::uint32_t type, std::uint32_t sequence, const std::string& body) {
-    sendBytes(frame(type, sequence, body));
+    sendBytes(agentFrame(type, sequence, body));
 }
 
 void AgentStandIn::sendBytes(const std::string& bytes) {

@@ -5,6 +5,7 @@
 // a replay can wait until every question has had its chance.
 
 #include "agent/OstComm.h"
+#include "lab/AgentFrame.h"
 #include "lab/Policy.h"
 
 #include <chrono>
@@ -51,9 +52,6 @@ public:
 
     // Before start: a test's own conduct, asked for each question; nothing leaves it to the policy.
     void setConduct(ConductOf conduct) { conduct_ = std::move(conduct); }
-
-    // The bytes of a frame.
-    static std::string frame(std::uint32_t type, std::uint32_t sequence, const std::string& body);
 
     // Binds both ports. Throws InputError when one is taken.
     void listen();
@@ -110,7 +108,7 @@ private:
     void serve();
     void acceptLink();
     void readLink(int link);
-    void handleFrame(std::uint32_t type, std::uint32_t sequence, const std::string& body);
+    void handleFrame(const AgentFrame& frame);
     void answer(std::uint32_t sequence, const std::string& url);
     bool answeredByConduct(std::uint32_t sequence, const std::string& url);
     void sendBytes(const std::string& bytes);
@@ -141,7 +139,7 @@ private:
     int linkListener_ = -1;
     int pageListener_ = -1;
     int wakeUp_ = -1;
-    std::string received_;
+    AgentFrameReader received_;
     std::thread thread_;
 };
 

@@ -43,9 +43,9 @@ public:
     }
 
     // Logs on, or asks about a URL.
-    void logOn() { send(AgentStandIn::frame(3, 1, "{}")); }
+    void logOn() { send(lab::agentFrame(3, 1, "{}")); }
     void ask(std::uint32_t sequence, const std::string& url) {
-        send(AgentStandIn::frame(1, sequence, "{\"url\":\"" + url + "\"}"));
+        send(lab::agentFrame(1, sequence, "{\"url\":\"" + url + "\"}"));
     }
 
     // The next frame as "TYPE SEQUENCE BODY"; "closed" at the end of the link.
@@ -131,7 +131,7 @@ TEST_F(AgentStandInTest, TheUrlIsTakenByItsPositionWhateverItHolds) {
 
 TEST_F(AgentStandInTest, ABodyTooShortForAUrlIsAQuestionAboutNothing) {
     start("allow *");
-    client_->send(AgentStandIn::frame(1, 3, "{}"));
+    client_->send(lab::agentFrame(1, 3, "{}"));
     EXPECT_EQ(client_->frame(), "1 3 {}");
     EXPECT_EQ(agent_->takeQuestions().at(0).url, "");
 }
@@ -257,8 +257,7 @@ TEST_F(AgentStandInTest, InItsOwnTimeNoAnswerWaitsBehindAPush) {
 
 TEST_F(AgentStandInTest, FramesMayComeInPiecesAndSeveralAtOnce) {
     start("allow *");
-    const std::string both =
-        AgentStandIn::frame(3, 1, "{}") + AgentStandIn::frame(1, 2, R"({"url":"http://a/"})");
+    const std::string both = lab::agentFrame(3, 1, "{}") + lab::agentFrame(1, 2, R"({"url":"http://a/"})");
     client_->send(both.substr(0, 5));
     client_->send(both.substr(5, 13));
     client_->send(both.substr(18));
@@ -268,7 +267,7 @@ TEST_F(AgentStandInTest, FramesMayComeInPiecesAndSeveralAtOnce) {
 
 TEST_F(AgentStandInTest, FramesOfOtherTypesAreNotAnswered) {
     start("allow *");
-    client_->send(AgentStandIn::frame(4, 1, "{}") + AgentStandIn::frame(99, 2, ""));
+    client_->send(lab::agentFrame(4, 1, "{}") + lab::agentFrame(99, 2, ""));
     client_->ask(3, "http://a/");
     EXPECT_EQ(client_->frame(), "1 3 {}");
 }

@@ -81,7 +81,7 @@ TEST(DaemonAndAgent, AnAgentThatClosesTheLinkInTheMiddleOfAFrameNeverStopsTheDae
         [&](std::uint32_t sequence, const std::string&) -> std::optional<AgentStandIn::Conduct> {
             if (cuts == 2) return {};
             // The first time inside the body, the second time inside the header.
-            const std::string whole = AgentStandIn::frame(1, sequence, "{\"redirect\":\"http://page/\"}");
+            const std::string whole = lab::agentFrame(1, sequence, "{\"redirect\":\"http://page/\"}");
             return AgentStandIn::Conduct{whole.substr(0, cuts++ == 0 ? 20 : 7), true};
         });
     stage.raise();
@@ -141,10 +141,9 @@ INSTANTIATE_TEST_SUITE_P(
                     Nonsense{"ALengthBelowTheHeaders", header(3, 1, 1) + "abc"},
                     Nonsense{"AnAbsurdLength", header(0x7fffffff, 1, 1) + "abc"},
                     Nonsense{"AnswersToQuestionsOfNobody",
-                             AgentStandIn::frame(1, 0x12345678, "{}") + AgentStandIn::frame(77, 1, "?")},
-                    Nonsense{"AHugeFrame", AgentStandIn::frame(1, 0x12345678, std::string(300000, 'x'))},
-                    Nonsense{"AConfigurationOfGarbage",
-                             AgentStandIn::frame(5, 0x12345678, "\"bypass_on_fail")}),
+                             lab::agentFrame(1, 0x12345678, "{}") + lab::agentFrame(77, 1, "?")},
+                    Nonsense{"AHugeFrame", lab::agentFrame(1, 0x12345678, std::string(300000, 'x'))},
+                    Nonsense{"AConfigurationOfGarbage", lab::agentFrame(5, 0x12345678, "\"bypass_on_fail")}),
     [](const auto& test) { return std::string(test.param.name); });
 
 TEST(DaemonAndAgent, NonsenseInAWholeFrameIsDecidedByBlockOnFailure) {

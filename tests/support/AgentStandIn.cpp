@@ -1,13 +1,10 @@
 #include "support/AgentStandIn.h"
 
 #include "agent/OstComm.h"
-#include "platform/ByteOrder.h"
 #include "platform/ClosedOnExec.h"
 #include "support/FixedPorts.h"
 
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -20,16 +17,9 @@ namespace {
 
 constexpr auto patience = std::chrono::seconds(5);
 
-int listenOnLoopback() {
+int makeListener() {
     const int listener = platform::closedOnExecSocket(AF_INET, SOCK_STREAM, 0);
-    const int on = 1;
-    setsockopt(listener, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(OstComm::agentPort);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    if (bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
-        listen(listener, 16) != 0)
+    if (!lab::listenOnLoopback(listener, OstComm::agentPort))
         throw std::runtime_error("the agent's port is not free");
     return listener;
 }
@@ -38,7 +28,7 @@ int listenOnLoopback() {
 
 AgentStandIn::AgentStandIn() {
     claimFixedPorts();
-    listener_ = listenOnLoopback();
+    listener_ = makeListener();
     if (pipe(wake_) != 0) throw std::runtime_error("no pipe");
     thread_ = std::thread([this] { serve(); });
 }
@@ -86,24 +76,13 @@ void AgentStandIn::awaitDisconnect() {
         ADD_FAILURE() << "no connection has ended";
 }
 
-std::string AgentStandIn::frame(std::uint32_t type, std::uint32_t sequence, const std::string& body) {
-    return frameOfLength(static_cast<std::uint32_t>(12 + body.size()), type, sequence, body);
-}
-
-std::string AgentStandIn::frameOfLength(std::uint32_t length, std::uint32_t type, std::uint32_t sequence,
-                                        const std::string& body) {
-    char header[12];
-    platform::writeBig32(header, length);
-    platform::writeBig32(header + 4, type);
-    platform::writeBig32(header + 8, sequence);
-    return std::string(header, sizeof header) + body;
-}
-
 void AgentStandIn::reply(std::uint32_t sequence, const std::string& body) {
-    sendBytes(frame(1, sequence, body));
+    sendBytes(frame(lab::policyFrame, sequence, body));
 }
 
-void AgentStandIn::push(const std::string& body) { sendBytes(frame(5, 0x70000000, body)); }
+void AgentStandIn::push(const std::string& body) {
+    sendBytes(frame(lab::configurationFrame, 0x70000000, body));
+}
 
 void AgentStandIn::sendBytes(const std::string& bytes) {
     std::lock_guard<std::mutex> lock(mutex_);
@@ -132,7 +111,7 @@ void AgentStandIn::stopListening() {
 
 void AgentStandIn::listenAgain() {
     std::lock_guard<std::mutex> lock(mutex_);
-    listener_ = listenOnLoopback();
+    listener_ = makeListener();
 }
 
 void AgentStandIn::serve() {
@@ -169,25 +148,23 @@ void AgentStandIn::receive() {
         dropConnection();
     }
     if (count <= 0) return;
-    held_.append(bytes, static_cast<std::size_t>(count));
+    held_.add(bytes, static_cast<std::size_t>(count));
     takeFrames();
 }
 
 void AgentStandIn::takeFrames() {
-    while (held_.size() >= 12) {
-        const std::size_t length = platform::readBig32(held_.data());
-        if (length < 12) {
-            ADD_FAILURE() << "a frame of " << length << " bytes came";
+    using Found = lab::AgentFrameReader::Found;
+    for (;;) {
+        Frame frame;
+        const Found found = held_.next(frame);
+        if (found == Found::noFrame) {
+            ADD_FAILURE() << "a length came that no frame has";
             dropConnection();
-            return;
         }
-        if (held_.size() < length) return;
-        Frame frame{platform::readBig32(held_.data() + 4), platform::readBig32(held_.data() + 8),
-                    held_.substr(12, length - 12), held_.substr(0, length)};
-        held_.erase(0, length);
-        if (frame.type == 1 && policy_) {
+        if (found != Found::frame) return;
+        if (frame.type == lab::policyFrame && policy_) {
             if (const auto answer = policy_(frame.body))
-                sendLocked(AgentStandIn::frame(1, frame.sequence, *answer));
+                sendLocked(AgentStandIn::frame(lab::policyFrame, frame.sequence, *answer));
         }
         frames_.push_back(std::move(frame));
         changed_.notify_all();

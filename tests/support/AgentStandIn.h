@@ -3,6 +3,8 @@
 // Plays the policy agent over real TCP on port 3456 of the loopback interface: it takes the daemon's frames
 // and sends what the test tells it to, whole frames, pieces of them, or garbage.
 
+#include "lab/AgentFrame.h"
+
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
@@ -16,12 +18,7 @@ namespace testsupport {
 
 class AgentStandIn {
 public:
-    struct Frame {
-        std::uint32_t type = 0;
-        std::uint32_t sequence = 0;
-        std::string body;
-        std::string bytes; // the whole frame as it was on the wire
-    };
+    using Frame = lab::AgentFrame;
 
     // Answers a policy question by its body; nothing means that no answer goes out.
     using Policy = std::function<std::optional<std::string>(const std::string& body)>;
@@ -48,9 +45,13 @@ public:
     void awaitDisconnect();
 
     // The bytes of a frame with a right length, or with the one given.
-    static std::string frame(std::uint32_t type, std::uint32_t sequence, const std::string& body);
+    static std::string frame(std::uint32_t type, std::uint32_t sequence, const std::string& body) {
+        return lab::agentFrame(type, sequence, body);
+    }
     static std::string frameOfLength(std::uint32_t length, std::uint32_t type, std::uint32_t sequence,
-                                     const std::string& body);
+                                     const std::string& body) {
+        return lab::agentFrameOfLength(length, type, sequence, body);
+    }
 
     // Sends a reply of type 1, a configuration frame, or any bytes on the newest connection.
     void reply(std::uint32_t sequence, const std::string& body);
@@ -82,7 +83,7 @@ private:
     int connection_ = -1;
     int accepted_ = 0;
     bool disconnected_ = false;
-    std::string held_;
+    lab::AgentFrameReader held_;
     std::deque<Frame> frames_;
     Policy policy_;
 };
