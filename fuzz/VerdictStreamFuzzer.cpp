@@ -7,11 +7,11 @@
 
 #include "config/Configuration.h"
 #include "fuzz/FuzzInput.h"
-#include "lab/AgentStandIn.h"
 #include "lab/OfflineNames.h"
 #include "lab/PlayedClock.h"
+#include "lab/PolicyAgent.h"
 #include "lab/PrivateNetwork.h"
-#include "lab/ScratchRoot.h"
+#include "lab/RootFolder.h"
 #include "packet/PacketVerdicts.h"
 #include "packet/SysctlResult.h"
 #include "packet/TCPPacket.h"
@@ -62,9 +62,9 @@ public:
     }
 
 private:
-    lab::ScratchRoot root_;
+    lab::RootFolder root_;
     lab::PlayedClock clock_;
-    lab::AgentStandIn agent_;
+    lab::PolicyAgent agent_;
     std::int64_t now_ = 1794635810LL * 1000000;
 };
 

@@ -78,7 +78,8 @@ inline bool listenOnLoopback(int socket, int port) {
     address.sin_family = AF_INET;
     address.sin_port = htons(static_cast<std::uint16_t>(port));
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    return bind(socket, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 && listen(socket, 16) == 0;
+    return bind(socket, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 &&
+           listen(socket, 16) == 0;
 }
 
 } // namespace lab

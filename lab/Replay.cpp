@@ -22,7 +22,7 @@ constexpr std::int64_t sweepPeriod = 10 * second;
 
 } // namespace
 
-Replay::Replay(ExtensionStandIn& extension, AgentStandIn& agent, DaemonProcess& daemon, PlayedClock& clock,
+Replay::Replay(ExtensionStandIn& extension, PolicyAgent& agent, DaemonRun& daemon, PlayedClock& clock,
                JsonReport& json, TableReport& table, std::FILE* asked)
     : extension_(extension), agent_(agent), daemon_(daemon), clock_(clock), json_(json), table_(table),
       asked_(asked) {}
@@ -191,7 +191,7 @@ std::optional<sysctl_result> Replay::present(PlayedPacket& played) {
 // are open at a time, the others wait inside the daemon.
 void Replay::settle() {
     for (bool quiet = false; !quiet;) {
-        const AgentStandIn::Counters seen = awaitQuestions();
+        const PolicyAgent::Counters seen = awaitQuestions();
         if (seen.pushes > pushesTaken_ || seen.deferred) {
             pushesTaken_ = seen.pushes;
             if (!daemon_.waitForSettings(pushesTaken_, settleMilliseconds)) ++totals_.unsettled;
@@ -205,18 +205,18 @@ void Replay::settle() {
         quiet = agent_.counters().answers == seen.answers;
     }
     noteQuestions();
-    for (AgentStandIn::SlowAnswer& answer : agent_.takeSlow()) {
+    for (PolicyAgent::SlowAnswer& answer : agent_.takeSlow()) {
         const std::int64_t due = now_ + std::int64_t{answer.milliseconds} * 1000;
         events_.push({due, ++eventOrder_, nullptr, std::move(answer)});
     }
 }
 
 // Waits until every question that can be with the agent has come there, or a push has gone out.
-AgentStandIn::Counters Replay::awaitQuestions() {
-    AgentStandIn::Counters seen;
+PolicyAgent::Counters Replay::awaitQuestions() {
+    PolicyAgent::Counters seen;
     long inside = 0; // questions that wait for one of the daemon's threads
     const bool arrived = agent_.waitUntil(
-        [&](const AgentStandIn::Counters& counters) {
+        [&](const PolicyAgent::Counters& counters) {
             seen = counters;
             if (counters.pushes > pushesTaken_) return true;
             inside = std::max(0L, queries_ - counters.answers - FilterQuery::queryThreads);

@@ -5,10 +5,10 @@
 // result. The agent has had its chance to answer before the time moves on, so that a replay gives the same
 // results at any speed.
 
-#include "lab/AgentStandIn.h"
-#include "lab/DaemonProcess.h"
+#include "lab/DaemonRun.h"
 #include "lab/ExtensionStandIn.h"
 #include "lab/JsonReport.h"
+#include "lab/PolicyAgent.h"
 #include "lab/TableReport.h"
 
 #include <map>
@@ -20,7 +20,7 @@ namespace lab {
 // Over stand-ins and a daemon that run already.
 class Replay {
 public:
-    Replay(ExtensionStandIn& extension, AgentStandIn& agent, DaemonProcess& daemon, PlayedClock& clock,
+    Replay(ExtensionStandIn& extension, PolicyAgent& agent, DaemonRun& daemon, PlayedClock& clock,
            JsonReport& json, TableReport& table, std::FILE* asked);
 
     // Plays one capture to its end, the last held packet included. Once the daemon has gone, the packets that
@@ -37,7 +37,7 @@ private:
         std::int64_t time;
         long order;
         ConnectionPointer held;
-        AgentStandIn::SlowAnswer answer;
+        PolicyAgent::SlowAnswer answer;
         bool operator>(const Event& other) const {
             return time != other.time ? time > other.time : order > other.order;
         }
@@ -54,15 +54,15 @@ private:
     std::optional<sysctl_result> present(PlayedPacket& played);
     void hold(const ConnectionPointer& connection);
     void settle();
-    AgentStandIn::Counters awaitQuestions();
+    PolicyAgent::Counters awaitQuestions();
     void noteQuestions();
     void count(const std::optional<sysctl_result>& result);
     void reportIfOver(Connection& connection);
     void sweep(bool all);
 
     ExtensionStandIn& extension_;
-    AgentStandIn& agent_;
-    DaemonProcess& daemon_;
+    PolicyAgent& agent_;
+    DaemonRun& daemon_;
     PlayedClock& clock_;
     JsonReport& json_;
     TableReport& table_;

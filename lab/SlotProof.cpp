@@ -177,7 +177,7 @@ public:
             if (!answersReach(until)) break;
             passTime();
         }
-        const AgentStandIn::Counters counters = stage_.agent.counters();
+        const PolicyAgent::Counters counters = stage_.agent.counters();
         stage_.agent.takeQuestions();
         const long live = liveSlots();
         fmt::print(

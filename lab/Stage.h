@@ -2,11 +2,11 @@
 
 // The daemon with all that it stands on: a scratch root, the played clock, and the stand-ins at both its ends.
 
-#include "lab/AgentStandIn.h"
-#include "lab/DaemonProcess.h"
+#include "lab/DaemonRun.h"
 #include "lab/ExtensionStandIn.h"
 #include "lab/PlayedClock.h"
-#include "lab/ScratchRoot.h"
+#include "lab/PolicyAgent.h"
+#include "lab/RootFolder.h"
 
 #include <cstdint>
 #include <string>
@@ -14,7 +14,7 @@
 namespace lab {
 
 struct Stage {
-    // The root as for ScratchRoot; the time in microseconds since the epoch; the program as for DaemonProcess.
+    // The root as for RootFolder; the time in microseconds since the epoch; the program as for DaemonRun.
     // Throws InputError.
     Stage(const std::string& rootPath, Policy policy, std::int64_t time, const std::string& program = {});
 
@@ -23,11 +23,11 @@ struct Stage {
     bool raise(bool withAgent = true);
 
     // In the order of making: the daemon ends before the sockets close.
-    const ScratchRoot root;
+    const RootFolder root;
     PlayedClock clock;
     ExtensionStandIn extension;
-    AgentStandIn agent;
-    DaemonProcess daemon;
+    PolicyAgent agent;
+    DaemonRun daemon;
 };
 
 } // namespace lab

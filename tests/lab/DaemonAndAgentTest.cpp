@@ -13,7 +13,7 @@
 
 namespace {
 
-using lab::AgentStandIn;
+using lab::PolicyAgent;
 using labtest::get;
 using labtest::hold;
 using labtest::LabStage;
@@ -78,11 +78,11 @@ TEST(DaemonAndAgent, AnAgentThatClosesTheLinkInTheMiddleOfAFrameNeverStopsTheDae
     LabStage stage("allow *");
     std::atomic<int> cuts{0};
     stage.agent().setConduct(
-        [&](std::uint32_t sequence, const std::string&) -> std::optional<AgentStandIn::Conduct> {
+        [&](std::uint32_t sequence, const std::string&) -> std::optional<PolicyAgent::Conduct> {
             if (cuts == 2) return {};
             // The first time inside the body, the second time inside the header.
             const std::string whole = lab::agentFrame(1, sequence, "{\"redirect\":\"http://page/\"}");
-            return AgentStandIn::Conduct{whole.substr(0, cuts++ == 0 ? 20 : 7), true};
+            return PolicyAgent::Conduct{whole.substr(0, cuts++ == 0 ? 20 : 7), true};
         });
     stage.raise();
     for (int i = 0; i < 2; ++i) {
@@ -110,9 +110,9 @@ class NonsenseTest : public testing::TestWithParam<Nonsense> {};
 TEST_P(NonsenseTest, NeverStopsTheDaemonFromAnsweringPackets) {
     LabStage stage("allow *");
     std::atomic<bool> sane{false};
-    stage.agent().setConduct([&](std::uint32_t, const std::string&) -> std::optional<AgentStandIn::Conduct> {
+    stage.agent().setConduct([&](std::uint32_t, const std::string&) -> std::optional<PolicyAgent::Conduct> {
         if (sane) return {};
-        return AgentStandIn::Conduct{GetParam().bytes, true};
+        return PolicyAgent::Conduct{GetParam().bytes, true};
     });
     stage.raise();
     EXPECT_EQ(stage.present(request(45000, "nonsense.example")), hold);

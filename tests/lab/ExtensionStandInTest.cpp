@@ -2,7 +2,7 @@
 
 #include "lab/LabCaptures.h"
 #include "lab/LabStage.h"
-#include "lab/ScratchRoot.h"
+#include "lab/RootFolder.h"
 #include "platform/HostPaths.h"
 #include "platform/KernelControl.h"
 
@@ -60,7 +60,7 @@ protected:
         send(socket, &result, sizeof result, 0);
     }
 
-    lab::ScratchRoot root_{""};
+    lab::RootFolder root_{""};
     ExtensionStandIn extension_;
     platform::KernelControl& control_ = platform::kernelControlService.backend();
     int in_ = -1;
@@ -105,7 +105,7 @@ TEST_F(ExtensionStandInTest, AnyOtherOptionIsNotKnown) {
 }
 
 TEST(ExtensionStandIn, AnotherVersionCanBePlayed) {
-    const lab::ScratchRoot root("");
+    const lab::RootFolder root("");
     platform::HostPaths::setRoot(root.path().c_str());
     ExtensionStandIn extension(root.path(), 7);
     extension.listen();

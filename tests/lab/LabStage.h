@@ -32,9 +32,9 @@ public:
     // result after five real seconds.
     int presentUntilDecided(const std::string& packet);
 
-    lab::AgentStandIn& agent() { return stage_.agent; }
+    lab::PolicyAgent& agent() { return stage_.agent; }
     lab::ExtensionStandIn& extension() { return stage_.extension; }
-    lab::DaemonProcess& daemon() { return stage_.daemon; }
+    lab::DaemonRun& daemon() { return stage_.daemon; }
 
     // Blocks until so many questions, or logons, have come; the test fails after five seconds.
     void awaitQuestions(long count);

@@ -4,7 +4,7 @@
 #include "lab/OfflineNames.h"
 #include "lab/PlayedClock.h"
 #include "lab/Policy.h"
-#include "lab/ScratchRoot.h"
+#include "lab/RootFolder.h"
 
 #include "support/ForkedChild.h"
 #include "support/TemporaryFolder.h"
@@ -28,7 +28,7 @@ namespace fs = std::filesystem;
 
 using lab::InputError;
 using lab::PlayedClock;
-using lab::ScratchRoot;
+using lab::RootFolder;
 
 TEST(PlayedClock, StandsAtTheTimeThatIsPlayed) {
     PlayedClock clock;
@@ -94,10 +94,10 @@ TEST(EmptyConsole, NobodySitsAtIt) {
     EXPECT_NE(lab::emptyConsole().create("watch", [](const void*, const void*, void*) {}), nullptr);
 }
 
-TEST(ScratchRoot, ATemporaryOneGoesWithItsObject) {
+TEST(RootFolder, ATemporaryOneGoesWithItsObject) {
     std::string path;
     {
-        const ScratchRoot root("");
+        const RootFolder root("");
         path = root.path();
         root.configure(false, 64);
         EXPECT_TRUE(fs::is_directory(path + "/var/run/fernhill"));
@@ -106,26 +106,26 @@ TEST(ScratchRoot, ATemporaryOneGoesWithItsObject) {
     EXPECT_FALSE(fs::exists(path));
 }
 
-TEST(ScratchRoot, AGivenOneIsMadeAndKept) {
+TEST(RootFolder, AGivenOneIsMadeAndKept) {
     const testsupport::TemporaryFolder folder;
-    { const ScratchRoot root(folder.file("a/b")); }
+    { const RootFolder root(folder.file("a/b")); }
     EXPECT_TRUE(fs::is_directory(folder.file("a/b/Library/Logs")));
 }
 
-TEST(ScratchRoot, HoldsASilentKextload) {
-    const ScratchRoot root("");
+TEST(RootFolder, HoldsASilentKextload) {
+    const RootFolder root("");
     EXPECT_EQ(std::system((root.programs() + "/kextload | grep -q .").c_str()), 1 << 8);
     EXPECT_EQ(access((root.programs() + "/kextload").c_str(), X_OK), 0);
 }
 
-TEST(ScratchRoot, APathOf60BytesIsTheLongest) {
+TEST(RootFolder, APathOf60BytesIsTheLongest) {
     const testsupport::TemporaryFolder folder;
     ASSERT_LT(folder.path().size(), 50u);
     const std::string longest = folder.file(std::string(59 - folder.path().size(), 'r'));
-    { const ScratchRoot root(longest); }
+    { const RootFolder root(longest); }
     EXPECT_TRUE(fs::is_directory(longest));
     try {
-        const ScratchRoot root(longest + "r");
+        const RootFolder root(longest + "r");
         FAIL() << "no error";
     } catch (const InputError& error) {
         EXPECT_EQ(error.what(),
@@ -134,25 +134,25 @@ TEST(ScratchRoot, APathOf60BytesIsTheLongest) {
     EXPECT_FALSE(fs::exists(longest + "r"));
 }
 
-TEST(ScratchRoot, ATemporaryFolderThatIsTooLongLeavesNothingBehind) {
+TEST(RootFolder, ATemporaryFolderThatIsTooLongLeavesNothingBehind) {
     const testsupport::TemporaryFolder folder;
     const std::string place = folder.file(std::string(50, 't'));
     fs::create_directories(place);
     setenv("TMPDIR", place.c_str(), 1);
-    EXPECT_THROW(ScratchRoot(""), InputError);
+    EXPECT_THROW(RootFolder(""), InputError);
     EXPECT_TRUE(fs::is_empty(place));
     setenv("TMPDIR", folder.file("none").c_str(), 1);
-    EXPECT_THROW(ScratchRoot(""), InputError);
+    EXPECT_THROW(RootFolder(""), InputError);
 }
 
-TEST(ScratchRoot, APlaceWhereNoFolderCanBeIsAnError) {
+TEST(RootFolder, APlaceWhereNoFolderCanBeIsAnError) {
     const testsupport::TemporaryFolder folder;
     testsupport::writeAll(folder.file("file"), "");
-    EXPECT_THROW(ScratchRoot(folder.file("file/root")), InputError);
+    EXPECT_THROW(RootFolder(folder.file("file/root")), InputError);
 }
 
-TEST(ScratchRoot, TheOutputsTailIsItsLast2000Bytes) {
-    const ScratchRoot root("");
+TEST(RootFolder, TheOutputsTailIsItsLast2000Bytes) {
+    const RootFolder root("");
     EXPECT_EQ(root.outputTail(), "");
     testsupport::writeAll(root.output(), std::string(3000, 'a') + "end");
     EXPECT_EQ(root.outputTail(), std::string(1997, 'a') + "end");

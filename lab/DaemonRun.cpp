@@ -1,4 +1,4 @@
-#include "lab/DaemonProcess.h"
+#include "lab/DaemonRun.h"
 
 #include "app/Switches.h"
 #include "lab/EmptyConsole.h"
@@ -38,12 +38,12 @@ bool isLogLine(const std::string& line, const char* beginning) {
 
 } // namespace
 
-DaemonProcess::DaemonProcess(const ScratchRoot& root, PlayedClock& clock, std::string program)
+DaemonRun::DaemonRun(const RootFolder& root, PlayedClock& clock, std::string program)
     : root_(root), clock_(clock), program_(std::move(program)) {}
 
-DaemonProcess::~DaemonProcess() { stop(); }
+DaemonRun::~DaemonRun() { stop(); }
 
-void DaemonProcess::start(const std::vector<int>& foreign) {
+void DaemonRun::start(const std::vector<int>& foreign) {
     int output[2];
     if (pipe2(output, O_CLOEXEC) != 0) throw std::runtime_error("no pipe for the daemon's output");
     std::fflush(nullptr);
@@ -57,10 +57,10 @@ void DaemonProcess::start(const std::vector<int>& foreign) {
         runChild(output[1], foreign);
     }
     close(output[1]);
-    reader_ = std::thread(&DaemonProcess::readOutput, this, output[0]);
+    reader_ = std::thread(&DaemonRun::readOutput, this, output[0]);
 }
 
-void DaemonProcess::runChild(int output, const std::vector<int>& foreign) {
+void DaemonRun::runChild(int output, const std::vector<int>& foreign) {
     for (int descriptor : foreign)
         close(descriptor);
     dup2(output, STDOUT_FILENO);
@@ -86,7 +86,7 @@ void DaemonProcess::runChild(int output, const std::vector<int>& foreign) {
     std::exit(ostlerMain(2, arguments));
 }
 
-void DaemonProcess::stop() {
+void DaemonRun::stop() {
     if (running()) kill(pid_, SIGTERM);
     const auto limit = std::chrono::steady_clock::now() + std::chrono::milliseconds(stopMilliseconds);
     while (running() && std::chrono::steady_clock::now() < limit)
@@ -100,40 +100,40 @@ void DaemonProcess::stop() {
     if (reader_.joinable()) reader_.join();
 }
 
-bool DaemonProcess::running() {
+bool DaemonRun::running() {
     int status = 0;
     if (pid_ > 0 && waitpid(pid_, &status, WNOHANG) == pid_) noteEnding(status);
     return pid_ > 0;
 }
 
 // The process id belongs to nobody, or to somebody else, from now on.
-void DaemonProcess::noteEnding(int status) {
+void DaemonRun::noteEnding(int status) {
     pid_ = -1;
     ending_ = WIFSIGNALED(status) ? "signal " + std::to_string(WTERMSIG(status))
                                   : "status " + std::to_string(WEXITSTATUS(status));
 }
 
-long DaemonProcess::resolved() {
+long DaemonRun::resolved() {
     std::lock_guard<std::mutex> lock(mutex_);
     return resolved_;
 }
 
-bool DaemonProcess::waitForResolved(long count, int milliseconds) {
+bool DaemonRun::waitForResolved(long count, int milliseconds) {
     return waitFor(resolved_, count, milliseconds);
 }
 
-bool DaemonProcess::waitForSettings(long count, int milliseconds) {
+bool DaemonRun::waitForSettings(long count, int milliseconds) {
     return waitFor(settings_, count, milliseconds);
 }
 
-bool DaemonProcess::waitFor(const long& number, long count, int milliseconds) {
+bool DaemonRun::waitFor(const long& number, long count, int milliseconds) {
     std::unique_lock<std::mutex> lock(mutex_);
     changed_.wait_for(lock, std::chrono::milliseconds(milliseconds),
                       [&] { return number >= count || silent_; });
     return number >= count;
 }
 
-void DaemonProcess::readOutput(int output) {
+void DaemonRun::readOutput(int output) {
     std::ofstream file(root_.output(), std::ios::binary);
     std::size_t written = 0;
     std::string pending;
@@ -156,7 +156,7 @@ void DaemonProcess::readOutput(int output) {
     if (written > largestOutput) file << "\n(the daemon wrote " << written << " bytes in all)\n";
 }
 
-void DaemonProcess::takeLine(const std::string& line) {
+void DaemonRun::takeLine(const std::string& line) {
     const bool resolved = isLogLine(line, "Hijack-resolve:");
     const bool settings = isLogLine(line, "OstComm loadConfigResponseThread valueBypassStr is now ");
     if (!resolved && !settings) return;

@@ -1,4 +1,4 @@
-#include "lab/AgentStandIn.h"
+#include "lab/PolicyAgent.h"
 
 #include <fmt/format.h>
 
@@ -50,19 +50,19 @@ std::string urlOf(const std::string& body) {
 
 } // namespace
 
-AgentStandIn::AgentStandIn(Policy policy, bool ownTime) : policy_(std::move(policy)), ownTime_(ownTime) {}
+PolicyAgent::PolicyAgent(Policy policy, bool ownTime) : policy_(std::move(policy)), ownTime_(ownTime) {}
 
-AgentStandIn::~AgentStandIn() { stop(); }
+PolicyAgent::~PolicyAgent() { stop(); }
 
-void AgentStandIn::listen() {
+void PolicyAgent::listen() {
     linkListener_ = listenOn(linkPort);
     pageListener_ = listenOn(pagePort);
     wakeUp_ = eventfd(0, EFD_CLOEXEC);
 }
 
-void AgentStandIn::start() { thread_ = std::thread(&AgentStandIn::serve, this); }
+void PolicyAgent::start() { thread_ = std::thread(&PolicyAgent::serve, this); }
 
-void AgentStandIn::stop() {
+void PolicyAgent::stop() {
     if (thread_.joinable()) {
         const std::uint64_t one = 1;
         if (write(wakeUp_, &one, sizeof one) == sizeof one) thread_.join();
@@ -75,26 +75,26 @@ void AgentStandIn::stop() {
     }
 }
 
-std::vector<int> AgentStandIn::descriptors() const { return {linkListener_, pageListener_, wakeUp_}; }
+std::vector<int> PolicyAgent::descriptors() const { return {linkListener_, pageListener_, wakeUp_}; }
 
-AgentStandIn::Counters AgentStandIn::counters() {
+PolicyAgent::Counters PolicyAgent::counters() {
     std::lock_guard<std::mutex> lock(mutex_);
     return counters_;
 }
 
-std::vector<Question> AgentStandIn::takeQuestions() {
+std::vector<Question> PolicyAgent::takeQuestions() {
     std::lock_guard<std::mutex> lock(mutex_);
     return std::exchange(questions_, {});
 }
 
-std::vector<AgentStandIn::SlowAnswer> AgentStandIn::takeSlow() {
+std::vector<PolicyAgent::SlowAnswer> PolicyAgent::takeSlow() {
     std::lock_guard<std::mutex> lock(mutex_);
     std::vector<SlowAnswer> taken(slow_.begin(), slow_.end());
     slow_.clear();
     return taken;
 }
 
-void AgentStandIn::sendSlow(const SlowAnswer& answer) {
+void PolicyAgent::sendSlow(const SlowAnswer& answer) {
     std::lock_guard<std::mutex> lock(mutex_);
     if (link_ < 0 || answer.link != links_) return;
     sendFrame(policyFrame, answer.sequence, "{}");
@@ -102,7 +102,7 @@ void AgentStandIn::sendSlow(const SlowAnswer& answer) {
     changed_.notify_all();
 }
 
-void AgentStandIn::answerDeferred() {
+void PolicyAgent::answerDeferred() {
     std::lock_guard<std::mutex> lock(mutex_);
     deferring_ = false;
     counters_.deferred = 0;
@@ -113,7 +113,7 @@ void AgentStandIn::answerDeferred() {
     changed_.notify_all();
 }
 
-void AgentStandIn::serve() {
+void PolicyAgent::serve() {
     for (;;) {
         int link;
         {
@@ -132,7 +132,7 @@ void AgentStandIn::serve() {
     }
 }
 
-void AgentStandIn::acceptLink() {
+void PolicyAgent::acceptLink() {
     const int accepted = accept4(linkListener_, nullptr, nullptr, SOCK_CLOEXEC);
     if (accepted < 0) return;
     // Small answers leave at once, though the one before is not acknowledged yet.
@@ -145,7 +145,7 @@ void AgentStandIn::acceptLink() {
     received_.clear();
 }
 
-void AgentStandIn::readLink(int link) {
+void PolicyAgent::readLink(int link) {
     char buffer[65536];
     const ssize_t count = recv(link, buffer, sizeof buffer, 0);
     // The daemon's next question waits for this acknowledgement when no answer carries it.
@@ -167,7 +167,7 @@ void AgentStandIn::readLink(int link) {
     }
 }
 
-void AgentStandIn::handleFrame(const AgentFrame& frame) {
+void PolicyAgent::handleFrame(const AgentFrame& frame) {
     if (frame.type == logonFrame) {
         ++counters_.logons;
         counters_.linked = true;
@@ -186,7 +186,7 @@ void AgentStandIn::handleFrame(const AgentFrame& frame) {
     changed_.notify_all();
 }
 
-bool AgentStandIn::answeredByConduct(std::uint32_t sequence, const std::string& url) {
+bool PolicyAgent::answeredByConduct(std::uint32_t sequence, const std::string& url) {
     const auto conduct = conduct_ ? conduct_(sequence, url) : std::nullopt;
     if (!conduct) return false;
     ++counters_.questions;
@@ -195,7 +195,7 @@ bool AgentStandIn::answeredByConduct(std::uint32_t sequence, const std::string& 
     return true;
 }
 
-void AgentStandIn::answer(std::uint32_t sequence, const std::string& url) {
+void PolicyAgent::answer(std::uint32_t sequence, const std::string& url) {
     if (answeredByConduct(sequence, url)) return;
     const auto due = repeatsDue_.find(url);
     const bool repeated = due != repeatsDue_.end();
@@ -240,16 +240,16 @@ void AgentStandIn::answer(std::uint32_t sequence, const std::string& url) {
     }
 }
 
-void AgentStandIn::sendFrame(std::uint32_t type, std::uint32_t sequence, const std::string& body) {
+void PolicyAgent::sendFrame(std::uint32_t type, std::uint32_t sequence, const std::string& body) {
     sendBytes(agentFrame(type, sequence, body));
 }
 
-void AgentStandIn::sendBytes(const std::string& bytes) {
+void PolicyAgent::sendBytes(const std::string& bytes) {
     if (link_ < 0) return;
     if (send(link_, bytes.data(), bytes.size(), MSG_NOSIGNAL) < 0) closeLink();
 }
 
-void AgentStandIn::sendDueSlow() {
+void PolicyAgent::sendDueSlow() {
     std::lock_guard<std::mutex> lock(mutex_);
     const std::int64_t now = realMilliseconds();
     const auto due = std::stable_partition(timedSlow_.begin(), timedSlow_.end(),
@@ -262,7 +262,7 @@ void AgentStandIn::sendDueSlow() {
     timedSlow_.erase(timedSlow_.begin(), due);
 }
 
-void AgentStandIn::closeLink() {
+void PolicyAgent::closeLink() {
     // The serving thread may be waiting at it, or just reading from it.
     if (link_ >= 0) {
         shutdown(link_, SHUT_RDWR);
@@ -275,12 +275,12 @@ void AgentStandIn::closeLink() {
     timedSlow_.clear();
 }
 
-void AgentStandIn::closeRetired() {
+void PolicyAgent::closeRetired() {
     for (int link : std::exchange(retired_, {}))
         close(link);
 }
 
-void AgentStandIn::servePage() {
+void PolicyAgent::servePage() {
     const int client = accept4(pageListener_, nullptr, nullptr, SOCK_CLOEXEC);
     if (client < 0) return;
     char request[4096];

@@ -6,15 +6,15 @@
 
 namespace lab {
 
-class ScratchRoot {
+class RootFolder {
 public:
     // Makes the folder at `path`, which is kept, or, for an empty path, a temporary one that goes with the
     // object. Throws InputError.
-    explicit ScratchRoot(const std::string& path);
-    ~ScratchRoot();
+    explicit RootFolder(const std::string& path);
+    ~RootFolder();
 
-    ScratchRoot(const ScratchRoot&) = delete;
-    ScratchRoot& operator=(const ScratchRoot&) = delete;
+    RootFolder(const RootFolder&) = delete;
+    RootFolder& operator=(const RootFolder&) = delete;
 
     const std::string& path() const { return path_; }
 

@@ -4,7 +4,7 @@
 // its output read line by line.
 
 #include "lab/PlayedClock.h"
-#include "lab/ScratchRoot.h"
+#include "lab/RootFolder.h"
 
 #include <condition_variable>
 #include <cstdio>
@@ -16,14 +16,14 @@
 
 namespace lab {
 
-class DaemonProcess {
+class DaemonRun {
 public:
     // `program` is the Mach-O to run under machost; empty for this build's own program.
-    DaemonProcess(const ScratchRoot& root, PlayedClock& clock, std::string program = {});
-    ~DaemonProcess();
+    DaemonRun(const RootFolder& root, PlayedClock& clock, std::string program = {});
+    ~DaemonRun();
 
-    DaemonProcess(const DaemonProcess&) = delete;
-    DaemonProcess& operator=(const DaemonProcess&) = delete;
+    DaemonRun(const DaemonRun&) = delete;
+    DaemonRun& operator=(const DaemonRun&) = delete;
 
     // Forks; the child closes `foreign` and runs the daemon with its log echoed. To be called before any
     // thread is started.
@@ -55,7 +55,7 @@ private:
     bool waitFor(const long& number, long count, int milliseconds);
     void noteEnding(int status);
 
-    const ScratchRoot& root_;
+    const RootFolder& root_;
     PlayedClock& clock_;
     const std::string program_;
     pid_t pid_ = -1;

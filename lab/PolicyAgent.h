@@ -30,18 +30,18 @@ struct Question {
     bool repeated = false; // asked again after a host-lookup error
 };
 
-class AgentStandIn {
+class PolicyAgent {
 public:
     static constexpr int linkPort = OstComm::agentPort;
     static constexpr int pagePort = 6543;
 
     // With `ownTime` questions are answered at once and a slow answer leaves after real time. Otherwise a slow
     // answer leaves by sendSlow, and the questions behind a push wait for answerDeferred.
-    AgentStandIn(Policy policy, bool ownTime);
-    ~AgentStandIn();
+    PolicyAgent(Policy policy, bool ownTime);
+    ~PolicyAgent();
 
-    AgentStandIn(const AgentStandIn&) = delete;
-    AgentStandIn& operator=(const AgentStandIn&) = delete;
+    PolicyAgent(const PolicyAgent&) = delete;
+    PolicyAgent& operator=(const PolicyAgent&) = delete;
 
     // What a test sends in place of the policy's answer: any bytes, and whether the link is closed behind them.
     struct Conduct {

@@ -1,4 +1,4 @@
-#include "lab/AgentStandIn.h"
+#include "lab/PolicyAgent.h"
 
 #include "platform/ByteOrder.h"
 #include "support/FixedPorts.h"
@@ -18,8 +18,8 @@
 
 namespace {
 
-using lab::AgentStandIn;
 using lab::Policy;
+using lab::PolicyAgent;
 
 constexpr int patience = 5000;
 
@@ -89,39 +89,39 @@ private:
     std::string received_;
 };
 
-class AgentStandInTest : public testing::Test {
+class PolicyAgentTest : public testing::Test {
 protected:
     // Starts an agent with this policy and a client on its link.
     void start(const std::string& policy, bool ownTime = false) {
         testsupport::claimFixedPorts();
-        agent_ = std::make_unique<AgentStandIn>(Policy::parse(policy, "policy"), ownTime);
+        agent_ = std::make_unique<PolicyAgent>(Policy::parse(policy, "policy"), ownTime);
         agent_->listen();
         agent_->start();
-        client_ = std::make_unique<Client>(AgentStandIn::linkPort);
+        client_ = std::make_unique<Client>(PolicyAgent::linkPort);
     }
 
     bool awaitQuestions(long count) {
         return agent_->waitUntil([&](const auto& counters) { return counters.questions >= count; }, patience);
     }
 
-    std::unique_ptr<AgentStandIn> agent_;
+    std::unique_ptr<PolicyAgent> agent_;
     std::unique_ptr<Client> client_;
 };
 
-TEST_F(AgentStandInTest, AnAllowedUrlIsAnsweredWithEmptyBracesUnderItsNumber) {
+TEST_F(PolicyAgentTest, AnAllowedUrlIsAnsweredWithEmptyBracesUnderItsNumber) {
     start("allow *");
     client_->ask(7, "http://a/");
     EXPECT_EQ(client_->frame(), "1 7 {}");
     EXPECT_EQ(agent_->counters().answers, 1);
 }
 
-TEST_F(AgentStandInTest, ABlockedUrlsRedirectHasNoBlankBehindTheColon) {
+TEST_F(PolicyAgentTest, ABlockedUrlsRedirectHasNoBlankBehindTheColon) {
     start("block * http://localhost:6543/b");
     client_->ask(8, "http://a/");
     EXPECT_EQ(client_->frame(), "1 8 {\"redirect\":\"http://localhost:6543/b\"}");
 }
 
-TEST_F(AgentStandInTest, TheUrlIsTakenByItsPositionWhateverItHolds) {
+TEST_F(PolicyAgentTest, TheUrlIsTakenByItsPositionWhateverItHolds) {
     start("silent *");
     client_->ask(1, "http://a/\"}\\{\"url\":\"");
     ASSERT_TRUE(awaitQuestions(1));
@@ -129,14 +129,14 @@ TEST_F(AgentStandInTest, TheUrlIsTakenByItsPositionWhateverItHolds) {
     EXPECT_TRUE(agent_->takeQuestions().empty());
 }
 
-TEST_F(AgentStandInTest, ABodyTooShortForAUrlIsAQuestionAboutNothing) {
+TEST_F(PolicyAgentTest, ABodyTooShortForAUrlIsAQuestionAboutNothing) {
     start("allow *");
     client_->send(lab::agentFrame(1, 3, "{}"));
     EXPECT_EQ(client_->frame(), "1 3 {}");
     EXPECT_EQ(agent_->takeQuestions().at(0).url, "");
 }
 
-TEST_F(AgentStandInTest, ASilentAgentNeverAnswersAndGoesOn) {
+TEST_F(PolicyAgentTest, ASilentAgentNeverAnswersAndGoesOn) {
     start("silent http://a/\n");
     client_->ask(1, "http://a/");
     client_->ask(2, "http://b/");
@@ -145,14 +145,14 @@ TEST_F(AgentStandInTest, ASilentAgentNeverAnswersAndGoesOn) {
     EXPECT_EQ(agent_->counters().answers, 1);
 }
 
-TEST_F(AgentStandInTest, GarbleAnswersWithNonsense) {
+TEST_F(PolicyAgentTest, GarbleAnswersWithNonsense) {
     start("garble *");
     client_->ask(1, "http://a/");
     EXPECT_EQ(client_->frame(), "1 1 <<<this is no answer>>>");
     EXPECT_EQ(agent_->counters().answers, 1);
 }
 
-TEST_F(AgentStandInTest, RetryAsksToBeAskedAgainThatOftenThenTheNextRuleAnswers) {
+TEST_F(PolicyAgentTest, RetryAsksToBeAskedAgainThatOftenThenTheNextRuleAnswers) {
     start("retry 2 *\nblock * http://page/");
     for (std::uint32_t number : {1u, 2u}) {
         client_->ask(number, "http://a/");
@@ -170,17 +170,17 @@ TEST_F(AgentStandInTest, RetryAsksToBeAskedAgainThatOftenThenTheNextRuleAnswers)
     EXPECT_TRUE(questions.at(1).repeated && questions.at(2).repeated);
 }
 
-TEST_F(AgentStandInTest, DropClosesTheLinkInsteadOfAnsweringAndTakesTheNextLink) {
+TEST_F(PolicyAgentTest, DropClosesTheLinkInsteadOfAnsweringAndTakesTheNextLink) {
     start("drop http://a/");
     client_->ask(1, "http://a/");
     EXPECT_EQ(client_->frame(), "closed");
     EXPECT_EQ(agent_->counters().drops, 1);
-    client_ = std::make_unique<Client>(AgentStandIn::linkPort);
+    client_ = std::make_unique<Client>(PolicyAgent::linkPort);
     client_->ask(2, "http://b/");
     EXPECT_EQ(client_->frame(), "1 2 {}");
 }
 
-TEST_F(AgentStandInTest, ASlowAnswerWaitsUntilItsTimeHasBeenPlayed) {
+TEST_F(PolicyAgentTest, ASlowAnswerWaitsUntilItsTimeHasBeenPlayed) {
     start("slow 700 http://a/");
     client_->ask(1, "http://a/");
     client_->ask(2, "http://b/");
@@ -195,14 +195,14 @@ TEST_F(AgentStandInTest, ASlowAnswerWaitsUntilItsTimeHasBeenPlayed) {
     EXPECT_EQ(client_->frame(), "1 1 {}");
 }
 
-TEST_F(AgentStandInTest, InItsOwnTimeASlowAnswerLeavesByItself) {
+TEST_F(PolicyAgentTest, InItsOwnTimeASlowAnswerLeavesByItself) {
     start("slow 20 *", true);
     client_->ask(1, "http://a/");
     EXPECT_EQ(client_->frame(), "1 1 {}");
     EXPECT_TRUE(agent_->takeSlow().empty());
 }
 
-TEST_F(AgentStandInTest, APushFollowsEachLogon) {
+TEST_F(PolicyAgentTest, APushFollowsEachLogon) {
     start("push {\"bypass_on_failure\":false}\npush {\"a\":1}");
     EXPECT_TRUE(client_->quiet());
     for (int i = 0; i < 2; ++i) {
@@ -216,7 +216,7 @@ TEST_F(AgentStandInTest, APushFollowsEachLogon) {
     EXPECT_EQ(agent_->counters().logons, 2);
 }
 
-TEST_F(AgentStandInTest, QuestionsBehindAPushWaitUntilItHasBeenTakenIn) {
+TEST_F(PolicyAgentTest, QuestionsBehindAPushWaitUntilItHasBeenTakenIn) {
     start("push {}\nblock http://a/ http://page/");
     client_->logOn();
     EXPECT_EQ(client_->frame().substr(0, 2), "5 ");
@@ -233,7 +233,7 @@ TEST_F(AgentStandInTest, QuestionsBehindAPushWaitUntilItHasBeenTakenIn) {
     EXPECT_EQ(client_->frame(), "1 3 {}");
 }
 
-TEST_F(AgentStandInTest, QuestionsThatWaitAreCounted) {
+TEST_F(PolicyAgentTest, QuestionsThatWaitAreCounted) {
     start("push {}");
     client_->logOn();
     EXPECT_EQ(client_->frame().substr(0, 2), "5 ");
@@ -247,7 +247,7 @@ TEST_F(AgentStandInTest, QuestionsThatWaitAreCounted) {
     EXPECT_EQ(agent_->counters().deferred, 0);
 }
 
-TEST_F(AgentStandInTest, InItsOwnTimeNoAnswerWaitsBehindAPush) {
+TEST_F(PolicyAgentTest, InItsOwnTimeNoAnswerWaitsBehindAPush) {
     start("push {}", true);
     client_->logOn();
     EXPECT_EQ(client_->frame().substr(0, 2), "5 ");
@@ -255,7 +255,7 @@ TEST_F(AgentStandInTest, InItsOwnTimeNoAnswerWaitsBehindAPush) {
     EXPECT_EQ(client_->frame(), "1 1 {}");
 }
 
-TEST_F(AgentStandInTest, FramesMayComeInPiecesAndSeveralAtOnce) {
+TEST_F(PolicyAgentTest, FramesMayComeInPiecesAndSeveralAtOnce) {
     start("allow *");
     const std::string both = lab::agentFrame(3, 1, "{}") + lab::agentFrame(1, 2, R"({"url":"http://a/"})");
     client_->send(both.substr(0, 5));
@@ -265,33 +265,33 @@ TEST_F(AgentStandInTest, FramesMayComeInPiecesAndSeveralAtOnce) {
     EXPECT_EQ(agent_->counters().logons, 1);
 }
 
-TEST_F(AgentStandInTest, FramesOfOtherTypesAreNotAnswered) {
+TEST_F(PolicyAgentTest, FramesOfOtherTypesAreNotAnswered) {
     start("allow *");
     client_->send(lab::agentFrame(4, 1, "{}") + lab::agentFrame(99, 2, ""));
     client_->ask(3, "http://a/");
     EXPECT_EQ(client_->frame(), "1 3 {}");
 }
 
-TEST_F(AgentStandInTest, ALengthThatCannotBeClosesTheLink) {
+TEST_F(PolicyAgentTest, ALengthThatCannotBeClosesTheLink) {
     start("allow *");
     client_->send(std::string("\0\0\0\x0b", 4) + std::string(8, '\0'));
     EXPECT_EQ(client_->frame(), "closed");
-    Client other(AgentStandIn::linkPort);
+    Client other(PolicyAgent::linkPort);
     other.send(std::string("\x7f\0\0\0", 4) + std::string(8, '\0'));
     EXPECT_EQ(other.frame(), "closed");
 }
 
-TEST_F(AgentStandInTest, ANewLinkReplacesTheOneBefore) {
+TEST_F(PolicyAgentTest, ANewLinkReplacesTheOneBefore) {
     start("allow *");
     client_->ask(1, "http://a/");
     EXPECT_EQ(client_->frame(), "1 1 {}");
-    Client second(AgentStandIn::linkPort);
+    Client second(PolicyAgent::linkPort);
     EXPECT_EQ(client_->frame(), "closed");
     second.ask(2, "http://a/");
     EXPECT_EQ(second.frame(), "1 2 {}");
 }
 
-TEST_F(AgentStandInTest, TheLinkCountsAsLinkedFromItsLogonToItsEnd) {
+TEST_F(PolicyAgentTest, TheLinkCountsAsLinkedFromItsLogonToItsEnd) {
     start("drop *");
     EXPECT_FALSE(agent_->counters().linked);
     client_->logOn();
@@ -301,18 +301,18 @@ TEST_F(AgentStandInTest, TheLinkCountsAsLinkedFromItsLogonToItsEnd) {
     EXPECT_FALSE(agent_->counters().linked);
 }
 
-TEST_F(AgentStandInTest, TheBlockPageIsServedOnItsPort) {
+TEST_F(PolicyAgentTest, TheBlockPageIsServedOnItsPort) {
     start("allow *");
-    Client browser(AgentStandIn::pagePort);
+    Client browser(PolicyAgent::pagePort);
     browser.send("GET /shop HTTP/1.1\r\nHost: localhost:6543\r\n\r\n");
     const std::string page = browser.rest();
     EXPECT_EQ(page.rfind("HTTP/1.1 200 OK\r\n", 0), 0u) << page;
     EXPECT_NE(page.find("This page is blocked"), std::string::npos);
 }
 
-TEST_F(AgentStandInTest, APortThatIsTakenIsAnErrorThatNamesIt) {
+TEST_F(PolicyAgentTest, APortThatIsTakenIsAnErrorThatNamesIt) {
     start("allow *");
-    AgentStandIn second(Policy::parse("", "policy"), false);
+    PolicyAgent second(Policy::parse("", "policy"), false);
     try {
         second.listen();
         FAIL() << "no error";

@@ -1,4 +1,4 @@
-#include "lab/ScratchRoot.h"
+#include "lab/RootFolder.h"
 
 #include "lab/Policy.h"
 
@@ -42,7 +42,7 @@ void writeWhole(const std::string& path, const std::string& text) {
 
 } // namespace
 
-ScratchRoot::ScratchRoot(const std::string& path) : kept_(!path.empty()) {
+RootFolder::RootFolder(const std::string& path) : kept_(!path.empty()) {
     std::error_code error;
     path_ = kept_ ? fs::absolute(path, error).lexically_normal().string() : makeTemporary();
     checkLength(path_);
@@ -58,19 +58,19 @@ ScratchRoot::ScratchRoot(const std::string& path) : kept_(!path.empty()) {
     if (error) throw InputError(fmt::format("{}: {}", kextload, error.message()));
 }
 
-ScratchRoot::~ScratchRoot() {
+RootFolder::~RootFolder() {
     std::error_code ignored;
     if (!kept_) fs::remove_all(path_, ignored);
 }
 
-std::string ScratchRoot::outputTail() const {
+std::string RootFolder::outputTail() const {
     constexpr std::size_t tail = 2000;
     std::ifstream file(output(), std::ios::binary);
     const std::string text((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
     return text.size() > tail ? text.substr(text.size() - tail) : text;
 }
 
-void ScratchRoot::configure(bool blockOnFailure, int logLevel) const {
+void RootFolder::configure(bool blockOnFailure, int logLevel) const {
     writeWhole(
         path_ + "/Library/twsys/fernhill.xml",
         fmt::format("<Fernhill>\n<BlockOnFailure>{}</BlockOnFailure>\n<LogLevel>{}</LogLevel>\n</Fernhill>\n",
