@@ -4,7 +4,7 @@
 #include "agent/OstComm.h"
 #include "agent/UpdatePrompts.h"
 #include "config/Configuration.h"
-#include "support/SettingsTest.h"
+#include "support/SettingsWorld.h"
 #include "support/StoredSettings.h"
 #include "support/TestChild.h"
 
@@ -15,7 +15,7 @@ namespace {
 using testsupport::changes;
 using testsupport::settingsIn;
 
-class PushedSettings : public testsupport::SettingsTest {
+class PushedSettings : public testsupport::SettingsWorld {
 protected:
     PushedSettings() { givenFile(testsupport::fullSettings); }
 

@@ -6,7 +6,7 @@
 #include "platform/HostPaths.h"
 #include "support/Await.h"
 #include "support/PlayedUrlSession.h"
-#include "support/SettingsTest.h"
+#include "support/SettingsWorld.h"
 
 #include <gtest/gtest.h>
 
@@ -21,7 +21,7 @@ namespace {
 
 using Lines = std::vector<std::string>;
 
-class UpdateDownloadTest : public testsupport::SettingsTest {
+class UpdateDownloadTest : public testsupport::SettingsWorld {
 protected:
     UpdateDownloadTest() { files.install(); }
 

@@ -11,7 +11,7 @@
 #include "support/ManualClock.h"
 #include "support/PlayedDialogs.h"
 #include "support/PlayedUrlSession.h"
-#include "support/SettingsTest.h"
+#include "support/SettingsWorld.h"
 #include "support/StoredSettings.h"
 
 #include <gtest/gtest.h>
@@ -34,7 +34,7 @@ using Lines = std::vector<std::string>;
 
 constexpr int hour = 3600;
 
-class UpdateThreadTest : public testsupport::SettingsTest {
+class UpdateThreadTest : public testsupport::SettingsWorld {
 protected:
     UpdateThreadTest() {
         setenv("TZ", "TEST-2", 1); // two hours ahead of universal time

@@ -8,7 +8,7 @@
 #include "platform/HostPaths.h"
 #include "support/AnswerServer.h"
 #include "support/Await.h"
-#include "support/HTTPRequestTest.h"
+#include "support/HTTPRequestWorld.h"
 #include "support/LoopbackPeer.h"
 #include "support/ScratchRoot.h"
 #include "support/StandInPrograms.h"
@@ -38,7 +38,7 @@ std::string answerWith(const std::string& body, const std::string& status = "200
 
 constexpr fs::perms onlyOwnerWrites = fs::perms(0755);
 
-class UpdaterPackageTest : public testsupport::HTTPRequestTest {
+class UpdaterPackageTest : public testsupport::HTTPRequestWorld {
 protected:
     UpdaterPackageTest() {
         testsupport::ManualClock::installed().letSleepsPass(true);

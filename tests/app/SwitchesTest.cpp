@@ -2,7 +2,7 @@
 
 #include "platform/HostPaths.h"
 #include "support/ProgramRun.h"
-#include "support/SettingsTest.h"
+#include "support/SettingsWorld.h"
 #include "support/StoredSettings.h"
 
 #include <filesystem>
@@ -34,7 +34,7 @@ std::string printedConfiguration(const std::string& changedFrom, const std::stri
 
 const std::string unchangedConfiguration = printedConfiguration("", "");
 
-class SwitchesTest : public testsupport::SettingsTest {
+class SwitchesTest : public testsupport::SettingsWorld {
 protected:
     SwitchesTest() {
         std::filesystem::create_directories(

@@ -3,7 +3,7 @@
 #include "config/CheckinReply.h"
 #include "config/Configuration.h"
 #include "platform/NameLookup.h"
-#include "support/SettingsTest.h"
+#include "support/SettingsWorld.h"
 #include "support/StoredSettings.h"
 #include "support/TestChild.h"
 
@@ -30,7 +30,7 @@ public:
     }
 };
 
-class CheckinBadInput : public testsupport::SettingsTest {
+class CheckinBadInput : public testsupport::SettingsWorld {
 protected:
     CheckinBadInput() {
         platform::nameLookupService.install(*new EveryName);

@@ -1,6 +1,5 @@
 // Check-ins over real HTTPS.
 
-#include "support/CheckinTest.h"
 #include "config/CheckinReply.h"
 #include "config/CheckinRequest.h"
 #include "config/Configuration.h"
@@ -10,6 +9,7 @@
 #include "gp/Owned.h"
 #include "platform/HostPaths.h"
 #include "support/Await.h"
+#include "support/CheckinWorld.h"
 
 #include <chrono>
 #include <filesystem>
@@ -20,7 +20,7 @@ namespace {
 using testsupport::comesTrue;
 using testsupport::EntryBuilder;
 
-class FilterCheckin : public testsupport::CheckinTest {
+class FilterCheckin : public testsupport::CheckinWorld {
 protected:
     // The check-in with the answer of the moment; the HTTPS probe behind it has ended too.
     bool checkInAndProbe() {

@@ -5,7 +5,7 @@
 #include "gp/GPString.h"
 #include "gp/Owned.h"
 #include "support/Await.h"
-#include "support/CheckinTest.h"
+#include "support/CheckinWorld.h"
 
 #include <cstdlib>
 #include <ctime>
@@ -17,7 +17,7 @@ using testsupport::ManualClock;
 
 constexpr int hour = 3600;
 
-class CheckinThread : public testsupport::CheckinTest {
+class CheckinThread : public testsupport::CheckinWorld {
 protected:
     CheckinThread() {
         setenv("TZ", "UTC", 1);

@@ -5,7 +5,7 @@
 #include "gp/GPString.h"
 #include "gp/Owned.h"
 #include "platform/HostPaths.h"
-#include "support/SettingsTest.h"
+#include "support/SettingsWorld.h"
 #include "support/StoredSettings.h"
 
 #include <filesystem>
@@ -16,7 +16,7 @@ using Names = std::vector<std::string>;
 
 namespace {
 
-class ConfigurationFile : public testsupport::SettingsTest {
+class ConfigurationFile : public testsupport::SettingsWorld {
 protected:
     void load(const std::string& content) const {
         givenFile(content);

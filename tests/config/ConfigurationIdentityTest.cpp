@@ -5,7 +5,7 @@
 #include "gp/GPString.h"
 #include "gp/Owned.h"
 #include "support/PlayedInterfaces.h"
-#include "support/SettingsTest.h"
+#include "support/SettingsWorld.h"
 
 #include <utility>
 
@@ -15,7 +15,7 @@ namespace {
 
 const char* const allZeros = "00000000-0000-0000-0000-000000000000";
 
-class MachineIdentity : public testsupport::SettingsTest {
+class MachineIdentity : public testsupport::SettingsWorld {
 protected:
     MachineIdentity() { interfaces_.install(); }
 

@@ -6,7 +6,7 @@
 #include "support/LoopbackPeer.h"
 #include "support/ManualClock.h"
 #include "support/PlayedNames.h"
-#include "support/SettingsTest.h"
+#include "support/SettingsWorld.h"
 
 #include <atomic>
 #include <filesystem>
@@ -58,7 +58,7 @@ const char* const iisAnswer = "HTTP/1.1 200 OK\r\nServer: Microsoft-IIS/10.0\r\n
 const char* const namelessAnswer = "HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n";
 const char* const missingAnswer = "HTTP/1.1 404 Not Found\r\nServer: nginx\r\n\r\n";
 
-class NetworkedSettings : public testsupport::SettingsTest {
+class NetworkedSettings : public testsupport::SettingsWorld {
 protected:
     NetworkedSettings() {
         names_.install();

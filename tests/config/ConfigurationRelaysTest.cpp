@@ -3,11 +3,11 @@
 
 #include "gp/GPString.h"
 #include "gp/Owned.h"
-#include "support/SettingsTest.h"
+#include "support/SettingsWorld.h"
 
 namespace {
 
-class ConfigurationRelays : public testsupport::SettingsTest {};
+class ConfigurationRelays : public testsupport::SettingsWorld {};
 
 TEST_F(ConfigurationRelays, AStoredRelayIsFoundWithItsTexts) {
     Configuration::setLastRelay("bob", "relay one", "format one");

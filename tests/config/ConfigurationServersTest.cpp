@@ -5,13 +5,13 @@
 #include "gp/GPTimer.h"
 #include "gp/Owned.h"
 #include "support/ManualClock.h"
-#include "support/SettingsTest.h"
+#include "support/SettingsWorld.h"
 
 using Names = std::vector<std::string>;
 
 namespace {
 
-class ConfigurationServers : public testsupport::SettingsTest {
+class ConfigurationServers : public testsupport::SettingsWorld {
 protected:
     static FilterServer* server(const char* name) { return Configuration::getFilterServer(name); }
 

@@ -8,7 +8,7 @@
 #include "support/ForkedChild.h"
 #include "support/LockCounter.h"
 #include "support/Sanitizers.h"
-#include "support/SettingsTest.h"
+#include "support/SettingsWorld.h"
 
 #include <filesystem>
 #include <sys/stat.h>
@@ -18,7 +18,7 @@ using testsupport::writeAll;
 
 namespace {
 
-class ConfigurationTest : public testsupport::SettingsTest {};
+class ConfigurationTest : public testsupport::SettingsWorld {};
 
 TEST_F(ConfigurationTest, EverythingStartsAsFalseZeroOrNull) {
     EXPECT_FALSE(Configuration::isBOFEnabled());

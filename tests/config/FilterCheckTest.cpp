@@ -5,14 +5,14 @@
 #include "filter/FilterQuery.h"
 #include "support/ManualClock.h"
 #include "support/PlayedNames.h"
-#include "support/SettingsTest.h"
+#include "support/SettingsWorld.h"
 
 #include <sys/socket.h>
 #include <thread>
 
 namespace {
 
-class FilterCheckTest : public testsupport::SettingsTest {
+class FilterCheckTest : public testsupport::SettingsWorld {
 protected:
     FilterCheckTest() {
         names_.install();

@@ -1,14 +1,14 @@
 #include "config/FilterIPAddresses.h"
 
 #include "config/Configuration.h"
-#include "support/AddressesTest.h"
+#include "support/AddressesWorld.h"
 
 #include <atomic>
 #include <thread>
 
 namespace {
 
-class FilterIPAddressesTest : public testsupport::AddressesTest {};
+class FilterIPAddressesTest : public testsupport::AddressesWorld {};
 
 TEST_F(FilterIPAddressesTest, ANewObjectHasNoEntriesAndCountsAsMissing) {
     auto fresh = Owned<FilterIPAddresses>::adopt(new FilterIPAddresses);

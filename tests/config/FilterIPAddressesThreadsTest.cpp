@@ -4,7 +4,7 @@
 
 #include "config/Configuration.h"
 #include "gp/GPMutex.h"
-#include "support/AddressesTest.h"
+#include "support/AddressesWorld.h"
 #include "support/ProgramSymbols.h"
 
 #include <atomic>
@@ -14,7 +14,7 @@ using testsupport::ManualClock;
 
 namespace {
 
-class FilterIPAddressesThreads : public testsupport::AddressesTest {};
+class FilterIPAddressesThreads : public testsupport::AddressesWorld {};
 
 TEST_F(FilterIPAddressesThreads, ThereIsNoSnapshotBeforeTheManagersFirstBuild) {
     gate.shut();

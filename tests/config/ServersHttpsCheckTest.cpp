@@ -3,7 +3,7 @@
 #include "config/CheckinReply.h"
 #include "config/Configuration.h"
 #include "platform/NameLookup.h"
-#include "support/CheckinTest.h"
+#include "support/CheckinWorld.h"
 
 #include <sys/socket.h>
 
@@ -11,7 +11,7 @@ namespace {
 
 using Lines = std::vector<std::string>;
 
-class ServersHttpsCheck : public testsupport::CheckinTest {
+class ServersHttpsCheck : public testsupport::CheckinWorld {
 protected:
     // One server answers for all names; "no.example" has nothing at the place that is asked for.
     ServersHttpsCheck() {

@@ -4,7 +4,7 @@
 #include "gp/GPHTTP.h"
 #include "gp/GPString.h"
 #include "support/AnswerServer.h"
-#include "support/HTTPRequestTest.h"
+#include "support/HTTPRequestWorld.h"
 
 #include <gtest/gtest.h>
 
@@ -19,7 +19,7 @@ using testsupport::headerOf;
 using testsupport::textOf;
 
 // A finished exchange whose answer the test chose.
-class GPHTTPAnswer : public testsupport::HTTPRequestTest {
+class GPHTTPAnswer : public testsupport::HTTPRequestWorld {
 protected:
     GPHTTP& answeredWith(const std::string& answer) {
         AnswerServer server({answer});

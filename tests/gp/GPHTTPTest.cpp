@@ -4,7 +4,7 @@
 #include "gp/GPMap.h"
 #include "gp/GPString.h"
 #include "support/AnswerServer.h"
-#include "support/HTTPRequestTest.h"
+#include "support/HTTPRequestWorld.h"
 #include "support/ManualClock.h"
 #include "support/NetworkNamespace.h"
 #include "support/TemporaryFolder.h"
@@ -26,7 +26,7 @@ using testsupport::ManualClock;
 using testsupport::NamespaceResult;
 using testsupport::textOf;
 
-class GPHTTPRequest : public testsupport::HTTPRequestTest {};
+class GPHTTPRequest : public testsupport::HTTPRequestWorld {};
 
 TEST_F(GPHTTPRequest, AGetIsWrittenFromItsTemplate) {
     AnswerServer server({"HTTP/1.1 200 OK\r\n\r\nbody"});

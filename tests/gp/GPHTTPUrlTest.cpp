@@ -3,7 +3,7 @@
 #include "gp/GPHTTP.h"
 #include "gp/GPString.h"
 #include "support/AnswerServer.h"
-#include "support/HTTPRequestTest.h"
+#include "support/HTTPRequestWorld.h"
 
 #include <gtest/gtest.h>
 
@@ -15,7 +15,7 @@ namespace {
 
 using testsupport::AnswerServer;
 
-class GPHTTPUrl : public testsupport::HTTPRequestTest {
+class GPHTTPUrl : public testsupport::HTTPRequestWorld {
 protected:
     // The host that a request for the URL looks up; nothing listens there.
     std::string hostOf(const char* url) {

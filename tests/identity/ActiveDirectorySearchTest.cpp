@@ -3,7 +3,7 @@
 #include "config/Configuration.h"
 #include "gp/GPString.h"
 #include "identity/DSQuery.h"
-#include "support/DirectoryTest.h"
+#include "support/DirectoryWorld.h"
 
 using namespace platform;
 
@@ -11,7 +11,7 @@ namespace {
 
 constexpr char corp[] = "/Active Directory/CORP/All Domains";
 
-class ActiveDirectorySearch : public testsupport::DirectoryTest {
+class ActiveDirectorySearch : public testsupport::DirectoryWorld {
 protected:
     // The stored relay name of alice, and its format, with a slash between; a slash alone without a relay.
     static std::string relay() {

@@ -3,7 +3,7 @@
 #include "config/Configuration.h"
 #include "gp/GPString.h"
 #include "gp/Owned.h"
-#include "support/DirectoryTest.h"
+#include "support/DirectoryWorld.h"
 #include "support/Objects.h"
 
 using namespace platform;
@@ -12,7 +12,7 @@ namespace {
 
 constexpr char node[] = "/LDAPv3/ldap.example.com";
 
-class BlockceptionTest : public testsupport::DirectoryTest {
+class BlockceptionTest : public testsupport::DirectoryWorld {
 protected:
     BlockceptionTest() { directory.addNode(node); }
 

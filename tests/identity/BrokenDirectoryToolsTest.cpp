@@ -3,7 +3,7 @@
 #include "identity/UserAuth.h"
 #include "platform/HostPaths.h"
 #include "support/ForkedChild.h"
-#include "support/IdentityTest.h"
+#include "support/IdentityWorld.h"
 
 using platform::HostPaths;
 
@@ -11,7 +11,7 @@ namespace {
 
 enum class Kind { activeDirectory, likewise, adinfo, ldap, ldapWithUser };
 
-class BrokenDirectoryTools : public testsupport::IdentityTest, public testing::WithParamInterface<Kind> {
+class BrokenDirectoryTools : public testsupport::IdentityWorld, public testing::WithParamInterface<Kind> {
 protected:
     // Makes the machine one of that kind, whose last tool prints `output`.
     void machineWhoseToolPrints(const std::string& output) {
@@ -96,7 +96,7 @@ TEST_P(BrokenDirectoryTools, ThatPrintBytesOfNoTextLeaveThePlainName) {
     expectThePlainName();
 }
 
-using EndlessDirectoryTool = testsupport::IdentityTest;
+using EndlessDirectoryTool = testsupport::IdentityWorld;
 
 TEST_F(EndlessDirectoryTool, AnOutputOfAMultipleOf4096BytesBlocksTheQuery) {
     tools.likewisePrints(std::string(8192, 'x'));

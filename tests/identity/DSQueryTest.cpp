@@ -4,7 +4,7 @@
 
 #include "config/Configuration.h"
 #include "gp/GPString.h"
-#include "support/DirectoryTest.h"
+#include "support/DirectoryWorld.h"
 #include "support/Objects.h"
 
 using namespace platform;
@@ -15,7 +15,7 @@ constexpr char local[] = "/Local/Default";
 constexpr char corp[] = "/Active Directory/CORP/All Domains";
 constexpr char ldap[] = "/LDAPv3/ldap.example.com";
 
-class DSQueryTest : public testsupport::DirectoryTest {
+class DSQueryTest : public testsupport::DirectoryWorld {
 protected:
     int select() {
         node = nullptr;

@@ -1,14 +1,14 @@
 #include "identity/DirectoryText.h"
 
-#include "support/DirectoryTest.h"
+#include "support/DirectoryWorld.h"
 
 namespace {
 
-using testsupport::DirectoryTest;
+using testsupport::DirectoryWorld;
 
 DirectoryText shortened(const char* name) { return withoutExtension(DirectoryText(name)); }
 
-class DirectoryLogTest : public DirectoryTest {};
+class DirectoryLogTest : public DirectoryWorld {};
 
 } // namespace
 

@@ -4,7 +4,7 @@
 #include "gp/GPThread.h"
 #include "gp/Owned.h"
 #include "identity/UserAuth.h"
-#include "support/IdentityTest.h"
+#include "support/IdentityWorld.h"
 
 #include <atomic>
 #include <mutex>
@@ -28,7 +28,7 @@ std::vector<std::string> reports() {
     return reported;
 }
 
-class LoginChangesTest : public testsupport::IdentityTest {
+class LoginChangesTest : public testsupport::IdentityWorld {
 protected:
     // Watches on a thread of its own and waits until the user who is there has been picked up.
     void startWatch() {

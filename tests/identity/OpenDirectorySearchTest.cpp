@@ -3,7 +3,7 @@
 #include "config/Configuration.h"
 #include "gp/GPString.h"
 #include "identity/DSQuery.h"
-#include "support/DirectoryTest.h"
+#include "support/DirectoryWorld.h"
 
 using namespace platform;
 
@@ -11,7 +11,7 @@ namespace {
 
 constexpr char ldap[] = "/LDAPv3/ldap.example.com";
 
-class OpenDirectorySearch : public testsupport::DirectoryTest {
+class OpenDirectorySearch : public testsupport::DirectoryWorld {
 protected:
     void givenGroup(const std::string& id, DirectoryDetails details) {
         details.insert({{"GroupMembership", {"alice"}}, {"PrimaryGroupID", {id}}});

@@ -6,7 +6,7 @@
 #include "identity/UserInfo.h"
 #include "platform/HardwareRegistry.h"
 #include "platform/HostPaths.h"
-#include "support/DirectoryTest.h"
+#include "support/DirectoryWorld.h"
 #include "support/SlapdServer.h"
 
 using namespace platform;
@@ -29,7 +29,7 @@ std::string everything() {
            computerEntry("mac02");
 }
 
-class OpenDirectoryServer : public testsupport::DirectoryTest {
+class OpenDirectoryServer : public testsupport::DirectoryWorld {
 protected:
     OpenDirectoryServer() {
         directoryService.install(directoryService.backend());

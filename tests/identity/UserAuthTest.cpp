@@ -7,7 +7,7 @@
 #include "gp/GPString.h"
 #include "gp/Owned.h"
 #include "platform/HostPaths.h"
-#include "support/IdentityTest.h"
+#include "support/IdentityWorld.h"
 #include "support/Objects.h"
 
 #include <filesystem>
@@ -21,7 +21,7 @@ constexpr const char* noNetLogon = "AuthenticationAuthority: ;ShadowHash;HASHLIS
 constexpr const char* likewiseStatus = "LSA Server Status:\n  [Domain: CORP]\n";
 constexpr const char* adinfoOutput = "Domain:\nNTLM NAME   = CORP\n";
 
-class UserAuthTest : public testsupport::IdentityTest {
+class UserAuthTest : public testsupport::IdentityWorld {
 protected:
     // The name that is known after asking for the user.
     static std::string queried(const char* user = "alice") {

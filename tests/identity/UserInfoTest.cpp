@@ -2,7 +2,7 @@
 
 #include "gp/GPString.h"
 #include "platform/HardwareRegistry.h"
-#include "support/DirectoryTest.h"
+#include "support/DirectoryWorld.h"
 #include "support/Objects.h"
 
 using namespace platform;
@@ -24,7 +24,7 @@ public:
     DirectoryText nameWhenAsked;
 };
 
-class UserInfoTest : public testsupport::DirectoryTest {
+class UserInfoTest : public testsupport::DirectoryWorld {
 protected:
     UserInfoTest() { hardwareRegistryService.install(registry); }
 

@@ -2,13 +2,13 @@
 
 #include "config/Configuration.h"
 #include "support/PlayedNames.h"
-#include "support/SettingsTest.h"
+#include "support/SettingsWorld.h"
 
 #include <sys/socket.h>
 
 namespace {
 
-class TCPPacketResolve : public testsupport::SettingsTest {
+class TCPPacketResolve : public testsupport::SettingsWorld {
 protected:
     TCPPacketResolve() { names.install(); }
 

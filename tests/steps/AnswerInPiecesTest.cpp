@@ -4,7 +4,7 @@
 #include "steps/StepCounter.h"
 #include "support/AllocationCounter.h"
 #include "support/AnswerServer.h"
-#include "support/HTTPRequestTest.h"
+#include "support/HTTPRequestWorld.h"
 
 #include <gtest/gtest.h>
 #include <sys/ioctl.h>
@@ -19,7 +19,7 @@ namespace {
 
 constexpr int pieceSize = 256;
 
-class AnswerInPieces : public testsupport::HTTPRequestTest {};
+class AnswerInPieces : public testsupport::HTTPRequestWorld {};
 
 } // namespace
 

@@ -5,7 +5,7 @@
 
 #include "platform/HostPaths.h"
 #include "support/ProgramRun.h"
-#include "support/SettingsTest.h"
+#include "support/SettingsWorld.h"
 #include "support/StandInPrograms.h"
 #include "support/StoredSettings.h"
 
@@ -15,7 +15,7 @@
 
 namespace testsupport {
 
-class AdministrativeRun : public SettingsTest {
+class AdministrativeRun : public SettingsWorld {
 protected:
     AdministrativeRun() {
         std::filesystem::create_directories(

@@ -3,14 +3,14 @@
 // Base of the tests around the DNS tables: settings, a name service and a hosts file of the test's own.
 
 #include "support/PlayedNames.h"
-#include "support/SettingsTest.h"
+#include "support/SettingsWorld.h"
 
 #include <string>
 #include <vector>
 
 namespace testsupport {
 
-class DnsWorld : public SettingsTest {
+class DnsWorld : public SettingsWorld {
 protected:
     // There is an empty hosts file.
     DnsWorld();

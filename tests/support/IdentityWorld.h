@@ -16,9 +16,9 @@
 
 namespace testsupport {
 
-class IdentityTest : public testing::Test {
+class IdentityWorld : public testing::Test {
 protected:
-    IdentityTest() {
+    IdentityWorld() {
         ManualClock::installed().letSleepsPass(true);
         console.install();
     }

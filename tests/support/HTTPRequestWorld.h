@@ -40,9 +40,9 @@ inline std::string headerOf(GPHTTP& request, const char* name) {
     return value ? value->cstr() : "(null)";
 }
 
-class HTTPRequestTest : public testing::Test {
+class HTTPRequestWorld : public testing::Test {
 protected:
-    HTTPRequestTest() {
+    HTTPRequestWorld() {
         signal(SIGPIPE, SIG_IGN);
         for (const char* host : {"127.0.0.1", "server.test", "server.test?q=1", "server.test:8080"})
             names_.answer(host, AF_INET, {"127.0.0.1"});

@@ -8,7 +8,7 @@
 #include "support/ManualClock.h"
 #include "support/Objects.h"
 #include "support/PlayedNames.h"
-#include "support/SettingsTest.h"
+#include "support/SettingsWorld.h"
 
 #include <chrono>
 #include <condition_variable>
@@ -61,9 +61,9 @@ private:
     int arrived_ = 0;
 };
 
-class AddressesTest : public SettingsTest {
+class AddressesWorld : public SettingsWorld {
 protected:
-    AddressesTest() { platform::nameLookupService.install(gate); }
+    AddressesWorld() { platform::nameLookupService.install(gate); }
 
     void resolves(const std::string& name, const std::string& address) {
         gate.played.answer(name, AF_INET, {address});

@@ -16,7 +16,7 @@ class GPArray;
 
 namespace testsupport {
 
-class SettingsTest : public testing::Test {
+class SettingsWorld : public testing::Test {
 protected:
     // The configuration file as it stands; empty while there is none.
     std::string file() const { return readAll(root.configurationFile()); }

@@ -8,16 +8,16 @@
 #include "support/ManualClock.h"
 #include "support/PlayedInterfaces.h"
 #include "support/PlayedNames.h"
-#include "support/SettingsTest.h"
+#include "support/SettingsWorld.h"
 
 #include <csignal>
 #include <string>
 
 namespace testsupport {
 
-class CheckinTest : public SettingsTest {
+class CheckinWorld : public SettingsWorld {
 protected:
-    CheckinTest() {
+    CheckinWorld() {
         signal(SIGPIPE, SIG_IGN);
         ManualClock::installed().setEventWait(5000000, false);
         names.install();

@@ -1,4 +1,4 @@
-#include "support/SettingsTest.h"
+#include "support/SettingsWorld.h"
 
 #include "config/Configuration.h"
 #include "gp/GPArray.h"
@@ -9,7 +9,7 @@
 
 namespace testsupport {
 
-std::string SettingsTest::inFile(const std::string& element) const {
+std::string SettingsWorld::inFile(const std::string& element) const {
     const std::string text = file();
     const std::string open = "<" + element + ">";
     const std::size_t start = text.find(open);
@@ -18,14 +18,14 @@ std::string SettingsTest::inFile(const std::string& element) const {
     return text.substr(start + open.size(), end - start - open.size());
 }
 
-void SettingsTest::makeFileUnwritable() const {
+void SettingsWorld::makeFileUnwritable() const {
     removeFile();
     std::filesystem::create_directories(root.configurationFile());
 }
 
-void SettingsTest::removeFile() const { std::filesystem::remove_all(root.configurationFile()); }
+void SettingsWorld::removeFile() const { std::filesystem::remove_all(root.configurationFile()); }
 
-std::vector<std::string> SettingsTest::listedServers() {
+std::vector<std::string> SettingsWorld::listedServers() {
     std::vector<std::string> names;
     auto servers = Owned<GPArray>::adopt(Configuration::serverNames());
     for (int i = 0; i < servers->count(); ++i)
@@ -33,7 +33,7 @@ std::vector<std::string> SettingsTest::listedServers() {
     return names;
 }
 
-void SettingsTest::givenServers(const std::vector<std::string>& names) {
+void SettingsWorld::givenServers(const std::vector<std::string>& names) {
     for (const std::string& name : names)
         Configuration::addServerName(name.c_str(), false);
 }

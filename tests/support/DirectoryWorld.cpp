@@ -1,4 +1,4 @@
-#include "support/DirectoryTest.h"
+#include "support/DirectoryWorld.h"
 
 #include "config/Configuration.h"
 #include "identity/DSQuery.h"
@@ -15,26 +15,26 @@ Service& forTheProcess() {
 
 } // namespace
 
-DirectoryTest::DirectoryTest()
+DirectoryWorld::DirectoryWorld()
     : directory(forTheProcess<PlayedDirectory>()), host(forTheProcess<PlayedHostName>()) {
     directory.install();
     host.install();
     Configuration::setCachedUserName("alice");
 }
 
-void DirectoryTest::logEverything() { Configuration::setLogLevel(1); }
+void DirectoryWorld::logEverything() { Configuration::setLogLevel(1); }
 
-void DirectoryTest::givenUser(const std::string& node, platform::DirectoryDetails details) {
+void DirectoryWorld::givenUser(const std::string& node, platform::DirectoryDetails details) {
     details.insert({{"RecordName", {"alice"}}, {"AppleMetaNodeLocation", {node}}});
     directory.add(node, platform::kODRecordTypeUsers, details);
 }
 
-void DirectoryTest::givenComputer(const std::string& node, platform::DirectoryDetails details) {
+void DirectoryWorld::givenComputer(const std::string& node, platform::DirectoryDetails details) {
     details.insert({{"RecordName", {"mac01"}}, {"AppleMetaNodeLocation", {node}}});
     directory.add(node, platform::kODRecordTypeComputers, details);
 }
 
-std::vector<std::string> DirectoryTest::search() {
+std::vector<std::string> DirectoryWorld::search() {
     std::vector<std::string> ends;
     DSQuery::sharedDSQuery()->search(
         [&](DSInfo* info) {

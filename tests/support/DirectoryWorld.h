@@ -6,16 +6,16 @@
 #include "identity/DSInfo.h"
 #include "support/PlayedDirectory.h"
 #include "support/PlayedHostName.h"
-#include "support/SettingsTest.h"
+#include "support/SettingsWorld.h"
 
 #include <string>
 #include <vector>
 
 namespace testsupport {
 
-class DirectoryTest : public SettingsTest {
+class DirectoryWorld : public SettingsWorld {
 protected:
-    DirectoryTest();
+    DirectoryWorld();
 
     // Sets log level 1.
     static void logEverything();
