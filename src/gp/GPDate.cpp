@@ -45,8 +45,8 @@ GPDate::GPDate(bool utc) : GPDate() {
         return;
     }
     const TimeZoneLock lock;
-    gmtime_r(&rawTime_, &view_);
-    timeValues_ = &view_;
+    gmtime_r(&rawTime_, &timeValues_);
+    hasTimeValues_ = true;
 }
 
 GPDate* GPDate::now() { return new GPDate(false); }
@@ -82,16 +82,16 @@ void GPDate::setFormat(char const* format) { format_ = format; }
 time_t GPDate::toRawTime() const { return rawTime_; }
 
 void GPDate::isTimeValues() {
-    if (timeValues_) return;
+    if (hasTimeValues_) return;
     const TimeZoneLock lock;
-    // A time beyond the calendar has an empty view.
-    if (!localtime_r(&rawTime_, &view_)) view_ = {};
-    timeValues_ = &view_;
+    // A time beyond the calendar has none.
+    if (!localtime_r(&rawTime_, &timeValues_)) timeValues_ = {};
+    hasTimeValues_ = true;
 }
 
 GPString* GPDate::toString() {
     isTimeValues();
-    if (format_) return formatted(format_, *timeValues_);
+    if (format_) return formatted(format_, timeValues_);
     char text[64] = {};
     {
         const TimeZoneLock lock;
@@ -104,7 +104,7 @@ char const* GPDate::cString() { return toString()->cstr(); }
 
 GPString* GPDate::ISOString(bool utc) {
     isTimeValues();
-    return formatted(utc ? "%FT%TZ" : "%FT%T%z", *timeValues_);
+    return formatted(utc ? "%FT%TZ" : "%FT%T%z", timeValues_);
 }
 
 // A broken-down view that was made before stays as it is.
@@ -116,18 +116,18 @@ long GPDate::compareDate(long seconds) const { return static_cast<long>(difftime
 
 unsigned long GPDate::clockTime() {
     isTimeValues();
-    return static_cast<unsigned long>(secondsOf(timeValues_)) * 1000000ul;
+    return static_cast<unsigned long>(secondsOf(&timeValues_)) * 1000000ul;
 }
 
 void GPDate::setField(int tm::*field, int value) {
     isTimeValues();
-    timeValues_->*field = value;
-    rawTime_ = secondsOf(timeValues_);
+    timeValues_.*field = value;
+    rawTime_ = secondsOf(&timeValues_);
 }
 
 int GPDate::getField(int tm::*field) {
     isTimeValues();
-    return timeValues_->*field;
+    return timeValues_.*field;
 }
 
 void GPDate::setSecond(int second) { setField(&tm::tm_sec, second); }

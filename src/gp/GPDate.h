@@ -82,7 +82,7 @@ private:
     int getField(int tm::*field);
 
     time_t rawTime_;
-    struct tm* timeValues_ = nullptr; // null or &view_
+    bool hasTimeValues_ = false;
+    struct tm timeValues_ = {}; // made when first needed
     char const* format_ = nullptr;
-    struct tm view_ = {};
 };
