@@ -13,9 +13,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <deque>
 #include <fstream>
 #include <mutex>
@@ -24,6 +26,9 @@
 
 namespace machost::libsystem {
 namespace {
+
+// The one program of this machine that the Mac program runs by its path.
+constexpr char shell[] = "/bin/sh";
 
 // The forked child's word to its parent about its exec, on a pipe that an exec closes.
 class ExecSign {
@@ -116,11 +121,24 @@ std::string toolsPath(const std::string& word) {
     return hasFile || hasFolder ? hostPath(word.c_str()) : word;
 }
 
+// The same for each word of a shell's command.
+std::string shellsPaths(const std::string& command) {
+    std::string result;
+    for (std::size_t at = 0; at < command.size();) {
+        const std::size_t end = std::min(command.find_first_of(" \t\n\"';&|<>()", at), command.size());
+        result += toolsPath(command.substr(at, end - at));
+        if (end < command.size()) result += command[end];
+        at = end + 1;
+    }
+    return result;
+}
+
 // A tool of this machine is told the files that the program means where they lie here.
 int executeTool(const std::string& path, char* const* arguments) {
+    const auto told = path == shell ? shellsPaths : toolsPath;
     std::vector<std::string> words;
     for (int i = 0; arguments[i]; ++i)
-        words.push_back(i > 0 ? toolsPath(arguments[i]) : arguments[i]);
+        words.push_back(i > 0 ? told(arguments[i]) : arguments[i]);
     std::vector<char*> pointers;
     for (std::string& word : words)
         pointers.push_back(word.data());
@@ -130,7 +148,8 @@ int executeTool(const std::string& path, char* const* arguments) {
 
 int playedExecv(const char* path, char* const* arguments) {
     const ErrorScope scope;
-    const std::string host = hostPath(path);
+    // The shell is this machine's: no root has one.
+    const std::string host = std::strcmp(path, shell) == 0 ? shell : hostPath(path);
     ownSign.write(ExecSign::trying);
     const int result = access(host.c_str(), X_OK) == 0 && isMachO(host) ? executeMachO(host, arguments)
                                                                         : executeTool(host, arguments);
