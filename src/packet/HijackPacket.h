@@ -107,7 +107,7 @@ private:
     // The table's, guarded by the list's lock.
     std::int64_t end_ = 0;   // of the record's time, microseconds since the epoch
     std::int64_t order_ = 0; // its number in the list
-    bool isOver_ = false;
+    bool wasOver_ = false;   // and no walk has met it alive since
     GPList::Node* place_ = nullptr;
     RecordIndexHook<HijackPacket> inConnections_;
     RecordIndexHook<HijackPacket> inOpen_;

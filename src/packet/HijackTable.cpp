@@ -6,13 +6,11 @@
 #include "gp/GPTimer.h"
 #include "packet/ConnectionEnds.h"
 
-#include <algorithm>
 #include <cstring>
 #include <limits>
 
 namespace {
 
-constexpr std::int64_t longAgo = std::numeric_limits<std::int64_t>::min();
 constexpr std::int64_t endOfList = std::numeric_limits<std::int64_t>::max();
 
 // Folds the 128-bit product of two words into one.
@@ -29,18 +27,28 @@ std::uint64_t wordAt(const void* bytes) {
     return word;
 }
 
+// Where a record's time ends that began at `start`. At a limit of the clock's range it ends there.
+std::int64_t endOf(std::int64_t start, int timeout) {
+    using Limits = std::numeric_limits<std::int64_t>;
+    std::int64_t end;
+    if (__builtin_add_overflow(start, timeout, &end)) return timeout > 0 ? Limits::max() : Limits::min();
+    return end;
+}
+
 } // namespace
 
-HijackTable::HijackTable() : list_(new GPList), latestOver_(longAgo) {
+HijackTable::HijackTable() : list_(new GPList) {
     // Addresses and the time of day are nothing that the sender of a packet or of a URL knows.
     seed_ = mixed(reinterpret_cast<std::uintptr_t>(list_) ^ oddConstant,
                   static_cast<std::uint64_t>(GPTimer::getClockTime()) | 1);
+    otherSeed_ = mixed(seed_ ^ oddConstant, reinterpret_cast<std::uintptr_t>(this) | 1);
 }
 
+// Both factors hide behind a seed: an address that made one of them 0 would take the rest out of the hash.
 std::uint64_t HijackTable::hashOfEnd(unsigned address, const in6_addr& addressIpv6, int port) const {
     const std::uint64_t own = static_cast<std::uint64_t>(address) << 32 | static_cast<unsigned>(port);
-    const std::uint64_t half = mixed(own ^ seed_, wordAt(addressIpv6.s6_addr) ^ oddConstant);
-    return mixed(half ^ seed_, wordAt(addressIpv6.s6_addr + 8) ^ oddConstant);
+    const std::uint64_t half = mixed(own ^ seed_, wordAt(addressIpv6.s6_addr) ^ otherSeed_);
+    return mixed(half ^ seed_, wordAt(addressIpv6.s6_addr + 8) ^ otherSeed_);
 }
 
 // The sum makes both directions of a connection one key.
@@ -67,22 +75,23 @@ void HijackTable::add(HijackPacket* record) {
     list_->addObject(record);
     record->place_ = list_->place();
     record->order_ = nextOrder_++;
-    connections_.add(record, hashOf(record),
-                     [record](const HijackPacket* other) { return record->isOfSameConnection(other); });
+    connections_.add(record, hashOf(record), [record](const HijackPacket* other) {
+        return record->isHttps() == other->isHttps() && record->isOfSameConnection(other);
+    });
     open_.add(record, hashOf(record->URL()),
               [record](const HijackPacket* other) { return record->url_->isEqual(other->url_); });
 
     const auto records = static_cast<std::size_t>(list_->count());
     running_.makeRoom(records);
     over_.makeRoom(records);
-    record->end_ = record->timer_->startedTime() + record->getTimeout();
+    record->end_ = endOf(record->timer_->startedTime(), record->getTimeout());
     running_.add(record, record->end_);
 }
 
 HijackPacket* HijackTable::find(const ConnectionEnds& ends) {
     if (list_->isEmpty()) return nullptr;
-    const std::int64_t now = GPTimer::getClockTime();
-    sortOut(now);
+    now_ = GPTimer::getClockTime();
+    sortOut();
     passedOver_ = nullptr;
     setAside_ = nullptr;
     HijackPacket* const found = ends.isIpv6OfZeros() ? findByWalk(ends) : findByIndex(ends);
@@ -90,32 +99,34 @@ HijackPacket* HijackTable::find(const ConnectionEnds& ends) {
     return found;
 }
 
-// Tells the records whose time is over now from the others.
-void HijackTable::sortOut(std::int64_t now) {
-    if (now <= latestOver_) {
-        // The clock was set back, and some may live again.
-        latestOver_ = longAgo;
-        while (!over_.isEmpty()) {
-            HijackPacket* const record = over_.first();
-            over_.remove(record);
-            record->isOver_ = false;
-            running_.add(record, record->end_);
-        }
-    }
-    while (!running_.isEmpty() && running_.firstNumber() < now) {
+bool HijackTable::isOver(const HijackPacket* record) const { return record->end_ < now_; }
+
+// Afterwards every record whose time is over now is in `over_`.
+void HijackTable::sortOut() {
+    while (!running_.isEmpty() && running_.firstNumber() < now_) {
         HijackPacket* const record = running_.first();
         running_.remove(record);
-        latestOver_ = std::max(latestOver_, record->end_);
-        record->isOver_ = true;
+        record->wasOver_ = true;
         over_.add(record, record->order_);
     }
 }
 
+HijackPacket* HijackTable::firstOf(const ConnectionEnds& ends, std::uint64_t hash, bool https) const {
+    return connections_.first(hash, [&ends, https](const HijackPacket* other) {
+        return other->isHttps() == https && other->matches(ends);
+    });
+}
+
 HijackPacket* HijackTable::findByIndex(const ConnectionEnds& ends) {
-    HijackPacket* record =
-        connections_.first(hashOf(ends), [&ends](const HijackPacket* other) { return other->matches(ends); });
-    for (; record; record = connections_.next(record)) {
-        if (record->isOver_ || !record->answersTo(ends)) continue;
+    const std::uint64_t hash = hashOf(ends);
+    HijackPacket* tls = firstOf(ends, hash, true);
+    HijackPacket* plain = ends.hasPayload ? firstOf(ends, hash, false) : nullptr;
+    while (tls || plain) {
+        const bool isTlsNext = !plain || (tls && tls->order_ < plain->order_);
+        HijackPacket*& next = isTlsNext ? tls : plain;
+        HijackPacket* const record = next;
+        next = connections_.next(record);
+        if (isOver(record)) continue;
         dropOverBefore(record->order_);
         if (record != passedOver_) return record;
     }
@@ -127,11 +138,10 @@ HijackPacket* HijackTable::findByIndex(const ConnectionEnds& ends) {
 HijackPacket* HijackTable::findByWalk(const ConnectionEnds& ends) {
     list_->firstObject();
     while (auto* record = static_cast<HijackPacket*>(list_->currentObject())) {
-        if (!record->isOver_ && record->matches(ends) && record->answersTo(ends)) {
-            GPList::Node* const place = list_->place();
+        if (!isOver(record) && record->matches(ends) && record->answersTo(ends)) {
+            // A removal that passes this record over leaves the cursor on it.
             dropOverBefore(record->order_);
             if (record != passedOver_) return record;
-            list_->moveTo(place);
         }
         list_->nextObject();
     }
@@ -143,7 +153,9 @@ HijackPacket* HijackTable::findByWalk(const ConnectionEnds& ends) {
 void HijackTable::dropOverBefore(std::int64_t order) {
     while (!over_.isEmpty() && over_.firstNumber() < order) {
         HijackPacket* const record = over_.first();
-        if (record == passedOver_) {
+        if (!isOver(record)) {
+            run(record); // the clock was set back
+        } else if (record == passedOver_) {
             over_.remove(record);
             record->nextSetAside_ = setAside_;
             setAside_ = record;
@@ -174,7 +186,7 @@ void HijackTable::putBack() {
 void HijackTable::unlist(HijackPacket* record) {
     connections_.remove(record);
     if (!record->isResolved()) open_.remove(record);
-    (record->isOver_ ? over_ : running_).remove(record);
+    (record->wasOver_ ? over_ : running_).remove(record);
     list_->moveTo(record->place_);
     list_->removeObject(record);
     record->release();
@@ -187,9 +199,14 @@ HijackPacket* HijackTable::oldestOpen(const char* url) const {
 
 void HijackTable::resolved(HijackPacket* record) {
     open_.remove(record);
-    (record->isOver_ ? over_ : running_).remove(record);
-    record->isOver_ = false;
-    record->end_ = record->timer_->startedTime() + record->getTimeout();
+    record->end_ = endOf(record->timer_->startedTime(), record->getTimeout());
+    run(record);
+}
+
+// Puts a record where it stands by the end of its time.
+void HijackTable::run(HijackPacket* record) {
+    (record->wasOver_ ? over_ : running_).remove(record);
+    record->wasOver_ = false;
     running_.add(record, record->end_);
 }
 

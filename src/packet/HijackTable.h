@@ -43,11 +43,14 @@ public:
     int count() { return list_->count(); }
 
 private:
-    void sortOut(std::int64_t now);
+    bool isOver(const HijackPacket* record) const;
+    void sortOut();
+    HijackPacket* firstOf(const ConnectionEnds& ends, std::uint64_t hash, bool https) const;
     HijackPacket* findByIndex(const ConnectionEnds& ends);
     HijackPacket* findByWalk(const ConnectionEnds& ends);
     void dropOverBefore(std::int64_t order);
     void drop(HijackPacket* record);
+    void run(HijackPacket* record);
     void putBack();
     void unlist(HijackPacket* record);
 
@@ -57,19 +60,22 @@ private:
     std::uint64_t hashOf(const char* url) const;
 
     GPList* list_;
+    // The plain and the TLS records of a connection are two groups, so that no packet passes by those that ignore it.
     RecordIndex<HijackPacket, &HijackPacket::inConnections_> connections_;
     RecordIndex<HijackPacket, &HijackPacket::inOpen_> open_;
 
-    // Every record is in one of the two: by the end of its time, or by its place in the list once that is over.
+    // Every record is in one of the two: by the end of its time, or by its place in the list once that was over.
+    // A clock that is set back moves none; a walk that meets one that lives again moves that.
     RecordHeap<HijackPacket, &HijackPacket::heapPlace_> running_;
     RecordHeap<HijackPacket, &HijackPacket::heapPlace_> over_;
-    std::int64_t latestOver_; // no end of a record in `over_` is later
 
-    // Of the walk under way: the record behind the last one that was taken out, and those of `over_` that were
-    // passed over.
+    // Of the walk under way: its time, the record behind the last one that was taken out, and those of `over_`
+    // that were passed over.
+    std::int64_t now_ = 0;
     HijackPacket* passedOver_ = nullptr;
     HijackPacket* setAside_ = nullptr;
 
     std::int64_t nextOrder_ = 0;
     std::uint64_t seed_; // of the hashes
+    std::uint64_t otherSeed_;
 };

@@ -100,6 +100,14 @@ TEST_F(HijackPacketResolve, ResolveComparesTheUrlExactly) {
     EXPECT_FALSE(find(request())->isResolved());
 }
 
+TEST_F(HijackPacketResolve, NoUrlAtAllResolvesNothing) {
+    ASSERT_TRUE(create(request()));
+    ASSERT_TRUE(create(request(), false, ""));
+
+    EXPECT_FALSE(HijackPacket::resolve(nullptr, nullptr));
+    EXPECT_TRUE(HijackPacket::resolve("", nullptr));
+}
+
 TEST_F(HijackPacketResolve, AnExpiredRecordThatNobodyPurgedCanBeResolved) {
     ASSERT_TRUE(create(request()));
     advance(60000000);

@@ -4,9 +4,12 @@
 #include "support/RecordWorld.h"
 
 #include <atomic>
+#include <cstdint>
+#include <limits>
 #include <thread>
 
 using testsupport::getRequest;
+using testsupport::ManualClock;
 using testsupport::PacketBuilder;
 
 namespace {
@@ -151,6 +154,27 @@ TEST_F(HijackPacketTest, APurgedRecordStaysGoneWhenTheClockIsSetBack) {
 
     EXPECT_EQ(find(request()), nullptr);
     EXPECT_FALSE(HijackPacket::resolve(url, nullptr));
+}
+
+TEST_F(HijackPacketTest, ARecordThatNoWalkHasReachedLivesAgainWhenTheClockIsSetBackToItsLastMicrosecond) {
+    ASSERT_TRUE(create(request(50001), true));
+    ASSERT_TRUE(create(request(50002)));
+    advance(30000001);
+    ASSERT_NE(find(request(50001)), nullptr);
+
+    advance(-1);
+
+    EXPECT_NE(find(request(50002)), nullptr);
+}
+
+TEST_F(HijackPacketTest, ARecordLivesOnAtTheEndOfTheClocksRange) {
+    constexpr std::int64_t endOfTime = std::numeric_limits<std::int64_t>::max();
+    ManualClock::installed().set(endOfTime - 10);
+    ASSERT_TRUE(create(request()));
+
+    advance(10);
+
+    EXPECT_NE(find(request()), nullptr);
 }
 
 TEST_F(HijackPacketTest, OfTwoExpiredRecordsInARowTheSecondStaysUntilTheNextWalk) {

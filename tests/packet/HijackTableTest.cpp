@@ -44,6 +44,14 @@ protected:
         return packets;
     }
 
+    // Connections and URLs enough for the indexes to grow, all of one client.
+    void drawFromManyMore() {
+        mostRecords_ = 600;
+        urls_ = 300;
+        for (int port = 1000; port < 1300; ++port)
+            packets_.push_back(PacketBuilder::ipv4().from("10.0.0.2", port).payload(getRequest()).build());
+    }
+
     // Plays `steps` of the seed on both. Few records live at a time when `timeRuns`, many otherwise.
     void compare(unsigned seed, int steps, bool timeRuns) {
         SCOPED_TRACE("seed " + std::to_string(seed));
@@ -62,7 +70,7 @@ protected:
         return packets_[static_cast<std::size_t>(draw(static_cast<int>(packets_.size())))];
     }
 
-    std::string drawUrl() { return "http://" + std::to_string(draw(6)) + ".example/"; }
+    std::string drawUrl() { return "http://" + std::to_string(draw(urls_)) + ".example/"; }
 
     void step() {
         const int action = draw(100);
@@ -121,7 +129,7 @@ protected:
     void compareResolve() {
         const std::string of = drawUrl();
         const char* const redirect = draw(2) == 0 ? "http://block.example/" : nullptr;
-        const int seconds = std::array{-1, 0, 1, 30, 200}[static_cast<std::size_t>(draw(5))];
+        const int seconds = std::array{-1, 0, 1, 30, 200, 3000}[static_cast<std::size_t>(draw(6))];
         EXPECT_EQ(HijackPacket::resolve(of.c_str(), redirect, seconds),
                   plain_.resolve(of, redirect, seconds, now()));
     }
@@ -135,7 +143,7 @@ protected:
     }
 
     void moveTime() {
-        if (plain_.records().size() > 100) advance(200000001);
+        if (plain_.records().size() > mostRecords_) advance(200000001);
         const int kind = draw(20);
         if (kind < 8)
             advance(draw(3));
@@ -160,7 +168,9 @@ protected:
     PlainRecords plain_;
     std::map<int, HijackPacket*> known_; // the daemon's records by the plain ones' numbers
     std::mt19937 random_;
+    int urls_ = 6;
     bool timeRuns_ = true;
+    std::size_t mostRecords_ = 100;
 };
 
 } // namespace
@@ -168,6 +178,13 @@ protected:
 TEST_F(HijackTable, AMillionStepsAnswerAsTheWalkOverTheListDoes) {
     compare(1, 500000, true);
     compare(2, 500000, false);
+}
+
+TEST_F(HijackTable, ManyConnectionsAndUrlsAnswerAsTheWalkOverTheListDoes) {
+    drawFromManyMore();
+
+    compare(5, 20000, false);
+    compare(6, 20000, true);
 }
 
 TEST_F(HijackTable, TheLogIsThatOfTheWalkOverTheList) {

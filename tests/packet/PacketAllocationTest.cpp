@@ -130,6 +130,8 @@ TEST_F(PacketAllocation, PacketsOfABlockedConnectionThatHaveNoRoomForItsRedirect
 }
 
 TEST_F(PacketAllocation, DroppingExpiredRecordsAndEntriesAllocatesNothing) {
+    for (int port = 2000; port < 2300; ++port)
+        HijackPacket::create(get().from("10.0.0.2", port).build().packet(), "http://many.example/", false);
     advance(600000000);
 
     EXPECT_EQ(allocationsInbound(reply()), 0);

@@ -54,7 +54,7 @@ bool PlainRecords::resolve(const std::string& url, const char* redirect, int tim
         record.redirected = redirect != nullptr;
         if (redirect) record.redirect = redirect;
         if (timeoutSeconds > 0) {
-            record.timeout = timeoutSeconds * 1000000LL;
+            record.timeout = static_cast<int>(timeoutSeconds * 1000000LL);
             record.start = now;
         }
         note("Hijack-resolve:true: " + ends + " (timeout=" + std::to_string(timeoutSeconds) + ")");

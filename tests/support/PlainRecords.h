@@ -20,7 +20,7 @@ public:
         bool https;
         ConnectionEnds ends;
         std::int64_t start;
-        std::int64_t timeout;
+        int timeout;
         bool resolved;
         bool redirected;
         std::string redirect;
