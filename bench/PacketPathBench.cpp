@@ -14,6 +14,7 @@
 #include <benchmark/benchmark.h>
 
 #include <cstring>
+#include <string>
 
 using testsupport::ClientHelloBuilder;
 using testsupport::PacketBuffer;
@@ -83,8 +84,11 @@ class Records {
 public:
     explicit Records(int count) : count_(count) {
         for (int i = 0; i < count; ++i) {
-            PacketBuffer other =
-                PacketBuilder::ipv4().from("10.0.0.2", 20000 + i).payload(testsupport::getRequest()).build();
+            const std::string from = "10." + std::to_string(i / 40000) + ".0.2";
+            PacketBuffer other = PacketBuilder::ipv4()
+                                     .from(from, 20000 + i % 40000)
+                                     .payload(testsupport::getRequest())
+                                     .build();
             HijackPacket::create(other.packet(), "http://www.example.org/", false);
         }
     }
@@ -125,7 +129,7 @@ void InboundDataAmongRecords(benchmark::State& state) {
     const Records records(static_cast<int>(state.range(0)));
     inbound(state, PacketBuilder::ipv4().reversed().payload(std::string(1400, 'x')).build());
 }
-BENCHMARK(InboundDataAmongRecords)->Arg(10)->Arg(100);
+BENCHMARK(InboundDataAmongRecords)->Arg(10)->Arg(100)->Arg(1000)->Arg(100000);
 
 void UrlOfAGet(benchmark::State& state) {
     PacketBuffer packet =

@@ -7,9 +7,12 @@
 #include "gp/Owned.h"
 #include "platform/ByteOrder.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <initializer_list>
+#include <string_view>
 #include <utility>
 
 namespace {
@@ -54,21 +57,25 @@ int signedByteAt(const char* packet, int offset) { return static_cast<signed cha
 
 bool isVersion4(const char* packet) { return (packet[0] & 0xf0) == 0x40; }
 
-// Where the extension headers of an IPv6 packet end: the offset there and the protocol that follows.
-struct ChainEnd {
+// Where the IP headers of a packet end: the offset there and the protocol that follows.
+struct HeadersEnd {
     int offset;
-    int next;
+    int protocol;
 };
 
-// What a chain without an end inside the buffer counts as: no transport protocol at all.
-constexpr ChainEnd brokenChain = {fixedHeaderV6, noNextHeader};
+// What a chain of extensions without an end inside the buffer counts as: no transport protocol at all.
+constexpr HeadersEnd brokenChain = {fixedHeaderV6, noNextHeader};
+
+bool isExtension(int header) {
+    return header == hopByHop || header == routing || header == fragment || header == authentication ||
+           header == destinationOptions;
+}
 
 bool holdsExtension(int offset) { return offset >= 0 && offset + 1 < TCPPacket::packetRoom; }
 
 bool holdsTransport(int offset) { return offset >= 0 && offset + bareTcpHeader <= TCPPacket::packetRoom; }
 
-// Walks the extension headers. Whatever is not IPv4 is walked as IPv6.
-ChainEnd walkExtensions(const char* packet) {
+HeadersEnd walkExtensions(const char* packet) {
     int next = byteAt(packet, nextHeaderV6);
     int offset = fixedHeaderV6;
     CycleWatch<std::pair<int, int>> watch({-1, -1});
@@ -95,16 +102,28 @@ ChainEnd walkExtensions(const char* packet) {
         }
         if (!advanced) break;
     }
-    return holdsTransport(offset) ? ChainEnd{offset, next} : brokenChain;
+    return holdsTransport(offset) ? HeadersEnd{offset, next} : brokenChain;
+}
+
+// Whatever is not IPv4 is read as IPv6. Hardly any packet has extensions to walk.
+HeadersEnd headersEnd(const char* packet) {
+    if (isVersion4(packet)) return {(byteAt(packet, 0) * 4) & 60, byteAt(packet, protocolV4)};
+    const int next = byteAt(packet, nextHeaderV6);
+    return isExtension(next) ? walkExtensions(packet) : HeadersEnd{fixedHeaderV6, next};
+}
+
+int tcpHeaderSizeAt(const char* packet, int offset) {
+    return (byteAt(packet, offset + dataOffset) >> 2) & 60;
 }
 
 // The sum of both header sizes is cut to 16 bits wherever it is used.
-int headersSize(char* packet) {
-    return (TCPPacket::ipHeaderSize(packet) + TCPPacket::tcpHeaderSize(packet)) & 0xffff;
+int headersSize(const char* packet) {
+    const int offset = headersEnd(packet).offset;
+    return (offset + tcpHeaderSizeAt(packet, offset)) & 0xffff;
 }
 
-int portAt(char* packet, int position) {
-    return platform::readBig16(packet + TCPPacket::ipHeaderSize(packet) + position);
+int portAt(const char* packet, int position) {
+    return platform::readBig16(packet + headersEnd(packet).offset + position);
 }
 
 in6_addr addressAt(const char* packet, int position) {
@@ -114,12 +133,10 @@ in6_addr addressAt(const char* packet, int position) {
 }
 
 // The first `word` that lies wholly in the first `limit` bytes of a text.
-const char* findNear(const char* text, const char* word, int limit) {
-    const int length = static_cast<int>(std::strlen(word));
-    for (int at = 0; at + length <= limit && text[at] != 0; ++at) {
-        if (std::strncmp(text + at, word, static_cast<std::size_t>(length)) == 0) return text + at;
-    }
-    return nullptr;
+const char* findNear(const char* text, std::string_view word, std::size_t limit) {
+    const std::string_view start(text, strnlen(text, limit));
+    const std::size_t at = start.find(word);
+    return at == std::string_view::npos ? nullptr : text + at;
 }
 
 // Where a header line ends: at its CR LF or, if none follows in the whole text, at its line feed.
@@ -128,23 +145,32 @@ const char* lineEnd(const char* text) {
     return end ? end : std::strchr(text, '\n');
 }
 
+std::string_view between(const char* begin, const char* end) {
+    return {begin, static_cast<std::size_t>(end - begin)};
+}
+
+// A new string of the pieces, with one buffer made once.
+GPString* joined(std::initializer_list<std::string_view> pieces) {
+    std::size_t length = 0;
+    for (const std::string_view piece : pieces)
+        length += piece.size();
+    auto* text = new char[length + 1];
+    char* end = text;
+    for (const std::string_view piece : pieces)
+        end = std::copy(piece.begin(), piece.end(), end);
+    *end = 0;
+    return GPString::absorbe(text);
+}
+
 } // namespace
 
 bool TCPPacket::isVersionIPV6(char* packet) { return (packet[0] & 0xf0) == 0x60; }
 
-int TCPPacket::ipHeaderSize(char* packet) {
-    if (isVersion4(packet)) return (byteAt(packet, 0) * 4) & 60;
-    return walkExtensions(packet).offset;
-}
+int TCPPacket::ipHeaderSize(char* packet) { return headersEnd(packet).offset; }
 
-int TCPPacket::tcpHeaderSize(char* packet) {
-    return (byteAt(packet, ipHeaderSize(packet) + dataOffset) >> 2) & 60;
-}
+int TCPPacket::tcpHeaderSize(char* packet) { return tcpHeaderSizeAt(packet, ipHeaderSize(packet)); }
 
-int getIpProtocol(char* packet) {
-    if (isVersion4(packet)) return byteAt(packet, protocolV4);
-    return walkExtensions(packet).next;
-}
+int getIpProtocol(char* packet) { return headersEnd(packet).protocol; }
 
 bool TCPPacket::isProtocolTCP(char* packet) { return getIpProtocol(packet) == protocolTCP; }
 
@@ -159,17 +185,18 @@ int TCPPacket::packetSize(char* packet) {
 int TCPPacket::payloadSize(char* packet) { return packetSize(packet) - headersSize(packet); }
 
 char* TCPPacket::payload(char* packet) {
-    char* start = packet + headersSize(packet);
-    start[payloadSize(packet)] = 0;
-    return start;
+    const int headers = headersSize(packet);
+    packet[packetSize(packet)] = 0;
+    return packet + headers;
 }
 
 bool TCPPacket::isUsablePacket(char* packet) {
     if (!packet) return false;
     const bool version6 = isVersionIPV6(packet);
     if (!version6 && !isVersion4(packet)) return false;
-    if (!isProtocolTCP(packet)) return false;
-    const int headers = tcpHeaderSize(packet) + (ipHeaderSize(packet) & 0xffff);
+    const HeadersEnd end = headersEnd(packet);
+    if (end.protocol != protocolTCP) return false;
+    const int headers = tcpHeaderSizeAt(packet, end.offset) + (end.offset & 0xffff);
     const int size = version6 ? packetSize(packet) & 0xffff : packetSize(packet);
     return headers <= size;
 }
@@ -225,17 +252,15 @@ GPString* TCPPacket::httpURL(char* packet) {
     const char* hostEnd = lineEnd(hostStart);
     if (!hostEnd || hostEnd - hostStart < 1) return nullptr;
 
-    auto* url = new GPString("http://");
-    url->append(hostStart, static_cast<int>(hostEnd - hostStart));
-    url->append(path, static_cast<int>(pathEnd - path));
-    return url;
+    return joined({"http://", between(hostStart, hostEnd), between(path, pathEnd)});
 }
 
 GPString* TCPPacket::httpsURL(char* packet) {
-    char name[serverNameCapacity] = {};
+    char name[serverNameCapacity];
+    name[0] = 0;
     const auto* data = reinterpret_cast<const unsigned char*>(payload(packet));
     if (!sslDomain(data, payloadSize(packet), name, serverNameCapacity)) return nullptr;
-    if (name[0] != 0) return GPString::format("https://%s", name);
+    if (name[0] != 0) return joined({"https://", name});
     int port;
     if (isVersionIPV6(packet)) return formatIpAddressIpv6(dstIPAddressIpv6(packet, port));
     return formatIpAddress(dstIPAddress(packet, port));

@@ -1,7 +1,7 @@
 // How the index and the heap of records use memory; that they find the right ones is HijackTable's test.
 
-#include "packet/RecordHeap.h"
 #include "packet/RecordIndex.h"
+#include "packet/RecordHeap.h"
 
 #include "support/AllocationCounter.h"
 
