@@ -1,0 +1,54 @@
+"""The lines that a change touches, and since when."""
+import pathlib
+import re
+import subprocess
+
+NOTE = ".ci/landed"
+HOURS = 4  # longer than one change takes from its first commit to its last
+
+
+def lines_since(root, commit):
+    """For each file of src/ the lines that the work tree has and the commit has not."""
+    diff = _git(root, "diff", "--unified=0", "--no-color", "--no-ext-diff", commit, "--", "src")
+    found, file = {}, None
+    for line in diff.splitlines():
+        if line.startswith("+++ "):
+            file = line[6:] if line.startswith("+++ b/") else None
+        hunk = re.match(r"@@ -\S+ \+(\d+)(?:,(\d+))? @@", line)
+        if hunk and file:
+            first, count = int(hunk.group(1)), int(hunk.group(2) or 1)
+            found.setdefault(file, set()).update(range(first, first + count))
+    return found
+
+
+def last_landed(root):
+    """The commit that the change began with, and how that is known: the branch that it goes to, else the note that
+    goes along with the change, else the commits of the last hours before the newest."""
+    head = _git(root, "rev-parse", "HEAD").strip()
+    target = _commit(root, "origin/HEAD") or _commit(root, "origin/main") or _commit(root, "origin/master")
+    if target:
+        base = _git(root, "merge-base", target, head).strip()
+        if base != head:
+            return base, "where origin is"
+    note = pathlib.Path(root, NOTE)
+    noted = _commit(root, note.read_text().strip()) if note.exists() else None
+    if noted and noted != head and _is_ancestor(root, noted, head):
+        return noted, f"as {NOTE} says"
+    newest = int(_git(root, "show", "-s", "--format=%ct", head))
+    recent = _git(root, "rev-list", f"--since={newest - HOURS * 3600}", head).split()
+    oldest = recent[-1] if recent else head
+    return _commit(root, oldest + "~1") or oldest, f"the commits of {HOURS} hours"
+
+
+def _commit(root, name):
+    done = subprocess.run(["git", "-C", str(root), "rev-parse", "--verify", "--quiet", name + "^{commit}"],
+                          capture_output=True, text=True)
+    return done.stdout.strip() or None
+
+
+def _is_ancestor(root, old, new):
+    return subprocess.run(["git", "-C", str(root), "merge-base", "--is-ancestor", old, new]).returncode == 0
+
+
+def _git(root, *words):
+    return subprocess.run(["git", "-C", str(root), *words], check=True, capture_output=True, text=True).stdout

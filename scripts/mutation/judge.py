@@ -1,0 +1,158 @@
+"""Builds mutants and lets the tests judge them."""
+import collections
+import dataclasses
+import queue
+import re
+import threading
+import time
+from concurrent.futures import ThreadPoolExecutor
+
+from mutation import sandbox, schemata
+from mutation.mutant import apply
+
+KILLED, SURVIVED, NOT_COMPILED, NOT_JUDGED = "killed", "survived", "not compiled", "not judged"
+SAME = "the same program"
+BODIES = 60  # at most that many of one function in one build
+
+
+@dataclasses.dataclass(frozen=True)
+class Verdict:
+    mutant: object
+    result: str
+    by: str = ""          # the test that killed it
+    tests: int = 0        # how many ran
+    unsteady: tuple = ()  # tests that failed once and not again
+
+
+class Judge:
+    def __init__(self, root, tree_at, chooser, twins, jobs, deadline, told):
+        self._root = root
+        self._tree_at = tree_at    # makes the tree of a name
+        self._chooser = chooser
+        self._twins = twins
+        self._jobs = jobs
+        self._deadline = deadline  # by the monotonic clock
+        self._told = told          # is called with each verdict
+        self._lock = threading.Lock()
+        self._places = queue.Queue()  # the trees for mutants that are built alone
+        for number in range(jobs):
+            self._places.put(f"alone-{number}")
+        self._fit = {}             # test -> whether it passes in the shared build with nothing changed
+
+    def all(self, mutants):
+        """Judges all of them. Those inside a function's body share builds, the others get one each."""
+        alone = [mutant for mutant in mutants if not mutant.body]
+        for batch in _batches([mutant for mutant in mutants if mutant.body]):
+            alone += self._together(batch)
+        with ThreadPoolExecutor(self._jobs) as pool:
+            list(pool.map(self._judge_alone, alone))
+
+    def _together(self, mutants):
+        """Judges mutants that share a build; the ones that must be built alone are given back."""
+        tree = self._tree_at("shared")
+        numbered, alone = self._built(tree, dict(enumerate(mutants, 1)))
+        self._fit = {}
+        replaced = tree.replaced(tree.programs({mutant.file for mutant in numbered.values()}))
+        with ThreadPoolExecutor(self._jobs) as pool:
+            list(pool.map(lambda item: self._judge(replaced, item[0], item[1]), numbered.items()))
+        return alone
+
+    def _built(self, tree, numbered):
+        """Takes out what does not compile until the rest does."""
+        alone = []
+        while numbered:
+            texts = {file: schemata.with_mutants((self._root / file).read_bytes(), inside)
+                     for file, inside in _by_file(numbered).items()}
+            tree.write({file: text.content for file, text in texts.items()})
+            output = tree.make()
+            if not output:
+                break
+            wrong = _numbers_with_errors(output, tree, texts)
+            for number in wrong:
+                self._tell(Verdict(numbered.pop(number), NOT_COMPILED))
+            if not wrong:  # errors that nobody answers for: each by itself, then
+                files = {file for file in texts if f"{file}.o" in output or f"/{file}:" in output} or set(texts)
+                for number in [number for number, mutant in numbered.items() if mutant.file in files]:
+                    alone.append(numbered.pop(number))
+        return numbered, alone
+
+    def _judge_alone(self, mutant):
+        if time.monotonic() > self._deadline:
+            self._tell(Verdict(mutant, NOT_JUDGED))
+            return
+        place = self._places.get()
+        try:
+            self._judge_in(self._tree_at(place), mutant)
+        finally:
+            self._places.put(place)
+
+    def _judge_in(self, tree, mutant):
+        tree.write({mutant.file: apply((self._root / mutant.file).read_bytes(), mutant.edits)})
+        needed = {case.program for case in self._chooser.tests(mutant)}
+        programs = [name for name in tree.programs({mutant.file}) if name in needed or not name.startswith("tests/")]
+        if tree.make(programs):
+            self._tell(Verdict(mutant, NOT_COMPILED))
+            return
+        self._judge(tree.replaced(programs), 0, mutant)
+
+    def _judge(self, replaced, number, mutant):
+        if time.monotonic() > self._deadline:
+            self._tell(Verdict(mutant, NOT_JUDGED))
+            return
+        unsteady, count = [], 0
+        for case in self._chooser.tests(mutant):
+            count += 1
+            if self._passes(case, replaced, number):
+                continue
+            # A test that fails by chance kills nothing.
+            if self._passes(case, replaced, number):
+                unsteady.append(case.name)
+            elif number == 0 or self._is_fit(replaced, case):
+                self._chooser.note_kill(mutant, case)
+                self._tell(Verdict(mutant, KILLED, case.name, count, tuple(unsteady)))
+                return
+        same = self._twins.are_one_program(mutant)
+        self._tell(Verdict(mutant, SAME if same else SURVIVED, "", count, tuple(unsteady)))
+
+    def _passes(self, case, replaced, number):
+        outcome = sandbox.run(case, self._chooser.limit(case), replaced, [(schemata.VARIABLE, number)])
+        return outcome.result == sandbox.PASSED
+
+    def _is_fit(self, replaced, case):
+        if case.name not in self._fit:
+            self._fit[case.name] = self._passes(case, replaced, 0)
+        return self._fit[case.name]
+
+    def _tell(self, verdict):
+        with self._lock:
+            self._told(verdict)
+
+
+def _batches(mutants):
+    """Parts in which no function is there too often."""
+    batches, counts = [], collections.Counter()
+    for mutant in mutants:
+        place = (mutant.file, mutant.body)
+        index = counts[place] // BODIES
+        counts[place] += 1
+        if index == len(batches):
+            batches.append([])
+        batches[index].append(mutant)
+    return batches
+
+
+def _by_file(numbered):
+    found = {}
+    for number, mutant in numbered.items():
+        found.setdefault(mutant.file, []).append((number, mutant))
+    return found
+
+
+def _numbers_with_errors(output, tree, texts):
+    """The mutants in whose lines the compiler found errors."""
+    found = set()
+    for path, line in re.findall(r"^(\S+?):(\d+):\d+: (?:fatal )?error:", output, re.M):
+        for file, text in texts.items():
+            if path.endswith(file) and str(tree.directory) in path:
+                found |= {number for number, first, last in text.lines if first <= int(line) <= last}
+    return found

@@ -1,0 +1,65 @@
+"""Runs one test behind bubblewrap. A changed program runs with the rights of the tests, and nobody knows what the
+change makes it do: so it sees the machine read-only, has a temporary folder, a network and process numbers of its
+own, and whatever it leaves behind ends with it."""
+import dataclasses
+import os
+import pathlib
+import signal
+import subprocess
+import time
+
+PASSED, FAILED, TIMED_OUT = "passed", "failed", "timed out"
+
+# Bounds that no test comes near.
+MEMORY = 4 << 30
+FILE_SIZE = 1 << 30
+
+
+@dataclasses.dataclass(frozen=True)
+class Outcome:
+    result: str
+    seconds: float
+    output: str = ""
+
+
+def available():
+    """Whether this machine lets bubblewrap make its namespaces."""
+    try:
+        return subprocess.run(_walls() + ["true"], capture_output=True).returncode == 0
+    except FileNotFoundError:
+        return False
+
+
+def run(case, limit, replaced=(), variables=(), writable=()):
+    """Runs a case, at most `limit` seconds. `replaced` are pairs (program, the program in its place), `variables`
+    pairs (name, value), `writable` files that it may write."""
+    words = _walls()
+    for path in writable:
+        words += ["--bind", str(path), str(path)]
+    for old, new in replaced:
+        words += ["--ro-bind", str(new), str(old)]
+    for name, value in [*(pair.split("=", 1) for pair in case.environment), *variables]:
+        words += ["--setenv", name, str(value)]
+    words += ["--chdir", case.directory, "prlimit", f"--data={MEMORY}", f"--fsize={FILE_SIZE}", *case.command]
+    started = time.monotonic()
+    process = subprocess.Popen(words, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
+                               start_new_session=True)
+    try:
+        output, _ = process.communicate(timeout=limit)
+        result = PASSED if process.returncode == 0 else FAILED
+    except subprocess.TimeoutExpired:
+        os.killpg(process.pid, signal.SIGKILL)  # which takes all of its world along
+        output, _ = process.communicate()
+        result = TIMED_OUT
+    return Outcome(result, time.monotonic() - started, output.decode(errors="replace"))
+
+
+def _walls():
+    words = ["bwrap", "--ro-bind", "/", "/", "--dev", "/dev", "--proc", "/proc", "--tmpfs", "/tmp", "--tmpfs", "/var/tmp",
+             "--unshare-pid", "--unshare-net", "--unshare-ipc", "--die-with-parent", "--setenv", "TMPDIR", "/tmp"]
+    if os.getuid() == 0:
+        words += ["--cap-add", "ALL"]  # tests make namespaces of their own
+    root = pathlib.Path(__file__).resolve().parent.parent.parent
+    if root.is_relative_to("/tmp") or root.is_relative_to("/var/tmp"):
+        words += ["--ro-bind", str(root), str(root)]
+    return words

@@ -1,0 +1,69 @@
+"""Which lines a change touches, and with which commit it began."""
+import pathlib
+import tempfile
+import unittest
+
+from support import git
+
+from mutation import changes
+
+
+class Changes(unittest.TestCase):
+    def setUp(self):
+        folder = tempfile.TemporaryDirectory()
+        self.addCleanup(folder.cleanup)
+        self.root = pathlib.Path(folder.name, "project")
+        self.root.mkdir()
+        git(self.root, "init", "-q", "-b", "main")
+
+    def commit(self, name, text, date="2020-01-01T00:00:00Z"):
+        path = self.root / name
+        path.parent.mkdir(parents=True, exist_ok=True)
+        path.write_text(text)
+        git(self.root, "add", "-A")
+        git(self.root, "commit", "-q", "-m", name, date=date)
+        return git(self.root, "rev-parse", "HEAD")
+
+    def test_are_the_lines_that_came(self):
+        first = self.commit("src/gp/A.cpp", "one\ntwo\nthree\n")
+        self.commit("src/gp/A.cpp", "one\n2\nthree\nfour\n")
+        self.commit("tests/ATest.cpp", "not the program's\n")
+        self.assertEqual(changes.lines_since(self.root, first), {"src/gp/A.cpp": {2, 4}})
+
+    def test_count_what_is_not_committed_yet(self):
+        first = self.commit("src/gp/A.cpp", "one\n")
+        (self.root / "src/gp/A.cpp").write_text("one\ntwo\n")
+        self.assertEqual(changes.lines_since(self.root, first), {"src/gp/A.cpp": {2}})
+
+    def test_have_no_lines_where_some_only_went(self):
+        first = self.commit("src/gp/A.cpp", "one\ntwo\n")
+        self.commit("src/gp/A.cpp", "one\n")
+        self.assertEqual(changes.lines_since(self.root, first).get("src/gp/A.cpp", set()), set())
+
+    def test_begin_where_origin_is(self):
+        landed = self.commit("a", "1")
+        self.commit("b", "2")
+        git(self.root, "update-ref", "refs/remotes/origin/main", landed)
+        self.assertEqual(changes.last_landed(self.root), (landed, "where origin is"))
+
+    def test_begin_where_the_note_says_in_a_clone_of_the_change_itself(self):
+        landed = self.commit("a", "1")
+        head = self.commit(changes.NOTE, landed + "\n")
+        git(self.root, "update-ref", "refs/remotes/origin/main", head)
+        self.assertEqual(changes.last_landed(self.root), (landed, "as .ci/landed says"))
+
+    def test_do_not_believe_a_note_of_a_commit_that_is_not_in_their_history(self):
+        self.commit("a", "1", "2020-01-01T00:00:00Z")
+        old = self.commit("b", "2", "2020-01-01T01:00:00Z")
+        self.commit(changes.NOTE, "0" * 40 + "\n", "2020-01-02T00:00:00Z")
+        self.assertEqual(changes.last_landed(self.root), (old, "the commits of 4 hours"))
+
+    def test_begin_with_the_last_hours_where_nothing_is_known(self):
+        old = self.commit("a", "1", "2020-01-01T00:00:00Z")
+        self.commit("b", "2", "2020-01-02T09:00:00Z")
+        self.commit("c", "3", "2020-01-02T12:00:00Z")
+        self.assertEqual(changes.last_landed(self.root), (old, "the commits of 4 hours"))
+
+
+if __name__ == "__main__":
+    unittest.main()

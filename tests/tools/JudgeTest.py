@@ -1,0 +1,117 @@
+"""Which tests judge a mutant, what their outcome means, and how it is told."""
+import pathlib
+import time
+import unittest
+from unittest import mock
+
+from support import a_mutant
+
+from mutation import cases, choose, judge, reach, report, sandbox, schemata
+
+
+def case(name, folder="gp"):
+    return cases.Case(name, ("program",), (), "/", folder, f"tests/{folder}_tests")
+
+
+QUICK, SLOW, OTHER, APP = case("Quick.Test"), case("Slow.Test"), case("Other.Test"), case("App.Test", "app")
+ALL = [QUICK, SLOW, OTHER, APP]
+
+
+def chooser(reached=("Quick.Test", "Slow.Test", "App.Test"), rest=False, failing=()):
+    seconds = {"Quick.Test": 0.1, "Slow.Test": 2.0, "Other.Test": 0.1, "App.Test": 0.01}
+    indices = [index for index, known in enumerate(ALL) if known.name in reached]
+    found = reach.Map({"src/gp/Example.cpp": {"1:11": indices}}, [known.name for known in ALL], seconds, set(failing))
+    return choose.Chooser(ALL, found, rest)
+
+
+class Choosing(unittest.TestCase):
+    def test_takes_the_tests_that_reach_the_statement_the_folders_own_and_the_quick_ones_first(self):
+        self.assertEqual(chooser().tests(a_mutant()), [QUICK, SLOW, APP])
+
+    def test_lets_what_killed_a_neighbour_go_first(self):
+        chosen = chooser()
+        chosen.note_kill(a_mutant(), APP)
+        self.assertEqual(chosen.tests(a_mutant()), [APP, QUICK, SLOW])
+
+    def test_adds_the_rest_where_the_map_cannot_see(self):
+        unseen = type(a_mutant())(**{**vars(a_mutant()), "statement": None})
+        self.assertEqual(chooser().tests(unseen), [QUICK, SLOW, APP, OTHER])
+        self.assertEqual(chooser(rest=True).tests(a_mutant()), [QUICK, SLOW, APP, OTHER])
+
+    def test_leaves_out_what_fails_with_nothing_changed(self):
+        self.assertEqual(chooser(failing=["Quick.Test"]).tests(a_mutant()), [SLOW, APP])
+
+    def test_has_nobody_for_a_statement_that_no_test_reaches(self):
+        self.assertEqual(chooser(reached=()).tests(a_mutant()), [])
+
+    def test_gives_a_slow_test_more_time(self):
+        self.assertGreater(chooser().limit(SLOW), chooser().limit(QUICK))
+
+
+class Judging(unittest.TestCase):
+    def judged(self, outcomes, chosen=None):
+        """The verdict where each test's runs with the mutant end as told, and pass without it."""
+        told = []
+        runs = {name: iter(results) for name, results in outcomes.items()}
+
+        def run(run_case, limit, replaced, variables):
+            number = dict(variables)[schemata.VARIABLE]
+            result = next(runs[run_case.name], sandbox.PASSED) if number and run_case.name in runs else sandbox.PASSED
+            return sandbox.Outcome(result, 0.1)
+
+        twins = mock.Mock()
+        twins.are_one_program.return_value = False
+        judging = judge.Judge(pathlib.Path("/"), None, chosen or chooser(), twins, 1, time.monotonic() + 60, told.append)
+        with mock.patch.object(sandbox, "run", run):
+            judging._judge((), 1, a_mutant())
+        return told[0]
+
+    def test_ends_with_the_first_test_that_fails(self):
+        verdict = self.judged({"Slow.Test": [sandbox.FAILED] * 2})
+        self.assertEqual((verdict.result, verdict.by, verdict.tests), (judge.KILLED, "Slow.Test", 2))
+
+    def test_takes_a_time_out_for_a_kill(self):
+        self.assertEqual(self.judged({"App.Test": [sandbox.TIMED_OUT] * 2}).result, judge.KILLED)
+
+    def test_does_not_believe_a_failure_that_does_not_come_again(self):
+        verdict = self.judged({"Quick.Test": [sandbox.FAILED, sandbox.PASSED]})
+        self.assertEqual((verdict.result, verdict.unsteady), (judge.SURVIVED, ("Quick.Test",)))
+
+    def test_survives_where_every_test_passes(self):
+        verdict = self.judged({})
+        self.assertEqual((verdict.result, verdict.tests), (judge.SURVIVED, 3))
+
+    def test_is_over_when_the_time_is(self):
+        told = []
+        judge.Judge(pathlib.Path("/"), None, chooser(), mock.Mock(), 1, time.monotonic() - 1, told.append)._judge(
+            (), 1, a_mutant())
+        self.assertEqual(told[0].result, judge.NOT_JUDGED)
+
+
+class Errors(unittest.TestCase):
+    def test_belong_to_the_mutant_in_whose_lines_they_are(self):
+        tree = mock.Mock(directory=pathlib.Path("/copy"))
+        texts = {"src/gp/Example.cpp": schemata.Text(b"", ((1, 10, 12), (2, 13, 15)))}
+        output = "/copy/src/gp/Example.cpp:14:3: error: no such name\n/copy/src/gp/Example.cpp:11:3: note: here\n"
+        self.assertEqual(judge._numbers_with_errors(output, tree, texts), {2})
+
+
+class Report(unittest.TestCase):
+    def verdicts(self, *results):
+        return [judge.Verdict(a_mutant(), result) for result in results]
+
+    def test_counts_neither_what_is_listed_nor_what_does_not_build(self):
+        table = report.table(self.verdicts(judge.KILLED, judge.KILLED, judge.KILLED, judge.SURVIVED, report.EQUIVALENT,
+                                           judge.NOT_COMPILED, judge.SAME, judge.NOT_JUDGED))
+        self.assertTrue(all(line.endswith("75.0 %") for line in table.splitlines()[1:]), table)
+
+    def test_has_no_score_where_nothing_was_judged(self):
+        self.assertTrue(report.table(self.verdicts(judge.NOT_JUDGED)).endswith("-"))
+
+    def test_shows_a_survivor_with_its_change(self):
+        text = report.survivor(judge.Verdict(a_mutant(), judge.SURVIVED, tests=3))
+        self.assertIn("src/gp/Example.cpp:1 f()\n- int f() { return 1; }\n+ int f() { return 2; }", text)
+
+
+if __name__ == "__main__":
+    unittest.main()
