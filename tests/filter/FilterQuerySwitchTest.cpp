@@ -93,10 +93,9 @@ TEST_F(FilterQuerySwitchTest, WithANullSnapshotArgumentItFetchesAndReleasesItsOw
     Configuration::removeAllServers(false);
     Configuration::addServerName("server.example.org", false);
     FilterIPAddresses::startIPAddressManager();
-    auto current = Owned<FilterIPAddresses>::adopt(FilterIPAddresses::getCurrentIPAddresses());
-    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-    while (!current && std::chrono::steady_clock::now() < end)
-        current = Owned<FilterIPAddresses>::adopt(FilterIPAddresses::getCurrentIPAddresses());
+    // Now the snapshot is there, and the manager's thread holds no reference of its own to it any more.
+    ASSERT_TRUE(ManualClock::installed().waitForSleepers(1));
+    const auto current = Owned<FilterIPAddresses>::adopt(FilterIPAddresses::getCurrentIPAddresses());
     ASSERT_TRUE(current);
     const int count = current->retainonly();
     EXPECT_TRUE(FilterQuery::isFilteringIP(nullptr, serverAddress));
