@@ -27,5 +27,5 @@ def known(build):
 def _case(build, test):
     properties = {entry["name"]: entry["value"] for entry in test["properties"]}
     return Case(name=test["name"], command=tuple(test["command"]), environment=tuple(properties.get("ENVIRONMENT", ())),
-                directory=properties["WORKING_DIRECTORY"], folder=properties["LABELS"][0],
+                directory=properties["WORKING_DIRECTORY"], folder=properties.get("LABELS", [""])[0],
                 program=str(pathlib.Path(test["command"][0]).relative_to(build)))

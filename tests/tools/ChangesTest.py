@@ -58,6 +58,14 @@ class Changes(unittest.TestCase):
         self.commit(changes.NOTE, "0" * 40 + "\n", "2020-01-02T00:00:00Z")
         self.assertEqual(changes.last_landed(self.root), (old, "the commits of 4 hours"))
 
+    def test_do_not_believe_a_note_of_another_branch(self):
+        old = self.commit("a", "1", "2020-01-01T00:00:00Z")
+        git(self.root, "checkout", "-q", "-b", "other")
+        aside = self.commit("b", "2", "2020-01-01T01:00:00Z")
+        git(self.root, "checkout", "-q", "main")
+        self.commit(changes.NOTE, aside + "\n", "2020-01-02T00:00:00Z")
+        self.assertEqual(changes.last_landed(self.root), (old, "the commits of 4 hours"))
+
     def test_begin_with_the_last_hours_where_nothing_is_known(self):
         old = self.commit("a", "1", "2020-01-01T00:00:00Z")
         self.commit("b", "2", "2020-01-02T09:00:00Z")
