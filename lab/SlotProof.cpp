@@ -141,8 +141,8 @@ std::vector<char> requestFor(const std::string& host, long number) {
     constexpr std::size_t ipHeader = 20;
     constexpr std::size_t tcpHeader = 20;
     const std::string text = "GET / HTTP/1.1\r\nHost: " + host + "\r\n\r\n";
-    std::vector<char> packet(ipHeader + tcpHeader, 0);
-    packet.insert(packet.end(), text.begin(), text.end());
+    std::vector<char> packet(ipHeader + tcpHeader + text.size(), 0);
+    std::copy(text.begin(), text.end(), packet.begin() + ipHeader + tcpHeader);
     packet[0] = 0x45; // version 4, a header of five words
     platform::writeBig16(&packet[2], static_cast<std::uint16_t>(packet.size()));
     packet[8] = 64;
