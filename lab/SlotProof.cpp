@@ -124,7 +124,7 @@ long liveSlotsOf(GPThreadPool& pool) {
 }
 
 bool provePool(long operations) {
-    auto& pool = *new GPThreadPool(slots); // as in the daemon, never released
+    static auto& pool = *new GPThreadPool(slots); // as in the daemon, never released
     for (long i = 0; i < operations; ++i) {
         if (i % mostOpen == 0 && !poolTale.done.reaches(i - mostOpen)) break;
         pool.addOperation(doNothing, nullptr);

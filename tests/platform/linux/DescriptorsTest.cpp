@@ -66,12 +66,16 @@ TEST(Descriptors, OfTheServicesAreNotHandedDown) {
     EXPECT_GE(platform::kernelControlService.backend().open(), 0);
     EXPECT_GE(platform::systemInterfaceEntries().open(), 0);
     int error = 0;
-    EXPECT_NE(platform::systemNetworkChanges().create(
-                  "name", [] {}, error),
-              nullptr);
-    EXPECT_NE(platform::consoleUserService.backend().create("name", [](const void*, const void*, void*) {}),
-              nullptr);
+    platform::NetworkChanges& network = platform::systemNetworkChanges();
+    auto* const addresses = network.create(
+        "name", [] {}, error);
+    ASSERT_NE(addresses, nullptr);
+    platform::ConsoleUser& console = platform::consoleUserService.backend();
+    auto* const users = console.create("name", [](const void*, const void*, void*) {});
+    ASSERT_NE(users, nullptr);
     EXPECT_EQ(handedDown(), before);
+    network.release(addresses);
+    console.release(users);
 }
 
 // Not said of the pair of local sockets that the library wakes itself with.
