@@ -2,8 +2,7 @@
 
 // No call of this system makes a socket or a queue that an exec closes: the mark follows in a call of its own. A fork
 // of another thread between the two would hand the descriptor down, so forks wait for the mark. What still slips
-// through is a connection that is just being accepted, and any descriptor in front of a program that is started
-// without fork, as `system` does here.
+// through is a connection that is just being accepted.
 
 namespace platform {
 
