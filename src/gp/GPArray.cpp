@@ -38,7 +38,7 @@ int GPArray::release() {
     if (!retainGuarded_.load(std::memory_order_relaxed)) return GPObject::release();
 
     GPMutexLock guard(retainMutex_);
-    int const left = releaseonly();
+    const int left = releaseonly();
     guard.unlock();
     if (left != lastReferenceGone) return left;
 
@@ -56,9 +56,9 @@ int GPArray::safeRetain() {
 
 GPString* GPArray::className() { return GPString::string(className_); }
 
-char const* GPArray::cclassName() { return className_; }
+const char* GPArray::cclassName() { return className_; }
 
-char const* GPArray::GPArrayClassName() { return className_; }
+const char* GPArray::GPArrayClassName() { return className_; }
 
 GPArray* GPArray::array() { return static_cast<GPArray*>((new GPArray())->autorelease()); }
 
@@ -69,7 +69,7 @@ GPArray* GPArray::arrayWithObject(GPObject* object) {
 }
 
 void GPArray::append(void* entry) {
-    int const used = count_.load(std::memory_order_relaxed);
+    const int used = count_.load(std::memory_order_relaxed);
     if (capacity_ <= used && used >= 1) expandArray(used * 2);
     entries_[used] = entry;
     count_.store(used + 1, std::memory_order_release);
@@ -91,7 +91,7 @@ void GPArray::addValue(void* value) {
 
 int GPArray::removeObject(GPObject* object) {
     if (!object) return -1;
-    int const index = removeValue(object);
+    const int index = removeValue(object);
     // Released even when it was not there.
     object->release();
     return index;
@@ -100,14 +100,14 @@ int GPArray::removeObject(GPObject* object) {
 int GPArray::removeValue(void* value) {
     if (!value) return -1;
     lock();
-    int const found = indexOfValue(value);
+    const int found = indexOfValue(value);
     if (found < 0) {
         unlock();
         return -1;
     }
 
     void** fresh = new void*[static_cast<std::size_t>(capacity_)]();
-    int const used = count_.load(std::memory_order_relaxed);
+    const int used = count_.load(std::memory_order_relaxed);
     for (int index = 0, kept = 0; index < used; ++index) {
         if (index != found) fresh[kept++] = objectAtIndex(index);
     }
@@ -139,7 +139,7 @@ void* GPArray::removeValueAtIndex(int index) {
 
 void GPArray::removeAllObjects() {
     GPMutexLock guard(mutex_);
-    int const used = count_.load(std::memory_order_relaxed);
+    const int used = count_.load(std::memory_order_relaxed);
     // Values are released as well.
     for (int index = 0; index < used; ++index) {
         if (entries_[index]) static_cast<GPObject*>(entries_[index])->release();
@@ -161,7 +161,7 @@ void* GPArray::valueAtIndex(int index) { return isIndex(index) ? entries_[index]
 int GPArray::indexOfObject(GPObject* object) { return indexOfValue(object); }
 
 int GPArray::indexOfValue(void* value) {
-    int const used = count_.load(std::memory_order_acquire);
+    const int used = count_.load(std::memory_order_acquire);
     for (int index = 0; value && index < used; ++index) {
         if (entries_[index] == value) return index;
     }
@@ -187,13 +187,13 @@ void GPArray::expandArray(int capacity) {
     capacity_ = capacity;
 }
 
-void GPArray::sort(int (*compare)(void const*, void const*)) {
+void GPArray::sort(int (*compare)(const void*, const void*)) {
     std::qsort(entries_, static_cast<std::size_t>(count()), sizeof(void*), compare);
 }
 
-GPString* GPArray::join(char const* separator) { return GPString::join(this, separator); }
+GPString* GPArray::join(const char* separator) { return GPString::join(this, separator); }
 
-GPString* GPArray::join(GPString const* separator) { return GPString::join(this, separator); }
+GPString* GPArray::join(const GPString* separator) { return GPString::join(this, separator); }
 
 void GPArray::safe() {
     if (!mutex_) mutex_ = new GPMutex();

@@ -26,8 +26,8 @@ public:
 
     int release() override;
     GPString* className() override;
-    char const* cclassName() override;
-    static char const* GPArrayClassName();
+    const char* cclassName() override;
+    static const char* GPArrayClassName();
 
     // New arrays, autoreleased. The object is retained; null gives an empty array.
     static GPArray* array();
@@ -70,11 +70,11 @@ public:
     void expandArray(int capacity);
 
     // Sorts by qsort; the comparator gets pointers to the entries.
-    void sort(int (*compare)(void const*, void const*));
+    void sort(int (*compare)(const void*, const void*));
 
     // GPString::join of this array.
-    GPString* join(char const* separator);
-    GPString* join(GPString const* separator);
+    GPString* join(const char* separator);
+    GPString* join(const GPString* separator);
 
     // Makes the lock that lock() and unlock() use; without it they do nothing. A removal on a safe() array
     // blocks for ever, at once or at the next use.

@@ -15,7 +15,7 @@
 
 namespace {
 
-constexpr char const* propertyListType =
+constexpr const char* propertyListType =
     "plist PUBLIC \"-//Apple//DTD PLIST 1.0//EN\" \"http://www.apple.com/DTDs/PropertyList-1.0.dtd\"";
 
 int references(GPArray* array) {
@@ -128,7 +128,7 @@ private:
 
     void writeAttributes(GPMap* attributes) {
         if (!attributes) return;
-        for (char const* key = attributes->firstKey(); key; key = attributes->nextKey()) {
+        for (const char* key = attributes->firstKey(); key; key = attributes->nextKey()) {
             auto* content = static_cast<GPString*>(attributes->objectForKey(key));
             add(GPString::format(" %s=\"%s\"", key, content->cstr()));
         }
@@ -173,7 +173,7 @@ GPDOMElement::~GPDOMElement() {
     }
 }
 
-char const* GPDOMElement::cclassName() { return "GPDOMElement"; }
+const char* GPDOMElement::cclassName() { return "GPDOMElement"; }
 
 GPDOMElement* GPDOMElement::createElement(const char* name) { return createElement(name, nullptr, nullptr); }
 

@@ -73,7 +73,7 @@ public:
     // This element as a property-list document, which the caller releases.
     GPString* convertToPlist(bool pretty);
 
-    char const* cclassName() override;
+    const char* cclassName() override;
 
     ~GPDOMElement() override;
 

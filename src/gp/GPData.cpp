@@ -18,7 +18,7 @@ GPData::GPData() : bytes_(zeroed(1)), length_(0), spare_(0), size_(1) {}
 
 GPData::GPData(int size) : bytes_(zeroed(size)), length_(0), spare_(std::max(size, 0)), size_(spare_) {}
 
-GPData::GPData(char const* bytes, int len, bool absorb)
+GPData::GPData(const char* bytes, int len, bool absorb)
     : bytes_(nullptr), length_(bytes ? std::max(len, 0) : 0), spare_(0), size_(length_) {
     if (absorb) {
         bytes_ = const_cast<char*>(bytes);
@@ -32,19 +32,19 @@ GPData::~GPData() { delete[] bytes_; }
 
 GPString* GPData::className() { return GPString::string(className_); }
 
-char const* GPData::cclassName() { return className_; }
+const char* GPData::cclassName() { return className_; }
 
-GPData* GPData::dataWithData(char const* bytes, int len) { return new GPData(bytes, len, false); }
+GPData* GPData::dataWithData(const char* bytes, int len) { return new GPData(bytes, len, false); }
 
-GPData* GPData::absorbeData(char const* bytes, int len) { return new GPData(bytes, len, true); }
+GPData* GPData::absorbeData(const char* bytes, int len) { return new GPData(bytes, len, true); }
 
 GPData* GPData::dataWithSize(int size) { return new GPData(size); }
 
 int GPData::length() const { return length_ == 0 && spare_ > 0 ? spare_ : length_; }
 
-void GPData::append(char const* bytes, int n) {
+void GPData::append(const char* bytes, int n) {
     if (!bytes || n <= 0) return;
-    std::int32_t const used = std::clamp(length_, 0, size_);
+    const std::int32_t used = std::clamp(length_, 0, size_);
     if (n > std::numeric_limits<std::int32_t>::max() - used) return;
 
     // The true size counts as well: after setLength and clear the spare promises room that is not there.
@@ -63,7 +63,7 @@ void GPData::append(char const* bytes, int n) {
     spare_ = 0;
 }
 
-void GPData::append(GPData const* other) {
+void GPData::append(const GPData* other) {
     // A buffer that was filled directly and never told its length counts as full.
     append(other->bytes_, std::min(other->length(), other->size_));
 }

@@ -18,15 +18,15 @@ public:
     explicit GPData(int size);
 
     // Copies the bytes or, with `absorb`, takes the pointer over, which must come from new[].
-    GPData(char const* bytes, int len, bool absorb);
+    GPData(const char* bytes, int len, bool absorb);
     ~GPData() override;
 
     GPString* className() override;
-    char const* cclassName() override;
+    const char* cclassName() override;
 
     // Makers; the caller owns the result. `absorbeData` takes the pointer over.
-    static GPData* dataWithData(char const* bytes, int len);
-    static GPData* absorbeData(char const* bytes, int len);
+    static GPData* dataWithData(const char* bytes, int len);
+    static GPData* absorbeData(const char* bytes, int len);
     static GPData* dataWithSize(int size);
 
     // The buffer, borrowed; valid until the next append or clear.
@@ -38,8 +38,8 @@ public:
     // Records what a caller wrote into bytes() directly; changes nothing else.
     void setLength(int length) { length_ = length; }
 
-    void append(char const* bytes, int n);
-    void append(GPData const* other);
+    void append(const char* bytes, int n);
+    void append(const GPData* other);
 
     // Back to one byte with length 0. Spare room is left as it was: do not append to a cleared buffer that
     // had some.

@@ -16,7 +16,7 @@ int sinceNineteenHundred(int year) { return static_cast<int>(static_cast<unsigne
 
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
-GPString* formatted(char const* format, const struct tm& view) {
+GPString* formatted(const char* format, const struct tm& view) {
     char text[256] = {};
     const TimeZoneLock lock;
     if (strftime(text, sizeof text, format, &view) == 0) text[0] = 0;
@@ -53,7 +53,7 @@ GPDate* GPDate::now() { return new GPDate(false); }
 
 GPDate* GPDate::UTC() { return new GPDate(true); }
 
-GPDate* GPDate::dateFromString(char const* text) {
+GPDate* GPDate::dateFromString(const char* text) {
     if (!text) return nullptr;
     const auto whole = Owned<GPString>::adopt(new GPString(text));
     if (whole->find("-", false) < 1) return nullptr;
@@ -77,7 +77,7 @@ GPDate* GPDate::dateFromString(char const* text) {
     return date.handOver();
 }
 
-void GPDate::setFormat(char const* format) { format_ = format; }
+void GPDate::setFormat(const char* format) { format_ = format; }
 
 time_t GPDate::toRawTime() const { return rawTime_; }
 
@@ -100,7 +100,7 @@ GPString* GPDate::toString() {
     return GPString::string(text);
 }
 
-char const* GPDate::cString() { return toString()->cstr(); }
+const char* GPDate::cString() { return toString()->cstr(); }
 
 GPString* GPDate::ISOString(bool utc) {
     isTimeValues();

@@ -27,10 +27,10 @@ public:
     // Reads "YEAR-MONTH-DAY", or "YEAR-MONTH-DAYTHOUR:MINUTE:SECOND" with whatever follows, as local time, a
     // trailing "Z" notwithstanding. Without a clock time the universal clock of the moment stays. Null for
     // null and for a text that has not exactly three parts at its hyphens. The caller owns the result.
-    static GPDate* dateFromString(char const* text);
+    static GPDate* dateFromString(const char* text);
 
     // Sets the strftime format of toString; the text is not copied. Null means the style of ctime.
-    void setFormat(char const* format);
+    void setFormat(const char* format);
 
     time_t toRawTime() const;
 
@@ -39,7 +39,7 @@ public:
 
     // The date as autoreleased text, and that text itself.
     GPString* toString();
-    char const* cString();
+    const char* cString();
 
     // "%FT%TZ" if `utc`, else "%FT%T%z", as autoreleased text. The flag chooses the format only.
     GPString* ISOString(bool utc);
@@ -84,5 +84,5 @@ private:
     time_t rawTime_;
     bool hasTimeValues_ = false;
     struct tm timeValues_ = {}; // made when first needed
-    char const* format_ = nullptr;
+    const char* format_ = nullptr;
 };

@@ -33,37 +33,37 @@ struct DirectoryCloser {
 };
 using Directory = std::unique_ptr<DIR, DirectoryCloser>;
 
-bool statOf(char const* path, struct stat& entry) { return path && ::stat(path, &entry) == 0; }
+bool statOf(const char* path, struct stat& entry) { return path && ::stat(path, &entry) == 0; }
 
 GPString* processName = nullptr;
 
 } // namespace
 
-bool ifExist(char const* path) {
+bool ifExist(const char* path) {
     struct stat entry;
     return statOf(path, entry);
 }
 
-bool isDirectory(char const* path) {
+bool isDirectory(const char* path) {
     struct stat entry;
     return statOf(path, entry) && S_ISDIR(entry.st_mode);
 }
 
 // True for what is not there: that is no directory.
-bool isFile(char const* path) { return !isDirectory(path); }
+bool isFile(const char* path) { return !isDirectory(path); }
 
 // stat follows links, so this is false in practice.
-bool isSymbolicLink(char const* path) {
+bool isSymbolicLink(const char* path) {
     struct stat entry;
     return statOf(path, entry) && S_ISLNK(entry.st_mode);
 }
 
-bool isHidden(char const* path) { return path && path[0] == '~'; }
+bool isHidden(const char* path) { return path && path[0] == '~'; }
 
 bool isUnix() { return true; }
 
 // fopen's own letter for this is not known to every system.
-std::FILE* openFile(char const* path, char const* mode) {
+std::FILE* openFile(const char* path, const char* mode) {
     int flags = O_RDONLY;
     if (mode[0] == 'w') flags = O_WRONLY | O_CREAT | O_TRUNC;
     if (mode[0] == 'a') flags = O_WRONLY | O_CREAT | O_APPEND;
@@ -74,7 +74,7 @@ std::FILE* openFile(char const* path, char const* mode) {
     return file;
 }
 
-bool readFile(char const* path, char* buffer, long& length, int offset, bool binary) {
+bool readFile(const char* path, char* buffer, long& length, int offset, bool binary) {
     if (!path || !buffer || length < 1) return false;
     const File file(openFile(path, binary ? "rb" : "r"));
     if (!file) return false;
@@ -83,9 +83,9 @@ bool readFile(char const* path, char* buffer, long& length, int offset, bool bin
     return true;
 }
 
-bool writeFile(char const* path, char const* data, long length, bool binary, bool truncate) {
+bool writeFile(const char* path, const char* data, long length, bool binary, bool truncate) {
     if (!path) return false;
-    char const* mode = truncate ? (binary ? "wb" : "w") : (binary ? "ab" : "a");
+    const char* mode = truncate ? (binary ? "wb" : "w") : (binary ? "ab" : "a");
     File file(openFile(path, mode));
     if (!file || !data) return false;
     if (length == 0 && !binary)
@@ -97,7 +97,7 @@ bool writeFile(char const* path, char const* data, long length, bool binary, boo
     return std::fclose(file.release()) == 0 && written;
 }
 
-GPData* readData(char const* path, int first, int offset) {
+GPData* readData(const char* path, int first, int offset) {
     if (!path || first != 0) return nullptr;
     long length = fileSize(path);
     if (length < 1 || length > INT_MAX) return nullptr;
@@ -106,26 +106,26 @@ GPData* readData(char const* path, int first, int offset) {
     return GPData::absorbeData(buffer.release(), static_cast<int>(length));
 }
 
-GPString* readText(char const* path, int first, int offset) {
+GPString* readText(const char* path, int first, int offset) {
     const auto data = Owned<GPData>::adopt(readData(path, first, offset));
     return data ? data->convertToString() : nullptr;
 }
 
-bool writeData(char const* path, GPData* data, bool truncate) {
+bool writeData(const char* path, GPData* data, bool truncate) {
     return writeFile(path, data->bytes(), data->length(), true, truncate);
 }
 
-bool writeText(char const* path, GPString* text, bool truncate) {
+bool writeText(const char* path, GPString* text, bool truncate) {
     return writeFile(path, text->cstr(), text->length(), false, truncate);
 }
 
-bool createNewFile(char const* path) {
+bool createNewFile(const char* path) {
     if (!path) return false;
     const File file(openFile(path, "w"));
     return file != nullptr;
 }
 
-bool copyFile(char const* from, char const* to) {
+bool copyFile(const char* from, const char* to) {
     if (!from || !to) return false;
     const auto content = Owned<GPData>::adopt(readData(from, 0, 0));
     if (!content) return false;
@@ -133,37 +133,37 @@ bool copyFile(char const* from, char const* to) {
     return writeFile(to, content->bytes(), content->length(), true, false);
 }
 
-bool renameFile(char const* from, char const* to) { return from && to && std::rename(from, to) == 0; }
+bool renameFile(const char* from, const char* to) { return from && to && std::rename(from, to) == 0; }
 
-bool moveFile(char const* from, char const* to) { return renameFile(from, to); }
+bool moveFile(const char* from, const char* to) { return renameFile(from, to); }
 
-bool deleteFile(char const* path) { return path && std::remove(path) == 0; }
+bool deleteFile(const char* path) { return path && std::remove(path) == 0; }
 
-long fileSize(char const* path) {
+long fileSize(const char* path) {
     struct stat entry;
     return statOf(path, entry) ? static_cast<long>(entry.st_size) : 0;
 }
 
-int fileMode(char const* path) {
+int fileMode(const char* path) {
     struct stat entry;
     return statOf(path, entry) ? static_cast<int>(entry.st_mode & 07777) : 0;
 }
 
-bool setFileMode(char const* path, int mode) { return path && ::chmod(path, static_cast<mode_t>(mode)) == 0; }
+bool setFileMode(const char* path, int mode) { return path && ::chmod(path, static_cast<mode_t>(mode)) == 0; }
 
-bool createDir(char const* path) { return path && ::mkdir(path, 0775) == 0; }
+bool createDir(const char* path) { return path && ::mkdir(path, 0775) == 0; }
 
-bool deleteDir(char const* path) { return path && ::rmdir(path) == 0; }
+bool deleteDir(const char* path) { return path && ::rmdir(path) == 0; }
 
 namespace {
 
-bool isSkipped(char const* entry) {
+bool isSkipped(const char* entry) {
     return std::strcmp(entry, ".") == 0 || std::strcmp(entry, "..") == 0 ||
            std::strcmp(entry, ".DS_Store") == 0;
 }
 
 template <class Container>
-void listDirectory(char const* path, Container* found, bool recursive, GPFileSearchType type) {
+void listDirectory(const char* path, Container* found, bool recursive, GPFileSearchType type) {
     if (!path) return;
     const Directory directory(opendir(path));
     if (!directory) return;
@@ -181,24 +181,24 @@ void listDirectory(char const* path, Container* found, bool recursive, GPFileSea
 
 } // namespace
 
-void getDirectoryFiles(char const* path, GPArray* found, bool recursive, GPFileSearchType type) {
+void getDirectoryFiles(const char* path, GPArray* found, bool recursive, GPFileSearchType type) {
     listDirectory(path, found, recursive, type);
 }
 
-void getDirectoryFiles(char const* path, GPList* found, bool recursive, GPFileSearchType type) {
+void getDirectoryFiles(const char* path, GPList* found, bool recursive, GPFileSearchType type) {
     listDirectory(path, found, recursive, type);
 }
 
-char const* getCurrentDirectory() {
+const char* getCurrentDirectory() {
     std::vector<char> text(PATH_MAX + 1);
     if (!getcwd(text.data(), text.size())) return nullptr;
     // Never released, which keeps the text valid.
     return (new GPString(text.data()))->cstr();
 }
 
-char const* getAppDirectory() { return "/Applications"; }
+const char* getAppDirectory() { return "/Applications"; }
 
-char const* getUserDirectory() {
+const char* getUserDirectory() {
     thread_local std::string home;
     std::vector<char> buffer(4096);
     passwd account = {};
@@ -208,25 +208,25 @@ char const* getUserDirectory() {
     return home.c_str();
 }
 
-char const* getDocDirectory() {
+const char* getDocDirectory() {
     thread_local std::string documents;
     documents = std::string(getUserDirectory()) + "/Documents";
     return documents.c_str();
 }
 
-char const* getTempDirectory() {
-    char const* set = std::getenv("TMPDIR");
+const char* getTempDirectory() {
+    const char* set = std::getenv("TMPDIR");
     return set && *set ? set : "/tmp";
 }
 
-char const* getAppDataDirectory() { return "/Library/Preferences"; }
+const char* getAppDataDirectory() { return "/Library/Preferences"; }
 
 // "user" is meant.
-char const* getSystemDirectory() { return "/user/local/bin"; }
+const char* getSystemDirectory() { return "/user/local/bin"; }
 
-char const* getProcessName() { return processName ? processName->cstr() : platform::programName(); }
+const char* getProcessName() { return processName ? processName->cstr() : platform::programName(); }
 
-void setProcessName(char const* name) {
+void setProcessName(const char* name) {
     if (processName)
         processName->reset(name);
     else
@@ -238,7 +238,7 @@ void setProcessName(char const* name) {
 
 int getPID() { return static_cast<int>(getpid()); }
 
-GPFilesystem::GPFilesystem(char const* path) {
+GPFilesystem::GPFilesystem(const char* path) {
     if (path) path_ = new GPString(path);
 }
 
@@ -246,23 +246,23 @@ GPFilesystem::~GPFilesystem() {
     if (path_) path_->release();
 }
 
-GPFilesystem* GPFilesystem::createFile(char const* path) {
+GPFilesystem* GPFilesystem::createFile(const char* path) {
     if (!path) return nullptr;
     auto* made = new GPFilesystem(path);
     if (!ifExist(path)) createNewFile(path);
     return made;
 }
 
-void GPFilesystem::setPath(char const* path) {
+void GPFilesystem::setPath(const char* path) {
     if (path_)
         path_->reset(path);
     else
         path_ = new GPString(path);
 }
 
-char const* GPFilesystem::fullPath() { return path_ ? path_->cstr() : nullptr; }
+const char* GPFilesystem::fullPath() { return path_ ? path_->cstr() : nullptr; }
 
-char const* GPFilesystem::lastComponent() {
+const char* GPFilesystem::lastComponent() {
     if (!path_) return nullptr;
     const int slash = path_->find("/", true);
     if (slash == 0) return nullptr;
@@ -272,10 +272,10 @@ char const* GPFilesystem::lastComponent() {
     return component->cstr();
 }
 
-char const* GPFilesystem::name() { return lastComponent(); }
+const char* GPFilesystem::name() { return lastComponent(); }
 
 // The same as name(), not the directory.
-char const* GPFilesystem::path() { return lastComponent(); }
+const char* GPFilesystem::path() { return lastComponent(); }
 
 long GPFilesystem::size() { return fileSize(fullPath()); }
 
@@ -297,7 +297,7 @@ GPData* GPFilesystem::read(int first, int offset) { return readData(fullPath(), 
 
 GPString* GPFilesystem::readText(int first, int offset) { return ::readText(fullPath(), first, offset); }
 
-bool GPFilesystem::write(char const* data, long length, bool binary) {
+bool GPFilesystem::write(const char* data, long length, bool binary) {
     return writeFile(fullPath(), data, length, binary, false);
 }
 
@@ -305,7 +305,7 @@ bool GPFilesystem::write(GPData* data) { return writeData(fullPath(), data, fals
 
 bool GPFilesystem::writeText(GPString* text) { return ::writeText(fullPath(), text, false); }
 
-bool GPFilesystem::writeFormat(char const* fmt, ...) {
+bool GPFilesystem::writeFormat(const char* fmt, ...) {
     if (!path_) return false;
     va_list arguments;
     va_start(arguments, fmt);
@@ -323,12 +323,12 @@ bool GPFilesystem::writeFormat(char const* fmt, ...) {
     return written;
 }
 
-bool GPFilesystem::renameFile(char const* newName) {
+bool GPFilesystem::renameFile(const char* newName) {
     if (!newName || !path_) return false;
     auto target = Owned<GPString>::adopt(new GPString(newName));
     if (path_->find("/", true) == 0) {
         // path() gives nothing for a file of the root directory, so the target begins with the slash.
-        char const* front = path();
+        const char* front = path();
         target = Owned<GPString>::adopt(GPString::format("%s/%s", front ? front : "", newName));
     }
     if (!::renameFile(fullPath(), target->cstr())) return false;

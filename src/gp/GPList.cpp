@@ -30,7 +30,7 @@ GPList::~GPList() {
 
 GPString* GPList::className() { return GPString::string(className_); }
 
-char const* GPList::cclassName() { return className_; }
+const char* GPList::cclassName() { return className_; }
 
 void GPList::append(void* value) {
     Node* node = new Node{nullptr, tail_, value};

@@ -20,7 +20,7 @@ public:
     ~GPList() override;
 
     GPString* className() override;
-    char const* cclassName() override;
+    const char* cclassName() override;
 
     // Append at the tail and leave the cursor there. The object must not be null; a null value is ignored.
     void addObject(GPObject* object);

@@ -22,8 +22,8 @@
 
 namespace {
 
-std::atomic<char const*> logName{nullptr};
-std::atomic<char const*> logDir{nullptr};
+std::atomic<const char*> logName{nullptr};
+std::atomic<const char*> logDir{nullptr};
 std::atomic<std::int32_t> logMaxSize{1048576};
 std::atomic<std::int32_t> logMaxCount{20};
 // The index of the file being written. It deliberately begins below 0 at each start of the process, which
@@ -40,14 +40,14 @@ GPMutex* currentMutex() { return mutex.load(std::memory_order_acquire); }
 
 // A new string with the name of the file of that index. An index below 10, -1 too, has a 0 in front.
 GPString* currentLogName(int index) {
-    char const* stem = logName.load(relaxed);
+    const char* stem = logName.load(relaxed);
     if (!stem) {
         // A copy that is never freed: the text of the process name goes when another one is set.
         stem = strdup(getProcessName());
         logName.store(stem, relaxed);
     }
     GPString* name;
-    if (char const* directory = logDir.load(relaxed))
+    if (const char* directory = logDir.load(relaxed))
         name = GPString::format("%s/%s", directory, stem);
     else
         name = new GPString(stem);
@@ -63,7 +63,7 @@ bool localTime(time_t seconds, struct tm& local) {
     return localtime_r(&seconds, &local) != nullptr;
 }
 
-std::string logLine(char const* text) {
+std::string logLine(const char* text) {
     struct tm local = {};
     char when[64] = {};
     if (!localTime(platform::clock().seconds(), local) || !asctime_r(&local, when)) when[0] = 0;
@@ -74,7 +74,7 @@ std::string logLine(char const* text) {
     return std::string(front) + text + "\n";
 }
 
-bool isOverLimit(char const* name) {
+bool isOverLimit(const char* name) {
     const std::int32_t limit = logMaxSize.load(relaxed);
     struct stat entry;
     // A link is not followed: it can lead to a server that does not answer.
@@ -99,7 +99,7 @@ void rotate() {
 
 } // namespace
 
-void logs(char const* text) {
+void logs(const char* text) {
     const std::string line = logLine(text);
     if (logEcho.load(relaxed)) std::printf("[LogEcho]: %s", line.c_str());
     {
@@ -113,7 +113,7 @@ void logs(char const* text) {
     if (isOverLimit(name->cstr())) rotate();
 }
 
-void logf(char const* fmt, ...) {
+void logf(const char* fmt, ...) {
     va_list arguments;
     va_start(arguments, fmt);
     va_list again;
@@ -129,9 +129,9 @@ void logf(char const* fmt, ...) {
     va_end(again);
 }
 
-void setLogName(char const* name) { logName.store(name, relaxed); }
+void setLogName(const char* name) { logName.store(name, relaxed); }
 
-void setLogDirectory(char const* directory) { logDir.store(directory, relaxed); }
+void setLogDirectory(const char* directory) { logDir.store(directory, relaxed); }
 
 void setMaxLogSize(int kilobytes) {
     if (kilobytes > 0)
@@ -152,7 +152,7 @@ void makeLogThreadSafe() {
                    [] { currentMutex()->unlock(); });
 }
 
-void printDumpBytes(char const* bytes, int length, int perLine) {
+void printDumpBytes(const char* bytes, int length, int perLine) {
     for (int i = 0; i < length; ++i) {
         std::printf("%02x ", static_cast<unsigned char>(bytes[i]));
         if (perLine > 0 && (i + 1) % perLine == 0) std::printf("\n");

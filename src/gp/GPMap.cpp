@@ -20,7 +20,7 @@ GPPair* pairOf(GPObject* object) { return static_cast<GPPair*>(object); }
 GPList* bucketAt(GPArray* buckets, int index) { return static_cast<GPList*>(buckets->objectAtIndex(index)); }
 
 // The bucket's pair with that key, with the bucket's cursor on it, or null.
-GPPair* pairWithKey(GPList* bucket, char const* key) {
+GPPair* pairWithKey(GPList* bucket, const char* key) {
     for (GPPair* pair = pairOf(bucket->firstObject()); pair; pair = pairOf(bucket->nextObject())) {
         if (std::strcmp(pair->key(), key) == 0) return pair;
     }
@@ -28,7 +28,7 @@ GPPair* pairWithKey(GPList* bucket, char const* key) {
 }
 
 // Bytes count as signed, in 32-bit arithmetic with wrap-around.
-std::uint32_t hashOf(char const* key, std::uint32_t capacity) {
+std::uint32_t hashOf(const char* key, std::uint32_t capacity) {
     std::uint32_t hash = capacity / 2;
     for (; *key; ++key) {
         hash = static_cast<std::uint32_t>(static_cast<signed char>(*key)) + hash * 101;
@@ -67,16 +67,16 @@ void GPMap::addBuckets(int upTo) {
 
 GPString* GPMap::className() { return GPString::string(className_); }
 
-char const* GPMap::cclassName() { return className_; }
+const char* GPMap::cclassName() { return className_; }
 
-char const* GPMap::GPMapClassName() { return className_; }
+const char* GPMap::GPMapClassName() { return className_; }
 
-GPList* GPMap::bucketForKey(char const* key) {
-    auto const capacity = static_cast<std::uint32_t>(buckets_->arraySpace());
+GPList* GPMap::bucketForKey(const char* key) {
+    const auto capacity = static_cast<std::uint32_t>(buckets_->arraySpace());
     return bucketAt(buckets_, static_cast<int>(hashOf(key, capacity) % capacity));
 }
 
-void GPMap::setObject(GPObject* value, char const* key) {
+void GPMap::setObject(GPObject* value, const char* key) {
     if (!value || !key) return;
     // Copied first: the key may be the text of the very pair that goes.
     char* ownKey = strdup(key);
@@ -84,7 +84,7 @@ void GPMap::setObject(GPObject* value, char const* key) {
     addPair(ownKey, value);
 }
 
-void GPMap::setNewObject(GPObject* value, char const* key) { addPair(strdup(key), value); }
+void GPMap::setNewObject(GPObject* value, const char* key) { addPair(strdup(key), value); }
 
 void GPMap::addPair(char* ownKey, GPObject* value) {
     GPMutexLock guard(mutex_);
@@ -93,7 +93,7 @@ void GPMap::addPair(char* ownKey, GPObject* value) {
     ++count_;
 }
 
-void GPMap::removeObjectForKey(char const* key) {
+void GPMap::removeObjectForKey(const char* key) {
     if (!key) return;
     GPMutexLock guard(mutex_);
     if (count_ == 0) return;
@@ -105,14 +105,14 @@ void GPMap::removeObjectForKey(char const* key) {
     bucket->removeObject(pair);
 }
 
-GPObject* GPMap::objectForKey(char const* key) {
+GPObject* GPMap::objectForKey(const char* key) {
     if (!key) return nullptr;
     GPMutexLock guard(mutex_);
     GPPair* pair = pairWithKey(bucketForKey(key), key);
     return pair ? pair->value() : nullptr;
 }
 
-char const* GPMap::firstKey() {
+const char* GPMap::firstKey() {
     GPMutexLock guard(mutex_);
     if (count_ == 0) return nullptr;
     walkBucket_ = 0;
@@ -124,7 +124,7 @@ char const* GPMap::firstKey() {
     return nextKey();
 }
 
-char const* GPMap::nextKey() {
+const char* GPMap::nextKey() {
     GPMutexLock guard(mutex_);
     for (; walkBucket_ < buckets_->count(); ++walkBucket_, walkPosition_ = 0) {
         GPPair* pair = pairOf(bucketAt(buckets_, walkBucket_)->objectAtIndex(walkPosition_));

@@ -24,27 +24,27 @@ public:
     ~GPMap() override;
 
     GPString* className() override;
-    char const* cclassName() override;
-    static char const* GPMapClassName();
+    const char* cclassName() override;
+    static const char* GPMapClassName();
 
     // Stores the value in place of what was under the key. The caller's reference to the value passes to the
     // map. Nothing happens if either is null.
-    void setObject(GPObject* value, char const* key);
+    void setObject(GPObject* value, const char* key);
 
     // As above for a key that is not in the map, which is not looked for: it costs no walk of a chain. Neither may
     // be null.
-    void setNewObject(GPObject* value, char const* key);
+    void setNewObject(GPObject* value, const char* key);
 
     // Removes the entry and releases its value; nothing happens for an absent key.
-    void removeObjectForKey(char const* key);
+    void removeObjectForKey(const char* key);
 
     // The value, borrowed, or null.
-    GPObject* objectForKey(char const* key);
+    GPObject* objectForKey(const char* key);
 
     // The key walk; the text is borrowed, null at the end. A change of the map during a walk can skip or
     // repeat a key.
-    char const* firstKey();
-    char const* nextKey();
+    const char* firstKey();
+    const char* nextKey();
 
     int count();
 
@@ -61,7 +61,7 @@ public:
 private:
     // Takes over both.
     void addPair(char* ownKey, GPObject* value);
-    GPList* bucketForKey(char const* key);
+    GPList* bucketForKey(const char* key);
     void addBuckets(int upTo);
 
     GPArray* buckets_;

@@ -153,7 +153,7 @@ private:
     Owned<GPString> pending_;
 };
 
-GPNetDevice::GPNetDevice(char const* name, char const* address, int family)
+GPNetDevice::GPNetDevice(const char* name, const char* address, int family)
     : adapterName_(new GPString(name)), ipAddresses_(new GPArray), addressFamily_(family) {
     auto text = Owned<GPString>::adopt(new GPString(address));
     ipAddresses_->addObject(text.get());
@@ -167,7 +167,7 @@ GPNetDevice::~GPNetDevice() {
     if (macAddress_) macAddress_->release();
 }
 
-char const* GPNetDevice::cclassName() { return "GPNetDevice"; }
+const char* GPNetDevice::cclassName() { return "GPNetDevice"; }
 
 void GPNetDevice::takeMacAddress(GPString* address) {
     if (macAddress_) macAddress_->release();

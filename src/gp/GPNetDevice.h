@@ -15,7 +15,7 @@ enum GPIPType { GPIPTypeV4 = 0, GPIPTypeV6 = 1, GPIPTypeAny = 2 };
 class GPNetDevice : public GPObject {
 public:
     // A device with one address and no hardware address; both texts are copied.
-    GPNetDevice(char const* name, char const* address, int family);
+    GPNetDevice(const char* name, const char* address, int family);
 
     // A device with a hardware address alone, whose reference passes to it; everything else is null or 0.
     explicit GPNetDevice(GPString* macAddress);
@@ -64,7 +64,7 @@ public:
     // Meant for one registration in a process. Always true; a watch that cannot be set up stays silent.
     static bool registerIPChanges(void (*callback)(), bool background);
 
-    char const* cclassName() override;
+    const char* cclassName() override;
 
     ~GPNetDevice() override;
 

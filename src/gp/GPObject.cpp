@@ -6,7 +6,7 @@
 #include <cstdio>
 #include <cstring>
 
-char const* gpobjectClassName = "GPObject";
+const char* gpobjectClassName = "GPObject";
 
 GPObject::GPObject() : autoreleaseMark_(0), referenceCount_(1) {}
 
@@ -36,7 +36,7 @@ int GPObject::release() {
 
 GPString* GPObject::className() { return GPString::string(gpobjectClassName); }
 
-char const* GPObject::cclassName() { return gpobjectClassName; }
+const char* GPObject::cclassName() { return gpobjectClassName; }
 
 GPObject* GPObject::autorelease() {
     GPAutoReleasePool* pool = GPAutoReleasePool::topPool();
@@ -53,7 +53,7 @@ GPObject* GPObject::autorelease() {
     return this;
 }
 
-bool GPObject::isInstanceOf(char const* name) {
-    char const* own = cclassName();
+bool GPObject::isInstanceOf(const char* name) {
+    const char* own = cclassName();
     return name && own && std::strcmp(own, name) == 0;
 }

@@ -13,7 +13,7 @@
 class GPString;
 
 // What the base class calls itself. Writable.
-extern char const* gpobjectClassName;
+extern const char* gpobjectClassName;
 
 class GPObject {
 public:
@@ -38,7 +38,7 @@ public:
     virtual GPString* className();
 
     // The class name as constant text.
-    virtual char const* cclassName();
+    virtual const char* cclassName();
 
     virtual ~GPObject();
 
@@ -51,7 +51,7 @@ public:
     GPObject* autorelease();
 
     // Whether cclassName() is exactly `name`; base classes do not count. False for null.
-    bool isInstanceOf(char const* name);
+    bool isInstanceOf(const char* name);
 
     static constexpr int lastReferenceGone = -99;
     static constexpr int destroyedMark = -100;

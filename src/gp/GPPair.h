@@ -10,7 +10,7 @@ public:
     GPPair(char* key, GPObject* value);
     ~GPPair() override;
 
-    char const* key() const { return key_; }
+    const char* key() const { return key_; }
     GPObject* value() const { return value_; }
 
     // Gives back the reference of the pair's making, which is the map's own; from the second call on, as after

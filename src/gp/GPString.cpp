@@ -19,17 +19,17 @@ namespace {
 constexpr char className_[] = "GPString";
 constexpr char escapedCharacters[] = "%$&+,/:;=?@ ";
 
-char* copyOf(char const* text, std::size_t length) {
+char* copyOf(const char* text, std::size_t length) {
     char* buffer = new char[length + 1];
     if (length) std::memcpy(buffer, text, length);
     buffer[length] = '\0';
     return buffer;
 }
 
-char* copyOf(char const* text) { return text ? copyOf(text, std::strlen(text)) : copyOf("", 0); }
+char* copyOf(const char* text) { return text ? copyOf(text, std::strlen(text)) : copyOf("", 0); }
 
-char* joined(char const* first, char const* second, std::size_t secondLength) {
-    std::size_t const firstLength = std::strlen(first);
+char* joined(const char* first, const char* second, std::size_t secondLength) {
+    const std::size_t firstLength = std::strlen(first);
     char* buffer = new char[firstLength + secondLength + 1];
     std::memcpy(buffer, first, firstLength);
     std::memcpy(buffer + firstLength, second, secondLength);
@@ -38,12 +38,12 @@ char* joined(char const* first, char const* second, std::size_t secondLength) {
 }
 
 // `before` with what vsnprintf makes behind it, measured with a first pass and written with a second.
-__attribute__((format(printf, 2, 0))) char* formatted(char const* before, char const* fmt,
+__attribute__((format(printf, 2, 0))) char* formatted(const char* before, const char* fmt,
                                                       va_list arguments) {
     va_list again;
     va_copy(again, arguments);
-    std::size_t const start = std::strlen(before);
-    int const length = std::max(std::vsnprintf(nullptr, 0, fmt, arguments), -1);
+    const std::size_t start = std::strlen(before);
+    const int length = std::max(std::vsnprintf(nullptr, 0, fmt, arguments), -1);
     char* buffer = new char[start + static_cast<std::size_t>(length + 1) + 1];
     std::memcpy(buffer, before, start + 1);
     if (length >= 0) std::vsnprintf(buffer + start, static_cast<std::size_t>(length) + 1, fmt, again);
@@ -53,7 +53,7 @@ __attribute__((format(printf, 2, 0))) char* formatted(char const* before, char c
 
 // A number that was not there reads as -1; a "0" in front is enough to be there.
 template <class Number>
-Number numberOrMinusOne(char const* text, Number value) {
+Number numberOrMinusOne(const char* text, Number value) {
     return value == 0 && text[0] != '0' ? -1 : value;
 }
 
@@ -61,7 +61,7 @@ bool isHexDigit(char character) { return std::isxdigit(static_cast<unsigned char
 
 bool isEscaped(char character) { return character && std::strchr(escapedCharacters, character); }
 
-bool isEscape(char const* at) { return at[0] == '%' && isHexDigit(at[1]) && isHexDigit(at[2]); }
+bool isEscape(const char* at) { return at[0] == '%' && isHexDigit(at[1]) && isHexDigit(at[2]); }
 
 // Whether the size that the matches of `from` call for is below 1. Overlapping matches count, on purpose.
 bool shrinksBelowOne(std::string_view text, std::string_view from, std::string_view to) {
@@ -95,11 +95,11 @@ GPString::GPString() : text_(copyOf("", 0)), staticMark_(0) {}
 
 GPString::GPString(std::nullptr_t) : GPString() {}
 
-GPString::GPString(GPString const* text) : text_(copyOf(text ? text->text_ : nullptr)), staticMark_(0) {}
+GPString::GPString(const GPString* text) : text_(copyOf(text ? text->text_ : nullptr)), staticMark_(0) {}
 
-GPString::GPString(char const* text) : text_(copyOf(text)), staticMark_(0) {}
+GPString::GPString(const char* text) : text_(copyOf(text)), staticMark_(0) {}
 
-GPString::GPString(char const* text, int len) : staticMark_(0) {
+GPString::GPString(const char* text, int len) : staticMark_(0) {
     if (text && len < 0) {
         text_ = const_cast<char*>(text);
     } else {
@@ -113,23 +113,23 @@ GPString::~GPString() { delete[] text_; }
 
 GPString* GPString::className() { return string(className_); }
 
-char const* GPString::cclassName() { return className_; }
+const char* GPString::cclassName() { return className_; }
 
-char const* GPString::GPStringClassName() { return className_; }
+const char* GPString::GPStringClassName() { return className_; }
 
-GPString* GPString::string(std::nullptr_t) { return string(static_cast<char const*>(nullptr)); }
+GPString* GPString::string(std::nullptr_t) { return string(static_cast<const char*>(nullptr)); }
 
-GPString* GPString::string(char const* text) {
+GPString* GPString::string(const char* text) {
     return static_cast<GPString*>((new GPString(text))->autorelease());
 }
 
-GPString* GPString::string(GPString const* text) { return string(text->text_); }
+GPString* GPString::string(const GPString* text) { return string(text->text_); }
 
-GPString* GPString::staticstring(char const* text) { return (new GPString(text))->makestatic(); }
+GPString* GPString::staticstring(const char* text) { return (new GPString(text))->makestatic(); }
 
 GPString* GPString::absorbe(char* text) { return new GPString(text, -1); }
 
-GPString* GPString::format(char const* fmt, ...) {
+GPString* GPString::format(const char* fmt, ...) {
     va_list arguments;
     va_start(arguments, fmt);
     GPString* result = absorbe(formatted("", fmt, arguments));
@@ -139,19 +139,19 @@ GPString* GPString::format(char const* fmt, ...) {
 
 int GPString::length() const { return static_cast<int>(std::strlen(text_)); }
 
-bool GPString::isEqual(char const* text) const { return text && std::strcmp(text_, text) == 0; }
+bool GPString::isEqual(const char* text) const { return text && std::strcmp(text_, text) == 0; }
 
-bool GPString::isEqual(GPString const* text) const { return std::strcmp(text_, text->text_) == 0; }
+bool GPString::isEqual(const GPString* text) const { return std::strcmp(text_, text->text_) == 0; }
 
-bool GPString::startsWith(char const* text) const {
+bool GPString::startsWith(const char* text) const {
     // True in both directions, on purpose: an empty string starts with everything.
-    for (char const* own = text_; *own && *text; ++own, ++text) {
+    for (const char* own = text_; *own && *text; ++own, ++text) {
         if (*own != *text) return false;
     }
     return true;
 }
 
-bool GPString::startsWith(GPString const* text) const { return startsWith(text->text_); }
+bool GPString::startsWith(const GPString* text) const { return startsWith(text->text_); }
 
 int GPString::intValue() const {
     return numberOrMinusOne(text_, static_cast<int>(std::strtol(text_, nullptr, 10)));
@@ -166,19 +166,19 @@ bool GPString::boolValue() {
     return isEqual("true") || intValue() > 0;
 }
 
-int GPString::find(char const* needle, int start, bool fromEnd) const {
+int GPString::find(const char* needle, int start, bool fromEnd) const {
     if (start < 0 || start >= length()) return -1;
-    char const* match = ::find(text_ + start, needle, fromEnd);
+    const char* match = ::find(text_ + start, needle, fromEnd);
     return match ? static_cast<int>(match - text_) : -1;
 }
 
-int GPString::find(GPString const* needle, int start, bool fromEnd) const {
+int GPString::find(const GPString* needle, int start, bool fromEnd) const {
     return find(needle->text_, start, fromEnd);
 }
 
-int GPString::find(char const* needle, bool fromEnd) const { return find(needle, 0, fromEnd); }
+int GPString::find(const char* needle, bool fromEnd) const { return find(needle, 0, fromEnd); }
 
-int GPString::find(GPString const* needle, bool fromEnd) const { return find(needle->text_, 0, fromEnd); }
+int GPString::find(const GPString* needle, bool fromEnd) const { return find(needle->text_, 0, fromEnd); }
 
 int GPString::skipws() const { return skipws(0); }
 
@@ -192,22 +192,22 @@ GPString* GPString::take(char* text) {
     return this;
 }
 
-GPString* GPString::reset(char const* text) { return text ? take(copyOf(text)) : this; }
+GPString* GPString::reset(const char* text) { return text ? take(copyOf(text)) : this; }
 
-GPString* GPString::append(char const* text) { return take(joined(text_, text, std::strlen(text))); }
+GPString* GPString::append(const char* text) { return take(joined(text_, text, std::strlen(text))); }
 
-GPString* GPString::append(GPString const* text) { return append(text->text_); }
+GPString* GPString::append(const GPString* text) { return append(text->text_); }
 
-GPString& GPString::operator+=(char const* text) { return *append(text); }
+GPString& GPString::operator+=(const char* text) { return *append(text); }
 
-GPString& GPString::operator+=(GPString const* text) { return *append(text->text_); }
+GPString& GPString::operator+=(const GPString* text) { return *append(text->text_); }
 
-GPString* GPString::append(char const* text, int len) {
+GPString* GPString::append(const char* text, int len) {
     if (len <= 0) return this;
     return take(joined(text_, text, strnlen(text, static_cast<std::size_t>(len))));
 }
 
-GPString* GPString::appendFormat(char const* fmt, ...) {
+GPString* GPString::appendFormat(const char* fmt, ...) {
     va_list arguments;
     va_start(arguments, fmt);
     char* text = formatted(text_, fmt, arguments);
@@ -215,7 +215,7 @@ GPString* GPString::appendFormat(char const* fmt, ...) {
     return take(text);
 }
 
-GPString* GPString::replace(char const* from, char const* to) {
+GPString* GPString::replace(const char* from, const char* to) {
     // An empty `from` has no first match, and would have no last one.
     if (!from || !to || !*from || !::find(text_, from, false)) return this;
     if (shrinksBelowOne(text_, from, to)) return this;
@@ -234,14 +234,14 @@ GPString* GPString::replace(char const* from, char const* to) {
     return take(buffer);
 }
 
-GPString* GPString::replace(GPString const* from, GPString const* to) {
+GPString* GPString::replace(const GPString* from, const GPString* to) {
     return replace(from ? from->text_ : nullptr, to ? to->text_ : nullptr);
 }
 
 GPString* GPString::subString(int start, int end) {
     // Indexes that lead out of the text are taken as its ends: nothing is read outside of the buffer.
-    int const first = std::clamp(start, 0, length());
-    int const behind = std::clamp(end, first, length());
+    const int first = std::clamp(start, 0, length());
+    const int behind = std::clamp(end, first, length());
     return take(copyOf(text_ + first, static_cast<std::size_t>(behind - first)));
 }
 
@@ -249,7 +249,7 @@ GPString* GPString::subString(int start) { return subString(start, length()); }
 
 GPString* GPString::trim() {
     trimws(text_);
-    char const* first = ::skipws(text_);
+    const char* first = ::skipws(text_);
     return *first != *text_ ? reset(first) : this;
 }
 
@@ -270,7 +270,7 @@ GPString* GPString::uppercase() {
 GPString* GPString::encode() {
     char* buffer = new char[static_cast<std::size_t>(getUrlEscapedLength(text_)) + 1];
     char* to = buffer;
-    for (char const* at = text_; *at; ++at) {
+    for (const char* at = text_; *at; ++at) {
         if (isEscaped(*at)) {
             to += std::snprintf(to, 4, "%%%02X", static_cast<unsigned char>(*at));
         } else {
@@ -284,9 +284,9 @@ GPString* GPString::encode() {
 GPString* GPString::decode() {
     char* buffer = new char[static_cast<std::size_t>(getUrlRestoredLength(text_)) + 1];
     char* to = buffer;
-    for (char const* at = text_; *at; ++at) {
+    for (const char* at = text_; *at; ++at) {
         if (isEscape(at)) {
-            char const digits[] = {at[1], at[2], '\0'};
+            const char digits[] = {at[1], at[2], '\0'};
             *to++ = static_cast<char>(base16(digits));
             at += 2;
         } else {
@@ -301,7 +301,7 @@ GPString* GPString::domDecode() {
     constexpr char entity[] = "&amp;";
     char* buffer = new char[std::strlen(text_) + 1];
     char* to = buffer;
-    for (char const* at = text_; *at; ++at) {
+    for (const char* at = text_; *at; ++at) {
         *to++ = *at;
         if (std::strncmp(at, entity, sizeof entity - 1) == 0) at += sizeof entity - 2;
     }
@@ -316,14 +316,14 @@ GPString* GPString::makestatic() {
 
 char* GPString::reverse() { return ::reverse(text_); }
 
-GPArray* GPString::split(char const* separator) const {
+GPArray* GPString::split(const char* separator) const {
     auto pieces = Owned<GPArray>::adopt(new GPArray());
-    std::string_view const text(text_);
-    auto const add = [&pieces](std::string_view piece) {
+    const std::string_view text(text_);
+    const auto add = [&pieces](std::string_view piece) {
         auto string = Owned<GPString>::adopt(new GPString(piece.data(), static_cast<int>(piece.size())));
         pieces->addObject(string.get());
     };
-    std::string_view const between(separator);
+    const std::string_view between(separator);
     TextSearch search(text, between);
     std::size_t position = 0;
     // A match at 0 ends the splitting, on purpose: a path with a leading "/" stays in one piece.
@@ -336,9 +336,9 @@ GPArray* GPString::split(char const* separator) const {
     return pieces.handOver();
 }
 
-GPArray* GPString::split(GPString const* separator) const { return split(separator->text_); }
+GPArray* GPString::split(const GPString* separator) const { return split(separator->text_); }
 
-GPString* GPString::join(GPArray* array, char const* separator) {
+GPString* GPString::join(GPArray* array, const char* separator) {
     if (!array || array->count() == 0) return nullptr;
 
     std::string text;
@@ -349,9 +349,9 @@ GPString* GPString::join(GPArray* array, char const* separator) {
     return new GPString(text.c_str());
 }
 
-GPString* GPString::join(GPArray* array, GPString const* separator) { return join(array, separator->text_); }
+GPString* GPString::join(GPArray* array, const GPString* separator) { return join(array, separator->text_); }
 
-int getUrlEscapedLength(char const* text) {
+int getUrlEscapedLength(const char* text) {
     int length = 0;
     for (; *text; ++text) {
         length += isEscaped(*text) ? 3 : 1;
@@ -359,7 +359,7 @@ int getUrlEscapedLength(char const* text) {
     return length;
 }
 
-int getUrlRestoredLength(char const* text) {
+int getUrlRestoredLength(const char* text) {
     int length = 0;
     for (; *text; ++text, ++length) {
         if (isEscape(text)) text += 2;

@@ -19,36 +19,36 @@ public:
     explicit GPString(std::nullptr_t);
 
     // A copy of the text; null gives an empty string.
-    explicit GPString(GPString const* text);
-    explicit GPString(char const* text);
+    explicit GPString(const GPString* text);
+    explicit GPString(const char* text);
 
     // A copy of at most `len` bytes, which stops at a NUL. With a negative `len` nothing is copied: the
     // string takes the pointer as its own buffer and will delete[] it. Null gives an empty string.
-    GPString(char const* text, int len);
+    GPString(const char* text, int len);
 
     explicit GPString(char character);
     ~GPString() override;
 
     GPString* className() override;
-    char const* cclassName() override;
-    static char const* GPStringClassName();
+    const char* cclassName() override;
+    static const char* GPStringClassName();
 
     // A new string, autoreleased. The char form takes null for empty text, the other one reads unchecked.
     static GPString* string(std::nullptr_t);
-    static GPString* string(char const* text);
-    static GPString* string(GPString const* text);
+    static GPString* string(const char* text);
+    static GPString* string(const GPString* text);
 
     // A new string with the static mark, owned by the caller.
-    static GPString* staticstring(char const* text);
+    static GPString* staticstring(const char* text);
 
     // A new string around `text`, which must come from new[]; owned by the caller.
     static GPString* absorbe(char* text);
 
     // A new string as printf would write it; owned by the caller.
-    static GPString* format(char const* fmt, ...) __attribute__((format(printf, 1, 2)));
+    static GPString* format(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
 
     // The buffer, borrowed; valid until the next change.
-    char const* cstr() const { return text_; }
+    const char* cstr() const { return text_; }
     int length() const;
 
     // The address of the character. The index is not checked.
@@ -56,12 +56,12 @@ public:
     char* operator[](int index) { return text_ + index; }
 
     // Exact comparison. A null char pointer is not equal; the other form reads unchecked.
-    bool isEqual(char const* text) const;
-    bool isEqual(GPString const* text) const;
+    bool isEqual(const char* text) const;
+    bool isEqual(const GPString* text) const;
 
     // Whether one of the two texts is a prefix of the other, in either direction.
-    bool startsWith(char const* text) const;
-    bool startsWith(GPString const* text) const;
+    bool startsWith(const char* text) const;
+    bool startsWith(const GPString* text) const;
 
     // The number at the start of the text, as atoi and atoll read it; -1 when that is 0 and the text does not
     // begin with "0".
@@ -73,10 +73,10 @@ public:
 
     // Index of `needle` at or after `start`, or -1, also when `start` is not below the length. With `fromEnd`
     // the search and its answer are those of the free find: the index of the last character of the match.
-    int find(char const* needle, int start, bool fromEnd) const;
-    int find(GPString const* needle, int start, bool fromEnd) const;
-    int find(char const* needle, bool fromEnd) const;
-    int find(GPString const* needle, bool fromEnd) const;
+    int find(const char* needle, int start, bool fromEnd) const;
+    int find(const GPString* needle, int start, bool fromEnd) const;
+    int find(const char* needle, bool fromEnd) const;
+    int find(const GPString* needle, bool fromEnd) const;
 
     // Index of the first character that is no whitespace, at or after `from`.
     int skipws() const;
@@ -88,23 +88,23 @@ public:
     // The operations below change the string in place and return it.
 
     // Replaces the text; null leaves it alone.
-    GPString* reset(char const* text);
+    GPString* reset(const char* text);
 
     // Appends; the argument is read unchecked.
-    GPString* append(char const* text);
-    GPString* append(GPString const* text);
-    GPString& operator+=(char const* text);
-    GPString& operator+=(GPString const* text);
+    GPString* append(const char* text);
+    GPString* append(const GPString* text);
+    GPString& operator+=(const char* text);
+    GPString& operator+=(const GPString* text);
 
     // Appends at most `len` bytes and stops at a NUL.
-    GPString* append(char const* text, int len);
-    GPString* appendFormat(char const* fmt, ...) __attribute__((format(printf, 2, 3)));
+    GPString* append(const char* text, int len);
+    GPString* appendFormat(const char* fmt, ...) __attribute__((format(printf, 2, 3)));
 
     // Replaces what matches `from`. With more than one match the text between them comes out longer than it
     // was: 'a-b-c' with '+' for '-' gives 'a+b-c+c'. Nothing happens where the result would be longer than
     // length() can say.
-    GPString* replace(char const* from, char const* to);
-    GPString* replace(GPString const* from, GPString const* to);
+    GPString* replace(const char* from, const char* to);
+    GPString* replace(const GPString* from, const GPString* to);
 
     // Cuts the string itself down to the bytes from `start` up to but not including `end`.
     GPString* subString(int start, int end);
@@ -130,13 +130,13 @@ public:
 
     // The pieces between separators, as strings owned by a new array that the caller owns. A separator at the
     // very beginning keeps the whole text in one piece.
-    GPArray* split(char const* separator) const;
-    GPArray* split(GPString const* separator) const;
+    GPArray* split(const char* separator) const;
+    GPArray* split(const GPString* separator) const;
 
     // The strings of the array with the separator between them, owned by the caller; null for a null or empty
     // array. All elements must be GPStrings.
-    static GPString* join(GPArray* array, char const* separator);
-    static GPString* join(GPArray* array, GPString const* separator);
+    static GPString* join(GPArray* array, const char* separator);
+    static GPString* join(GPArray* array, const GPString* separator);
 
 private:
     // Takes `text` over in place of the present buffer.
@@ -148,35 +148,35 @@ private:
 
 // Where `needle` stands in `hay`, or null. With `fromEnd` the answer points at the last character of the match,
 // and only the last occurrence of the needle's last character is ever tried.
-char const* find(char const* hay, char const* needle, bool fromEnd);
-char const* find(char const* hay, char character, bool fromEnd);
+const char* find(const char* hay, const char* needle, bool fromEnd);
+const char* find(const char* hay, char character, bool fromEnd);
 
 // The first character that is no whitespace; null for null.
-char const* skipws(char const* text);
+const char* skipws(const char* text);
 
 // Cuts trailing whitespace by writing NULs; returns its argument.
 char* trimws(char* text);
 
 // Steps over one leading whitespace character, then goes to the next one or the NUL; null for null.
-char const* nextws(char const* text);
+const char* nextws(const char* text);
 
 // The last character, or the NUL of an empty text; null for null.
-char const* end(char const* text);
-char const* last(char const* text);
+const char* end(const char* text);
+const char* last(const char* text);
 
 // Reverses in place; returns its argument.
 char* reverse(char* text);
 
 // Decimal value: whitespace, one optional "-", digits up to the first other character.
-int base10(char const* text);
+int base10(const char* text);
 
 // Hexadecimal value: whitespace, one optional "0x" or "0X", digits up to the first other character.
-std::uint32_t base16(char const* text);
+std::uint32_t base16(const char* text);
 
 // The lengths that encode and decode will produce.
-int getUrlEscapedLength(char const* text);
-int getUrlRestoredLength(char const* text);
+int getUrlEscapedLength(const char* text);
+int getUrlRestoredLength(const char* text);
 
 // Conversions by mbstowcs and wcstombs; the caller frees the result with delete[].
-wchar_t* unicode(char const* text);
-char* ansi(wchar_t const* text);
+wchar_t* unicode(const char* text);
+char* ansi(const wchar_t* text);

@@ -15,35 +15,35 @@ namespace {
 bool isSpace(char character) { return std::isspace(static_cast<unsigned char>(character)) != 0; }
 
 // Compares backwards from the last characters; what leads in front of `hay` is no match.
-bool matchesBackwards(char const* hay, char const* at, char const* needle) {
-    std::size_t const needleLength = std::strlen(needle);
+bool matchesBackwards(const char* hay, const char* at, const char* needle) {
+    const std::size_t needleLength = std::strlen(needle);
     if (static_cast<std::size_t>(at - hay) + 1 < needleLength) return false;
     return needleLength == 0 || std::memcmp(at + 1 - needleLength, needle, needleLength) == 0;
 }
 
 } // namespace
 
-char const* find(char const* hay, char const* needle, bool fromEnd) {
+const char* find(const char* hay, const char* needle, bool fromEnd) {
     if (!hay || !needle) return nullptr;
 
     if (fromEnd) {
         // Behind a last occurrence that fails there is no other one: a match further in front is not found, on
         // purpose.
-        char const* hit = std::strrchr(hay, *last(needle));
+        const char* hit = std::strrchr(hay, *last(needle));
         return hit && matchesBackwards(hay, hit, needle) ? hit : nullptr;
     }
     // An empty needle's first character is its NUL.
     if (!*needle) return hay + std::strlen(hay);
-    std::size_t const place = TextSearch(hay, needle).next();
+    const std::size_t place = TextSearch(hay, needle).next();
     return place == TextSearch::npos ? nullptr : hay + place;
 }
 
-char const* find(char const* hay, char character, bool fromEnd) {
+const char* find(const char* hay, char character, bool fromEnd) {
     if (!hay) return nullptr;
     return fromEnd ? std::strrchr(hay, character) : std::strchr(hay, character);
 }
 
-char const* skipws(char const* text) {
+const char* skipws(const char* text) {
     if (!text) return nullptr;
     while (isSpace(*text)) {
         ++text;
@@ -59,7 +59,7 @@ char* trimws(char* text) {
     return text;
 }
 
-char const* nextws(char const* text) {
+const char* nextws(const char* text) {
     if (!text) return nullptr;
     if (isSpace(*text)) ++text;
     while (*text && !isSpace(*text)) {
@@ -68,23 +68,23 @@ char const* nextws(char const* text) {
     return text;
 }
 
-char const* end(char const* text) {
+const char* end(const char* text) {
     if (!text) return nullptr;
     return *text ? text + std::strlen(text) - 1 : text;
 }
 
-char const* last(char const* text) { return end(text); }
+const char* last(const char* text) { return end(text); }
 
 char* reverse(char* text) {
-    std::size_t const length = text ? std::strlen(text) : 0;
+    const std::size_t length = text ? std::strlen(text) : 0;
     if (length >= 2) std::reverse(text, text + length);
     return text;
 }
 
-int base10(char const* text) {
-    char const* at = skipws(text);
+int base10(const char* text) {
+    const char* at = skipws(text);
     if (!at) return 0;
-    bool const negative = *at == '-';
+    const bool negative = *at == '-';
     if (negative) ++at;
 
     std::uint32_t value = 0;
@@ -94,30 +94,30 @@ int base10(char const* text) {
     return static_cast<std::int32_t>(negative ? 0 - value : value);
 }
 
-std::uint32_t base16(char const* text) {
-    char const* at = skipws(text);
+std::uint32_t base16(const char* text) {
+    const char* at = skipws(text);
     if (!at) return 0;
     if (at[0] == '0' && (at[1] == 'x' || at[1] == 'X')) at += 2;
 
     std::uint32_t value = 0;
     for (; std::isxdigit(static_cast<unsigned char>(*at)); ++at) {
-        int const digit = *at <= '9' ? *at - '0' : (*at | 0x20) - 'a' + 10;
+        const int digit = *at <= '9' ? *at - '0' : (*at | 0x20) - 'a' + 10;
         value = value * 16 + static_cast<std::uint32_t>(digit);
     }
     return value;
 }
 
-wchar_t* unicode(char const* text) {
+wchar_t* unicode(const char* text) {
     if (!text) return nullptr;
-    std::size_t const size = std::strlen(text) + 1;
+    const std::size_t size = std::strlen(text) + 1;
     wchar_t* wide = new wchar_t[size]();
     std::mbstowcs(wide, text, size);
     return wide;
 }
 
-char* ansi(wchar_t const* text) {
+char* ansi(const wchar_t* text) {
     if (!text) return nullptr;
-    std::size_t const size = std::wcslen(text) * MB_CUR_MAX + 1;
+    const std::size_t size = std::wcslen(text) * MB_CUR_MAX + 1;
     char* narrow = new char[size]();
     std::wcstombs(narrow, text, size);
     return narrow;

@@ -86,7 +86,7 @@ bool GPSyncdArray::addObject(GPObject* object) {
 bool GPSyncdArray::removeObject(GPObject* object) {
     GPMutexLock guard(mutex_);
     auto snapshot = Owned<GPArray>::adopt(getArray());
-    int const index = snapshot->indexOfObject(object);
+    const int index = snapshot->indexOfObject(object);
     if (index >= 0) removeFrom(snapshot.get(), index);
     guard.unlock();
     return index >= 0;
@@ -100,7 +100,7 @@ void GPSyncdArray::removeAll() {
     retired->release();
 }
 
-GPObject* GPSyncdArray::findStringObject(char const* text) {
+GPObject* GPSyncdArray::findStringObject(const char* text) {
     auto snapshot = Owned<GPArray>::adopt(getArray());
     GPObject* candidate = nullptr;
     for (int index = 0; index < snapshot->count(); ++index) {
@@ -113,7 +113,7 @@ GPObject* GPSyncdArray::findStringObject(char const* text) {
     return candidate;
 }
 
-int GPSyncdArray::findStringObjectIndex(GPArray* array, char const* text) {
+int GPSyncdArray::findStringObjectIndex(GPArray* array, const char* text) {
     for (int index = 0; index < array->count(); ++index) {
         GPObject* element = array->objectAtIndex(index);
         if (!element->isInstanceOf(GPString::GPStringClassName())) continue;
@@ -126,7 +126,7 @@ bool GPSyncdArray::addString(GPString* text) {
     if (!text || text->length() == 0) return false;
     GPMutexLock guard(mutex_);
     auto snapshot = Owned<GPArray>::adopt(getArray());
-    bool const isNew = findStringObjectIndex(snapshot.get(), text->cstr()) < 0;
+    const bool isNew = findStringObjectIndex(snapshot.get(), text->cstr()) < 0;
     if (isNew) appendTo(snapshot.get(), text);
     guard.unlock();
     return isNew;
@@ -136,7 +136,7 @@ bool GPSyncdArray::removeString(GPString* text) {
     if (!text || text->length() == 0) return false;
     GPMutexLock guard(mutex_);
     auto snapshot = Owned<GPArray>::adopt(getArray());
-    int const index = findStringObjectIndex(snapshot.get(), text->cstr());
+    const int index = findStringObjectIndex(snapshot.get(), text->cstr());
     if (index >= 0) removeFrom(snapshot.get(), index);
     guard.unlock();
     return index >= 0;

@@ -46,10 +46,10 @@ public:
 
     // The GPString with that text, borrowed, or null. When the array ends in an element that is no string,
     // that element is the answer for an absent text.
-    GPObject* findStringObject(char const* text);
+    GPObject* findStringObject(const char* text);
 
     // Index of the first GPString with that text, or -1; other elements are stepped over.
-    int findStringObjectIndex(GPArray* array, char const* text);
+    int findStringObjectIndex(GPArray* array, const char* text);
 
     // False for null or empty text and for text that is already there.
     bool addString(GPString* text);

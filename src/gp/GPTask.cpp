@@ -77,9 +77,9 @@ GPString* readOutput(const Pipe& pipe) {
 }
 
 // The first element of PATH with that program in it, with the program's name behind; empty if there is none.
-std::string searchPath(char const* program) {
+std::string searchPath(const char* program) {
     std::string detected;
-    char const* variable = std::getenv("PATH");
+    const char* variable = std::getenv("PATH");
     if (!variable) return detected;
     auto* pool = new GPAutoReleasePool;
     {
@@ -95,7 +95,7 @@ std::string searchPath(char const* program) {
     return detected;
 }
 
-[[noreturn]] void reportFailure(int error, char const* path, Pipe& failPipe, platform::ExecSign& sign) {
+[[noreturn]] void reportFailure(int error, const char* path, Pipe& failPipe, platform::ExecSign& sign) {
     char report[1024] = {};
     std::snprintf(report, sizeof report, "GPTask exec failure: %d. Path that was detected: %s\n", error,
                   path ? path : "(null)");
@@ -107,7 +107,7 @@ std::string searchPath(char const* program) {
 }
 
 // What the forked child does; it goes on with the calling thread alone.
-[[noreturn]] void childFork(Pipe& ioPipe, char const* commandLine, Pipe& failPipe, platform::ExecSign& sign) {
+[[noreturn]] void childFork(Pipe& ioPipe, const char* commandLine, Pipe& failPipe, platform::ExecSign& sign) {
     dup2(ioPipe.readEnd, STDIN_FILENO);
     dup2(ioPipe.writeEnd, STDOUT_FILENO);
     dup2(ioPipe.writeEnd, STDERR_FILENO);
@@ -120,7 +120,7 @@ std::string searchPath(char const* program) {
         arguments.push_back(const_cast<char*>(static_cast<GPString*>(words->objectAtIndex(i))->cstr()));
     arguments.push_back(nullptr);
 
-    char const* program = arguments[0];
+    const char* program = arguments[0];
     std::string detected;
     if (ifExist(program)) {
         execv(program, arguments.data());
@@ -137,7 +137,7 @@ void GPTask::waitOn(bool wait) { wait_ = wait; }
 
 void GPTask::showWindow(bool show) { show_ = show; }
 
-GPString* GPTask::run(char const* commandLine) {
+GPString* GPTask::run(const char* commandLine) {
     Pipe ioPipe;
     Pipe failPipe;
     platform::ExecSign sign;
@@ -167,14 +167,14 @@ GPString* GPTask::run(char const* commandLine) {
     return output;
 }
 
-GPString* GPTask::task(char const* commandLine, bool wait, bool show) {
+GPString* GPTask::task(const char* commandLine, bool wait, bool show) {
     const auto made = Owned<GPTask>::adopt(new GPTask);
     made->waitOn(wait);
     made->showWindow(show);
     return made->run(commandLine);
 }
 
-GPArray* GPTask::splitCommandLine(char const* commandLine) {
+GPArray* GPTask::splitCommandLine(const char* commandLine) {
     auto* words = new GPArray;
     std::string text(commandLine ? commandLine : "");
     char* word = text.data();

@@ -22,14 +22,14 @@ public:
     // Starts the command. The result belongs to the caller: the output, text that tells why the command
     // could not be started, or null. Without waiting the result is null once the command runs. A child that
     // writes more than a pipe holds, or a multiple of 4096 bytes, blocks the caller.
-    GPString* run(char const* commandLine);
+    GPString* run(const char* commandLine);
 
     // Makes a task, runs it and returns what run returned.
-    static GPString* task(char const* commandLine, bool wait, bool show);
+    static GPString* task(const char* commandLine, bool wait, bool show);
 
     // The words of a command line, as a new array of GPStrings. A word that begins with a quote reaches to
     // the next such quote, where there is one; there is no escape character.
-    static GPArray* splitCommandLine(char const* commandLine);
+    static GPArray* splitCommandLine(const char* commandLine);
 
 private:
     bool wait_ = false;

@@ -14,7 +14,7 @@ enum class Place { own, other, left };
 // Whether the open file is what lies at `path`, and lies nowhere else; or has left that place for another, as a file
 // does that a rotation moves. To ask the descriptor alone is not enough: whoever puts a second name of some file there
 // can take it away again once it is open, and one name is left.
-Place placeOf(int descriptor, char const* path, KnownFile* known) {
+Place placeOf(int descriptor, const char* path, KnownFile* known) {
     struct stat opened;
     if (fstat(descriptor, &opened) != 0 || !hasOneName(opened)) return Place::other;
     if (known && known->is(opened.st_dev, opened.st_ino)) return Place::own;
@@ -27,7 +27,7 @@ Place placeOf(int descriptor, char const* path, KnownFile* known) {
     return Place::own;
 }
 
-bool writeWhole(int descriptor, char const* text, std::size_t length) {
+bool writeWhole(int descriptor, const char* text, std::size_t length) {
     while (length > 0) {
         const ssize_t written = write(descriptor, text, length);
         if (written < 0 && errno == EINTR) continue;
@@ -40,7 +40,7 @@ bool writeWhole(int descriptor, char const* text, std::size_t length) {
 
 } // namespace
 
-bool appendGuarded(char const* path, char const* text, std::size_t length, KnownFile* known) {
+bool appendGuarded(const char* path, const char* text, std::size_t length, KnownFile* known) {
     // Without waiting, since a pipe waits for its reader and a file with a lease for its holder.
     constexpr int flags = O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
     // Nobody is to keep a caller here by moving every file away.

@@ -27,4 +27,4 @@ private:
 // Appends to the file at `path`, which is made if nothing is there. Writes to a regular file without another name
 // alone, never through a link as the last component, and never waits for what it opens. A file that is moved away
 // meanwhile costs another try, of which there are a few. False, with nothing written, when something else is there. False, too, when not everything could be written. Any thread.
-bool appendGuarded(char const* path, char const* text, std::size_t length, KnownFile* known = nullptr);
+bool appendGuarded(const char* path, const char* text, std::size_t length, KnownFile* known = nullptr);

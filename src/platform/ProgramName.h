@@ -5,6 +5,6 @@
 namespace platform {
 
 // The last component of the program's path; valid for the life of the process.
-char const* programName();
+const char* programName();
 
 } // namespace platform

@@ -67,7 +67,7 @@ TEST_F(GPArrayLocksTest, SortOfASafeArrayHoldsTheLockForTheCountAlone) {
     sorted = &array;
 
     // The comparator can take the lock, so nobody holds it.
-    array.sort([](void const*, void const*) {
+    array.sort([](const void*, const void*) {
         sorted->lock();
         sorted->unlock();
         locked = true;
@@ -77,7 +77,7 @@ TEST_F(GPArrayLocksTest, SortOfASafeArrayHoldsTheLockForTheCountAlone) {
     EXPECT_TRUE(locked);
     EXPECT_TRUE(neverEnds([this] {
         array.lock();
-        array.sort([](void const*, void const*) { return 0; });
+        array.sort([](const void*, const void*) { return 0; });
     }));
 }
 

@@ -29,7 +29,7 @@ protected:
     GPArray array;
 };
 
-int byText(void const* left, void const* right) {
+int byText(const void* left, const void* right) {
     return std::strcmp((*static_cast<GPString* const*>(left))->cstr(),
                        (*static_cast<GPString* const*>(right))->cstr());
 }
@@ -239,7 +239,7 @@ TEST_F(GPArrayTest, AfterRemoveAllObjectsTheSpaceIsFiveAndTheValuesFlagIsClear) 
 }
 
 TEST_F(GPArrayTest, SortHandsPointersToTheEntriesToTheComparator) {
-    for (char const* text : {"pear", "apple", "zebra", "mango", "fig", "kiwi"}) {
+    for (const char* text : {"pear", "apple", "zebra", "mango", "fig", "kiwi"}) {
         auto string = Owned<GPString>::adopt(new GPString(text));
         array.addObject(string.get());
     }

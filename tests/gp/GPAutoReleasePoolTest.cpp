@@ -79,7 +79,7 @@ TEST(GPAutoReleasePool, TopPoolOnAThreadWhoseStackIsEmptyIsNull) {
 TEST(GPAutoReleasePool, StackSurvivesAnEmptyStateAndIsReused) {
     auto* first = new GPAutoReleasePool();
     void* stack = GPThread::getLocalThreadValue(PoolKey);
-    unsigned long const key = PoolKey;
+    const unsigned long key = PoolKey;
     first->drain();
 
     auto* second = new GPAutoReleasePool();
@@ -251,10 +251,10 @@ TEST(GPAutoReleasePool, ManyObjectsFitThePool) {
 
 TEST(GPAutoReleasePool, DifferingKeysPrintTheIntegrityError) {
     auto* pool = new GPAutoReleasePool();
-    unsigned long const oldKey = PoolKey;
+    const unsigned long oldKey = PoolKey;
     PoolKey = 0;
     auto* other = new GPAutoReleasePool();
-    unsigned long const newKey = PoolKey;
+    const unsigned long newKey = PoolKey;
     ASSERT_NE(newKey, oldKey);
 
     EXPECT_EQ(drained(pool), integrityError(oldKey, newKey));

@@ -13,11 +13,11 @@ using testsupport::references;
 
 namespace {
 
-std::string content(GPData const& data) {
+std::string content(const GPData& data) {
     return std::string(data.bytes(), static_cast<std::size_t>(data.length()));
 }
 
-char* newBytes(char const* text) {
+char* newBytes(const char* text) {
     char* buffer = new char[std::strlen(text)];
     std::memcpy(buffer, text, std::strlen(text));
     return buffer;
@@ -50,7 +50,7 @@ TEST(GPData, MadeWithSizeIsZeroed) {
 
 TEST(GPData, MadeWithSizeFillsUpWithoutReallocation) {
     GPData data(8);
-    char const* before = data.bytes();
+    const char* before = data.bytes();
     data.append("abcd", 4);
     data.append("efgh", 4);
     EXPECT_EQ(data.bytes(), before);

@@ -25,7 +25,7 @@ protected:
     void SetUp() override { inZone("UTC0"); }
     void TearDown() override { pool_->drain(); }
 
-    void inZone(char const* zone) {
+    void inZone(const char* zone) {
         setenv("TZ", zone, 1);
         tzset();
     }
@@ -46,7 +46,7 @@ protected:
         ManualClock::installed().set(static_cast<std::int64_t>(seconds) * 1000000);
     }
 
-    static std::string read(char const* text) {
+    static std::string read(const char* text) {
         const auto date = Owned<GPDate>::adopt(GPDate::dateFromString(text));
         if (!date) return "null";
         date->setFormat("%Y-%m-%d %H:%M:%S");

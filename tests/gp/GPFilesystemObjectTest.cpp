@@ -190,7 +190,7 @@ TEST_F(GPFilesystemObjectTest, NameBehindATrailingSlashIsEmpty) {
 }
 
 TEST_F(GPFilesystemObjectTest, NameStaysValidWhenTheObjectHasGone) {
-    char const* name = nullptr;
+    const char* name = nullptr;
     {
         GPFilesystem file("/usr/bin/tool");
         name = file.name();

@@ -300,9 +300,9 @@ TEST_F(GPFilesystemTest, deleteDirRemovesAnEmptyDirectory) {
 
 TEST_F(GPFilesystemTest, getCurrentDirectoryStaysValidAcrossALaterCall) {
     workIn("/");
-    char const* root = getCurrentDirectory();
+    const char* root = getCurrentDirectory();
     workIn("/tmp");
-    char const* other = getCurrentDirectory();
+    const char* other = getCurrentDirectory();
     EXPECT_STREQ(root, "/");
     EXPECT_STRNE(other, "/");
 }

@@ -22,20 +22,20 @@ using Keys = std::vector<std::string>;
 
 Keys walk(GPMap& map) {
     Keys keys;
-    for (char const* key = map.firstKey(); key; key = map.nextKey()) {
+    for (const char* key = map.firstKey(); key; key = map.nextKey()) {
         keys.emplace_back(key);
     }
     return keys;
 }
 
-void fill(GPMap& map, std::initializer_list<char const*> keys) {
-    for (char const* key : keys) {
+void fill(GPMap& map, std::initializer_list<const char*> keys) {
+    for (const char* key : keys) {
         map.setObject(new GPString(key), key);
     }
 }
 
-bool holdsEach(GPMap& map, Keys const& keys) {
-    for (std::string const& key : keys) {
+bool holdsEach(GPMap& map, const Keys& keys) {
+    for (const std::string& key : keys) {
         auto* value = static_cast<GPString*>(map.objectForKey(key.c_str()));
         if (!value || !value->isEqual(key.c_str())) return false;
     }
@@ -212,7 +212,7 @@ TEST(GPMap, FirstKeyOnAnEmptyMapIsNullAndDoesNotTouchTheWalk) {
     fill(map, {"a", "b", "c"});
     map.firstKey();
     map.nextKey();
-    for (char const* key : {"a", "b", "c"}) {
+    for (const char* key : {"a", "b", "c"}) {
         map.removeObjectForKey(key);
     }
     EXPECT_EQ(map.firstKey(), nullptr);
@@ -266,7 +266,7 @@ TEST(GPMap, ManyKeysStayInTheBucketsTheMapWasBuiltWith) {
     EXPECT_EQ(map.count(), 300);
     EXPECT_TRUE(holdsEach(map, keys));
     EXPECT_EQ(walk(map).size(), 300u);
-    for (std::string const& key : keys) {
+    for (const std::string& key : keys) {
         map.removeObjectForKey(key.c_str());
     }
     EXPECT_EQ(map.count(), 0);

@@ -49,7 +49,7 @@ int RetainingObject::afterRetain = 0;
 
 class NamelessObject : public GPObject {
 public:
-    char const* cclassName() override { return nullptr; }
+    const char* cclassName() override { return nullptr; }
 };
 
 } // namespace
@@ -287,7 +287,7 @@ TEST(GPObject, ClassesSayTheirNamesInBothForms) {
     GPData data;
     struct {
         GPObject* object;
-        char const* name;
+        const char* name;
     } const rows[] = {
         {&array, "GPArray"}, {&list, "GPList"}, {&map, "GPMap"}, {&string, "GPString"}, {&data, "GPData"}};
 

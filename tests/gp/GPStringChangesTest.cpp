@@ -17,13 +17,13 @@ namespace {
 
 using Change = GPString* (GPString::*)();
 
-std::string changed(char const* text, Change change) {
+std::string changed(const char* text, Change change) {
     GPString string(text);
     EXPECT_EQ((string.*change)(), &string);
     return string.cstr();
 }
 
-std::vector<std::string> pieces(char const* text, char const* separator) {
+std::vector<std::string> pieces(const char* text, const char* separator) {
     auto array = Owned<GPArray>::adopt(GPString(text).split(separator));
     std::vector<std::string> result;
     for (int index = 0; index < array->count(); ++index) {
@@ -32,9 +32,9 @@ std::vector<std::string> pieces(char const* text, char const* separator) {
     return result;
 }
 
-Owned<GPArray> arrayOf(std::initializer_list<char const*> texts) {
+Owned<GPArray> arrayOf(std::initializer_list<const char*> texts) {
     auto array = Owned<GPArray>::adopt(new GPArray());
-    for (char const* text : texts) {
+    for (const char* text : texts) {
         auto string = Owned<GPString>::adopt(new GPString(text));
         array->addObject(string.get());
     }
@@ -93,7 +93,7 @@ TEST(GPString, EncodeEscapesTheTwelveCharactersInUpperCase) {
 
 TEST(GPString, EncodeLeavesEveryOtherByte) {
     for (int byte = 1; byte < 256; ++byte) {
-        std::string const text(1, static_cast<char>(byte));
+        const std::string text(1, static_cast<char>(byte));
         if (std::string("%$&+,/:;=?@ ").find(text) != std::string::npos) continue;
         EXPECT_EQ(changed(text.c_str(), &GPString::encode), text) << byte;
     }

@@ -9,16 +9,16 @@
 
 namespace {
 
-char const* const noText = nullptr;
+const char* const noText = nullptr;
 
-std::string trimmed(char const* text) {
+std::string trimmed(const char* text) {
     std::string buffer(text);
     char* result = trimws(buffer.data());
     EXPECT_EQ(result, buffer.data());
     return result;
 }
 
-std::string reversed(char const* text) {
+std::string reversed(const char* text) {
     std::string buffer(text);
     EXPECT_EQ(reverse(buffer.data()), buffer.data());
     return buffer;
@@ -27,7 +27,7 @@ std::string reversed(char const* text) {
 } // namespace
 
 TEST(StringFunctions, FindAnswersAPointerIntoTheText) {
-    char const* hay = "abcabc";
+    const char* hay = "abcabc";
 
     EXPECT_EQ(find(hay, "bc", false), hay + 1);
     EXPECT_EQ(find(hay, "bc", true), hay + 5);
@@ -39,14 +39,14 @@ TEST(StringFunctions, FindAnswersAPointerIntoTheText) {
 }
 
 TEST(StringFunctions, FindGoesOnBehindAMismatch) {
-    char const* hay = "aab ab aabb";
+    const char* hay = "aab ab aabb";
 
     EXPECT_EQ(find(hay, "aabb", false), hay + 7);
     EXPECT_EQ(find(hay, "ab a", false), hay + 1);
 }
 
 TEST(StringFunctions, FindOfACharacterGoesBothWays) {
-    char const* hay = "a/b/c";
+    const char* hay = "a/b/c";
 
     EXPECT_EQ(find(hay, '/', false), hay + 1);
     EXPECT_EQ(find(hay, '/', true), hay + 3);
@@ -78,7 +78,7 @@ TEST(StringFunctions, NextwsStepsOverOneLeadingSpace) {
 }
 
 TEST(StringFunctions, EndAndLastAreTheLastCharacter) {
-    char const* text = "abc";
+    const char* text = "abc";
 
     EXPECT_EQ(end(text), text + 2);
     EXPECT_EQ(last(text), text + 2);
@@ -125,16 +125,16 @@ TEST(StringFunctions, Base16TakesAnOptionalPrefixAndEitherCase) {
 TEST(StringFunctions, Base16OfAFirstCharacterAbove127IsZero) { EXPECT_EQ(base16("\xE4\x31"), 0u); }
 
 TEST(StringFunctions, EscapedLengthIsWhatEncodeProduces) {
-    for (char const* text : {"", "abc", "a b", "%$&+,/:;=?@ ", "\xE4\"#"}) {
-        int const expected = getUrlEscapedLength(text);
+    for (const char* text : {"", "abc", "a b", "%$&+,/:;=?@ ", "\xE4\"#"}) {
+        const int expected = getUrlEscapedLength(text);
         EXPECT_EQ(GPString(text).encode()->length(), expected) << text;
     }
     EXPECT_EQ(getUrlEscapedLength("a b/"), 8);
 }
 
 TEST(StringFunctions, RestoredLengthIsWhatDecodeProduces) {
-    for (char const* text : {"", "abc", "100%", "%4a", "%4", "%zz", "%41%", "%%41", "%25%32"}) {
-        int const expected = getUrlRestoredLength(text);
+    for (const char* text : {"", "abc", "100%", "%4a", "%4", "%zz", "%41%", "%%41", "%25%32"}) {
+        const int expected = getUrlRestoredLength(text);
         EXPECT_EQ(GPString(text).decode()->length(), expected) << text;
     }
     EXPECT_EQ(getUrlRestoredLength("%00a"), 2);

@@ -13,21 +13,21 @@ using testsupport::references;
 
 namespace {
 
-char* newText(char const* text) {
+char* newText(const char* text) {
     char* buffer = new char[std::strlen(text) + 1];
     std::strcpy(buffer, text);
     return buffer;
 }
 
-char const* const noText = nullptr;
+const char* const noText = nullptr;
 
-std::string replaced(char const* text, char const* from, char const* to) {
+std::string replaced(const char* text, const char* from, const char* to) {
     GPString string(text);
     string.replace(from, to);
     return string.cstr();
 }
 
-int searchFromEnd(char const* text, char const* needle) { return GPString(text).find(needle, true); }
+int searchFromEnd(const char* text, const char* needle) { return GPString(text).find(needle, true); }
 
 } // namespace
 
@@ -70,7 +70,7 @@ TEST(GPString, LengthOfTwoCutsAbcToAbAndTenLeavesAbc) {
 }
 
 TEST(GPString, CountedCopyReadsNoFurtherThanItsLength) {
-    char const unterminated[] = {'a', 'b'};
+    const char unterminated[] = {'a', 'b'};
 
     EXPECT_STREQ(GPString(unterminated, 2).cstr(), "ab");
 }
@@ -123,7 +123,7 @@ TEST(GPString, StaticMarkDoesNotStopARelease) {
 
 TEST(GPString, FormatIsOwnedAndAsLongAsItsText) {
     PoolScope pool;
-    std::string const longText(5000, 'y');
+    const std::string longText(5000, 'y');
     auto string = Owned<GPString>::adopt(GPString::format("%d-%s", 42, longText.c_str()));
     auto empty = Owned<GPString>::adopt(GPString::format("%s", ""));
 
@@ -185,7 +185,7 @@ TEST(GPString, EmptyStringStartsWithEverything) { EXPECT_TRUE(GPString("").start
 
 TEST(GPString, IntValueOfNoNumberIsMinusOne) {
     struct {
-        char const* text;
+        const char* text;
         int value;
     } const rows[] = {{"0", 0},     {"x", -1},    {"abc", -1}, {"", -1},
                       {" 0", -1},   {"-0", -1},   {"0x", 0},   {"00", 0},
@@ -211,10 +211,10 @@ TEST(GPString, BoolValueOfTrueInAnyCaseIsTrueAndLowercasesTheString) {
 }
 
 TEST(GPString, BoolValueGoesByTheWordAndTheNumber) {
-    for (char const* text : {"TRUE", "true", "7", "1x"}) {
+    for (const char* text : {"TRUE", "true", "7", "1x"}) {
         EXPECT_TRUE(GPString(text).boolValue()) << text;
     }
-    for (char const* text : {"yes", "0", "-1", "", "truE ", "false", " true"}) {
+    for (const char* text : {"yes", "0", "-1", "", "truE ", "false", " true"}) {
         EXPECT_FALSE(GPString(text).boolValue()) << text;
     }
     GPString other("YES");
@@ -315,7 +315,7 @@ TEST(GPString, AppendTakesTextStringsAndItself) {
 
 TEST(GPString, CountedAppendStopsAtItsLengthAndAtANul) {
     GPString string("a");
-    char const unterminated[] = {'b', 'c'};
+    const char unterminated[] = {'b', 'c'};
     string.append(unterminated, 2);
     string.append("de", 10);
     string.append("fgh", 1);
@@ -347,9 +347,9 @@ TEST(GPString, ReplaceHoldsWhateverTheRuleProduces) {
     EXPECT_EQ(replaced("--", "-", "+"), "+-+");
     EXPECT_EQ(replaced("'one'", "'", ""), "one'");
 
-    std::string const text =
+    const std::string text =
         std::string(100, 'x') + "-" + std::string(100, 'y') + "-" + std::string(100, 'z');
-    std::string const expected = std::string(100, 'x') + "+" + std::string(100, 'y') + "-" +
+    const std::string expected = std::string(100, 'x') + "+" + std::string(100, 'y') + "-" +
                                  std::string(100, 'z') + "+" + std::string(100, 'z');
     EXPECT_EQ(replaced(text.c_str(), "-", "+"), expected);
 }
@@ -383,7 +383,7 @@ TEST(GPString, ReplaceDoesNothingWhenOverlappingMatchesShrinkTheSizeBelowOne) {
 
 // Their result would have 2,500,000,000 bytes.
 TEST(GPString, ReplaceOfSoManyMatchesThatNoLengthCountsTheResultDoesNothing) {
-    std::string const text(100000, '-');
+    const std::string text(100000, '-');
     EXPECT_EQ(replaced(text.c_str(), "-", "+"), text);
 }
 

@@ -35,12 +35,12 @@ protected:
 
     Owned<GPArray> snapshot() { return Owned<GPArray>::adopt(array.getArray()); }
 
-    bool addText(char const* text) {
+    bool addText(const char* text) {
         auto string = Owned<GPString>::adopt(new GPString(text));
         return array.addString(string.get());
     }
 
-    bool removeText(char const* text) {
+    bool removeText(const char* text) {
         GPString string(text);
         return array.removeString(&string);
     }
@@ -330,7 +330,7 @@ TEST_F(GPSyncdArrayTest, ReadersBesideWritersSeeWholeArraysOnly) {
         readers.emplace_back([&] {
             while (!done.load()) {
                 GPArray* seen = array.getArray();
-                int const count = seen->count();
+                const int count = seen->count();
                 for (int at = 0; at < count; ++at) {
                     GPObject* element = seen->objectAtIndex(at);
                     if (!element || !element->isInstanceOf("GPString")) ++torn;

@@ -28,7 +28,7 @@ namespace {
 
 using Words = std::vector<std::string>;
 
-Words wordsOf(char const* commandLine) {
+Words wordsOf(const char* commandLine) {
     const auto words = Owned<GPArray>::adopt(GPTask::splitCommandLine(commandLine));
     Words found;
     for (int i = 0; i < words->count(); ++i)

@@ -10,7 +10,7 @@ namespace testsupport {
 
 // The reference count as it stands, markers included. The object must not be shared with other threads.
 inline int references(GPObject* object) {
-    int const count = object->retainonly() - 1;
+    const int count = object->retainonly() - 1;
     object->releaseonly();
     return count;
 }

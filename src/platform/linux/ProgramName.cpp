@@ -4,6 +4,6 @@
 
 namespace platform {
 
-char const* programName() { return program_invocation_short_name; }
+const char* programName() { return program_invocation_short_name; }
 
 } // namespace platform

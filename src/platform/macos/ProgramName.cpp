@@ -4,6 +4,6 @@
 
 namespace platform {
 
-char const* programName() { return getprogname(); }
+const char* programName() { return getprogname(); }
 
 } // namespace platform
