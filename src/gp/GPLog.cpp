@@ -38,6 +38,13 @@ constexpr auto relaxed = std::memory_order_relaxed;
 
 GPMutex* currentMutex() { return mutex.load(std::memory_order_acquire); }
 
+// In a forked child. The old lock stays as it is: where one goes to its waiters in turn, as on the Mac, freeing it would
+// hand it to the first that waited at the fork, a thread that the child does not have.
+void renewMutex() {
+    [[maybe_unused]] static GPMutex* ofParent;
+    ofParent = mutex.exchange(new GPMutex);
+}
+
 // A new string with the name of the file of that index. An index below 10, -1 too, has a 0 in front.
 GPString* currentLogName(int index) {
     const char* stem = logName.load(relaxed);
@@ -148,8 +155,7 @@ void makeLogThreadSafe() {
     if (currentMutex()) return;
     mutex.store(new GPMutex, std::memory_order_release);
     // A forked child logs too, and must not find the lock held by a thread that it does not have.
-    pthread_atfork([] { currentMutex()->lock(); }, [] { currentMutex()->unlock(); },
-                   [] { currentMutex()->unlock(); });
+    pthread_atfork([] { currentMutex()->lock(); }, [] { currentMutex()->unlock(); }, renewMutex);
 }
 
 void printDumpBytes(const char* bytes, int length, int perLine) {

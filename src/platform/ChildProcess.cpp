@@ -6,19 +6,17 @@
 #include <csignal>
 #include <cstdlib>
 #include <mutex>
+#include <pthread.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 namespace platform {
 namespace {
 
-// Held while a fork is under way, and by an exit for good.
-std::mutex& forkMutex() {
-    static auto* mutex = new std::mutex;
-    return *mutex;
-}
+// Held while a fork is under way, and by an exit for good. Never destroyed.
+pthread_mutex_t forkMutex = PTHREAD_MUTEX_INITIALIZER;
 
-void endForks() { forkMutex().lock(); }
+void endForks() { pthread_mutex_lock(&forkMutex); }
 
 // The exit status of a shell that could not be run.
 constexpr int noShell = 127;
@@ -72,9 +70,16 @@ private:
 
 pid_t forkChild() {
     [[maybe_unused]] static const int registered = std::atexit(endForks);
-    std::lock_guard<std::mutex> lock(forkMutex());
+    pthread_mutex_lock(&forkMutex);
     const pid_t child = fork();
-    if (child == 0) restoreChildSignals();
+    if (child != 0) {
+        pthread_mutex_unlock(&forkMutex);
+        return child;
+    }
+    // A new lock, which the child's own exit takes. Where a lock goes to its waiters in turn, as on the Mac, freeing the
+    // old one would hand it to a thread that waits to fork, too, and that the child does not have.
+    pthread_mutex_init(&forkMutex, nullptr);
+    restoreChildSignals();
     return child;
 }
 
