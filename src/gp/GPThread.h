@@ -1,7 +1,8 @@
 #pragma once
 
 // A function on a thread of its own, and values that belong to a thread. The object may go while its thread
-// runs on. One object is used by one thread at a time, but the running flag may be read and set by any.
+// runs on. Its thread may be waited for or let go of by any thread, and the running flag read and set by any; one
+// thread at a time sets the function and starts it.
 
 #include "gp/GPObject.h"
 
