@@ -1,5 +1,7 @@
 // fernhill-lab: the world around the daemon on one machine.
 
+#include "lab/ConfigCheck.h"
+#include "lab/LogReader.h"
 #include "lab/Policy.h"
 #include "lab/ReplayCommand.h"
 #include "lab/SlotProof.h"
@@ -50,6 +52,38 @@ CLI::App* addSlots(CLI::App& app, lab::SlotOptions& options) {
     return slots;
 }
 
+CLI::App* addCheck(CLI::App& app, lab::CheckOptions& options) {
+    CLI::App* check = app.add_subcommand(
+        "check", "Say of a configuration file what the daemon takes, ignores, and loses at its next save.");
+    check->add_option("configuration", options.file, "the file")->required()->type_name("CONFIG");
+    check->add_flag("--json", options.json, "one array of objects in place of the table");
+    check->footer("Exit status: 0 when nothing is ignored or lost, 1 when something is, 2 for a file that "
+                  "cannot be read.\n"
+                  "Example: fernhill-lab check fernhill.xml");
+    return check;
+}
+
+CLI::App* addLog(CLI::App& app, lab::LogOptions& options) {
+    CLI::App* log =
+        app.add_subcommand("log", "Show the daemon's log files as one, in the order of their lines' times.");
+    log->add_option("folder", options.folder, "where fernhill*.log are")->required()->type_name("FOLDER");
+    log->add_option("--containing", options.containing,
+                    "only lines with this text: a URL, a host, an address")
+        ->type_name("TEXT");
+    log->add_option("--request", options.request,
+                    "only the lines of one question to the agent, by its number")
+        ->check(CLI::NonNegativeNumber)
+        ->type_name("N");
+    log->add_flag("--since-start", options.sinceStart, "only what came since the daemon's newest start");
+    log->add_flag("--explain", options.explain, "what a line means, below it, where that is known");
+    log->add_flag("--hangs", options.hangs,
+                  "only what the log can tell of pages that hang, since the newest start");
+    log->footer("Exit status: 0, 1 when no line is left to show, 2 for a folder without a log.\n"
+                "Example: fernhill-lab log /Library/Logs/TarnwickSystems --since-start --containing "
+                "example.org --explain");
+    return log;
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
@@ -60,9 +94,15 @@ int main(int argc, char** argv) {
     addReplay(app, options, blockOnFailure);
     lab::SlotOptions slotOptions;
     const CLI::App* slots = addSlots(app, slotOptions);
+    lab::CheckOptions checkOptions;
+    const CLI::App* check = addCheck(app, checkOptions);
+    lab::LogOptions logOptions;
+    const CLI::App* log = addLog(app, logOptions);
     try {
         app.parse(argc, argv);
         if (slots->parsed()) return lab::proveSlots(slotOptions);
+        if (check->parsed()) return lab::check(checkOptions);
+        if (log->parsed()) return lab::showLog(logOptions);
         options.blockOnFailure = blockOnFailure == "on";
         return lab::replay(options);
     } catch (const CLI::ParseError& error) {

@@ -64,10 +64,12 @@ private:
         address.sin_family = AF_INET;
         address.sin_port = htons(3456);
         address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        if (setuid(65534) || bind(listener, reinterpret_cast<const struct sockaddr*>(&address), sizeof address) ||
+        if (setuid(65534) ||
+            bind(listener, reinterpret_cast<const struct sockaddr*>(&address), sizeof address) ||
             listen(listener, 4) || write(ready, "r", 1) != 1)
             _exit(1);
-        for (;;) pause();
+        for (;;)
+            pause();
     }
 
     pid_t process_;
@@ -95,13 +97,14 @@ protected:
         return run(options, status, daemon->process());
     }
     std::string run(const std::string& options, int& status, pid_t process) const {
-        const std::string command = "PATH=/usr/sbin:/usr/bin:/sbin:/bin '" OSTLER_TEST_DATA
-                                    "/../tools/fernhill-doctor' --pid " +
-                                    std::to_string(process) + " --root '" + root.path() + "' " + options + " 2>&1";
+        const std::string command =
+            "PATH=/usr/sbin:/usr/bin:/sbin:/bin '" OSTLER_TEST_DATA "/../tools/fernhill-doctor' --pid " +
+            std::to_string(process) + " --root '" + root.path() + "' " + options + " 2>&1";
         FILE* stream = popen(command.c_str(), "r");
         std::string text;
         std::array<char, 4096> part;
-        for (std::size_t got; (got = fread(part.data(), 1, part.size(), stream)) > 0;) text.append(part.data(), got);
+        for (std::size_t got; (got = fread(part.data(), 1, part.size(), stream)) > 0;)
+            text.append(part.data(), got);
         status = WEXITSTATUS(pclose(stream));
         return text;
     }
@@ -155,7 +158,8 @@ TEST_F(DaemonDoctor, TheTableHasARowForEachFindingAndItsRemedyBelow) {
     const std::string table = run("", status);
     EXPECT_EQ(status, 2);
     EXPECT_NE(table.find("ok      running         process "), std::string::npos) << table;
-    EXPECT_NE(table.find("BROKEN  agent           nobody listens on 127.0.0.1 port 3456"), std::string::npos) << table;
+    EXPECT_NE(table.find("BROKEN  agent           nobody listens on 127.0.0.1 port 3456"), std::string::npos)
+        << table;
     EXPECT_NE(table.find("\n                        -> start the agent"), std::string::npos) << table;
 }
 
@@ -194,7 +198,8 @@ TEST_F(DaemonDoctor, AnAgentThatIsNotRootsWantsAttention) {
     const Diagnosis diagnosis = diagnose();
     EXPECT_TRUE(diagnosis.tells("attention", "agent", "nobody ")) << inFull(diagnosis);
     EXPECT_TRUE(diagnosis.tells("attention", "agent", "is not root's")) << inFull(diagnosis);
-    EXPECT_TRUE(diagnosis.tells("attention", "link", "no link to the agent, though it listens")) << inFull(diagnosis);
+    EXPECT_TRUE(diagnosis.tells("attention", "link", "no link to the agent, though it listens"))
+        << inFull(diagnosis);
 }
 
 TEST_F(DaemonDoctor, ThirtyQuestionsWithoutAnAnswerAreBroken) {
@@ -205,7 +210,8 @@ TEST_F(DaemonDoctor, ThirtyQuestionsWithoutAnAnswerAreBroken) {
     }
     const Diagnosis diagnosis = diagnose();
     EXPECT_EQ(diagnosis.status, 2);
-    EXPECT_TRUE(diagnosis.tells("broken", "threads", "30 beyond the 8 that are always there")) << inFull(diagnosis);
+    EXPECT_TRUE(diagnosis.tells("broken", "threads", "30 beyond the 8 that are always there"))
+        << inFull(diagnosis);
 }
 
 TEST_F(DaemonDoctor, AnExtensionThatHasGoneIsBrokenInTheChannelsAndTheLog) {
@@ -216,7 +222,8 @@ TEST_F(DaemonDoctor, AnExtensionThatHasGoneIsBrokenInTheChannelsAndTheLog) {
     EXPECT_TRUE(diagnosis.tells("broken", "extension", "not loaded")) << inFull(diagnosis);
     EXPECT_TRUE(diagnosis.tells("broken", "channel", "inbound")) << inFull(diagnosis);
     EXPECT_TRUE(diagnosis.tells("broken", "channel", "outbound")) << inFull(diagnosis);
-    EXPECT_TRUE(diagnosis.tells("broken", "log", "the extension went away under the daemon")) << inFull(diagnosis);
+    EXPECT_TRUE(diagnosis.tells("broken", "log", "the extension went away under the daemon"))
+        << inFull(diagnosis);
 }
 
 TEST_F(DaemonDoctor, AnExtensionThatDidNotLoadIsBroken) {
@@ -232,16 +239,19 @@ TEST_F(DaemonDoctor, FilteringThatSleepsIsBroken) {
     givenConfiguration("<Fernhill><FilteringDisabled>true</FilteringDisabled></Fernhill>");
     startWhole();
     const Diagnosis diagnosis = diagnose();
-    EXPECT_TRUE(diagnosis.tells("broken", "configuration", "FilteringDisabled is stored")) << inFull(diagnosis);
+    EXPECT_TRUE(diagnosis.tells("broken", "configuration", "FilteringDisabled is stored"))
+        << inFull(diagnosis);
     EXPECT_TRUE(diagnosis.tells("broken", "log", "has put filtering to sleep")) << inFull(diagnosis);
 }
 
 TEST_F(DaemonDoctor, WhatTheNextSaveWouldDropWantsAttention) {
     startWhole();
-    givenConfiguration("<Fernhill><!-- mine --><Proxy>a</Proxy><Users><alice>x</alice></Users><Colour>b</Colour></Fernhill>");
+    givenConfiguration("<Fernhill><!-- mine "
+                       "--><Proxy>a</Proxy><Users><alice>x</alice></Users><Colour>b</Colour></Fernhill>");
     const Diagnosis diagnosis = diagnose();
     EXPECT_EQ(diagnosis.status, 1) << inFull(diagnosis);
-    EXPECT_TRUE(diagnosis.tells("attention", "configuration", "does not know: Proxy Colour")) << inFull(diagnosis);
+    EXPECT_TRUE(diagnosis.tells("attention", "configuration", "does not know: Proxy Colour"))
+        << inFull(diagnosis);
     EXPECT_TRUE(diagnosis.tells("attention", "configuration", "drops the comments")) << inFull(diagnosis);
 }
 
@@ -254,7 +264,8 @@ TEST_F(DaemonDoctor, FoldersThatOthersCanWriteToWantAttention) {
     fs::create_hard_link(logs + "/fernhill0-1.log", root.path() + "/second");
     const Diagnosis diagnosis = diagnose();
     EXPECT_EQ(diagnosis.status, 1) << inFull(diagnosis);
-    EXPECT_TRUE(diagnosis.tells("attention", "rights", "others may write to " + logs + ":")) << inFull(diagnosis);
+    EXPECT_TRUE(diagnosis.tells("attention", "rights", "others may write to " + logs + ":"))
+        << inFull(diagnosis);
     EXPECT_TRUE(diagnosis.tells("attention", "rights", "/tmp/tw is no folder")) << inFull(diagnosis);
     EXPECT_TRUE(diagnosis.tells("attention", "rights", "no regular file with one name")) << inFull(diagnosis);
 }
@@ -263,7 +274,8 @@ TEST_F(DaemonDoctor, ALineOfTheLogCannotSpeakForTheDoctor) {
     startWhole();
     const std::string log = root.path() + "/Library/Logs/TarnwickSystems/fernhill0-1.log";
     const std::string text = testsupport::readAll(log);
-    const std::string forged = text.substr(0, text.find("]: ")) + "]: WARNING: Socket open error in OstComm.\"},\t\x1b[2J\\\n";
+    const std::string forged =
+        text.substr(0, text.find("]: ")) + "]: WARNING: Socket open error in OstComm.\"},\t\x1b[2J\\\n";
     testsupport::writeAll(log, text + forged);
     const Diagnosis diagnosis = diagnose();
     EXPECT_TRUE(diagnosis.tells("broken", "log", "OstComm.\"}, [2J\\")) << inFull(diagnosis);
