@@ -141,14 +141,17 @@ private:
             case Inside::nothing:
                 add(line, ConfigFinding::Kind::ignored, element, "stands outside of Fernhill", true);
                 return inside;
-            case Inside::users: addUser(line, element); return inside;
+            case Inside::users:
+                addUser(line, element);
+                return inside;
             case Inside::servers:
                 if (name == "ServerName") {
                     addServer(line, element);
                     return inside;
                 }
                 break;
-            case Inside::root: break;
+            case Inside::root:
+                break;
         }
         return addSetting(line, element, name, inside);
     }
@@ -163,7 +166,8 @@ private:
             open = close + 1;
         }
         if (tags > visited_)
-            note(0, "", fmt::format("{} elements behind the end of the first one are not read", tags - visited_));
+            note(0, "",
+                 fmt::format("{} elements behind the end of the first one are not read", tags - visited_));
     }
 
     Inside addSetting(int line, GPDOMElement* element, const std::string& name, Inside inside) {
@@ -219,7 +223,8 @@ private:
             add(line, ConfigFinding::Kind::ignored, element, "relays last for one run of the daemon", true);
     }
 
-    void add(int line, ConfigFinding::Kind kind, GPDOMElement* element, const std::string& meaning, bool lost) {
+    void add(int line, ConfigFinding::Kind kind, GPDOMElement* element, const std::string& meaning,
+             bool lost) {
         findings_.push_back(
             {line, kind, element->name ? element->name->cstr() : "", textOf(element), meaning, lost});
     }
@@ -252,10 +257,14 @@ private:
 
 const char* wordOf(ConfigFinding::Kind kind) {
     switch (kind) {
-        case ConfigFinding::Kind::taken: return "taken";
-        case ConfigFinding::Kind::ignored: return "ignored";
-        case ConfigFinding::Kind::defaulted: return "default";
-        case ConfigFinding::Kind::note: return "note";
+        case ConfigFinding::Kind::taken:
+            return "taken";
+        case ConfigFinding::Kind::ignored:
+            return "ignored";
+        case ConfigFinding::Kind::defaulted:
+            return "default";
+        case ConfigFinding::Kind::note:
+            return "note";
     }
     return "";
 }
@@ -267,7 +276,8 @@ std::string shown(std::string text) {
 }
 
 void printTable(const std::vector<ConfigFinding>& findings) {
-    fmt::print("{:>5}  {:<8} {:<18} {:<{}} {}\n", "line", "", "element", "text", textWidth, "what the daemon has");
+    fmt::print("{:>5}  {:<8} {:<18} {:<{}} {}\n", "line", "", "element", "text", textWidth,
+               "what the daemon has");
     for (const ConfigFinding& finding : findings)
         fmt::print("{:>5}  {:<8} {:<18} {:<{}} {}{}\n", finding.line ? std::to_string(finding.line) : "-",
                    wordOf(finding.kind), finding.element, shown(finding.text), textWidth, finding.meaning,

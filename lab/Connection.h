@@ -40,6 +40,7 @@ struct Connection {
     int retries = 0; // how often the held packet was presented again
     std::int64_t heldSince = 0;
     std::int64_t heldTime = 0; // of all packets, in microseconds
+    std::vector<std::pair<std::int64_t, std::int64_t>> heldSpans;
 
     bool closedLocally = false;
     bool closedRemotely = false;

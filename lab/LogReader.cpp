@@ -33,7 +33,8 @@ struct Meaning {
 
 constexpr std::array<Meaning, 36> meanings{{
     {startMark, "the daemon begins"},
-    {"[ERROR]: error loading FernhillKext", "the extension did not load: nothing is filtered until the daemon is started anew"},
+    {"[ERROR]: error loading FernhillKext",
+     "the extension did not load: nothing is filtered until the daemon is started anew"},
     {"Could not get ID for FernhillKernel", "the extension is not there"},
     {"Mis-matching FernhillKernel version", "extension and daemon are of different versions"},
     {"System connection established", "one of the two channels to the extension is open"},
@@ -49,7 +50,8 @@ constexpr std::array<Meaning, 36> meanings{{
     {"getPolicyCommand socket send failed", "a question was not sent: block on failure decides"},
     {"getPolicyCommand sending", "the agent is asked"},
     {"getPolicyCommand response", "the agent's answer; nothing behind it: the link ended first"},
-    {"responseThread reconnecting", "the link has ended and is made again; one open question is woken, the others wait for ever"},
+    {"responseThread reconnecting",
+     "the link has ended and is made again; one open question is woken, the others wait for ever"},
     {"Host lookup timeout >>> resending", "the agent cannot look the host up; it is asked again"},
     {"hijackRedirectURL", "blocked: the page that the agent sends the user to"},
     {"OstCommFilterQueryThread redirectURL", "the daemon's own error page: block on failure"},
@@ -85,7 +87,8 @@ LogLine parsed(const std::string& line, const std::string& file, const LogLine* 
     const std::size_t blank = line.find(' ');
     const std::size_t end = line.find(divider);
     long thread = 0;
-    if (!line.empty() && line[0] == '[' && blank != std::string::npos && end != std::string::npos && blank < end) {
+    if (!line.empty() && line[0] == '[' && blank != std::string::npos && end != std::string::npos &&
+        blank < end) {
         const auto read = std::from_chars(line.data() + 1, line.data() + blank, thread);
         const auto time = timeOf(line.substr(blank + 1, end - blank - 1));
         if (read.ec == std::errc() && read.ptr == line.data() + blank && time)
@@ -108,7 +111,8 @@ std::vector<fs::path> logFiles(const std::string& folder) {
     std::vector<fs::path> files;
     for (fs::directory_iterator entry(folder, error), end; !error && entry != end; entry.increment(error)) {
         const std::string name = entry->path().filename();
-        if (name.rfind("fernhill", 0) == 0 && entry->path().extension() == ".log" && fs::is_regular_file(entry->path()))
+        if (name.rfind("fernhill", 0) == 0 && entry->path().extension() == ".log" &&
+            fs::is_regular_file(entry->path()))
             files.push_back(entry->path());
     }
     if (error) throw InputError(fmt::format("{}: {}", folder, error.message()));
@@ -130,7 +134,9 @@ long requestOf(const std::string& text) {
 
 bool has(const LogLine& line, std::string_view part) { return line.text.find(part) != std::string::npos; }
 
-std::string when(std::int64_t time) { return fmt::format("{:%Y-%m-%d %H:%M:%S}", fmt::localtime(static_cast<std::time_t>(time))); }
+std::string when(std::int64_t time) {
+    return fmt::format("{:%Y-%m-%d %H:%M:%S}", fmt::localtime(static_cast<std::time_t>(time)));
+}
 
 // Other people's bytes reach the log: none of them is for a terminal to act on.
 std::string printable(std::string text) {
@@ -156,30 +162,38 @@ public:
     std::vector<std::string> sentences() const {
         std::vector<std::string> found;
         if (absentSince_)
-            found.push_back(fmt::format("The agent has been absent since {}: everything waits for it. Start it; what "
-                                        "waits goes on.",
-                                        when(*absentSince_)));
-        if (dead_) found.push_back("The link is dead until the daemon starts anew: requests pass, or meet the error page.");
+            found.push_back(
+                fmt::format("The agent has been absent since {}: everything waits for it. Start it; what "
+                            "waits goes on.",
+                            when(*absentSince_)));
+        if (dead_)
+            found.push_back(
+                "The link is dead until the daemon starts anew: requests pass, or meet the error page.");
         if (!lost_.empty())
-            found.push_back(fmt::format("The link ended with {} questions open; one of them at most was woken, the others "
-                                        "keep a query thread of the {} each. Restart the daemon when pages go on hanging.",
-                                        lost_.size(), queryThreads));
+            found.push_back(fmt::format(
+                "The link ended with {} questions open; one of them at most was woken, the others "
+                "keep a query thread of the {} each. Restart the daemon when pages go on hanging.",
+                lost_.size(), queryThreads));
         if (!open_.empty()) {
-            const auto oldest = std::min_element(open_.begin(), open_.end(), [](const auto& one, const auto& other) {
-                return one.second < other.second;
-            });
-            found.push_back(fmt::format("{} questions are without an answer; the oldest, number {}, for {} seconds: the "
-                                        "agent is silent. Restart the agent, then the daemon.",
-                                        open_.size(), oldest->first, newest_ - oldest->second));
+            const auto oldest =
+                std::min_element(open_.begin(), open_.end(), [](const auto& one, const auto& other) {
+                    return one.second < other.second;
+                });
+            found.push_back(
+                fmt::format("{} questions are without an answer; the oldest, number {}, for {} seconds: the "
+                            "agent is silent. Restart the agent, then the daemon.",
+                            open_.size(), oldest->first, newest_ - oldest->second));
         }
         if (lookups_)
-            found.push_back(fmt::format("{} times the agent could not look a host up and was asked again: see to its name "
-                                        "service.",
-                                        lookups_));
+            found.push_back(fmt::format(
+                "{} times the agent could not look a host up and was asked again: see to its name "
+                "service.",
+                lookups_));
         if (tooSmall_)
-            found.push_back(fmt::format("{} times a request was shorter than the redirect that it should get: shorter block "
-                                        "pages at the agent.",
-                                        tooSmall_));
+            found.push_back(fmt::format(
+                "{} times a request was shorter than the redirect that it should get: shorter block "
+                "pages at the agent.",
+                tooSmall_));
         if (found.empty())
             found.push_back(asked_ ? "Every question that the log has was answered."
                                    : "The log has no questions: log level 1 (fernhill -ll=65) writes them.");
@@ -257,7 +271,8 @@ std::string meaningOf(const std::string& text) {
 
 std::vector<std::string> explainHangs(const std::vector<LogLine>& lines) {
     HangWatch watch;
-    for (const LogLine& line : lines) watch.take(line);
+    for (const LogLine& line : lines)
+        watch.take(line);
     return watch.sentences();
 }
 
@@ -265,7 +280,8 @@ int showLog(const LogOptions& options) {
     std::vector<LogLine> lines = readLog(options.folder);
     if (options.sinceStart || options.hangs) lines = sinceNewestStart(std::move(lines));
     if (options.hangs) {
-        for (const std::string& sentence : explainHangs(lines)) fmt::print("{}\n", sentence);
+        for (const std::string& sentence : explainHangs(lines))
+            fmt::print("{}\n", sentence);
         return 0;
     }
     bool any = false;

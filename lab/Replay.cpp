@@ -151,7 +151,10 @@ void Replay::hold(const ConnectionPointer& connection) {
 }
 
 void Replay::finish(const ConnectionPointer& connection, const std::optional<sysctl_result>& result) {
-    if (connection->held) connection->heldTime += now_ - connection->heldSince;
+    if (connection->held) {
+        connection->heldTime += now_ - connection->heldSince;
+        connection->heldSpans.emplace_back(connection->heldSince, now_);
+    }
     connection->held = false;
     connection->retries = 0;
     if (result && result->result == resultRedirect) {

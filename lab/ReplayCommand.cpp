@@ -1,5 +1,7 @@
 #include "lab/ReplayCommand.h"
 
+#include "lab/ConnectionRows.h"
+#include "lab/HtmlReport.h"
 #include "lab/PrivateNetwork.h"
 #include "lab/Replay.h"
 #include "lab/Stage.h"
@@ -12,6 +14,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <memory>
 
@@ -51,6 +54,14 @@ std::string checkedProgram(const std::string& path) {
     return whole.get();
 }
 
+void writeReports(const ReplayOptions& options, const TableReport& table, const Totals& totals) {
+    if (!options.csv.empty()) writeCsv(options.csv, table.rows());
+    if (options.report.empty()) return;
+    writeHtmlReport(options.report, std::filesystem::path(options.captures.front()).filename().string(),
+                    table.rows(), totals);
+    if (options.json != "-") fmt::print("The whole of it, for a browser: {}\n", options.report);
+}
+
 // Where the daemon's clock begins.
 std::int64_t firstTime(const std::vector<CaptureFacts>& facts) {
     for (const CaptureFacts& capture : facts) {
@@ -69,7 +80,8 @@ int replay(const ReplayOptions& options) {
         facts.push_back(survey(capture));
     JsonReport json(options.json);
     const File asked = openAsked(options.asked);
-    TableReport table(options.json == "-" ? nullptr : stdout);
+    TableReport table(options.json == "-" ? nullptr : stdout, options.rows,
+                      !options.report.empty() || !options.csv.empty());
 
     enterPrivateNetwork();
     const int logLevel = verdictLogLevel | (policy.pushes().empty() ? 0 : agentLogLevel);
@@ -88,11 +100,13 @@ int replay(const ReplayOptions& options) {
     for (std::size_t i = 0; i < options.captures.size(); ++i) {
         table.begin(options.captures[i], facts[i], rules);
         alive = engine.play(options.captures[i], facts[i]);
+        table.end();
     }
     const std::chrono::duration<double> took = std::chrono::steady_clock::now() - began;
     json.finish();
     finishAsked(asked, options.asked);
     table.summary(engine.totals(), took.count(), options.root.empty() ? "" : stage.root.path());
+    writeReports(options, table, engine.totals());
     stage.daemon.stop();
     if (!alive)
         fmt::print(stderr, "fernhill-lab: the daemon has ended ({}); it wrote:\n{}\n", stage.daemon.ending(),

@@ -2,6 +2,7 @@
 
 // `fernhill-lab replay`: sets the stage under a scratch root, plays the captures, and says how it went.
 
+#include <cstddef>
 #include <string>
 #include <vector>
 
@@ -12,6 +13,9 @@ struct ReplayOptions {
     std::string policy;
     std::string json;
     std::string asked;
+    std::string report;
+    std::string csv;
+    std::size_t rows = 0; // of the table; 0 shows all as they come
     std::string root;
     std::string program; // a Mach-O, which runs under machost; empty for this build's own program
     bool blockOnFailure = false;

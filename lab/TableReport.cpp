@@ -51,7 +51,9 @@ std::string urlText(const Connection& connection) {
     return shortened(last, urlWidth - more.size()) + more;
 }
 
-std::string oneAnswer(const Query& query) {
+} // namespace
+
+std::string answerTextOf(const Query& query) {
     std::string text = actionName(query.decision.action);
     if (query.decision.action == Action::slow)
         text += fmt::format(" {} ms, allow", query.decision.milliseconds);
@@ -59,11 +61,9 @@ std::string oneAnswer(const Query& query) {
     return text;
 }
 
-} // namespace
-
 std::string answerText(const Connection& connection) {
     if (connection.queries.empty()) return "-";
-    return oneAnswer(connection.queries.back());
+    return answerTextOf(connection.queries.back());
 }
 
 std::string verdictText(const Connection& connection) {
@@ -74,7 +74,9 @@ std::string verdictText(const Connection& connection) {
     return "passed";
 }
 
-TableReport::TableReport(std::FILE* out) : out_(out), terminal_(isatty(STDERR_FILENO) == 1) {}
+TableReport::TableReport(std::FILE* out, std::size_t mostRows, bool keepsRows)
+    : out_(out), mostRows_(mostRows), keepsRows_(keepsRows || mostRows),
+      terminal_(isatty(STDERR_FILENO) == 1) {}
 
 void TableReport::begin(const std::string& capture, const CaptureFacts& facts, const PolicyFacts& policy) {
     if (!out_) return;
@@ -96,9 +98,34 @@ void TableReport::begin(const std::string& capture, const CaptureFacts& facts, c
 }
 
 void TableReport::row(const Connection& connection, std::int64_t start) {
-    if (!out_) return;
+    const std::int64_t at = connection.first - start;
+    if (keepsRows_) rows_.push_back({connection, at});
+    if (out_ && mostRows_ == 0) printRow(connection, at);
+}
+
+void TableReport::end() {
+    const auto first = rows_.begin() + static_cast<std::ptrdiff_t>(captureRows_);
+    if (out_ && mostRows_) {
+        for (const ConnectionRow& row : chosenRows({first, rows_.end()}, mostRows_))
+            printRow(row.connection, row.at);
+        const std::size_t left = rows_.size() - captureRows_;
+        if (left > mostRows_)
+            fmt::print(out_, "{:>8}  {} connections in all; these show each kind of verdict and answer.\n",
+                       "...", left);
+    }
+    captureRows_ = rows_.size();
+}
+
+std::vector<ConnectionRow> TableReport::rows() const {
+    std::vector<ConnectionRow> sorted = rows_;
+    std::stable_sort(sorted.begin(), sorted.end(),
+                     [](const ConnectionRow& one, const ConnectionRow& other) { return one.at < other.at; });
+    return sorted;
+}
+
+void TableReport::printRow(const Connection& connection, std::int64_t start) {
     clearProgress();
-    const double at = static_cast<double>(connection.first - start) / 1e6;
+    const double at = static_cast<double>(start) / 1e6;
     const double held = static_cast<double>(connection.heldTime) / 1e6;
     fmt::print(out_, "{:>8.3f}  {:<{}}  {:<{}}  {:<{}}  {:>8}  {}\n", at,
                shortened(connection.remote.text(), connectionWidth), connectionWidth, urlText(connection),

@@ -3,10 +3,14 @@
 // The report of a replay for people: what is played, a row for each connection as it ends, and a summary.
 
 #include "lab/Connection.h"
+#include "lab/ConnectionRows.h"
 
+#include <cstddef>
+#include <cstdint>
 #include <cstdio>
 #include <map>
 #include <string>
+#include <vector>
 
 namespace lab {
 
@@ -38,22 +42,35 @@ struct PolicyFacts {
 
 class TableReport {
 public:
-    // Writes to `out`; null writes nothing. The progress bar goes to standard error when that is a terminal.
-    explicit TableReport(std::FILE* out);
+    // Writes to `out`; null writes nothing. The progress bar goes to standard error when that is a terminal. With a
+    // number of rows the table is at most so long: a choice, in the order of time, behind each capture.
+    explicit TableReport(std::FILE* out, std::size_t mostRows = 0, bool keepsRows = false);
 
     // The heading of one capture; in front of the first, how to read the table.
     void begin(const std::string& capture, const CaptureFacts& facts, const PolicyFacts& policy);
     void row(const Connection& connection, std::int64_t start);
+
+    // The end of a capture: prints its choice of rows, if there is one.
+    void end();
+
+    // Every row so far, in the order of time; none unless rows are kept.
+    std::vector<ConnectionRow> rows() const;
+
     void progress(long position, long records);
     // `root` is the scratch folder when it is kept, else empty.
     void summary(const Totals& totals, double realSeconds, const std::string& root);
 
 private:
     void clearProgress();
+    void printRow(const Connection& connection, std::int64_t at);
     void printAnswers(const Totals& totals);
 
     std::FILE* out_;
+    std::size_t mostRows_;
+    bool keepsRows_;
     bool terminal_;
+    std::vector<ConnectionRow> rows_; // of all captures
+    std::size_t captureRows_ = 0;     // where those of this capture begin
     int percent_ = -1;
     bool explained_ = false;
 };
@@ -61,5 +78,8 @@ private:
 // What the agent said about a connection's last URL, and what became of the connection, each in a few words.
 std::string answerText(const Connection& connection);
 std::string verdictText(const Connection& connection);
+
+// What the agent said to one question.
+std::string answerTextOf(const Query& query);
 
 } // namespace lab

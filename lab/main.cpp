@@ -30,6 +30,16 @@ void addReplay(CLI::App& app, lab::ReplayOptions& options, std::string& blockOnF
         ->type_name("FILE");
     replay->add_option("--asked", options.asked, "write the URLs that the agent is asked, one a line")
         ->type_name("FILE");
+    replay
+        ->add_option("--report", options.report,
+                     "write a page for a browser, which needs nothing beside itself")
+        ->type_name("FILE");
+    replay->add_option("--csv", options.csv, "write a line for each connection")->type_name("FILE");
+    replay
+        ->add_option("--rows", options.rows,
+                     "show at most so many connections, each kind of verdict among them")
+        ->check(CLI::PositiveNumber)
+        ->type_name("N");
     replay->add_option("--bof", blockOnFailure, "block on failure")
         ->check(CLI::IsMember({"on", "off"}))
         ->default_str("off");
@@ -38,6 +48,11 @@ void addReplay(CLI::App& app, lab::ReplayOptions& options, std::string& blockOnF
                      "run this Mach-O under machost instead of this build's own program")
         ->type_name("FILE");
     replay->add_option("--root", options.root, "keep the daemon's files in this folder")->type_name("DIR");
+    replay->footer(
+        "Exit status: 0 when every packet was answered, 1 when not, 2 for what cannot be used.\n"
+        "Examples:\n"
+        "  fernhill-lab replay tests/captures/many.pcap --policy lab/policies/demo.policy --rows 30\n"
+        "  fernhill-lab replay day.pcapng --policy mine.policy --report day.html --csv day.csv");
 }
 
 CLI::App* addSlots(CLI::App& app, lab::SlotOptions& options) {

@@ -26,7 +26,8 @@ protected:
     std::string file() const { return folder_.file("fernhill.xml"); }
 
     // The finding of that element; the first of them.
-    static ConfigFinding of(const std::vector<ConfigFinding>& findings, const std::string& element, int nth = 0) {
+    static ConfigFinding of(const std::vector<ConfigFinding>& findings, const std::string& element,
+                            int nth = 0) {
         for (const ConfigFinding& finding : findings)
             if (finding.element == element && nth-- == 0) return finding;
         ADD_FAILURE() << "nothing is said of " << element;
@@ -40,7 +41,8 @@ private:
 } // namespace
 
 TEST_F(ConfigCheck, ASettingIsTakenWithItsLineAndTheDaemonsValue) {
-    const auto findings = check("<Fernhill>\n<LogLevel>64</LogLevel>\n<VerboseLogging>TRUE</VerboseLogging></Fernhill>");
+    const auto findings =
+        check("<Fernhill>\n<LogLevel>64</LogLevel>\n<VerboseLogging>TRUE</VerboseLogging></Fernhill>");
     EXPECT_EQ(of(findings, "LogLevel").kind, Kind::taken);
     EXPECT_EQ(of(findings, "LogLevel").line, 2);
     EXPECT_EQ(of(findings, "LogLevel").meaning, "64");
@@ -86,12 +88,14 @@ TEST_F(ConfigCheck, ALevelThatIsNoNumberIsAllLevels) {
 }
 
 TEST_F(ConfigCheck, AnEmptyNameCountsAsNone) {
-    EXPECT_EQ(of(check("<Fernhill><CachedUserName></CachedUserName></Fernhill>"), "CachedUserName").kind, Kind::ignored);
+    EXPECT_EQ(of(check("<Fernhill><CachedUserName></CachedUserName></Fernhill>"), "CachedUserName").kind,
+              Kind::ignored);
 }
 
 TEST_F(ConfigCheck, AServerWithoutANameIsLostAndARelayOfAUserToo) {
-    const auto findings = check("<Fernhill><Users><alice UserFormatType=\"1\">x</alice></Users>"
-                                "<Servers><ServerName></ServerName><ServerName>two</ServerName></Servers></Fernhill>");
+    const auto findings =
+        check("<Fernhill><Users><alice UserFormatType=\"1\">x</alice></Users>"
+              "<Servers><ServerName></ServerName><ServerName>two</ServerName></Servers></Fernhill>");
     EXPECT_EQ(of(findings, "alice").kind, Kind::ignored);
     EXPECT_TRUE(of(findings, "alice").lost);
     EXPECT_TRUE(of(findings, "ServerName").lost);
@@ -115,8 +119,9 @@ TEST_F(ConfigCheck, CommentsAreLost) {
 }
 
 TEST_F(ConfigCheck, WhatTheDaemonWroteItselfLosesNothing) {
-    testsupport::writeAll(file(), "<Fernhill><BlockOnFailure>false</BlockOnFailure><BalancedMode>false</BalancedMode>"
-                                  "<LogLevel>0</LogLevel><kll>0</kll><Users></Users><Servers></Servers></Fernhill>");
+    testsupport::writeAll(file(),
+                          "<Fernhill><BlockOnFailure>false</BlockOnFailure><BalancedMode>false</BalancedMode>"
+                          "<LogLevel>0</LogLevel><kll>0</kll><Users></Users><Servers></Servers></Fernhill>");
     const labtest::LabRun run = labtest::runLab({"check", file()});
     EXPECT_EQ(run.status, 0) << run.out;
     EXPECT_EQ(run.out.find("LOST"), std::string::npos);
@@ -126,9 +131,11 @@ TEST_F(ConfigCheck, TheTableMarksWhatIsLostAndEndsWithStatusOne) {
     testsupport::writeAll(file(), "<Fernhill><Proxy>a</Proxy></Fernhill>");
     const labtest::LabRun run = labtest::runLab({"check", file()});
     EXPECT_EQ(run.status, 1);
-    EXPECT_NE(run.out.find("    1  ignored  Proxy              a                            no setting of the daemon's; "
-                           "LOST at the next save"),
-              std::string::npos)
+    EXPECT_NE(
+        run.out.find(
+            "    1  ignored  Proxy              a                            no setting of the daemon's; "
+            "LOST at the next save"),
+        std::string::npos)
         << run.out;
 }
 

@@ -26,7 +26,8 @@ protected:
 
     std::vector<std::string> texts() const {
         std::vector<std::string> found;
-        for (const lab::LogLine& read : lab::readLog(folder_.path())) found.push_back(read.text);
+        for (const lab::LogLine& read : lab::readLog(folder_.path()))
+            found.push_back(read.text);
         return found;
     }
 
@@ -34,7 +35,8 @@ protected:
     std::string hangs(const std::string& content) const {
         given("fernhill0-1.log", content);
         std::string all;
-        for (const std::string& sentence : lab::explainHangs(lab::readLog(folder_.path()))) all += sentence + "\n";
+        for (const std::string& sentence : lab::explainHangs(lab::readLog(folder_.path())))
+            all += sentence + "\n";
         return all;
     }
 
@@ -84,10 +86,12 @@ TEST_F(LogReader, TheNewestStartBeginsWhatIsShown) {
 }
 
 TEST_F(LogReader, AQuestionWithoutAnAnswerIsASilentAgent) {
-    const std::string told = hangs(line(1, "[7] OstComm getPolicyCommand sending {}") +
-                                   line(1, "[8] OstComm getPolicyCommand sending {}") +
-                                   line(2, "[8] OstComm getPolicyCommand response {}") + line(31, "checking url x"));
-    EXPECT_EQ(told.find("1 questions are without an answer; the oldest, number 7, for 30 seconds"), 0u) << told;
+    const std::string told =
+        hangs(line(1, "[7] OstComm getPolicyCommand sending {}") +
+              line(1, "[8] OstComm getPolicyCommand sending {}") +
+              line(2, "[8] OstComm getPolicyCommand response {}") + line(31, "checking url x"));
+    EXPECT_EQ(told.find("1 questions are without an answer; the oldest, number 7, for 30 seconds"), 0u)
+        << told;
 }
 
 TEST_F(LogReader, AReconnectLeavesOpenQuestionsWaiting) {
@@ -101,7 +105,8 @@ TEST_F(LogReader, AReconnectLeavesOpenQuestionsWaiting) {
 TEST_F(LogReader, AnAgentThatIsAbsentIsToldUntilTheLinkIsUp) {
     const std::string failed = line(5, "OstComm setUserLogonCommand socket send failed errno is 57.");
     EXPECT_EQ(hangs(failed).find("The agent has been absent since 2026-11-22 06:20:05"), 0u);
-    EXPECT_EQ(hangs(failed + line(6, "OstComm setUserLogonCommand send success")).find("absent"), std::string::npos);
+    EXPECT_EQ(hangs(failed + line(6, "OstComm setUserLogonCommand send success")).find("absent"),
+              std::string::npos);
 }
 
 TEST_F(LogReader, ALogWithoutQuestionsSaysHowToGetThem) {
@@ -114,8 +119,9 @@ TEST_F(LogReader, OneQuestionsLinesAreShownByItsNumber) {
                                  line(2, "[7] OstCommFilterQueryThread hijackRedirectURL: http://x"));
     const labtest::LabRun run = show({"--request", "7"});
     EXPECT_EQ(run.status, 0);
-    EXPECT_EQ(run.out, "2026-11-22 06:20:01         7  [7] OstComm getPolicyCommand sending {}\n"
-                       "2026-11-22 06:20:02         7  [7] OstCommFilterQueryThread hijackRedirectURL: http://x\n");
+    EXPECT_EQ(run.out,
+              "2026-11-22 06:20:01         7  [7] OstComm getPolicyCommand sending {}\n"
+              "2026-11-22 06:20:02         7  [7] OstCommFilterQueryThread hijackRedirectURL: http://x\n");
 }
 
 TEST_F(LogReader, ALinesMeaningStandsBelowItWhenAskedFor) {

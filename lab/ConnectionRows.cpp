@@ -1,0 +1,87 @@
+#include "lab/ConnectionRows.h"
+
+#include "lab/TableReport.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cctype>
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <map>
+#include <set>
+
+namespace lab {
+namespace {
+
+std::string withoutNumbers(std::string text) {
+    text.erase(std::remove_if(text.begin(), text.end(), [](unsigned char byte) { return std::isdigit(byte); }), text.end());
+    return text;
+}
+
+// The places of the rows that begin a kind, seldom kinds first.
+std::vector<std::size_t> firstOfEachKind(const std::vector<ConnectionRow>& rows) {
+    struct Kind {
+        std::size_t first;
+        std::size_t count;
+    };
+    std::map<std::string, Kind> kinds;
+    for (std::size_t i = 0; i < rows.size(); ++i) ++kinds.try_emplace(kindOf(rows[i].connection), Kind{i, 0}).first->second.count;
+    std::vector<Kind> order;
+    for (const auto& [name, kind] : kinds) order.push_back(kind);
+    std::sort(order.begin(), order.end(), [](const Kind& one, const Kind& other) {
+        return one.count != other.count ? one.count < other.count : one.first < other.first;
+    });
+    std::vector<std::size_t> places;
+    for (const Kind& kind : order) places.push_back(kind.first);
+    return places;
+}
+
+// The same text as one field: quoted, since a URL may hold commas, quotes and line ends.
+std::string field(const std::string& text) {
+    std::string quoted = "\"";
+    for (const char byte : text) {
+        if (byte == '"') quoted += '"';
+        quoted += byte;
+    }
+    return quoted + "\"";
+}
+
+} // namespace
+
+std::string kindOf(const Connection& connection) {
+    return withoutNumbers(verdictText(connection) + "/" + answerText(connection));
+}
+
+std::vector<ConnectionRow> chosenRows(std::vector<ConnectionRow> rows, std::size_t most) {
+    std::stable_sort(rows.begin(), rows.end(),
+                     [](const ConnectionRow& one, const ConnectionRow& other) { return one.at < other.at; });
+    std::set<std::size_t> places;
+    for (const std::size_t place : firstOfEachKind(rows))
+        if (places.size() < most) places.insert(place);
+    std::vector<std::size_t> others;
+    for (std::size_t i = 0; i < rows.size(); ++i)
+        if (!rows[i].connection.queries.empty() && !places.count(i)) others.push_back(i);
+    const std::size_t wanted = std::min(most - places.size(), others.size());
+    for (std::size_t i = 0; i < wanted; ++i) places.insert(others[i * others.size() / wanted]);
+    std::vector<ConnectionRow> chosen;
+    for (const std::size_t place : places) chosen.push_back(std::move(rows[place]));
+    return chosen;
+}
+
+void writeCsv(const std::string& path, const std::vector<ConnectionRow>& rows) {
+    std::ofstream file(path, std::ios::binary);
+    file << "at,local,remote,questions,url,answer,held,packets,verdict\r\n";
+    for (const ConnectionRow& row : rows) {
+        const Connection& connection = row.connection;
+        file << fmt::format("{:.6f},{},{},{},{},{},{:.6f},{},{}\r\n", static_cast<double>(row.at) / 1e6,
+                            connection.local.text(), connection.remote.text(), connection.queries.size(),
+                            field(connection.queries.empty() ? "" : connection.queries.back().url),
+                            field(answerText(connection)), static_cast<double>(connection.heldTime) / 1e6,
+                            connection.packets, field(verdictText(connection)));
+    }
+    if (!file.flush()) throw InputError(fmt::format("{}: {}", path, std::strerror(errno)));
+}
+
+} // namespace lab
