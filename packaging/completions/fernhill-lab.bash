@@ -1,0 +1,25 @@
+# Completion of fernhill-lab for bash. Made by scripts/make-manuals.
+_fernhill_lab() {
+  local current=${COMP_WORDS[COMP_CWORD]} words='' files=no
+  if [ "$COMP_CWORD" -eq 1 ]; then
+    COMPREPLY=($(compgen -W '--help replay slots check log' -- "$current"))
+    return
+  fi
+  case "${COMP_WORDS[1]}:${COMP_WORDS[COMP_CWORD - 1]}" in
+    replay:--bof) words="on off" ;;
+    replay:--policy) files=yes ;;
+    replay:--json) files=yes ;;
+    replay:--asked) files=yes ;;
+    replay:--report) files=yes ;;
+    replay:--csv) files=yes ;;
+    replay:--program) files=yes ;;
+    replay:--root) files=yes ;;
+    replay:*) words="--help --policy --json --asked --report --csv --rows --bof --program --root" files=yes ;;
+    slots:*) words="--help --questions --operations" files=yes ;;
+    check:*) words="--help --json" files=yes ;;
+    log:*) words="--help --containing --request --since-start --explain --hangs" files=yes ;;
+  esac
+  COMPREPLY=($(compgen -W "$words" -- "$current"))
+  [ $files = no ] || COMPREPLY+=($(compgen -f -- "$current"))
+}
+complete -o filenames -F _fernhill_lab fernhill-lab
