@@ -7,6 +7,7 @@
 // Replies that nobody waits for stay, so the list can become long; entries are found by their number without a walk.
 
 #include "gp/GPList.h"
+#include "gp/ThreadSafety.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -58,13 +59,13 @@ private:
     // Where the entries stand in the list. Those of one number follow each other in the list's order.
     using Index = std::multimap<std::uint32_t, GPList::Node*>;
 
-    void addLocked(ResponseEntry* entry);
+    void addLocked(ResponseEntry* entry) REQUIRES(responseMutex);
     // The first entry with that number, or the end.
-    Index::iterator findLocked(std::uint32_t sequence);
-    ResponseEntry* entryAtLocked(Index::iterator found);
-    void removeLocked(Index::iterator found);
+    Index::iterator findLocked(std::uint32_t sequence) REQUIRES(responseMutex);
+    ResponseEntry* entryAtLocked(Index::iterator found) REQUIRES(responseMutex);
+    void removeLocked(Index::iterator found) REQUIRES(responseMutex);
 
     GPMutex* responseMutex;
-    GPList* responses; // guarded by responseMutex, with the fields of its entries
-    Index index_;      // guarded by responseMutex
+    GPList* responses GUARDED_BY(responseMutex); // with the fields of its entries
+    Index index_ GUARDED_BY(responseMutex);
 };

@@ -202,7 +202,7 @@ void readCurrentServer(GPDOMElement* root) {
     setCurrentServer(new FilterServer(name));
 }
 
-void parseConfig(GPDOMElement* document) {
+void parseConfig(GPDOMElement* document) REQUIRES(state.mutex) {
     GPDOMElement* root = document->findElement(rootName);
     if (!root) return;
     readString(root, "MachineUUID", state.uuidString);

@@ -4,6 +4,8 @@
 // process; arrays, locks and the two texts are made before main and never torn down. The defaults below are
 // those of every setting that the file lacks.
 
+#include "gp/ThreadSafety.h"
+
 #include <atomic>
 #include <cstdint>
 
@@ -35,8 +37,8 @@ struct ConfigurationState {
     std::atomic<GPString*> uuidString{nullptr};
     std::atomic<GPString*> uuidStringPrevious{nullptr};
 
-    // Under `valuesMutex`. Despite the name it is the next check-in time.
-    GPString* sLastCheckinDate = nullptr;
+    // Despite the name it is the next check-in time.
+    GPString* sLastCheckinDate GUARDED_BY(valuesMutex) = nullptr;
 
     // Lock themselves.
     GPSyncdArray* usersArray = nullptr;

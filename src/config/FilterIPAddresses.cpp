@@ -8,6 +8,7 @@
 #include "gp/GPString.h"
 #include "gp/GPThread.h"
 #include "gp/Owned.h"
+#include "gp/ThreadSafety.h"
 #include "packet/TCPPacket.h"
 #include "platform/Clock.h"
 
@@ -16,21 +17,21 @@ namespace {
 constexpr unsigned sleepWithMissing = 10; // seconds
 constexpr unsigned sleepWithAll = 600;
 
-std::atomic<FilterIPAddresses*> ipAddressesCurrent{nullptr};
-std::atomic<FilterIPAddresses*> ipAddressesPrev{nullptr};
-std::atomic<bool> rebuildAddresses{false};
-std::atomic<bool> rebuildThreadActive{false};
-
 // Serialises build, refresh and swap; held across name look-ups.
 GPMutex* const buildmutex = new GPMutex;
 
+std::atomic<FilterIPAddresses*> ipAddressesCurrent{nullptr};
+std::atomic<FilterIPAddresses*> ipAddressesPrev GUARDED_BY(buildmutex){nullptr};
+std::atomic<bool> rebuildAddresses{false};
+std::atomic<bool> rebuildThreadActive{false};
+
 // How many readers are between the read of `ipAddressesCurrent` and their retain. The previous snapshot
 // covers that time unless two swaps fall into it; a snapshot that is due meanwhile waits in `retiredSnapshots`
-// (under `buildmutex`) for a later swap.
+// for a later swap.
 std::atomic<int> readersTakingSnapshot{0};
-GPArray* const retiredSnapshots = new GPArray;
+GPArray* const retiredSnapshots GUARDED_BY(buildmutex) = new GPArray;
 
-void retire(FilterIPAddresses* snapshot) {
+void retire(FilterIPAddresses* snapshot) REQUIRES(buildmutex) {
     if (snapshot) {
         retiredSnapshots->addObject(snapshot);
         snapshot->release();
@@ -38,13 +39,21 @@ void retire(FilterIPAddresses* snapshot) {
     if (readersTakingSnapshot.load() == 0) retiredSnapshots->removeAllObjects();
 }
 
-// Puts a new snapshot in force and keeps the one before it for one more generation. Under `buildmutex`.
-void install(FilterIPAddresses* built) {
+// Puts a new snapshot in force and keeps the one before it for one more generation.
+void install(FilterIPAddresses* built) REQUIRES(buildmutex) {
     FilterIPAddresses* beforeLast = ipAddressesPrev.load();
     ipAddressesPrev = ipAddressesCurrent.load();
     ipAddressesCurrent = built;
     retire(beforeLast);
 }
+
+} // namespace
+
+// Their lock is known in this file alone.
+FilterIPAddresses* buildIPaddresses() REQUIRES(buildmutex);
+void refreshServerAddresses(FilterIPAddresses* snapshot) REQUIRES(buildmutex);
+
+namespace {
 
 unsigned pauseOfMonitor() {
     // A rebuild task may swap meanwhile.

@@ -6,6 +6,7 @@
 // else is a plain read or write.
 
 #include "gp/GPObject.h"
+#include "gp/ThreadSafety.h"
 
 #include <atomic>
 #include <cstdint>
@@ -49,17 +50,17 @@ public:
     GPTimer* getTimer() const { return timer_.load(std::memory_order_acquire); }
 
     // Stores the timer, whose reference passes to the server, and releases the one before it.
-    void setTimer(GPTimer* timer);
+    void setTimer(GPTimer* timer) EXCLUDES(mutex_);
 
     // Marks the server down since `timer`, whose reference passes to the server.
-    void setDownState(GPTimer* timer);
+    void setDownState(GPTimer* timer) EXCLUDES(mutex_);
 
     // Marks the server active again and drops the timer.
-    void removeDownState();
+    void removeDownState() EXCLUDES(mutex_);
 
     // The server's own lock, for the type probe. Not recursive; the three timer operations take it as well.
-    void lock();
-    void unlock();
+    void lock() ACQUIRE(mutex_);
+    void unlock() RELEASE(mutex_);
 
     // Whether the server answered the HTTPS probe.
     bool isUseHttps() const { return useHttps_.load(std::memory_order_relaxed); }

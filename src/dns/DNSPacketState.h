@@ -3,6 +3,8 @@
 // What DNSPacket's source files share and nobody else sees. One record for the process; the locks are made
 // before main and never torn down.
 
+#include "gp/ThreadSafety.h"
+
 #include <atomic>
 
 class GPArray;
@@ -10,11 +12,12 @@ class GPMap;
 class GPMutex;
 
 struct DNSPacketState {
-    // Under `mutex`; values are static strings. Null until first needed.
-    GPMap* map = nullptr; // host asked for -> redirect host
+    // Host asked for -> redirect host. Values are static strings. Null until first needed.
+    GPMap* map GUARDED_BY(mutex) = nullptr;
 
-    // Under `mutex` and `ipv4Mutex`; isSslIp walks it under the latter alone.
-    GPMap* mapIpv4 = nullptr; // redirect host -> its IPv4 address as dotted text
+    // Redirect host -> its IPv4 address as dotted text. Changed with `mutex` held too; isSslIp walks it under
+    // `ipv4Mutex` alone.
+    GPMap* mapIpv4 GUARDED_BY(ipv4Mutex) = nullptr;
 
     // Read without a lock by any thread.
     std::atomic<unsigned> noSSLIP{0}; // network order
@@ -33,7 +36,13 @@ enum class RemapSource { dom, api };
 
 // Replaces the tables and the pinned hosts by the rows in `hosts`, elements with "HOST,REDIRECT HOST" as
 // their text. The old ones go with the first row whose redirect host resolves, or at once for an empty list.
-void replaceTables(GPArray* hosts, RemapSource source);
+void replaceTables(GPArray* hosts, RemapSource source) EXCLUDES(dnsState.mutex);
 
 // DNSPacket::removeHostsFile for callers that hold `mutex`.
-void removePinnedHosts();
+void removePinnedHosts() REQUIRES(dnsState.mutex);
+
+// The operations of DNSPacket.h that are called with `mutex` held.
+void initMap() REQUIRES(dnsState.mutex);
+void clearMaps() REQUIRES(dnsState.mutex);
+bool hostExistsCheck(const char* host, const char* address) REQUIRES(dnsState.mutex);
+void removeHostEntry(const char* host) REQUIRES(dnsState.mutex);

@@ -97,16 +97,17 @@ std::string firstAddress(const std::string& host) {
     return dotted;
 }
 
-// The following with the lock held.
+// The pointers are set with both locks held, so either is enough to look at them.
+bool haveBothTables() REQUIRES(dnsState.mutex) NO_THREAD_SAFETY_ANALYSIS {
+    return dnsState.map && dnsState.mapIpv4;
+}
 
-bool haveBothTables() { return dnsState.map && dnsState.mapIpv4; }
-
-void dropTablesAndPins() {
+void dropTablesAndPins() REQUIRES(dnsState.mutex) {
     clearMaps();
     removePinnedHosts();
 }
 
-void storeRow(const RemapRow& row, const std::string& address, RemapSource source) {
+void storeRow(const RemapRow& row, const std::string& address, RemapSource source) REQUIRES(dnsState.mutex) {
     {
         GPMutexLock lock(dnsState.ipv4Mutex);
         setText(dnsState.mapIpv4, row.redirect.c_str(), address.c_str());

@@ -29,8 +29,6 @@ constexpr long long disabledLimit = 600000001; // microseconds
 GPThreadPool& threadPool = *new GPThreadPool(FilterQuery::queryThreads);
 GPMutex& disableMutex = *new GPMutex;
 GPTimer& filterTimestamp = *new GPTimer(true); // restarted under disableMutex
-GPList& cache = *new GPList;                   // guarded by mutex
-GPMutex& mutex = *new GPMutex;                 // also the server lock
 
 std::atomic<int> querynum{0};
 std::atomic<bool> filteringDisabled{false}; // changed under disableMutex
@@ -93,6 +91,8 @@ bool holdsAddress(FilterIPAddresses* snapshot, unsigned address) {
 
 } // namespace
 
+GPMutex* const FilterQuery::mutex = new GPMutex;
+
 void FilterQuery::send(const char* url, bool https, void* result) {
     if (Configuration::isVerbose()) logf("url being checked: %s", url);
     if (Configuration::isBalanced()) Configuration::nextServer();
@@ -144,10 +144,11 @@ bool FilterQuery::queryCache(GPString* url) {
     const int query = copy->find("?", false);
     if (query >= 0) copy->subString(0, query)->trim();
     if (copy->length() == 0) return false;
-    GPMutexLock lock(&mutex);
-    return isInQueryCache(&cache, copy->cstr());
+    static GPList* const cache GUARDED_BY(mutex) = new GPList;
+    GPMutexLock lock(mutex);
+    return isInQueryCache(cache, copy->cstr());
 }
 
-void FilterQuery::lockServers() { mutex.lock(); }
+void FilterQuery::lockServers() { mutex->lock(); }
 
-void FilterQuery::unlockServers() { mutex.unlock(); }
+void FilterQuery::unlockServers() { mutex->unlock(); }

@@ -8,9 +8,12 @@
 // Static operations over process-wide state that is made before main and never torn down. Any thread, where
 // nothing else is said.
 
+#include "gp/ThreadSafety.h"
+
 #include <netinet/in.h>
 
 class FilterIPAddresses;
+class GPMutex;
 class GPString;
 
 // One query on its way to the pool.
@@ -49,8 +52,8 @@ public:
     static bool queryCache(GPString* url);
 
     // The lock around every change of the server list. Not recursive.
-    static void lockServers();
-    static void unlockServers();
+    static void lockServers() ACQUIRE(mutex);
+    static void unlockServers() RELEASE(mutex);
 
     // Blocks an IPv4 address (host order) for five minutes. A second call adds a second entry.
     static void addToSSL(unsigned address);
@@ -64,4 +67,7 @@ public:
 
     // The same for an IPv6 packet.
     static bool isBlockedSSLIpv6(char* packet);
+
+private:
+    static GPMutex* const mutex; // the servers, and the query cache
 };

@@ -7,6 +7,7 @@
 #include "gp/GPString.h"
 #include "gp/GPTimer.h"
 #include "gp/Owned.h"
+#include "gp/ThreadSafety.h"
 #include "packet/TCPPacket.h"
 
 #include <cstdint>
@@ -18,10 +19,10 @@ namespace {
 constexpr long long endOfLife = 300000001;
 
 // The tables, each with its own lock; no operation holds both.
-GPList* const sslList = new GPList;
 GPMutex* const sslMutex = new GPMutex;
-GPList* const sslListIpv6 = new GPList;
+GPList* const sslList GUARDED_BY(sslMutex) = new GPList;
 GPMutex* const sslMutexIpv6 = new GPMutex;
+GPList* const sslListIpv6 GUARDED_BY(sslMutexIpv6) = new GPList;
 
 unsigned mark(const GPObject* entry) {
     return static_cast<unsigned>(reinterpret_cast<std::uintptr_t>(entry));

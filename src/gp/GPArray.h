@@ -8,6 +8,7 @@
 // threads, and an append into free room may run beside readers.
 
 #include "gp/GPObject.h"
+#include "gp/ThreadSafety.h"
 
 #include <atomic>
 #include <cstdint>
@@ -80,22 +81,22 @@ public:
     // blocks for ever, at once or at the next use.
     void safe();
     bool isSafe() const { return mutex_ != nullptr; }
-    void lock();
-    void unlock();
+    void lock() ACQUIRE(mutex_);
+    void unlock() RELEASE(mutex_);
 
     // Takes a reference under a lock of the count's own, and has every later release go through it too. The
     // first call must come before the array is shared. Returns the new count.
     int safeRetain();
 
 private:
-    void append(void* entry);
+    void append(void* entry) REQUIRES(mutex_);
     bool isIndex(int index) const { return index >= 0 && index < count_.load(std::memory_order_acquire); }
 
-    void** entries_;
+    void** entries_; // read without the lock too
     // Stored after the slot it counts, so that a reader beside an append sees whole entries only.
     std::atomic<std::int32_t> count_;
-    std::int32_t capacity_;
-    std::uint8_t holdsValues_;
+    std::int32_t capacity_ GUARDED_BY(mutex_);
+    std::uint8_t holdsValues_ GUARDED_BY(mutex_);
     GPMutex* mutex_;
     std::atomic<std::uint8_t> retainGuarded_;
     GPMutex* retainMutex_; // guards the reference count only

@@ -8,6 +8,7 @@
 // the cursor stands on the next one, so that step calls no nextObject.
 
 #include "gp/GPObject.h"
+#include "gp/ThreadSafety.h"
 
 #include <cstdint>
 
@@ -80,17 +81,18 @@ public:
     // Makes the lock that lock() and unlock() use; without it they do nothing.
     void safe();
     bool isSafe() const { return mutex_ != nullptr; }
-    void lock();
-    void unlock();
+    void lock() ACQUIRE(mutex_);
+    void unlock() RELEASE(mutex_);
 
 private:
-    void append(void* value);
-    void unlink(Node* node);
+    void append(void* value) REQUIRES(mutex_);
+    void unlink(Node* node) REQUIRES(mutex_);
+    bool looksEmpty() const;
 
-    Node* head_;
-    Node* tail_;
-    Node* cursor_;
-    std::int32_t count_;
-    std::uint8_t holdsValues_;
+    Node* head_ GUARDED_BY(mutex_);
+    Node* tail_ GUARDED_BY(mutex_);
+    Node* cursor_ GUARDED_BY(mutex_);
+    std::int32_t count_ GUARDED_BY(mutex_);
+    std::uint8_t holdsValues_ GUARDED_BY(mutex_);
     GPMutex* mutex_;
 };

@@ -5,6 +5,7 @@
 #include "gp/GPString.h"
 #include "gp/GuardedAppend.h"
 #include "gp/Owned.h"
+#include "gp/ThreadSafety.h"
 #include "gp/TimeZoneLock.h"
 #include "platform/Clock.h"
 #include "platform/ThreadNumber.h"
@@ -31,12 +32,14 @@ std::atomic<std::int32_t> logMaxCount{20};
 std::atomic<std::int32_t> counter{-1};
 std::atomic<bool> logEcho{false};
 std::atomic<GPMutex*> mutex{nullptr};
-// The folder may be open to everybody. What another has put in the file's place is not written to.
-KnownFile logFile;
 
 constexpr auto relaxed = std::memory_order_relaxed;
 
+// Null while one thread alone logs.
 GPMutex* currentMutex() { return mutex.load(std::memory_order_acquire); }
+
+// The folder may be open to everybody. What another has put in the file's place is not written to.
+KnownFile logFile GUARDED_BY(currentMutex());
 
 // In a forked child. The old lock stays as it is: where one goes to its waiters in turn, as on the Mac, freeing it would
 // hand it to the first that waited at the fork, a thread that the child does not have.
@@ -88,9 +91,13 @@ bool isOverLimit(const char* name) {
     return limit > 0 && lstat(name, &entry) == 0 && S_ISREG(entry.st_mode) && entry.st_size > limit;
 }
 
+void append(const char* name, const std::string& line) REQUIRES(currentMutex()) {
+    appendGuarded(name, line.data(), line.size(), &logFile);
+}
+
 // Goes on to the next index. At the highest one, drops the file with index 0 and moves the others down; the
 // file with index -1 takes no part.
-void rotate() {
+void rotate() REQUIRES(currentMutex()) {
     const std::int32_t last = counter.load(relaxed);
     if (last < logMaxCount.load(relaxed)) {
         counter.store(last + 1, relaxed);
@@ -104,6 +111,10 @@ void rotate() {
     }
 }
 
+void holdLog() ACQUIRE(currentMutex()) { currentMutex()->lock(); }
+
+void letLogGo() RELEASE(currentMutex()) { currentMutex()->unlock(); }
+
 } // namespace
 
 void logs(const char* text) {
@@ -113,7 +124,7 @@ void logs(const char* text) {
         // Named outside the lock: a rotation can have moved this file when it is written.
         const auto name = Owned<GPString>::adopt(currentLogName(counter.load(relaxed)));
         GPMutexLock lock(currentMutex());
-        appendGuarded(name->cstr(), line.data(), line.size(), &logFile);
+        append(name->cstr(), line);
     }
     GPMutexLock lock(currentMutex());
     const auto name = Owned<GPString>::adopt(currentLogName(counter.load(relaxed)));
@@ -155,7 +166,7 @@ void makeLogThreadSafe() {
     if (currentMutex()) return;
     mutex.store(new GPMutex, std::memory_order_release);
     // A forked child logs too, and must not find the lock held by a thread that it does not have.
-    pthread_atfork([] { currentMutex()->lock(); }, [] { currentMutex()->unlock(); }, renewMutex);
+    pthread_atfork(holdLog, letLogGo, renewMutex);
 }
 
 void printDumpBytes(const char* bytes, int length, int perLine) {

@@ -6,6 +6,7 @@
 // Not thread-safe, and reading moves cursors: whoever shares one locks for readers too.
 
 #include "gp/GPObject.h"
+#include "gp/ThreadSafety.h"
 
 #include <cstdint>
 
@@ -51,8 +52,8 @@ public:
     // Makes the lock that lock() and unlock() use; without it they do nothing.
     void safe();
     bool isSafe() const { return mutex_ != nullptr; }
-    void lock();
-    void unlock();
+    void lock() ACQUIRE(mutex_);
+    void unlock() RELEASE(mutex_);
 
     // Doubles the buckets and spreads the pairs anew. Afterwards count() is 0 and only objectForKey still
     // sees the pairs.
@@ -61,12 +62,12 @@ public:
 private:
     // Takes over both.
     void addPair(char* ownKey, GPObject* value);
-    GPList* bucketForKey(const char* key);
-    void addBuckets(int upTo);
+    GPList* bucketForKey(const char* key) REQUIRES(mutex_);
+    void addBuckets(int upTo) REQUIRES(mutex_);
 
-    GPArray* buckets_;
-    std::int32_t count_;
-    std::int32_t walkBucket_;
-    std::int32_t walkPosition_;
+    GPArray* buckets_ GUARDED_BY(mutex_);
+    std::int32_t count_ GUARDED_BY(mutex_);
+    std::int32_t walkBucket_ GUARDED_BY(mutex_);
+    std::int32_t walkPosition_ GUARDED_BY(mutex_);
     GPMutex* mutex_;
 };

@@ -6,6 +6,7 @@
 // taken out. A new GPSyncdArray has the count 2 and lives for the whole run too.
 
 #include "gp/GPObject.h"
+#include "gp/ThreadSafety.h"
 
 #include <atomic>
 #include <cstdint>
@@ -58,9 +59,9 @@ public:
     bool removeString(GPString* text);
 
 private:
-    // For a writer that holds the mutex and a snapshot.
-    void appendTo(GPArray* snapshot, GPObject* object);
-    void removeFrom(GPArray* snapshot, int index);
+    // For a writer that holds a snapshot.
+    void appendTo(GPArray* snapshot, GPObject* object) REQUIRES(mutex_);
+    void removeFrom(GPArray* snapshot, int index) REQUIRES(mutex_);
 
     std::int32_t initialCapacity_;
     std::atomic<GPArray*> current_;

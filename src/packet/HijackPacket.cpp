@@ -5,6 +5,7 @@
 #include "gp/GPMutex.h"
 #include "gp/GPString.h"
 #include "gp/GPTimer.h"
+#include "gp/ThreadSafety.h"
 #include "packet/HijackTable.h"
 
 #include <cstring>
@@ -14,9 +15,9 @@ namespace {
 constexpr int plainLife = 30000000;
 constexpr int tlsLife = 120000000;
 
-// All records, and the lock that guards them.
-HijackTable* const table = new HijackTable;
+// The lock of all records, and the records.
 GPMutex* const mutex = new GPMutex;
+HijackTable* const table GUARDED_BY(mutex) = new HijackTable;
 
 bool sameAddress(const in6_addr& a, const in6_addr& b) { return std::memcmp(&a, &b, sizeof a) == 0; }
 
