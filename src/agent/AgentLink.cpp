@@ -26,42 +26,43 @@ bool AgentLink::sendBytes(const char* frame, std::size_t length, int& error) {
     }
     GPMutexLock lock(&commandMutex);
     // Closed since the caller looked, or just being replaced by a socket that somebody else still opens.
-    if (opened != 1) {
+    if (!isOpened()) {
         error = ENOTCONN;
         return false;
     }
     errno = 0;
-    const bool sent = socket.load()->send(frame, static_cast<int>(length));
+    const bool sent = socket()->send(frame, static_cast<int>(length));
     error = errno;
     return sent;
 }
 
 void AgentLink::replaceSocket(GPSockets* replacement) {
     GPMutexLock lock(&commandMutex);
-    opened = 0;
-    socket = replacement;
+    markClosed();
+    socket_ = replacement;
 }
 
 void AgentLink::closeSocket() {
     GPMutexLock lock(&commandMutex);
-    socket.load()->closeConnection();
+    socket()->closeConnection();
 }
 
 void AgentLink::reopenSocket() {
     GPMutexLock lock(&commandMutex);
-    socket.load()->openConnection();
+    socket()->openConnection();
 }
 
-void AgentLink::markReaderStart() {
+void AgentLink::beginReading() {
+    responseThreadRunning_ = 1;
     GPDate* start = GPDate::now();
     start->timeInFuture(settlingSeconds);
     GPMutexLock lock(&startedMutex);
-    if (responseThreadStarted) responseThreadStarted->release();
-    responseThreadStarted = start;
+    if (responseThreadStarted_) responseThreadStarted_->release();
+    responseThreadStarted_ = start;
 }
 
-GPDate* AgentLink::readerStarted() {
+GPDate* AgentLink::responseThreadStarted() {
     GPMutexLock lock(&startedMutex);
-    return responseThreadStarted ? new GPDate(static_cast<long>(responseThreadStarted->toRawTime()))
-                                 : nullptr;
+    return responseThreadStarted_ ? new GPDate(static_cast<long>(responseThreadStarted_->toRawTime()))
+                                  : nullptr;
 }

@@ -1,11 +1,14 @@
 #pragma once
 
-// The class-wide state of the agent link, private to OstComm and its reader thread. It exists once, is made
-// when the program is loaded, and is never destroyed, since the reader runs until the process ends.
+// The connection of the agent link: the current socket, the sends on it, the replies that are awaited and the one
+// reader thread. It exists once, is made when the program is loaded, and is never destroyed, since the reader runs
+// until the process ends. For OstComm, which builds the connection, and the reader. Any thread, where nothing else
+// is said.
 
 #include "agent/AgentFrames.h"
 #include "agent/ResponseTable.h"
 #include "gp/GPMutex.h"
+#include "gp/ThreadSafety.h"
 
 #include <atomic>
 #include <cstddef>
@@ -13,26 +16,12 @@
 
 class GPDate;
 class GPSockets;
-class GPString;
-class OstComm;
 
-struct AgentLink {
-    GPMutex instanceMutex; // creation of the instance, and the whole of a reconnect
-    GPMutex commandMutex;  // one frame's send
-    GPMutex startedMutex;  // responseThreadStarted
-
-    ResponseTable responses; // has the response lock in it
-
-    OstComm* m_pInstance = nullptr;    // guarded by instanceMutex
-    GPString* name = nullptr;          // the agent's host; guarded by instanceMutex
-    GPString* hostIPAddress = nullptr; // the agent's resolved address; guarded by instanceMutex
-    std::uint8_t port = 0;             // a switch: while set the socket's port is 3456, else 0
-    std::uint8_t timeout = 0;          // times 5: seconds of one wait on the socket
-
-    std::atomic<GPSockets*> socket{nullptr}; // the current socket object
-    std::atomic<std::uint8_t> opened{0};     // 1 while the link is believed to stand
-    std::atomic<std::uint8_t> responseThreadRunning{0};
-    GPDate* responseThreadStarted = nullptr; // guarded by startedMutex
+class AgentLink {
+public:
+    AgentLink() = default;
+    AgentLink(const AgentLink&) = delete;
+    AgentLink& operator=(const AgentLink&) = delete;
 
     // Takes a number for a frame. No atomic step: two threads can draw the same number.
     std::uint32_t nextSequence();
@@ -45,24 +34,50 @@ struct AgentLink {
         return sendBytes(frame, buildAgentFrame(frame, Space, type, sequence, body), error);
     }
 
+    // Whether the link is believed to stand.
+    bool isOpened() const { return opened_ == 1; }
+    void markOpened() { opened_ = 1; }
+    void markClosed() { opened_ = 0; }
+
+    // The current socket object, borrowed; null before the first.
+    GPSockets* socket() const { return socket_; }
+
     // Marks the link as closed and puts another socket object in place, which is then the caller's to open: no
-    // frame goes out on it before `opened` is set. The object that was there before keeps its reference.
-    void replaceSocket(GPSockets* replacement);
+    // frame goes out on it before the link is marked as opened. The object that was there keeps its reference.
+    void replaceSocket(GPSockets* replacement) EXCLUDES(commandMutex);
 
     // Close and reopen the current socket object between two frames, never inside one.
-    void closeSocket();
-    void reopenSocket();
+    void closeSocket() EXCLUDES(commandMutex);
+    void reopenSocket() EXCLUDES(commandMutex);
 
-    // Notes that a reader thread starts now.
-    void markReaderStart();
+    // The requests that wait for their replies.
+    ResponseTable& responses() { return responses_; }
 
-    // A copy of responseThreadStarted, owned by the caller; null before the first reader.
-    GPDate* readerStarted();
+    // For the reader thread: the socket is its own now, from this moment, and no longer.
+    void beginReading();
+    void endReading() { responseThreadRunning_ = 0; }
+
+    // Whether a reader thread has the socket.
+    bool isBeingRead() const { return responseThreadRunning_ == 1; }
+
+    // The moment at which the last reader began plus 300 seconds, owned by the caller; null before the first one.
+    GPDate* responseThreadStarted() EXCLUDES(startedMutex);
 
 private:
-    bool sendBytes(const char* frame, std::size_t length, int& error);
+    bool sendBytes(const char* frame, std::size_t length, int& error) EXCLUDES(commandMutex);
 
+    ResponseTable responses_; // has the response lock in it
+
+    // Replaced, closed and sent on with the lock held; the reader reads from it without.
+    GPMutex commandMutex;
+    std::atomic<GPSockets*> socket_{nullptr};
+
+    std::atomic<std::uint8_t> opened_{0};
+    std::atomic<std::uint8_t> responseThreadRunning_{0};
     std::atomic<std::uint32_t> sequenceNum_{1};
+
+    GPMutex startedMutex;
+    GPDate* responseThreadStarted_ GUARDED_BY(startedMutex) = nullptr;
 };
 
 extern AgentLink& agentLink;

@@ -9,6 +9,7 @@
 #include "gp/GPData.h"
 #include "gp/GPDate.h"
 #include "gp/GPLog.h"
+#include "gp/GPMutex.h"
 #include "gp/GPNetDevice.h"
 #include "gp/GPSockets.h"
 #include "gp/GPString.h"
@@ -45,14 +46,6 @@ std::string escapedName(const char* userName) {
     return escaped;
 }
 
-GPSockets* makeLinkSocket() {
-    auto* socket = new GPSockets;
-    socket->setTimeout(agentLink.timeout * 5);
-    socket->setPort(agentLink.port ? OstComm::agentPort : 0);
-    socket->setServer(agentLink.name->cstr());
-    return socket;
-}
-
 GPString* logonBody(const char* userName) {
     const std::string escaped = userName ? escapedName(userName) : std::string();
     const std::string udid = platform::hardwareRegistry().platformUUID();
@@ -66,10 +59,17 @@ GPString* logonBody(const char* userName) {
 
 } // namespace
 
+GPMutex* const OstComm::instanceMutex = new GPMutex;
+OstComm* OstComm::m_pInstance = nullptr;
+GPString* OstComm::name = nullptr;
+GPString* OstComm::hostIPAddress = nullptr;
+std::uint8_t OstComm::port = 0;
+std::uint8_t OstComm::timeout = 0;
+
 OstComm* OstComm::Instance() {
-    GPMutexLock lock(&agentLink.instanceMutex);
-    if (!agentLink.m_pInstance) agentLink.m_pInstance = new OstComm(agentHost);
-    return agentLink.m_pInstance;
+    GPMutexLock lock(instanceMutex);
+    if (!m_pInstance) m_pInstance = new OstComm(agentHost);
+    return m_pInstance;
 }
 
 OstComm::OstComm(const char* host) : platform_(makePlatform()), version_(makeVersion()) {
@@ -78,9 +78,9 @@ OstComm::OstComm(const char* host) : platform_(makePlatform()), version_(makeVer
 }
 
 OstComm::OstComm(GPString* host) : platform_(makePlatform()), version_(makeVersion()) {
-    replaceText(agentLink.name, new GPString(host));
-    agentLink.port = 1;
-    agentLink.timeout = 1;
+    replaceText(name, new GPString(host));
+    port = 1;
+    timeout = 1;
     connect();
 }
 
@@ -90,17 +90,25 @@ OstComm::~OstComm() {
 }
 
 void OstComm::ReConnect() {
-    agentLink.responses.wakeHead();
-    GPMutexLock lock(&agentLink.instanceMutex);
-    agentLink.port = 1;
-    agentLink.timeout = 1;
+    agentLink.responses().wakeHead();
+    GPMutexLock lock(instanceMutex);
+    port = 1;
+    timeout = 1;
     replaceText(version_, makeVersion());
     replaceText(platform_, makePlatform());
     connect();
 }
 
-// Builds the link. The socket object that was there before is deliberately neither closed nor released:
-// other threads may still be sending on it.
+GPSockets* OstComm::makeLinkSocket() {
+    auto* socket = new GPSockets;
+    socket->setTimeout(timeout * 5);
+    socket->setPort(port ? agentPort : 0);
+    socket->setServer(name->cstr());
+    return socket;
+}
+
+// Builds the link. The socket object that was there before is neither closed nor released: other threads may still
+// be sending on it.
 void OstComm::connect() {
     GPSockets* socket = makeLinkSocket();
     agentLink.replaceSocket(socket);
@@ -109,9 +117,9 @@ void OstComm::connect() {
         return;
     }
     logf("OstComm socket opened [0x%x]", static_cast<unsigned>(reinterpret_cast<std::uintptr_t>(socket)));
-    agentLink.opened = 1;
+    agentLink.markOpened();
     logOnUntilSent();
-    replaceText(agentLink.hostIPAddress, new GPString(socket->IPAddress()));
+    replaceText(hostIPAddress, new GPString(socket->IPAddress()));
     GPThread::taskOnBackground(responseThread, nullptr);
 }
 
@@ -124,21 +132,30 @@ void OstComm::logOnUntilSent() {
     }
 }
 
+// Sends a frame whose answer nobody waits for, and logs how that ended under the command's name.
+bool OstComm::sendCommand(const char* command, std::uint32_t type, std::uint32_t sequence, const char* body) {
+    if (!agentLink.isOpened()) {
+        logf("OstComm %s no socket.", command);
+        return false;
+    }
+    int error = 0;
+    const bool sent = agentLink.sendFrame<agentOtherFrameSpace>(type, sequence, body, error);
+    // A request for the configuration has no words for success, and none for the errno.
+    if (type == agentConfigurationFrame) {
+        if (!sent) logf("OstComm %s socket send failed.", command);
+    } else if (sent) {
+        logf("OstComm %s send success", command);
+    } else {
+        logf("OstComm %s socket send failed errno is %d.\n", command, error);
+    }
+    return sent;
+}
+
 bool OstComm::setUserLogonCommand(char* userName, char*) {
     const std::uint32_t sequence = agentLink.nextSequence();
     const auto body = Owned<GPString>::adopt(logonBody(userName));
     logf("OstComm setUserLogonCommand sending %s", body->cstr());
-    if (agentLink.opened != 1) {
-        logf("OstComm setUserLogonCommand no socket.");
-        return false;
-    }
-    int error = 0;
-    if (!agentLink.sendFrame<agentOtherFrameSpace>(agentLogonFrame, sequence, body->cstr(), error)) {
-        logf("OstComm setUserLogonCommand socket send failed errno is %d.\n", error);
-        return false;
-    }
-    logf("OstComm setUserLogonCommand send success");
-    return true;
+    return sendCommand("setUserLogonCommand", agentLogonFrame, sequence, body->cstr());
 }
 
 GPString* OstComm::getPolicyCommand(char* url, int queryNumber) {
@@ -146,48 +163,41 @@ GPString* OstComm::getPolicyCommand(char* url, int queryNumber) {
     const auto body = Owned<GPString>::adopt(GPString::format("{\"url\":\"%s\"}", url));
     if (Configuration::isLogLevel(1))
         logf("[%d] OstComm getPolicyCommand sending %s", queryNumber, body->cstr());
-    if (agentLink.opened != 1) {
+    if (!agentLink.isOpened()) {
         logf("[%d] OstComm getPolicyCommand no socket.", queryNumber);
         return new GPString("{BOF}");
     }
     // The slot is there before anything is sent, so that no reply can outrun it.
-    ResponseEntry* entry = agentLink.responses.open(sequence);
+    ResponseEntry* entry = agentLink.responses().open(sequence);
     GPString* response = nullptr;
     int error = 0;
     if (agentLink.sendFrame<agentPolicyFrameSpace>(agentPolicyFrame, sequence, body->cstr(), error)) {
-        response = agentLink.responses.wait(entry);
+        response = agentLink.responses().wait(entry);
         if (Configuration::isLogLevel(1))
             logf("[%d] OstComm getPolicyCommand response %s", queryNumber,
                  response ? response->cstr() : "(null)");
     } else {
         logf("[%d] OstComm getPolicyCommand socket send failed.", queryNumber);
-        agentLink.responses.remove(sequence);
+        agentLink.responses().remove(sequence);
         response = new GPString("{BOF}");
     }
-    agentLink.responses.close(entry);
+    agentLink.responses().close(entry);
     return response;
 }
 
 bool OstComm::getConfigurationCommand() {
     const std::uint32_t sequence = agentLink.nextSequence();
     if (Configuration::isLogLevel(1)) logf("OstComm getConfigurationCommand sending ");
-    if (agentLink.opened != 1) {
-        logf("OstComm getConfigurationCommand no socket.");
-        return false;
-    }
-    int error = 0;
-    if (agentLink.sendFrame<agentOtherFrameSpace>(agentConfigurationFrame, sequence, "", error)) return true;
-    logf("OstComm getConfigurationCommand socket send failed.");
-    return false;
+    return sendCommand("getConfigurationCommand", agentConfigurationFrame, sequence, "");
 }
 
 GPString* OstComm::getDNSRedirectsCommand() {
-    // No lock around the send, no look at `opened`, and the read competes with the reader thread: good only
+    // No lock around the send, no look at whether the link stands, and the read competes with the reader thread: good only
     // while nobody else uses the link.
     char frame[agentOtherFrameSpace];
     const std::size_t length =
         buildAgentFrame(frame, sizeof frame, agentDnsRedirectsFrame, agentLink.nextSequence(), "");
-    GPSockets* socket = agentLink.socket;
+    GPSockets* socket = agentLink.socket();
     if (!socket->send(frame, static_cast<int>(length))) {
         logf("OstComm socket send failed.");
         return new GPString;
@@ -209,26 +219,16 @@ bool OstComm::sendIpAddressesCommand() {
     const auto addresses = Owned<GPString>::adopt(getIpAddresses());
     const auto body = Owned<GPString>::adopt(GPString::format("{%s}", addresses->cstr()));
     logf("OstComm sendIpAddressesCommand sending %s", body->cstr());
-    if (agentLink.opened != 1) {
-        logf("OstComm sendIpAddressesCommand no socket.");
-        return false;
-    }
-    int error = 0;
-    if (!agentLink.sendFrame<agentOtherFrameSpace>(agentAddressesFrame, sequence, body->cstr(), error)) {
-        logf("OstComm sendIpAddressesCommand socket send failed errno is %d.\n", error);
-        return false;
-    }
-    logf("OstComm sendIpAddressesCommand send success");
-    return true;
+    return sendCommand("sendIpAddressesCommand", agentAddressesFrame, sequence, body->cstr());
 }
 
 void OstComm::OstCommClose() {
-    agentLink.opened = 0;
+    agentLink.markClosed();
     agentLink.closeSocket();
     logf("OstComm socket closed");
 }
 
-bool OstComm::isOpened() { return agentLink.opened == 1; }
+bool OstComm::isOpened() { return agentLink.isOpened(); }
 
 void OstComm::clearPopups() {
     logf("clearPopups entry");
@@ -237,7 +237,7 @@ void OstComm::clearPopups() {
     if (auto* dialog = notifyUpdatingPopUp.load()) platform::userDialog().cancel(dialog);
 }
 
-GPDate* OstComm::responseThreadStarted() { return agentLink.readerStarted(); }
+GPDate* OstComm::responseThreadStarted() { return agentLink.responseThreadStarted(); }
 
 GPString* OstComm::className() { return GPString::string("OstComm"); }
 

@@ -10,11 +10,14 @@
 // that a connect or a reconnect, which holds instanceMutex, changes the socket and sends under commandMutex.
 
 #include "gp/GPObject.h"
+#include "gp/ThreadSafety.h"
 
 #include <cstddef>
 #include <cstdint>
 
 class GPDate;
+class GPMutex;
+class GPSockets;
 class GPString;
 
 class OstComm : public GPObject {
@@ -25,7 +28,7 @@ public:
 
     // The link. The first caller connects: it, and every caller behind it, waits until the first logon frame
     // has gone out, without limit. All callers wait likewise while a reconnect lasts. Borrowed.
-    static OstComm* Instance();
+    static OstComm* Instance() EXCLUDES(instanceMutex);
 
     // Connects to the agent on that host through a temporary object.
     explicit OstComm(const char* host);
@@ -38,7 +41,7 @@ public:
 
     // Wakes the head of the waiting requests with an empty answer and builds the link anew; blocks until it
     // is back. For the reader thread alone.
-    void ReConnect();
+    void ReConnect() EXCLUDES(instanceMutex);
 
     // Reports a logon. A missing or empty name goes out as "{}"; `authType` does not reach the wire. True when
     // the whole frame was sent.
@@ -80,8 +83,21 @@ public:
     GPString* className() override;
 
 private:
-    void connect();
+    static GPSockets* makeLinkSocket() REQUIRES(instanceMutex);
+    static bool sendCommand(const char* command, std::uint32_t type, std::uint32_t sequence,
+                            const char* body);
+
+    void connect() REQUIRES(instanceMutex);
     void logOnUntilSent();
+
+    // The lock of the instance, its creation and the whole of a reconnect.
+    static GPMutex* const instanceMutex;
+    static OstComm* m_pInstance GUARDED_BY(instanceMutex);
+    static GPString* name GUARDED_BY(instanceMutex);          // the agent's host
+    static GPString* hostIPAddress GUARDED_BY(instanceMutex); // the agent's resolved address
+    static std::uint8_t
+        port GUARDED_BY(instanceMutex); // a switch: while set the socket's port is agentPort, else 0
+    static std::uint8_t timeout GUARDED_BY(instanceMutex); // times 5: seconds of one wait on the socket
 
     GPString* platform_;
     GPString* version_; // with the static mark

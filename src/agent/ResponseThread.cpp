@@ -31,7 +31,7 @@ bool readMore(GPSockets* socket, std::string& held) {
 }
 
 void fileFrame(const AgentFrame& frame) {
-    agentLink.responses.deliver(frame.sequence, frame.body, frame.bodyLength);
+    agentLink.responses().deliver(frame.sequence, frame.body, frame.bodyLength);
     if (frame.type == agentConfigurationFrame)
         GPThread::taskOnBackground(loadConfigResponseThread, new std::uint32_t(frame.sequence));
 }
@@ -56,7 +56,7 @@ bool fileFrames(GPSockets* socket, std::string& held) {
                 return true;
             case AgentFrameStep::broken:
                 // The agent is to see that its stream led nowhere.
-                agentLink.opened = 0;
+                agentLink.markClosed();
                 agentLink.closeSocket();
                 return false;
         }
@@ -97,17 +97,16 @@ void takeUpdateUrl(const char* response) {
 
 void* responseThread(void*) {
     // The reader that ReConnect starts comes here while the one that called it is still inside.
-    while (agentLink.responseThreadRunning == 1)
+    while (agentLink.isBeingRead())
         platform::clock().sleepSeconds(1);
-    agentLink.responseThreadRunning = 1;
-    agentLink.markReaderStart();
+    agentLink.beginReading();
     if (Configuration::isLogLevel(1)) logf("OstComm responseThread starting");
 
-    readUntilFailure(agentLink.socket);
+    readUntilFailure(agentLink.socket());
 
     if (Configuration::isLogLevel(1)) logf("OstComm responseThread reconnecting");
     OstComm::Instance()->ReConnect();
-    agentLink.responseThreadRunning = 0;
+    agentLink.endReading();
     return nullptr;
 }
 
@@ -117,7 +116,7 @@ void* loadConfigResponseThread(void* argument) {
     delete word;
     if (Configuration::isLogLevel(1)) logf("OstComm loadConfigResponseThread entry");
     GPString* filed = nullptr;
-    if (!agentLink.responses.take(sequence, filed)) return nullptr;
+    if (!agentLink.responses().take(sequence, filed)) return nullptr;
     const auto response = Owned<GPString>::adopt(filed);
     if (Configuration::isLogLevel(1)) logf("OstComm loadConfigResponseThread response %s", response->cstr());
     takeBypass(response->cstr());

@@ -1,6 +1,5 @@
 #include "agent/OstComm.h"
 
-#include "agent/AgentLink.h"
 #include "gp/GPString.h"
 #include "gp/Owned.h"
 #include "support/AgentLinkWorld.h"
@@ -94,9 +93,10 @@ TEST_F(AddressFrameTest, MoreAddressesThanAFrameHoldsAreAFailedSend) {
 }
 
 TEST_F(AddressFrameTest, OnAClosedLinkTheAddressesStay) {
+    world.holdReaderBack();
     world.startAgent();
     OstComm* link = OstComm::Instance();
-    agentLink.opened = 0;
+    link->OstCommClose();
     EXPECT_FALSE(link->sendIpAddressesCommand());
     EXPECT_TRUE(world.log.holds("OstComm sendIpAddressesCommand no socket."));
 }

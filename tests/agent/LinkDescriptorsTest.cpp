@@ -100,7 +100,7 @@ TEST(LinkDescriptors, AReconnectThatFindsNoneLeftEndsTheLinkForGoodAndCannotEven
         {
             const DescriptorLimit none(standardStreamsAlone);
             agent.closeConnection();
-            EXPECT_TRUE(testsupport::eventually([] { return agentLink.responseThreadRunning == 0; }));
+            EXPECT_TRUE(testsupport::eventually([] { return !agentLink.isBeingRead(); }));
         }
         EXPECT_FALSE(link->isOpened());
         char url[] = "http://after/";

@@ -11,6 +11,7 @@
 #include "support/AgentLinkWorld.h"
 #include "support/ManualClock.h"
 #include "support/PlayedInterfaces.h"
+#include "support/ProgramSymbols.h"
 
 #include <gtest/gtest.h>
 #include <sys/socket.h>
@@ -38,8 +39,7 @@ protected:
 
     // The same with the reader thread held back, as it is while another reader still has the socket.
     OstComm& connectedWithoutReader() {
-        ManualClock::installed().letSleepsPass(false);
-        agentLink.responseThreadRunning = 1;
+        world.holdReaderBack();
         return connected();
     }
 
@@ -96,12 +96,19 @@ TEST_F(OstCommTest, TheCachedUserNameGoesOutWithVersionAndHardwareUuid) {
 
 TEST_F(OstCommTest, TheSocketGoesToPort3456OfTheLoopbackAddressAndWaitsFiveSeconds) {
     connected();
-    const GPSockets* socket = agentLink.socket;
+    const GPSockets* socket = agentLink.socket();
     EXPECT_EQ(socket->port(), 3456);
     EXPECT_STREQ(socket->server(), "127.0.0.1");
     EXPECT_EQ(socket->timeout(), 5);
-    EXPECT_STREQ(agentLink.name->cstr(), "127.0.0.1");
-    EXPECT_STREQ(agentLink.hostIPAddress->cstr(), "127.0.0.1");
+}
+
+TEST_F(OstCommTest, TheAgentsAddressIsThatOfTheNewestConnection) {
+    const auto known = [] {
+        return *reinterpret_cast<GPString**>(testsupport::programVariable("hostIPAddress"));
+    };
+    EXPECT_EQ(known(), nullptr);
+    connected();
+    EXPECT_STREQ(known()->cstr(), "127.0.0.1");
 }
 
 TEST_F(OstCommTest, ThereIsOneInstanceAndItsClassNameIsOstComm) {
@@ -214,8 +221,8 @@ TEST_F(OstCommTest, AUrlThatFillsTheBufferGoesOutAndALongerOneIsAFailedSend) {
 }
 
 TEST_F(OstCommTest, OnAClosedLinkEveryCommandFailsAtOnce) {
-    OstComm& link = connected();
-    agentLink.opened = 0;
+    OstComm& link = connectedWithoutReader();
+    link.OstCommClose();
     EXPECT_FALSE(link.isOpened());
     EXPECT_EQ(ask("http://a/", 3), "{BOF}");
     EXPECT_TRUE(world.log.holds("[3] OstComm getPolicyCommand no socket."));
@@ -238,7 +245,7 @@ TEST_F(OstCommTest, ASendThatFailsAnswersAtOnceAndLeavesNoEntryBehind) {
     agentLink.closeSocket();
     EXPECT_EQ(ask("http://a/", 5), "{BOF}");
     EXPECT_TRUE(world.log.holds("[5] OstComm getPolicyCommand socket send failed."));
-    EXPECT_EQ(agentLink.responses.count(), 0);
+    EXPECT_EQ(agentLink.responses().count(), 0);
     EXPECT_FALSE(logOn("alice"));
     EXPECT_EQ(world.log.countContaining("OstComm setUserLogonCommand socket send failed errno is "), 1);
     EXPECT_FALSE(link.getConfigurationCommand());

@@ -24,7 +24,7 @@ protected:
     void takeAndCheck(const std::string& body) const {
         updating = 1;
         const auto before = settingsIn(file());
-        agentLink.responses.deliver(7, body.data(), body.size());
+        agentLink.responses().deliver(7, body.data(), body.size());
         loadConfigResponseThread(new std::uint32_t(7));
         const auto after = settingsIn(file());
         ASSERT_EQ(after.size(), before.size()) << body;

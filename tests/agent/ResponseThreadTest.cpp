@@ -87,9 +87,9 @@ protected:
     // Blocks until as many entries wait in the table.
     static void awaitEntries(int count) {
         const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-        while (agentLink.responses.count() != count && std::chrono::steady_clock::now() < end)
+        while (agentLink.responses().count() != count && std::chrono::steady_clock::now() < end)
             std::this_thread::yield();
-        EXPECT_EQ(agentLink.responses.count(), count);
+        EXPECT_EQ(agentLink.responses().count(), count);
     }
 
     // Pushes a frame and blocks until it has been read.
@@ -138,7 +138,7 @@ TEST_F(ResponseThreadTest, AReplyWhoseNumberHasNoWaiterStaysInTheTable) {
     agent.reply(0xFFFF0000, "{logon answer}");
     awaitEntries(1);
     expectService();
-    EXPECT_EQ(agentLink.responses.count(), 1);
+    EXPECT_EQ(agentLink.responses().count(), 1);
 }
 
 TEST_F(ResponseThreadTest, ALengthOfZeroIsHandledOnceAndTheReaderGoesOn) {
@@ -201,11 +201,11 @@ TEST_F(ResponseThreadTest, AReconnectWakesTheHeadOfTheWaitersAloneWithAnEmptyAns
 }
 
 TEST_F(ResponseThreadTest, AReconnectNeitherClosesNorReleasesTheOldSocketObject) {
-    GPSockets* old = agentLink.socket;
+    GPSockets* old = agentLink.socket();
     agent.closeConnection();
     awaitReconnect(2);
     expectService();
-    EXPECT_NE(agentLink.socket.load(), old);
+    EXPECT_NE(agentLink.socket(), old);
     EXPECT_EQ(old->retainonly(), 2);
     EXPECT_EQ(old->releaseonly(), 1);
     // A closed object refuses with EBADF; this one still has its descriptor, whose peer is gone.
@@ -223,7 +223,7 @@ TEST_F(ResponseThreadTest, AReconnectThatCannotOpenASocketLeavesTheLinkClosedFor
     world.names.answer("127.0.0.1", AF_INET, {"127.0.0.1"});
     EXPECT_EQ(Asker("http://after/").answer(), "{BOF}");
     EXPECT_FALSE(link->isOpened());
-    while (agentLink.responseThreadRunning == 1)
+    while (agentLink.isBeingRead())
         std::this_thread::yield();
 }
 

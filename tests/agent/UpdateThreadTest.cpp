@@ -298,7 +298,7 @@ TEST_F(UpdateThreadTest, PromptsAfterSixHaveTheirDeadlineInThePastAndTheCountdow
 
 TEST_F(UpdateThreadTest, TheDeadlineIsOfTheDayOnWhichThePromptsBegin) {
     givenLocalTime(23 * hour + 58 * 60);
-    agentLink.markReaderStart();
+    agentLink.beginReading();
     startUpdate();
     ASSERT_TRUE(clock.waitForSleepers(1));
     clock.advanceSeconds(300); // past midnight
@@ -307,7 +307,7 @@ TEST_F(UpdateThreadTest, TheDeadlineIsOfTheDayOnWhichThePromptsBegin) {
 
 TEST_F(UpdateThreadTest, ADownloadBeforeTheReaderIsFiveMinutesOldHoldsTheDialogBackForFull300Seconds) {
     givenLocalTime(8 * hour);
-    agentLink.markReaderStart();
+    agentLink.beginReading();
     clock.advanceSeconds(299);
     startUpdate();
     ASSERT_TRUE(clock.waitForSleepers(1));
@@ -321,7 +321,7 @@ TEST_F(UpdateThreadTest, ADownloadBeforeTheReaderIsFiveMinutesOldHoldsTheDialogB
 
 TEST_F(UpdateThreadTest, AReaderThatIsFiveMinutesOldHoldsNothingBack) {
     givenLocalTime(8 * hour);
-    agentLink.markReaderStart();
+    agentLink.beginReading();
     clock.advanceSeconds(300);
     startUpdate();
     EXPECT_EQ(dialogs.await(1).timeout, 10 * hour - 300);
@@ -330,9 +330,9 @@ TEST_F(UpdateThreadTest, AReaderThatIsFiveMinutesOldHoldsNothingBack) {
 
 TEST_F(UpdateThreadTest, AReconnectMovesTheReadersStartForwardAndSoHoldsTheDialogBack) {
     givenLocalTime(8 * hour);
-    agentLink.markReaderStart();
+    agentLink.beginReading();
     clock.advanceSeconds(1000);
-    agentLink.markReaderStart();
+    agentLink.beginReading();
     startUpdate();
     ASSERT_TRUE(clock.waitForSleepers(1));
     EXPECT_EQ(dialogs.shown(), 0);
@@ -340,7 +340,7 @@ TEST_F(UpdateThreadTest, AReconnectMovesTheReadersStartForwardAndSoHoldsTheDialo
 
 TEST_F(UpdateThreadTest, AnUpdateStoppedWhileSettlingMarksTheMachineButAsksNobody) {
     givenLocalTime(8 * hour);
-    agentLink.markReaderStart();
+    agentLink.beginReading();
     startUpdate();
     ASSERT_TRUE(clock.waitForSleepers(1));
     updating = 0;

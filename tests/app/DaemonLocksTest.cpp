@@ -72,6 +72,11 @@ protected:
         return known;
     }
 
+    static void sendOnTheClosedLink() {
+        int error = 0;
+        agentLink.sendFrame<agentOtherFrameSpace>(agentLogonFrame, 0, "{}", error);
+    }
+
     static std::map<const GPMutex*, std::string> findNames() {
         const auto variable = [](const char* name) {
             return *reinterpret_cast<GPMutex**>(testsupport::programVariable(name));
@@ -86,10 +91,10 @@ protected:
             {variable("buildmutex"), "FilterIPAddresses buildmutex"},
             {configurationState.mutex, "ConfigurationState mutex"},
             {configurationState.valuesMutex, "ConfigurationState valuesMutex"},
-            {&agentLink.instanceMutex, "AgentLink instanceMutex"},
-            {&agentLink.commandMutex, "AgentLink commandMutex"},
-            {&agentLink.startedMutex, "AgentLink startedMutex"},
-            {LockList::firstTakenBy([] { agentLink.responses.count(); }), "ResponseTable responseMutex"},
+            {linkLock(), "OstComm instanceMutex"},
+            {LockList::firstTakenBy(sendOnTheClosedLink), "AgentLink commandMutex"},
+            {LockList::firstTakenBy([] { agentLink.responseThreadStarted(); }), "AgentLink startedMutex"},
+            {LockList::firstTakenBy([] { agentLink.responses().count(); }), "ResponseTable responseMutex"},
             {LockList::firstTakenBy([] { HijackPacket::resolve("", nullptr); }), "HijackPacket mutex"},
             {variable("sslMutex"), "FilterQueryBlockedTLS sslMutex"},
             {variable("sslMutexIpv6"), "FilterQueryBlockedTLS sslMutexIpv6"},
@@ -116,9 +121,9 @@ protected:
         return eventually([&] { return held() == expected; });
     }
 
-    std::set<std::string> waitersAt(const GPMutex& mutex) const {
+    std::set<std::string> waitersAt(const GPMutex* mutex) const {
         std::set<std::string> result;
-        for (const pid_t thread : daemon->locks().waitingFor(&mutex))
+        for (const pid_t thread : daemon->locks().waitingFor(mutex))
             result.insert(threadName(thread));
         return result;
     }
@@ -188,7 +193,7 @@ TEST_F(DaemonLocks, AreTakenInTheOrderOfTheTable) {
     const auto pairs = daemon->locks().heldTogether();
     EXPECT_TRUE(daemon->locks().isComplete());
     EXPECT_TRUE(pairs.count({configurationState.mutex, configurationState.valuesMutex}));
-    EXPECT_TRUE(pairs.count({&agentLink.instanceMutex, &agentLink.commandMutex}));
+    EXPECT_TRUE(pairs.count({linkLock(), LockList::firstTakenBy(sendOnTheClosedLink)}));
     for (const auto& [outer, inner] : pairs) {
         EXPECT_NE(outer, inner) << "taken twice";
         if (rowOf(outer) == 1000 && rowOf(inner) == 1000) continue;
@@ -212,15 +217,15 @@ TEST_F(DaemonLocks, AreAllFreeWhileAQueryWaitsForTheAgent) {
 TEST_F(DaemonLocks, OfTheLinkIsHeldThroughAWholeReconnectAndAllCallersWaitAtIt) {
     prepare(8, false).start();
     ASSERT_TRUE(extension->waitForDaemon(5000));
-    const std::set<Holding> linkLock = {{"AgentLink instanceMutex", "setUserLogonThread"}};
-    EXPECT_TRUE(comesToHold(linkLock)) << testing::PrintToString(held());
+    const std::set<Holding> reconnecting = {{"OstComm instanceMutex", "setUserLogonThread"}};
+    EXPECT_TRUE(comesToHold(reconnecting)) << testing::PrintToString(held());
 
     request("one.example.org");
     daemon->signal(SIGTERM);
     EXPECT_TRUE(eventually([&] {
-        return waitersAt(agentLink.instanceMutex) == std::set<std::string>{"signalThread", "workThread"};
-    })) << testing::PrintToString(waitersAt(agentLink.instanceMutex));
-    EXPECT_TRUE(comesToHold(linkLock)) << testing::PrintToString(held());
+        return waitersAt(linkLock()) == std::set<std::string>{"signalThread", "workThread"};
+    })) << testing::PrintToString(waitersAt(linkLock()));
+    EXPECT_TRUE(comesToHold(reconnecting)) << testing::PrintToString(held());
 }
 
 TEST_F(DaemonLocks, OfTheConfigurationIsHeldThroughTheWriteOfTheFileWhilePacketsPass) {

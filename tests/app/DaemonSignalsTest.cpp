@@ -1,6 +1,5 @@
 // The signals of the daemon.
 
-#include "agent/AgentLink.h"
 #include "app/Daemon.h"
 #include "app/DaemonWorld.h"
 
@@ -127,8 +126,7 @@ TEST_F(DaemonSignals, ASignalWhileTheLinkWaitsForAnAgentWaitsWithIt) {
     ASSERT_TRUE(daemon->awaitLog("OstComm setUserLogonCommand socket send failed"));
     ASSERT_TRUE(extension->waitForDaemon(5000));
     daemon->signal(SIGINT);
-    EXPECT_TRUE(testsupport::eventually(
-        [&] { return daemon->locks().waitingFor(&agentLink.instanceMutex).size() == 1; }));
+    EXPECT_TRUE(testsupport::eventually([&] { return daemon->locks().waitingFor(linkLock()).size() == 1; }));
     EXPECT_TRUE(daemon->running());
     EXPECT_EQ(daemon->output(), "");
 }
@@ -139,8 +137,8 @@ TEST_F(DaemonSignals, PacketsOfBothDirectionsGetVerdictsWhileTheHandlerWaitsForT
     ASSERT_TRUE(extension->waitForDaemon(5000));
     for (int signal : {SIGTERM, SIGINT}) {
         daemon->signal(signal);
-        ASSERT_TRUE(testsupport::eventually(
-            [&] { return daemon->locks().waitingFor(&agentLink.instanceMutex).size() == 1; }));
+        ASSERT_TRUE(
+            testsupport::eventually([&] { return daemon->locks().waitingFor(linkLock()).size() == 1; }));
         for (int i = 0; i < 3; ++i) {
             EXPECT_TRUE(answers(lab::Direction::in));
             EXPECT_TRUE(answers(lab::Direction::out));

@@ -10,6 +10,7 @@
 #include "support/DirectoryTools.h"
 #include "support/Eventually.h"
 #include "support/PacketBuilder.h"
+#include "support/ProgramSymbols.h"
 #include "support/ScratchRoot.h"
 #include "support/ShippedProgram.h"
 
@@ -19,6 +20,8 @@
 #include <memory>
 #include <string>
 #include <vector>
+
+class GPMutex;
 
 class DaemonWorld : public testing::Test {
 protected:
@@ -39,6 +42,11 @@ protected:
         prepare().start(consoleUser);
         EXPECT_TRUE(extension->waitForDaemon(5000)) << daemon->output();
         return *daemon;
+    }
+
+    // The lock of the link's instance.
+    static const GPMutex* linkLock() {
+        return *reinterpret_cast<GPMutex**>(testsupport::programVariable("instanceMutex"));
     }
 
     // A name that the extension does not know.

@@ -1,5 +1,6 @@
 #include "support/AgentLinkWorld.h"
 
+#include "agent/AgentLink.h"
 #include "support/FixedPorts.h"
 #include "support/ManualClock.h"
 
@@ -55,6 +56,11 @@ AgentStandIn& AgentLinkWorld::startAgent() {
 }
 
 AgentStandIn& AgentLinkWorld::agent() { return *standIn; }
+
+void AgentLinkWorld::holdReaderBack() {
+    ManualClock::installed().letSleepsPass(false);
+    agentLink.beginReading();
+}
 
 void AgentLinkWorld::awaitLog(const std::string& text) const {
     const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(5);

@@ -28,6 +28,10 @@ public:
     // The running agent.
     AgentStandIn& agent();
 
+    // From now on the link has no reader of its own: one that a reconnect ends, say, still has the socket. Sleeps
+    // no longer pass at once. Before the link is made.
+    void holdReaderBack();
+
     // Blocks until the log holds a message with `text` in it; the test fails after five seconds.
     void awaitLog(const std::string& text) const;
 
