@@ -10,10 +10,6 @@ add_library(ostler_settings INTERFACE)
 target_compile_features(ostler_settings INTERFACE cxx_std_17)
 target_compile_options(ostler_settings INTERFACE
   -Wall -Wextra -Wshadow -Wformat=2 -Wnon-virtual-dtor -Woverloaded-virtual)
-if(CMAKE_CXX_COMPILER_ID MATCHES "Clang")
-  # What is said of locks in gp/ThreadSafety.h.
-  target_compile_options(ostler_settings INTERFACE -Wthread-safety)
-endif()
 if(OSTLER_WERROR)
   target_compile_options(ostler_settings INTERFACE -Werror)
 endif()

@@ -2,6 +2,7 @@
 #include "dns/DNSPacketState.h"
 #include "gp/GPFilesystem.h"
 #include "gp/GPMutex.h"
+#include "gp/ThreadSafety.h"
 #include "platform/HostPaths.h"
 
 #include <sys/stat.h>
@@ -116,7 +117,7 @@ bool appendTo(const char* path, const std::string& text, long& sizeBefore) {
 // Adds a host's line to the hosts file and the host to the record of what was added, both or neither, since
 // what is not recorded could never be taken out. The line is appended as it stands: right behind a last line
 // without a line break.
-void addHost(const char* host, const std::string& line) {
+void addHost(const char* host, const std::string& line) REQUIRES(dnsState.mutex) {
     long hostsSize = -1;
     long recordSize = -1;
     if (!appendTo(HostPaths::hostsFile(), line, hostsSize)) return;
@@ -155,7 +156,7 @@ bool hasAllOfWorkFile() {
 // stands: the work file is then the only whole copy, for this process and the next, and nothing writes over it.
 
 // Copies the work file, which is whole, over the hosts file. Whether that worked.
-bool copyBack() {
+bool copyBack() REQUIRES(dnsState.mutex) {
     if (!createNewFile(HostPaths::hostsUnfinishedFile())) return false;
     const Copy copy = copyLines(HostPaths::hostsWorkFile(), HostPaths::hostsFile(), nullptr);
     if (copy == Copy::inPart) return false;
@@ -163,7 +164,7 @@ bool copyBack() {
 }
 
 // Makes up for a copy back that failed or was interrupted. Whether the hosts file is whole.
-bool finishCopyBack() {
+bool finishCopyBack() REQUIRES(dnsState.mutex) {
     if (!ifExist(HostPaths::hostsUnfinishedFile())) return true;
     const bool isWhole =
         !ifExist(HostPaths::hostsWorkFile()) || hasAllOfWorkFile() ||
@@ -172,14 +173,14 @@ bool finishCopyBack() {
 }
 
 // Removes a host's lines by way of the work file, which is left behind. Whether the lines are gone.
-bool removeHost(const char* host) {
+bool removeHost(const char* host) REQUIRES(dnsState.mutex) {
     return finishCopyBack() &&
            copyLines(HostPaths::hostsFile(), HostPaths::hostsWorkFile(), host) == Copy::whole && copyBack();
 }
 
 // Removes every host that was added, and forgets them. Ends at the first that cannot be removed: nothing is
 // forgotten that may still be there.
-void removeRecordedHosts() {
+void removeRecordedHosts() REQUIRES(dnsState.mutex) {
     {
         TextFile record(HostPaths::hostsRecordFile(), "r");
         char host[lineLimit];
@@ -195,6 +196,10 @@ void removeRecordedHosts() {
 }
 
 } // namespace
+
+// In this program it is the tables' lock that lets one thread in at a time.
+bool hostExistsCheck(const char* host, const char* address) REQUIRES(dnsState.mutex);
+void removeHostEntry(const char* host) REQUIRES(dnsState.mutex);
 
 bool hostExistsCheck(const char* host, const char* address) {
     const std::string line = lineOf(host, address);

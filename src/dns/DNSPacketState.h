@@ -41,8 +41,6 @@ void replaceTables(GPArray* hosts, RemapSource source) EXCLUDES(dnsState.mutex);
 // DNSPacket::removeHostsFile for callers that hold `mutex`.
 void removePinnedHosts() REQUIRES(dnsState.mutex);
 
-// The operations of DNSPacket.h that are called with `mutex` held.
+// The operations of DNSPacket.h that want `mutex` held.
 void initMap() REQUIRES(dnsState.mutex);
 void clearMaps() REQUIRES(dnsState.mutex);
-bool hostExistsCheck(const char* host, const char* address) REQUIRES(dnsState.mutex);
-void removeHostEntry(const char* host) REQUIRES(dnsState.mutex);

@@ -27,7 +27,7 @@ std::atomic<const char*> logName{nullptr};
 std::atomic<const char*> logDir{nullptr};
 std::atomic<std::int32_t> logMaxSize{1048576};
 std::atomic<std::int32_t> logMaxCount{20};
-// The index of the file being written. It deliberately begins below 0 at each start of the process, which
+// The index of the file being written. It begins below 0 at each start of the process, which
 // then finds its place by walking through the full files.
 std::atomic<std::int32_t> counter{-1};
 std::atomic<bool> logEcho{false};
