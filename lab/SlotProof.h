@@ -4,8 +4,6 @@
 // empty operations through a pool, and questions through the whole daemon to an agent that answers at once, with two
 // processes beside it that take all the processor time they get. Then counts the slots that still run something.
 
-#include <string>
-
 namespace lab {
 
 struct SlotOptions {

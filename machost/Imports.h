@@ -2,7 +2,6 @@
 
 // The libraries of the Mac that are played, as tables of what a program may import from them.
 
-#include <cstdint>
 #include <string>
 #include <vector>
 

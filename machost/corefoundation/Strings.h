@@ -4,7 +4,6 @@
 
 #include "machost/objects/Object.h"
 
-#include <optional>
 #include <string>
 
 namespace machost::corefoundation {

@@ -9,8 +9,6 @@
 
 #include <sys/socket.h>
 
-#include <cstdint>
-
 namespace machost::libsystem {
 
 int openControl(int type);

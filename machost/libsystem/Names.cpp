@@ -8,7 +8,6 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 
-#include <memory>
 #include <optional>
 #include <string>
 #include <vector>

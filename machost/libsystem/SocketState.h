@@ -3,7 +3,6 @@
 // What the shims must remember of descriptors because this system does not have it. Any thread.
 
 #include <cstdint>
-#include <string>
 
 namespace machost::libsystem {
 

@@ -3,7 +3,6 @@
 // Objects of the Mac's POSIX threads, <sys/_pthread/_pthread_types.h>: a signature, then room that only the library
 // looks at. The signatures of static initialisers are those of libpthread's pthread_impl.h.
 
-#include <cstddef>
 #include <cstdint>
 
 namespace machost::libsystem::mac {

@@ -1,6 +1,5 @@
 #include "machost/loader/CompactUnwind.h"
 
-#include <algorithm>
 #include <array>
 #include <map>
 

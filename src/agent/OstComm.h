@@ -12,7 +12,6 @@
 #include "gp/GPObject.h"
 #include "gp/ThreadSafety.h"
 
-#include <cstddef>
 #include <cstdint>
 
 class GPDate;

@@ -12,14 +12,16 @@
 #include "gp/Owned.h"
 #include "platform/Clock.h"
 
+#include <cstddef>
+#include <cstdint>
 #include <string>
 
 namespace {
 
 constexpr unsigned secondsToNextTry = 1;
 
-// Appends what one read gives; false when it gave nothing. A read that could not even wait, since there are no
-// descriptors left for its queue, would do no better at once.
+// Appends what one read gives; false when it gave nothing. A read that could not even wait would do no better at once:
+// there was no descriptor left for its queue, or the queue, which is closed since, refused the socket (EV_ERROR).
 bool readMore(GPSockets* socket, std::string& held) {
     const auto data = Owned<GPData>::adopt(socket->readData());
     if (!data) {

@@ -3,6 +3,7 @@
 #include "gp/GPLog.h"
 #include "gp/GPString.h"
 
+#include <atomic>
 #include <cstddef>
 
 using platform::NotificationDictionary;

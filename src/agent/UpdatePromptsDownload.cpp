@@ -6,6 +6,8 @@
 #include "platform/HostPaths.h"
 #include "platform/UrlSession.h"
 
+#include <atomic>
+#include <cstdint>
 #include <memory>
 #include <string>
 
@@ -32,7 +34,7 @@ FileResult takeOver(const std::string& location, const char* url) {
     return platform::fileManager().moveItem(location.c_str(), destination.c_str());
 }
 
-// The part that runs on the session's thread. Deliberately asks for the status alone: a transfer that broke
+// The part that runs on the session's thread. Asks for the status alone: a transfer that broke
 // off behind its status line fails at the move. True when the file is in its place.
 bool finishDownload(const UrlTaskResult& result, const char* url) {
     if (result.statusCode < 200 || result.statusCode > 299) {

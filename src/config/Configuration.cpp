@@ -11,6 +11,9 @@
 #include "gp/Owned.h"
 #include "platform/HostPaths.h"
 
+#include <atomic>
+#include <cstddef>
+
 using platform::HostPaths;
 
 namespace {
@@ -42,7 +45,7 @@ Owned<GPString> elementText(GPString* content, const char* name) {
 
 // Stores a copy of the name even if it is the one before: every login change writes the file.
 void storeUserName(std::atomic<GPString*>& stored, const char* name) {
-    // The earlier text is deliberately not released: a reader may hold it.
+    // The earlier text is not released: a reader may hold it.
     stored.store(name ? GPString::staticstring(name) : nullptr, std::memory_order_release);
 }
 
@@ -185,6 +188,6 @@ void Configuration::createOEMConfig(GPString* vendor) {
         document->addElement(child.get());
     }
     auto content = Owned<GPString>::adopt(document->convertToString(false, nullptr, false));
-    // Deliberately relative to the working directory, which may be open to others, and appended.
+    // The name is relative, by rule, and the working directory may be open to others.
     appendGuarded("fernhill_oem.xml", content->cstr(), static_cast<std::size_t>(content->length()));
 }

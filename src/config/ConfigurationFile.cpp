@@ -15,6 +15,9 @@
 #include "gp/Owned.h"
 #include "platform/HostPaths.h"
 
+#include <atomic>
+#include <cstdint>
+
 using platform::HostPaths;
 
 namespace {

@@ -5,6 +5,8 @@
 #include "gp/GPMutex.h"
 #include "gp/GPString.h"
 
+#include <atomic>
+
 namespace {
 
 GPString* storedUUID() { return configurationState.uuidString.load(std::memory_order_acquire); }

@@ -11,6 +11,7 @@
 #include "gp/GPTimer.h"
 #include "gp/Owned.h"
 
+#include <atomic>
 #include <cstring>
 
 namespace {

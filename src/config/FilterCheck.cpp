@@ -55,7 +55,7 @@ Outcome reportAndApply() {
     logVerbose("found macaddresses building query");
     const Owned<GPString> body = askService(static_cast<GPString*>(addresses->objectAtIndex(0)));
     if (!body) return Outcome::noReply;
-    // The status is deliberately not looked at: an error page is a reply that says nothing.
+    // The status is not looked at: an error page is a reply that says nothing.
     if (const auto reply = readCheckinReply(body->cstr())) applyCheckinReply(*reply);
     return Outcome::replied;
 }
@@ -119,7 +119,7 @@ bool FilterCheck::runCheckin() {
     logVerbose("Started checkin processing.");
     const Outcome outcome = reportAndApply();
     GPThread::taskOnBackground(serversHttpsCheckThread, nullptr);
-    // Deliberate: of all outcomes a service that does not answer leaves this line out.
+    // A service that does not answer leaves this line out, alone of all outcomes: the check-in is not complete.
     if (outcome != Outcome::noReply) logVerbose("checkin complete.");
     return outcome == Outcome::replied;
 }

@@ -81,7 +81,7 @@ void monitorPass() {
 void* addressesMonitorThread(void*) {
     {
         GPMutexLock lock(buildmutex);
-        // A snapshot that a rebuild task installed before is forgotten here, deliberately: a reader may be
+        // A snapshot that a rebuild task installed before is forgotten here, not released: a reader may be
         // about to retain it.
         ipAddressesCurrent = buildIPaddresses();
     }

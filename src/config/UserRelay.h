@@ -13,7 +13,7 @@ public:
     UserRelay(const char* user, const char* relay, const char* format);
     ~UserRelay() override;
 
-    // Each stores a copy, an empty text for null. The earlier text is deliberately not released, since a
+    // Each stores a copy, an empty text for null. The earlier text is not released, since a
     // reader may hold it.
     void setUserName(const char* user);
     void setLastRelay(const char* relay);

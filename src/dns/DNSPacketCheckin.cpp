@@ -13,6 +13,8 @@
 #include "gp/Owned.h"
 #include "platform/Clock.h"
 
+#include <ctime>
+
 namespace {
 
 constexpr const char* apiPath = "/api/mobile/v1/dns_remaps";

@@ -5,7 +5,7 @@
 #include "gp/GPLog.h"
 #include "gp/GPMutex.h"
 #include "gp/GPString.h"
-#include "gp/GPTimer.h"
+#include "gp/GPTimer.h" // IWYU pragma: keep (used by a template)
 #include "gp/Owned.h"
 #include "gp/ThreadSafety.h"
 #include "packet/TCPPacket.h"
@@ -32,7 +32,7 @@ bool isSame(unsigned a, unsigned b) { return a == b; }
 bool isSame(const in6_addr& a, const in6_addr& b) { return std::memcmp(&a, &b, sizeof a) == 0; }
 
 // Walks a table, which the log calls `name` and whose lock the caller holds, up to the first live entry for
-// one of the two addresses. Drops the entries whose time is over; the walk then deliberately skips the entry
+// one of the two addresses. Drops the entries whose time is over; the walk then skips the entry
 // behind, since the removal has already moved the cursor.
 template <class Entry, class Address>
 Entry* findBlocked(GPList* list, const char* name, const Address& src, const Address& dst) {

@@ -15,6 +15,7 @@
 #include <atomic>
 #include <cstring>
 #include <memory>
+#include <utility>
 
 namespace {
 

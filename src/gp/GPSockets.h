@@ -54,7 +54,8 @@ public:
     int error() const { return error_; }
     void setError(int error) { error_ = error; }
 
-    // Whether there is an event queue to wait with. Behind a read that gave nothing: without one it has not waited.
+    // Whether there is an event queue to wait with. False before the first read or write, when no queue could be made,
+    // and behind one that met an error event, which closes the queue: a read that gave nothing has then not waited.
     bool hasQueue() const { return kqueue_ >= 0; }
 
     // Numeric text of the peer as openConnection resolved it, or null; valid until the next openConnection.

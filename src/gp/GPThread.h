@@ -9,7 +9,7 @@
 #include <atomic>
 #include <cstdint>
 #include <mutex>
-#include <pthread.h>
+#include <pthread.h> // IWYU pragma: keep (pthread_t)
 
 // The run-loop thread's permission to go on; 1 at start, and nothing in the system clears it.
 extern std::atomic<std::uint8_t> threadKeepGoing;

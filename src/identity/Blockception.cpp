@@ -4,6 +4,7 @@
 #include "identity/DirectoryText.h"
 #include "platform/HostName.h"
 
+#include <cstddef>
 #include <utility>
 
 using namespace platform;

@@ -5,6 +5,8 @@
 #include "identity/Blockception.h"
 #include "platform/HostName.h"
 
+#include <memory>
+#include <optional>
 #include <utility>
 
 using namespace platform;

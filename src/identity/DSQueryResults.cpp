@@ -5,6 +5,9 @@
 #include "platform/HostName.h"
 
 #include <cstdlib>
+#include <optional>
+#include <string>
+#include <vector>
 
 using namespace platform;
 

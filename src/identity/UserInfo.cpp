@@ -4,6 +4,9 @@
 #include "identity/DSQuery.h"
 #include "platform/HardwareRegistry.h"
 
+#include <optional>
+#include <string>
+
 DSInfo* const usrInfo = new DSInfo;
 
 namespace {

@@ -178,7 +178,7 @@ bool TCPPacket::isProtocolUDP(char* packet) { return getIpProtocol(packet) == pr
 
 int TCPPacket::packetSize(char* packet) {
     if (isVersion4(packet)) return platform::readBig16(packet + totalLengthV4);
-    // Deliberately not swapped: all tests of sizes, in the whole system, stand on this figure.
+    // Not swapped: all tests of sizes, in the whole system, stand on this figure.
     return platform::readNative<std::uint16_t>(packet + payloadLengthV6) + fixedHeaderV6;
 }
 

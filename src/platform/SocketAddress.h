@@ -3,7 +3,6 @@
 // IPv4 socket addresses, whose layout differs between systems: some have a length byte in front.
 
 #include <netinet/in.h>
-#include <sys/socket.h>
 
 namespace platform {
 

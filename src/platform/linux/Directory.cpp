@@ -6,6 +6,11 @@
 #include "platform/linux/LdapNode.h"
 #include "platform/linux/LocalAccounts.h"
 
+#include <cstddef>
+#include <memory>
+#include <utility>
+#include <vector>
+
 namespace platform {
 namespace {
 

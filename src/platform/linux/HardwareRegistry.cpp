@@ -2,6 +2,8 @@
 
 #include "platform/linux/HardwareUuid.h"
 
+#include <string>
+
 namespace platform {
 namespace {
 

@@ -6,6 +6,9 @@
 #include <unistd.h>
 
 #include <climits>
+#include <optional>
+#include <string>
+#include <vector>
 
 namespace platform {
 namespace {

@@ -3,11 +3,12 @@
 #include "platform/ByteOrder.h"
 #include "platform/InterfaceEntries.h"
 
-#include <net/if.h>
+#include <net/if.h> // IWYU pragma: keep (IFF_LOOPBACK)
 #include <netinet/in.h>
 #include <netpacket/packet.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <cstring>
 
 namespace platform {

@@ -2,6 +2,8 @@
 
 #include <sys/utsname.h>
 
+#include <string>
+
 namespace platform {
 
 std::string kernelRelease() {

@@ -8,8 +8,10 @@
 #include <algorithm>
 #include <cctype>
 #include <cstdio>
+#include <map>
 #include <memory>
 #include <sstream>
+#include <vector>
 
 namespace platform {
 namespace {

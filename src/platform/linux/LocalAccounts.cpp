@@ -6,7 +6,11 @@
 #include <pwd.h>
 
 #include <algorithm>
+#include <cstddef>
+#include <memory>
 #include <mutex>
+#include <string>
+#include <vector>
 
 namespace platform {
 namespace {

@@ -3,6 +3,9 @@
 #include <netdb.h>
 
 #include <cerrno>
+#include <cstddef>
+#include <utility>
+#include <vector>
 
 namespace platform {
 namespace {

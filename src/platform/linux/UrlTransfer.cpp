@@ -4,6 +4,7 @@
 #include "platform/ClosedOnExec.h"
 
 #include <chrono>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>

@@ -7,6 +7,7 @@
 
 #include <curl/curl.h>
 
+#include <cstdint>
 #include <string>
 
 namespace platform {
