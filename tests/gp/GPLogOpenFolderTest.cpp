@@ -134,6 +134,17 @@ TEST_F(GPLogOpenFolderTest, ALinkToAFullFileDoesNotMoveTheLogOn) {
     expectTheLogGoesOn();
 }
 
+TEST_F(GPLogOpenFolderTest, ALinkThatIsItselfLongerThanTheLimitDoesNotMoveTheLogOn) {
+    setMaxLogSize(1);
+    std::string longTarget = folder_.path();
+    while (longTarget.size() < 1500)
+        longTarget += "/.";
+    fs::create_symlink(longTarget, place());
+    logs("line");
+    EXPECT_FALSE(fs::exists(logs_ + "/fernhill00.log"));
+    expectTheLogGoesOn();
+}
+
 TEST_F(GPLogOpenFolderTest, AFileThatARotationMovesDownMayBeALinkAndIsNotFollowed) {
     setMaxLogSize(1);
     setMaxLogCount(1);

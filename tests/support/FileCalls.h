@@ -3,6 +3,7 @@
 // Counts how often the calling thread asks the system about a file, and comes in between. Counts nothing in a build
 // under a checker, which needs the place of these functions for itself.
 
+#include <cstddef>
 #include <functional>
 
 namespace testsupport {
@@ -27,6 +28,12 @@ public:
     void beforeNextFstat(std::function<void()> action);
     void behindNextFstat(std::function<void()> action);
     void beforeEachFstat(std::function<void()> action);
+
+    // From here on a write takes at most so many bytes, and every second one is interrupted before it takes any.
+    void shortenWrites(std::size_t most);
+
+    // Writes that took bytes since then.
+    int writes() const;
 };
 
 } // namespace testsupport

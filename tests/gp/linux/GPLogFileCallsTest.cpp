@@ -9,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <csignal>
 #include <fcntl.h>
 #include <filesystem>
@@ -81,6 +82,16 @@ TEST_F(GPLogFileCallsTest, ALineWithItsFileOpenIsNotInheritedByPrograms) {
     logs("second");
     EXPECT_EQ(calls.byDescriptor(), 1);
     EXPECT_TRUE(calls.allClosedOnExec());
+}
+
+TEST_F(GPLogFileCallsTest, ALineThatTheSystemTakesInPiecesAndWithInterruptionsIsWrittenWhole) {
+    FileCalls calls;
+    calls.shortenWrites(7);
+    logs("a line of more than seven bytes");
+    EXPECT_GE(calls.writes(), 5);
+    const std::string text = readAll(place());
+    EXPECT_EQ(text.substr(text.rfind("]: ")), "]: a line of more than seven bytes\n");
+    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 2);
 }
 
 TEST_F(GPLogFileCallsTest, AnotherNameThatIsTakenAwayOnceItIsOpenDoesNotPassForTheLog) {

@@ -12,9 +12,11 @@
 #include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <cstdio>
 #include <fstream>
 #include <string>
@@ -82,6 +84,13 @@ int overEmptyRun(Story story) {
     int status = 0;
     waitpid(child, &status, 0);
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128;
+}
+
+// The number of the system call that the first thread is in; empty where the system does not tell.
+std::string mainThreadsCall() {
+    std::string number;
+    std::ifstream("/proc/" + std::to_string(getpid()) + "/syscall") >> number;
+    return number;
 }
 
 void expectPassed(int status) {
@@ -184,6 +193,50 @@ TEST(ConsoleUser, OfThisSystemWaitsBetweenTriesWhereTheSeatsCannotBeWaitedFor) {
                 clock.advanceSeconds(1);
             }
             sitDown(0);
+        }).detach();
+        system().run(watch);
+    }));
+}
+
+// The session's descriptor is taken from it, so that the wait for it ends at once without anything to read.
+TEST(ConsoleUser, OfThisSystemWaitsBetweenTriesWhereTheSeatsHaveNothingToRead) {
+    expectPassed(overEmptyRun([] {
+        startLoginManager();
+        const int next = dup(0);
+        close(next);
+        auto* watch = system().create("name", [](const void*, const void*, void*) { _exit(2); });
+        close(next);
+        std::thread([] {
+            ManualClock& clock = ManualClock::installed();
+            for (int tries = 1; tries <= 3; ++tries) {
+                EXPECT_TRUE(testsupport::eventually([&] {
+                    return clock.sleptMicroseconds() == tries * 1000000;
+                })) << "a wait of one second for each try";
+                if (tries < 3) clock.advanceSeconds(1);
+            }
+            std::fflush(nullptr);
+            _exit(testing::Test::HasFailure() ? 1 : 0);
+        }).detach();
+        system().run(watch);
+    }));
+}
+
+TEST(ConsoleUser, OfThisSystemIsWatchedOnWithoutAPauseAfterAnInterruption) {
+    if (mainThreadsCall().empty()) GTEST_SKIP() << "this system does not tell what a thread waits in";
+    expectPassed(overEmptyRun([] {
+        startLoginManager();
+        struct sigaction action {};
+        action.sa_handler = [](int) {};
+        sigaction(SIGUSR1, &action, nullptr);
+        auto* watch = system().create("name", [](const void*, const void*, void*) {
+            const bool paused = ManualClock::installed().sleptMicroseconds() != 0;
+            _exit(!paused && consoleName() == "daemon" ? 0 : 2);
+        });
+        std::thread([] {
+            EXPECT_TRUE(
+                testsupport::eventually([] { return mainThreadsCall() == std::to_string(SYS_poll); }));
+            kill(getpid(), SIGUSR1);
+            sitDown(1);
         }).detach();
         system().run(watch);
     }));

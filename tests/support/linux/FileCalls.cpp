@@ -5,7 +5,11 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
+#include <cstdint>
 #include <utility>
 
 namespace {
@@ -17,6 +21,9 @@ struct Seen {
     std::function<void()> before;
     std::function<void()> behind;
     std::function<void()> beforeEach;
+    std::size_t mostOfAWrite = SIZE_MAX;
+    bool interruptsNext = false;
+    int writes = 0;
 };
 
 thread_local Seen* seen = nullptr;
@@ -67,6 +74,19 @@ int fstat(int descriptor, struct stat* entry) noexcept {
     return result;
 }
 
+ssize_t write(int descriptor, const void* bytes, size_t length) {
+    static auto* const real = ofTheLibrary<ssize_t(int, const void*, size_t)>("write");
+    if (!seen) return real(descriptor, bytes, length);
+    if (seen->interruptsNext) {
+        seen->interruptsNext = false;
+        errno = EINTR;
+        return -1;
+    }
+    seen->interruptsNext = seen->mostOfAWrite != SIZE_MAX;
+    ++seen->writes;
+    return real(descriptor, bytes, std::min(length, seen->mostOfAWrite));
+}
+
 } // extern "C"
 
 #endif
@@ -86,6 +106,10 @@ bool FileCalls::allClosedOnExec() const { return seen->allClosedOnExec; }
 void FileCalls::beforeNextFstat(std::function<void()> action) { seen->before = std::move(action); }
 
 void FileCalls::beforeEachFstat(std::function<void()> action) { seen->beforeEach = std::move(action); }
+
+void FileCalls::shortenWrites(std::size_t most) { seen->mostOfAWrite = most; }
+
+int FileCalls::writes() const { return seen->writes; }
 
 void FileCalls::behindNextFstat(std::function<void()> action) { seen->behind = std::move(action); }
 
