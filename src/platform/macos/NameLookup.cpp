@@ -1,7 +1,9 @@
 #include "platform/NameLookup.h"
 
 #include <netdb.h>
-#include <sys/socket.h>
+
+#include <cstddef>
+#include <utility>
 
 namespace platform {
 namespace {

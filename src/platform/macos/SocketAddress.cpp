@@ -1,6 +1,7 @@
 #include "platform/SocketAddress.h"
 
 #include <arpa/inet.h>
+#include <sys/socket.h>
 
 #include <cstdint>
 
