@@ -16,7 +16,9 @@ namespace lab {
 namespace {
 
 std::string withoutNumbers(std::string text) {
-    text.erase(std::remove_if(text.begin(), text.end(), [](unsigned char byte) { return std::isdigit(byte); }), text.end());
+    text.erase(
+        std::remove_if(text.begin(), text.end(), [](unsigned char byte) { return std::isdigit(byte); }),
+        text.end());
     return text;
 }
 
@@ -27,14 +29,17 @@ std::vector<std::size_t> firstOfEachKind(const std::vector<ConnectionRow>& rows)
         std::size_t count;
     };
     std::map<std::string, Kind> kinds;
-    for (std::size_t i = 0; i < rows.size(); ++i) ++kinds.try_emplace(kindOf(rows[i].connection), Kind{i, 0}).first->second.count;
+    for (std::size_t i = 0; i < rows.size(); ++i)
+        ++kinds.try_emplace(kindOf(rows[i].connection), Kind{i, 0}).first->second.count;
     std::vector<Kind> order;
-    for (const auto& [name, kind] : kinds) order.push_back(kind);
+    for (const auto& [name, kind] : kinds)
+        order.push_back(kind);
     std::sort(order.begin(), order.end(), [](const Kind& one, const Kind& other) {
         return one.count != other.count ? one.count < other.count : one.first < other.first;
     });
     std::vector<std::size_t> places;
-    for (const Kind& kind : order) places.push_back(kind.first);
+    for (const Kind& kind : order)
+        places.push_back(kind.first);
     return places;
 }
 
@@ -64,9 +69,11 @@ std::vector<ConnectionRow> chosenRows(std::vector<ConnectionRow> rows, std::size
     for (std::size_t i = 0; i < rows.size(); ++i)
         if (!rows[i].connection.queries.empty() && !places.count(i)) others.push_back(i);
     const std::size_t wanted = std::min(most - places.size(), others.size());
-    for (std::size_t i = 0; i < wanted; ++i) places.insert(others[i * others.size() / wanted]);
+    for (std::size_t i = 0; i < wanted; ++i)
+        places.insert(others[i * others.size() / wanted]);
     std::vector<ConnectionRow> chosen;
-    for (const std::size_t place : places) chosen.push_back(std::move(rows[place]));
+    for (const std::size_t place : places)
+        chosen.push_back(std::move(rows[place]));
     return chosen;
 }
 

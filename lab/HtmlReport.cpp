@@ -48,7 +48,8 @@ json rowOf(const ConnectionRow& row) {
 
 json totalsOf(const Totals& totals) {
     json answers = json::object();
-    for (const auto& [action, count] : totals.answers) answers[actionName(action)] = count;
+    for (const auto& [action, count] : totals.answers)
+        answers[actionName(action)] = count;
     return {{"packets", totals.packets},       {"connections", totals.connections},
             {"passed", totals.passed},         {"dropped", totals.dropped},
             {"redirected", totals.redirected}, {"held", totals.heldToTheEnd},
@@ -71,15 +72,17 @@ std::string forScript(const json& data) {
 
 } // namespace
 
-std::string htmlReport(const std::string& title, const std::vector<ConnectionRow>& rows, const Totals& totals) {
+std::string htmlReport(const std::string& title, const std::vector<ConnectionRow>& rows,
+                       const Totals& totals) {
     json data = {{"title", title}, {"totals", totalsOf(totals)}, {"rows", json::array()}};
-    for (const ConnectionRow& row : rows) data["rows"].push_back(rowOf(row));
+    for (const ConnectionRow& row : rows)
+        data["rows"].push_back(rowOf(row));
     std::string page = reportPage;
     return page.replace(page.find(dataMark), sizeof dataMark - 1, forScript(data));
 }
 
-void writeHtmlReport(const std::string& path, const std::string& title, const std::vector<ConnectionRow>& rows,
-                     const Totals& totals) {
+void writeHtmlReport(const std::string& path, const std::string& title,
+                     const std::vector<ConnectionRow>& rows, const Totals& totals) {
     std::ofstream file(path, std::ios::binary);
     file << htmlReport(title, rows, totals);
     if (!file.flush()) throw InputError(fmt::format("{}: {}", path, std::strerror(errno)));

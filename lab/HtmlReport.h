@@ -12,10 +12,11 @@
 namespace lab {
 
 // The whole page.
-std::string htmlReport(const std::string& title, const std::vector<ConnectionRow>& rows, const Totals& totals);
+std::string htmlReport(const std::string& title, const std::vector<ConnectionRow>& rows,
+                       const Totals& totals);
 
 // Writes it. Throws InputError when the file cannot be written.
-void writeHtmlReport(const std::string& path, const std::string& title, const std::vector<ConnectionRow>& rows,
-                     const Totals& totals);
+void writeHtmlReport(const std::string& path, const std::string& title,
+                     const std::vector<ConnectionRow>& rows, const Totals& totals);
 
 } // namespace lab

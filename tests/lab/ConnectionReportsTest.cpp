@@ -38,7 +38,8 @@ ConnectionRow plain(int second) {
 
 std::vector<long> secondsOf(const std::vector<ConnectionRow>& rows) {
     std::vector<long> seconds;
-    for (const ConnectionRow& row : rows) seconds.push_back(static_cast<long>(row.at / 1000000));
+    for (const ConnectionRow& row : rows)
+        seconds.push_back(static_cast<long>(row.at / 1000000));
     return seconds;
 }
 
@@ -54,13 +55,15 @@ using Seconds = std::vector<long>;
 } // namespace
 
 TEST(ChosenRows, AreSortedByTime) {
-    EXPECT_EQ(secondsOf(lab::chosenRows({asked(3, Action::allow), asked(1, Action::allow), asked(2, Action::allow)}, 9)),
+    EXPECT_EQ(secondsOf(lab::chosenRows(
+                  {asked(3, Action::allow), asked(1, Action::allow), asked(2, Action::allow)}, 9)),
               (Seconds{1, 2, 3}));
 }
 
 TEST(ChosenRows, HoldTheFirstOfEachKindHoweverLateItComes) {
     std::vector<ConnectionRow> rows;
-    for (int i = 0; i < 100; ++i) rows.push_back(asked(i, Action::allow));
+    for (int i = 0; i < 100; ++i)
+        rows.push_back(asked(i, Action::allow));
     rows.push_back(asked(100, Action::block));
     rows.push_back(plain(101));
     const Seconds seconds = secondsOf(lab::chosenRows(rows, 3));
@@ -68,13 +71,15 @@ TEST(ChosenRows, HoldTheFirstOfEachKindHoweverLateItComes) {
 }
 
 TEST(ChosenRows, WithMoreKindsThanRoomTheSeldomOnesCome) {
-    EXPECT_EQ(secondsOf(lab::chosenRows({asked(1, Action::allow), asked(2, Action::allow), asked(3, Action::block)}, 1)),
+    EXPECT_EQ(secondsOf(lab::chosenRows(
+                  {asked(1, Action::allow), asked(2, Action::allow), asked(3, Action::block)}, 1)),
               (Seconds{3}));
 }
 
 TEST(ChosenRows, TheOthersComeFromAllOfTheTime) {
     std::vector<ConnectionRow> rows;
-    for (int i = 0; i < 100; ++i) rows.push_back(asked(i, Action::allow));
+    for (int i = 0; i < 100; ++i)
+        rows.push_back(asked(i, Action::allow));
     const Seconds seconds = secondsOf(lab::chosenRows(rows, 5));
     EXPECT_EQ(seconds.size(), 5u);
     EXPECT_GE(seconds.back(), 70);
@@ -90,9 +95,10 @@ TEST(ChosenRows, NumbersInAnAnswerMakeNoKind) {
 TEST(ConnectionCsv, QuotesWhatAUrlMayHold) {
     const testsupport::TemporaryFolder folder;
     lab::writeCsv(folder.file("rows.csv"), {asked(1, Action::allow, "http://a/,\"b")});
-    EXPECT_EQ(readAll(folder.file("rows.csv")),
-              "at,local,remote,questions,url,answer,held,packets,verdict\r\n"
-              "1.000000,10.0.0.2:50000,10.0.0.9:80,1,\"http://a/,\"\"b\",\"allow\",0.000000,0,\"passed\"\r\n");
+    EXPECT_EQ(
+        readAll(folder.file("rows.csv")),
+        "at,local,remote,questions,url,answer,held,packets,verdict\r\n"
+        "1.000000,10.0.0.2:50000,10.0.0.9:80,1,\"http://a/,\"\"b\",\"allow\",0.000000,0,\"passed\"\r\n");
 }
 
 TEST(HtmlReport, NeedsNothingBesideItself) {
@@ -131,15 +137,17 @@ TEST(ReplayReports, AReplayWritesBothAndShowsAChoice) {
     {
         labtest::CaptureWriter writer(folder.file("test.pcap"));
         for (int i = 0; i < 6; ++i)
-            labtest::addExchange(writer, i * 1000000, labtest::Talk(50000 + i), labtest::get("www.example.org"));
+            labtest::addExchange(writer, i * 1000000, labtest::Talk(50000 + i),
+                                 labtest::get("www.example.org"));
     }
     testsupport::writeAll(folder.file("test.policy"), "allow *\n");
     const labtest::LabRun run =
-        labtest::runLab({"replay", folder.file("test.pcap"), "--policy", folder.file("test.policy"), "--rows", "2",
-                         "--report", folder.file("report.html"), "--csv", folder.file("rows.csv")});
+        labtest::runLab({"replay", folder.file("test.pcap"), "--policy", folder.file("test.policy"), "--rows",
+                         "2", "--report", folder.file("report.html"), "--csv", folder.file("rows.csv")});
     EXPECT_EQ(run.status, 0) << run.err;
     EXPECT_NE(run.out.find("6 connections in all"), std::string::npos) << run.out;
-    EXPECT_NE(run.out.find("The whole of it, for a browser: " + folder.file("report.html")), std::string::npos);
+    EXPECT_NE(run.out.find("The whole of it, for a browser: " + folder.file("report.html")),
+              std::string::npos);
     EXPECT_EQ(dataOf(readAll(folder.file("report.html")))["rows"].size(), 6u);
     EXPECT_EQ(labtest::linesOf(readAll(folder.file("rows.csv"))).size(), 7u);
 }
