@@ -114,9 +114,9 @@ bool appendTo(const char* path, const std::string& text, long& sizeBefore) {
     return false;
 }
 
-// Adds a host's line to the hosts file and the host to the record of what was added, both or neither, since
-// what is not recorded could never be taken out. The line is appended as it stands: right behind a last line
-// without a line break.
+// Adds a host's line to the hosts file and the host to the record of what was added, both or neither (unless the
+// process ends between the two), since what is not recorded could never be taken out. The line is appended as it
+// stands: right behind a last line without a line break.
 void addHost(const char* host, const std::string& line) REQUIRES(dnsState.mutex) {
     long hostsSize = -1;
     long recordSize = -1;
