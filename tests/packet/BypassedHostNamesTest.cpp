@@ -66,6 +66,12 @@ TEST(BypassedHostNames, AHostThatBeginsWithTheDotIsNotBypassed) {
     EXPECT_FALSE(isBypassed("http://.captive.apple.com/"));
 }
 
+TEST(BypassedHostNames, ASlashThatStandsFirstCutsNothing) {
+    EXPECT_TRUE(isBypassed("http:///.captive.apple.com"));
+    EXPECT_FALSE(isBypassed("http:///captive.apple.com"));
+    EXPECT_FALSE(isBypassed("http:///.captive.apple.com/x"));
+}
+
 TEST(BypassedHostNames, ABareAddressIsNeverBypassed) {
     EXPECT_FALSE(isBypassed("10.0.0.1"));
     EXPECT_FALSE(isBypassed("captive.apple.com"));

@@ -79,6 +79,10 @@ TEST_F(HijackPacketTest, AnyOfTheFourEndsCounts) {
     EXPECT_EQ(other("10.0.0.2", 50000, "93.184.216.34", 81), nullptr);
     EXPECT_EQ(other("10.0.0.2", 80, "93.184.216.34", 50000), nullptr);
     EXPECT_EQ(other("93.184.216.34", 50000, "10.0.0.2", 80), nullptr);
+    EXPECT_EQ(other("93.184.216.34", 80, "10.0.0.3", 50000), nullptr);
+    EXPECT_EQ(other("93.184.216.35", 80, "10.0.0.2", 50000), nullptr);
+    EXPECT_EQ(other("93.184.216.34", 81, "10.0.0.2", 50000), nullptr);
+    EXPECT_EQ(other("93.184.216.34", 80, "10.0.0.2", 50001), nullptr);
 }
 
 TEST_F(HijackPacketTest, IPv6ConnectionsMatchOnAll16BytesInBothDirections) {
@@ -90,6 +94,27 @@ TEST_F(HijackPacketTest, IPv6ConnectionsMatchOnAll16BytesInBothDirections) {
     EXPECT_NE(HijackPacket::find(request6.packet()), nullptr);
     EXPECT_NE(HijackPacket::find(answer6.packet()), nullptr);
     EXPECT_EQ(HijackPacket::find(other6.packet()), nullptr);
+}
+
+TEST_F(HijackPacketTest, AnyOfTheFourIPv6EndsCounts) {
+    auto request6 = PacketBuilder::ipv6().payload(getRequest()).build();
+    ASSERT_TRUE(HijackPacket::create(request6.packet(), url, false));
+    const auto other = [](const char* src, int srcPort, const char* dst, int dstPort) {
+        return find(PacketBuilder::ipv6().from(src, srcPort).to(dst, dstPort).payload("x").build());
+    };
+
+    EXPECT_NE(other("2001:db8::2", 50000, "2001:db8::22", 80), nullptr);
+    EXPECT_NE(other("2001:db8::22", 80, "2001:db8::2", 50000), nullptr);
+    EXPECT_EQ(other("2001:db8::3", 50000, "2001:db8::22", 80), nullptr);
+    EXPECT_EQ(other("2001:db8::2", 50000, "2001:db8::23", 80), nullptr);
+    EXPECT_EQ(other("2001:db8::2", 50001, "2001:db8::22", 80), nullptr);
+    EXPECT_EQ(other("2001:db8::2", 50000, "2001:db8::22", 81), nullptr);
+    EXPECT_EQ(other("2001:db8::2", 80, "2001:db8::22", 50000), nullptr);
+    EXPECT_EQ(other("2001:db8::22", 50000, "2001:db8::2", 80), nullptr);
+    EXPECT_EQ(other("2001:db8::22", 80, "2001:db8::3", 50000), nullptr);
+    EXPECT_EQ(other("2001:db8::23", 80, "2001:db8::2", 50000), nullptr);
+    EXPECT_EQ(other("2001:db8::22", 81, "2001:db8::2", 50000), nullptr);
+    EXPECT_EQ(other("2001:db8::22", 80, "2001:db8::2", 50001), nullptr);
 }
 
 TEST_F(HijackPacketTest, AnIPv4PacketNeverMatchesAnIPv6Record) {

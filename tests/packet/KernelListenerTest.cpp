@@ -166,6 +166,30 @@ TEST_F(KernelListener, ARecordShorterThanItsHeaderIsIgnoredAndSaidSoWhenVerbose)
     EXPECT_TRUE(log_.holds("WARNING: data too small! Packet ignored. (received 23, expected at least 24)"));
 }
 
+TEST_F(KernelListener, ARecordThatIsTooShortIsToldOfAtLevel32Too) {
+    Configuration::setLogLevel(32);
+    const int control = start(false);
+
+    sendRecord(control, std::string(23, 'x'));
+    sendRecord(control, recordOf(2, std::string(40, 'q')));
+
+    ASSERT_TRUE(receiveResult(control));
+    EXPECT_EQ(1, log_.countContaining("WARNING: data too small! Packet ignored. (received 23, "));
+}
+
+TEST_F(KernelListener, ARecordThatIsTooShortIsNotToldOfAtAnyOtherLevel) {
+    Configuration::setLogLevel(~(1 | 32));
+    const int control = start(false);
+
+    sendRecord(control, std::string(23, 'x'));
+    sendRecord(control, recordOf(1, ""));
+    sendRecord(control, std::string(20, 'p'));
+    sendRecord(control, recordOf(2, std::string(40, 'q')));
+
+    ASSERT_TRUE(receiveResult(control));
+    EXPECT_EQ(std::vector<std::string>{"Starting OSX System Interface: OUTPUT"}, log_.messages());
+}
+
 TEST_F(KernelListener, VerdictsGoOutAsKernelResults) {
     const int control = start(true);
     const std::string record = recordOf(5, std::string(40, 'p'));

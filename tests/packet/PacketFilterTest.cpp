@@ -1,22 +1,32 @@
 #include "packet/PacketFilter.h"
 
 #include "config/Configuration.h"
+#include "config/FilterIPAddresses.h"
 #include "filter/FilterQuery.h"
 #include "platform/HostPaths.h"
+#include "support/AllocationCounter.h"
+#include "support/Await.h"
 #include "support/CapturedLog.h"
 #include "support/ForkedChild.h"
 #include "support/ManualClock.h"
 #include "support/PlayedInterfaces.h"
 #include "support/PlayedKernelControl.h"
+#include "support/PlayedNames.h"
 #include "support/PlayedNetworkChanges.h"
 #include "support/ScratchRoot.h"
 #include "support/StandInPrograms.h"
+#include "support/ThreadStarts.h"
 
 #include <gtest/gtest.h>
 
+#include <sys/socket.h>
+
+#include <atomic>
 #include <cstdint>
+#include <pthread.h>
 #include <string>
 #include <thread>
+#include <vector>
 
 using testsupport::CapturedLog;
 using testsupport::ManualClock;
@@ -39,6 +49,11 @@ protected:
     PlayedKernelControl& extension_ = testsupport::lastingKernelControl();
     testsupport::PlayedNetworkChanges* network_ = new testsupport::PlayedNetworkChanges;
 };
+
+// Until the polling thread, the only one that sleeps, has gone to sleep that often.
+void awaitSleep(ManualClock& clock, int times) {
+    EXPECT_TRUE(testsupport::comesTrue([&] { return clock.sleptMicroseconds() >= times * 10000000; }));
+}
 
 void pollStatistics(PlayedKernelControl& extension) {
     extension.install();
@@ -115,6 +130,44 @@ TEST_F(PacketFilterStart, TheNetworkIsWatchedWhateverTheLoadingGave) {
 
     EXPECT_TRUE(network_->waitUntilDelivered());
     EXPECT_EQ(1, network_->created());
+}
+
+// What had been run by the time that each of the threads was started.
+testsupport::StandInPrograms* programsOfStart = nullptr;
+std::vector<std::size_t> callsAtStarts;
+
+int startAndNoteCalls(pthread_t* thread, const pthread_attr_t* attributes, void* (*function)(void*),
+                      void* argument) {
+    callsAtStarts.push_back(programsOfStart->calls().size());
+    return testsupport::startThread(thread, attributes, function, argument);
+}
+
+TEST_F(PacketFilterStart, TheExtensionIsLoadedBeforeTheNetworkIsWatched) {
+    programs_.add("kextload", "exit 0");
+    extension_.refuseSockets();
+    programsOfStart = &programs_;
+    testsupport::playThreadStarts(startAndNoteCalls);
+
+    EXPECT_TRUE(PacketFilter::start());
+
+    testsupport::playThreadStarts(nullptr);
+    EXPECT_EQ((std::vector<std::size_t>{1, 1}), callsAtStarts) << "the watch and the outbound listener";
+    EXPECT_TRUE(network_->waitUntilDelivered());
+}
+
+TEST_F(PacketFilterStart, AddRulesLeavesNothingBehind) {
+    programs_.add("kextload", "exit 0");
+    PacketFilter::addRules();
+    const auto left = [] {
+        const testsupport::AllocationCounter allocations;
+        PacketFilter::addRules();
+        return allocations.left();
+    };
+    EXPECT_EQ(0, left());
+
+    programs_.add("kextload", "echo no");
+    left();
+    EXPECT_EQ(0, left());
 }
 
 TEST_F(PacketFilterStart, DisabledFilteringIsSaidAndTheStartGoesOn) {
@@ -198,11 +251,63 @@ TEST(ReportAppStats, EachPollIsDue300SecondsAfterTheOneBefore) {
     ASSERT_TRUE(clock.waitForSleepers(1));
     clock.advanceSeconds(300);
     ASSERT_TRUE(extension.waitForStatistics(1));
-    ASSERT_TRUE(clock.waitForSleepers(1));
+    awaitSleep(clock, 2);
+    EXPECT_EQ(1, extension.statisticsReads());
 
     clock.advanceSeconds(300);
 
     EXPECT_TRUE(extension.waitForStatistics(2));
+    EXPECT_EQ(2000u, extension.statisticsLength());
+}
+
+TEST(ReportAppStats, ALatePollIsFollowedByTheNext300SecondsAfterIt) {
+    CapturedLog log;
+    PlayedKernelControl& extension = testsupport::lastingKernelControl();
+    ManualClock& clock = ManualClock::installed();
+    pollStatistics(extension);
+    awaitSleep(clock, 1);
+    clock.advanceSeconds(305);
+    ASSERT_TRUE(extension.waitForStatistics(1));
+    awaitSleep(clock, 2);
+
+    clock.advanceSeconds(299);
+    awaitSleep(clock, 3);
+    EXPECT_EQ(1, extension.statisticsReads());
+    clock.advanceSeconds(10);
+    EXPECT_TRUE(extension.waitForStatistics(2));
+}
+
+TEST(ReportAppStats, APollLeavesNothingBehind) {
+    static std::atomic<long> left[3];
+    static std::atomic<int> polls{0};
+    class CountingControl final : public platform::KernelControl {
+    public:
+        int open() override { return -1; }
+        int controlId(int, const char*, std::uint32_t&) override { return -1; }
+        int connect(int, std::uint32_t) override { return -1; }
+        int setOption(int, int, const void*, socklen_t) override { return -1; }
+        int getOption(int, int, void*, socklen_t&) override {
+            static testsupport::AllocationCounter allocations; // of the polling thread
+            const int poll = polls;
+            if (poll < 3) left[poll] = allocations.left();
+            ++polls;
+            return 0;
+        }
+    };
+    static CountingControl control;
+    platform::kernelControlService.install(control);
+    ManualClock& clock = ManualClock::installed();
+    auto* parameters = new CONTROLSOCKETTHREADPARAMETERS;
+    parameters->socket = 42;
+    std::thread(reportAppStatsThread, parameters).detach();
+    awaitSleep(clock, 1);
+    for (int poll = 0; poll < 3; ++poll) {
+        clock.advanceSeconds(300);
+        ASSERT_TRUE(testsupport::comesTrue([&] { return polls > poll; }));
+        awaitSleep(clock, poll + 2);
+    }
+
+    EXPECT_EQ(left[1], left[2]);
 }
 
 TEST(IpChanges, AChangeIsToldOfWhenVerbose) {
@@ -228,6 +333,26 @@ TEST(IpChanges, AChangeGivesTheMachineItsIdentifierOnceThereIsANetwork) {
     ipChangesCallback();
 
     EXPECT_EQ(1, log.countContaining("Generated UUID '"));
+}
+
+TEST(IpChanges, AChangeHasTheServersLookedUpAnew) {
+    testsupport::ScratchRoot root;
+    CapturedLog log;
+    testsupport::PlayedInterfaces interfaces;
+    interfaces.install();
+    auto& names = *new testsupport::PlayedNames; // the look-up's thread can outlive the test
+    names.install();
+    names.answer("localhost", AF_INET, {"203.0.113.9"});
+    Configuration::addServerName("localhost", false);
+    ASSERT_EQ(nullptr, FilterIPAddresses::getCurrentIPAddresses());
+
+    ipChangesCallback();
+
+    FilterIPAddresses* snapshot = nullptr;
+    ASSERT_TRUE(
+        testsupport::comesTrue([&] { return snapshot = FilterIPAddresses::getCurrentIPAddresses(); }));
+    EXPECT_EQ(0xcb007109u, snapshot->addresses[0]);
+    snapshot->release();
 }
 
 TEST(IpChanges, AChangeEndsASuspensionOfFiltering) {

@@ -245,6 +245,70 @@ TEST_F(PolicyVerdicts, ARedirectWithoutAResultRecordIsStillTheVerdict) {
         EXPECT_NE(name, "block.example");
 }
 
+TEST_F(PolicyVerdicts, ANullResultRecordIsWrittenToInNoVerdictOfARecord) {
+    auto longAnswer = reply(80, std::string(300, 'x')).build();
+    auto shortAnswer = reply().build();
+    outbound(get());
+    EXPECT_EQ(tcpInBoundCallback(shortAnswer.packet(), nullptr), verdictDrop);
+    HijackPacket::resolve("http://www.example.org/", nullptr, 30);
+    EXPECT_EQ(tcpInBoundCallback(shortAnswer.packet(), nullptr), verdictPass);
+
+    advance(30000001);
+    outbound(get());
+    outbound(get());
+    HijackPacket::resolve("http://www.example.org/", "http://block.example/", 30);
+    EXPECT_EQ(tcpInBoundCallback(longAnswer.packet(), nullptr), verdictRedirect);
+    EXPECT_EQ(tcpInBoundCallback(shortAnswer.packet(), nullptr), verdictPass);
+}
+
+TEST_F(PolicyVerdicts, WithoutAResultRecordTheAddressesOfATlsRedirectAreNotLogged) {
+    outbound(hello());
+    HijackPacket::resolve("https://www.example.org", "http://block.example/", 30);
+    Configuration::setLogLevel(64);
+    auto packet = reply(443).build();
+
+    EXPECT_EQ(tcpInBoundCallback(packet.packet(), nullptr), verdictRedirect);
+
+    EXPECT_EQ(log.messages(),
+              std::vector<std::string>{"--[0x0] https redirect: res=6 to: http://block.example/"});
+}
+
+TEST_F(PolicyVerdicts, TheRecordIsThereBeforeItsQueryGoesOut) {
+    Configuration::setLogLevel(1 | 64 | 128);
+
+    EXPECT_EQ(outbound(get()), verdictHold);
+
+    std::string order;
+    for (const std::string& line : log.messages()) {
+        if (line.find("inBypassedHostNames parsed host") == 0) order += "host ";
+        if (line.find("checking url") == 0) order += "checking ";
+        if (line.find("-++ added") == 0) order += "record ";
+        if (line.find("url being checked") == 0) order += "query ";
+        if (line.find("--[0x55667788] policyEvaluate QUERYING") == 0) order += "hold ";
+    }
+    EXPECT_EQ(order, "host checking record query hold ");
+}
+
+TEST_F(PolicyVerdicts, VerdictsAreLoggedAtLevel64Alone) {
+    Configuration::setLogLevel(~(1 | 64));
+    const std::string longPath = "/" + std::string(300, 'p');
+    outbound(get(longPath));
+    outbound(get(longPath));
+    HijackPacket::resolve(("http://www.example.org" + longPath).c_str(), "http://block.example/", 30);
+    outbound(get(longPath));
+    inbound(reply());
+    outbound(hello());
+    HijackPacket::resolve("https://www.example.org", "http://block.example/", 30);
+    outbound(hello());
+    outbound(get().from("10.0.0.2", 50009));
+    HijackPacket::resolve("http://www.example.org/", nullptr, 30);
+    outbound(get().from("10.0.0.2", 50009));
+
+    EXPECT_EQ(log.countContaining("--[0x"), 0);
+    EXPECT_EQ(log.countContaining("Hijack-resolve"), 0);
+    EXPECT_EQ(log.countContaining("] "), 0);
+}
+
 TEST_F(PolicyVerdicts, AFailedNameLookupLeavesTheAddress0AndTheVerdict) {
     outbound(hello());
     HijackPacket::resolve("https://www.example.org", "http://nowhere.example/", 30);
@@ -355,12 +419,20 @@ TEST_F(PolicyVerdicts, ABareAddressShorterThanTheCutIsNotReadBehindItsEndAndPass
 }
 
 TEST_F(PolicyVerdicts, ThePayloadsClosingZeroIsTheOnlyChangeToAPacket) {
-    auto packet = get().build();
-    const std::string before = packet.bytes();
+    // Both have a byte behind what they claim to be, which is where the zero goes.
+    const int size = static_cast<int>(get().bytes().size());
+    auto request = get().payload(getRequest() + "X").sizeReadAs(size).build();
+    auto answer = reply(80, "HTTP/1.1 200 OK").build();
+    std::string expected = request.bytes();
+    ASSERT_EQ(expected.back(), 'X');
+    expected.back() = '\0';
+    const std::string unchanged = answer.bytes();
 
-    outbound(packet);
+    EXPECT_EQ(outbound(request), verdictHold);
+    EXPECT_EQ(inbound(answer), verdictDrop);
 
-    EXPECT_EQ(packet.bytes(), before);
+    EXPECT_EQ(request.bytes(), expected);
+    EXPECT_EQ(answer.bytes(), unchanged) << "an inbound packet is not searched";
 }
 
 TEST_F(PolicyVerdicts, TwoConnectionsToOneUrlHaveTwoRecordsAndTwoQueries) {

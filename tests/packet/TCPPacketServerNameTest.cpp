@@ -222,6 +222,23 @@ TEST(TCPPacketServerName, AnExtensionCutBeforeItsNameLengthYieldsNothing) {
     EXPECT_FALSE(Reading(hello).found);
 }
 
+TEST(TCPPacketServerName, ANameThatLeadsOutOfTheHelloEndsTheWalkThoughAGoodOneFollows) {
+    // Both lengths lead out; the second would also be too long for the capacity, and be stepped over.
+    for (const int length : {254, 255}) {
+        const std::string leadsOut = bytes({0, length + 3, 0, 0, length, 'a'});
+        const std::string hello = ClientHelloBuilder()
+                                      .extensionBefore(0, leadsOut)
+                                      .extensionBefore(77, "x")
+                                      .extensionAfter(0, bytes({0, 4, 0, 0, 1, 'b'}))
+                                      .build();
+        ASSERT_LT(hello.size(), 255u);
+
+        const Reading reading(hello);
+        EXPECT_FALSE(reading.found) << length;
+        EXPECT_TRUE(reading.untouched) << length;
+    }
+}
+
 TEST(TCPPacketServerName, AtLevel16TheNameIsLoggedWithItsLengthAndTheCapacity) {
     testsupport::ScratchRoot root;
     testsupport::CapturedLog log;

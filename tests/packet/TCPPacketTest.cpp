@@ -280,4 +280,8 @@ TEST(TCPPacket, TheChecksumFoldsItsCarriesTwice) {
     std::memset(words, 0xff, sizeof words);
 
     EXPECT_EQ(TCPPacket::in_cksum(words, sizeof words), 0);
+
+    // 0x1ffff: its first fold gives 0x10000, which has a carry of its own.
+    unsigned short carriesTwice[] = {0xffff, 0xffff, 1};
+    EXPECT_EQ(TCPPacket::in_cksum(carriesTwice, sizeof carriesTwice), 0xfffe);
 }

@@ -64,6 +64,21 @@ TEST(TCPPacketUrl, ARequestWithoutSlashOrVersionOrHostGivesNoUrl) {
     EXPECT_EQ(httpUrlOf("GET /index HTTP/1.1\r\nAccept: */*\r\n\r\n"), "(null)");
 }
 
+TEST(TCPPacketUrl, TheSlashIsSoughtBehindGet) {
+    EXPECT_EQ(httpUrlOf("a/b GET /index HTTP/1.1\r\nHost: www.example.org\r\n\r\n"),
+              "http://www.example.org/index");
+}
+
+TEST(TCPPacketUrl, TheVersionIsSoughtBehindThePathsBeginning) {
+    EXPECT_EQ(httpUrlOf("GET HTTP/index HTTP/1.1\r\nHost: www.example.org\r\n\r\n"),
+              "http://www.example.org/index");
+}
+
+TEST(TCPPacketUrl, TheHostHeaderIsSoughtBehindThePathsEnd) {
+    EXPECT_EQ(httpUrlOf("GET /Host:of/it HTTP/1.1\r\nHost: www.example.org\r\n\r\n"),
+              "http://www.example.org/Host:of/it");
+}
+
 TEST(TCPPacketUrl, AHostHeaderInLowerCaseIsNotFound) {
     EXPECT_EQ(httpUrlOf("GET / HTTP/1.1\r\nhost: www.example.org\r\n\r\n"), "(null)");
 }

@@ -10,12 +10,19 @@ namespace {
 thread_local bool counting = false;
 thread_local long allocations = 0;
 thread_local long allocatedBytes = 0;
+thread_local long givenBack = 0;
 
 void noteAllocation(std::size_t size) {
     if (!counting) return;
     ++allocations;
     allocatedBytes += static_cast<long>(size);
 }
+
+#ifndef OSTLER_SANITIZED
+void noteFree(const void* block) {
+    if (counting && block) ++givenBack;
+}
+#endif
 
 } // namespace
 
@@ -41,6 +48,7 @@ void* __libc_malloc(std::size_t size);
 void* __libc_calloc(std::size_t count, std::size_t size);
 void* __libc_realloc(void* block, std::size_t size);
 void* __libc_memalign(std::size_t alignment, std::size_t size);
+void __libc_free(void* block);
 
 void* malloc(std::size_t size) {
     noteAllocation(size);
@@ -54,6 +62,7 @@ void* calloc(std::size_t count, std::size_t size) {
 
 void* realloc(void* block, std::size_t size) {
     noteAllocation(size);
+    noteFree(block);
     return __libc_realloc(block, size);
 }
 
@@ -66,6 +75,11 @@ void* aligned_alloc(std::size_t alignment, std::size_t size) {
     noteAllocation(size);
     return __libc_memalign(alignment, size);
 }
+
+void free(void* block) {
+    noteFree(block);
+    __libc_free(block);
+}
 }
 
 #endif
@@ -75,6 +89,7 @@ namespace testsupport {
 AllocationCounter::AllocationCounter() {
     allocations = 0;
     allocatedBytes = 0;
+    givenBack = 0;
     counting = true;
 }
 
@@ -83,5 +98,7 @@ AllocationCounter::~AllocationCounter() { counting = false; }
 long AllocationCounter::count() const { return allocations; }
 
 long AllocationCounter::bytes() const { return allocatedBytes; }
+
+long AllocationCounter::left() const { return testsupport::sanitized ? 0 : allocations - givenBack; }
 
 } // namespace testsupport
