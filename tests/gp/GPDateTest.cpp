@@ -174,6 +174,19 @@ TEST_F(GPDateTest, ToStringWithoutAFormatIsTheStyleOfCtimeWithItsLineBreak) {
     EXPECT_STREQ(date.cString(), "Sat Nov 14 05:56:50 2026\n");
 }
 
+TEST_F(GPDateTest, ToStringMakesTheBrokenDownViewWithAFormatAndWithoutOne) {
+    for (const char* format : {static_cast<const char*>(nullptr), "%H"}) {
+        GPDate date(start);
+        date.setFormat(format);
+        date.toString();
+        date.timeInFuture(3600);
+        EXPECT_EQ(date.hour(), 5) << "the hour of before";
+    }
+    GPDate untouched(start);
+    untouched.timeInFuture(3600);
+    EXPECT_EQ(untouched.hour(), 6);
+}
+
 TEST_F(GPDateTest, ToStringFollowsTheFormatThatWasSet) {
     GPDate date(start);
     date.setFormat("%d.%m.%Y");

@@ -95,6 +95,19 @@ TEST_F(GPFilesystemObjectTest, ARecursiveListingGoesIntoTheFullPath) {
     EXPECT_EQ(listed(false, GPFileSearchAll), (Names{"elsewhere", "sub"}));
 }
 
+TEST_F(GPFilesystemObjectTest, ARecursiveListingGoesThroughThreeLevelsOfFolders) {
+    fileWith("one/two/three/file", "x");
+    createDir(at("elsewhere").c_str());
+    for (const char* name : {"one", "two", "three"})
+        createDir(at(std::string("elsewhere/") + name).c_str());
+    ASSERT_EQ(chdir(at("elsewhere").c_str()), 0);
+
+    EXPECT_EQ(listed(true, GPFileSearchAll),
+              (Names{"elsewhere", "one", "one/two", "one/two/three", "one/two/three/file"}));
+    EXPECT_EQ(listed(true, GPFileSearchFiles), (Names{"elsewhere", "one/two/three/file"}));
+    EXPECT_EQ(listed(true, GPFileSearchDirectories), (Names{"one", "one/two", "one/two/three"}));
+}
+
 TEST_F(GPFilesystemObjectTest, AFileCanPassForADirectoryAndHasNothingInIt) {
     fileWith("sub", "x");
     nameADirectoryHere("sub");

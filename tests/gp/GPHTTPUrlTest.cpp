@@ -14,6 +14,7 @@
 namespace {
 
 using testsupport::AnswerServer;
+using testsupport::ManualClock;
 
 class GPHTTPUrl : public testsupport::HTTPRequestWorld {
 protected:
@@ -81,6 +82,46 @@ TEST_F(GPHTTPUrl, WithoutAPathASlashIsAskedFor) {
     request.setPort(server.port());
     request.startSync();
     EXPECT_EQ(server.request(), get("/"));
+}
+
+TEST_F(GPHTTPUrl, ANewUrlPutsEverythingElseBackToItsStart) {
+    AnswerServer server({"HTTP/1.1 404 No\r\nName: value\r\n\r\nold", "no answer to read"});
+    GPHTTP request(server.url("/old").c_str());
+    request.setUserAgent("agent");
+    request.addPostValue("field", "value");
+    request.addHeader("Extra", "value");
+    request.setTimeout(33);
+    request.startSync();
+    ASSERT_EQ(request.responseCode(), 404);
+    ASSERT_STREQ(request.IPAddress(), "127.0.0.1");
+
+    request.setURL("http://127.0.0.1/new");
+
+    EXPECT_EQ(request.port(), 80);
+    EXPECT_EQ(request.responseLength(), 0);
+    EXPECT_EQ(request.responseString(), nullptr);
+    EXPECT_EQ(request.responseCode(), 0);
+    EXPECT_EQ(request.responseHeader("Name"), nullptr);
+    EXPECT_EQ(request.IPAddress(), nullptr);
+    request.setPort(server.port());
+    request.startSync();
+    EXPECT_EQ(server.requests().back(), get("/new"));
+    EXPECT_EQ(request.responseCode(), 0);
+    EXPECT_EQ(request.responseHeader("Name"), nullptr);
+}
+
+TEST_F(GPHTTPUrl, ANewUrlWaitsFiveSecondsAgain) {
+    ManualClock::installed().setEventWait(0, true);
+    AnswerServer server({""}, AnswerServer::Afterwards::stalls);
+    GPHTTP request(server.url("/").c_str());
+    request.setTimeout(33);
+    request.setURL(server.url("/").c_str());
+    ManualClock::installed().setEventWait(200000, true);
+    const auto before = ManualClock::installed().seconds();
+    request.startSync();
+    EXPECT_EQ((ManualClock::installed().seconds() - before) % 5, 0);
+    EXPECT_GT(ManualClock::installed().seconds(), before);
+    EXPECT_LE(ManualClock::installed().seconds() - before, 10) << "one wait to send, one to read";
 }
 
 TEST_F(GPHTTPUrl, CanBeATextOfTheAnswerThatItReplaces) {

@@ -175,6 +175,22 @@ TEST(GPNetDeviceWalk, AnAddressEntryWithoutALinkEntryGetsTheCharactersOfItsOwnTe
     EXPECT_EQ(devices.line(0), "en0 2 31:30:2e:30:2e:30 10.0.0.1");
 }
 
+TEST(GPNetDeviceWalk, TheWorkAreaIsClearedForEachAddress) {
+    // The text of the second is shorter than the six bytes that are read of it.
+    Devices devices(EntryBuilder().ipv4("en0", "10.123.0.1").ipv6("en1", "::1"));
+    EXPECT_EQ(devices.line(1), "en1 30 3a:3a:31:00:00:00 ::1");
+}
+
+TEST(GPNetDeviceWalk, APendingTextGoesWhenAnEntryOfADeviceThatIsThereFollows) {
+    // 17 is the family of a link on no system that lists an address in it.
+    Devices devices(EntryBuilder()
+                        .ipv4("lo0", "127.0.0.1")
+                        .link("en0", ethernetAddress)
+                        .raw("lo0", std::string("\x10\x11", 2))
+                        .ipv4("en0", "10.0.0.1"));
+    EXPECT_EQ(devices.line(1), "en0 2 31:30:2e:30:2e:30 10.0.0.1");
+}
+
 TEST(GPNetDeviceWalk, AnInterfaceWithoutAWantedAddressLeavesNoDeviceAndNoPendingText) {
     Devices devices(EntryBuilder()
                         .link("en0", "\x02\x02\x02\x02\x02\x02")

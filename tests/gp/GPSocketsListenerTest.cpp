@@ -73,6 +73,29 @@ TEST(GPSocketsListener, ServesSeveralClientsAtOnce) {
     EXPECT_EQ(second.read(2), "hi") << "the first still holds its thread";
 }
 
+TEST(GPSocketsListener, ServingThatEndsIsNoFailure) {
+    GPSockets listener;
+    listener.setPort(freePort());
+    EXPECT_TRUE(listener.listenConnection(waitForTheEnd, 0)) << "without room for an event it serves nobody";
+    EXPECT_STREQ(listener.server(), "127.0.0.1");
+    GPSockets everywhere(freePort(), "0.0.0.0");
+    EXPECT_TRUE(everywhere.listenConnection(waitForTheEnd, 0));
+    EXPECT_STREQ(everywhere.server(), "0.0.0.0");
+}
+
+TEST(GPSocketsListener, APortWhoseLastConnectionStillLingersIsTakenAtOnce) {
+    const int port = freePort();
+    {
+        testsupport::LoopbackListener earlier(port);
+        Peer client = connectTo(port);
+        Peer accepted = earlier.accept();
+        accepted.close(); // the end that closes first lingers
+        client.readAll();
+    }
+    GPSockets listener(port, "127.0.0.1");
+    EXPECT_TRUE(listener.listenConnection(waitForTheEnd, 0));
+}
+
 TEST(GPSocketsListener, APortInUseFails) {
     const testsupport::LoopbackListener other;
     GPSockets listener(other.port(), "127.0.0.1");

@@ -60,6 +60,12 @@ protected:
             filled_ += block.size();
     }
 
+    // Until what the peer sent or did has arrived.
+    void waitForTheFirstByte() {
+        pollfd arrived{descriptor_, POLLIN, 0};
+        poll(&arrived, 1, 5000);
+    }
+
     Peer mine_;
     Peer peer_;
     int descriptor_ = -1;
@@ -226,6 +232,49 @@ TEST_F(GPSocketsConnected, AWritePassesOverUnreadDataThatWasReportedBefore) {
     EXPECT_EQ(readText(socket_), "two");
 }
 
+TEST_F(GPSocketsConnected, AWriteThatCannotGoOutMeetsUnreadDataOnceAndTimesOut) {
+    peer_.send("one");
+    EXPECT_EQ(readText(socket_), "one");
+    fillTheConnection();
+    peer_.send("two");
+    waitForTheFirstByte();
+    waitsLastAtMost(0);
+    testing::internal::CaptureStdout();
+    EXPECT_FALSE(socket_.writeData("more", 4));
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "Timeout\n");
+    EXPECT_EQ(readText(socket_), "two");
+}
+
+TEST_F(GPSocketsConnected, AWriteThatMeetsTheEndOfThePeersStreamFailsAtOnce) {
+    const CapturedLog log;
+    peer_.send("one");
+    EXPECT_EQ(readText(socket_), "one");
+    fillTheConnection();
+    shutdown(peer_.descriptor(), SHUT_WR);
+    waitForTheFirstByte();
+    waitsLastAtMost(0);
+    testing::internal::CaptureStdout();
+    EXPECT_FALSE(socket_.writeData("more", 4));
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "") << "this is no time-out";
+    EXPECT_TRUE(log.messages().empty());
+    EXPECT_EQ(socket_.error(), 0);
+}
+
+TEST_F(GPSocketsConnected, AWaitThatASignalInterruptsEndsAsATimeOut) {
+    EXPECT_TRUE(testsupport::passesInChild([this] {
+        struct sigaction interrupting {};
+        interrupting.sa_handler = [](int) {};
+        sigaction(SIGALRM, &interrupting, nullptr);
+        socket_.setTimeout(0);
+        ualarm(20000, 20000);
+        testing::internal::CaptureStdout();
+        EXPECT_EQ(socket_.readData(), nullptr);
+        ualarm(0, 0);
+        EXPECT_EQ(testing::internal::GetCapturedStdout(), "Timeout\n");
+        EXPECT_EQ(socket_.error(), 0);
+    }));
+}
+
 TEST_F(GPSocketsConnected, AWriteAfterAReadSawTheEndOfTheStreamFails) {
     peer_.reset();
     EXPECT_EQ(socket_.readData(), nullptr);
@@ -269,6 +318,16 @@ TEST_F(GPSocketsConnected, CloseConnectionEndsTheStreamBothWays) {
     EXPECT_EQ(fcntl(descriptor_, F_GETFD), -1);
 }
 
+TEST_F(GPSocketsConnected, CloseConnectionEndsTheStreamForAnotherHolderOfItToo) {
+    const Peer kept(dup(descriptor_));
+    socket_.closeConnection();
+    EXPECT_EQ(peer_.readAll(), "");
+    char byte = 0;
+    EXPECT_EQ(recv(kept.descriptor(), &byte, 1, MSG_DONTWAIT), 0) << "shut for reading";
+    EXPECT_EQ(send(kept.descriptor(), "x", 1, MSG_DONTWAIT), -1) << "shut for writing";
+    EXPECT_EQ(errno, EPIPE);
+}
+
 TEST_F(GPSocketsConnected, ClosingTwiceLeavesTheNextOwnerOfTheNumberAlone) {
     socket_.closeConnection();
     ASSERT_EQ(dup2(peer_.descriptor(), descriptor_), descriptor_);
@@ -304,18 +363,12 @@ protected:
     }
     ~GPSocketsWithAnOldDescriptor() override { close(descriptor_); }
 
-    // Until what the first peer did has arrived.
-    void waitForTheFirstPeer() {
-        pollfd arrived{descriptor_, POLLIN, 0};
-        poll(&arrived, 1, 5000);
-    }
-
     Peer newPeer_;
 };
 
 TEST_F(GPSocketsWithAnOldDescriptor, AReadPassesOverAnEventOfTheOldOne) {
     peer_.send("stray");
-    waitForTheFirstPeer();
+    waitForTheFirstByte();
     newPeer_.send("wanted");
     EXPECT_EQ(readText(socket_), "wanted");
     EXPECT_EQ(socket_.error(), 0);
@@ -324,7 +377,7 @@ TEST_F(GPSocketsWithAnOldDescriptor, AReadPassesOverAnEventOfTheOldOne) {
 TEST_F(GPSocketsWithAnOldDescriptor, AReadEndsWithAnErrorWhenThePeerOfTheOldOneCloses) {
     const CapturedLog log;
     peer_.close();
-    waitForTheFirstPeer();
+    waitForTheFirstByte();
     errno = EXDEV;
     EXPECT_EQ(socket_.readData(), nullptr);
     EXPECT_EQ(socket_.error(), 32768);
@@ -335,6 +388,20 @@ int lowestFreeDescriptor() {
     const int lowest = dup(2);
     close(lowest);
     return lowest;
+}
+
+TEST(GPSockets, AnErrorEventGivesTheQueueBack) {
+    EXPECT_TRUE(testsupport::passesInChild([] {
+        const CapturedLog log;
+        Peer mine, peer;
+        testsupport::connectedPair(mine, peer);
+        const int before = lowestFreeDescriptor();
+        GPSockets socket;
+        socket.openConnection(before); // nobody's
+        EXPECT_EQ(socket.readData(), nullptr);
+        EXPECT_EQ(log.countContaining("ERROR: EV_ERROR - "), 1);
+        EXPECT_EQ(lowestFreeDescriptor(), before);
+    }));
 }
 
 TEST(GPSockets, ClosingGivesTheQueueBackEvenIfNothingWasEverOpened) {

@@ -9,6 +9,7 @@
 #include "support/ManualClock.h"
 #include "support/Sanitizers.h"
 #include "support/TemporaryFolder.h"
+#include "support/TestChild.h"
 
 #include <gtest/gtest.h>
 
@@ -20,6 +21,7 @@
 #include <string>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
 #include <vector>
@@ -38,6 +40,7 @@ Words wordsOf(const char* commandLine) {
 
 TEST(GPTaskWords, BlanksSeparateWords) {
     EXPECT_EQ(wordsOf("ls -l  /tmp\t/var "), (Words{"ls", "-l", "/tmp", "/var"}));
+    EXPECT_EQ(wordsOf("ls\n-l\r\n/tmp\v/var\f/etc"), (Words{"ls", "-l", "/tmp", "/var", "/etc"}));
 }
 
 TEST(GPTaskWords, EchoWithAQuotedWordAndAPlainOneGivesThreeWords) {
@@ -164,6 +167,63 @@ TEST_F(GPTaskTest, AWaitedTaskLeavesNoDescriptorOpen) {
     const int after = dup(0);
     close(after);
     EXPECT_EQ(after, before);
+}
+
+TEST_F(GPTaskTest, AFailedTaskLeavesTheTwoEndsOfTheOutputsPipeOpenAndNoMore) {
+    setenv("PATH", at("none").c_str(), 1);
+    const int before = dup(0);
+    close(before);
+    run("no-such-program");
+    const int after = dup(0);
+    close(after);
+    EXPECT_EQ(after - before, 2) << "the pipe of the failure report is closed";
+    EXPECT_EQ(fcntl(before + 2, F_GETFD), -1);
+    EXPECT_EQ(fcntl(before + 3, F_GETFD), -1);
+}
+
+TEST_F(GPTaskTest, ATaskThatIsNotWaitedForLeavesNoEndOfTheFailPipeOpen) {
+    const int before = dup(0);
+    close(before);
+    EXPECT_EQ(GPTask::task("/bin/echo x", false, false), nullptr);
+    EXPECT_NE(fcntl(before + 1, F_GETFD), -1);
+    EXPECT_EQ(fcntl(before + 2, F_GETFD), -1);
+    EXPECT_EQ(fcntl(before + 3, F_GETFD), -1);
+}
+
+TEST_F(GPTaskTest, AWaitedChildIsReapedAndNoOther) {
+    EXPECT_TRUE(testsupport::passesInChild([&] {
+        int status = 0;
+        run("/bin/echo x");
+        EXPECT_EQ(waitpid(-1, &status, 0), -1) << "nobody is left";
+        EXPECT_EQ(errno, ECHILD);
+
+        GPTask::task("/bin/echo x", false, false);
+        EXPECT_GT(waitpid(-1, &status, 0), 0) << "not waited for";
+        setenv("PATH", at("none").c_str(), 1);
+        run("no-such-program");
+        EXPECT_GT(waitpid(-1, &status, 0), 0) << "failed before it was a program";
+        EXPECT_EQ(WEXITSTATUS(status), 1);
+    }));
+}
+
+TEST_F(GPTaskTest, APipeInThePlaceOfAStandardStreamServesAsOne) {
+    const std::string both = program("both", "echo out; echo err >&2");
+    // The pipe gets the lowest numbers: 1 and 2, then 2 and one above.
+    EXPECT_TRUE(testsupport::passesInChild([&] {
+        close(1);
+        close(2);
+        EXPECT_EQ(run(both), "out\nerr\n");
+    }));
+    EXPECT_TRUE(testsupport::passesInChild([&] {
+        close(2);
+        EXPECT_EQ(run(both), "out\nerr\n");
+    }));
+    EXPECT_TRUE(testsupport::passesInChild([&] {
+        close(0);
+        close(1);
+        close(2);
+        EXPECT_EQ(run(both), "out\nerr\n");
+    }));
 }
 
 TEST_F(GPTaskTest, AProgramIsFoundInTheFirstElementOfPathThatHasIt) {
