@@ -2,9 +2,12 @@
 
 #include "platform/NetworkChanges.h"
 
+#include "support/ManualClock.h"
+
 #include <gtest/gtest.h>
 
 #include <arpa/inet.h>
+#include <linux/ipv6.h>
 #include <net/if.h>
 #include <sched.h>
 #include <sys/ioctl.h>
@@ -12,7 +15,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <cstring>
+#include <fstream>
+#include <sstream>
+#include <string>
 
 namespace {
 
@@ -31,6 +38,33 @@ bool giveLoopbackAddress(const char* printed) {
     const bool done = ioctl(socket, SIOCSIFADDR, &request) == 0;
     close(socket);
     return done;
+}
+
+bool addIPv6LoopbackAddress(const char* printed) {
+    const int socket = ::socket(AF_INET6, SOCK_DGRAM, 0);
+    in6_ifreq request{};
+    inet_pton(AF_INET6, printed, &request.ifr6_addr);
+    request.ifr6_prefixlen = 128;
+    request.ifr6_ifindex = static_cast<int>(if_nametoindex("lo"));
+    const bool done = ioctl(socket, SIOCSIFADDR, &request) == 0;
+    close(socket);
+    return done;
+}
+
+// How many messages this system could not deliver to sockets of this namespace.
+long lostMessages() {
+    std::ifstream list("/proc/net/netlink");
+    std::string line;
+    std::getline(list, line); // the columns' names
+    long lost = 0;
+    while (std::getline(list, line)) {
+        std::istringstream columns(line);
+        std::string word;
+        for (int column = 0; column < 9 && columns >> word; ++column) {
+        }
+        lost += std::atol(word.c_str());
+    }
+    return lost;
 }
 
 // Runs `story` in a namespace of its own and answers its exit status; blocks for ever when the story does.
@@ -66,6 +100,87 @@ int watchTwoChanges() {
 
 TEST(NetworkChanges, OfThisSystemCallBackWhenAnAddressChanges) {
     const int status = inNamespace(watchTwoChanges);
+    if (status == noNamespace) GTEST_SKIP() << "no network namespace can be made here";
+    EXPECT_EQ(status, 0);
+}
+
+int watchAnIPv6Address() {
+    platform::NetworkChanges& system = platform::systemNetworkChanges();
+    int error = -1;
+    auto* watch = system.create(
+        "name", [] { ++changes; }, error);
+    if (!watch || error != 0) return 1;
+    if (!addIPv6LoopbackAddress("2001:db8::7")) return noNamespace; // a system without IPv6
+    while (changes == 0)
+        system.run(watch);
+    system.release(watch);
+    return 0;
+}
+
+TEST(NetworkChanges, OfThisSystemCallBackWhenAnIPv6AddressChanges) {
+    const int status = inNamespace(watchAnIPv6Address);
+    if (status == noNamespace) GTEST_SKIP() << "no network namespace with IPv6 can be made here";
+    EXPECT_EQ(status, 0);
+}
+
+int loseMessages() {
+    platform::NetworkChanges& system = platform::systemNetworkChanges();
+    int error = -1;
+    auto* watch = system.create(
+        "name", [] { ++changes; }, error);
+    if (!watch || error != 0) return 1;
+    for (int number = 0; lostMessages() == 0; ++number) {
+        if (number == 100) return 2;
+        for (int at = 1; at < 100; ++at)
+            if (!giveLoopbackAddress(("10.9." + std::to_string(number) + "." + std::to_string(at)).c_str()))
+                return 3;
+    }
+    system.run(watch); // hears of the loss before anything else
+    if (changes != 1) return 4;
+    system.run(watch);
+    return changes == 2 ? 0 : 5;
+}
+
+TEST(NetworkChanges, OfThisSystemCallBackWhenMessagesWereLost) {
+    const int status = inNamespace(loseMessages);
+    if (status == noNamespace) GTEST_SKIP() << "no network namespace can be made here";
+    EXPECT_EQ(status, 0);
+}
+
+int watchOverAClosedSocket() {
+    testsupport::ManualClock& clock = testsupport::ManualClock::installed();
+    clock.letSleepsPass(true);
+    platform::NetworkChanges& system = platform::systemNetworkChanges();
+    int error = -1;
+    const int socket = dup(0);
+    close(socket); // the lowest number, which the watch gets
+    auto* watch = system.create(
+        "name", [] { _exit(4); }, error);
+    if (!watch || close(socket) != 0) return 1;
+    system.run(watch);
+    return clock.sleptMicroseconds() == 1000000 ? 0 : 2;
+}
+
+TEST(NetworkChanges, OfThisSystemWaitASecondBehindAnErrorThatWouldComeBackAtOnce) {
+    const int status = inNamespace(watchOverAClosedSocket);
+    if (status == noNamespace) GTEST_SKIP() << "no network namespace can be made here";
+    EXPECT_EQ(status, 0);
+}
+
+int releaseAWatch() {
+    platform::NetworkChanges& system = platform::systemNetworkChanges();
+    int error = -1;
+    const int lowest = dup(0);
+    close(lowest);
+    auto* watch = system.create(
+        "name", [] {}, error);
+    system.release(watch);
+    const int afterwards = dup(0);
+    return watch && afterwards == lowest ? 0 : 1;
+}
+
+TEST(NetworkChanges, OfThisSystemGiveTheirDescriptorBack) {
+    const int status = inNamespace(releaseAWatch);
     if (status == noNamespace) GTEST_SKIP() << "no network namespace can be made here";
     EXPECT_EQ(status, 0);
 }
