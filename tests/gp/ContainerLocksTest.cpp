@@ -102,7 +102,8 @@ TEST_F(ContainerLocks, EachOperationOfASafeArray) {
         {"addObject of null", 0, [](Array& array) { array.addObject(nullptr); }},
         {"addValue", 1, [](Array& array) { array.addValue(&second); }},
         {"addValue of null", 0, [](Array& array) { array.addValue(nullptr); }},
-        {"removeObject", 1, [](Array& array) { array.removeObject(static_cast<GPObject*>(absent.retain())); }},
+        {"removeObject", 1,
+         [](Array& array) { array.removeObject(static_cast<GPObject*>(absent.retain())); }},
         {"removeValue", 1, [](Array& array) { array.removeValue(&absent); }},
         {"removeObjectAtIndex", 0, [](Array& array) { array.removeObjectAtIndex(7); }},
         {"removeValueAtIndex", 1, [](Array& array) { array.removeValueAtIndex(7); }},
@@ -143,11 +144,19 @@ TEST_F(ContainerLocks, EachOperationOfASafeList) {
         {"objectAtIndex", 1, [](List& list) { list.objectAtIndex(0); }},
         {"indexOfObject", 1, [](List& list) { list.indexOfObject(&first); }},
         {"removeObject", 1, [](List& list) { list.removeObject(&first); }},
-        {"removeValue", 1, [](List& list) { list.removeValue(&first); first.release(); }},
+        {"removeValue", 1,
+         [](List& list) {
+             list.removeValue(&first);
+             first.release();
+         }},
         {"removeValue of another", 1, [](List& list) { list.removeValue(&absent); }},
         {"removeValue of null", 0, [](List& list) { list.removeValue(nullptr); }},
         {"removeObjectAtIndex", 2, [](List& list) { list.removeObjectAtIndex(0); }},
-        {"removeValueAtIndex", 2, [](List& list) { list.removeValueAtIndex(0); first.release(); }},
+        {"removeValueAtIndex", 2,
+         [](List& list) {
+             list.removeValueAtIndex(0);
+             first.release();
+         }},
         {"firstObject", 1, [](List& list) { list.firstObject(); }},
         {"nextObject", 1, [](List& list) { list.nextObject(); }},
         {"currentObject", 1, [](List& list) { list.currentObject(); }},
@@ -193,7 +202,8 @@ TEST_F(ContainerLocks, EachOperationOfASafeMap) {
     Map empty;
     empty.safe();
     check<Map>(empty, {"firstKey of an empty map", 1, [](Map& map) { map.firstKey(); }}, contentOfMap);
-    check<Map>(empty, {"removeObjectForKey of an empty map", 1, [](Map& map) { map.removeObjectForKey("first"); }},
+    check<Map>(empty,
+               {"removeObjectForKey of an empty map", 1, [](Map& map) { map.removeObjectForKey("first"); }},
                contentOfMap);
 }
 

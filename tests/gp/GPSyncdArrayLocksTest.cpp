@@ -72,8 +72,8 @@ protected:
 };
 
 // Locks in the order of their taking.
-constexpr char inPlace[] = "1old 2old 1old ";               // own, snapshot's, back again behind the own
-constexpr char replaced[] = "1old 2old 2old 2new 1new ";    // ... new array's, old array's first release
+constexpr char inPlace[] = "1old 2old 1old ";            // own, snapshot's, back again behind the own
+constexpr char replaced[] = "1old 2old 2old 2new 1new "; // ... new array's, old array's first release
 constexpr char nothing[] = "1old 2old 1old ";
 
 } // namespace

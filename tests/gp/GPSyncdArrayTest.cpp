@@ -227,12 +227,11 @@ TEST_F(GPSyncdArrayTest, CloneCopiesAllButTheSkippedEntry) {
     EXPECT_EQ(copy->arraySpace(), 7);
 }
 
-TEST_F(GPSyncdArrayTest, NewCurrentArraysReleaseUnderTheirOwnLockFromTheStart) {
+TEST_F(GPSyncdArrayTest, PlainAndGuardedReferencesOfACloneAreOneCount) {
     array.addObject(&a);
     array.addObject(&b);
     GPArray* clone = array.clone(array.getInternalArray(), -1);
 
-    // Plain and guarded references are the same count.
     EXPECT_EQ(clone->safeRetain(), 3);
     EXPECT_EQ(clone->release(), 2);
     EXPECT_EQ(clone->release(), 1);

@@ -110,7 +110,8 @@ struct Worker {
 std::atomic<int> started{0};
 std::atomic<int> ended{0};
 
-int startAndCount(pthread_t* thread, const pthread_attr_t* attributes, void* (*function)(void*), void* argument) {
+int startAndCount(pthread_t* thread, const pthread_attr_t* attributes, void* (*function)(void*),
+                  void* argument) {
     ++started;
     const auto runCounted = [](void* worker) -> void* {
         const std::unique_ptr<Worker> own(static_cast<Worker*>(worker));

@@ -2,9 +2,9 @@
 
 #include "gp/GPHTTP.h"
 #include "gp/GPThread.h"
+#include "support/AnswerServer.h"
 #include "support/Await.h"
 #include "support/HTTPRequestWorld.h"
-#include "support/AnswerServer.h"
 #include "support/Objects.h"
 #include "support/ThreadStarts.h"
 
@@ -20,7 +20,8 @@ namespace {
 GPThread* starting = nullptr;
 bool runningAtCreation = false;
 
-int lookAndStart(pthread_t* thread, const pthread_attr_t* attributes, void* (*function)(void*), void* argument) {
+int lookAndStart(pthread_t* thread, const pthread_attr_t* attributes, void* (*function)(void*),
+                 void* argument) {
     runningAtCreation = starting->isRunning();
     EXPECT_EQ(attributes, nullptr) << "default attributes";
     return testsupport::startThread(thread, attributes, function, argument);
@@ -62,7 +63,8 @@ struct Watched {
 };
 std::atomic<int> ended{0};
 
-int startAndWatch(pthread_t* thread, const pthread_attr_t* attributes, void* (*function)(void*), void* argument) {
+int startAndWatch(pthread_t* thread, const pthread_attr_t* attributes, void* (*function)(void*),
+                  void* argument) {
     const auto runWatched = [](void* watched) -> void* {
         const std::unique_ptr<Watched> own(static_cast<Watched*>(watched));
         void* const result = own->function(own->argument);

@@ -56,6 +56,16 @@ TEST_F(PacketVerdicts, WithFilteringDisabledBothCallbacksPassEverythingAndMakeNo
     EXPECT_FALSE(hasRecord(hello()));
 }
 
+TEST_F(PacketVerdicts, WithFilteringDisabledPacketsOfAnOpenRecordPassTooInBothDirections) {
+    outbound(get());
+    ASSERT_EQ(outbound(get()), verdictHold);
+    ASSERT_EQ(inbound(reply()), verdictDrop);
+    Configuration::setFilteringDisabled(true);
+
+    EXPECT_EQ(outbound(get()), verdictPass);
+    EXPECT_EQ(inbound(reply()), verdictPass);
+}
+
 TEST_F(PacketVerdicts, InboundWithoutACurrentServerPassesBeforeAnyLookAtThePacket) {
     outbound(get());
     Configuration::removeAllServers(false);

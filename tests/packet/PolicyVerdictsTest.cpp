@@ -135,6 +135,27 @@ TEST_F(PolicyVerdicts, ABlockedPlainConnectionIsRedirectedInBothDirections) {
               2);
 }
 
+TEST_F(PolicyVerdicts, APlainRedirectTakesTheMarkOfATlsOneAway) {
+    const std::string longPath = "/" + std::string(300, 'p');
+    outbound(get(longPath));
+    HijackPacket::resolve(("http://www.example.org" + longPath).c_str(), "http://block.example/", 30);
+    auto packet = get(longPath).build();
+    result.redirectIsHttps = 1;
+
+    EXPECT_EQ(policyEvaluate(packet.packet(), &result, nullptr, directionOutbound), verdictRedirect);
+
+    EXPECT_EQ(result.redirectIsHttps, 0);
+}
+
+TEST_F(PolicyVerdicts, APacketWithoutAUrlTakesTheMarkOfOneAway) {
+    auto packet = PacketBuilder::ipv4().build();
+    result.urlSeen = 1;
+
+    EXPECT_EQ(policyEvaluate(packet.packet(), &result, nullptr, directionOutbound), verdictPass);
+
+    EXPECT_EQ(result.urlSeen, 0);
+}
+
 TEST_F(PolicyVerdicts, ADeliveredRedirectMeetsLaterPacketsUntilItsTimeIsUp) {
     outbound(hello());
     HijackPacket::resolve("https://www.example.org", "http://10.9.8.7/", 30);

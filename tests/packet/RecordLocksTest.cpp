@@ -13,6 +13,7 @@
 #include <cstdint>
 #include <ctime>
 #include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -94,6 +95,24 @@ TEST_F(RecordLocks, AFoundRecordIsTakenAndGivenBackUnderTheLock) {
     EXPECT_EQ(locksOf([&] { const HijackPacket::Found found(packet_.packet()); }), 2);
     auto other = request(50001);
     EXPECT_EQ(locksOf([&] { const HijackPacket::Found found(other.packet()); }), 1) << "nothing to give back";
+}
+
+TEST_F(RecordLocks, AFoundRecordThatIsListedNoMoreIsDestroyedUnderTheLock) {
+    HijackPacket::create(packet_.packet(), url, false);
+    auto found = std::make_unique<HijackPacket::Found>(packet_.packet());
+    HijackPacket::remove(found->get());
+    long atLock = 0;
+    long atUnlock = 0;
+    testsupport::LockCounter locks;
+    const testsupport::AllocationCounter allocations;
+    locks.behindEachLock([&] { atLock = allocations.left(); });
+    locks.beforeEachUnlock([&] { atUnlock = allocations.left(); });
+
+    found.reset();
+
+    EXPECT_EQ(locks.count(), 1);
+    EXPECT_EQ(atLock, 0);
+    EXPECT_LT(atUnlock, 0) << "given back";
 }
 
 TEST_F(RecordLocks, APacketWithoutPayloadIsRefusedWithoutTheLock) {

@@ -26,7 +26,7 @@ protected:
         setLogDirectory(folder_.path().c_str());
         setMaxLogSize(1);
         setMaxLogCount(1);
-        logs("first"); // the time zone is read
+        logs("first");                        // the time zone is read
         logs(std::string(1100, 'a').c_str()); // goes on to index 0
         logs(std::string(1100, 'b').c_str()); // and to index 1
         logs("third");
@@ -37,7 +37,9 @@ protected:
     std::string sizes() const {
         std::string text;
         for (const char* name : {"fernhill00.log", "fernhill01.log"})
-            text += (fs::exists(folder_.file(name)) ? std::to_string(fs::file_size(folder_.file(name))) : "none") + " ";
+            text += (fs::exists(folder_.file(name)) ? std::to_string(fs::file_size(folder_.file(name)))
+                                                    : "none") +
+                    " ";
         return text;
     }
 
