@@ -19,11 +19,13 @@ std::string calls;
 extern "C" {
 
 platform::OSStatus
-__real__ZN8platform24SSLSetProtocolVersionMinEPNS_10SSLContextEi(platform::SSLContextRef context, int version);
+__real__ZN8platform24SSLSetProtocolVersionMinEPNS_10SSLContextEi(platform::SSLContextRef context,
+                                                                 int version);
 platform::OSStatus __real__ZN8platform12SSLHandshakeEPNS_10SSLContextE(platform::SSLContextRef context);
 
 platform::OSStatus
-__wrap__ZN8platform24SSLSetProtocolVersionMinEPNS_10SSLContextEi(platform::SSLContextRef context, int version) {
+__wrap__ZN8platform24SSLSetProtocolVersionMinEPNS_10SSLContextEi(platform::SSLContextRef context,
+                                                                 int version) {
     calls += "least version " + std::to_string(version) + " ";
     return __real__ZN8platform24SSLSetProtocolVersionMinEPNS_10SSLContextEi(context, version);
 }
