@@ -110,6 +110,32 @@ TEST(GPDOMElementRemove, ASearchThroughLevelsCostsAReferencePerArray) {
     EXPECT_EQ(references(deep.get()), 1) << "one for the root's array, one for the removal";
 }
 
+TEST(GPDOMElementRemove, BehindARemovalFurtherDownTheSiblingsAreSearchedAllTheSame) {
+    auto root = parsed("<a><b><c>1</c></b><x><y>2</y></x></a>");
+    auto deep = Element::retain(root->findElement("c"));
+    for (int extra = 0; extra < 5; ++extra)
+        deep->retain();
+    EXPECT_EQ(references(deep.get()), 7);
+    EXPECT_FALSE(root->removeElement(deep.get()));
+    // The root's array, its own one's removal, those of x and of y. Its own array is not searched.
+    EXPECT_EQ(references(deep.get()), 3);
+    EXPECT_EQ(root->findElement("c"), nullptr);
+    deep->release();
+    deep->release();
+}
+
+TEST(GPDOMElementRemove, ADirectChildsRemovalEndsTheSearch) {
+    auto root = parsed("<a><b><c>1</c></b><x><y>2</y></x></a>");
+    auto child = Element::retain(root->findElement("x"));
+    child->retain();
+    child->retain();
+    EXPECT_EQ(references(child.get()), 4);
+    EXPECT_TRUE(root->removeElement(child.get()));
+    EXPECT_EQ(references(child.get()), 3) << "neither the array of b nor that of c was searched";
+    child->release();
+    child->release();
+}
+
 TEST(GPDOMElementRemove, ASearchInVainCostsAReferenceToo) {
     auto root = created("a");
     auto child = created("b");
