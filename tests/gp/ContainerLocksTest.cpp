@@ -207,6 +207,38 @@ TEST_F(ContainerLocks, EachOperationOfASafeMap) {
                contentOfMap);
 }
 
+// Looks into the container as it is retained.
+class Retained : public GPObject {
+public:
+    GPObject* retain() override {
+        seen.push_back(look());
+        return GPObject::retain();
+    }
+    std::function<int()> look;
+    std::vector<int> seen;
+};
+
+TEST(ContainerReferences, AnObjectIsRetainedBeforeAContainerHoldsIt) {
+    Retained object;
+    {
+        GPList list;
+        object.look = [&] { return list.count(); };
+        list.addObject(&object);
+        list.push(&object);
+        list.insertObject(nullptr, &object);
+        list.insertObject(0, &object);
+    }
+    EXPECT_EQ(object.seen, (std::vector<int>{0, 1, 2, 3}));
+    object.seen.clear();
+    {
+        GPArray array;
+        object.look = [&] { return array.count(); };
+        array.addObject(&object);
+        array.addObject(&object);
+    }
+    EXPECT_EQ(object.seen, (std::vector<int>{0, 1}));
+}
+
 TEST_F(ContainerLocks, EachReferenceOfAnArrayThatIsSharedIsTakenAndGivenBackUnderItsOwnLock) {
     auto* array = new GPArray;
     array->safe();

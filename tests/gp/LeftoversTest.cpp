@@ -213,7 +213,8 @@ TEST(Leftovers, OfDocuments) {
         {"making",
          [] {
              const auto attributes = Owned<GPMap>::adopt(new GPMap);
-             const auto parent = Owned<GPDOMElement>::adopt(GPDOMElement::createElement("a", attributes.get(), "x"));
+             const auto parent =
+                 Owned<GPDOMElement>::adopt(GPDOMElement::createElement("a", attributes.get(), "x"));
              const auto child = Owned<GPDOMElement>::adopt(GPDOMElement::createElement("b"));
              parent->addElement(child.get());
          }},
@@ -270,7 +271,11 @@ TEST(Leftovers, OfFilesAndTasks) {
              file->renameFile(path.c_str());
              file->setPath(other.c_str());
          }},
-        {"a folder that does not open", [&] { GPArray found; getDirectoryFiles(other.c_str(), &found, true, GPFileSearchAll); }},
+        {"a folder that does not open",
+         [&] {
+             GPArray found;
+             getDirectoryFiles(other.c_str(), &found, true, GPFileSearchAll);
+         }},
         {"tasks",
          [] {
              giveBack(GPTask::task("/bin/echo text", true, false));

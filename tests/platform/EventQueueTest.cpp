@@ -85,6 +85,12 @@ TEST_F(EventQueue, ALimitedWaitOnAQuietDescriptorAnswersZeroAfterWhatTheClockAll
     EXPECT_EQ(ManualClock::installed().microseconds(), before + 5 * 1000000);
 }
 
+TEST_F(EventQueue, OneSecondIsALimitToo) {
+    ManualClock::installed().setEventWait(1000, true);
+    const KEvent wanted = change(mine_.descriptor(), EVFILT_READ, EV_ADD | EV_CLEAR);
+    EXPECT_EQ(kevent(queue_, &wanted, &event_, 1, 1), 0);
+}
+
 TEST_F(EventQueue, AWaitWithoutLimitAsksNoClockAndEndsWithTheEvent) {
     ManualClock::installed().setEventWait(0, true);
     const auto before = ManualClock::installed().microseconds();

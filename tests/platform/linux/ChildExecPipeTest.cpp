@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
+#include <fcntl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -49,6 +50,25 @@ TEST(ChildExecPipe, AnotherChildThatHoldsTheSignOpenDelaysNothing) {
     }
     EXPECT_EQ(sign.look(child), ExecState::executed);
     sibling.letGo();
+}
+
+TEST(ChildExecPipe, ALookGivesTheWritingEndBackAndTheEndOfTheSignTheOther) {
+    const int lowest = dup(0);
+    close(lowest);
+    const pid_t child = fork();
+    if (child == 0) _exit(0);
+    {
+        ExecSign sign;
+        EXPECT_NE(fcntl(lowest, F_GETFD), -1);
+        EXPECT_NE(fcntl(lowest + 1, F_GETFD), -1);
+        sign.look(child);
+        EXPECT_NE(fcntl(lowest, F_GETFD), -1);
+        EXPECT_EQ(fcntl(lowest + 1, F_GETFD), -1);
+    }
+    EXPECT_EQ(fcntl(lowest, F_GETFD), -1);
+    { ExecSign unused; }
+    EXPECT_EQ(fcntl(lowest + 1, F_GETFD), -1);
+    waitpid(child, nullptr, 0);
 }
 
 TEST(ChildExecPipe, AChildWhoseExecFailedAndThatWasNotReapedIsNeverExecuted) {

@@ -149,6 +149,21 @@ TEST_F(FileManagerTest, AFileIsMovedToAnotherVolumeWithItsMode) {
     EXPECT_FALSE(fs::exists(other.file("a")));
 }
 
+TEST_F(FileManagerTest, AMoveToAnotherVolumeWorksWithTheDescriptorZero) {
+    setenv("TMPDIR", "/dev/shm", 1);
+    const TemporaryFolder other;
+    if (volumeOf(other.path()) == volumeOf(folder.path())) GTEST_SKIP() << "this machine has one volume";
+    writeAll(other.file("a"), "content");
+    writeAll(other.file("b"), "more");
+    EXPECT_TRUE(testsupport::passesInChild([&] {
+        close(0);
+        EXPECT_TRUE(move(other.file("a"), folder.file("a")).done);
+        EXPECT_TRUE(move(other.file("b"), folder.file("b")).done);
+    }));
+    EXPECT_EQ(readAll(folder.file("a")), "content");
+    EXPECT_EQ(readAll(folder.file("b")), "more");
+}
+
 TEST_F(FileManagerTest, AMoveToAnotherVolumeFollowsNoLinkAndWaitsForNoPipe) {
     setenv("TMPDIR", "/dev/shm", 1);
     const TemporaryFolder other;

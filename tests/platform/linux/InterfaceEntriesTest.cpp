@@ -5,9 +5,18 @@
 #include "gp/GPString.h"
 #include "gp/Owned.h"
 #include "platform/linux/InterfaceEntryLayout.h"
+#include "support/AllocationCounter.h"
 #include "support/PlayedInterfaces.h"
+#include "support/SystemCallFailure.h"
+#include "support/TestChild.h"
 
 #include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/syscall.h>
+
+#include <cerrno>
 
 #include <arpa/inet.h>
 #include <net/if.h>
@@ -154,6 +163,30 @@ TEST(InterfaceEntries, OfThisSystemHoldTheLoopback) {
     for (int i = 0; i < devices->count(); ++i)
         if (static_cast<GPNetDevice*>(devices->objectAtIndex(i))->isLocalHost()) ++localHosts;
     EXPECT_EQ(localHosts, 1);
+}
+
+TEST(InterfaceEntries, OfThisSystemThatCannotBeListedAreAFailure) {
+    EXPECT_TRUE(testsupport::passesInChild([] {
+        ASSERT_TRUE(testsupport::failSystemCall(SYS_socket, EMFILE, AF_NETLINK));
+        char buffer[512];
+        int length = sizeof buffer;
+        EXPECT_FALSE(platform::systemInterfaceEntries().list(0, buffer, length));
+    }));
+}
+
+TEST(InterfaceEntries, OfThisSystemLeaveNothingBehind) {
+    char buffer[4096];
+    const auto list = [&] {
+        int length = sizeof buffer;
+        const int socket = platform::systemInterfaceEntries().open();
+        EXPECT_TRUE(platform::systemInterfaceEntries().list(socket, buffer, length));
+        platform::systemInterfaceEntries().close(socket);
+        EXPECT_EQ(fcntl(socket, F_GETFD), -1);
+    };
+    list();
+    const testsupport::AllocationCounter allocations;
+    list();
+    EXPECT_EQ(allocations.left(), 0);
 }
 
 TEST(InterfaceEntries, OfThisSystemAreWholeHoweverSmallTheBuffer) {

@@ -167,6 +167,25 @@ TEST(NetworkChanges, OfThisSystemWaitASecondBehindAnErrorThatWouldComeBackAtOnce
     EXPECT_EQ(status, 0);
 }
 
+int watchWithTheLowestDescriptor() {
+    close(0);
+    platform::NetworkChanges& system = platform::systemNetworkChanges();
+    int error = -1;
+    auto* watch = system.create(
+        "name", [] { ++changes; }, error);
+    if (!watch || error != 0) return 1;
+    if (!giveLoopbackAddress("10.9.8.7")) return 2;
+    while (changes == 0)
+        system.run(watch);
+    return 0;
+}
+
+TEST(NetworkChanges, OfThisSystemCanHaveTheDescriptorZero) {
+    const int status = inNamespace(watchWithTheLowestDescriptor);
+    if (status == noNamespace) GTEST_SKIP() << "no network namespace can be made here";
+    EXPECT_EQ(status, 0);
+}
+
 int releaseAWatch() {
     platform::NetworkChanges& system = platform::systemNetworkChanges();
     int error = -1;

@@ -3,6 +3,7 @@
 #include "platform/Directory.h"
 
 #include "platform/HostPaths.h"
+#include "support/AllocationCounter.h"
 #include "support/LoopbackPeer.h"
 #include "support/ScratchRoot.h"
 #include "support/SlapdServer.h"
@@ -220,6 +221,19 @@ TEST_F(SystemDirectoryWithServer, ThatIsGoneIsAFailureOfItsNodeAlone) {
     EXPECT_EQ(found(before, wanted), Names{"error: Can't contact LDAP server"});
     EXPECT_EQ(found(before, wanted, true), Names{"error: Can't contact LDAP server"});
     EXPECT_EQ(found(everything(), wanted), Names{"root"});
+}
+
+TEST_F(SystemDirectoryWithServer, ASearchLeavesNothingBehind) {
+    const auto search = [this] {
+        EXPECT_EQ(found(node(), terms(kODRecordTypeUsers, kODAttributeTypeRecordName, "fernhill-bob")),
+                  Names{"fernhill-bob"});
+        found(node(), terms(kODRecordTypeUsers, kODAttributeTypeRecordName, "nobody-of-that-name"));
+    };
+    search();
+    search();
+    const testsupport::AllocationCounter allocations;
+    search();
+    EXPECT_EQ(allocations.left(), 0);
 }
 
 TEST_F(SystemDirectoryWithServer, IsSearchedBehindTheLocalAccounts) {

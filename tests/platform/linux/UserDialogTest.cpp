@@ -1,17 +1,21 @@
 #include "platform/UserDialog.h"
 
+#include "platform/DialogSlots.h"
 #include "platform/EndSignals.h"
 #include "platform/linux/DialogProgram.h"
 #include "support/Await.h"
 #include "support/ManualClock.h"
+#include "support/SystemCallFailure.h"
 #include "support/TemporaryFolder.h"
 #include "support/TestChild.h"
 
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
@@ -187,6 +191,14 @@ TEST_F(UserDialogTest, ACancelOfAReleasedDialogDoesNotEndTheNextOne) {
     dialogs.release(first);
     dialogs.cancel(first);
     EXPECT_EQ(showAndWait(60), platform::notificationDefaultResponse);
+}
+
+TEST_F(UserDialogTest, WithoutAnEventToCancelItADialogIsNotMadeAndItsPlaceStaysFree) {
+    EXPECT_TRUE(testsupport::passesInChild([this] {
+        ASSERT_TRUE(testsupport::failSystemCall(SYS_eventfd2, EMFILE, 0));
+        for (int tries = 0; tries < 2 * platform::dialogSlotCount; ++tries)
+            EXPECT_EQ(dialogs.create(1, platform::notificationNoteAlertLevel, question), nullptr);
+    }));
 }
 
 TEST_F(UserDialogTest, NullIsAllowedEverywhere) {
