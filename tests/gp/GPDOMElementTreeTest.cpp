@@ -110,6 +110,19 @@ TEST(GPDOMElementRemove, ASearchThroughLevelsCostsAReferencePerArray) {
     EXPECT_EQ(references(deep.get()), 1) << "one for the root's array, one for the removal";
 }
 
+TEST(GPDOMElementRemove, ASearchThroughLevelsCanCostTheLastReferenceButThatOfTheTree) {
+    auto attributes = Owned<GPMap>::adopt(new GPMap);
+    auto root = created("a");
+    auto middle = created("b");
+    GPDOMElement* deep = GPDOMElement::createElement("c", attributes.get());
+    root->addElement(middle.get());
+    middle->addElement(deep);
+    EXPECT_EQ(references(attributes.get()), 2);
+    EXPECT_FALSE(
+        root->removeElement(deep)); // one for the root's array, one for the removal: there are no more
+    EXPECT_EQ(references(attributes.get()), 1);
+}
+
 TEST(GPDOMElementRemove, BehindARemovalFurtherDownTheSiblingsAreSearchedAllTheSame) {
     auto root = parsed("<a><b><c>1</c></b><x><y>2</y></x></a>");
     auto deep = Element::retain(root->findElement("c"));
