@@ -237,6 +237,28 @@ TEST(GPAutoReleasePool, ObjectAutoreleasedByADestructorDuringTheDrainIsHandledIn
     EXPECT_EQ(destroyed, 1);
 }
 
+// Autoreleases more than it leaves room for.
+class LateReleaserOfTwo : public LateReleaser {
+public:
+    LateReleaserOfTwo(GPObject* late, GPObject* later) : LateReleaser(late), later_(later) {}
+    ~LateReleaserOfTwo() override { later_->autorelease(); }
+
+private:
+    GPObject* later_;
+};
+
+TEST(GPAutoReleasePool, TheCountIsReadAtEachStepOfTheDrain) {
+    int destroyed = 0;
+    auto* pool = new GPAutoReleasePool();
+    auto* dying = new LateReleaserOfTwo(new TrackedObject(destroyed), new TrackedObject(destroyed));
+    pool->addObject(dying);
+    dying->release();
+
+    pool->drain();
+
+    EXPECT_EQ(destroyed, 2) << "the pool held one object when its drain began";
+}
+
 TEST(GPAutoReleasePool, ManyObjectsFitThePool) {
     int destroyed = 0;
     auto* pool = new GPAutoReleasePool();

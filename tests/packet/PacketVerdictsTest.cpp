@@ -168,8 +168,12 @@ TEST_F(PacketVerdicts, ARemoteIPv4AddressOf0SkipsTheLoopbackAndServerTests) {
         return locks.count();
     };
 
-    // Of the snapshot a reference is taken, under its lock, and given back.
-    EXPECT_EQ(locksFor(toSomebody) - locksFor(toNobody), 2);
+    const long nobody = locksFor(toNobody);
+    const long somebody = locksFor(toSomebody);
+
+    EXPECT_EQ(somebody - nobody, 2) << "a reference to the snapshot is taken under its lock, and given back";
+    EXPECT_EQ(locksFor(toNobody), nobody);
+    EXPECT_EQ(locksFor(toSomebody), somebody);
 }
 
 TEST_F(PacketVerdicts, TheSnapshotOfTheServersIsGivenBack) {
