@@ -140,13 +140,11 @@ bool FilterQuery::isFilteringDisabled() {
 
 bool FilterQuery::queryCache(GPString* url) {
     if (!url) return false;
-    const auto copy = Owned<GPString>::adopt(url->copy());
-    const int query = copy->find("?", false);
-    if (query >= 0) copy->subString(0, query)->trim();
-    if (copy->length() == 0) return false;
+    const auto key = Owned<GPString>::adopt(queryCacheKey(url));
+    if (key->length() == 0) return false;
     static GPList* const cache GUARDED_BY(mutex) = new GPList;
     GPMutexLock lock(mutex);
-    return isInQueryCache(cache, copy->cstr());
+    return isInQueryCache(cache, key->cstr());
 }
 
 void FilterQuery::lockServers() { mutex->lock(); }

@@ -29,6 +29,13 @@ QueryCacheEntry::~QueryCacheEntry() {
     timer->release();
 }
 
+GPString* queryCacheKey(GPString* url) {
+    GPString* key = url->copy();
+    const int query = key->find("?", false);
+    if (query >= 0) key->subString(0, query)->trim();
+    return key;
+}
+
 bool isInQueryCache(GPList* cache, const char* url) {
     auto* entry = static_cast<QueryCacheEntry*>(cache->firstObject());
     while (entry) {

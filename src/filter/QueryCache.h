@@ -22,6 +22,9 @@ public:
     int life; // in seconds
 };
 
+// What the cache knows a URL by, owned by the caller: the text in front of its query string, trimmed if it has one.
+GPString* queryCacheKey(GPString* url);
+
 // Whether the cache has a live entry of exactly this URL. Drops the expired entries that it meets and does
 // not look at the one behind each.
 bool isInQueryCache(GPList* cache, const char* url);

@@ -10,8 +10,10 @@
 #include "gp/Owned.h"
 #include "support/AgentLinkWorld.h"
 #include "support/Await.h"
+#include "support/HeldLocks.h"
 #include "support/ManualClock.h"
 #include "support/PlayedUrlSession.h"
+#include "support/ThreadStarts.h"
 
 #include <gtest/gtest.h>
 #include <sys/socket.h>
@@ -238,17 +240,47 @@ TEST_F(ResponseThreadTest, AnEntryWithoutAWaiterAtTheHeadHidesTheWaitersFromARec
 }
 
 TEST_F(ResponseThreadTest, WhileTheAgentIsGoneCallersWaitForTheReconnect) {
+    const testsupport::WatchedLock atInstance(testsupport::firstLockOf([] { OstComm::Instance(); }));
     ManualClock::installed().letSleepsPass(false);
     agent.stopListening();
     agent.closeConnection();
     ASSERT_TRUE(ManualClock::installed().waitForSleepers(1));
     Asker asker("http://meanwhile/");
+    ASSERT_TRUE(atInstance.awaitWaiters(1));
     EXPECT_TRUE(asker.isWaiting());
     agent.listenAgain();
     ManualClock::installed().letSleepsPass(true);
     const auto frame = agent.awaitFrame(agentPolicyFrame);
     agent.reply(frame.sequence, "{}");
     EXPECT_EQ(asker.answer(), "{}");
+}
+
+TEST_F(ResponseThreadTest, TheNextReaderWaitsASecondAtATimeUntilTheOneBeforeHasEnded) {
+    static std::promise<void> mayEnd;
+    static std::int64_t sleptBefore = 0;
+    expectService();
+    const auto starts = [this] { return world.log.countContaining("OstComm responseThread starting"); };
+    const int before = starts();
+    // The one before comes here inside of its reconnect and stays until it may end.
+    testsupport::playThreadStarts([](auto* thread, auto* attributes, auto* function, auto* argument) {
+        ManualClock::installed().letSleepsPass(false);
+        sleptBefore = ManualClock::installed().sleptMicroseconds();
+        const int result = testsupport::startThread(thread, attributes, function, argument);
+        mayEnd.get_future().wait();
+        return result;
+    });
+    agent.closeConnection();
+    awaitReconnect(2);
+    ASSERT_TRUE(ManualClock::installed().waitForSleepers(1));
+    EXPECT_EQ(ManualClock::installed().sleptMicroseconds() - sleptBefore, 1000000);
+    EXPECT_EQ(starts(), before);
+    testsupport::playThreadStarts(nullptr);
+    mayEnd.set_value();
+    EXPECT_TRUE(testsupport::comesTrue([&] {
+        ManualClock::installed().advanceSeconds(1);
+        return starts() == before + 1;
+    }));
+    expectService();
 }
 
 TEST_F(ResponseThreadTest, TheReaderNotesItsStartPlus300SecondsAndAReconnectMovesIt) {

@@ -134,6 +134,23 @@ TEST_F(UpdateDownloadTest, TheCallerRunsTheMainLoopASecondAtATimeUntilTheEnd) {
         EXPECT_EQ(seconds, 1);
 }
 
+TEST_F(UpdateDownloadTest, TheWaiterIsLetGoOnlyWhenTheFileIsInItsPlace) {
+    static std::vector<int> running;
+    class Watching final : public platform::FileManager {
+        platform::FileResult removeItem(const char*) override { return note(true); }
+        platform::FileResult moveItem(const char*, const char*) override { return note(false); }
+        static platform::FileResult note(bool done) {
+            running.push_back(runTask);
+            return {done, 512, {}};
+        }
+    };
+    static Watching watching;
+    platform::fileManagerService.install(watching);
+    EXPECT_FALSE(download(fetched));
+    EXPECT_EQ(running, (std::vector<int>{1, 1}));
+    EXPECT_EQ(runTask, 0);
+}
+
 TEST_F(UpdateDownloadTest, TheEndOfOneOfTwoDownloadsLetsBothWaitersGo) {
     auto first = std::async(std::launch::async, [] { return downloadFileFromUrl("http://host/a.dmg"); });
     session.await(1);

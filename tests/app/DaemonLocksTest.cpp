@@ -6,6 +6,7 @@
 #include "filter/FilterQuery.h"
 #include "packet/HijackPacket.h"
 #include "support/ArchitecturePage.h"
+#include "support/HeldLocks.h"
 #include "support/PacketBuilder.h"
 #include "support/ProgramSymbols.h"
 
@@ -19,7 +20,6 @@
 #include <unistd.h>
 
 using testsupport::eventually;
-using testsupport::LockList;
 
 namespace {
 
@@ -82,7 +82,7 @@ protected:
             return *reinterpret_cast<GPMutex**>(testsupport::programVariable(name));
         };
         return {
-            {LockList::firstTakenBy([] {
+            {testsupport::firstLockOf([] {
                  FilterQuery::lockServers();
                  FilterQuery::unlockServers();
              }),
@@ -92,10 +92,10 @@ protected:
             {configurationState.mutex, "ConfigurationState mutex"},
             {configurationState.valuesMutex, "ConfigurationState valuesMutex"},
             {linkLock(), "OstComm instanceMutex"},
-            {LockList::firstTakenBy(sendOnTheClosedLink), "AgentLink commandMutex"},
-            {LockList::firstTakenBy([] { agentLink.responseThreadStarted(); }), "AgentLink startedMutex"},
-            {LockList::firstTakenBy([] { agentLink.responses().count(); }), "ResponseTable responseMutex"},
-            {LockList::firstTakenBy([] { HijackPacket::resolve("", nullptr); }), "HijackPacket mutex"},
+            {testsupport::firstLockOf(sendOnTheClosedLink), "AgentLink commandMutex"},
+            {testsupport::firstLockOf([] { agentLink.responseThreadStarted(); }), "AgentLink startedMutex"},
+            {testsupport::firstLockOf([] { agentLink.responses().count(); }), "ResponseTable responseMutex"},
+            {testsupport::firstLockOf([] { HijackPacket::resolve("", nullptr); }), "HijackPacket mutex"},
             {variable("sslMutex"), "FilterQueryBlockedTLS sslMutex"},
             {variable("sslMutexIpv6"), "FilterQueryBlockedTLS sslMutexIpv6"},
         };
@@ -193,7 +193,7 @@ TEST_F(DaemonLocks, AreTakenInTheOrderOfTheTable) {
     const auto pairs = daemon->locks().heldTogether();
     EXPECT_TRUE(daemon->locks().isComplete());
     EXPECT_TRUE(pairs.count({configurationState.mutex, configurationState.valuesMutex}));
-    EXPECT_TRUE(pairs.count({linkLock(), LockList::firstTakenBy(sendOnTheClosedLink)}));
+    EXPECT_TRUE(pairs.count({linkLock(), testsupport::firstLockOf(sendOnTheClosedLink)}));
     for (const auto& [outer, inner] : pairs) {
         EXPECT_NE(outer, inner) << "taken twice";
         if (rowOf(outer) == 1000 && rowOf(inner) == 1000) continue;
@@ -214,7 +214,7 @@ TEST_F(DaemonLocks, AreAllFreeWhileAQueryWaitsForTheAgent) {
     EXPECT_TRUE(comesToHold({})) << testing::PrintToString(held());
 }
 
-TEST_F(DaemonLocks, OfTheLinkIsHeldThroughAWholeReconnectAndAllCallersWaitAtIt) {
+TEST_F(DaemonLocks, OfTheLinkIsHeldThroughTheFirstConnectAndAllCallersWaitAtIt) {
     prepare(8, false).start();
     ASSERT_TRUE(extension->waitForDaemon(5000));
     const std::set<Holding> reconnecting = {{"OstComm instanceMutex", "setUserLogonThread"}};
@@ -226,6 +226,28 @@ TEST_F(DaemonLocks, OfTheLinkIsHeldThroughAWholeReconnectAndAllCallersWaitAtIt) 
         return waitersAt(linkLock()) == std::set<std::string>{"signalThread", "workThread"};
     })) << testing::PrintToString(waitersAt(linkLock()));
     EXPECT_TRUE(comesToHold(reconnecting)) << testing::PrintToString(held());
+}
+
+TEST_F(DaemonLocks, OfTheLinkIsHeldThroughAWholeReconnectAndAllCallersWaitAtIt) {
+    startDaemon();
+    agent->awaitFrame(3); // of the connect
+    agent->awaitFrame(3); // of the user
+    agent->stopListening();
+    agent->closeConnection();
+    const std::set<Holding> reconnecting = {{"OstComm instanceMutex", "responseThread"}};
+    EXPECT_TRUE(comesToHold(reconnecting)) << testing::PrintToString(held());
+
+    request("one.example.org");
+    daemon->changeConsoleUser("bob");
+    EXPECT_TRUE(eventually([&] {
+        return waitersAt(agentLink.instanceMutex) ==
+               std::set<std::string>{"setUserLogonThread", "workThread"};
+    })) << testing::PrintToString(waitersAt(agentLink.instanceMutex));
+    EXPECT_TRUE(comesToHold(linkLock)) << testing::PrintToString(held());
+
+    agent->listenAgain();
+    EXPECT_EQ(agent->awaitFrame(1).body, R"({"url":"http://one.example.org/"})");
+    EXPECT_TRUE(comesToHold({})) << testing::PrintToString(held());
 }
 
 TEST_F(DaemonLocks, OfTheConfigurationIsHeldThroughTheWriteOfTheFileWhilePacketsPass) {

@@ -175,6 +175,12 @@ TEST_F(ConfigurationFile, ARelayRowLoadsUnderTheAttributeServerTypeAlone) {
     EXPECT_EQ(Configuration::getLastRelay("dan"), nullptr);
 }
 
+TEST_F(ConfigurationFile, ARelayRowWithoutANameIsLeftOut) {
+    load("<Fernhill><Users>< ServerType=\"f\">relay</><bob ServerType=\"f\">relay</bob></Users></Fernhill>");
+    EXPECT_EQ(Configuration::getLastRelay(""), nullptr);
+    EXPECT_TRUE(Configuration::getLastRelay("bob"));
+}
+
 TEST_F(ConfigurationFile, TrueInAnyCaseAndNumbersAboveZeroReadAsTrue) {
     load("<Fernhill><BlockOnFailure>TRUE</BlockOnFailure><BalancedMode>True</BalancedMode>"
          "<VerboseLogging>1</VerboseLogging><OEMMode>7</OEMMode>"

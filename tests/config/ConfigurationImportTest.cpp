@@ -3,12 +3,12 @@
 #include "gp/GPString.h"
 #include "gp/Owned.h"
 #include "platform/HostPaths.h"
+#include "support/HeldLocks.h"
 #include "support/LoopbackPeer.h"
 #include "support/ManualClock.h"
 #include "support/PlayedNames.h"
 #include "support/SettingsWorld.h"
 
-#include <atomic>
 #include <filesystem>
 #include <sys/socket.h>
 #include <thread>
@@ -91,19 +91,17 @@ TEST_F(ServerProbe, AKnownTypeIsAnsweredWithoutTheNetworkAndWithoutTheLock) {
 
 TEST_F(ServerProbe, ACallerThatWaitedAtTheLockTakesTheTypeThatWasFoundMeanwhile) {
     auto server = unprobed("nobody.example");
-    std::atomic<bool> asking{false};
-    server->lock();
-    std::thread second([&] {
-        asking = true;
-        EXPECT_FALSE(writesFile([&] { EXPECT_EQ(Configuration::findServerType(server.get()), 2); }));
+    const GPMutex* lock = testsupport::firstLockOf([&] {
+        server->lock();
+        server->unlock();
     });
-    while (!asking)
-        std::this_thread::yield();
-    for (int turns = 0; turns < 1000; ++turns)
-        std::this_thread::yield();
+    removeFile();
+    testsupport::StoppedAtLock stopped(
+        lock, [&] { EXPECT_EQ(Configuration::findServerType(server.get()), ServerTypeIIS); });
+    ASSERT_TRUE(stopped.waits());
     server->setServerType(ServerTypeIIS);
-    server->unlock();
-    second.join();
+    stopped.letGo();
+    EXPECT_EQ(file(), "");
     EXPECT_TRUE(log.messages().empty());
 }
 
@@ -236,6 +234,20 @@ TEST_F(SiblingImport, WhenNoServerAnswersTheListIsEmptyAndThePreferencesGoAllThe
     EXPECT_FALSE(preferencesAreThere());
     EXPECT_TRUE(log.holds("server: " + web.name() + " did not respond. Not adding server to the config."));
     EXPECT_TRUE(log.holds("server: " + silent + " did not respond. Not adding server to the config."));
+}
+
+TEST_F(SiblingImport, ThePreferencesStayUntilTheServersAreSaved) {
+    WebServer web(plainAnswer);
+    givenPreferences("<plist><string>" + web.name() + "</string></plist>");
+    const GPMutex* mutex = testsupport::firstLockOf([] { Configuration::saveConfig(true); });
+    removeFile();
+    const testsupport::BeforeRelease saved(mutex, [&] {
+        EXPECT_NE(file().find(web.name()), std::string::npos);
+        EXPECT_TRUE(preferencesAreThere());
+    });
+    Configuration::loadRemoteServers();
+    EXPECT_EQ(saved.count(), 1);
+    EXPECT_FALSE(preferencesAreThere());
 }
 
 } // namespace

@@ -374,4 +374,29 @@ TEST_F(ConfigurationServers, ASnapshotOfTheListOutlivesARemoval) {
     EXPECT_STREQ(static_cast<FilterServer*>(snapshot->objectAtIndex(1))->getUrl(), "bbb");
 }
 
+TEST_F(ConfigurationServers, ARemovalHasTheNextSaveRepairTheCurrentServer) {
+    givenServers({"a.example", "b.example"});
+    Configuration::saveConfig(true);
+    setCurrentServer(new FilterServer("gone.example"));
+    EXPECT_TRUE(Configuration::removeServerName("b.example", false));
+    EXPECT_TRUE(writesFile([] { EXPECT_TRUE(Configuration::saveConfig(false)); }));
+    EXPECT_STREQ(Configuration::serverName(), "a.example");
+    EXPECT_EQ(inFile("ServerName"), "a.example");
+}
+
+TEST_F(ConfigurationServers, ARemovalOfAllHasTheNextSaveWriteTheFile) {
+    givenServers({"a.example"});
+    Configuration::saveConfig(true);
+    Configuration::removeAllServers(false);
+    EXPECT_TRUE(writesFile([] { EXPECT_TRUE(Configuration::saveConfig(false)); }));
+}
+
+TEST_F(ConfigurationServers, ASaveWithoutAChangeOfTheListRepairsNothing) {
+    givenServers({"a.example"});
+    Configuration::saveConfig(true);
+    setCurrentServer(new FilterServer("gone.example"));
+    Configuration::saveConfig(true);
+    EXPECT_STREQ(Configuration::serverName(), "gone.example");
+}
+
 } // namespace

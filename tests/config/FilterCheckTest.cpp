@@ -2,7 +2,6 @@
 
 #include "config/Configuration.h"
 #include "config/FilterIPAddresses.h"
-#include "filter/FilterQuery.h"
 #include "support/ManualClock.h"
 #include "support/PlayedNames.h"
 #include "support/SettingsWorld.h"
@@ -49,12 +48,6 @@ TEST_F(FilterCheckTest, TheNewRecordIsCurrentEvenWhenTheOldOneHadTheSameName) {
     FilterCheck::setServerToLocalhost();
     EXPECT_NE(Configuration::getCurrentServer(), old);
     EXPECT_EQ(Configuration::getCurrentServer(), Configuration::getFilterServer("localhost"));
-}
-
-TEST_F(FilterCheckTest, TheServerLockIsFreeAfterwards) {
-    FilterCheck::setServerToLocalhost();
-    FilterQuery::lockServers();
-    FilterQuery::unlockServers();
 }
 
 TEST_F(FilterCheckTest, TheChangeHasTheAddressesBuilt) {

@@ -3,6 +3,7 @@
 #include "gp/GPString.h"
 #include "gp/GPTimer.h"
 #include "gp/Owned.h"
+#include "support/HeldLocks.h"
 
 #include <gtest/gtest.h>
 
@@ -124,14 +125,18 @@ TEST(FilterServer, TheEndOfAServerReleasesItsTimer) {
     EXPECT_TRUE(isLastReference(timer));
 }
 
-TEST(FilterServer, TheLockCanBeTakenAgainAfterItWasGiven) {
+TEST(FilterServer, TheLockKeepsOthersOutUntilItIsGivenBack) {
     auto locked = server("a.example");
-    locked->lock();
-    locked->unlock();
-    locked->lock();
-    locked->unlock();
-    locked->removeDownState();
-    EXPECT_TRUE(locked->isActive());
+    const auto takeAndGive = [&] {
+        locked->lock();
+        locked->unlock();
+    };
+    testsupport::StoppedAtLock stopped(testsupport::firstLockOf(takeAndGive), takeAndGive);
+    EXPECT_TRUE(stopped.waits());
+    stopped.letGo();
+    testsupport::StoppedAtLock again(testsupport::firstLockOf(takeAndGive),
+                                     [&] { locked->removeDownState(); });
+    EXPECT_TRUE(again.waits());
 }
 
 TEST(FilterServer, NamesItsClassInOneOfTheTwoWays) {

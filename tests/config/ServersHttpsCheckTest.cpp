@@ -143,4 +143,25 @@ TEST_F(ServersHttpsCheck, TheMarkIsNotStored) {
     EXPECT_FALSE(writesFile(probe));
 }
 
+TEST_F(ServersHttpsCheck, AMarkStandsUntilTheServerHasBeenAsked) {
+    class Watching final : public platform::NameLookup {
+    public:
+        std::vector<bool> marks;
+        bool gethostbyname2(const char* name, int, platform::HostEntry&) override {
+            marks.push_back(usesHttps(name));
+            return false;
+        }
+        bool gethostbyname(const char* name, platform::HostEntry& entry) override {
+            return gethostbyname2(name, AF_INET, entry);
+        }
+    };
+    static Watching watching;
+    givenServers({"a.example"});
+    Configuration::getCurrentServer()->setUseHttps(true);
+    platform::nameLookupService.install(watching);
+    probe();
+    EXPECT_EQ(watching.marks, std::vector<bool>{true});
+    EXPECT_FALSE(usesHttps("a.example"));
+}
+
 } // namespace

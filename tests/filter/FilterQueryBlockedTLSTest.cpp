@@ -12,6 +12,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <string>
 
 using testsupport::ManualClock;
 using testsupport::PacketBuilder;
@@ -203,4 +204,41 @@ TEST_F(BlockedTLSTest, AnEntryStartsItsTimerAndReleasesItAtItsEnd) {
     timer6->releaseonly();
     timer->release();
     timer6->release();
+}
+
+TEST_F(BlockedTLSTest, WithAllLogBitsButThoseOfTheTablesOnOnlyThePacketOfAHitIsLogged) {
+    Configuration::setLogLevel(~(128 | 16));
+    FilterQuery::addToSSL(server);
+    FilterQuery::addToSSLIpv6(address6("2001:db8::22"));
+    blocksTo();
+    blocksTo6();
+    EXPECT_EQ(log.countContaining("SSL"), 0);
+    EXPECT_EQ(log.messages().size(), 2u);
+    advance(300000001);
+    blocksTo();
+    blocksTo6();
+    EXPECT_EQ(log.messages().size(), 2u);
+}
+
+TEST_F(BlockedTLSTest, OfTwoAddressesInATableEachIsBlocked) {
+    FilterQuery::addToSSL(0x5db8d823);
+    FilterQuery::addToSSL(server);
+    FilterQuery::addToSSLIpv6(address6("2001:db8::23"));
+    FilterQuery::addToSSLIpv6(address6("2001:db8::22"));
+    EXPECT_TRUE(blocksTo());
+    EXPECT_TRUE(blocksTo("93.184.216.35"));
+    EXPECT_TRUE(blocksTo6());
+    EXPECT_TRUE(blocksTo6("2001:db8::23"));
+}
+
+TEST_F(BlockedTLSTest, ARemovedEntryGivesBothItsReferencesBackAndIsLoggedBehindItsRemoval) {
+    Configuration::setLogLevel(128);
+    FilterQuery::addToSSL(server);
+    FilterQuery::addToSSL(server);
+    advance(300000001);
+    blocksTo();
+    ASSERT_EQ(log.messages().size(), 3u);
+    const std::string added = log.messages()[0];
+    const std::string entry = added.substr(added.find("0x"), added.find(" to ") - added.find("0x"));
+    EXPECT_EQ(log.messages()[2], "--- removed " + entry + " from SSLcache; count=1");
 }

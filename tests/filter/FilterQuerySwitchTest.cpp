@@ -1,7 +1,6 @@
 #include "config/Configuration.h"
 #include "config/FilterIPAddresses.h"
 #include "filter/FilterQuery.h"
-#include "gp/GPString.h"
 #include "gp/Owned.h"
 #include "support/CapturedLog.h"
 #include "support/ManualClock.h"
@@ -11,10 +10,8 @@
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 
-#include <chrono>
-#include <future>
-#include <string>
-#include <thread>
+#include <atomic>
+#include <cstdint>
 
 using testsupport::ManualClock;
 
@@ -24,13 +21,6 @@ constexpr unsigned serverAddress = 0x0a000001;
 
 class FilterQuerySwitchTest : public testing::Test {
 protected:
-    static bool cached(const char* url) {
-        GPString text(url);
-        const bool found = FilterQuery::queryCache(&text);
-        EXPECT_STREQ(text.cstr(), url);
-        return found;
-    }
-
     // A snapshot with two addresses.
     static Owned<FilterIPAddresses> snapshot() {
         auto* made = new FilterIPAddresses;
@@ -71,9 +61,11 @@ TEST_F(FilterQuerySwitchTest, WithoutASnapshotAtHandNothingIsAFilterServers) {
     EXPECT_FALSE(FilterQuery::isFilteringIP(nullptr, serverAddress));
 }
 
-TEST_F(FilterQuerySwitchTest, ASnapshotWithoutAnArrayHoldsNothing) {
+TEST_F(FilterQuerySwitchTest, ASnapshotWithoutAnArrayHoldsNothingAndIsNoDamagedOne) {
     const auto given = Owned<FilterIPAddresses>::adopt(new FilterIPAddresses);
+    given->count = 1;
     EXPECT_FALSE(FilterQuery::isFilteringIP(given.get(), serverAddress));
+    EXPECT_TRUE(log.messages().empty());
 }
 
 TEST_F(FilterQuerySwitchTest, ASnapshotDamagedInMemoryIsLoggedAndNotRead) {
@@ -149,19 +141,19 @@ TEST_F(FilterQuerySwitchTest, FalseWhileFalseElevenMinutesLaterLeavesTheTimerToT
     EXPECT_EQ(log.countContaining("time has elapsed"), 1);
 }
 
-TEST_F(FilterQuerySwitchTest, TheQueryCacheIsEmptyWhateverIsAsked) {
-    EXPECT_FALSE(FilterQuery::queryCache(nullptr));
-    for (const char* url : {"http://a/", "http://a/?q=1", "?q=1", " ?", ""})
-        EXPECT_FALSE(cached(url)) << url;
+TEST_F(FilterQuerySwitchTest, ASwitchThatFallsIsLoggedWhenVerboseAlone) {
+    FilterQuery::setFilteringDisabled(true);
+    ManualClock::installed().advance(600000001);
+    EXPECT_FALSE(FilterQuery::isFilteringDisabled());
+    EXPECT_EQ(log.countContaining("filtering is enabled"), 0);
 }
 
-TEST_F(FilterQuerySwitchTest, TheServerLockKeepsOthersOut) {
-    FilterQuery::lockServers();
-    auto other = std::async(std::launch::async, [] {
-        FilterQuery::lockServers();
-        FilterQuery::unlockServers();
-    });
-    EXPECT_EQ(other.wait_for(std::chrono::milliseconds(20)), std::future_status::timeout);
-    FilterQuery::unlockServers();
-    other.get();
+TEST_F(FilterQuerySwitchTest, ChangingTheSwitchRestartsItsTenMinutes) {
+    FilterQuery::isFilteringDisabled();
+    ManualClock::installed().advanceSeconds(599);
+    FilterQuery::setFilteringDisabled(true);
+    ManualClock::installed().advanceSeconds(600);
+    EXPECT_TRUE(FilterQuery::isFilteringDisabled());
+    ManualClock::installed().advance(1);
+    EXPECT_FALSE(FilterQuery::isFilteringDisabled());
 }

@@ -87,6 +87,13 @@ TEST_F(FilterQueryTest, AReplyOfExactlyEmptyBracesAllowsWithTheRecordsTimeUnchan
     EXPECT_EQ(connection.record()->getTimeout(), plainLife);
 }
 
+TEST_F(FilterQueryTest, AnAllowedTlsConnectionKeepsTheWholeOfItsTwoMinutes) {
+    agentAnswers("{}");
+    connection.query("https://a", true);
+    EXPECT_EQ(connection.redirect(), "");
+    EXPECT_EQ(connection.record()->getTimeout(), tlsLife);
+}
+
 TEST_F(FilterQueryTest, EmptyBracesGoingOnWithARedirectKeyAllow) {
     agentAnswers(R"({} {"redirect":"http://b/"})");
     connection.query("http://a/");

@@ -2,11 +2,15 @@
 
 #include "config/Configuration.h"
 #include "gp/GPList.h"
+#include "gp/GPString.h"
 #include "support/CapturedLog.h"
 #include "support/ManualClock.h"
 #include "support/ScratchRoot.h"
+#include "support/Taken.h"
 
 #include <gtest/gtest.h>
+
+#include <string>
 
 using testsupport::ManualClock;
 
@@ -18,6 +22,13 @@ protected:
         auto* entry = new QueryCacheEntry(url, seconds);
         cache.addObject(entry);
         return entry;
+    }
+
+    static std::string key(const char* url) {
+        GPString text(url);
+        const std::string result = testsupport::taken(queryCacheKey(&text));
+        EXPECT_STREQ(text.cstr(), url);
+        return result;
     }
 
     ~QueryCacheTest() override {
@@ -33,6 +44,20 @@ protected:
 };
 
 } // namespace
+
+TEST_F(QueryCacheTest, AUrlIsKnownByWhatStandsInFrontOfItsQueryString) {
+    EXPECT_EQ(key("http://a/b"), "http://a/b");
+    EXPECT_EQ(key("http://a/b?q=1"), "http://a/b");
+    EXPECT_EQ(key("http://a/b?q=1?r=2"), "http://a/b");
+    EXPECT_EQ(key("?q=1"), "");
+    EXPECT_EQ(key(""), "");
+}
+
+TEST_F(QueryCacheTest, OnlyAUrlWithAQueryStringIsTrimmed) {
+    EXPECT_EQ(key(" http://a/ ?q=1"), "http://a/");
+    EXPECT_EQ(key(" http://a/ "), " http://a/ ");
+    EXPECT_EQ(key(" ?"), "");
+}
 
 TEST_F(QueryCacheTest, AnEmptyCacheHoldsNothing) { EXPECT_FALSE(isInQueryCache(&cache, "http://a/")); }
 
@@ -71,4 +96,21 @@ TEST_F(QueryCacheTest, ADroppedEntryIsLoggedAtLevel128WhileItStillCountsAndGives
     EXPECT_EQ(entry->retainonly(), 2);
     entry->releaseonly();
     entry->release();
+}
+
+TEST_F(QueryCacheTest, WithAllOtherLogBitsOnADroppedEntryIsNotLogged) {
+    Configuration::setLogLevel(~128);
+    add("http://old/", 1);
+    ManualClock::installed().advanceSeconds(2);
+    isInQueryCache(&cache, "http://x/");
+    EXPECT_EQ(cache.count(), 0);
+    EXPECT_EQ(log.messages().size(), 0u);
+}
+
+TEST_F(QueryCacheTest, AnEntryIsDroppedByALookUpOfItsOwnUrlToo) {
+    add("http://a/", 1);
+    add("http://a/", 100);
+    ManualClock::installed().advanceSeconds(2);
+    EXPECT_FALSE(isInQueryCache(&cache, "http://a/"));
+    EXPECT_TRUE(isInQueryCache(&cache, "http://a/"));
 }

@@ -9,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <optional>
 #include <string>
 
@@ -46,6 +47,7 @@ protected:
         world.awaitLog("Hijack-resolve:true: target='" + url + "'");
     }
 
+    static std::int64_t now() { return testsupport::ManualClock::installed().microseconds(); }
     static void advance(std::int64_t microseconds) {
         testsupport::ManualClock::installed().advance(microseconds);
     }
@@ -67,6 +69,7 @@ protected:
 } // namespace
 
 TEST_F(RequestRoad, AnAllowedPlainRequestGoesOnUntilItsFirst30SecondsAreOver) {
+    const std::int64_t asked = now();
     EXPECT_EQ(outbound(http()), verdictPass);
     EXPECT_EQ(inbound(http().reversed()), verdictPass);
 
@@ -83,6 +86,14 @@ TEST_F(RequestRoad, AnAllowedPlainRequestGoesOnUntilItsFirst30SecondsAreOver) {
     EXPECT_EQ(result.urlSeen, 1);
     EXPECT_EQ(inbound(http().reversed()), verdictPass);
     EXPECT_EQ(result.urlSeen, 0);
+
+    advance(asked + 30000000 - now());
+    EXPECT_EQ(inbound(answerPacket()), verdictPass);
+    EXPECT_EQ(result.urlSeen, 1);
+    advance(1);
+    EXPECT_EQ(inbound(answerPacket()), verdictPass);
+    EXPECT_EQ(result.urlSeen, 0);
+    EXPECT_EQ(outbound(request()), verdictHold);
 }
 
 TEST_F(RequestRoad, ABlockedPlainRequestMeetsItsRedirectFor30SecondsFromTheAnswer) {

@@ -4,7 +4,6 @@
 // held. The list lies in memory that parent and child share. A program that uses it is linked with
 // --wrap of GPMutex's lock and unlock, so that every one of the code under test comes by.
 
-#include <functional>
 #include <map>
 #include <set>
 #include <sys/types.h>
@@ -43,9 +42,6 @@ public:
 
     // False when the list had no room for something.
     bool isComplete() const;
-
-    // The first lock that `operation` takes on this thread.
-    static const GPMutex* firstTakenBy(const std::function<void()>& operation);
 
 private:
     struct Shared;

@@ -29,6 +29,12 @@ void PlayedNames::neverAnswer(const std::string& name) {
     unanswered_.insert(name);
 }
 
+void PlayedNames::answerAgain(const std::string& name) {
+    std::lock_guard lock(mutex_);
+    unanswered_.erase(name);
+    answered_.notify_all();
+}
+
 std::vector<std::string> PlayedNames::asked() const {
     std::lock_guard lock(mutex_);
     return asked_;
@@ -38,7 +44,7 @@ bool PlayedNames::gethostbyname2(const char* name, int family, platform::HostEnt
     std::unique_lock lock(mutex_);
     asked_.emplace_back(name);
     while (unanswered_.count(name) != 0)
-        never_.wait(lock);
+        answered_.wait(lock);
     const auto known = entries_.find({name, family});
     if (known == entries_.end()) return false;
     entry = known->second;

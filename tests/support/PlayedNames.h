@@ -26,8 +26,10 @@ public:
     // Takes the name out of that family again.
     void forget(const std::string& name, int family);
 
-    // From now on a look-up of the name blocks its thread for ever. This object must then outlive the test.
+    // From now on a look-up of the name blocks its thread, until it is answered again if ever. This object must then
+    // outlive the test.
     void neverAnswer(const std::string& name);
+    void answerAgain(const std::string& name);
 
     // The names asked for so far, in order.
     std::vector<std::string> asked() const;
@@ -37,7 +39,7 @@ public:
 
 private:
     mutable std::mutex mutex_;
-    std::condition_variable never_;
+    std::condition_variable answered_;
     std::set<std::string> unanswered_;
     std::map<std::pair<std::string, int>, platform::HostEntry> entries_;
     std::vector<std::string> asked_;

@@ -1,5 +1,7 @@
 #include "support/LockList.h"
 
+#include "support/LockCalls.h"
+
 #include <sys/mman.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -75,9 +77,6 @@ std::atomic<void (*)(const GPMutex*)> onWant{nullptr};
 std::atomic<void (*)(const GPMutex*)> onTake{nullptr};
 std::atomic<void (*)(const GPMutex*)> onFree{nullptr};
 
-thread_local bool observing = false;
-thread_local const GPMutex* firstTaken = nullptr;
-
 bool isRecorded() { return recordedProcess == getpid(); }
 
 } // namespace
@@ -152,27 +151,21 @@ std::set<LockList::Pair> LockList::heldTogether() const {
 
 bool LockList::isComplete() const { return !shared_->overflown; }
 
-const GPMutex* LockList::firstTakenBy(const std::function<void()>& operation) {
-    firstTaken = nullptr;
-    observing = true;
-    operation();
-    observing = false;
-    return firstTaken;
-}
-
 } // namespace testsupport
 
 void __wrap__ZN7GPMutex4lockEv(GPMutex* mutex) {
     using namespace testsupport;
     const bool recorded = isRecorded();
     if (recorded) onWant.load()(mutex);
+    noteLockWanted(mutex);
     __real__ZN7GPMutex4lockEv(mutex);
-    if (observing && !firstTaken) firstTaken = mutex;
+    noteLockTaken(mutex);
     if (recorded) onTake.load()(mutex);
 }
 
 void __wrap__ZN7GPMutex6unlockEv(GPMutex* mutex) {
     using namespace testsupport;
     if (isRecorded()) onFree.load()(mutex);
+    noteLockFreed(mutex);
     __real__ZN7GPMutex6unlockEv(mutex);
 }
