@@ -3,11 +3,13 @@
 #include "agent/ResponseEntry.h"
 #include "gp/GPString.h"
 #include "gp/Owned.h"
+#include "support/HeldLocks.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cstring>
+#include <functional>
 #include <future>
 #include <memory>
 #include <random>
@@ -182,6 +184,22 @@ TEST_F(ResponseTableTest, ARequestOutlivesTheRemovalOfItsEntryByAConfigurationFr
     EXPECT_EQ(take(4), "{push}");
     EXPECT_EQ(waitAndClose(entry), "{push}");
     EXPECT_EQ(table.count(), 0);
+}
+
+TEST_F(ResponseTableTest, EveryOperationWaitsForTheTablesLock) {
+    const GPMutex* responseMutex = testsupport::firstLockOf([this] { table.count(); });
+    ResponseEntry* answered = table.open(1);
+    ResponseEntry* left = table.open(2);
+    deliver(1, "{}");
+    const std::vector<std::function<void()>> operations = {
+        [&] { table.close(table.open(3)); }, [&] { waitAndClose(answered); }, [&] { table.remove(2); },
+        [&] { table.close(left); },          [&] { deliver(4, "{}"); },       [&] { take(4); },
+        [&] { table.wakeHead(); },           [&] { table.count(); },
+    };
+    for (std::size_t i = 0; i < operations.size(); ++i) {
+        testsupport::StoppedAtLock stopped(responseMutex, operations[i]);
+        EXPECT_TRUE(stopped.waits()) << i;
+    }
 }
 
 TEST_F(ResponseTableTest, AnswersAsAWalkThroughItsListWould) {

@@ -8,6 +8,7 @@
 #include "gp/GPDate.h"
 #include "platform/HostPaths.h"
 #include "support/Await.h"
+#include "support/LivingObjects.h"
 #include "support/ManualClock.h"
 #include "support/PlayedDialogs.h"
 #include "support/PlayedUrlSession.h"
@@ -415,6 +416,18 @@ TEST_F(UpdateThreadTest, APressCountsEvenWhenTheUpdateWasStoppedMeanwhile) {
     dialogs.answer(platform::notificationDefaultResponse);
     ASSERT_TRUE(hasEnded());
     EXPECT_TRUE(helperRan());
+}
+
+TEST_F(UpdateThreadTest, AnUpdateLeavesNoObjectButTheHeadersOfItsCountdown) {
+    const auto update = [] { updateThread(new THREADPARAMETERS("http://host/OstlerUpdate.dmg")); };
+    dialogs.answerAll(platform::notificationDefaultResponse);
+    EXPECT_EQ(testsupport::objectsLeftBy(update), 0);
+    // At seven the first dialog ends without a press, and so does every one of the countdown.
+    givenLocalTime(19 * hour);
+    dialogs.answerAll(platform::notificationCancelResponse);
+    EXPECT_EQ(testsupport::objectsLeftBy(update), 10);
+    session.endAll({{}, 404, {}});
+    EXPECT_EQ(testsupport::objectsLeftBy(update), 0);
 }
 
 TEST_F(UpdateThreadTest, UpdateNowThreadClearsTheMarkAndRunsTheProgram) {

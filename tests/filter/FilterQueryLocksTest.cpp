@@ -7,17 +7,20 @@
 #include "gp/GPString.h"
 #include "support/CapturedLog.h"
 #include "support/HeldLocks.h"
+#include "support/LivingObjects.h"
 #include "support/ManualClock.h"
 #include "support/PacketBuilder.h"
 #include "support/ProgramSymbols.h"
 #include "support/ScratchRoot.h"
 
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
 
 #include <functional>
 #include <string>
 #include <vector>
 
+using testsupport::BeforeRelease;
 using testsupport::firstLockOf;
 using testsupport::locksTakenBy;
 using testsupport::ManualClock;
@@ -144,4 +147,44 @@ TEST_F(FilterQueryLocks, ALookUpTakesOneLockWithAHitAndWithout) {
     EXPECT_EQ(locksTakenBy([] { EXPECT_TRUE(blocks()); }), Locks{sslMutex});
     ManualClock::installed().advance(300000001);
     EXPECT_EQ(locksTakenBy([] { EXPECT_FALSE(blocks()); }), Locks{sslMutex});
+}
+
+TEST_F(FilterQueryLocks, AHitIsLoggedBehindTheLock) {
+    Configuration::setLogLevel(16);
+    const GPMutex* sslMutex = firstLockOf([] { FilterQuery::addToSSL(0x5db8d822); });
+    const GPMutex* sslMutexIpv6 = firstLockOf([] {
+        in6_addr address{};
+        inet_pton(AF_INET6, "2001:db8::22", &address);
+        FilterQuery::addToSSLIpv6(address);
+    });
+    {
+        const BeforeRelease released(sslMutex, [this] { EXPECT_TRUE(log.messages().empty()); });
+        EXPECT_TRUE(blocks());
+        EXPECT_EQ(released.count(), 1);
+    }
+    const std::size_t before = log.messages().size();
+    EXPECT_EQ(before, 2u);
+    const BeforeRelease released(sslMutexIpv6, [&] { EXPECT_EQ(log.messages().size(), before); });
+    EXPECT_TRUE(blocks6());
+    EXPECT_EQ(released.count(), 1);
+}
+
+TEST_F(FilterQueryLocks, NoOperationLeavesAnObject) {
+    using testsupport::objectsLeftBy;
+    EXPECT_EQ(objectsLeftBy([] { cached("http://a/?q=1"); }), 0);
+    EXPECT_EQ(objectsLeftBy([] {
+                  FilterQuery::addToSSL(1);
+                  FilterQuery::addToSSLIpv6(address6());
+                  ManualClock::installed().advance(300000001);
+                  blocks();
+                  blocks6();
+              }),
+              0);
+    Configuration::setLogLevel(16);
+    FilterQuery::addToSSL(0x5db8d822);
+    EXPECT_EQ(objectsLeftBy([] { EXPECT_TRUE(blocks()); }), 0);
+    in6_addr end{};
+    inet_pton(AF_INET6, "2001:db8::2", &end);
+    FilterQuery::addToSSLIpv6(end);
+    EXPECT_EQ(objectsLeftBy([] { EXPECT_TRUE(blocks6()); }), 0);
 }
