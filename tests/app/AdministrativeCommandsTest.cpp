@@ -70,6 +70,11 @@ TEST_F(AdministrativeCommands, TheFirstOfSeveralHardwareAddressesIsReported) {
     EXPECT_NE(report("-info").find("\nthe Mac address: 02:1b:0a:4d:5e:ff\n"), std::string::npos);
 }
 
+TEST_F(AdministrativeCommands, AnInterfaceWithAnIpv6AddressAloneIsReported) {
+    world.interfaces = EntryBuilder().link("en0", "\x02\x1b\x0a\x4d\x5e\xff").ipv6("en0", "2001:db8::2");
+    EXPECT_NE(report("-info").find("\nthe Mac address: 02:1b:0a:4d:5e:ff\n"), std::string::npos);
+}
+
 TEST_F(AdministrativeCommands, TheDeviceReportOfAMachineWithoutInterfacesRunsTwoLinesTogether) {
     EXPECT_EQ(report("-info"), "Device output:\nthe UUID: 00000000-0000-0000-0000-000000000000\n"
                                "no Mac addresses avaliableunable to resolve the host\nversion is: 1.5.2\n");
@@ -154,6 +159,12 @@ TEST_F(AdministrativeCommands, ReloadShowsWhatItsTwoCommandsPrintInFrontOfTheHel
     EXPECT_EQ(printed.find("[LogEcho]: []: running reloadDaemon...\n\nunload\nload\n\nOstler Interceptor v"),
               0u)
         << printed;
+}
+
+TEST_F(AdministrativeCommands, AnInstallationEchoesTheLog) {
+    world.path = "/nowhere";
+    EXPECT_NE(run({"-d"}).output.find("[LogEcho]: []: "), std::string::npos);
+    EXPECT_EQ(run({"-reboot"}).output.find("[LogEcho]"), std::string::npos);
 }
 
 TEST_F(AdministrativeCommands, OtherCommandsPrintNothing) {

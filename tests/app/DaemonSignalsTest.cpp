@@ -3,6 +3,7 @@
 #include "app/Daemon.h"
 #include "app/DaemonWorld.h"
 
+#include <algorithm>
 #include <csignal>
 #include <fstream>
 
@@ -171,4 +172,16 @@ TEST_F(DaemonSignals, ProgramsStartWithNoSignalBlocked) {
     EXPECT_EQ(daemon->awaitEnd(), 0);
     for (const char* program : {"kextload", "dsconfigad", "helper"})
         EXPECT_EQ(testsupport::readAll(root.path() + "/blocked-" + program), "0000000000000000\n") << program;
+}
+
+TEST_F(DaemonSignals, TheDialogsAreTakenAwayBeforeTheHelperIsRun) {
+    stageUpdate();
+    linkedDaemon().signal(SIGTERM);
+    EXPECT_EQ(daemon->awaitEnd(), 0);
+    const std::vector<std::string> lines = daemon->log();
+    const auto cleared = std::find(lines.begin(), lines.end(), "clearPopups entry");
+    const auto unstaged = std::find(lines.begin(), lines.end(), "UpdateReady set to: false");
+    ASSERT_NE(unstaged, lines.end());
+    EXPECT_LT(cleared, unstaged);
+    EXPECT_TRUE(helped());
 }

@@ -180,3 +180,10 @@ TEST_F(DaemonTest, BothDirectionsAreAnsweredWhileTheAgentIsAbsent) {
     EXPECT_TRUE(answers(lab::Direction::out));
     EXPECT_TRUE(daemon->awaitLog("OstComm setUserLogonCommand socket send failed"));
 }
+
+TEST_F(DaemonTest, TheWatchOfTheConsoleIsNamedAfterTheProgram) {
+    if (!testsupport::macProgram().empty()) GTEST_SKIP() << "that program's watch is the system's own";
+    startDaemon();
+    agent->awaitFrame(3);
+    EXPECT_EQ(daemon->sessionName(), "com.tarnwicksystems.fernhill" + std::to_string(daemon->process()));
+}

@@ -4,11 +4,17 @@
 #include "app/Daemon.h"
 #include "config/Configuration.h"
 #include "support/AgentLinkWorld.h"
+#include "support/Await.h"
+#include "support/LivingObjects.h"
 #include "support/PlayedConsoleUser.h"
+#include "support/ThreadStarts.h"
 
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <string>
+#include <thread>
+#include <vector>
 
 namespace {
 
@@ -46,4 +52,36 @@ TEST_F(LoginChanged, WithoutACachedNameTheLogonReportIsEmpty) {
     EXPECT_TRUE(world.log.holds("setUserLogonThread Configuration::cachedUserName() <(null)>"));
     EXPECT_EQ(agent.awaitFrame().body, "{}");
     EXPECT_EQ(agent.awaitFrame().body, "{}");
+}
+
+TEST_F(LoginChanged, StoresTheLocalNameThenTheCachedOneAndLeavesNoObject) {
+    world.startAgent();
+    OstComm::Instance();
+    console.seat("bob");
+    Configuration::setVerboseMode(true);
+    const std::size_t before = world.log.messages().size();
+    testsupport::playThreadStarts(testsupport::startNothing);
+    const long left = testsupport::objectsLeftBy([] { loginChanged(nullptr); });
+    testsupport::playThreadStarts(nullptr);
+    const auto lines = world.log.messages();
+    const std::vector<std::string> own(lines.begin() + static_cast<std::ptrdiff_t>(before), lines.end());
+    ASSERT_GE(own.size(), 3u);
+    EXPECT_EQ(own[0], "login changed");
+    EXPECT_EQ(own[1], "setting localuser: bob");
+    EXPECT_EQ(own[2], "setting cacheduser: bob");
+    EXPECT_EQ(left, 2) << "the texts of the two names that were replaced";
+}
+
+TEST_F(LoginChanged, TheLogonReportsTheNameOfTheMomentAtWhichTheLinkStands) {
+    world.names.neverAnswer("127.0.0.1");
+    testsupport::AgentStandIn& agent = world.startAgent();
+    Configuration::setCachedUserName("alice");
+    std::thread report(setUserLogonThread, nullptr);
+    world.awaitLog("setUserLogonThread Configuration::cachedUserName() <alice>");
+    EXPECT_TRUE(testsupport::comesTrue([this] { return !world.names.asked().empty(); }));
+    Configuration::setCachedUserName("bob");
+    world.names.answerAgain("127.0.0.1");
+    report.join();
+    for (int frame = 0; frame < 2; ++frame)
+        EXPECT_NE(agent.awaitFrame().body.find(R"("username":"bob")"), std::string::npos) << frame;
 }

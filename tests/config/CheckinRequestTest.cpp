@@ -3,6 +3,7 @@
 #include "gp/GPString.h"
 #include "gp/Owned.h"
 #include "platform/KernelRelease.h"
+#include "support/LivingObjects.h"
 
 #include <gtest/gtest.h>
 #include <sys/utsname.h>
@@ -42,4 +43,10 @@ TEST(KernelRelease, IsTheOneOfTheRunningKernel) {
     ASSERT_EQ(uname(&names), 0);
     EXPECT_EQ(platform::kernelRelease(), names.release);
     EXPECT_NE(versionFor(platform::kernelRelease().c_str()), "(null)");
+}
+
+TEST(CheckinRequest, TheVersionsPartsAreGivenBack) {
+    for (const char* release : {"18.7.0", "18"})
+        EXPECT_EQ(testsupport::objectsLeftBy([release] { Owned<GPString>::adopt(systemVersion(release)); }),
+                  0);
 }

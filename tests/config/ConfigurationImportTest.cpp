@@ -4,8 +4,10 @@
 #include "gp/Owned.h"
 #include "platform/HostPaths.h"
 #include "support/HeldLocks.h"
+#include "support/LivingObjects.h"
 #include "support/LoopbackPeer.h"
 #include "support/ManualClock.h"
+#include "support/Objects.h"
 #include "support/PlayedNames.h"
 #include "support/SettingsWorld.h"
 
@@ -248,6 +250,28 @@ TEST_F(SiblingImport, ThePreferencesStayUntilTheServersAreSaved) {
     Configuration::loadRemoteServers();
     EXPECT_EQ(saved.count(), 1);
     EXPECT_FALSE(preferencesAreThere());
+}
+
+TEST_F(SiblingImport, AnImportedServerIsTheListsAlone) {
+    WebServer web(plainAnswer);
+    givenPreferences("<plist><string>" + web.name() + "</string></plist>");
+    Configuration::loadRemoteServers();
+    Configuration::addServerName("added.example", false);
+    EXPECT_EQ(testsupport::references(Configuration::getFilterServer(web.name().c_str())),
+              testsupport::references(Configuration::getFilterServer("added.example")));
+}
+
+TEST_F(SiblingImport, PreferencesWithoutServersLeaveNoObject) {
+    for (const char* content : {"", "bplist00", "<plist><dict></dict></plist>"}) {
+        givenPreferences(content);
+        EXPECT_EQ(testsupport::objectsLeftBy(Configuration::loadRemoteServers), 0) << content;
+    }
+}
+
+TEST_F(ServerProbe, AProbeLeavesNoObject) {
+    WebServer web(namelessAnswer, 2);
+    auto server = unprobed(web.name());
+    EXPECT_EQ(testsupport::objectsLeftBy([&] { Configuration::findServerType(server.get()); }), 0);
 }
 
 } // namespace

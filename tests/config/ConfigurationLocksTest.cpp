@@ -15,13 +15,16 @@
 #include "gp/Owned.h"
 #include "platform/HostPaths.h"
 #include "support/HeldLocks.h"
+#include "support/LivingObjects.h"
 #include "support/ManualClock.h"
 #include "support/PlayedInterfaces.h"
 #include "support/PlayedNames.h"
 #include "support/ProgramSymbols.h"
 #include "support/SettingsWorld.h"
+#include "support/ThreadStarts.h"
 
 #include <algorithm>
+#include <functional>
 #include <future>
 
 namespace {
@@ -303,6 +306,66 @@ TEST_F(ConfigurationLocks, AReplysServersAreSavedUnderTheServerLock) {
     const BeforeRelease released(mutex, [lock] { EXPECT_TRUE(holdsLock(lock)); });
     applyCheckinReply(reply);
     EXPECT_EQ(released.count(), 1);
+}
+
+TEST_F(ConfigurationLocks, NewServersAreLookedUpBehindTheServerLock) {
+    static const GPMutex* lock = serverLock();
+    static std::vector<bool> held;
+    testsupport::playThreadStarts([](auto* thread, auto* attributes, auto* function, auto* argument) {
+        held.push_back(holdsLock(lock));
+        return testsupport::startNothing(thread, attributes, function, argument);
+    });
+    CheckinReply reply;
+    reply.serverNames = {"w.example"};
+    applyCheckinReply(reply);
+    FilterCheck::setServerToLocalhost();
+    testsupport::playThreadStarts(nullptr);
+    EXPECT_EQ(held, (std::vector<bool>{false, false}));
+}
+
+TEST_F(ConfigurationLocks, EachChangeIsLoggedBeforeItIsSaved) {
+    Configuration::setVerboseMode(true);
+    const std::vector<std::pair<std::string, std::function<void()>>> changes = {
+        {"Block on Failure set to: true", [] { Configuration::setBOF(true); }},
+        {"Balanced Mode set to: true", [] { Configuration::setBalancedMode(true); }},
+        {"Disable-Filter set to: true", [] { Configuration::setFilteringDisabled(true); }},
+        {"Enable Ostler set to: true", [] { Configuration::setOstlerEnabled(true); }},
+        {"UpdateReady set to: true", [] { Configuration::setUpdateReady(true); }},
+        {"OEM-Mode set to: true", [] { Configuration::setOEMMode(true); }},
+        {"setting cacheduser: alice", [] { Configuration::setCachedUserName("alice"); }},
+        {"setting localuser: alice", [] { Configuration::setLocalUserName("alice"); }},
+        {"Verbose set to: false", [] { Configuration::setVerboseMode(false); }},
+    };
+    for (const auto& [line, change] : changes) {
+        const BeforeRelease saved(mutex, [&, text = line] { EXPECT_TRUE(log.holds(text)) << text; });
+        change();
+        EXPECT_EQ(saved.count(), 1) << line;
+    }
+}
+
+TEST_F(ConfigurationLocks, ASaveLeavesNoObjectAndALoadNoneButTheSettings) {
+    givenServers({"a.example"});
+    Configuration::setLastRelay("alice", "relay", "email");
+    setTime("2027-01-02T03:04:05Z");
+    EXPECT_EQ(testsupport::objectsLeftBy([] { Configuration::saveConfig(true); }), 0);
+    EXPECT_EQ(testsupport::objectsLeftBy([] { Configuration::configString(); }), 0);
+    EXPECT_EQ(testsupport::objectsLeftBy([] { hasTime(); }), 0);
+    EXPECT_EQ(testsupport::objectsLeftBy([] { setTime("2027-01-02T03:04:06Z"); }), 0);
+    EXPECT_EQ(testsupport::objectsLeftBy([] { Configuration::getLastRelayUser("CORP\\alice"); }), 0);
+    EXPECT_EQ(testsupport::objectsLeftBy([] { Configuration::getLastRelay("bob"); }), 0);
+    EXPECT_EQ(testsupport::objectsLeftBy([] { Configuration::getLastRelayUserFormat("alice"); }), 0);
+    EXPECT_EQ(testsupport::objectsLeftBy([] { Configuration::nextServer(); }), 0);
+    EXPECT_EQ(testsupport::objectsLeftBy([] { Configuration::getFilterServer("0"); }), 0);
+    EXPECT_EQ(testsupport::objectsLeftBy([] { Configuration::resetCurrentServer(); }), 0);
+    EXPECT_EQ(testsupport::objectsLeftBy([] { Configuration::checkCurrentServer(); }), 0);
+    EXPECT_EQ(testsupport::objectsLeftBy([] { Configuration::loadUUID(); }), 0);
+}
+
+TEST_F(ConfigurationLocks, TheTwoMarkerFilesLeaveNoObject) {
+    testsupport::writeAll(platform::HostPaths::debugFile(), "<a><VerboseLogging>true</VerboseLogging></a>");
+    testsupport::writeAll(platform::HostPaths::oemMarkerFile(), "<a><Vendor>Acme</Vendor></a>");
+    EXPECT_EQ(testsupport::objectsLeftBy(Configuration::checkDebugConfig), 0);
+    EXPECT_EQ(testsupport::objectsLeftBy(Configuration::checkOEMConfig), 0);
 }
 
 TEST_F(ConfigurationLocks, AReplyIsDoneInItsOrder) {

@@ -399,4 +399,15 @@ TEST_F(ConfigurationServers, ASaveWithoutAChangeOfTheListRepairsNothing) {
     EXPECT_STREQ(Configuration::serverName(), "gone.example");
 }
 
+TEST_F(ConfigurationServers, ARemovedServerIsNoLongerCurrentBeforeAnySave) {
+    givenServers({"a.example", "b.example"});
+    Configuration::getCurrentServer();
+    EXPECT_TRUE(Configuration::removeServerName("a.example", false));
+    EXPECT_FALSE(Configuration::hasCurrentServer());
+    Configuration::getCurrentServer();
+    givenServers({"c.example"});
+    EXPECT_TRUE(Configuration::removeServerName("c.example", false));
+    EXPECT_TRUE(Configuration::hasCurrentServer());
+}
+
 } // namespace

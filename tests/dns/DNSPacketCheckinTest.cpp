@@ -8,6 +8,8 @@
 #include "gp/Owned.h"
 #include "support/AnswerServer.h"
 #include "support/DnsWorld.h"
+#include "support/HeldLocks.h"
+#include "support/LivingObjects.h"
 #include "support/ManualClock.h"
 #include "support/NetworkNamespace.h"
 #include "support/TestChild.h"
@@ -191,6 +193,25 @@ TEST_F(DnsCheckin, TheSettingsAreSavedAfterAFetchThatWorked) {
     EXPECT_FALSE(writesFile([&] { fetch(answerOf("", "404 Not Found")); }));
 }
 
+TEST_F(DnsCheckin, TheSettingsAreSavedBehindTheReplacement) {
+    const GPMutex* mutex = testsupport::firstLockOf([] { Configuration::saveConfig(true); });
+    const testsupport::BeforeRelease saved(mutex, [] { EXPECT_EQ(remaps(), Rows{"one.test,safe.test"}); });
+    EXPECT_TRUE(fetch(answerOf(documentOf({"one.test,safe.test"}))));
+    EXPECT_EQ(saved.count(), 1);
+}
+
+TEST_F(DnsCheckin, AFetchLeavesNoObject) {
+    for (const std::string& answer : {answerOf(documentOf({"one.test,safe.test"})), answerOf("no document"),
+                                      answerOf("", "404 Not Found"), answerOf("")}) {
+        // The list keeps every server that it ever held.
+        const long added = testsupport::objectsLeftBy([] {
+            Configuration::addServerName("127.0.0.1:1", false, true);
+            Configuration::resetCurrentServer();
+        });
+        EXPECT_EQ(testsupport::objectsLeftBy([&] { fetch(answer); }), added) << answer;
+    }
+}
+
 TEST_F(DnsCheckin, WhenVerboseTheFetchIsLogged) {
     beVerbose();
     const std::string body = documentOf({"one.test,safe.test"});
@@ -364,6 +385,19 @@ TEST_F(DnsCheckinRhythm, TheFirstFetchComesAfter60Seconds) {
     passSleep(60);
     EXPECT_EQ(fetches(), 1);
     EXPECT_TRUE(log.holds("starting dns checkin thread"));
+}
+
+TEST_F(DnsCheckinRhythm, TheThreadTellsOfItsStartBehindTheFirstFetchAndOfEachRoundBeforeItsSleep) {
+    givenFetchesWork(1);
+    passSleep(60);
+    Rows own;
+    for (const std::string& line : logged())
+        if (line.find("checkin thread") != std::string::npos ||
+            line.find("checkin loop") != std::string::npos || line.find("Started dns") != std::string::npos ||
+            line.find("checkin complete") != std::string::npos)
+            own.push_back(line);
+    EXPECT_EQ(own, (Rows{"Started dns checkin processing.", "dns checkin complete.",
+                         "starting dns checkin thread", "dns checkin loop"}));
 }
 
 TEST_F(DnsCheckinRhythm, AFailureIsRepeatedEvery15Minutes) {

@@ -279,3 +279,8 @@ TEST_F(DSQueryTest, GroupsOfAnotherFormHaveNoSimpleName) {
         DSQuery::convertSimpleGroupName({"cn=staff", "CN=staff,dc=x", "ou=cn=staff,dc=x", "", "cn"}, "CORP"),
         Texts{});
 }
+
+TEST_F(DSQueryTest, ASimpleGroupNameEndsAtItsFirstComma) {
+    EXPECT_EQ(DSQuery::convertSimpleGroupName({"cn=staff,ou=groups,dc=x"}, "CORP"),
+              (Texts{"CORP\\staff", "cn=staff,ou=groups,dc=x"}));
+}

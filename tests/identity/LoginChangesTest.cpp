@@ -5,6 +5,7 @@
 #include "gp/Owned.h"
 #include "identity/UserAuth.h"
 #include "support/IdentityWorld.h"
+#include "support/LivingObjects.h"
 
 #include <atomic>
 #include <mutex>
@@ -186,4 +187,35 @@ TEST_F(LoginChangesTest, WithoutACallbackTheNamesAreKeptAllTheSame) {
     UserAuth::registerLoginChanges(nullptr, false);
     console.leave();
     EXPECT_STREQ(UserAuth::userName(), "alice");
+}
+
+TEST_F(LoginChangesTest, TheSessionIsMadeBeforeTheFirstCallbackAndItsLoopRunsBehindIt) {
+    static testsupport::PlayedConsoleUser* seen;
+    static int sessions;
+    static bool looping;
+    seen = &console;
+    console.seat("alice");
+    console.endLoop();
+    UserAuth::registerLoginChanges(
+        [](const char*) {
+            sessions = seen->sessions();
+            looping = seen->hasLooped();
+        },
+        false);
+    EXPECT_EQ(sessions, 1);
+    EXPECT_FALSE(looping);
+    EXPECT_TRUE(console.hasLooped());
+}
+
+TEST_F(LoginChangesTest, AChangeLeavesNoObject) {
+    console.endLoop();
+    UserAuth::registerLoginChanges(report, false);
+    const auto change = [this] {
+        for (const char* name : {"alice", "bob", "bob"}) {
+            console.seat(name);
+            scNotificationCallback(nullptr, nullptr, nullptr);
+        }
+    };
+    EXPECT_EQ(testsupport::objectsLeftBy(change), 0);
+    EXPECT_EQ(testsupport::objectsLeftBy([] { loginChangeThread(nullptr); }), 0);
 }

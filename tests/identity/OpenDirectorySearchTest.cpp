@@ -172,6 +172,15 @@ TEST_F(OpenDirectorySearch, GroupIdsAreReadAsFarAsTheyAreNumbers) {
     EXPECT_EQ(found.groups, (Texts{"tail people", "cn=tail", "huge people", "cn=huge"}));
 }
 
+TEST_F(OpenDirectorySearch, GroupIdsAreReadInBaseTen) {
+    givenUser(ldap);
+    givenWholeGroup("0x1000", "hexadecimal");
+    givenWholeGroup("01000", "padded");
+    givenWholeGroup("0777", "small");
+    search();
+    EXPECT_EQ(found.groups, (Texts{"padded people", "cn=padded"}));
+}
+
 TEST_F(OpenDirectorySearch, GroupsThatLackAnAttributeAreDropped) {
     givenUser(ldap);
     givenGroup("1001", {{"RecordName", {"a"}}, {"RealName", {"A"}}});

@@ -8,6 +8,7 @@
 #include "gp/Owned.h"
 #include "platform/HostPaths.h"
 #include "support/IdentityWorld.h"
+#include "support/LivingObjects.h"
 #include "support/Objects.h"
 
 #include <filesystem>
@@ -264,7 +265,42 @@ TEST_F(UserAuthTest, AFullNameThatIsSetIsTheUsersName) {
     EXPECT_EQ(known(), "NEW\\alice");
 }
 
+TEST_F(UserAuthTest, ADirectoryForLdapThatIsAFileIsNone) {
+    testsupport::writeAll(HostPaths::ldapConfigurations(), "a file");
+    tools.likewisePrints(likewiseStatus);
+    EXPECT_EQ(queried(), "CORP\\alice");
+}
+
+TEST_F(UserAuthTest, TheDomainOfTheLastUserStandsUntilAnotherIsKnown) {
+    setCachedDomain("OLD");
+    EXPECT_EQ(netbiosNames({"CN=Staff,DC=x"}), Calls{"OLD\\Staff"});
+    queried("bob");
+    EXPECT_EQ(netbiosNames({"CN=Staff,DC=x"}), Calls{"OLD\\Staff"});
+    tools.adinfoPrints(adinfoOutput);
+    queried("carol");
+    EXPECT_EQ(netbiosNames({"CN=Staff,DC=x"}), Calls{"CORP\\Staff"});
+}
+
 // Groups.
+
+TEST_F(UserAuthTest, TheFirstQuestionForGroupsLooksAtTheConsole) {
+    tools.dsconfigadPrints("bound");
+    tools.dsclPrints("AuthenticationAuthority", netLogon);
+    tools.dsclPrints("memberOf", "dsAttrTypeNative:memberOf: CN=Staff,DC=x\n");
+    console.seat("alice");
+    EXPECT_EQ(groups(), Calls{"CN=Staff,DC=x"});
+    EXPECT_EQ(console.asked(), 1);
+    EXPECT_EQ(known(), "CORP\\alice");
+}
+
+TEST_F(UserAuthTest, WithANamedUserInTheOverrideFileNoToolIsAskedForGroups) {
+    tools.writeOverride("<Ldap><User>admin</User><Base>dc=x</Base></Ldap>");
+    tools.dsclPrints("memberOf", "dsAttrTypeNative:memberOf: cn=staff\n");
+    tools.dsclPrints("groupMembership", "dsAttrTypeNative:groupMembership: cn=staff\n");
+    queried();
+    EXPECT_EQ(groups(), Calls{"(null)"});
+    EXPECT_EQ(tools.calls(), Calls{});
+}
 
 TEST_F(UserAuthTest, GroupsComeFromTheMembershipAttribute) {
     tools.dsconfigadPrints("bound");
@@ -363,5 +399,62 @@ TEST_F(UserAuthTest, AnOverrideFileThatCannotBeWrittenIsAFailure) {
 }
 
 TEST_F(UserAuthTest, WithoutAnOverrideFileItsTextIsEmpty) { EXPECT_STREQ(UserAuth::printLDAPConfig(), ""); }
+
+// What is given back.
+
+TEST_F(UserAuthTest, NoQuestionLeavesAnObject) {
+    using testsupport::objectsLeftBy;
+    const auto asked = [this] {
+        return objectsLeftBy([] {
+            queryUserName("alice");
+            Owned<GPArray>::adopt(UserAuth::userGroups());
+            GPAutoReleasePool* inner = new GPAutoReleasePool;
+            UserAuth::netbiosNames(nullptr);
+            inner->drain();
+        });
+    };
+    EXPECT_EQ(asked(), 0);
+    tools.likewisePrints(likewiseStatus);
+    EXPECT_EQ(asked(), 0);
+}
+
+TEST_F(UserAuthTest, NoQuestionOfActiveDirectoryLeavesAnObject) {
+    tools.dsconfigadPrints("bound");
+    tools.dsclPrints("AuthenticationAuthority", netLogon);
+    tools.dsclPrints("memberOf", "dsAttrTypeNative:memberOf:\n CN=Staff,DC=x\n CN=Sales,DC=x\n");
+    EXPECT_EQ(testsupport::objectsLeftBy([] {
+                  auto* inner = new GPAutoReleasePool;
+                  queryUserName("alice");
+                  const auto list = Owned<GPArray>::adopt(UserAuth::userGroups());
+                  UserAuth::netbiosNames(list.get());
+                  inner->drain();
+              }),
+              0);
+}
+
+TEST_F(UserAuthTest, NoUseOfTheOverrideFileLeavesAnObject) {
+    EXPECT_EQ(testsupport::objectsLeftBy([] {
+                  auto* inner = new GPAutoReleasePool;
+                  UserAuth::createLdapConfFile("dc=x");
+                  UserAuth::printLDAPConfig();
+                  queryUserName("alice");
+                  Owned<GPArray>::adopt(UserAuth::userGroups());
+                  inner->drain();
+              }),
+              0);
+}
+
+TEST_F(UserAuthTest, AnLdapLookUpLeavesTheOneEntryOfTheFolderAlone) {
+    tools.configureLdap({"ldap.example.org.plist"});
+    tools.dsclPrints("distinguishedName", "distinguishedName: uid=alice,dc=y\n");
+    EXPECT_EQ(testsupport::objectsLeftBy([] {
+                  auto* inner = new GPAutoReleasePool;
+                  queryUserName("alice");
+                  Owned<GPArray>::adopt(UserAuth::userGroups());
+                  inner->drain();
+              }),
+              3)
+        << "entries of folders keep the reference of their creation, with two texts each";
+}
 
 } // namespace

@@ -49,6 +49,9 @@ public:
     bool logs(const std::string& text) const;
     bool awaitLog(const std::string& text) const;
 
+    // What it has named its watch of the console.
+    std::string sessionName() const;
+
     pid_t process() const { return process_; }
     const ThreadList& threads() const { return threads_; }
     const LockList& locks() const { return locks_; }

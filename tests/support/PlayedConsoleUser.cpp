@@ -42,6 +42,11 @@ int PlayedConsoleUser::sessions() const {
     return sessions_;
 }
 
+bool PlayedConsoleUser::hasLooped() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return looped_;
+}
+
 int PlayedConsoleUser::asked() const {
     std::lock_guard<std::mutex> lock(mutex_);
     return asked_;
@@ -68,6 +73,7 @@ void PlayedConsoleUser::run(Watch* watch) {
     std::unique_lock<std::mutex> lock(mutex_);
     for (;;) {
         waits_ = true;
+        looped_ = true;
         moved_.notify_all();
         moved_.wait(lock, [&] { return notices_ > 0 || ends_; });
         waits_ = false;

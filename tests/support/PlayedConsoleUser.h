@@ -37,6 +37,9 @@ public:
     std::string sessionName() const;
     int sessions() const;
 
+    // Whether a run loop has run.
+    bool hasLooped() const;
+
     // How often somebody asked who is there.
     int asked() const;
 
@@ -55,6 +58,7 @@ private:
     int asked_ = 0;
     int notices_ = 0;
     bool waits_ = false;
+    bool looped_ = false;
     bool ends_ = false;
     bool refuses_ = false;
 };

@@ -17,4 +17,8 @@ void playThreadStarts(ThreadStart start);
 int startThread(pthread_t* thread, const pthread_attr_t* attributes, void* (*function)(void*),
                 void* argument);
 
+// In place of a start: a thread that ends at once.
+int startNothing(pthread_t* thread, const pthread_attr_t* attributes, void* (*function)(void*),
+                 void* argument);
+
 } // namespace testsupport

@@ -32,6 +32,8 @@ namespace {
 
 std::string outputFile() { return std::string(HostPaths::root()) + "/daemon-output"; }
 
+std::string sessionFile() { return std::string(HostPaths::root()) + "/console-session"; }
+
 // The console at the other end of a pipe: each line is the name of the user who is there from now on.
 class PipedConsole final : public platform::ConsoleUser {
 public:
@@ -54,7 +56,8 @@ public:
         return true;
     }
 
-    Watch* create(const char*, Callback changed) override {
+    Watch* create(const char* name, Callback changed) override {
+        writeAll(sessionFile(), name);
         changed_ = changed;
         return reinterpret_cast<Watch*>(this);
     }
@@ -202,6 +205,8 @@ int DaemonProcess::awaitEnd() {
     process_ = -1;
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
+
+std::string DaemonProcess::sessionName() const { return readAll(sessionFile()); }
 
 std::string DaemonProcess::output() const { return readAll(outputFile()); }
 

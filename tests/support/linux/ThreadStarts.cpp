@@ -21,6 +21,11 @@ int startThread(pthread_t* thread, const pthread_attr_t* attributes, void* (*fun
     return __real_pthread_create(thread, attributes, function, argument);
 }
 
+int startNothing(pthread_t* thread, const pthread_attr_t* attributes, void* (*)(void*), void*) {
+    return __real_pthread_create(
+        thread, attributes, [](void*) -> void* { return nullptr; }, nullptr);
+}
+
 } // namespace testsupport
 
 int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*function)(void*),
