@@ -6,6 +6,7 @@
 #include "support/AdministrativeRun.h"
 #include "support/CheckinService.h"
 #include "support/ForkedChild.h"
+#include "support/LivingObjects.h"
 #include "support/ManualClock.h"
 
 #include <gtest/gtest.h>
@@ -181,6 +182,15 @@ TEST_F(AdministrativeCommands, TheWrappersRunLaunchctlAndKeepNothing) {
     loadDaemon("/a.plist");
     unloadDaemon("/b.plist");
     EXPECT_EQ(commands(), (Words{"launchctl load /a.plist", "launchctl unload /b.plist"}));
+}
+
+TEST_F(AdministrativeCommands, NoCommandLeavesAnObject) {
+    testsupport::ManualClock::installed().letSleepsPass(true);
+    makePrograms("echo some output");
+    for (void (*command)(const char*) : {loadDaemon, loadAgent, unloadDaemon})
+        EXPECT_EQ(testsupport::objectsLeftBy([command] { command("/a.plist"); }), 0);
+    for (void (*command)() : {unloadDaemons, reloadDaemons, rebootMachine, installDaemons})
+        EXPECT_EQ(testsupport::objectsLeftBy(command), 0);
 }
 
 TEST_F(AdministrativeCommands, TheLoadAsTheConsoleUserPassesNoShell) {

@@ -10,6 +10,8 @@
 #include "platform/HostPaths.h"
 #include "support/Await.h"
 #include "support/CheckinWorld.h"
+#include "support/LivingObjects.h"
+#include "support/ThreadStarts.h"
 
 #include <chrono>
 #include <filesystem>
@@ -304,6 +306,17 @@ TEST_F(FilterCheckin, AServiceThatTheStoreDoesNotTrustIsNoAnswer) {
     testsupport::trustNobody();
     EXPECT_FALSE(FilterCheck::runCheckin());
     EXPECT_FALSE(FilterCheck::filteringDisabled());
+}
+
+TEST_F(FilterCheckin, ACheckInLeavesNoObject) {
+    testsupport::playThreadStarts(testsupport::startNothing); // the probe would have some of its own
+    for (const char* reply :
+         {"<a></a>", "<a><Dormant>0</Dormant><NextCheckIn>2027-01-02T03:04:05Z</NextCheckIn></a>",
+          "no reply"})
+        EXPECT_EQ(testsupport::objectsLeftBy([&] { EXPECT_TRUE(checkInWith(reply)); }), 0) << reply;
+    loseInterfaces();
+    EXPECT_EQ(testsupport::objectsLeftBy([] { EXPECT_FALSE(FilterCheck::runCheckin()); }), 0);
+    testsupport::playThreadStarts(nullptr);
 }
 
 } // namespace

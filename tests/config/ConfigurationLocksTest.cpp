@@ -104,6 +104,21 @@ TEST_F(ConfigurationLocks, OfTwoLoadsThatMetAtTheLockOneIsMade) {
     EXPECT_NE(one, other);
 }
 
+TEST_F(ConfigurationLocks, ALoadCountsAsMadeOnlyWhenTheFileHasBeenRead) {
+    givenFile("<Fernhill><CheckInTimeStamp>2027-01-02T03:04:05Z</CheckInTimeStamp><LogLevel>16</LogLevel></"
+              "Fernhill>");
+    StoppedAtLock reading(valuesMutex, [] { EXPECT_TRUE(Configuration::loadConfig()); });
+    ASSERT_TRUE(reading.waits());
+    const WatchedLock watched(mutex);
+    auto second = std::async(std::launch::async, [] {
+        EXPECT_FALSE(Configuration::loadConfig());
+        return Configuration::getLogLevel();
+    });
+    EXPECT_TRUE(watched.awaitWaiters(1));
+    reading.letGo();
+    EXPECT_EQ(second.get(), 16);
+}
+
 TEST_F(ConfigurationLocks, ALoadThatWasMadeBeforeTakesNoLock) {
     Configuration::loadConfig();
     EXPECT_EQ(locksTakenBy([] { EXPECT_FALSE(Configuration::loadConfig()); }), Locks{});

@@ -2,6 +2,7 @@
 
 #include "config/Configuration.h"
 #include "support/AddressesWorld.h"
+#include "support/LivingObjects.h"
 
 #include <atomic>
 #include <thread>
@@ -174,6 +175,15 @@ TEST_F(FilterIPAddressesTest, TwoThreadsReleasingTheLastTwoReferencesDestroyTheO
     }
     other.join();
     EXPECT_EQ(destroyed, rounds);
+}
+
+TEST_F(FilterIPAddressesTest, NeitherABuildNorARefreshLeavesAnObject) {
+    givenServers({"a.example", "b.example"});
+    resolves("a.example", "192.0.2.1");
+    EXPECT_EQ(testsupport::objectsLeftBy([] { build(); }), 0);
+    auto built = build();
+    EXPECT_EQ(testsupport::objectsLeftBy([&] { refreshServerAddresses(built.get()); }), 0);
+    EXPECT_EQ(testsupport::objectsLeftBy([&] { FilterIPAddresses::debugDumpIPAddresses(built.get()); }), 0);
 }
 
 } // namespace

@@ -4,6 +4,7 @@
 #include "config/Configuration.h"
 #include "platform/NameLookup.h"
 #include "support/CheckinWorld.h"
+#include "support/LivingObjects.h"
 
 #include <sys/socket.h>
 
@@ -162,6 +163,11 @@ TEST_F(ServersHttpsCheck, AMarkStandsUntilTheServerHasBeenAsked) {
     probe();
     EXPECT_EQ(watching.marks, std::vector<bool>{true});
     EXPECT_FALSE(usesHttps("a.example"));
+}
+
+TEST_F(ServersHttpsCheck, AProbeLeavesNoObject) {
+    givenServers({"a.example", "no.example"});
+    EXPECT_EQ(testsupport::objectsLeftBy(probe), 0);
 }
 
 } // namespace
