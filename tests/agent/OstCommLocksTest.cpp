@@ -3,6 +3,7 @@
 #include "agent/AgentFrames.h"
 #include "agent/OstComm.h"
 #include "config/Configuration.h"
+#include "gp/GPMutex.h"
 #include "gp/GPString.h"
 #include "gp/Owned.h"
 #include "support/AgentLinkWorld.h"
@@ -32,6 +33,18 @@ namespace {
 
 using Lines = std::vector<std::string>;
 using Locks = std::vector<const GPMutex*>;
+
+// Has a lock, so that others wait for it.
+class HeldUp {
+public:
+    explicit HeldUp(const GPMutex* mutex) : lock_(const_cast<GPMutex*>(mutex)), watched_(mutex) {}
+
+    bool someoneWaits() const { return watched_.awaitWaiters(1); }
+
+private:
+    GPMutexLock lock_;
+    testsupport::WatchedLock watched_;
+};
 
 // A link that has been used once, so that its reader runs.
 class OstCommLocks : public testing::Test {
@@ -138,6 +151,30 @@ TEST_F(OstCommLocks, AFrameThatWaitedWhileTheLinkWasClosedIsNotSent) {
     closing.get();
     EXPECT_TRUE(world.log.holds("OstComm setUserLogonCommand socket send failed errno is " +
                                 std::to_string(ENOTCONN) + ".\n"));
+}
+
+TEST_F(OstCommLocks, TheSocketIsNotReplacedInTheMiddleOfAFrame) {
+    const std::size_t asked = world.names.asked().size();
+    {
+        const HeldUp heldUp(commandMutex);
+        agent.closeConnection();
+        EXPECT_TRUE(heldUp.someoneWaits());
+        EXPECT_EQ(world.names.asked().size(), asked);
+    }
+    agent.awaitConnections(2);
+}
+
+TEST_F(OstCommLocks, TheSocketIsNotOpenedAgainInTheMiddleOfAFrame) {
+    ManualClock& clock = ManualClock::installed();
+    clock.letSleepsPass(false);
+    agent.stopListening();
+    agent.closeConnection();
+    ASSERT_TRUE(clock.waitForSleepers(1));
+    const std::size_t asked = world.names.asked().size();
+    const HeldUp heldUp(commandMutex);
+    clock.advanceSeconds(1);
+    EXPECT_TRUE(heldUp.someoneWaits());
+    EXPECT_EQ(world.names.asked().size(), asked);
 }
 
 TEST_F(OstCommLocks, TheDnsRequestTakesNoLock) {

@@ -4,6 +4,7 @@
 #include "gp/GPString.h"
 #include "gp/Owned.h"
 #include "support/HeldLocks.h"
+#include "support/Taken.h"
 
 #include <gtest/gtest.h>
 
@@ -190,16 +191,24 @@ TEST_F(ResponseTableTest, EveryOperationWaitsForTheTablesLock) {
     const GPMutex* responseMutex = testsupport::firstLockOf([this] { table.count(); });
     ResponseEntry* answered = table.open(1);
     ResponseEntry* left = table.open(2);
+    ResponseEntry* opened = nullptr;
     deliver(1, "{}");
     const std::vector<std::function<void()>> operations = {
-        [&] { table.close(table.open(3)); }, [&] { waitAndClose(answered); }, [&] { table.remove(2); },
-        [&] { table.close(left); },          [&] { deliver(4, "{}"); },       [&] { take(4); },
-        [&] { table.wakeHead(); },           [&] { table.count(); },
+        [&] { opened = table.open(3); },
+        [&] { EXPECT_EQ(testsupport::taken(table.wait(answered)), "{}"); },
+        [&] { table.close(answered); },
+        [&] { table.remove(2); },
+        [&] { table.close(left); },
+        [&] { deliver(4, "{}"); },
+        [&] { take(4); },
+        [&] { table.wakeHead(); },
+        [&] { table.count(); },
     };
     for (std::size_t i = 0; i < operations.size(); ++i) {
         testsupport::StoppedAtLock stopped(responseMutex, operations[i]);
         EXPECT_TRUE(stopped.waits()) << i;
     }
+    table.close(opened);
 }
 
 TEST_F(ResponseTableTest, AnswersAsAWalkThroughItsListWould) {

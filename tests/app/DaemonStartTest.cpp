@@ -4,6 +4,7 @@
 #include "config/Configuration.h"
 #include "gp/GPAutoReleasePool.h"
 #include "identity/UserAuth.h"
+#include "platform/HostPaths.h"
 #include "support/CapturedLog.h"
 #include "support/DirectoryTools.h"
 #include "support/ManualClock.h"
@@ -71,11 +72,12 @@ protected:
 } // namespace
 
 TEST_F(DaemonStart, TheConsoleIsWatchedBehindTheSettingsAndBeforeTheAgentIsSwitchedOn) {
+    testsupport::writeAll(platform::HostPaths::debugFile(), "<a><VerboseLogging>true</VerboseLogging></a>");
     testsupport::writeAll(root.configurationFile(),
                           "<Fernhill><VerboseLogging>true</VerboseLogging></Fernhill>");
     started([] {
         ASSERT_FALSE(atWatch.empty());
-        EXPECT_EQ(atWatch.back(), "version: 1.5.2  (internal library version: 6.1.0)");
+        EXPECT_EQ(atWatch.back(), "verbose mode is updated to: true");
         EXPECT_TRUE(Configuration::isVerbose());
         EXPECT_TRUE(shownLog->holds("Enable Ostler set to: true"));
     });

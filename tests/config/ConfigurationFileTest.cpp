@@ -319,6 +319,14 @@ TEST_F(ConfigurationFile, ACurrentServerThatIsNotListedGivesWayToTheList) {
     EXPECT_EQ(log.countContaining("Warning"), 0);
 }
 
+TEST_F(ConfigurationFile, ALoadForgetsTheCurrentServerOfBeforeForTheListOfTheFile) {
+    Configuration::addServerName("before.example", false);
+    EXPECT_STREQ(Configuration::serverName(), "before.example");
+    load("<Fernhill><ServerName>gone.example</ServerName><Servers>"
+         "<ServerName ServerType=\"1\">a.example</ServerName></Servers></Fernhill>");
+    EXPECT_STREQ(Configuration::serverName(), "a.example");
+}
+
 TEST_F(ConfigurationFile, WithAnEmptyListTheNamedServerIsCurrentWithoutBeingListed) {
     load("<Fernhill><ServerName>lone.example</ServerName><Servers></Servers></Fernhill>");
     EXPECT_STREQ(Configuration::serverName(), "lone.example");

@@ -377,7 +377,8 @@ TEST_F(ConfigurationServers, ASnapshotOfTheListOutlivesARemoval) {
 TEST_F(ConfigurationServers, ARemovalHasTheNextSaveRepairTheCurrentServer) {
     givenServers({"a.example", "b.example"});
     Configuration::saveConfig(true);
-    setCurrentServer(new FilterServer("gone.example"));
+    const auto gone = Owned<FilterServer>::adopt(new FilterServer("gone.example"));
+    setCurrentServer(gone.get());
     EXPECT_TRUE(Configuration::removeServerName("b.example", false));
     EXPECT_TRUE(writesFile([] { EXPECT_TRUE(Configuration::saveConfig(false)); }));
     EXPECT_STREQ(Configuration::serverName(), "a.example");
@@ -394,9 +395,11 @@ TEST_F(ConfigurationServers, ARemovalOfAllHasTheNextSaveWriteTheFile) {
 TEST_F(ConfigurationServers, ASaveWithoutAChangeOfTheListRepairsNothing) {
     givenServers({"a.example"});
     Configuration::saveConfig(true);
-    setCurrentServer(new FilterServer("gone.example"));
+    const auto gone = Owned<FilterServer>::adopt(new FilterServer("gone.example"));
+    setCurrentServer(gone.get());
     Configuration::saveConfig(true);
     EXPECT_STREQ(Configuration::serverName(), "gone.example");
+    Configuration::resetCurrentServer();
 }
 
 TEST_F(ConfigurationServers, ARemovedServerIsNoLongerCurrentBeforeAnySave) {

@@ -25,6 +25,7 @@ TEST_F(FilterIPAddressesTest, AnEmptyServerListGivesNoEntriesAndNothingMissing) 
     EXPECT_EQ(built->count, 0);
     EXPECT_FALSE(built->isMissingIPs());
     EXPECT_EQ(references(built.get()), 1);
+    EXPECT_EQ(built->addresses, nullptr);
 }
 
 TEST_F(FilterIPAddressesTest, EachServerHasItsAddressInListOrder) {

@@ -187,10 +187,19 @@ TEST_F(DnsCheckin, TheTablesAreNotPersisted) {
     EXPECT_EQ(file().find("one.test"), std::string::npos);
 }
 
-TEST_F(DnsCheckin, TheSettingsAreSavedAfterAFetchThatWorked) {
-    EXPECT_TRUE(writesFile([&] { fetch(answerOf(documentOf({"one.test,safe.test"}))); }));
-    EXPECT_TRUE(writesFile([&] { fetch(answerOf("no document")); }));
-    EXPECT_FALSE(writesFile([&] { fetch(answerOf("", "404 Not Found")); }));
+TEST_F(DnsCheckin, TheSettingsAreSavedAfterAFetchThatWorkedThoughNothingOfThemHasChanged) {
+    const auto saves = [this](const std::string& answer) {
+        AnswerServer server({answer});
+        Configuration::addServerName(("127.0.0.1:" + std::to_string(server.port())).c_str(), false, true);
+        Configuration::resetCurrentServer();
+        Configuration::saveConfig(true);
+        const bool saved = writesFile([] { DNSPacket::runDnsApiCheckin(); });
+        server.request();
+        return saved;
+    };
+    EXPECT_TRUE(saves(answerOf(documentOf({"one.test,safe.test"}))));
+    EXPECT_TRUE(saves(answerOf("no document")));
+    EXPECT_FALSE(saves(answerOf("", "404 Not Found")));
 }
 
 TEST_F(DnsCheckin, TheSettingsAreSavedBehindTheReplacement) {

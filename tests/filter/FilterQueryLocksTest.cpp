@@ -45,6 +45,11 @@ bool cached(const char* url) {
     return FilterQuery::queryCache(&text);
 }
 
+// For who holds the table's lock.
+int entriesOf(const char* table) {
+    return (*reinterpret_cast<GPList**>(testsupport::programVariable(table)))->count();
+}
+
 const GPMutex* serverLock() {
     return firstLockOf([] {
         FilterQuery::lockServers();
@@ -140,6 +145,12 @@ TEST_F(FilterQueryLocks, EachTableOfBlockedAddressesGrowsUnderItsLock) {
     const GPMutex* sslMutexIpv6 = firstLockOf([] { blocks6(); });
     expectNothingWithout(sslMutex, [] { FilterQuery::addToSSL(1); });
     expectNothingWithout(sslMutexIpv6, [] { FilterQuery::addToSSLIpv6(address6()); });
+    {
+        StoppedAtLock stopped(sslMutex, [] { FilterQuery::addToSSL(2); });
+        EXPECT_EQ(entriesOf("sslList"), 1);
+    }
+    StoppedAtLock stopped(sslMutexIpv6, [] { FilterQuery::addToSSLIpv6(address6()); });
+    EXPECT_EQ(entriesOf("sslListIpv6"), 1);
 }
 
 TEST_F(FilterQueryLocks, ALookUpTakesOneLockWithAHitAndWithout) {

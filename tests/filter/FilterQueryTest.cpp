@@ -88,10 +88,12 @@ TEST_F(FilterQueryTest, AReplyOfExactlyEmptyBracesAllowsWithTheRecordsTimeUnchan
 }
 
 TEST_F(FilterQueryTest, AnAllowedTlsConnectionKeepsTheWholeOfItsTwoMinutes) {
+    Configuration::setLogLevel(64);
     agentAnswers("{}");
     connection.query("https://a", true);
     EXPECT_EQ(connection.redirect(), "");
     EXPECT_EQ(connection.record()->getTimeout(), tlsLife);
+    world.awaitLog("Hijack-resolve:true: target='https://a' redirect='null' (timeout=-1)");
 }
 
 TEST_F(FilterQueryTest, EmptyBracesGoingOnWithARedirectKeyAllow) {

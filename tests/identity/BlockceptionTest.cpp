@@ -226,6 +226,18 @@ TEST_F(BlockceptionTest, AScheduledQueryThatFailsForgetsItsRecords) {
     EXPECT_EQ(ends.back(), "success ()");
 }
 
+TEST_F(BlockceptionTest, AScheduledQueryThatFailsForgetsWhatItsCallbackCollectsToo) {
+    givenUser("/LDAPv3/ldap.example.com");
+    const DirectoryRecords records = directory.records();
+    blockception->failure = [&](const DirectoryError&) { blockception->query(nullptr, &records, nullptr); };
+    const DirectoryError error{};
+    blockception->query(nullptr, nullptr, &error);
+    std::size_t count = 99;
+    blockception->success = [&](const DirectoryRecords& collected) { count = collected.size(); };
+    blockception->query(nullptr, nullptr, nullptr);
+    EXPECT_EQ(count, 0u);
+}
+
 TEST_F(BlockceptionTest, AScheduledQuerysErrorCountsBeforeItsRecords) {
     schedule();
     const DirectoryRecords records = {record("a")};

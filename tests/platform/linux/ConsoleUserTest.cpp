@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include <poll.h>
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/resource.h>
@@ -153,6 +154,21 @@ TEST(ConsoleUser, OfThisSystemIsWatched) {
         sitDown(0);
         auto* watch = system().create(
             "name", [](const void*, const void*, void*) { _exit(consoleName() == "daemon" ? 0 : 2); });
+        std::thread([] { sitDown(1); }).detach();
+        system().run(watch);
+    }));
+}
+
+TEST(ConsoleUser, OfThisSystemHasNothingMoreToReadWhenItTellsOfAChange) {
+    static int descriptor;
+    expectPassed(overEmptyRun([] {
+        startLoginManager();
+        descriptor = dup(0);
+        close(descriptor);
+        auto* watch = system().create("name", [](const void*, const void*, void*) {
+            pollfd session = {descriptor, POLLIN, 0};
+            _exit(poll(&session, 1, 0) == 0 ? 0 : 2);
+        });
         std::thread([] { sitDown(1); }).detach();
         system().run(watch);
     }));
