@@ -8,7 +8,6 @@
 #include "gp/Owned.h"
 #include "platform/HostPaths.h"
 #include "support/IdentityWorld.h"
-#include "support/LivingObjects.h"
 #include "support/Objects.h"
 
 #include <filesystem>
@@ -399,62 +398,5 @@ TEST_F(UserAuthTest, AnOverrideFileThatCannotBeWrittenIsAFailure) {
 }
 
 TEST_F(UserAuthTest, WithoutAnOverrideFileItsTextIsEmpty) { EXPECT_STREQ(UserAuth::printLDAPConfig(), ""); }
-
-// What is given back.
-
-TEST_F(UserAuthTest, NoQuestionLeavesAnObject) {
-    using testsupport::objectsLeftBy;
-    const auto asked = [this] {
-        return objectsLeftBy([] {
-            queryUserName("alice");
-            Owned<GPArray>::adopt(UserAuth::userGroups());
-            GPAutoReleasePool* inner = new GPAutoReleasePool;
-            UserAuth::netbiosNames(nullptr);
-            inner->drain();
-        });
-    };
-    EXPECT_EQ(asked(), 0);
-    tools.likewisePrints(likewiseStatus);
-    EXPECT_EQ(asked(), 0);
-}
-
-TEST_F(UserAuthTest, NoQuestionOfActiveDirectoryLeavesAnObject) {
-    tools.dsconfigadPrints("bound");
-    tools.dsclPrints("AuthenticationAuthority", netLogon);
-    tools.dsclPrints("memberOf", "dsAttrTypeNative:memberOf:\n CN=Staff,DC=x\n CN=Sales,DC=x\n");
-    EXPECT_EQ(testsupport::objectsLeftBy([] {
-                  auto* inner = new GPAutoReleasePool;
-                  queryUserName("alice");
-                  const auto list = Owned<GPArray>::adopt(UserAuth::userGroups());
-                  UserAuth::netbiosNames(list.get());
-                  inner->drain();
-              }),
-              0);
-}
-
-TEST_F(UserAuthTest, NoUseOfTheOverrideFileLeavesAnObject) {
-    EXPECT_EQ(testsupport::objectsLeftBy([] {
-                  auto* inner = new GPAutoReleasePool;
-                  UserAuth::createLdapConfFile("dc=x");
-                  UserAuth::printLDAPConfig();
-                  queryUserName("alice");
-                  Owned<GPArray>::adopt(UserAuth::userGroups());
-                  inner->drain();
-              }),
-              0);
-}
-
-TEST_F(UserAuthTest, AnLdapLookUpLeavesTheOneEntryOfTheFolderAlone) {
-    tools.configureLdap({"ldap.example.org.plist"});
-    tools.dsclPrints("distinguishedName", "distinguishedName: uid=alice,dc=y\n");
-    EXPECT_EQ(testsupport::objectsLeftBy([] {
-                  auto* inner = new GPAutoReleasePool;
-                  queryUserName("alice");
-                  Owned<GPArray>::adopt(UserAuth::userGroups());
-                  inner->drain();
-              }),
-              3)
-        << "entries of folders keep the reference of their creation, with two texts each";
-}
 
 } // namespace
