@@ -6,6 +6,7 @@
 #include "agent/OstComm.h"
 #include "agent/ResponseEntry.h"
 #include "agent/ResponseTable.h"
+#include "agent/UpdatePrompts.h"
 #include "agent/Updater.h"
 #include "config/Configuration.h"
 #include "gp/GPDate.h"
@@ -16,7 +17,9 @@
 #include "support/Await.h"
 #include "support/LivingObjects.h"
 #include "support/LoopbackPeer.h"
+#include "support/PlayedDialogs.h"
 #include "support/PlayedInterfaces.h"
+#include "support/PlayedUrlSession.h"
 #include "support/ScratchRoot.h"
 #include "support/Taken.h"
 
@@ -134,6 +137,14 @@ TEST_F(AgentOwnership, AReconnectLeavesTheOldSocketAndNothingElse) {
     const long before = livingObjects();
     reconnect(3);
     EXPECT_TRUE(comesTo(before + socket));
+}
+
+TEST_F(AgentOwnership, AnUpdateBesideARunningReaderLeavesNoObject) {
+    testsupport::PlayedUrlSession::install().endAll({"/tmp/fetched", 200, {}});
+    static testsupport::PlayedFileManager files;
+    files.install();
+    testsupport::PlayedDialogs::install().answerAll(platform::notificationDefaultResponse);
+    EXPECT_EQ(objectsLeftBy([] { updateThread(new THREADPARAMETERS("http://host/OstlerUpdate.dmg")); }), 0);
 }
 
 TEST(LinkOwnership, AnObjectOfTheLinkGivesItsTextsBackWhicheverWayItWasToldTheHost) {
