@@ -2,7 +2,6 @@
 
 #include "config/Configuration.h"
 #include "filter/FilterQuery.h"
-#include "filter/QueryCache.h"
 #include "gp/GPList.h"
 #include "gp/GPString.h"
 #include "support/CapturedLog.h"
@@ -116,15 +115,6 @@ TEST_F(FilterQueryLocks, AUrlWithNothingInFrontOfItsQueryStringIsNotLookedFor) {
     EXPECT_EQ(locksTakenBy([] { EXPECT_FALSE(FilterQuery::queryCache(nullptr)); }), Locks{});
     for (const char* url : {"?q=1", " ?", ""})
         EXPECT_EQ(locksTakenBy([url] { EXPECT_FALSE(cached(url)); }), Locks{}) << url;
-}
-
-TEST_F(FilterQueryLocks, TheQueryCacheFindsALiveEntryOfTheUrlWhateverItsQueryString) {
-    auto* cache = *reinterpret_cast<GPList**>(testsupport::programVariable("cache"));
-    cache->addObject(new QueryCacheEntry("http://a/", 10));
-    EXPECT_TRUE(cached("http://a/"));
-    EXPECT_TRUE(cached("http://a/?q=1"));
-    EXPECT_FALSE(cached("http://a/b"));
-    EXPECT_FALSE(cached("?http://a/"));
 }
 
 TEST_F(FilterQueryLocks, EachTableOfBlockedAddressesIsWalkedUnderALockOfItsOwn) {
