@@ -240,10 +240,9 @@ TEST_F(DaemonLocks, OfTheLinkIsHeldThroughAWholeReconnectAndAllCallersWaitAtIt) 
     request("one.example.org");
     daemon->changeConsoleUser("bob");
     EXPECT_TRUE(eventually([&] {
-        return waitersAt(agentLink.instanceMutex) ==
-               std::set<std::string>{"setUserLogonThread", "workThread"};
-    })) << testing::PrintToString(waitersAt(agentLink.instanceMutex));
-    EXPECT_TRUE(comesToHold(linkLock)) << testing::PrintToString(held());
+        return waitersAt(linkLock()) == std::set<std::string>{"setUserLogonThread", "workThread"};
+    })) << testing::PrintToString(waitersAt(linkLock()));
+    EXPECT_TRUE(comesToHold(reconnecting)) << testing::PrintToString(held());
 
     agent->listenAgain();
     EXPECT_EQ(agent->awaitFrame(1).body, R"({"url":"http://one.example.org/"})");
