@@ -13,8 +13,8 @@ constexpr std::int64_t second = 1000000;
 constexpr int mostRetries = 8;
 
 // Real milliseconds that the daemon has for an answer, and for a query's way there and back.
-constexpr int answerMilliseconds = 5000;
-constexpr int settleMilliseconds = 5000;
+constexpr int answerMilliseconds = 30000;
+constexpr int settleMilliseconds = 30000;
 
 // A connection without packets for that long is reported and forgotten.
 constexpr std::int64_t idleLimit = 300 * second;

@@ -32,8 +32,8 @@ using std::chrono::steady_clock;
 constexpr int slots = FilterQuery::queryThreads;
 
 // How long nothing may come to its end before the slots count as lost.
-constexpr std::chrono::seconds patience{10};
-constexpr int patienceMilliseconds = 10000;
+constexpr std::chrono::seconds patience{30};
+constexpr int patienceMilliseconds = 30000;
 
 // Operations that may be open in the pool, since each can have a thread on its way out; and questions between two moves
 // of time.

@@ -6,7 +6,7 @@ namespace lab {
 namespace {
 
 // How long the daemon may take to come, and how often that is looked at.
-constexpr int startMilliseconds = 10000;
+constexpr int startMilliseconds = 30000;
 constexpr int glanceMilliseconds = 100;
 
 } // namespace

@@ -20,6 +20,8 @@ int listenAt(const std::string& path) {
     address.sun_family = AF_UNIX;
     if (path.size() >= sizeof address.sun_path) throw std::runtime_error("the world's path is too long");
     path.copy(address.sun_path, path.size());
+    // What a process of the same number has left behind, which was killed.
+    unlink(path.c_str());
     const int listener = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
     if (listener < 0 || bind(listener, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
         listen(listener, 64) != 0)

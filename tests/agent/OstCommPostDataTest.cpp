@@ -4,6 +4,7 @@
 #include "support/AgentLinkWorld.h"
 #include "support/AnswerServer.h"
 #include "support/ManualClock.h"
+#include "support/Patience.h"
 #include "support/PlayedUrlSession.h"
 
 #include <gtest/gtest.h>
@@ -20,7 +21,7 @@ protected:
     OstCommPostDataTest() {
         world.startAgent();
         OstComm::Instance();
-        testsupport::ManualClock::installed().setEventWait(2000000, false);
+        testsupport::ManualClock::installed().setEventWait(testsupport::patienceMicroseconds, false);
     }
 
     static bool post(const std::string& url, std::string body) {

@@ -12,6 +12,7 @@
 #include "support/Await.h"
 #include "support/HeldLocks.h"
 #include "support/ManualClock.h"
+#include "support/Patience.h"
 #include "support/PlayedUrlSession.h"
 #include "support/ThreadStarts.h"
 
@@ -42,7 +43,7 @@ public:
     }
 
     std::string answer() {
-        if (future_.wait_for(std::chrono::seconds(5)) != std::future_status::ready) return "(still waiting)";
+        if (future_.wait_for(testsupport::patience) != std::future_status::ready) return "(still waiting)";
         return future_.get();
     }
 
@@ -88,7 +89,7 @@ protected:
 
     // Blocks until as many entries wait in the table.
     static void awaitEntries(int count) {
-        const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+        const auto end = std::chrono::steady_clock::now() + testsupport::patience;
         while (agentLink.responses().count() != count && std::chrono::steady_clock::now() < end)
             std::this_thread::yield();
         EXPECT_EQ(agentLink.responses().count(), count);

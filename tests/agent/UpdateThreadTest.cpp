@@ -10,6 +10,7 @@
 #include "support/Await.h"
 #include "support/LivingObjects.h"
 #include "support/ManualClock.h"
+#include "support/Patience.h"
 #include "support/PlayedDialogs.h"
 #include "support/PlayedUrlSession.h"
 #include "support/SettingsWorld.h"
@@ -81,7 +82,7 @@ protected:
     }
 
     // Blocks until the update thread has ended; whether it did within five seconds.
-    bool hasEnded() { return thread_.wait_for(std::chrono::seconds(5)) == std::future_status::ready; }
+    bool hasEnded() { return thread_.wait_for(testsupport::patience) == std::future_status::ready; }
 
     // Steps through the wait for the deadline: each time the thread sleeps its ten seconds pass.
     void passPolls(int count) {

@@ -25,7 +25,11 @@ protected:
     }
 
     // The commands of a program that writes down what it was given.
-    std::string listing() const { return std::string(testsupport::listDescriptors) + " > '" + file() + "'"; }
+    // The file is there once all of it is.
+    std::string listing() const {
+        return std::string(testsupport::listDescriptors) + " > '" + file() + ".new'; mv '" + file() +
+               ".new' '" + file() + "'";
+    }
 
     // What it has written down. The standard streams are the test's.
     DescriptorList given() const {

@@ -8,6 +8,7 @@
 #include "support/ArchitecturePage.h"
 #include "support/HeldLocks.h"
 #include "support/PacketBuilder.h"
+#include "support/Patience.h"
 #include "support/ProgramSymbols.h"
 
 #include <csignal>
@@ -142,6 +143,18 @@ protected:
         agent->awaitFrame(3);
     }
 
+    // While a thread waits for the agent, one more query and a signal wait for that thread.
+    void expectCallersToWaitForTheLinkThatIsMadeBy(const std::string& thread) {
+        const std::set<Holding> connecting = {{"OstComm instanceMutex", thread}};
+        EXPECT_TRUE(comesToHold(connecting)) << testing::PrintToString(held());
+        request("one.example.org");
+        daemon->signal(SIGTERM);
+        EXPECT_TRUE(eventually([&] {
+            return waitersAt(linkLock()) == std::set<std::string>{"signalThread", "workThread"};
+        })) << testing::PrintToString(waitersAt(linkLock()));
+        EXPECT_TRUE(comesToHold(connecting)) << testing::PrintToString(held());
+    }
+
     // From now on each write of the configuration file waits until it is let through.
     void stopWrites() const {
         fs::create_directories(fs::path(root.configurationFile()).parent_path());
@@ -216,16 +229,22 @@ TEST_F(DaemonLocks, AreAllFreeWhileAQueryWaitsForTheAgent) {
 
 TEST_F(DaemonLocks, OfTheLinkIsHeldThroughTheFirstConnectAndAllCallersWaitAtIt) {
     prepare(8, false).start();
-    ASSERT_TRUE(extension->waitForDaemon(5000));
-    const std::set<Holding> reconnecting = {{"OstComm instanceMutex", "setUserLogonThread"}};
-    EXPECT_TRUE(comesToHold(reconnecting)) << testing::PrintToString(held());
+    ASSERT_TRUE(extension->waitForDaemon(testsupport::patienceMilliseconds));
+    expectCallersToWaitForTheLinkThatIsMadeBy("setUserLogonThread");
+    agent = std::make_unique<testsupport::AgentStandIn>();
+    EXPECT_EQ(daemon->awaitEnd(), 0);
+}
 
-    request("one.example.org");
-    daemon->signal(SIGTERM);
-    EXPECT_TRUE(eventually([&] {
-        return waitersAt(linkLock()) == std::set<std::string>{"signalThread", "workThread"};
-    })) << testing::PrintToString(waitersAt(linkLock()));
-    EXPECT_TRUE(comesToHold(reconnecting)) << testing::PrintToString(held());
+TEST_F(DaemonLocks, OfTheLinkIsHeldThroughAWholeReconnectAndAllCallersWaitAtIt) {
+    startDaemon();
+    agent->awaitFrame(3);
+    agent->awaitFrame(3);
+    agent->stopListening();
+    agent->closeConnection();
+    expectCallersToWaitForTheLinkThatIsMadeBy("responseThread");
+    agent->listenAgain();
+    EXPECT_EQ(agent->awaitFrame().type, 3u);
+    EXPECT_EQ(daemon->awaitEnd(), 0);
 }
 
 TEST_F(DaemonLocks, OfTheLinkIsHeldThroughAWholeReconnectAndAllCallersWaitAtIt) {
@@ -276,6 +295,6 @@ TEST_F(DaemonLocks, OfTheServersIsHeldThroughTheReplacementOfTheListAndItsSave) 
     EXPECT_TRUE(comesToHold({{"FilterQuery mutex", "main"}, {"ConfigurationState mutex", "main"}}))
         << testing::PrintToString(held());
     EXPECT_NE(letWriteThrough(true).find("localhost"), std::string::npos);
-    EXPECT_TRUE(extension->waitForDaemon(5000));
+    EXPECT_TRUE(extension->waitForDaemon(testsupport::patienceMilliseconds));
     EXPECT_TRUE(comesToHold({})) << testing::PrintToString(held());
 }

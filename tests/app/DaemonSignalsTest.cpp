@@ -2,6 +2,7 @@
 
 #include "app/Daemon.h"
 #include "app/DaemonWorld.h"
+#include "support/Patience.h"
 
 #include <algorithm>
 #include <csignal>
@@ -125,7 +126,7 @@ TEST_F(DaemonSignals, ASignalWhileTheLinkWaitsForAnAgentWaitsWithIt) {
     if (!testsupport::macProgram().empty()) GTEST_SKIP() << "only this build's own locks can be listed";
     prepare(8, false).start();
     ASSERT_TRUE(daemon->awaitLog("OstComm setUserLogonCommand socket send failed"));
-    ASSERT_TRUE(extension->waitForDaemon(5000));
+    ASSERT_TRUE(extension->waitForDaemon(testsupport::patienceMilliseconds));
     daemon->signal(SIGINT);
     EXPECT_TRUE(testsupport::eventually([&] { return daemon->locks().waitingFor(linkLock()).size() == 1; }));
     EXPECT_TRUE(daemon->running());
@@ -135,7 +136,7 @@ TEST_F(DaemonSignals, ASignalWhileTheLinkWaitsForAnAgentWaitsWithIt) {
 TEST_F(DaemonSignals, PacketsOfBothDirectionsGetVerdictsWhileTheHandlerWaitsForTheLink) {
     if (!testsupport::macProgram().empty()) GTEST_SKIP() << "only this build's own locks can be listed";
     prepare(8, false).start();
-    ASSERT_TRUE(extension->waitForDaemon(5000));
+    ASSERT_TRUE(extension->waitForDaemon(testsupport::patienceMilliseconds));
     for (int signal : {SIGTERM, SIGINT}) {
         daemon->signal(signal);
         ASSERT_TRUE(

@@ -4,6 +4,7 @@
 #include "app/DaemonWorld.h"
 #include "platform/ByteOrder.h"
 #include "support/PacketBuilder.h"
+#include "support/Patience.h"
 #include "support/ShippedProgram.h"
 
 #include <gtest/gtest.h>
@@ -60,7 +61,7 @@ protected:
         prepare();
         agent->answerPolicy([](const std::string&) { return "{}"; });
         daemon->start("the first");
-        ASSERT_TRUE(extension->waitForDaemon(5000));
+        ASSERT_TRUE(extension->waitForDaemon(testsupport::patienceMilliseconds));
         agent->awaitFrame(3);
         agent->awaitFrame(3);
         for (lab::Direction direction : {lab::Direction::in, lab::Direction::out})

@@ -2,6 +2,7 @@
 
 #include "app/DaemonWorld.h"
 #include "platform/ByteOrder.h"
+#include "support/Patience.h"
 
 #include <algorithm>
 #include <cstdint>
@@ -175,7 +176,7 @@ TEST_F(DaemonTest, WithNobodyAtTheConsoleTheLinkIsMadeByTheFirstLogin) {
 
 TEST_F(DaemonTest, BothDirectionsAreAnsweredWhileTheAgentIsAbsent) {
     prepare(8, false).start();
-    ASSERT_TRUE(extension->waitForDaemon(5000));
+    ASSERT_TRUE(extension->waitForDaemon(testsupport::patienceMilliseconds));
     EXPECT_TRUE(answers(lab::Direction::in));
     EXPECT_TRUE(answers(lab::Direction::out));
     EXPECT_TRUE(daemon->awaitLog("OstComm setUserLogonCommand socket send failed"));

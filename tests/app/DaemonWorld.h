@@ -10,6 +10,7 @@
 #include "support/DirectoryTools.h"
 #include "support/Eventually.h"
 #include "support/PacketBuilder.h"
+#include "support/Patience.h"
 #include "support/ProgramSymbols.h"
 #include "support/ScratchRoot.h"
 #include "support/ShippedProgram.h"
@@ -40,7 +41,7 @@ protected:
     // The daemon with this user at the console, until both listeners are there.
     testsupport::DaemonProcess& startDaemon(const std::string& consoleUser = "alice") {
         prepare().start(consoleUser);
-        EXPECT_TRUE(extension->waitForDaemon(5000)) << daemon->output();
+        EXPECT_TRUE(extension->waitForDaemon(testsupport::patienceMilliseconds)) << daemon->output();
         return *daemon;
     }
 
@@ -63,7 +64,7 @@ protected:
     // Whether a packet without a URL passes through the listener of that direction.
     bool answers(lab::Direction direction) {
         const std::vector<char> packet = {0x45, 0, 0, 20, 0, 0, 0, 0, 64, 17, 0, 0, 10, 0, 0, 2, 10, 0, 0, 9};
-        const auto result = extension->present(direction, packet, 5000);
+        const auto result = extension->present(direction, packet, testsupport::patienceMilliseconds);
         return result && result->result == resultPass;
     }
 
@@ -73,7 +74,8 @@ protected:
                                        .payload("GET / HTTP/1.1\r\nHost: " + host + "\r\n\r\n")
                                        .bytes();
         const auto result =
-            extension->present(lab::Direction::out, std::vector<char>(packet.begin(), packet.end()), 5000);
+            extension->present(lab::Direction::out, std::vector<char>(packet.begin(), packet.end()),
+                               testsupport::patienceMilliseconds);
         ASSERT_TRUE(result);
         EXPECT_EQ(result->result, resultHold);
     }

@@ -8,6 +8,7 @@
 #include "support/LoopbackPeer.h"
 #include "support/ManualClock.h"
 #include "support/Objects.h"
+#include "support/Patience.h"
 #include "support/PlayedNames.h"
 #include "support/SettingsWorld.h"
 
@@ -65,7 +66,7 @@ protected:
     NetworkedSettings() {
         names_.install();
         names_.answer("127.0.0.1", AF_INET, {"127.0.0.1"});
-        testsupport::ManualClock::installed().setEventWait(5000000, false);
+        testsupport::ManualClock::installed().setEventWait(testsupport::patienceMicroseconds, false);
     }
 
 private:

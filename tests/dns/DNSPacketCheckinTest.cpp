@@ -12,6 +12,7 @@
 #include "support/LivingObjects.h"
 #include "support/ManualClock.h"
 #include "support/NetworkNamespace.h"
+#include "support/Patience.h"
 #include "support/TestChild.h"
 #include "support/WebServer.h"
 
@@ -33,7 +34,7 @@ class DnsCheckin : public testsupport::DnsWorld {
 protected:
     DnsCheckin() {
         std::signal(SIGPIPE, SIG_IGN);
-        ManualClock::installed().setEventWait(5000000, false);
+        ManualClock::installed().setEventWait(testsupport::patienceMicroseconds, false);
         givenFile("<Fernhill><MachineUUID>0123-4567</MachineUUID></Fernhill>");
         Configuration::loadConfig();
         for (const char* host : {"127.0.0.1", "server.test"})
@@ -320,7 +321,7 @@ class DnsCheckinAlone : public testsupport::DnsWorld {};
 
 TEST_F(DnsCheckinAlone, WithoutTheTableOfAddressesAFetchTakesNoRowAndLeavesTheHostsFile) {
     std::signal(SIGPIPE, SIG_IGN);
-    ManualClock::installed().setEventWait(5000000, false);
+    ManualClock::installed().setEventWait(testsupport::patienceMicroseconds, false);
     givenFile("<Fernhill><MachineUUID>0123-4567</MachineUUID></Fernhill>");
     Configuration::loadConfig();
     givenName("127.0.0.1", "127.0.0.1");
@@ -378,7 +379,7 @@ protected:
 private:
     // Blocks until the thread has gone to sleep as often as it should have.
     void awaitSleep() {
-        const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+        const auto limit = std::chrono::steady_clock::now() + testsupport::patience;
         while (ManualClock::installed().sleptMicroseconds() != slept_ * 1000000) {
             ASSERT_LT(std::chrono::steady_clock::now(), limit) << "the thread sleeps otherwise";
             std::this_thread::yield();

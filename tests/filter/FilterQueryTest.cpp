@@ -7,6 +7,7 @@
 #include "support/AgentLinkWorld.h"
 #include "support/ManualClock.h"
 #include "support/PacketBuilder.h"
+#include "support/Patience.h"
 
 #include <gtest/gtest.h>
 #include <sys/socket.h>
@@ -42,7 +43,7 @@ public:
     HijackPacket* record() { return HijackPacket::find(packet_.packet()); }
 
     void awaitAnswer() {
-        const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+        const auto end = std::chrono::steady_clock::now() + testsupport::patience;
         HijackPacket* found = record();
         while (found && !found->isResolved() && std::chrono::steady_clock::now() < end) {
             std::this_thread::yield();

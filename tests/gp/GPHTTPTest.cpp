@@ -174,10 +174,17 @@ TEST_F(GPHTTPRequest, ASecondRunReplacesTheAnswerButKeepsCodeAndHeadersUntilSetU
     EXPECT_EQ(request.responseCode(), 0);
 }
 
+// The wait for room for the request and the one for the answer end with what they wait for; any other plays its whole
+// limit in no time.
+void keepWaitingForOneAnswer() {
+    ManualClock::installed().setEventWait(0, true);
+    ManualClock::installed().keepWaiting(2);
+}
+
 TEST_F(GPHTTPRequest, ASilentServerEndsTheReadingWithWhatHasCome) {
-    ManualClock::installed().setEventWait(100000, true);
     const auto before = ManualClock::installed().seconds();
     AnswerServer server({"HTTP/1.1 200 OK\r\n\r\npart"}, AnswerServer::Afterwards::stalls);
+    keepWaitingForOneAnswer();
     GPHTTP request(server.url("/").c_str());
     request.setTimeout(7);
     request.startSync();
@@ -287,9 +294,9 @@ TEST_F(GPHTTPRequest, DownloadFileReplacesTheFileWithTheBodysBytes) {
 }
 
 TEST_F(GPHTTPRequest, DownloadFileWaitsTwentySeconds) {
-    ManualClock::installed().setEventWait(100000, true);
     const testsupport::TemporaryFolder folder;
     AnswerServer server({"HTTP/1.1 200 OK\r\n\r\npart"}, AnswerServer::Afterwards::stalls);
+    keepWaitingForOneAnswer();
     auto* pool = new GPAutoReleasePool;
     const auto before = ManualClock::installed().seconds();
     EXPECT_TRUE(GPHTTP::downloadFile(server.url("/").c_str(), folder.file("f").c_str()));

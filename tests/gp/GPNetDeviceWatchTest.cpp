@@ -2,6 +2,7 @@
 
 #include "gp/GPNetDevice.h"
 #include "gp/GPThread.h"
+#include "support/Patience.h"
 #include "support/PlayedNetworkChanges.h"
 
 #include <gtest/gtest.h>
@@ -32,7 +33,7 @@ struct Calls {
 
     void waitFor(std::size_t count) {
         std::unique_lock<std::mutex> lock(mutex);
-        ASSERT_TRUE(moved.wait_for(lock, std::chrono::seconds(5), [&] { return threads.size() >= count; }));
+        ASSERT_TRUE(moved.wait_for(lock, testsupport::patience, [&] { return threads.size() >= count; }));
     }
 };
 

@@ -5,6 +5,7 @@
 #include "gp/Owned.h"
 #include "support/LoopbackPeer.h"
 #include "support/ManualClock.h"
+#include "support/Patience.h"
 #include "support/TestChild.h"
 
 #include <gtest/gtest.h>
@@ -36,7 +37,7 @@ void describeClient(GPSockets* client) {
 }
 
 void serve(int port, void (*callback)(GPSockets*), int count) {
-    ManualClock::installed().setEventWait(5000000, false);
+    ManualClock::installed().setEventWait(testsupport::patienceMicroseconds, false);
     GPSockets listener;
     listener.setPort(port);
     listener.listenConnection(callback, count);
@@ -116,7 +117,7 @@ TEST(GPSocketsListener, AnAddressOfAnotherMachineCannotBeBound) {
 TEST(GPSocketsListener, AcceptedClientsTakeTheListenersTlsSetting) {
     const int port = freePort();
     const EndlessChild server([port] {
-        ManualClock::installed().setEventWait(5000000, false);
+        ManualClock::installed().setEventWait(testsupport::patienceMicroseconds, false);
         GPSockets listener(port, "127.0.0.1");
         listener.setUseSSL(true);
         listener.listenConnection(

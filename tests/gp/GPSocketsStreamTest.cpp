@@ -8,6 +8,7 @@
 #include "support/CapturedLog.h"
 #include "support/LoopbackPeer.h"
 #include "support/ManualClock.h"
+#include "support/Patience.h"
 #include "support/TestChild.h"
 
 #include <gtest/gtest.h>
@@ -46,24 +47,27 @@ protected:
         descriptor_ = mine_.descriptor();
         fcntl(descriptor_, F_SETFL, O_NONBLOCK);
         socket_.openConnection(mine_.handOver());
-        waitsLastAtMost(5000000);
+        waitsLastAtMost(testsupport::patienceMicroseconds);
     }
 
     static void waitsLastAtMost(std::int64_t realMicroseconds, bool movesTime = false) {
         ManualClock::installed().setEventWait(realMicroseconds, movesTime);
     }
 
-    // Sends until the connection takes no more.
+    // Sends until the connection takes no more, nor comes to do so: what is on its way makes room when it arrives.
     void fillTheConnection() {
         const std::string block(65536, 'x');
-        while (socket_.send(block.data(), static_cast<int>(block.size())))
-            filled_ += block.size();
+        pollfd room{descriptor_, POLLOUT, 0};
+        do {
+            while (socket_.send(block.data(), static_cast<int>(block.size())))
+                filled_ += block.size();
+        } while (poll(&room, 1, 100) > 0);
     }
 
     // Until what the peer sent or did has arrived.
     void waitForTheFirstByte() {
         pollfd arrived{descriptor_, POLLIN, 0};
-        poll(&arrived, 1, 5000);
+        poll(&arrived, 1, testsupport::patienceMilliseconds);
     }
 
     Peer mine_;
@@ -178,7 +182,7 @@ TEST_F(GPSocketsConnected, ABrokenConnectionLeavesItsErrno) {
 }
 
 TEST(GPSockets, AReadEventWithNoBytesIsReadAsNothing) {
-    ManualClock::installed().setEventWait(5000000, false);
+    ManualClock::installed().setEventWait(testsupport::patienceMicroseconds, false);
     Peer receiver(::socket(AF_INET, SOCK_DGRAM, 0));
     sockaddr_in address{};
     address.sin_family = AF_INET;
@@ -215,7 +219,7 @@ TEST_F(GPSocketsConnected, AReadDropsTheWriteEventThatATimedOutWriteLeftBehind) 
     fillTheConnection();
     waitsLastAtMost(0);
     EXPECT_FALSE(socket_.writeData("more", 4));
-    waitsLastAtMost(5000000);
+    waitsLastAtMost(testsupport::patienceMicroseconds);
     peer_.read(filled_);
     peer_.send("reply");
     EXPECT_EQ(readText(socket_), "reply");

@@ -3,6 +3,7 @@
 #include "support/CapturedLog.h"
 #include "support/LoopbackPeer.h"
 #include "support/ManualClock.h"
+#include "support/Patience.h"
 #include "support/PlayedNames.h"
 #include "support/TestChild.h"
 
@@ -32,7 +33,7 @@ protected:
         signal(SIGPIPE, SIG_IGN);
         names_.answer("agent.test", AF_INET, {"127.0.0.1"});
         names_.install();
-        ManualClock::installed().setEventWait(5000000, false);
+        ManualClock::installed().setEventWait(testsupport::patienceMicroseconds, false);
     }
 
     CapturedLog log_;

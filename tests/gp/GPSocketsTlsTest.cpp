@@ -5,6 +5,7 @@
 #include "support/CapturedLog.h"
 #include "support/LoopbackPeer.h"
 #include "support/ManualClock.h"
+#include "support/Patience.h"
 #include "support/PlayedNames.h"
 #include "support/TlsServer.h"
 
@@ -154,7 +155,7 @@ protected:
         signal(SIGPIPE, SIG_IGN);
         names_.answer("server.test", AF_INET, {"127.0.0.1"});
         names_.install();
-        ManualClock::installed().setEventWait(5000000, false);
+        ManualClock::installed().setEventWait(testsupport::patienceMicroseconds, false);
         testsupport::trustNobody();
     }
 

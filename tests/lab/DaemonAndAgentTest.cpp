@@ -3,6 +3,7 @@
 #include "filter/FilterQuery.h"
 #include "lab/LabCaptures.h"
 #include "lab/LabStage.h"
+#include "support/Patience.h"
 
 #include <gtest/gtest.h>
 
@@ -28,7 +29,8 @@ void expectTrafficGoesOn(LabStage& stage) {
     EXPECT_EQ(stage.present(Talk(40000).out(labtest::syn)), pass);
     EXPECT_EQ(stage.present(Talk(40000, true).out(labtest::ack)), pass);
     const std::string packet = Talk(40000).in(labtest::synAck);
-    const auto inbound = stage.extension().present(lab::Direction::in, {packet.begin(), packet.end()}, 5000);
+    const auto inbound = stage.extension().present(lab::Direction::in, {packet.begin(), packet.end()},
+                                                   testsupport::patienceMilliseconds);
     ASSERT_TRUE(inbound.has_value());
     EXPECT_EQ(inbound->result, pass);
 }

@@ -5,6 +5,7 @@
 #include "lab/RootFolder.h"
 #include "platform/HostPaths.h"
 #include "platform/KernelControl.h"
+#include "support/Patience.h"
 
 #include <gtest/gtest.h>
 
@@ -43,7 +44,7 @@ protected:
     void connectBoth() {
         in_ = connected("twFernhill_inkext");
         out_ = connected("twFernhill_outkext");
-        ASSERT_TRUE(extension_.waitForDaemon(5000));
+        ASSERT_TRUE(extension_.waitForDaemon(testsupport::patienceMilliseconds));
     }
 
     static std::string receive(int socket) {
@@ -126,7 +127,7 @@ TEST_F(ExtensionStandInTest, ARecordIsAHeaderOf24BytesAndThePacketInOneMessage) 
         record = receive(out_);
         answer(out_, record, 2);
     });
-    const auto result = extension_.present(Direction::out, packet, 5000);
+    const auto result = extension_.present(Direction::out, packet, testsupport::patienceMilliseconds);
     daemon.join();
     ASSERT_TRUE(result.has_value());
     EXPECT_EQ(result->result, 2);
@@ -156,7 +157,9 @@ TEST_F(ExtensionStandInTest, NoRecordIsLargerThanTheDaemonReceives) {
         record = receive(out_);
         answer(out_, record, 0);
     });
-    EXPECT_TRUE(extension_.present(Direction::out, std::vector<char>(65575, 'x'), 5000).has_value());
+    EXPECT_TRUE(
+        extension_.present(Direction::out, std::vector<char>(65575, 'x'), testsupport::patienceMilliseconds)
+            .has_value());
     daemon.join();
     EXPECT_EQ(record.size(), 65535u);
 }
@@ -170,7 +173,7 @@ TEST_F(ExtensionStandInTest, AnAnswerThatComesTooLateIsPassedOver) {
         answer(out_, late, 1);
         answer(out_, record, 3);
     });
-    const auto result = extension_.present(Direction::out, packet, 5000);
+    const auto result = extension_.present(Direction::out, packet, testsupport::patienceMilliseconds);
     daemon.join();
     ASSERT_TRUE(result.has_value());
     EXPECT_EQ(result->result, 3);
@@ -181,7 +184,7 @@ TEST_F(ExtensionStandInTest, ADaemonThatHasGoneIsToldAtOnce) {
     connectBoth();
     EXPECT_TRUE(extension_.connected());
     close(out_);
-    EXPECT_FALSE(extension_.present(Direction::out, packet, 5000).has_value());
+    EXPECT_FALSE(extension_.present(Direction::out, packet, testsupport::patienceMilliseconds).has_value());
     EXPECT_FALSE(extension_.connected());
 }
 

@@ -1,6 +1,7 @@
 #include "lab/LabRun.h"
 
 #include "support/FixedPorts.h"
+#include "support/Patience.h"
 #include "support/ShippedProgram.h"
 
 #include <gtest/gtest.h>
@@ -66,7 +67,7 @@ LabRun runLab(const std::vector<std::string>& arguments, const std::function<voi
 }
 
 pid_t awaitChildOf(pid_t parent) {
-    const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+    const auto limit = std::chrono::steady_clock::now() + testsupport::patience;
     while (std::chrono::steady_clock::now() < limit) {
         std::error_code ignored;
         for (const fs::directory_entry& entry : fs::directory_iterator("/proc", ignored)) {

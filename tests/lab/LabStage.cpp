@@ -8,6 +8,7 @@
 #include "platform/NetworkChanges.h"
 #include "platform/UserDialog.h"
 #include "support/FixedPorts.h"
+#include "support/Patience.h"
 #include "support/ShippedProgram.h"
 
 #include <gtest/gtest.h>
@@ -17,8 +18,6 @@
 
 namespace labtest {
 namespace {
-
-constexpr int patience = 5000; // milliseconds
 
 template <class Service>
 void reinstall(Service& service) {
@@ -59,13 +58,13 @@ void LabStage::passTime(std::int64_t microseconds) {
 }
 
 int LabStage::present(const std::string& packet) {
-    const auto result =
-        stage_.extension.present(lab::Direction::out, {packet.begin(), packet.end()}, patience);
+    const auto result = stage_.extension.present(lab::Direction::out, {packet.begin(), packet.end()},
+                                                 testsupport::patienceMilliseconds);
     return result ? result->result : -1;
 }
 
 int LabStage::presentUntilDecided(const std::string& packet) {
-    const auto limit = std::chrono::steady_clock::now() + std::chrono::milliseconds(patience);
+    const auto limit = std::chrono::steady_clock::now() + testsupport::patience;
     int result = present(packet);
     while (result == hold && std::chrono::steady_clock::now() < limit) {
         passTime(1000);
@@ -75,12 +74,13 @@ int LabStage::presentUntilDecided(const std::string& packet) {
 }
 
 void LabStage::awaitQuestions(long count) {
-    EXPECT_TRUE(
-        agent().waitUntil([&](const auto& counters) { return counters.questions >= count; }, patience));
+    EXPECT_TRUE(agent().waitUntil([&](const auto& counters) { return counters.questions >= count; },
+                                  testsupport::patienceMilliseconds));
 }
 
 void LabStage::awaitLogons(long count) {
-    EXPECT_TRUE(agent().waitUntil([&](const auto& counters) { return counters.logons >= count; }, patience));
+    EXPECT_TRUE(agent().waitUntil([&](const auto& counters) { return counters.logons >= count; },
+                                  testsupport::patienceMilliseconds));
 }
 
 } // namespace labtest

@@ -2,6 +2,7 @@
 
 #include "platform/ByteOrder.h"
 #include "support/FixedPorts.h"
+#include "support/Patience.h"
 
 #include <gtest/gtest.h>
 
@@ -20,8 +21,6 @@ namespace {
 
 using lab::Policy;
 using lab::PolicyAgent;
-
-constexpr int patience = 5000;
 
 // The daemon's end of a connection to the stand-in.
 class Client {
@@ -78,7 +77,7 @@ private:
     bool receive() {
         char buffer[4096];
         pollfd waiting{socket_, POLLIN, 0};
-        if (poll(&waiting, 1, patience) != 1) return false;
+        if (poll(&waiting, 1, testsupport::patienceMilliseconds) != 1) return false;
         const ssize_t count = recv(socket_, buffer, sizeof buffer, 0);
         if (count <= 0) return false;
         received_.append(buffer, static_cast<std::size_t>(count));
@@ -101,7 +100,8 @@ protected:
     }
 
     bool awaitQuestions(long count) {
-        return agent_->waitUntil([&](const auto& counters) { return counters.questions >= count; }, patience);
+        return agent_->waitUntil([&](const auto& counters) { return counters.questions >= count; },
+                                 testsupport::patienceMilliseconds);
     }
 
     std::unique_ptr<PolicyAgent> agent_;
@@ -239,7 +239,8 @@ TEST_F(PolicyAgentTest, QuestionsThatWaitAreCounted) {
     EXPECT_EQ(client_->frame().substr(0, 2), "5 ");
     client_->ask(1, "http://a/");
     client_->ask(2, "http://b/");
-    EXPECT_TRUE(agent_->waitUntil([](const auto& counters) { return counters.deferred == 2; }, patience));
+    EXPECT_TRUE(agent_->waitUntil([](const auto& counters) { return counters.deferred == 2; },
+                                  testsupport::patienceMilliseconds));
     EXPECT_EQ(agent_->counters().questions, 0);
     agent_->answerDeferred();
     EXPECT_EQ(client_->frame(), "1 1 {}");
@@ -295,7 +296,8 @@ TEST_F(PolicyAgentTest, TheLinkCountsAsLinkedFromItsLogonToItsEnd) {
     start("drop *");
     EXPECT_FALSE(agent_->counters().linked);
     client_->logOn();
-    EXPECT_TRUE(agent_->waitUntil([](const auto& counters) { return counters.linked; }, patience));
+    EXPECT_TRUE(agent_->waitUntil([](const auto& counters) { return counters.linked; },
+                                  testsupport::patienceMilliseconds));
     client_->ask(1, "http://a/");
     EXPECT_EQ(client_->frame(), "closed");
     EXPECT_FALSE(agent_->counters().linked);

@@ -41,6 +41,15 @@ protected:
         return runLab(arguments);
     }
 
+    // One that takes the lab far longer than it takes a test to kill the daemon.
+    void givenALongCapture() const {
+        CaptureWriter writer(capture_);
+        for (int i = 0; i < longCapture; ++i)
+            addExchange(writer, i, Talk(10000 + i % 50000), "no request at all");
+    }
+
+    static constexpr int longCapture = 3000; // exchanges
+
     // Nothing but one line on standard error that begins so, and status 2.
     static void expectRefused(const LabRun& run, const std::string& beginning) {
         EXPECT_EQ(run.status, 2);
@@ -165,12 +174,7 @@ TEST_F(ReplayCommandTest, OutputThatCannotBeWrittenIsRefused) {
 }
 
 TEST_F(ReplayCommandTest, ADaemonThatDiesEndsTheReplayWithStatus1AndARowForEachPacket) {
-    constexpr int exchanges = 3000;
-    {
-        CaptureWriter writer(capture_);
-        for (int i = 0; i < exchanges; ++i)
-            addExchange(writer, i, Talk(10000 + i % 50000), "no request at all");
-    }
+    givenALongCapture();
     const std::string json = folder_.file("json");
     const LabRun run = runLab({"replay", capture_, "--policy", policy_, "--json", json}, [&](pid_t lab) {
         const pid_t daemon = labtest::awaitChildOf(lab);
@@ -185,11 +189,12 @@ TEST_F(ReplayCommandTest, ADaemonThatDiesEndsTheReplayWithStatus1AndARowForEachP
     EXPECT_EQ(run.status, 1);
     EXPECT_EQ(run.err.rfind("fernhill-lab: the daemon has ended (signal 9); it wrote:\n", 0), 0u) << run.err;
     const auto rows = linesOf(readAll(json));
-    EXPECT_EQ(rows.size(), exchanges * 6u);
+    EXPECT_EQ(rows.size(), longCapture * 6u);
     EXPECT_NE(rows.back().find(R"("result":null,"presented":0)"), std::string::npos) << rows.back();
 }
 
 TEST_F(ReplayCommandTest, ADaemonThatDiesAtTheStartEndsTheReplayWithStatus1) {
+    givenALongCapture();
     const LabRun run = runLab({"replay", capture_, "--policy", policy_}, [](pid_t lab) {
         const pid_t daemon = labtest::awaitChildOf(lab);
         ASSERT_NE(daemon, 0);

@@ -5,6 +5,7 @@
 #include "lab/PlayedClock.h"
 #include "lab/Policy.h"
 #include "lab/RootFolder.h"
+#include "lab/WorldServer.h"
 
 #include "support/ForkedChild.h"
 #include "support/TemporaryFolder.h"
@@ -156,6 +157,12 @@ TEST(RootFolder, TheOutputsTailIsItsLast2000Bytes) {
     EXPECT_EQ(root.outputTail(), "");
     testsupport::writeAll(root.output(), std::string(3000, 'a') + "end");
     EXPECT_EQ(root.outputTail(), std::string(1997, 'a') + "end");
+}
+
+TEST(WorldServer, TakesThePlaceOfWhatAKilledProcessOfTheSameNumberLeftBehind) {
+    const testsupport::TemporaryFolder folder;
+    testsupport::writeAll(folder.file("world"), "");
+    EXPECT_NO_THROW(lab::WorldServer(folder.file("world")));
 }
 
 } // namespace

@@ -3,6 +3,7 @@
 #include "platform/Clock.h"
 #include "support/LoopbackPeer.h"
 #include "support/ManualClock.h"
+#include "support/Patience.h"
 
 #include <gtest/gtest.h>
 
@@ -47,7 +48,7 @@ protected:
 
     // Waits with a limit that only a broken system reaches.
     int waitLong(const KEvent& wanted) {
-        ManualClock::installed().setEventWait(5000000, false);
+        ManualClock::installed().setEventWait(testsupport::patienceMicroseconds, false);
         const int count = kevent(queue_, &wanted, &event_, 1, 5);
         ManualClock::installed().setEventWait(0, false);
         return count;
@@ -122,7 +123,7 @@ TEST_F(EventQueue, AClearedEventComesAgainForNewBytes) {
     other_.send("abc");
     ASSERT_EQ(waitLong(change(mine_.descriptor(), EVFILT_READ, EV_ADD | EV_CLEAR)), 1);
     other_.send("de");
-    ManualClock::installed().setEventWait(5000000, false);
+    ManualClock::installed().setEventWait(testsupport::patienceMicroseconds, false);
     ASSERT_EQ(waitShortly(nullptr), 1);
     EXPECT_EQ(event_.data, 5);
 }

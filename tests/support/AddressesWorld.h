@@ -7,6 +7,7 @@
 #include "gp/Owned.h"
 #include "support/ManualClock.h"
 #include "support/Objects.h"
+#include "support/Patience.h"
 #include "support/PlayedNames.h"
 #include "support/SettingsWorld.h"
 
@@ -34,10 +35,10 @@ public:
         moved_.notify_all();
     }
 
-    // Blocks until that many look-ups have come to the gate in all; false after five real seconds.
+    // Blocks until that many look-ups have come to the gate in all; false after the tests' patience.
     bool waitForArrivals(int count) {
         std::unique_lock lock(mutex_);
-        return moved_.wait_for(lock, std::chrono::seconds(5), [&] { return arrived_ >= count; });
+        return moved_.wait_for(lock, patience, [&] { return arrived_ >= count; });
     }
 
     bool gethostbyname2(const char* name, int family, platform::HostEntry& entry) override {
@@ -79,15 +80,15 @@ protected:
         return Owned<FilterIPAddresses>::adopt(FilterIPAddresses::getCurrentIPAddresses());
     }
 
-    // Blocks until the threads have begun sleeps of that many seconds in all; false after five real seconds.
+    // Blocks until the threads have begun sleeps of that many seconds in all; false after the tests' patience.
     static bool waitUntilSlept(std::int64_t seconds) {
         return waitUntil([=] { return ManualClock::installed().sleptMicroseconds() >= seconds * 1000000; });
     }
 
-    // Blocks until the condition holds; false after five real seconds.
+    // Blocks until the condition holds; false after the tests' patience.
     template <class Condition>
     static bool waitUntil(Condition condition) {
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+        const auto deadline = std::chrono::steady_clock::now() + patience;
         while (!condition()) {
             if (std::chrono::steady_clock::now() > deadline) return false;
             std::this_thread::yield();

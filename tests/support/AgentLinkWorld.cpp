@@ -3,6 +3,7 @@
 #include "agent/AgentLink.h"
 #include "support/FixedPorts.h"
 #include "support/ManualClock.h"
+#include "support/Patience.h"
 
 #include <gtest/gtest.h>
 #include <sys/socket.h>
@@ -63,7 +64,7 @@ void AgentLinkWorld::holdReaderBack() {
 }
 
 void AgentLinkWorld::awaitLog(const std::string& text) const {
-    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+    const auto end = std::chrono::steady_clock::now() + patience;
     while (log.countContaining(text) == 0) {
         if (std::chrono::steady_clock::now() > end) {
             ADD_FAILURE() << "not logged: " << text;

@@ -32,7 +32,7 @@ public:
     // no longer pass at once. Before the link is made.
     void holdReaderBack();
 
-    // Blocks until the log holds a message with `text` in it; the test fails after five seconds.
+    // Blocks until the log holds a message with `text` in it; the test fails when it does not come.
     void awaitLog(const std::string& text) const;
 
     static constexpr char uuid[] = "11111111-2222-3333-4444-555555555555";

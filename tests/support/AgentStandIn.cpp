@@ -3,6 +3,7 @@
 #include "agent/OstComm.h"
 #include "platform/ClosedOnExec.h"
 #include "support/FixedPorts.h"
+#include "support/Patience.h"
 
 #include <gtest/gtest.h>
 #include <poll.h>
@@ -14,8 +15,6 @@
 
 namespace testsupport {
 namespace {
-
-constexpr auto patience = std::chrono::seconds(5);
 
 int makeListener() {
     const int listener = platform::closedOnExecSocket(AF_INET, SOCK_STREAM, 0);

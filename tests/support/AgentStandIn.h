@@ -33,15 +33,15 @@ public:
     // Answers type 1 frames by itself from now on, on a thread of its own.
     void answerPolicy(Policy policy);
 
-    // The next frame that was not asked for yet, or the next one of that type with the others dropped. After
-    // five seconds without one the test fails and the frame is empty.
+    // The next frame that was not asked for yet, or the next one of that type with the others dropped. When
+    // none comes the test fails and the frame is empty.
     Frame awaitFrame();
     Frame awaitFrame(std::uint32_t type);
 
-    // Blocks until so many connections have been accepted in all; the test fails after five seconds.
+    // Blocks until so many connections have been accepted in all; the test fails when it does not come.
     void awaitConnections(int count);
 
-    // Blocks until the daemon has ended a connection of its own accord; the test fails after five seconds.
+    // Blocks until the daemon has ended a connection of its own accord; the test fails when it does not come.
     void awaitDisconnect();
 
     // The bytes of a frame with a right length, or with the one given.

@@ -3,12 +3,15 @@
 #include "gp/GPLog.h"
 
 #include <algorithm>
+#include <list>
 
 namespace testsupport {
 
 CapturedLog::CapturedLog() {
     setLogName("captured");
-    setLogDirectory(folder_.path().c_str());
+    // The text stays: a thread that the test has left behind may log at any time.
+    static auto& texts = *new std::list<std::string>;
+    setLogDirectory(texts.emplace_back(folder_.path()).c_str());
 }
 
 CapturedLog::~CapturedLog() { setLogDirectory("/nonexistent"); }

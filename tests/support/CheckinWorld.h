@@ -6,6 +6,7 @@
 #include "config/FilterCheck.h"
 #include "support/CheckinService.h"
 #include "support/ManualClock.h"
+#include "support/Patience.h"
 #include "support/PlayedInterfaces.h"
 #include "support/PlayedNames.h"
 #include "support/SettingsWorld.h"
@@ -19,7 +20,7 @@ class CheckinWorld : public SettingsWorld {
 protected:
     CheckinWorld() {
         signal(SIGPIPE, SIG_IGN);
-        ManualClock::installed().setEventWait(5000000, false);
+        ManualClock::installed().setEventWait(patienceMicroseconds, false);
         names.install();
         interfaces.install();
         interfaces.show(EntryBuilder().link("en0", hardwareAddress).ipv4("en0", "10.0.0.2"));

@@ -35,7 +35,7 @@ public:
 
     bool running();
 
-    // Waits for the end; the exit status, or -1 for another end or none within five seconds.
+    // Waits for the end; the exit status, or -1 for another end or none.
     int awaitEnd();
 
     // What it has printed; standard output is only complete after the end.
@@ -45,7 +45,7 @@ public:
     std::vector<std::string> log() const;
     std::vector<std::string> mainLog() const;
 
-    // Whether some message contains the text, or comes to do so within five seconds.
+    // Whether some message contains the text, or comes to do so.
     bool logs(const std::string& text) const;
     bool awaitLog(const std::string& text) const;
 

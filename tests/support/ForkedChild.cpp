@@ -1,5 +1,9 @@
 #include "support/ForkedChild.h"
 
+#include "support/Patience.h"
+#include "support/ProcessRest.h"
+
+#include <chrono>
 #include <csignal>
 #include <fcntl.h>
 #include <poll.h>
@@ -10,8 +14,8 @@
 namespace testsupport {
 namespace {
 
-constexpr int shortWhile = 250;
-constexpr int longWhile = 20000;
+constexpr std::chrono::milliseconds shortWhile{250};
+constexpr std::chrono::milliseconds muchWork{500};
 
 enum class Outcome { answered, died, silent };
 
@@ -55,6 +59,19 @@ public:
         }
     }
 
+    // Whether it neither answers nor dies within a short while, in which it has nothing to do but to wait, nor while it
+    // works a lot.
+    bool staysSilent() {
+        std::string answer;
+        auto restless = std::chrono::steady_clock::now();
+        while (std::chrono::steady_clock::now() - restless < shortWhile &&
+               processorTime(process_) < muchWork) {
+            if (outcome(1, answer) != Outcome::silent) return false;
+            if (!isAtRest(process_)) restless = std::chrono::steady_clock::now();
+        }
+        return true;
+    }
+
 private:
     pid_t process_ = -1;
     int readEnd_ = -1;
@@ -70,18 +87,17 @@ std::function<std::string()> answeringDone(const std::function<void()>& operatio
 } // namespace
 
 bool neverEnds(const std::function<void()>& operation) {
-    std::string answer;
-    return Child(answeringDone(operation)).outcome(shortWhile, answer) == Outcome::silent;
+    return Child(answeringDone(operation)).staysSilent();
 }
 
 bool comesToItsEnd(const std::function<void()>& operation) {
     std::string answer;
-    return Child(answeringDone(operation)).outcome(longWhile, answer) == Outcome::answered;
+    return Child(answeringDone(operation)).outcome(patienceMilliseconds, answer) == Outcome::answered;
 }
 
 std::string answerOfChild(const std::function<std::string()>& operation) {
     std::string answer;
-    const Outcome outcome = Child(operation).outcome(longWhile, answer);
+    const Outcome outcome = Child(operation).outcome(patienceMilliseconds, answer);
     return outcome == Outcome::answered ? answer : "(no answer)";
 }
 

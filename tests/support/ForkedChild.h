@@ -8,7 +8,7 @@
 
 namespace testsupport {
 
-// Whether the operation is still not done after a short while.
+// Whether the operation comes to a rest, for a short while, without being done. What it does before has been done then.
 bool neverEnds(const std::function<void()>& operation);
 
 // Whether the operation comes to its end.

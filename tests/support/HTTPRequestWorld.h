@@ -10,6 +10,7 @@
 #include "support/CapturedLog.h"
 #include "support/LoopbackPeer.h"
 #include "support/ManualClock.h"
+#include "support/Patience.h"
 #include "support/PlayedNames.h"
 
 #include <gtest/gtest.h>
@@ -47,7 +48,7 @@ protected:
         for (const char* host : {"127.0.0.1", "server.test", "server.test?q=1", "server.test:8080"})
             names_.answer(host, AF_INET, {"127.0.0.1"});
         names_.install();
-        ManualClock::installed().setEventWait(5000000, false);
+        ManualClock::installed().setEventWait(patienceMicroseconds, false);
     }
 
     // What the server gets for a GET of that path.

@@ -1,4 +1,5 @@
 #include "support/LoopbackPeer.h"
+#include "support/Patience.h"
 
 #include "platform/ClosedOnExec.h"
 
@@ -18,14 +19,26 @@
 namespace testsupport {
 namespace {
 
-constexpr int patienceMilliseconds = 5000;
-
 sockaddr_in loopbackAddress(int port) {
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_port = htons(static_cast<std::uint16_t>(port));
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     return address;
+}
+
+// A socket that has the port to itself; for 0 the system chooses one.
+int bindToLoopback(int& port) {
+    const int descriptor = platform::closedOnExecSocket(AF_INET, SOCK_STREAM, 0);
+    const int on = 1;
+    setsockopt(descriptor, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+    sockaddr_in address = loopbackAddress(port);
+    socklen_t length = sizeof address;
+    if (bind(descriptor, reinterpret_cast<sockaddr*>(&address), length) != 0)
+        throw std::runtime_error("no port " + std::to_string(port));
+    getsockname(descriptor, reinterpret_cast<sockaddr*>(&address), &length);
+    port = ntohs(address.sin_port);
+    return descriptor;
 }
 
 bool waitReadable(int descriptor) {
@@ -99,15 +112,9 @@ void Peer::reset() {
 int Peer::handOver() { return std::exchange(descriptor_, -1); }
 
 LoopbackListener::LoopbackListener(int port) {
-    descriptor_ = platform::closedOnExecSocket(AF_INET, SOCK_STREAM, 0);
-    const int on = 1;
-    setsockopt(descriptor_, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-    sockaddr_in address = loopbackAddress(port);
-    socklen_t length = sizeof address;
-    if (bind(descriptor_, reinterpret_cast<sockaddr*>(&address), length) != 0 || listen(descriptor_, 16) != 0)
-        throw std::runtime_error("no listening socket");
-    getsockname(descriptor_, reinterpret_cast<sockaddr*>(&address), &length);
-    port_ = ntohs(address.sin_port);
+    port_ = port;
+    descriptor_ = bindToLoopback(port_);
+    if (listen(descriptor_, 16) != 0) throw std::runtime_error("no listening socket");
 }
 
 LoopbackListener::~LoopbackListener() { ::close(descriptor_); }
@@ -117,10 +124,14 @@ Peer LoopbackListener::accept() {
     return Peer(platform::closedOnExecAccept(descriptor_, nullptr, nullptr));
 }
 
-int freePort() { return LoopbackListener().port(); }
+int freePort() {
+    int port = 0;
+    bindToLoopback(port); // never closed
+    return port;
+}
 
 Peer connectTo(int port) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(patienceMilliseconds);
+    const auto deadline = std::chrono::steady_clock::now() + patience;
     while (std::chrono::steady_clock::now() < deadline) {
         Peer peer(platform::closedOnExecSocket(AF_INET, SOCK_STREAM, 0));
         const sockaddr_in address = loopbackAddress(port);

@@ -8,7 +8,7 @@
 
 namespace testsupport {
 
-// One end of a stream connection; closed at the end of the scope. Reads give up after five real seconds.
+// One end of a stream connection; closed at the end of the scope. Reads give up after the tests' patience.
 class Peer {
 public:
     explicit Peer(int descriptor = -1) : descriptor_(descriptor) {}
@@ -58,7 +58,7 @@ public:
     int port() const { return port_; }
     int descriptor() const { return descriptor_; }
 
-    // The next connection; not open when none comes within five real seconds.
+    // The next connection; not open when none comes within the tests' patience.
     Peer accept();
 
 private:
@@ -66,10 +66,11 @@ private:
     int port_ = 0;
 };
 
-// A port of 127.0.0.1 that nobody listens on.
+// A port of 127.0.0.1 that nobody listens on. It stays with this process, which may come to listen there, as may a
+// server that it starts (SO_REUSEADDR); nobody else is given it meanwhile.
 int freePort();
 
-// A connection to 127.0.0.1, tried again until someone listens there; not open after five real seconds.
+// A connection to 127.0.0.1, tried again until someone listens there; not open after the tests' patience.
 Peer connectTo(int port);
 
 // Two ends of one TCP connection. The first is left as socket and accept made it: blocking.

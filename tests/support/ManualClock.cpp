@@ -1,4 +1,5 @@
 #include "support/ManualClock.h"
+#include "support/Patience.h"
 
 #include <chrono>
 
@@ -42,13 +43,20 @@ std::int64_t ManualClock::eventWaitLimit(int seconds) {
         now_ += static_cast<std::int64_t>(seconds) * 1000000;
         moved_.notify_all();
     }
-    return eventWait_;
+    if (keptWaits_ == 0) return eventWait_;
+    --keptWaits_;
+    return patienceMicroseconds;
 }
 
 void ManualClock::setEventWait(std::int64_t realMicroseconds, bool movesTime) {
     std::lock_guard<std::mutex> lock(mutex_);
     eventWait_ = realMicroseconds;
     eventWaitMovesTime_ = movesTime;
+}
+
+void ManualClock::keepWaiting(int waits) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    keptWaits_ = waits;
 }
 
 void ManualClock::advance(std::int64_t microseconds) {
@@ -71,7 +79,7 @@ void ManualClock::letSleepsPass(bool pass) {
 
 bool ManualClock::waitForSleepers(int count) {
     std::unique_lock<std::mutex> lock(mutex_);
-    return fellAsleep_.wait_for(lock, std::chrono::seconds(5), [&] { return sleepers_ >= count; });
+    return fellAsleep_.wait_for(lock, patience, [&] { return sleepers_ >= count; });
 }
 
 std::int64_t ManualClock::sleptMicroseconds() {

@@ -25,6 +25,9 @@ public:
     std::int64_t eventWaitLimit(int seconds) override;
     void setEventWait(std::int64_t realMicroseconds, bool movesTime);
 
+    // The next waits, so many of them, end with an event alone.
+    void keepWaiting(int waits);
+
     // Moves time forward (or back) and wakes the sleepers whose time has come.
     void advance(std::int64_t microseconds);
     void advanceSeconds(std::int64_t seconds) { advance(seconds * 1000000); }
@@ -35,7 +38,7 @@ public:
     // From now on a sleep returns at once and moves the time by its length.
     void letSleepsPass(bool pass);
 
-    // Blocks until at least that many threads sleep on this clock; false after five real seconds.
+    // Blocks until at least that many threads sleep on this clock; false after the tests' patience.
     bool waitForSleepers(int count);
 
     // Total of all sleeps that were asked for, in microseconds.
@@ -54,6 +57,7 @@ private:
     std::int64_t sleptTotal_ = 0;
     std::int64_t eventWait_ = 0;
     int sleepers_ = 0;
+    int keptWaits_ = 0;
     bool eventWaitMovesTime_ = false;
     bool sleepsPass_ = false;
 };

@@ -1,5 +1,7 @@
 #include "support/PlayedConsoleUser.h"
 
+#include "support/Patience.h"
+
 #include <chrono>
 #include <cstring>
 
@@ -23,7 +25,7 @@ void PlayedConsoleUser::notify() {
 
 bool PlayedConsoleUser::waitUntilDelivered() {
     std::unique_lock<std::mutex> lock(mutex_);
-    return moved_.wait_for(lock, std::chrono::seconds(5), [&] { return waits_ && notices_ == 0; });
+    return moved_.wait_for(lock, patience, [&] { return waits_ && notices_ == 0; });
 }
 
 void PlayedConsoleUser::endLoop() {

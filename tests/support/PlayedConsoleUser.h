@@ -27,7 +27,7 @@ public:
     // One notice of a change, for the watch's thread, which is not waited for.
     void notify();
 
-    // Blocks until the watch's run loop has no notice left to deliver; false after five real seconds.
+    // Blocks until the watch's run loop has no notice left to deliver; false after the tests' patience.
     bool waitUntilDelivered();
 
     // Has the run loop end.

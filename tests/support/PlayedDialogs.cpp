@@ -1,5 +1,7 @@
 #include "support/PlayedDialogs.h"
 
+#include "support/Patience.h"
+
 #include "support/ManualClock.h"
 
 #include <gtest/gtest.h>
@@ -24,7 +26,7 @@ PlayedDialogs& PlayedDialogs::install() {
 PlayedDialogs::Shown PlayedDialogs::await(int count) {
     std::unique_lock<std::mutex> lock(mutex_);
     const auto wanted = static_cast<std::size_t>(count);
-    if (!changed_.wait_for(lock, std::chrono::seconds(5), [&] { return dialogs_.size() >= wanted; })) {
+    if (!changed_.wait_for(lock, patience, [&] { return dialogs_.size() >= wanted; })) {
         ADD_FAILURE() << "dialogs shown: " << dialogs_.size() << " instead of " << count;
         return {};
     }

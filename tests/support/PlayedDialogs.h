@@ -28,7 +28,7 @@ public:
     static PlayedDialogs& install();
 
     // Blocks until so many dialogs have been shown in all and answers what the last of them showed; the test
-    // fails after five seconds.
+    // fails when they do not come.
     Shown await(int count);
 
     // How many dialogs have been shown in all, and how many of those were given back.

@@ -29,7 +29,7 @@ public:
     void failVersion() { versionFails_ = true; }
     void failLogLevel() { logLevelFails_ = true; }
 
-    // Waits until the control of that name is connected; the test's end of it, -1 after five real seconds.
+    // Waits until the control of that name is connected; the test's end of it, -1 after the tests' patience.
     int waitForControl(const std::string& name);
 
     // The test's end of the control socket opened last, connected or not; -1 before the first.
@@ -44,7 +44,7 @@ public:
     std::string statisticsBuffer();
     std::optional<std::int32_t> logLevelSet();
 
-    // Waits until the statistics were read that often; false after five real seconds.
+    // Waits until the statistics were read that often; false after the tests' patience.
     bool waitForStatistics(int reads);
 
     int open() override;

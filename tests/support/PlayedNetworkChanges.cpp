@@ -1,5 +1,7 @@
 #include "support/PlayedNetworkChanges.h"
 
+#include "support/Patience.h"
+
 #include <chrono>
 
 namespace testsupport {
@@ -12,7 +14,7 @@ void PlayedNetworkChanges::change() {
 
 bool PlayedNetworkChanges::waitUntilDelivered() {
     std::unique_lock<std::mutex> lock(mutex_);
-    return moved_.wait_for(lock, std::chrono::seconds(5), [&] { return waits_ && ahead_ == 0; });
+    return moved_.wait_for(lock, patience, [&] { return waits_ && ahead_ == 0; });
 }
 
 std::string PlayedNetworkChanges::name() const {

@@ -21,7 +21,7 @@ public:
     // One change of the network. The watch's thread is not waited for.
     void change();
 
-    // Blocks until the watch waits for a change and has none left to deliver; false after five real seconds.
+    // Blocks until the watch waits for a change and has none left to deliver; false after the tests' patience.
     bool waitUntilDelivered();
 
     // The name that the watch was made with, how often one was asked for, and how often one was released.

@@ -1,5 +1,7 @@
 #include "support/PlayedUrlSession.h"
 
+#include "support/Patience.h"
+
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -17,7 +19,7 @@ PlayedUrlSession& PlayedUrlSession::install() {
 PlayedUrlSession::Task PlayedUrlSession::await(int count) {
     std::unique_lock<std::mutex> lock(mutex_);
     const auto wanted = static_cast<std::size_t>(count);
-    if (!changed_.wait_for(lock, std::chrono::seconds(5), [&] { return tasks_.size() >= wanted; })) {
+    if (!changed_.wait_for(lock, patience, [&] { return tasks_.size() >= wanted; })) {
         ADD_FAILURE() << "tasks started: " << tasks_.size() << " instead of " << count;
         return {};
     }

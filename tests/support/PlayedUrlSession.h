@@ -26,8 +26,8 @@ public:
     // Makes this the service for the rest of the process. Never destroyed, since threads may use it to the end.
     static PlayedUrlSession& install();
 
-    // Blocks until so many tasks were started in all and answers the last of them; the test fails after five
-    // seconds.
+    // Blocks until so many tasks were started in all and answers the last of them; the test fails when they
+    // do not come.
     Task await(int count);
 
     // How many tasks were started in all.

@@ -1,5 +1,7 @@
 #include "support/ProgramRun.h"
 
+#include "support/Patience.h"
+
 #include "platform/HostPaths.h"
 #include "platform/NameLookup.h"
 #include "support/ManualClock.h"
@@ -24,8 +26,6 @@
 
 namespace testsupport {
 namespace {
-
-constexpr int patience = 5000; // milliseconds
 
 struct Pipe {
     Pipe() {
@@ -77,7 +77,7 @@ void playServices(const ProgramWorld& world, int announceTo) {
     (new PlayedNetworkChanges)->install();
     // Running a command sleeps for a moment while the child becomes the program.
     ManualClock::installed().letSleepsPass(true);
-    ManualClock::installed().setEventWait(5000000, false);
+    ManualClock::installed().setEventWait(patienceMicroseconds, false);
 }
 
 [[noreturn]] void runChild(const std::vector<std::string>& arguments, const ProgramWorld& world,
@@ -98,7 +98,8 @@ void playServices(const ProgramWorld& world, int announceTo) {
 bool follow(const Pipe& output, const Pipe& announced, std::string& text) {
     for (;;) {
         pollfd waited[] = {{output.readEnd(), POLLIN, 0}, {announced.readEnd(), POLLIN, 0}};
-        if (poll(waited, 2, patience) < 1) throw std::runtime_error("the program neither ended nor started");
+        if (poll(waited, 2, patienceMilliseconds) < 1)
+            throw std::runtime_error("the program neither ended nor started");
         if (waited[0].revents & POLLIN) {
             char chunk[4096];
             const ssize_t got = read(output.readEnd(), chunk, sizeof chunk);

@@ -34,7 +34,7 @@ struct ProgramRun {
 };
 
 // Runs the program with these arguments behind its name. The root must be set; it is also the working
-// directory. Gives a run up after five real seconds without a word from it. A run in which a service was called
+// directory. Gives up a run without a word from it. A run in which a service was called
 // that nobody played has status 97.
 ProgramRun runProgram(const std::vector<std::string>& arguments, const ProgramWorld& world = {});
 

@@ -1,5 +1,7 @@
 #include "support/TestChild.h"
 
+#include "support/Patience.h"
+
 #include <gtest/gtest.h>
 
 #include <sys/wait.h>
@@ -11,8 +13,15 @@
 
 namespace testsupport {
 
+namespace {
+
+// More than what the body waits for takes together, and less than a test is given.
+constexpr unsigned lifetime = 3 * patience.count();
+
+} // namespace
+
 void endAfter(const std::function<void()>& body) {
-    alarm(20);
+    alarm(lifetime);
     try {
         body();
     } catch (const std::exception& thrown) {

@@ -6,10 +6,11 @@
 
 namespace testsupport {
 
-// Runs `body` in a forked child. True when it ended within 20 seconds with no test failure.
+// Runs `body` in a forked child. True when it came to its end with no test failure.
 bool passesInChild(const std::function<void()>& body);
 
-// For a forked child: runs `body` and ends the process, within 20 seconds, with status 0 if nothing failed.
+// For a forked child: runs `body` and ends the process with status 0 if nothing failed; kills it should the body not
+// end.
 [[noreturn]] void endAfter(const std::function<void()>& body);
 
 // A forked child that runs `body` until it is killed at the end of the scope.

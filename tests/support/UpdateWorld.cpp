@@ -7,6 +7,7 @@
 #include "platform/HostPaths.h"
 #include "platform/UrlSession.h"
 #include "support/Await.h"
+#include "support/Patience.h"
 #include "support/TemporaryFolder.h"
 
 #include <gtest/gtest.h>
@@ -43,7 +44,7 @@ UpdateWorld::UpdateWorld() {
     link.agent().awaitFrame(); // the agent has taken the connection
     link.awaitLog("OstComm responseThread starting");
     clock.letSleepsPass(false);
-    clock.setEventWait(2000000, false);
+    clock.setEventWait(patienceMicroseconds, false);
 }
 
 void UpdateWorld::addHelper(const char* path, const std::string& name) const {

@@ -29,7 +29,7 @@ public:
     // Seconds from now until six in the evening, local time.
     int secondsUntilSix();
 
-    // Blocks until the update has ended; whether it did within five seconds.
+    // Blocks until the update has ended; whether it did.
     bool hasEnded();
 
     // The path of a package under the update directory.

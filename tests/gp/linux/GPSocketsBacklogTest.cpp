@@ -6,6 +6,7 @@
 #include "gp/Owned.h"
 #include "support/LoopbackPeer.h"
 #include "support/ManualClock.h"
+#include "support/Patience.h"
 #include "support/TestChild.h"
 
 #include <gtest/gtest.h>
@@ -40,7 +41,7 @@ TEST(GPSocketsListener, TheBacklogIsTheDefaultTimeout) {
         GPSockets::setDefaultTimeout(7);
         const int port = testsupport::freePort();
         std::thread([port] {
-            testsupport::ManualClock::installed().setEventWait(5000000, false);
+            testsupport::ManualClock::installed().setEventWait(testsupport::patienceMicroseconds, false);
             GPSockets listener;
             listener.setPort(port);
             listener.listenConnection(waitForTheEnd, 1);

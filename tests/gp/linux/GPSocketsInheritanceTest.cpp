@@ -7,6 +7,7 @@
 #include "gp/Owned.h"
 #include "support/LoopbackPeer.h"
 #include "support/ManualClock.h"
+#include "support/Patience.h"
 #include "support/PlayedNames.h"
 #include "support/ProcessDescriptors.h"
 #include "support/TemporaryFolder.h"
@@ -25,7 +26,7 @@ using testsupport::DescriptorList;
 class OpenSockets {
 public:
     OpenSockets() : client_(listener_.port(), "127.0.0.1") {
-        testsupport::ManualClock::installed().setEventWait(5000000, false);
+        testsupport::ManualClock::installed().setEventWait(testsupport::patienceMicroseconds, false);
         testsupport::ManualClock::installed().letSleepsPass(true);
         names_.answer("127.0.0.1", AF_INET, {"127.0.0.1"});
         names_.install();

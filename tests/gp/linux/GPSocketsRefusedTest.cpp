@@ -7,6 +7,7 @@
 #include "support/CapturedLog.h"
 #include "support/LoopbackPeer.h"
 #include "support/ManualClock.h"
+#include "support/Patience.h"
 #include "support/PlayedNames.h"
 #include "support/SystemCallFailure.h"
 #include "support/TestChild.h"
@@ -53,7 +54,7 @@ TEST(GPSocketsRefused, WithoutAQueueNothingIsReadOrWritten) {
         fcntl(mine.descriptor(), F_SETFL, O_NONBLOCK);
         GPSockets socket;
         socket.openConnection(mine.handOver());
-        ManualClock::installed().setEventWait(5000000, false);
+        ManualClock::installed().setEventWait(testsupport::patienceMicroseconds, false);
         ASSERT_TRUE(failSystemCall(SYS_epoll_create1, EMFILE, EPOLL_CLOEXEC));
         testing::internal::CaptureStdout();
         EXPECT_EQ(socket.readData(), nullptr);

@@ -4,6 +4,7 @@
 
 #include "support/Eventually.h"
 #include "support/ManualClock.h"
+#include "support/Patience.h"
 #include "support/Sanitizers.h"
 
 #include <gtest/gtest.h>
@@ -76,7 +77,7 @@ int overEmptyRun(Story story) {
     std::fflush(nullptr);
     const pid_t child = fork();
     if (child == 0) {
-        alarm(10);
+        alarm(testsupport::patience.count());
         if (!enterNamespace()) _exit(noNamespace);
         story();
         std::fflush(nullptr);

@@ -10,6 +10,7 @@
 #include "platform/linux/LdapNode.h"
 #include "support/LoopbackPeer.h"
 #include "support/ManualClock.h"
+#include "support/Patience.h"
 #include "support/ProcessDescriptors.h"
 #include "support/TemporaryFolder.h"
 
@@ -82,7 +83,7 @@ TEST(Descriptors, OfTheServicesAreNotHandedDown) {
 TEST(Descriptors, OfADownloadsConnectionAreNotHandedDown) {
     const testsupport::TemporaryFolder temporary;
     setenv("TMPDIR", temporary.path().c_str(), 1);
-    testsupport::ManualClock::installed().setEventWait(5000000, false);
+    testsupport::ManualClock::installed().setEventWait(testsupport::patienceMicroseconds, false);
     const testsupport::DescriptorList atFirst = handedDownNetworkSockets();
     LoopbackListener server;
     std::promise<long> ended;

@@ -3,6 +3,7 @@
 #include "platform/EventQueue.h"
 #include "support/LoopbackPeer.h"
 #include "support/ManualClock.h"
+#include "support/Patience.h"
 
 #include <gtest/gtest.h>
 
@@ -12,7 +13,7 @@ TEST(DispatchedEvent, ComesAgainOnLinuxWhenItIsAddedAgain) {
     testsupport::Peer mine;
     testsupport::Peer other;
     testsupport::connectedPair(mine, other);
-    testsupport::ManualClock::installed().setEventWait(5000000, false);
+    testsupport::ManualClock::installed().setEventWait(testsupport::patienceMicroseconds, false);
     const int queue = kqueue();
     KEvent wanted;
     wanted.ident = mine.descriptor();

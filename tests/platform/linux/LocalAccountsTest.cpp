@@ -2,6 +2,7 @@
 
 #include "platform/linux/LocalAccounts.h"
 
+#include "support/Patience.h"
 #include "support/TemporaryFolder.h"
 
 #include <gtest/gtest.h>
@@ -72,7 +73,7 @@ int onMachineWith(const std::string& accounts, const std::string& groups, Story 
     std::fflush(nullptr);
     const pid_t child = fork();
     if (child == 0) {
-        alarm(10);
+        alarm(testsupport::patience.count());
         if (!enterNamespace() || !putInPlaceOf("/etc/passwd", folder.file("passwd")) ||
             !putInPlaceOf("/etc/group", folder.file("group")) ||
             !putInPlaceOf("/etc/nsswitch.conf", folder.file("nsswitch")))

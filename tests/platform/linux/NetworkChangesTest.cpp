@@ -1,6 +1,7 @@
 // The watch of this system, in a network namespace of a child's own.
 
 #include "platform/NetworkChanges.h"
+#include "support/Patience.h"
 
 #include "support/ManualClock.h"
 
@@ -73,7 +74,7 @@ int inNamespace(Story story) {
     const pid_t child = fork();
     if (child == 0) {
         if (unshare(CLONE_NEWUSER | CLONE_NEWNET) != 0) _exit(noNamespace);
-        alarm(5);
+        alarm(testsupport::patience.count());
         _exit(story());
     }
     int status = 0;
@@ -211,11 +212,12 @@ int watchNothing() {
         "name", [] { _exit(4); }, error);
     if (!watch) return 1;
     alarm(0);
-    // Ends the wait: no address changed, so only the signal's interruption returns.
+    // Ends the wait: no address changed, so only the signal's interruption returns. It comes again and again, since
+    // the first can be there before the wait.
     struct sigaction silent {};
     silent.sa_handler = [](int) {};
     sigaction(SIGALRM, &silent, nullptr);
-    ualarm(20000, 0);
+    ualarm(20000, 20000);
     system.run(watch);
     system.release(watch);
     return 0;

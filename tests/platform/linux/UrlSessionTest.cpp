@@ -5,6 +5,7 @@
 #include "support/LoopbackPeer.h"
 #include "support/ManualClock.h"
 #include "support/NetworkNamespace.h"
+#include "support/Patience.h"
 #include "support/ProcessDescriptors.h"
 #include "support/TemporaryFolder.h"
 #include "support/TestChild.h"
@@ -52,7 +53,7 @@ protected:
     UrlSessionTest() {
         signal(SIGPIPE, SIG_IGN);
         setenv("TMPDIR", temporary.path().c_str(), 1);
-        ManualClock::installed().setEventWait(2000000, false);
+        ManualClock::installed().setEventWait(testsupport::patienceMicroseconds, false);
     }
 
     platform::UrlSession& session = platform::urlSessionService.backend();
@@ -84,7 +85,7 @@ private:
         start([promise](const UrlTaskResult& result) {
             promise->set_value({result, readAll(result.location), std::this_thread::get_id()});
         });
-        if (future.wait_for(std::chrono::seconds(5)) != std::future_status::ready) {
+        if (future.wait_for(testsupport::patience) != std::future_status::ready) {
             ADD_FAILURE() << "the task does not end";
             std::abort();
         }
@@ -292,7 +293,7 @@ TEST_F(UrlSessionTest, AnUploadThatReachesNobodyTellsAnError) {
 }
 
 TEST_F(UrlSessionTest, TheMainLoopRunsUntilATaskHasEnded) {
-    ManualClock::installed().setEventWait(20000000, false);
+    ManualClock::installed().setEventWait(10 * testsupport::patienceMicroseconds, false);
     auto run = std::async(std::launch::async, [this] {
         const auto begin = std::chrono::steady_clock::now();
         session.runMainLoop(1);
@@ -300,7 +301,7 @@ TEST_F(UrlSessionTest, TheMainLoopRunsUntilATaskHasEnded) {
     });
     while (run.wait_for(std::chrono::seconds(0)) != std::future_status::ready)
         download("ul");
-    EXPECT_LT(run.get(), std::chrono::seconds(5));
+    EXPECT_LT(run.get(), testsupport::patience);
 }
 
 TEST_F(UrlSessionTest, ATextWithoutASchemeIsNotTakenForAHost) {
@@ -311,11 +312,11 @@ TEST_F(UrlSessionTest, ATextWithoutASchemeIsNotTakenForAHost) {
 }
 
 TEST_F(UrlSessionTest, TheMainLoopSeesATaskThatEndedJustBefore) {
-    ManualClock::installed().setEventWait(20000000, false);
+    ManualClock::installed().setEventWait(10 * testsupport::patienceMicroseconds, false);
     download("ul");
     const auto begin = std::chrono::steady_clock::now();
     session.runMainLoop(1);
-    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(5));
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, testsupport::patience);
 }
 
 TEST_F(UrlSessionTest, TheMainLoopRunsNoLongerThanItIsToldTo) {

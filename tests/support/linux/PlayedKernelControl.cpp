@@ -1,5 +1,7 @@
 #include "support/PlayedKernelControl.h"
 
+#include "support/Patience.h"
+
 #include "packet/SysctlResult.h"
 
 #include <gtest/gtest.h>
@@ -15,8 +17,6 @@
 
 namespace testsupport {
 namespace {
-
-constexpr std::chrono::seconds patience(5);
 
 int failWith(int error) {
     errno = error;
