@@ -35,6 +35,6 @@ TEST(HostName, OfThisSystemMayBeMissing) {
 TEST(HomeDirectory, OfThisSystemIsTheAccountsAndNotTheEnvironments) {
     setenv("HOME", "/elsewhere", 1);
     const passwd* account = getpwuid(geteuid());
-    ASSERT_NE(account, nullptr);
+    if (!account) GTEST_SKIP() << "this user has no account";
     EXPECT_EQ(system().homeDirectory(), account->pw_dir);
 }
