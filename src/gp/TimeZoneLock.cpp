@@ -10,9 +10,12 @@ pthread_mutex_t timeZoneMutex = PTHREAD_MUTEX_INITIALIZER;
 void lock() { pthread_mutex_lock(&timeZoneMutex); }
 void unlock() { pthread_mutex_unlock(&timeZoneMutex); }
 
-// A child gets a new lock. Where a lock goes to its waiters in turn, as on the Mac, freeing the old one would hand it to
-// the first that waited at the fork, a thread that the child does not have.
-void renew() { pthread_mutex_init(&timeZoneMutex, nullptr); }
+// A child frees the lock and makes it anew. Where a lock goes to its waiters in turn, as on the Mac, it would otherwise
+// be handed to the first that waited at the fork, a thread that the child does not have.
+void renew() {
+    unlock();
+    pthread_mutex_init(&timeZoneMutex, nullptr);
+}
 
 // A fork takes the lock.
 [[maybe_unused]] const int taken = pthread_atfork(lock, unlock, renew);
