@@ -22,3 +22,16 @@ if(OSTLER_SANITIZE)
     target_compile_options(ostler_settings INTERFACE -Wno-maybe-uninitialized)
   endif()
 endif()
+
+# What a program needs to fork under a checker.
+if(OSTLER_SANITIZE MATCHES "address" AND CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+  add_library(ostler_checker OBJECT "${CMAKE_CURRENT_LIST_DIR}/checkers/LocksOverForks.cpp")
+  target_link_libraries(ostler_checker PRIVATE ostler_settings)
+  # Its functions are no part of what the shared form offers.
+  target_link_options(ostler_settings INTERFACE -static-libasan)
+endif()
+function(ostler_let_fork target)
+  if(TARGET ostler_checker)
+    target_sources(${target} PRIVATE $<TARGET_OBJECTS:ostler_checker>)
+  endif()
+endfunction()
