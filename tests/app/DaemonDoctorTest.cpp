@@ -122,7 +122,8 @@ protected:
                                        .from("10.0.0.2", port)
                                        .payload("GET / HTTP/1.1\r\nHost: page.test\r\n\r\n")
                                        .bytes();
-        extension->present(lab::Direction::out, std::vector<char>(packet.begin(), packet.end()), 5000);
+        extension->present(lab::Direction::out, std::vector<char>(packet.begin(), packet.end()),
+                           testsupport::patienceMilliseconds);
     }
 
     static std::string inFull(const Diagnosis& diagnosis) { return diagnosis.checks.dump(1); }
@@ -184,7 +185,7 @@ TEST_F(DaemonDoctor, AnEndedDaemonIsBroken) {
 
 TEST_F(DaemonDoctor, AnAbsentAgentIsBrokenAndSoIsTheLink) {
     prepare(8, false).start();
-    ASSERT_TRUE(extension->waitForDaemon(5000));
+    ASSERT_TRUE(extension->waitForDaemon(testsupport::patienceMilliseconds));
     const Diagnosis diagnosis = diagnose();
     EXPECT_EQ(diagnosis.status, 2);
     EXPECT_TRUE(diagnosis.tells("broken", "agent", "nobody listens")) << inFull(diagnosis);
@@ -193,7 +194,7 @@ TEST_F(DaemonDoctor, AnAbsentAgentIsBrokenAndSoIsTheLink) {
 
 TEST_F(DaemonDoctor, AnAgentThatIsNotRootsWantsAttention) {
     prepare(8, false).start("");
-    ASSERT_TRUE(extension->waitForDaemon(5000));
+    ASSERT_TRUE(extension->waitForDaemon(testsupport::patienceMilliseconds));
     const StrangersAgent stranger;
     const Diagnosis diagnosis = diagnose();
     EXPECT_TRUE(diagnosis.tells("attention", "agent", "nobody ")) << inFull(diagnosis);

@@ -29,7 +29,7 @@ public:
     int present(const std::string& packet);
 
     // The same until the result is another one than hold, a millisecond of played time between; the last
-    // result after five real seconds.
+    // result after the tests' patience.
     int presentUntilDecided(const std::string& packet);
 
     lab::PolicyAgent& agent() { return stage_.agent; }
