@@ -237,18 +237,6 @@ TEST_F(DaemonLocks, OfTheLinkIsHeldThroughTheFirstConnectAndAllCallersWaitAtIt) 
 
 TEST_F(DaemonLocks, OfTheLinkIsHeldThroughAWholeReconnectAndAllCallersWaitAtIt) {
     startDaemon();
-    agent->awaitFrame(3);
-    agent->awaitFrame(3);
-    agent->stopListening();
-    agent->closeConnection();
-    expectCallersToWaitForTheLinkThatIsMadeBy("responseThread");
-    agent->listenAgain();
-    EXPECT_EQ(agent->awaitFrame().type, 3u);
-    EXPECT_EQ(daemon->awaitEnd(), 0);
-}
-
-TEST_F(DaemonLocks, OfTheLinkIsHeldThroughAWholeReconnectAndAllCallersWaitAtIt) {
-    startDaemon();
     agent->awaitFrame(3); // of the connect
     agent->awaitFrame(3); // of the user
     agent->stopListening();

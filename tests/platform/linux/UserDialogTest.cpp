@@ -5,8 +5,8 @@
 #include "platform/linux/DialogProgram.h"
 #include "support/Await.h"
 #include "support/ManualClock.h"
-#include "support/SystemCallFailure.h"
 #include "support/Patience.h"
+#include "support/SystemCallFailure.h"
 #include "support/TemporaryFolder.h"
 #include "support/TestChild.h"
 
