@@ -1,5 +1,7 @@
 #include "lab/WorldAnswers.h"
 
+#include "lab/DirectoryAnswers.h"
+#include "lab/WorldWords.h"
 #include "platform/Clock.h"
 #include "platform/ConsoleUser.h"
 #include "platform/HardwareRegistry.h"
@@ -26,27 +28,6 @@
 namespace lab {
 namespace {
 
-using Words = std::vector<std::string>;
-
-constexpr std::size_t longestQuestion = 64 * 1024;
-
-Words readWords(int connection) {
-    std::string message(longestQuestion, '\0');
-    const ssize_t count = recv(connection, message.data(), message.size(), 0);
-    message.resize(count > 0 ? static_cast<std::size_t>(count) : 0);
-    Words words;
-    for (std::size_t start = 0, end; (end = message.find('\0', start)) != std::string::npos; start = end + 1)
-        words.push_back(message.substr(start, end - start));
-    return words;
-}
-
-void say(int connection, const Words& words) {
-    std::string message;
-    for (const std::string& word : words)
-        message += word + '\0';
-    send(connection, message.data(), message.size(), MSG_NOSIGNAL);
-}
-
 void answerHost(int connection, const Words& question) {
     const int family = question[2] == "6" ? AF_INET6 : AF_INET;
     platform::HostEntry entry;
@@ -63,7 +44,7 @@ void answerHost(int connection, const Words& question) {
 // Entries go as pairs of hexadecimal digits.
 void answerInterfaces(int connection, const Words&) {
     platform::InterfaceEntries& service = platform::interfaceEntries();
-    std::string entries(longestQuestion / 4, '\0');
+    std::string entries(longestMessage / 4, '\0');
     int length = static_cast<int>(entries.size());
     const int socket = service.open();
     const bool listed = service.list(socket, entries.data(), length);
@@ -250,7 +231,10 @@ const std::map<std::string, Topic>& topics() {
         {"host-name", {answerHostName, 1}},
         {"home", {answerHome, 1}},
         {"dialog", {answerDialog, 3}},
-        {"url", {answerUrl, 3}},
+        {"url", {answerUrl, 4}},
+        {"directory-nodes", {answerDirectoryNodes, 1}},
+        {"directory-type", {converseWithNodeOfType, 2}},
+        {"directory-node", {converseWithNamedNode, 2}},
     };
     return all;
 }

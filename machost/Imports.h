@@ -7,6 +7,10 @@
 
 namespace machost {
 
+namespace objc {
+struct PlayedClass;
+}
+
 // One import: its symbol, what stands for it here, and whose behaviour that follows.
 struct Import {
     const char* symbol;
@@ -34,6 +38,7 @@ using ImportTable = std::vector<Import>;
 struct Library {
     const char* path; // as programs name it
     std::vector<const ImportTable*> tables;
+    std::vector<const objc::PlayedClass*> classes = {}; // that take messages, whether exported or not
 };
 
 // All played libraries. Made on first use, never destroyed.

@@ -2,6 +2,7 @@
 
 #include "machost/Imports.h"
 #include "machost/Settings.h"
+#include "machost/foundation/Information.h"
 #include "machost/iokit/Library.h"
 #include "machost/libsystem/Signals.h"
 #include "machost/loader/Image.h"
@@ -88,6 +89,7 @@ void runProgram(const std::string& path, int argc, char** argv) {
     installThreadVariables(image);
     installUnwinding(image);
     objc::registerImage(image);
+    foundation::readInformation(image);
 
     prepareOutput();
     programProcess = getpid();

@@ -1,11 +1,12 @@
 // machost: runs an x86-64 Mach-O executable as a Linux process.
 //
 //   machost [--argv0 NAME] [--root FOLDER] [--world SOCKET] PROGRAM ARGUMENTS...
-//   machost --played     lists what is played: library, symbol, and the source that it follows
+//   machost --played     lists what is played: library, symbol or method, and the source that it follows
 
 #include "machost/Imports.h"
 #include "machost/Program.h"
 #include "machost/Settings.h"
+#include "machost/objc/PlayedClass.h"
 
 #include <cstdio>
 #include <cstring>
@@ -15,11 +16,22 @@ namespace {
 
 constexpr int unusable = 2;
 
+void listMethods(const char* library, const machost::objc::PlayedClass& played, char sign,
+                 const std::vector<machost::objc::Method>& methods) {
+    for (const machost::objc::Method& method : methods)
+        std::printf("%s\t%c[%s %s]\t%s\n", library, sign, played.kind->name, method.selector, played.source);
+}
+
 int listPlayed() {
-    for (const machost::Library& library : machost::playedLibraries())
+    for (const machost::Library& library : machost::playedLibraries()) {
         for (const machost::ImportTable* table : library.tables)
             for (const machost::Import& import : *table)
                 std::printf("%s\t%s\t%s\n", library.path, import.symbol, import.source);
+        for (const machost::objc::PlayedClass* played : library.classes) {
+            listMethods(library.path, *played, '+', played->ofClass);
+            listMethods(library.path, *played, '-', played->ofObjects);
+        }
+    }
     return 0;
 }
 

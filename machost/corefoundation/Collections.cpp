@@ -2,8 +2,8 @@
 
 #include "machost/corefoundation/Library.h"
 #include "machost/corefoundation/Strings.h"
-
-#include <algorithm>
+#include "machost/objc/Messages.h"
+#include "machost/objc/Pools.h"
 
 namespace machost::corefoundation {
 namespace {
@@ -34,22 +34,57 @@ ObjectRef playedDictionaryCreate(const void*, std::int64_t, const Callbacks* key
     return createObject<Pairs>(dictionaryClass);
 }
 
-bool areEqual(const void* one, const void* other) {
-    return one == other || (isString(one) && isString(other) && textOf(one) == textOf(other));
-}
-
 // A key that is there already keeps its value.
 void playedDictionaryAdd(void* dictionary, const void* key, const void* value) {
-    auto& pairs = valueOf<Pairs>(dictionary);
-    const bool known = std::any_of(pairs.begin(), pairs.end(),
-                                   [&](const auto& pair) { return areEqual(pair.first.get(), key); });
-    if (!known) pairs.emplace_back(Held::retain(key), Held::retain(value));
+    if (!valueIn(dictionary, key))
+        valueOf<Pairs>(dictionary).emplace_back(Held::retain(key), Held::retain(value));
+}
+
+// NSFastEnumerationState
+struct Enumeration {
+    std::uint64_t state;
+    ObjectRef* items;
+    unsigned long* mutations;
+    unsigned long extra[5];
+};
+static_assert(sizeof(Enumeration) == 64);
+
+ObjectRef arrayWithObjects(ObjectRef, objc::Selector, const void* const* objects, std::uint64_t count) {
+    return objc::autorelease(makeArray(std::vector<const void*>(objects, objects + count)));
+}
+
+std::uint64_t arrayEnumerate(ObjectRef self, objc::Selector, Enumeration* at, ObjectRef* room,
+                             std::uint64_t size) {
+    static unsigned long neverChanged = 0;
+    const auto& elements = elementsOf(self);
+    std::uint64_t count = 0;
+    for (; count < size && at->state < elements.size(); ++count)
+        room[count] = elements[at->state++].get();
+    at->items = room;
+    at->mutations = &neverChanged;
+    return count;
+}
+
+ObjectRef dictionaryObject(ObjectRef self, objc::Selector, const void* key) {
+    return const_cast<void*>(valueIn(self, key));
 }
 
 } // namespace
 
-const Class arrayClass{nullptr, nullptr, {}, nullptr, "CFArray", destroyValue<Elements>};
-const Class dictionaryClass{nullptr, nullptr, {}, nullptr, "CFDictionary", destroyValue<Pairs>};
+bool areEqual(const void* one, const void* other) {
+    return one == other || (isString(one) && isString(other) && textOf(one) == textOf(other));
+}
+
+const void* valueIn(const void* dictionary, const void* key) {
+    for (const auto& [known, value] : valueOf<Pairs>(dictionary))
+        if (areEqual(known.get(), key)) return value.get();
+    return nullptr;
+}
+
+ObjectRef makeDictionary(Pairs pairs) { return createObject<Pairs>(dictionaryClass, std::move(pairs)); }
+
+const Class arrayClass{&classOfClasses, &rootClass, {}, nullptr, "CFArray", destroyValue<Elements>};
+const Class dictionaryClass{&classOfClasses, &rootClass, {}, nullptr, "CFDictionary", destroyValue<Pairs>};
 
 const std::vector<Held>& elementsOf(const void* array) { return valueOf<Elements>(array); }
 
@@ -66,6 +101,7 @@ const ImportTable& collectionImports() {
     constexpr const char* array = "CFArray.c of CF, with the callbacks of objects";
     constexpr const char* dictionary = "CFDictionary.c of CF, with the callbacks of objects";
     static const auto& table = *new ImportTable{
+        variable("_OBJC_CLASS_$_NSArray", &arrayClass, "NSArray.h; one class for all arrays"),
         variable("_kCFTypeArrayCallBacks", &arrayCallbacks, array),
         variable("_kCFTypeDictionaryKeyCallBacks", &keyCallbacks, dictionary),
         variable("_kCFTypeDictionaryValueCallBacks", &valueCallbacks, dictionary),
@@ -74,6 +110,21 @@ const ImportTable& collectionImports() {
         function("_CFDictionaryAddValue", playedDictionaryAdd, dictionary),
     };
     return table;
+}
+
+const objc::PlayedClass& playedArrayClass() {
+    static const auto& played =
+        *new objc::PlayedClass{&arrayClass,
+                               "NSArray.h and NSEnumerator.h",
+                               {objc::method("arrayWithObjects:count:", arrayWithObjects)},
+                               {objc::method("countByEnumeratingWithState:objects:count:", arrayEnumerate)}};
+    return played;
+}
+
+const objc::PlayedClass& playedDictionaryClass() {
+    static const auto& played = *new objc::PlayedClass{
+        &dictionaryClass, "NSDictionary.h", {}, {objc::method("objectForKeyedSubscript:", dictionaryObject)}};
+    return played;
 }
 
 } // namespace machost::corefoundation

@@ -5,7 +5,9 @@ namespace machost::corefoundation {
 Library library() {
     return {"/System/Library/Frameworks/CoreFoundation.framework/Versions/A/CoreFoundation",
             {&collectionImports(), &constantImports(), &notificationImports(), &runLoopImports(),
-             &stringImports()}};
+             &stringImports(), &valueImports()},
+            {&playedArrayClass(), &playedDataClass(), &playedDateClass(), &playedDictionaryClass(),
+             &playedLoopClass(), &playedUrlClass()}};
 }
 
 } // namespace machost::corefoundation

@@ -1,8 +1,12 @@
 #include "machost/corefoundation/RunLoops.h"
 
 #include "machost/corefoundation/Library.h"
+#include "machost/corefoundation/Values.h"
+#include "machost/objc/Messages.h"
+#include "machost/world/Clock.h"
 
 #include <algorithm>
+#include <chrono>
 #include <condition_variable>
 #include <mutex>
 #include <vector>
@@ -83,25 +87,39 @@ Held takeSignalled(Loop& loop) {
     return {};
 }
 
-// A loop without sources comes back at once.
-void playedRun() {
+using RealTime = std::chrono::steady_clock::time_point;
+
+// Runs this thread's loop up to that time; without sources it comes back at once.
+void run(RealTime until) {
     auto& loop = valueOf<Loop>(currentLoop().get());
     std::unique_lock<std::mutex> guard(shared().lock);
     for (;;) {
         const Held next = takeSignalled(loop);
         if (loop.sources.empty() && !next.get()) return;
-        if (!next.get()) {
+        if (next.get()) {
+            guard.unlock();
+            valueOf<Source>(next.get()).perform();
+            guard.lock();
+        } else if (until == RealTime::max()) {
             shared().changed.wait(guard);
-            continue;
+        } else if (shared().changed.wait_until(guard, until) == std::cv_status::timeout) {
+            return;
         }
-        guard.unlock();
-        valueOf<Source>(next.get()).perform();
-        guard.lock();
     }
 }
 
+void playedRun() { run(RealTime::max()); }
+
+// Whichever loop is asked, it is the caller's that runs.
+ObjectRef mainRunLoop(ObjectRef, objc::Selector) { return currentLoop().get(); }
+
+void runUntilDate(ObjectRef, objc::Selector, const void* date) {
+    const std::int64_t left = world::eventLimit(microsecondsUntil(date));
+    if (left > 0) run(std::chrono::steady_clock::now() + std::chrono::microseconds(left));
+}
+
 const Class sourceClass{nullptr, nullptr, {}, nullptr, "CFRunLoopSource", destroyValue<Source>};
-const Class loopClass{nullptr, nullptr, {}, nullptr, "CFRunLoop", destroyValue<Loop>};
+const Class loopClass{&classOfClasses, &rootClass, {}, nullptr, "CFRunLoop", destroyValue<Loop>};
 
 } // namespace
 
@@ -118,6 +136,7 @@ void signalSource(ObjectRef source) {
 const ImportTable& runLoopImports() {
     constexpr const char* source = "CFRunLoop.c of CF, its default mode";
     static const auto& table = *new ImportTable{
+        variable("_OBJC_CLASS_$_NSRunLoop", &loopClass, "NSRunLoop.h"),
         function("_CFRunLoopGetCurrent", playedGetCurrent, source),
         function("_CFRunLoopAddSource", playedAddSource, source),
         function("_CFRunLoopRemoveSource", playedRemoveSource, source),
@@ -125,6 +144,14 @@ const ImportTable& runLoopImports() {
         function("_CFRunLoopRun", playedRun, source),
     };
     return table;
+}
+
+const objc::PlayedClass& playedLoopClass() {
+    static const auto& played = *new objc::PlayedClass{&loopClass,
+                                                       "NSRunLoop.h and CFRunLoop.c of CF",
+                                                       {objc::method("mainRunLoop", mainRunLoop)},
+                                                       {objc::method("runUntilDate:", runUntilDate)}};
+    return played;
 }
 
 } // namespace machost::corefoundation

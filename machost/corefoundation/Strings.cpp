@@ -50,12 +50,7 @@ int sequenceLength(unsigned char first) {
 
 ObjectRef playedCreate(const void*, const char* bytes, std::uint32_t encoding) {
     if (!bytes) return nullptr;
-    if (encoding == encodingLatin1) {
-        std::string text;
-        for (; *bytes; ++bytes)
-            appendUtf8(text, static_cast<unsigned char>(*bytes));
-        return makeString(text);
-    }
+    if (encoding == encodingLatin1) return makeString(fromLatin1(bytes));
     if (encoding != encodingUtf8 && encoding != encodingAscii) return nullptr;
     return isValidUtf8(bytes) ? makeString(bytes) : nullptr;
 }
@@ -89,8 +84,8 @@ void playedRelease(void* object) {
 
 } // namespace
 
-const Class stringClass{nullptr, nullptr, {}, nullptr, "CFString", destroyValue<std::string>};
-const Class constantStringClass{nullptr, nullptr, {}, nullptr, "constant CFString", nullptr};
+const Class stringClass{&classOfClasses, &rootClass, {}, nullptr, "CFString", destroyValue<std::string>};
+const Class constantStringClass{&classOfClasses, &stringClass, {}, nullptr, "constant CFString", nullptr};
 
 ObjectRef makeString(const std::string& text) { return createObject<std::string>(stringClass, text); }
 
@@ -104,6 +99,13 @@ std::string textOf(const void* string) {
     if (constant->flags == constantUnits)
         return fromUnits(static_cast<const std::uint16_t*>(constant->text), constant->length);
     return {static_cast<const char*>(constant->text), static_cast<std::size_t>(constant->length)};
+}
+
+std::string fromLatin1(std::string_view bytes) {
+    std::string text;
+    for (const char byte : bytes)
+        appendUtf8(text, static_cast<unsigned char>(byte));
+    return text;
 }
 
 bool isValidUtf8(const std::string& text) {

@@ -1,10 +1,11 @@
 #pragma once
 
-// Texts. A text that the program holds as a constant has the compiler's layout; all others hold UTF-8.
+// Texts, which are NSString too. A text that the program holds as a constant has the compiler's layout; all others hold UTF-8.
 
 #include "machost/objects/Object.h"
 
 #include <string>
+#include <string_view>
 
 namespace machost::corefoundation {
 
@@ -29,6 +30,9 @@ bool isString(const void* object);
 
 // The text of an object that isString.
 std::string textOf(const void* string);
+
+// Bytes of Latin-1 in UTF-8.
+std::string fromLatin1(std::string_view bytes);
 
 bool isValidUtf8(const std::string& text);
 

@@ -2,6 +2,7 @@
 
 #include "machost/Block.h"
 #include "machost/libsystem/Library.h"
+#include "machost/objects/Object.h"
 
 #include <condition_variable>
 #include <cstdint>
@@ -75,9 +76,14 @@ void playedRelease(Semaphore* semaphore) {
     delete semaphore;
 }
 
-char globalQueue[64];
+const Class queueClass{&classOfClasses, &rootClass, {}, nullptr, "OS_dispatch_queue_global", nullptr};
 
-void* playedGlobalQueue(long, unsigned long) { return globalQueue; }
+// An object of Objective-C, too, that programs retain and release; nobody owns it.
+void* playedGlobalQueue(long, unsigned long) {
+    static const Class* queue = &queueClass;
+    declareConstantClass(queueClass);
+    return &queue;
+}
 
 // Every block has a thread of its own: what runs at the same time there may run at the same time here.
 void playedAsync(void*, const Block* block) {

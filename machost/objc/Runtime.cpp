@@ -1,7 +1,137 @@
 #include "machost/objc/Runtime.h"
 
-namespace machost::objc {
+#include "machost/objc/Classes.h"
+#include "machost/objc/Exceptions.h"
 
-void registerImage(const Image&) {}
+#include <cstring>
+#include <map>
+#include <stdexcept>
+
+namespace machost::objc {
+namespace {
+
+// As the compiler lays them out: class_ro_t, method_list_t and method_t of objc4's objc-runtime-new.h.
+struct ProgramClass {
+    const ProgramClass* isa;
+    const void* superclass;
+    const void* cache[2];
+    std::uint64_t data;
+};
+struct ClassData {
+    std::uint32_t flags, instanceStart, instanceSize, reserved;
+    const void* ivarLayout;
+    const char* name;
+    const void* methods;
+    const void* rest[4];
+};
+static_assert(sizeof(ProgramClass) == 40 && sizeof(ClassData) == 72 && offsetof(ClassData, methods) == 32);
+struct ProgramMethod {
+    const char* name;
+    const char* types;
+    const void* call;
+};
+struct MethodList {
+    std::uint32_t entrySize, count;
+};
+constexpr std::uint32_t relativeMethods = 0x80000000, entrySizeMask = 0xfffc;
+
+// The program's classes, each with the one that stands in its place here, which has room for a name.
+using Twins = std::map<const void*, Class*>;
+
+const ClassData& dataOf(const ProgramClass& kind) {
+    return *reinterpret_cast<const ClassData*>(kind.data & ~std::uint64_t{7});
+}
+
+std::map<const Class*, std::size_t>& sizes() {
+    static auto& all = *new std::map<const Class*, std::size_t>;
+    return all;
+}
+
+void construct(ObjectRef object, const Class* kind) {
+    if (!kind) return;
+    construct(object, kind->superclass);
+    const Selector selector = selectorNamed(".cxx_construct");
+    if (const void* call = ownMethod(*kind, selector))
+        reinterpret_cast<ObjectRef (*)(ObjectRef, Selector)>(call)(object, selector);
+}
+
+ObjectRef allocateInstance(const Class& kind) {
+    ObjectRef object = allocateObject(kind, sizes().at(&kind));
+    construct(object, &kind);
+    return object;
+}
+
+void destroyInstance(void* object) {
+    const Selector selector = selectorNamed(".cxx_destruct");
+    for (const Class* kind = classOf(object); kind; kind = kind->superclass)
+        if (const void* call = ownMethod(*kind, selector))
+            reinterpret_cast<void (*)(ObjectRef, Selector)>(call)(object, selector);
+}
+
+void addMethods(const Class& twin, bool ofClass, const void* methods) {
+    if (!methods) return;
+    const auto* list = static_cast<const MethodList*>(methods);
+    if (list->entrySize & relativeMethods || (list->entrySize & entrySizeMask) != sizeof(ProgramMethod))
+        throw std::runtime_error("a class has its methods in a form that is not played");
+    const auto* method = reinterpret_cast<const ProgramMethod*>(list + 1);
+    for (std::uint32_t i = 0; i < list->count; ++i)
+        addMethod(twin, ofClass, selectorNamed(method[i].name), method[i].call);
+}
+
+Class* makeTwin(const ProgramClass& kind) {
+    auto* twin = new Class;
+    twin->isa = &classOfClasses;
+    twin->name = dataOf(kind).name;
+    twin->destroy = destroyInstance;
+    sizes()[twin] = dataOf(kind).instanceSize;
+    addProgramClass(*twin, allocateInstance);
+    addMethods(*twin, false, dataOf(kind).methods);
+    addMethods(*twin, true, dataOf(*kind.isa).methods);
+    return twin;
+}
+
+template <class Pointer>
+struct Pointers {
+    Pointer* first = nullptr;
+    std::size_t count = 0;
+    Pointer* begin() const { return first; }
+    Pointer* end() const { return first + count; }
+};
+
+// The pointers of a section, whichever of the data segments it lies in.
+template <class Pointer>
+Pointers<Pointer> pointersOf(const Image& image, const char* section) {
+    for (const char* segment : {"__DATA", "__DATA_CONST"})
+        if (const Section* found = image.file().section(segment, section))
+            return {image.at<Pointer>(found->address), found->size / sizeof(Pointer)};
+    return {};
+}
+
+void refuseUnplayed(const Image& image) {
+    for (const char* section : {"__objc_catlist", "__objc_superrefs", "__objc_stublist"})
+        if (pointersOf<const void*>(image, section).count > 0)
+            throw std::runtime_error(std::string(section) + " of Objective-C is not played");
+}
+
+} // namespace
+
+void registerImage(const Image& image) {
+    refuseUnplayed(image);
+    readPersonalities(image);
+    for (const char*& selector : pointersOf<const char*>(image, "__objc_selrefs"))
+        selector = selectorNamed(selector);
+    Twins twins;
+    for (const auto* kind : pointersOf<const ProgramClass* const>(image, "__objc_classlist"))
+        twins[kind] = makeTwin(*kind);
+    for (const auto& [kind, twin] : twins) {
+        const void* superclass = static_cast<const ProgramClass*>(kind)->superclass;
+        const auto own = twins.find(superclass);
+        twin->superclass = own != twins.end() ? own->second : static_cast<const Class*>(superclass);
+    }
+    for (const void*& reference : pointersOf<const void*>(image, "__objc_classrefs")) {
+        const auto own = twins.find(reference);
+        if (own != twins.end()) reference = own->second;
+    }
+}
 
 } // namespace machost::objc

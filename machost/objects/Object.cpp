@@ -19,7 +19,7 @@ namespace {
 // given back too often is found.
 struct Head {
     std::atomic<std::int64_t> count;
-    pid_t maker;
+    std::atomic<pid_t> maker;
 };
 constexpr std::size_t headSize = 16;
 static_assert(sizeof(Head) <= headSize);
@@ -40,6 +40,7 @@ Registry& registry() {
 }
 
 bool isConstant(const void* object) {
+    if (isClass(object)) return true;
     const std::lock_guard<std::mutex> guard(registry().lock);
     return registry().constants.count(classOf(object)) != 0;
 }
@@ -59,7 +60,7 @@ bool isOwnThreadOrGone(pid_t thread) {
 ObjectRef allocateObject(const Class& kind, std::size_t size) {
     auto* room = static_cast<char*>(std::calloc(1, headSize + size));
     if (!room) std::abort();
-    auto* head = new (room) Head{{1}, gettid()};
+    auto* head = new (room) Head{{1}, {gettid()}};
     static_cast<void>(head);
     void* object = room + headSize;
     *static_cast<const Class**>(object) = &kind;
@@ -84,7 +85,16 @@ void releaseObject(ObjectRef object) {
     registry().live.erase(object);
 }
 
+void giveToThisThread(ObjectRef object) {
+    if (!isConstant(object)) headOf(object).maker = gettid();
+}
+
 const Class* classOf(const void* object) { return *static_cast<const Class* const*>(object); }
+
+const Class rootClass{&classOfClasses, nullptr, {}, nullptr, "NSObject", nullptr};
+const Class classOfClasses{&classOfClasses, &rootClass, {}, nullptr, "class", nullptr};
+
+bool isClass(const void* object) { return classOf(object) == &classOfClasses; }
 
 void declareConstantClass(const Class& kind) {
     const std::lock_guard<std::mutex> guard(registry().lock);

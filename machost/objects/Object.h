@@ -32,7 +32,16 @@ ObjectRef allocateObject(const Class& kind, std::size_t size);
 ObjectRef retainObject(ObjectRef object);
 void releaseObject(ObjectRef object);
 
+// Has the object count as one that this thread made. Called where another thread goes on with it.
+void giveToThisThread(ObjectRef object);
+
 const Class* classOf(const void* object);
+
+// NSObject, of which all classes that take messages are kinds, and what every such class is an object of. Classes have
+// no count.
+extern const Class rootClass, classOfClasses;
+
+bool isClass(const void* object);
 
 // Has objects of this class stand in the program, without a count.
 void declareConstantClass(const Class& kind);

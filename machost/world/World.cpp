@@ -89,6 +89,11 @@ std::optional<Words> Line::next(int& handedOver) {
     return unpacked(message);
 }
 
+void Line::tell(const Words& words) const {
+    const std::string message = packed(words);
+    if (open()) send(descriptor_, message.data(), message.size(), MSG_NOSIGNAL);
+}
+
 void Line::hangUp() const {
     if (open()) shutdown(descriptor_, SHUT_RDWR);
 }

@@ -33,6 +33,9 @@ public:
     // The same with a descriptor that the answer hands over, which the caller owns; -1 for none.
     std::optional<Words> next(int& handedOver);
 
+    // Says more in a conversation that goes on. To one that has ended nothing is said.
+    void tell(const Words& words) const;
+
     // Ends a wait in `next` on another thread.
     void hangUp() const;
 

@@ -1,0 +1,9 @@
+#pragma once
+
+#include "machost/Imports.h"
+
+namespace machost::objc {
+
+Library library();
+
+} // namespace machost::objc
