@@ -42,8 +42,13 @@ using Personality = _Unwind_Reason_Code (*)(int, _Unwind_Action, _Unwind_Excepti
                                             _Unwind_Context*);
 Personality programPersonality = nullptr;
 
+struct Caught {
+    _Unwind_Exception* exception;
+    bool isThrownAgain = false;
+};
+
 // Exceptions that are being handled on this thread, the innermost last.
-thread_local std::vector<_Unwind_Exception*> caught;
+thread_local std::vector<Caught> caught;
 
 const Class exceptionClass{&classOfClasses, &rootClass,    {},
                            nullptr,         "NSException", destroyValue<std::string>};
@@ -132,15 +137,22 @@ int personality(int version, int actions, unsigned long kind, void* exception, v
 // An exception of C++ is no object.
 ObjectRef beginCatch(void* exception) {
     auto* const thrown = static_cast<_Unwind_Exception*>(exception);
-    caught.push_back(thrown);
+    caught.push_back({thrown});
     return thrown->exception_class == ownKind ? thrownOf(thrown).object : nullptr;
 }
 
 void endCatch() {
     if (caught.empty()) __builtin_trap();
-    _Unwind_Exception* const thrown = caught.back();
+    const Caught ended = caught.back();
     caught.pop_back();
-    _Unwind_DeleteException(thrown);
+    if (!ended.isThrownAgain) _Unwind_DeleteException(ended.exception);
+}
+
+void raiseAgain() {
+    if (caught.empty()) __builtin_trap();
+    caught.back().isThrownAgain = true;
+    _Unwind_Resume_or_Rethrow(caught.back().exception);
+    std::abort();
 }
 
 } // namespace machost::objc

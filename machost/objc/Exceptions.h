@@ -23,5 +23,6 @@ extern const void* const exceptionTypeTable[];
 int personality(int version, int actions, unsigned long kind, void* exception, void* context);
 ObjectRef beginCatch(void* exception);
 void endCatch();
+[[noreturn]] void raiseAgain(); // what is being handled
 
 } // namespace machost::objc

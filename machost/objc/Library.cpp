@@ -83,6 +83,15 @@ ObjectRef playedAlloc(const Class* kind) { return kind ? allocate(*kind) : nullp
 
 ObjectRef playedRetainAutorelease(ObjectRef object) { return autorelease(retainObject(object)); }
 
+void playedStoreStrong(ObjectRef* place, ObjectRef object) {
+    ObjectRef before = *place;
+    *place = retainObject(object);
+    releaseObject(before);
+}
+
+// A result that nobody wants to keep stays with its pool.
+ObjectRef playedClaim(ObjectRef object) { return object; }
+
 // A collection that is changed while it is walked.
 void playedMutation(ObjectRef) {
     std::fputs("machost: a collection was changed while it was enumerated\n", stderr);
@@ -121,6 +130,8 @@ const ImportTable& runtimeImports() {
         function("_objc_release", releaseObject, counts),
         function("_objc_retainAutorelease", playedRetainAutorelease, counts),
         function("_objc_retainAutoreleasedReturnValue", retainObject, counts),
+        function("_objc_unsafeClaimAutoreleasedReturnValue", playedClaim, counts),
+        function("_objc_storeStrong", playedStoreStrong, counts),
         function("_objc_autoreleasePoolPush", pushPool, counts),
         function("_objc_autoreleasePoolPop", popPool, counts),
         function("_objc_enumerationMutation", playedMutation, "objc-runtime.mm of objc4"),
@@ -129,6 +140,7 @@ const ImportTable& runtimeImports() {
         function("_objc_begin_catch", beginCatch, exceptions),
         function("_objc_end_catch", endCatch, exceptions),
         function("_objc_exception_throw", raise, exceptions),
+        function("_objc_exception_rethrow", raiseAgain, exceptions),
     };
     return table;
 }

@@ -1,5 +1,7 @@
 #include "machost/world/Dialogs.h"
 
+#include "machost/world/DialogProgram.h"
+
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
@@ -25,7 +27,7 @@ private:
     Line line_;
 };
 
-// On a machine without a screen nobody answers: the dialog times out.
+// On a machine without a screen nobody answers: the dialog times out, or ends at once where it would stay for ever.
 class UnseenDialog final : public Dialog {
 public:
     explicit UnseenDialog(double seconds) : seconds_(seconds), over_(eventfd(0, EFD_CLOEXEC)) {}
@@ -35,7 +37,7 @@ public:
 
     unsigned long awaitAnswer() override {
         pollfd waited{over_, POLLIN, 0};
-        poll(&waited, 1, seconds_ > 0 ? static_cast<int>(seconds_ * 1000) : -1);
+        poll(&waited, 1, seconds_ > 0 ? static_cast<int>(seconds_ * 1000) : 0);
         return cancelled;
     }
 
@@ -58,8 +60,10 @@ std::unique_ptr<Dialog> showDialog(double seconds, unsigned long flags,
         question.insert(question.end(), {key, text});
     Line line(question);
     const auto answer = line.next();
-    if (!answer || answer->empty() || answer->front() == "real")
-        return std::make_unique<UnseenDialog>(seconds);
+    if (!answer || answer->empty() || answer->front() == "real") {
+        auto dialog = showOnDesktop(seconds, texts);
+        return dialog ? std::move(dialog) : std::make_unique<UnseenDialog>(seconds);
+    }
     if (answer->front() != "yes") return nullptr;
     return std::make_unique<PlayedDialog>(std::move(line));
 }

@@ -8,13 +8,16 @@
 #include "platform/FileManager.h"
 #include "platform/HostPaths.h"
 #include "platform/UrlSession.h"
+#include "platform/UserDialog.h"
 #include "support/AnswerServer.h"
+#include "support/Eventually.h"
 #include "support/ManualClock.h"
 #include "support/PlayedDirectory.h"
 #include "support/PlayedHostName.h"
 #include "support/PlayedNames.h"
 #include "support/ScratchRoot.h"
 #include "support/SlapdServer.h"
+#include "support/StandInPrograms.h"
 #include "support/TemporaryFolder.h"
 
 #include <gtest/gtest.h>
@@ -119,6 +122,17 @@ protected:
     testsupport::PlayedNames names;
 };
 
+// A desktop whose dialog program is a script of the test's own.
+class DialogServices : public Services {
+protected:
+    DialogServices() {
+        platform::userDialogService.install(platform::userDialogService.backend());
+        setenv("DISPLAY", ":played", 1);
+    }
+
+    testsupport::StandInPrograms programs;
+};
+
 using DirectoryServices = Services;
 using FileServices = Services;
 using TransferServices = Services;
@@ -151,8 +165,9 @@ TEST_F(PlayedServices, FindRecordsWithAllValuesOfTheirAttributes) {
 
 TEST_F(PlayedServices, TellValuesThatAreNoTextAsBytes) {
     directory.add("/LDAPv3/server", users, {{"RecordName", {"bob"}}, {"objectGUID", {"b\xff\x01"}}});
-    EXPECT_EQ(played({"find", "/LDAPv3/server", users, "dsAttrTypeNative:objectGUID", "b\xff\x01"}),
-              "record bob (dsRecTypeStandard:Users)\n  dsAttrTypeNative:objectGUID = b\\xff\\x01\n");
+    EXPECT_EQ(played({"find", "/LDAPv3/server", users, recordName, "bob"}),
+              "record bob (dsRecTypeStandard:Users)\n  dsAttrTypeNative:objectGUID = b\\xff\\x01\n"
+              "  dsAttrTypeStandard:RecordName = bob\n");
 }
 
 TEST_F(PlayedServices, TellWhatWentWrongInTheDirectorysOwnWords) {
@@ -305,5 +320,38 @@ TEST_F(TransferServices, NameTheLastComponentOfAnAddress) {
 
 TEST_F(TransferServices, LetTheLoopRunForItsTime) {
     testsupport::ManualClock::installed().setEventWait(10000, false);
+    testsupport::ManualClock::installed().letSleepsPass(true);
     EXPECT_EQ(played({"loop", "1"}), "came back\n");
+}
+
+TEST_F(DialogServices, TellTheButtonByTheProgramsStatus) {
+    const std::pair<const char*, const char*> ends[] = {{"exit 0", "0"}, {"exit 1", "1"}, {"exit 5", "3"}};
+    for (const Surroundings where : {Surroundings::played, Surroundings::ofThisMachine})
+        for (const auto& [end, flags] : ends) {
+            programs.add("zenity", end);
+            EXPECT_EQ(run({"ask", "60", "Header", "No"}, where), std::string("shown\nanswered ") + flags + "\n");
+        }
+    EXPECT_EQ(programs.calls()[0], "zenity --question --no-markup --title=Header --text=Message \xc3\xa9 "
+                                   "--ok-label=Yes --cancel-label=No");
+    EXPECT_EQ(programs.calls().back(), programs.calls()[0]);
+}
+
+TEST_F(DialogServices, TimeOutAndTakeTheProgramAway) {
+    const std::string marks = outputs.file("marks");
+    programs.add("kdialog", "trap 'echo gone > " + marks + "; exit 0' TERM; sleep 60 & wait");
+    testsupport::ManualClock::installed().setEventWait(200000, false);
+    for (const Surroundings where : {Surroundings::played, Surroundings::ofThisMachine}) {
+        std::filesystem::remove(marks);
+        EXPECT_EQ(run({"ask", "1", "Header", ""}, where), "shown\nanswered 3\n");
+        EXPECT_TRUE(testsupport::eventually([&] { return readAll(marks) == "gone\n"; }));
+    }
+    EXPECT_EQ(programs.calls().back(), "kdialog --title Header --ok-label Yes --msgbox Message \xc3\xa9");
+}
+
+TEST_F(DialogServices, WithoutAScreenEndByThemselves) {
+    unsetenv("DISPLAY");
+    unsetenv("WAYLAND_DISPLAY");
+    programs.add("zenity", "exit 0");
+    EXPECT_EQ(alone({"ask", "0", "Header", ""}), "shown\nanswered 3\n");
+    EXPECT_EQ(programs.calls(), Words());
 }

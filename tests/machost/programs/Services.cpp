@@ -7,10 +7,12 @@
 #include "platform/FileManager.h"
 #include "platform/HostName.h"
 #include "platform/UrlSession.h"
+#include "platform/UserDialog.h"
 
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <cstdio>
 #include <string>
 #include <vector>
@@ -86,7 +88,7 @@ int find(const Words& words) {
         std::printf("%s (%s)\n", shown(record->description()).c_str(), record->recordType().c_str());
         platform::DirectoryDetails details;
         if (!record->recordDetailsForAttributes(
-                {words[3], "dsAttrTypeNative:none", "dsAttrTypeStandard:GroupMembership"}, details, error))
+                {words[3], "dsAttrTypeNative:none", "dsAttrTypeNative:objectGUID", "dsAttrTypeStandard:GroupMembership"}, details, error))
             return fail(error);
         for (const auto& [attribute, values] : details)
             for (const std::string& value : values)
@@ -172,6 +174,26 @@ int runLoop(const Words& words) {
     return 0;
 }
 
+// The dialog that is up, for a signal to take away.
+platform::UserNotification* shownDialog = nullptr;
+
+int ask(const Words& words) {
+    using platform::NotificationKey;
+    platform::NotificationDictionary texts = {{NotificationKey::alertHeader, words[2]},
+                                              {NotificationKey::alertMessage, "Message \xc3\xa9"},
+                                              {NotificationKey::defaultButtonTitle, "Yes"}};
+    if (!words[3].empty()) texts.emplace_back(NotificationKey::alternateButtonTitle, words[3]);
+    shownDialog = platform::userDialog().create(std::stod(words[1]), platform::notificationNoteAlertLevel, texts);
+    std::signal(SIGUSR1, [](int) { platform::userDialog().cancel(shownDialog); });
+    std::puts(shownDialog ? "shown" : "not shown");
+    std::fflush(stdout);
+    unsigned long flags = 99;
+    const bool received = platform::userDialog().receiveResponse(shownDialog, flags);
+    platform::userDialog().release(shownDialog);
+    std::printf("%s %lu\n", received ? "answered" : "no answer", flags);
+    return 0;
+}
+
 struct Call {
     const char* name;
     std::size_t words;
@@ -180,7 +202,7 @@ struct Call {
 const Call calls[] = {{"search", 2, search},    {"find", 5, find},     {"hosts", 1, pinHosts},
                       {"fetch", 2, transfer},   {"send", 4, transfer}, {"remove", 2, operate},
                       {"move", 3, operate},     {"host", 1, printHost}, {"component", 2, printComponent},
-                      {"loop", 2, runLoop}};
+                      {"loop", 2, runLoop},      {"ask", 4, ask}};
 
 } // namespace
 

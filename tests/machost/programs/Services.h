@@ -12,5 +12,6 @@
 //   component URL                    the last component
 //   host                             the host's name and the user's home
 //   loop SECONDS                     lets the session's events run
+//   ask SECONDS HEADER BUTTON        a dialog, with a second button unless that is empty; SIGUSR1 takes it away
 // Answers the status of the process.
 int runServices(int count, char** words);
