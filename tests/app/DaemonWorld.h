@@ -18,6 +18,7 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -30,7 +31,7 @@ protected:
 
     // Forks the daemon, then serves the extension of that version and, unless told, the agent.
     testsupport::DaemonProcess& prepare(std::int32_t version = 8, bool withAgent = true) {
-        daemon = std::make_unique<testsupport::DaemonProcess>();
+        daemon = std::make_unique<testsupport::DaemonProcess>(surroundings);
         extension = std::make_unique<lab::ExtensionStandIn>(root.path(), version);
         extension->listen();
         extension->start();
@@ -82,6 +83,7 @@ protected:
 
     testsupport::ScratchRoot root;
     testsupport::DirectoryTools tools;
+    std::function<void()> surroundings; // what else the daemon's process installs
     std::unique_ptr<testsupport::DaemonProcess> daemon;
     std::unique_ptr<lab::ExtensionStandIn> extension;
     std::unique_ptr<testsupport::AgentStandIn> agent;

@@ -8,6 +8,7 @@
 #include "support/LockList.h"
 #include "support/ThreadList.h"
 
+#include <functional>
 #include <string>
 #include <sys/types.h>
 #include <vector>
@@ -16,8 +17,9 @@ namespace testsupport {
 
 class DaemonProcess {
 public:
-    // Claims the fixed ports and forks. The child waits for `start`; PATH and the root are those of now.
-    DaemonProcess();
+    // Claims the fixed ports and forks. The child waits for `start`; PATH and the root are those of now. What
+    // `surroundings` installs in the child is played beside the rest.
+    explicit DaemonProcess(const std::function<void()>& surroundings = {});
 
     // Kills the child.
     ~DaemonProcess();
@@ -60,7 +62,7 @@ public:
     static constexpr char uuid[] = "11111111-2222-3333-4444-555555555555";
 
 private:
-    [[noreturn]] void runChild(int commands);
+    [[noreturn]] void runChild(int commands, const std::function<void()>& surroundings);
     void command(const std::string& line) const;
 
     ThreadList threads_;

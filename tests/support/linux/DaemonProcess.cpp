@@ -140,7 +140,7 @@ std::vector<LogLine> readLog() {
 
 } // namespace
 
-DaemonProcess::DaemonProcess() {
+DaemonProcess::DaemonProcess(const std::function<void()>& surroundings) {
     claimFixedPorts();
     // The folder above the log's own is the system's.
     std::filesystem::create_directories(std::filesystem::path(HostPaths::logDirectory()).parent_path());
@@ -153,7 +153,7 @@ DaemonProcess::DaemonProcess() {
     if (process_ < 0) throw std::runtime_error("no child");
     if (process_ == 0) {
         close(ends[1]);
-        runChild(ends[0]);
+        runChild(ends[0], surroundings);
     }
     mainThread_ = process_;
     close(ends[0]);
@@ -168,11 +168,12 @@ DaemonProcess::~DaemonProcess() {
     close(commands_);
 }
 
-void DaemonProcess::runChild(int commands) {
+void DaemonProcess::runChild(int commands, const std::function<void()>& surroundings) {
     const int output = open(outputFile().c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
     if (dup2(output, STDOUT_FILENO) < 0) std::_Exit(98);
     auto& console = *new PipedConsole(commands);
     installServices(console);
+    if (surroundings) surroundings();
     if (!console.readName()) std::_Exit(97);
     threads_.record();
     locks_.record();
