@@ -211,6 +211,26 @@ void answerUrl(int connection, const Words& question) {
     ended.get_future().wait();
 }
 
+struct HeldPort {
+    int port = -1;
+    int released = -1;
+};
+HeldPort heldPort;
+
+bool isReleased() {
+    pollfd looked{heldPort.released, POLLIN, 0};
+    return poll(&looked, 1, 0) != 0;
+}
+
+// The second word comes when the connection is let go.
+void answerConnect(int connection, const Words& question) {
+    if (std::atoi(question[2].c_str()) != heldPort.port || isReleased()) return say(connection, {"no"});
+    say(connection, {"yes"});
+    pollfd waited[] = {{heldPort.released, POLLIN, 0}, {connection, POLLRDHUP, 0}};
+    poll(waited, 2, -1);
+    say(connection, {"yes"});
+}
+
 struct Topic {
     void (*answer)(int, const Words&);
     std::size_t words;
@@ -232,6 +252,7 @@ const std::map<std::string, Topic>& topics() {
         {"home", {answerHome, 1}},
         {"dialog", {answerDialog, 3}},
         {"url", {answerUrl, 4}},
+        {"connect", {answerConnect, 3}},
         {"directory-nodes", {answerDirectoryNodes, 1}},
         {"directory-type", {converseWithNodeOfType, 2}},
         {"directory-node", {converseWithNamedNode, 2}},
@@ -242,6 +263,8 @@ const std::map<std::string, Topic>& topics() {
 } // namespace
 
 void shareClockMemory(int descriptor) { clockMemory = descriptor; }
+
+void holdConnectionsBack(int port, int released) { heldPort = {port, released}; }
 
 void answerQuestion(int connection) {
     const Words question = readWords(connection);

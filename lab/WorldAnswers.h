@@ -10,4 +10,8 @@ void answerQuestion(int connection);
 // first question.
 void shareClockMemory(int descriptor);
 
+// Holds connections to that port back until `released` can be read, or its other end has gone. Before the first
+// question.
+void holdConnectionsBack(int port, int released);
+
 } // namespace lab

@@ -119,7 +119,8 @@ std::vector<char> call(int descriptor, const Request& request, const void* value
 
 int openControl(int type) {
     if (type != SOCK_STREAM && type != SOCK_DGRAM) return fail(EPROTOTYPE);
-    const int descriptor = socket(AF_UNIX, SOCK_SEQPACKET, 0);
+    // A control that is registered for the other kind refuses the connection.
+    const int descriptor = socket(AF_UNIX, type == SOCK_STREAM ? SOCK_SEQPACKET : SOCK_DGRAM, 0);
     if (descriptor < 0) return -1;
     SocketState state;
     state.control = true;

@@ -92,6 +92,12 @@ public:
         return result;
     }
 
+    void rearm(int descriptor) {
+        const std::lock_guard<std::mutex> guard(lock_);
+        for (const auto& [key, watch] : watches_)
+            if (key.first == descriptor) arm(key, watch);
+    }
+
     void forget(int descriptor) {
         const std::lock_guard<std::mutex> guard(lock_);
         for (const std::int16_t filter : {filterRead, filterWrite}) {
@@ -144,8 +150,12 @@ private:
             const Key key{descriptor, filter};
             const auto watch = watches_.find(key);
             if (watch == watches_.end() || !watch->second.enabled) continue;
-            if (filter == filterWrite && neverConnected(key.first)) {
-                rearmLater(key, watch->second);
+            if (isToKeepQuiet(key)) {
+                silence(key, watch->second);
+                continue;
+            }
+            if (found[i].events & EPOLLHUP && !hasHungUp(descriptor)) {
+                arm(key, watch->second);
                 continue;
             }
             events[taken++] = eventOf(key, watch->second, found[i].events);
@@ -157,20 +167,22 @@ private:
         return taken;
     }
 
-    // A socket that nobody connected, or whose connection is held back, can be written here and not there.
-    static bool neverConnected(int descriptor) {
-        return socketState(descriptor).unconnected || world::isHeldBack(descriptor);
+    // A socket that nobody connected, or whose connection is held back, is ready here and not there.
+    static bool isToKeepQuiet(const Key& key) {
+        if (world::isHeldBack(key.first)) return true;
+        return key.second == filterWrite && socketState(key.first).unconnected;
     }
 
-    void rearmLater(const Key& key, const Watch& watch) {
-        if (socketState(key.first).unconnected) {
-            Watch off = watch;
-            off.enabled = false;
-            arm(key, off);
-        } else {
-            world::awaitRelease(key.first);
-            arm(key, watch);
-        }
+    // A connection may have been let go since the event came.
+    static bool hasHungUp(int descriptor) {
+        pollfd now{descriptor, POLLIN, 0};
+        return poll(&now, 1, 0) > 0 && now.revents & POLLHUP;
+    }
+
+    void silence(const Key& key, const Watch& watch) const {
+        Watch off = watch;
+        off.enabled = false;
+        arm(key, off);
     }
 
     static Event eventOf(const Key& key, const Watch& watch, std::uint32_t host) {
@@ -305,6 +317,12 @@ int playedKevent(int descriptor, const Event* changes, int changeCount, Event* e
 void forgetQueue(int descriptor) {
     const std::lock_guard<std::mutex> guard(table().lock);
     table().queues.erase(descriptor);
+}
+
+void rearmWatches(int descriptor) {
+    const std::lock_guard<std::mutex> guard(table().lock);
+    for (const auto& [number, queue] : table().queues)
+        queue->rearm(descriptor);
 }
 
 void forgetWatches(int descriptor) {

@@ -8,4 +8,7 @@ namespace machost::libsystem {
 void forgetQueue(int descriptor);
 void forgetWatches(int descriptor);
 
+// Looks anew at a descriptor whose held connection was let go.
+void rearmWatches(int descriptor);
+
 } // namespace machost::libsystem

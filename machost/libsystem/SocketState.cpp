@@ -1,5 +1,7 @@
 #include "machost/libsystem/SocketState.h"
 
+#include "machost/world/Network.h"
+
 #include <map>
 #include <mutex>
 
@@ -30,6 +32,7 @@ void setSocketState(int descriptor, const SocketState& state) {
 }
 
 void forgetDescriptor(int descriptor) {
+    world::forgetHeldBack(descriptor);
     const std::lock_guard<std::mutex> guard(lock());
     states().erase(descriptor);
 }

@@ -4,6 +4,7 @@
 #include "machost/libsystem/Controls.h"
 #include "machost/libsystem/Errors.h"
 #include "machost/libsystem/Library.h"
+#include "machost/libsystem/Queues.h"
 #include "machost/libsystem/SocketAddresses.h"
 #include "machost/libsystem/SocketState.h"
 #include "machost/world/Network.h"
@@ -54,6 +55,16 @@ int laterRefusal(int descriptor) {
     return -1;
 }
 
+// A connection that was held back has been let go: who waits for the socket sees what became of it.
+void noteRelease(int descriptor, int error) {
+    if (error != 0 && error != EINPROGRESS) {
+        SocketState state = socketState(descriptor);
+        state.pendingError = error;
+        setSocketState(descriptor, state);
+    }
+    rearmWatches(descriptor);
+}
+
 int playedConnect(int descriptor, const mac::Address* address, socklen_t length) {
     const ErrorScope scope;
     if (address->family == mac::familySystem) {
@@ -64,7 +75,9 @@ int playedConnect(int descriptor, const mac::Address* address, socklen_t length)
     sockaddr_storage host{};
     socklen_t hostLength = 0;
     if (!hostAddress(address, length, host, hostLength)) return laterRefusal(descriptor);
-    if (world::connectLate(descriptor, host, hostLength)) {
+    // Only a socket that does not block is ever held back.
+    const auto released = [descriptor](int error) { noteRelease(descriptor, error); };
+    if (isNonBlocking(descriptor) && world::connectLate(descriptor, host, hostLength, released)) {
         errno = EINPROGRESS;
         return -1;
     }

@@ -129,6 +129,7 @@ const ImportTable& runtimeImports() {
         function("_objc_retain", retainObject, counts),
         function("_objc_release", releaseObject, counts),
         function("_objc_retainAutorelease", playedRetainAutorelease, counts),
+        function("_objc_retainAutoreleaseReturnValue", playedRetainAutorelease, counts),
         function("_objc_retainAutoreleasedReturnValue", retainObject, counts),
         function("_objc_unsafeClaimAutoreleasedReturnValue", playedClaim, counts),
         function("_objc_storeStrong", playedStoreStrong, counts),

@@ -68,7 +68,9 @@ void sleep(std::int64_t microseconds) {
     if (!askClock({"sleep", std::to_string(microseconds)})) sleepReally(microseconds);
 }
 
+// Worlds play whole seconds alone, as the program asks for them.
 std::int64_t eventLimit(std::int64_t microseconds) {
+    if (microseconds < 1000000) return microseconds;
     return askClock({"event-limit", std::to_string(microseconds / 1000000)}).value_or(microseconds);
 }
 

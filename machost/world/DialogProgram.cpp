@@ -47,8 +47,12 @@ Words commandOf(const Texts& texts) {
     const std::string yes = textOf(texts, "DefaultButtonTitle"), no = textOf(texts, "AlternateButtonTitle");
     Words words;
     if (const std::string zenity = onPath("zenity"); !zenity.empty()) {
-        words = {zenity, no.empty() ? "--info" : "--question", "--no-markup", "--title=" + header,
-                 "--text=" + message, "--ok-label=" + yes};
+        words = {zenity,
+                 no.empty() ? "--info" : "--question",
+                 "--no-markup",
+                 "--title=" + header,
+                 "--text=" + message,
+                 "--ok-label=" + yes};
         if (!no.empty()) words.push_back("--cancel-label=" + no);
     } else if (const std::string kdialog = onPath("kdialog"); !kdialog.empty()) {
         words = {kdialog, "--title", header};

@@ -66,10 +66,4 @@ std::string interfaceEntries() {
     return answer.words.empty() ? std::string() : bytesOf(answer.words[0]);
 }
 
-bool connectLate(int, const sockaddr_storage&, socklen_t) { return false; }
-
-bool isHeldBack(int) { return false; }
-
-void awaitRelease(int) {}
-
 } // namespace machost::world

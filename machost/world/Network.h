@@ -4,6 +4,7 @@
 
 #include <sys/socket.h>
 
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -22,11 +23,13 @@ std::optional<Host> lookUp(const std::string& name, int family);
 // The interfaces as the Mac lists them: for each the entry of its link, then those of its addresses.
 std::string interfaceEntries();
 
-// Whether the world holds this connection back; then it is made later, and until then the socket is connecting.
-bool connectLate(int descriptor, const sockaddr_storage& address, socklen_t length);
+// Whether the world holds this connection back. Then it is made, on a thread of its own, once the world lets it go,
+// and until then the socket counts as connecting; `released` is called behind that with what connect answered.
+bool connectLate(int descriptor, const sockaddr_storage& address, socklen_t length,
+                 const std::function<void(int error)>& released);
 bool isHeldBack(int descriptor);
 
-// Blocks until the socket's connection has been let go.
-void awaitRelease(int descriptor);
+// A descriptor that was closed, or put in another's place: its connection is not made any more.
+void forgetHeldBack(int descriptor);
 
 } // namespace machost::world

@@ -82,7 +82,8 @@ TEST_F(DaemonFetchesUpdates, AskAndRunTheUpdateProgramAfterAPressOfTheButton) {
     EXPECT_EQ(package(), "the package");
     EXPECT_EQ(dialogs(),
               std::vector<std::string>{
-                  "zenity --question --no-markup --title=Ostler has an update for you --text=Your device needs to be "
+                  "zenity --question --no-markup --title=Ostler has an update for you --text=Your device "
+                  "needs to be "
                   "updated with the latest features and performance improvements. --ok-label=Update Now "
                   "--cancel-label=Update Later"});
     EXPECT_TRUE(daemon->logs("updatePopUp seeing Update Now click"));
@@ -102,7 +103,8 @@ TEST_F(DaemonFetchesUpdates, AskNobodyWhenTheServerHasNone) {
     startDaemon();
     testsupport::AnswerServer server({answer("404 Not Found", "no")});
     push(server.url("/OstlerUpdate.dmg"));
-    EXPECT_TRUE(daemon->awaitLog("updateThread unable to download the file: " + server.url("/OstlerUpdate.dmg")));
+    EXPECT_TRUE(
+        daemon->awaitLog("updateThread unable to download the file: " + server.url("/OstlerUpdate.dmg")));
     EXPECT_TRUE(daemon->logs("downloadFileFromUrl server error: (null)"));
     EXPECT_EQ(dialogs(), std::vector<std::string>());
     EXPECT_EQ(package(), "");

@@ -113,8 +113,9 @@ protected:
         names.install();
         directory.add("/LDAPv3/server", users,
                       {{"RecordName", {"alice"}}, {"AppleMetaNodeLocation", {"/LDAPv3/server"}}});
-        directory.add("/LDAPv3/server", groups,
-                      {{"RecordName", {"sales", "salespeople"}}, {"GroupMembership", {"alice", "caf\xc3\xa9"}}});
+        directory.add(
+            "/LDAPv3/server", groups,
+            {{"RecordName", {"sales", "salespeople"}}, {"GroupMembership", {"alice", "caf\xc3\xa9"}}});
     }
 
     testsupport::PlayedDirectory directory;
@@ -184,7 +185,8 @@ TEST_F(PlayedServices, TellOfQueriesThatCannotBeMadeOrFail) {
     directory.refuseQueries(groups, "not for you");
     directory.failQueries(users, "connection lost");
     directory.addMute("/LDAPv3/server", computers, {{"RecordName", {"mac01"}}}, "says nothing");
-    EXPECT_EQ(played({"find", "/LDAPv3/server", groups, recordName, "sales"}), "error: not for you\nstatus 1\n");
+    EXPECT_EQ(played({"find", "/LDAPv3/server", groups, recordName, "sales"}),
+              "error: not for you\nstatus 1\n");
     EXPECT_EQ(played({"find", "/LDAPv3/server", users, recordName, "alice"}),
               "error: connection lost\nstatus 1\n");
     EXPECT_EQ(played({"find", "/", computers, recordName, "mac01"}),
@@ -298,22 +300,24 @@ TEST_F(TransferServices, SendDataWithTheirMethod) {
 
 TEST_F(TransferServices, EndWithAnErrorAndNoStatus) {
     const std::string closed = "http://127.0.0.1:" + std::to_string(testsupport::freePort()) + "/";
-    for (const std::string& url : {closed, std::string("file:///etc/passwd"), std::string("h t"), std::string()})
+    for (const std::string& url :
+         {closed, std::string("file:///etc/passwd"), std::string("h t"), std::string()})
         EXPECT_EQ(alone({"fetch", url}), "status 0, an error: (nothing)\nafterwards it has gone\n") << url;
     testsupport::AnswerServer server({"HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\nshort"});
     EXPECT_EQ(alone({"fetch", server.url("/")}), "status 200, an error: (nothing)\nafterwards it has gone\n");
 }
 
 TEST_F(TransferServices, NameTheLastComponentOfAnAddress) {
-    const std::pair<std::string, std::string> known[] = {{"http://host/OstlerUpdate.dmg", "[OstlerUpdate.dmg]\n"},
-                                                         {"https://host:8443/a/b%20c.pkg?x=/y#z/w", "[b c.pkg]\n"},
-                                                         {"http://host/a/b/", "[b]\n"},
-                                                         {"http://host/a%2Fb", "[a/b]\n"},
-                                                         {"http://host/a%00b", "[a\\x00b]\n"},
-                                                         {"http://host/", "[/]\n"},
-                                                         {"http://host//", "[/]\n"},
-                                                         {"http://host/a b", "[]\n"},
-                                                         {"", "[]\n"}};
+    const std::pair<std::string, std::string> known[] = {
+        {"http://host/OstlerUpdate.dmg", "[OstlerUpdate.dmg]\n"},
+        {"https://host:8443/a/b%20c.pkg?x=/y#z/w", "[b c.pkg]\n"},
+        {"http://host/a/b/", "[b]\n"},
+        {"http://host/a%2Fb", "[a/b]\n"},
+        {"http://host/a%00b", "[a\\x00b]\n"},
+        {"http://host/", "[/]\n"},
+        {"http://host//", "[/]\n"},
+        {"http://host/a b", "[]\n"},
+        {"", "[]\n"}};
     for (const auto& [url, component] : known)
         EXPECT_EQ(alone({"component", url}), component) << url;
 }
@@ -329,7 +333,8 @@ TEST_F(DialogServices, TellTheButtonByTheProgramsStatus) {
     for (const Surroundings where : {Surroundings::played, Surroundings::ofThisMachine})
         for (const auto& [end, flags] : ends) {
             programs.add("zenity", end);
-            EXPECT_EQ(run({"ask", "60", "Header", "No"}, where), std::string("shown\nanswered ") + flags + "\n");
+            EXPECT_EQ(run({"ask", "60", "Header", "No"}, where),
+                      std::string("shown\nanswered ") + flags + "\n");
         }
     EXPECT_EQ(programs.calls()[0], "zenity --question --no-markup --title=Header --text=Message \xc3\xa9 "
                                    "--ok-label=Yes --cancel-label=No");

@@ -87,8 +87,10 @@ int find(const Words& words) {
     for (const auto& record : records) {
         std::printf("%s (%s)\n", shown(record->description()).c_str(), record->recordType().c_str());
         platform::DirectoryDetails details;
-        if (!record->recordDetailsForAttributes(
-                {words[3], "dsAttrTypeNative:none", "dsAttrTypeNative:objectGUID", "dsAttrTypeStandard:GroupMembership"}, details, error))
+        if (!record->recordDetailsForAttributes({words[3], "dsAttrTypeNative:none",
+                                                 "dsAttrTypeNative:objectGUID",
+                                                 "dsAttrTypeStandard:GroupMembership"},
+                                                details, error))
             return fail(error);
         for (const auto& [attribute, values] : details)
             for (const std::string& value : values)
@@ -183,7 +185,8 @@ int ask(const Words& words) {
                                               {NotificationKey::alertMessage, "Message \xc3\xa9"},
                                               {NotificationKey::defaultButtonTitle, "Yes"}};
     if (!words[3].empty()) texts.emplace_back(NotificationKey::alternateButtonTitle, words[3]);
-    shownDialog = platform::userDialog().create(std::stod(words[1]), platform::notificationNoteAlertLevel, texts);
+    shownDialog =
+        platform::userDialog().create(std::stod(words[1]), platform::notificationNoteAlertLevel, texts);
     std::signal(SIGUSR1, [](int) { platform::userDialog().cancel(shownDialog); });
     std::puts(shownDialog ? "shown" : "not shown");
     std::fflush(stdout);
@@ -199,10 +202,10 @@ struct Call {
     std::size_t words;
     int (*run)(const Words& words);
 };
-const Call calls[] = {{"search", 2, search},    {"find", 5, find},     {"hosts", 1, pinHosts},
-                      {"fetch", 2, transfer},   {"send", 4, transfer}, {"remove", 2, operate},
-                      {"move", 3, operate},     {"host", 1, printHost}, {"component", 2, printComponent},
-                      {"loop", 2, runLoop},      {"ask", 4, ask}};
+const Call calls[] = {{"search", 2, search},  {"find", 5, find},      {"hosts", 1, pinHosts},
+                      {"fetch", 2, transfer}, {"send", 4, transfer},  {"remove", 2, operate},
+                      {"move", 3, operate},   {"host", 1, printHost}, {"component", 2, printComponent},
+                      {"loop", 2, runLoop},   {"ask", 4, ask}};
 
 } // namespace
 

@@ -23,17 +23,17 @@ struct Noisy {
     Noisy member;
     NSInteger calls;
 }
-- (NSInteger)hear:(NSString *)text twice:(double)number;
-+ (NSString *)kind;
+- (NSInteger)hear:(NSString*)text twice:(double)number;
++ (NSString*)kind;
 @end
 
 @implementation Listener
-- (NSInteger)hear:(NSString *)text twice:(double)number {
+- (NSInteger)hear:(NSString*)text twice:(double)number {
     ++calls;
     std::printf("heard %s %.2f\n", text.UTF8String, number * 2);
     return calls;
 }
-+ (NSString *)kind {
++ (NSString*)kind {
     return @"listeners";
 }
 @end
@@ -42,7 +42,7 @@ struct Noisy {
 @end
 
 @implementation Eager
-- (NSInteger)hear:(NSString *)text twice:(double)number {
+- (NSInteger)hear:(NSString*)text twice:(double)number {
     std::printf("eagerly %s %.2f\n", text.UTF8String, number);
     return -1;
 }
@@ -51,8 +51,8 @@ struct Noisy {
 namespace {
 
 void tellClasses() {
-    Listener *listener = [[Listener alloc] init];
-    Listener *eager = [[Eager alloc] init];
+    Listener* listener = [[Listener alloc] init];
+    Listener* eager = [[Eager alloc] init];
     std::printf("calls %ld, %ld\n", static_cast<long>([listener hear:@"one" twice:1.5]),
                 static_cast<long>([listener hear:@"caf\u00e9" twice:-0.25]));
     std::printf("answer %ld\n", static_cast<long>([eager hear:@"two" twice:3]));
@@ -62,40 +62,40 @@ void tellClasses() {
 }
 
 void tellNil() {
-    NSString *none = nil;
-    NSDate *never = nil;
+    NSString* none = nil;
+    NSDate* never = nil;
     std::printf("nil %lu %d %.1f\n", static_cast<unsigned long>(none.length), none.UTF8String == nullptr,
                 never.timeIntervalSinceNow);
 }
 
 void tellTexts() {
-    NSString *units = @"\u20ac\U0001f600";
+    NSString* units = @"\u20ac\U0001f600";
     std::printf("text %s, %lu units, %lu bytes\n", units.UTF8String, static_cast<unsigned long>(units.length),
                 static_cast<unsigned long>([units lengthOfBytesUsingEncoding:NSUTF8StringEncoding]));
-    NSString *bad = [[NSString alloc] initWithBytes:"\xff" length:1 encoding:NSUTF8StringEncoding];
-    NSString *latin = [[NSString alloc] initWithBytes:"\xe9" length:1 encoding:NSISOLatin1StringEncoding];
+    NSString* bad = [[NSString alloc] initWithBytes:"\xff" length:1 encoding:NSUTF8StringEncoding];
+    NSString* latin = [[NSString alloc] initWithBytes:"\xe9" length:1 encoding:NSISOLatin1StringEncoding];
     std::printf("bad %d, latin %s, no text %d\n", bad == nil, latin.UTF8String,
                 [NSString stringWithUTF8String:"\xc0\x80"] == nil);
 }
 
 void tellCollections() {
-    NSString *const words[] = {@"a", @"b", @"c"};
-    NSMutableURLRequest *request =
+    NSString* const words[] = {@"a", @"b", @"c"};
+    NSMutableURLRequest* request =
         [[NSMutableURLRequest alloc] initWithURL:[NSURL URLWithString:@"http://host/%41/b"]];
     request.HTTPMethod = @"PUT";
     std::string all;
-    NSString *many[40];
-    for (auto &one : many)
+    NSString* many[40];
+    for (auto& one : many)
         one = words[2];
-    for (NSString *word in [NSArray arrayWithObjects:words count:3])
+    for (NSString* word in [NSArray arrayWithObjects:words count:3])
         all += word.UTF8String;
-    for (NSString *word in [NSArray arrayWithObjects:many count:40])
+    for (NSString* word in [NSArray arrayWithObjects:many count:40])
         all += word.UTF8String;
     std::printf("%s %s %s\n", all.c_str(), request.HTTPMethod.UTF8String,
                 [NSURL fileURLWithPath:@"/a b/c%41#"].path.UTF8String);
-    NSData *data = [NSData dataWithBytes:"\0x" length:2];
+    NSData* data = [NSData dataWithBytes:"\0x" length:2];
     std::printf("data %lu %d\n", static_cast<unsigned long>(data.length),
-                static_cast<const char *>(data.bytes)[1]);
+                static_cast<const char*>(data.bytes)[1]);
 }
 
 __attribute__((noinline)) void throwText() {
@@ -110,14 +110,14 @@ void tellExceptions() {
         } @finally {
             std::puts("finally");
         }
-    } @catch (NSURL *) {
+    } @catch (NSURL*) {
         std::puts("caught by the wrong handler");
-    } @catch (NSString *text) {
+    } @catch (NSString* text) {
         std::printf("caught %s\n", text.UTF8String);
-    }
-    @try {
-        [NSURL fileURLWithPath:(NSString *_Nonnull)nil];
-    } @catch (NSString *) {
+    } @
+    try {
+        [NSURL fileURLWithPath:(NSString* _Nonnull)nil];
+    } @catch (NSString*) {
         std::puts("caught by the wrong handler");
     } @catch (...) {
         std::puts("caught an exception of the system's");
@@ -129,7 +129,7 @@ __attribute__((noinline)) void passOn() {
     const Noisy local{"the frame's own"};
     @try {
         throw std::runtime_error("C++");
-    } @catch (NSString *) {
+    } @catch (NSString*) {
         std::puts("caught by the wrong handler");
     }
 }
@@ -137,7 +137,7 @@ __attribute__((noinline)) void passOn() {
 void throughCpp(void (*call)()) {
     try {
         call();
-    } catch (const std::exception &error) {
+    } catch (const std::exception& error) {
         std::printf("C++ caught %s\n", error.what());
     } catch (...) {
         std::puts("C++ caught something else");
