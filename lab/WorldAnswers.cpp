@@ -211,6 +211,14 @@ void answerUrl(int connection, const Words& question) {
     ended.get_future().wait();
 }
 
+std::function<void(int, std::uint64_t)> threadObserver;
+
+void noteThread(int connection, const Words& question) {
+    if (!threadObserver) return say(connection, {"real"});
+    threadObserver(std::atoi(question[1].c_str()), std::strtoull(question[2].c_str(), nullptr, 10));
+    say(connection, {"yes"});
+}
+
 struct HeldPort {
     int port = -1;
     int released = -1;
@@ -252,6 +260,7 @@ const std::map<std::string, Topic>& topics() {
         {"home", {answerHome, 1}},
         {"dialog", {answerDialog, 3}},
         {"url", {answerUrl, 4}},
+        {"thread", {noteThread, 3}},
         {"connect", {answerConnect, 3}},
         {"directory-nodes", {answerDirectoryNodes, 1}},
         {"directory-type", {converseWithNodeOfType, 2}},
@@ -263,6 +272,10 @@ const std::map<std::string, Topic>& topics() {
 } // namespace
 
 void shareClockMemory(int descriptor) { clockMemory = descriptor; }
+
+void observeThreads(std::function<void(int, std::uint64_t)> observer) {
+    threadObserver = std::move(observer);
+}
 
 void holdConnectionsBack(int port, int released) { heldPort = {port, released}; }
 

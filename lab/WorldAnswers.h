@@ -1,5 +1,8 @@
 #pragma once
 
+#include <cstdint>
+#include <functional>
+
 namespace lab {
 
 // Reads the one question of a connection and answers it by the services that are in force. Returns when the answer is
@@ -13,5 +16,9 @@ void shareClockMemory(int descriptor);
 // Holds connections to that port back until `released` can be read, or its other end has gone. Before the first
 // question.
 void holdConnectionsBack(int port, int released);
+
+// Has this process told of each thread's start, with the distance of its function from the program's header, and of its
+// end, with 0. Before the first question.
+void observeThreads(std::function<void(int thread, std::uint64_t function)> observer);
 
 } // namespace lab

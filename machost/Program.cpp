@@ -11,6 +11,7 @@
 #include "machost/loader/Unwinding.h"
 #include "machost/objc/Runtime.h"
 #include "machost/objects/Object.h"
+#include "machost/world/ThreadNotes.h"
 
 #include <unistd.h>
 
@@ -91,6 +92,7 @@ void runProgram(const std::string& path, int argc, char** argv) {
     objc::registerImage(image);
     foundation::readInformation(image);
 
+    world::setProgramHeader(image.at<const void>(file.headerAddress()));
     prepareOutput();
     programProcess = getpid();
     std::atexit(checkCounts);

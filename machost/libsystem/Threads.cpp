@@ -3,12 +3,14 @@
 #include "machost/libsystem/Errors.h"
 #include "machost/libsystem/Library.h"
 #include "machost/libsystem/ThreadLayouts.h"
+#include "machost/world/ThreadNotes.h"
 
 #include <pthread.h>
 #include <sched.h>
 #include <unistd.h>
 
 #include <cstdint>
+#include <memory>
 
 namespace machost::libsystem {
 namespace {
@@ -16,13 +18,28 @@ namespace {
 // What a thread has for its stack on the Mac, and room for what this system's libraries need on top.
 constexpr std::size_t stackSize = 512 * 1024 + 512 * 1024;
 
+struct Started {
+    void* (*run)(void*);
+    void* argument;
+};
+
+void* runNoted(void* given) {
+    const std::unique_ptr<Started> started(static_cast<Started*>(given));
+    world::noteThreadStart(reinterpret_cast<const void*>(started->run));
+    void* result = started->run(started->argument);
+    world::noteThreadEnd();
+    return result;
+}
+
 int playedCreate(pthread_t* thread, const mac::ThreadAttributes* attributes, void* (*run)(void*),
                  void* argument) {
     if (attributes) return macError(EINVAL); // no call that makes attributes is played
     pthread_attr_t own;
     pthread_attr_init(&own);
     pthread_attr_setstacksize(&own, stackSize);
-    const int error = pthread_create(thread, &own, run, argument);
+    auto started = std::make_unique<Started>(Started{run, argument});
+    const int error = pthread_create(thread, &own, runNoted, started.get());
+    if (error == 0) static_cast<void>(started.release());
     pthread_attr_destroy(&own);
     return macError(error);
 }

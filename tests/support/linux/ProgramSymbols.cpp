@@ -1,10 +1,15 @@
 #include "support/ProgramSymbols.h"
 
+#include "support/TemporaryFolder.h"
+
+#include <cxxabi.h>
 #include <dlfcn.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <memory>
 #include <stdexcept>
 
@@ -40,6 +45,16 @@ std::string withoutScope(const std::string& name) {
     return scope == std::string::npos ? name : name.substr(scope + 2);
 }
 
+// The Mac's compilers put a line in front of every symbol.
+std::string plainName(const char* symbol) {
+    int status = 0;
+    const std::unique_ptr<char, void (*)(void*)> text(
+        abi::__cxa_demangle(*symbol == '_' ? symbol + 1 : symbol, nullptr, nullptr, &status), std::free);
+    std::string name = text ? text.get() : symbol;
+    name.erase(std::min(name.rfind('('), name.size()));
+    return withoutScope(name);
+}
+
 } // namespace
 
 // "(anonymous namespace)::threadBody(void*)" becomes "threadBody".
@@ -50,6 +65,30 @@ std::map<std::uintptr_t, std::string> programFunctions() {
         name.erase(std::min(name.rfind('('), name.size()));
         functions[address] = withoutScope(name);
     });
+    return functions;
+}
+
+// Each symbol of LC_SYMTAB that lies in a section: nlist_64 of <mach-o/nlist.h>.
+std::map<std::uintptr_t, std::string> macProgramFunctions(const std::string& path) {
+    constexpr std::uint64_t header = 0x100000000;
+    const std::string file = readAll(path);
+    const auto number = [&](std::size_t at, std::size_t size) {
+        std::uint64_t value = 0;
+        std::memcpy(&value, &file.at(at), size);
+        return value;
+    };
+    std::map<std::uintptr_t, std::string> functions;
+    std::size_t command = 32;
+    for (std::uint64_t left = number(16, 4); left > 0; --left, command += number(command + 4, 4)) {
+        if (number(command, 4) != 2) continue; // LC_SYMTAB
+        const std::size_t texts = number(command + 16, 4);
+        for (std::uint64_t i = 0; i < number(command + 12, 4); ++i) {
+            const std::size_t symbol = number(command + 8, 4) + i * 16;
+            const bool isInSection = (number(symbol + 4, 1) & 0xee) == 0x0e; // and is no note for a debugger
+            if (isInSection)
+                functions[number(symbol + 8, 8) - header] = plainName(&file.at(texts + number(symbol, 4)));
+        }
+    }
     return functions;
 }
 

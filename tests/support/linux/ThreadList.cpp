@@ -1,6 +1,8 @@
 #include "support/ThreadList.h"
 
+#include "lab/WorldAnswers.h"
 #include "support/ProgramSymbols.h"
+#include "support/ShippedProgram.h"
 #include "support/ThreadStarts.h"
 
 #include <pthread.h>
@@ -79,16 +81,27 @@ ThreadList::ThreadList() {
 
 void ThreadList::record() {
     static Shared* const shared = shared_;
+    const auto noteThread = [](int number, std::uint64_t function) {
+        if (function != 0) {
+            if (Shared::Entry* entry = shared->add(function)) entry->number = number;
+            return;
+        }
+        for (Shared::Entry& entry : shared->entries)
+            if (entry.number == number) entry.number = 0;
+    };
     setNumber = [](void* entry, pid_t number) {
         if (entry) static_cast<Shared::Entry*>(entry)->number = number;
     };
     setNumber.load()(shared->add(mainThread), ownNumber());
     addEntry = [](std::uintptr_t function) -> void* { return shared->add(function); };
     playThreadStarts(startRecorded);
+    // The Mac's program tells the world of its threads itself.
+    if (!macProgram().empty()) lab::observeThreads(noteThread);
 }
 
 std::vector<ThreadList::Thread> ThreadList::living() const {
-    if (functions_.empty()) functions_ = programFunctions();
+    if (functions_.empty())
+        functions_ = macProgram().empty() ? programFunctions() : macProgramFunctions(macProgram());
     std::vector<Thread> threads;
     for (int i = 0; i < std::min(shared_->used.load(), Shared::room); ++i) {
         const Shared::Entry& entry = shared_->entries[i];
