@@ -152,8 +152,8 @@ TEST_F(DaemonSignals, PacketsOfBothDirectionsGetVerdictsWhileTheHandlerWaitsForT
 TEST_F(DaemonSignals, EveryThreadButOneKeepsBothAway) {
     linkedDaemon();
     const unsigned long long both = bit(SIGTERM) | bit(SIGINT);
+    ASSERT_TRUE(testsupport::eventually([&] { return daemon->threads().living().size() == 8; }));
     const auto threads = daemon->threads().living();
-    EXPECT_EQ(threads.size(), 8u);
     for (const testsupport::ThreadList::Thread& thread : threads)
         EXPECT_EQ(mask("SigBlk", thread.number) & both, thread.function == "signalThread" ? 0 : both)
             << thread.function;
