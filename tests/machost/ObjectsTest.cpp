@@ -92,7 +92,8 @@ TEST(Messages, GoToTheNearestClassThatAnswers) {
     const auto* own = machost::objc::send<const void*>(thing, "class");
     EXPECT_EQ(own, &kind);
     EXPECT_TRUE(machost::objc::send<signed char>(thing, "isKindOfClass:", &machost::rootClass));
-    EXPECT_EQ(machost::objc::selectorNamed("a:b:"), machost::objc::selectorNamed(std::string("a:b:").c_str()));
+    EXPECT_EQ(machost::objc::selectorNamed("a:b:"),
+              machost::objc::selectorNamed(std::string("a:b:").c_str()));
     releaseObject(thing);
 }
 
@@ -107,7 +108,8 @@ TEST(Messages, ThatNothingPlaysEndTheProcessWithTheirName) {
 
 // _objc_msgSend as the program calls it: every register of an argument comes through, and nil answers zero.
 TEST(Messages, LeaveTheArgumentsAsTheyAre) {
-    static const machost::Import* const send = machost::findImport("/usr/lib/libobjc.A.dylib", "_objc_msgSend");
+    static const machost::Import* const send =
+        machost::findImport("/usr/lib/libobjc.A.dylib", "_objc_msgSend");
     const auto toNil = reinterpret_cast<double (*)(ObjectRef, const char*)>(const_cast<void*>(send->address));
     EXPECT_EQ(toNil(nullptr, machost::objc::selectorNamed("timeIntervalSinceNow")), 0.0);
     const auto isKind = reinterpret_cast<signed char (*)(ObjectRef, const char*, const Class*)>(

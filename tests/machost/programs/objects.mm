@@ -3,11 +3,11 @@
 
 #import <Foundation/Foundation.h>
 
+#include <unistd.h>
+
 #include <cstdio>
 #include <stdexcept>
 #include <string>
-
-extern "C" id objc_autorelease(id);
 
 namespace {
 
@@ -144,6 +144,26 @@ void throughCpp(void (*call)()) {
     }
 }
 
+// This program's file has no property list, so nothing lets it use plain http; and no session takes another scheme.
+void tellSessions() {
+    for (NSString* address in [NSArray arrayWithObjects:(NSString* const[]){@"http://host/", @"ftp://host/"}
+                                                  count:2]) {
+        int ends[2];
+        if (pipe(ends) != 0) return;
+        const int told = ends[1];
+        [[NSURLSession.sharedSession
+            downloadTaskWithURL:[NSURL URLWithString:address]
+              completionHandler:^(NSURL* location, NSURLResponse* response, NSError* error) {
+                std::printf("session %d%d %ld %s\n", location == nil, response == nil,
+                            static_cast<long>(error.code), error.description.UTF8String);
+                close(told);
+              }] resume];
+        char byte = 0;
+        if (read(ends[0], &byte, 1) != 0) std::puts("something was sent");
+        close(ends[0]);
+    }
+}
+
 } // namespace
 
 int main() {
@@ -153,6 +173,7 @@ int main() {
         tellTexts();
         tellCollections();
         tellExceptions();
+        tellSessions();
         throughCpp(passOn);
         throughCpp(throwText);
     }
