@@ -36,20 +36,22 @@ void complete(void*, ObjectRef, ObjectRef, ObjectRef error) {
 }
 
 const machost::BlockDescriptor descriptor{0, sizeof(Block), nullptr, nullptr};
-Block handler{nullptr, machost::blockIsGlobal, 0, reinterpret_cast<void (*)(void*, ...)>(&complete), &descriptor};
+Block handler{nullptr, machost::blockIsGlobal, 0, reinterpret_cast<void (*)(void*, ...)>(&complete),
+              &descriptor};
 
 class Sessions : public testing::Test {
 protected:
     ObjectRef makeSession() {
-        ObjectRef configuration = send<ObjectRef>(classNamed("NSURLSessionConfiguration"), "defaultSessionConfiguration");
+        ObjectRef configuration =
+            send<ObjectRef>(classNamed("NSURLSessionConfiguration"), "defaultSessionConfiguration");
         return send<ObjectRef>(classNamed("NSURLSession"), "sessionWithConfiguration:", configuration);
     }
 
     // A task that the session refuses, since its request names no address.
     ObjectRef makeTask(ObjectRef session) {
-        ObjectRef request = machost::objc::autorelease(
-            reinterpret_cast<ObjectRef (*)(ObjectRef)>(
-                const_cast<void*>(machost::findImport("", "_objc_alloc")->address))(classNamed("NSMutableURLRequest")));
+        ObjectRef request =
+            machost::objc::autorelease(reinterpret_cast<ObjectRef (*)(ObjectRef)>(const_cast<void*>(
+                machost::findImport("", "_objc_alloc")->address))(classNamed("NSMutableURLRequest")));
         return send<ObjectRef>(session, "uploadTaskWithRequest:fromData:completionHandler:", request,
                                ObjectRef{}, &handler);
     }
