@@ -1,0 +1,48 @@
+// Calls of Core Foundation and IOKit with more to them than the daemon's tests come by.
+
+#include "machost/Imports.h"
+#include "machost/corefoundation/Collections.h"
+#include "machost/corefoundation/Strings.h"
+#include "machost/iokit/Library.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+namespace cf = machost::corefoundation;
+using machost::Held;
+using machost::ObjectRef;
+
+template <class Function>
+Function* played(const char* symbol) {
+    return reinterpret_cast<Function*>(const_cast<void*>(machost::findImport("", symbol)->address));
+}
+
+TEST(PlayedDictionary, KeepsTheFirstValueOfAKey) {
+    const auto make = played<ObjectRef(const void*, std::int64_t, const void*, const void*)>("_CFDictionaryCreateMutable");
+    const Held dictionary =
+        Held::adopt(make(nullptr, 0, machost::findImport("", "_kCFTypeDictionaryKeyCallBacks")->address,
+                         machost::findImport("", "_kCFTypeDictionaryValueCallBacks")->address));
+    const Held key = Held::adopt(cf::makeString("key")), same = Held::adopt(cf::makeString("key")),
+               first = Held::adopt(cf::makeString("1")), second = Held::adopt(cf::makeString("2"));
+    const auto add = played<void(void*, const void*, const void*)>("_CFDictionaryAddValue");
+    add(dictionary.get(), key.get(), first.get());
+    add(dictionary.get(), same.get(), second.get());
+    EXPECT_EQ(cf::pairsOf(dictionary.get()).size(), 1u);
+    EXPECT_EQ(cf::valueIn(dictionary.get(), same.get()), first.get());
+}
+
+TEST(PlayedRegistry, CountsItsEntriesAndTellsOfThoseThatAreLeft) {
+    const auto open = played<std::uint32_t(std::uint32_t, const char*)>("_IORegistryEntryFromPath");
+    const auto release = played<std::int32_t(std::uint32_t)>("_IOObjectRelease");
+    EXPECT_EQ(open(0, "IOService:/nowhere"), 0u);
+    const std::uint32_t entry = open(0, "IOService:/");
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(machost::iokit::reportLeaks(), 1);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "machost: 1 IOKit entries never released\n");
+    EXPECT_EQ(release(entry), 0);
+    EXPECT_EQ(machost::iokit::reportLeaks(), 0);
+    EXPECT_NE(release(entry), 0);
+}
+
+} // namespace
