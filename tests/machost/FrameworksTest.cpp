@@ -19,7 +19,8 @@ Function* played(const char* symbol) {
 }
 
 TEST(PlayedDictionary, KeepsTheFirstValueOfAKey) {
-    const auto make = played<ObjectRef(const void*, std::int64_t, const void*, const void*)>("_CFDictionaryCreateMutable");
+    const auto make =
+        played<ObjectRef(const void*, std::int64_t, const void*, const void*)>("_CFDictionaryCreateMutable");
     const Held dictionary =
         Held::adopt(make(nullptr, 0, machost::findImport("", "_kCFTypeDictionaryKeyCallBacks")->address,
                          machost::findImport("", "_kCFTypeDictionaryValueCallBacks")->address));

@@ -91,7 +91,9 @@ private:
         if (macServices().empty()) {
             for (std::string& word : words)
                 pointers.push_back(word.data());
-            std::exit(runServices(static_cast<int>(words.size()), pointers.data()));
+            const int status = runServices(static_cast<int>(words.size()), pointers.data());
+            std::fflush(nullptr);
+            _exit(status); // threads of the services may still be at their ends
         }
         if (where == Surroundings::played)
             lab::becomeMacProgram(macServices(), root.path(), words, HasFailure);
