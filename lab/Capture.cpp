@@ -39,6 +39,7 @@ bool linkTypeKnown(int linkType) {
         case DLT_LINUX_SLL2:
         case DLT_NULL:
         case DLT_LOOP:
+        case DLT_NFLOG:
             return true;
         default:
             return false;
@@ -57,6 +58,20 @@ std::optional<std::size_t> behindEtherType(const unsigned char* bytes, std::size
 }
 
 // Where the IP header starts in a record; nothing for what is not IP.
+// The packet is the last of the fields that the kernel's log hands over. A field's length counts its own head, and
+// the next begins at a multiple of four; both numbers are in this machine's order.
+std::optional<std::size_t> behindNflogFields(const unsigned char* bytes, std::size_t size) {
+    constexpr std::size_t fieldHead = 4;
+    constexpr std::uint16_t packetField = 9;
+    for (std::size_t at = 4; at + fieldHead <= size;) {
+        const auto length = platform::readNative<std::uint16_t>(bytes + at);
+        if (platform::readNative<std::uint16_t>(bytes + at + 2) == packetField) return at + fieldHead;
+        if (length < fieldHead) return {};
+        at += (std::size_t{length} + 3) / 4 * 4;
+    }
+    return {};
+}
+
 std::optional<std::size_t> ipOffset(int linkType, const unsigned char* bytes, std::size_t size) {
     switch (linkType) {
         case DLT_EN10MB:
@@ -69,6 +84,8 @@ std::optional<std::size_t> ipOffset(int linkType, const unsigned char* bytes, st
         case DLT_NULL:
         case DLT_LOOP:
             return 4; // the version nibble decides, since family numbers differ between systems
+        case DLT_NFLOG:
+            return behindNflogFields(bytes, size);
         default:
             return 0;
     }
@@ -175,8 +192,8 @@ Capture::Capture(const std::string& path) : path_(path) {
     if (!linkTypeKnown(linkType_)) {
         const char* name = pcap_datalink_val_to_name(linkType_);
         throw InputError(
-            fmt::format("{}: link type {} ({}) cannot be replayed; Ethernet, raw IP, Linux cooked and "
-                        "loopback can",
+            fmt::format("{}: link type {} ({}) cannot be replayed; Ethernet, raw IP, Linux cooked, "
+                        "loopback and netfilter log can",
                         path, linkType_, name ? name : "unknown"));
     }
 }

@@ -1,6 +1,6 @@
 #pragma once
 
-// What a replay knows of one TCP connection.
+// What a replay or a live run knows of one TCP connection.
 
 #include "lab/Capture.h"
 #include "lab/Policy.h"
@@ -18,6 +18,7 @@ struct Query {
     std::string url;
     Decision decision; // of the last answer
     long retries = 0;  // host-lookup errors before it
+    bool answered = true;
 };
 
 // A packet on its way through the daemon.

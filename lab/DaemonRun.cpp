@@ -38,7 +38,7 @@ bool isLogLine(const std::string& line, const char* beginning) {
 
 } // namespace
 
-DaemonRun::DaemonRun(const RootFolder& root, PlayedClock& clock, std::string program)
+DaemonRun::DaemonRun(const RootFolder& root, PlayedClock* clock, std::string program)
     : root_(root), clock_(clock), program_(std::move(program)) {}
 
 DaemonRun::~DaemonRun() { stop(); }
@@ -71,12 +71,12 @@ void DaemonRun::runChild(int output, const std::vector<int>& foreign) {
     const char* path = std::getenv("PATH");
     setenv("PATH", (root_.programs() + ":" + (path ? path : "/usr/bin:/bin")).c_str(), 1);
     platform::HostPaths::setRoot(root_.path().c_str());
-    platform::clockService.install(clock_);
+    if (clock_) platform::clockService.install(*clock_);
     platform::nameLookupService.install(offlineNames());
     platform::consoleUserService.install(emptyConsole());
 
     if (!program_.empty()) {
-        shareClockMemory(clock_.memory());
+        if (clock_) shareClockMemory(clock_->memory());
         becomeMacProgram(program_, root_.path(), {"fernhill", "-logecho"}, [] { return false; });
     }
 

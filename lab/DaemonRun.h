@@ -1,7 +1,7 @@
 #pragma once
 
-// The daemon under test: the shipped program in a forked child, under a scratch root and on a played clock,
-// its output read line by line.
+// The daemon under test: the shipped program in a forked child, under a scratch root and on a played clock or
+// the machine's own, its output read line by line.
 
 #include "lab/PlayedClock.h"
 #include "lab/RootFolder.h"
@@ -18,8 +18,9 @@ namespace lab {
 
 class DaemonRun {
 public:
-    // `program` is the Mach-O to run under machost; empty for this build's own program.
-    DaemonRun(const RootFolder& root, PlayedClock& clock, std::string program = {});
+    // Null for the clock leaves the daemon the machine's own. `program` is the Mach-O to run under machost; empty for
+    // this build's own program.
+    DaemonRun(const RootFolder& root, PlayedClock* clock, std::string program = {});
     ~DaemonRun();
 
     DaemonRun(const DaemonRun&) = delete;
@@ -56,7 +57,7 @@ private:
     void noteEnding(int status);
 
     const RootFolder& root_;
-    PlayedClock& clock_;
+    PlayedClock* const clock_;
     const std::string program_;
     pid_t pid_ = -1;
     std::thread reader_;

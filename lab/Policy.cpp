@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <set>
 #include <sstream>
 
 namespace lab {
@@ -89,6 +90,16 @@ std::string contentOf(const std::string& line) {
     return content.substr(first, content.find_last_not_of(blanks) - first + 1);
 }
 
+// The host in a pattern: what stands behind the scheme and in front of path, port or anything.
+std::string hostOf(const std::string& pattern) {
+    const auto scheme = pattern.find("://");
+    const auto start = pattern.find_first_not_of("*.", scheme == std::string::npos ? 0 : scheme + 3);
+    if (start == std::string::npos) return "";
+    const std::string host = pattern.substr(start, pattern.find_first_of("/:*", start) - start);
+    constexpr char letters[] = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789-.";
+    return host.find_first_not_of(letters) == std::string::npos ? host : "";
+}
+
 } // namespace
 
 bool matches(const std::string& pattern, const std::string& text) {
@@ -161,6 +172,15 @@ void Policy::addLine(const std::string& line, const std::string& place) {
     if (shape->numberFirst) rule.number = wholeNumber(parts[1], place);
     if (shape->redirectLast) rule.redirect = parts[2];
     rules_.push_back(std::move(rule));
+}
+
+std::vector<std::string> Policy::hosts() const {
+    std::set<std::string> hosts;
+    for (const Rule& rule : rules_) {
+        const std::string host = hostOf(rule.pattern);
+        if (host.find('.') != std::string::npos) hosts.insert(host);
+    }
+    return {hosts.begin(), hosts.end()};
 }
 
 Decision Policy::decide(const std::string& url) {

@@ -48,6 +48,9 @@ public:
 
     std::size_t ruleCount() const { return rules_.size(); }
 
+    // The host names in the patterns of its rules, without what stands for any characters.
+    std::vector<std::string> hosts() const;
+
 private:
     struct Rule {
         Action action;

@@ -1,5 +1,6 @@
 #include "lab/ReplayCommand.h"
 
+#include "lab/CheckedProgram.h"
 #include "lab/ConnectionRows.h"
 #include "lab/HtmlReport.h"
 #include "lab/PrivateNetwork.h"
@@ -12,10 +13,8 @@
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <memory>
 
 namespace lab {
@@ -38,20 +37,6 @@ File openAsked(const std::string& path) {
 void finishAsked(const File& file, const std::string& path) {
     if (file && (std::fflush(file.get()) != 0 || std::ferror(file.get())))
         throw InputError(fmt::format("{}: it cannot be written", path));
-}
-
-// The program's whole path. Throws InputError unless the file can be read and is a Mach-O for x86-64.
-std::string checkedProgram(const std::string& path) {
-    if (path.empty()) return {};
-    const std::unique_ptr<char, void (*)(void*)> whole(realpath(path.c_str(), nullptr), std::free);
-    std::ifstream file(path, std::ios::binary);
-    std::uint32_t words[2] = {};
-    if (!whole || !file.read(reinterpret_cast<char*>(words), sizeof words))
-        throw InputError(fmt::format("{}: {}", path, std::strerror(errno)));
-    constexpr std::uint32_t machO64 = 0xfeedfacf, x86_64 = 0x01000007;
-    if (words[0] != machO64 || words[1] != x86_64)
-        throw InputError(fmt::format("{}: it is no Mach-O file for x86-64", path));
-    return whole.get();
 }
 
 void writeReports(const ReplayOptions& options, const TableReport& table, const Totals& totals) {

@@ -11,9 +11,11 @@ constexpr int glanceMilliseconds = 100;
 
 } // namespace
 
-Stage::Stage(const std::string& rootPath, Policy policy, std::int64_t time, const std::string& program)
-    : root(rootPath), extension(root.path()), agent(std::move(policy), false), daemon(root, clock, program) {
-    clock.set(time);
+Stage::Stage(const std::string& rootPath, Policy policy, std::optional<std::int64_t> time,
+             const std::string& program)
+    : root(rootPath), extension(root.path()), agent(std::move(policy), !time),
+      daemon(root, time ? &clock : nullptr, program) {
+    clock.set(time.value_or(0));
 }
 
 bool Stage::raise(bool withAgent) {

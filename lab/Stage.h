@@ -1,6 +1,6 @@
 #pragma once
 
-// The daemon with all that it stands on: a scratch root, the played clock, and the stand-ins at both its ends.
+// The daemon with all that it stands on: a scratch root, a clock, and the stand-ins at both its ends.
 
 #include "lab/DaemonRun.h"
 #include "lab/ExtensionStandIn.h"
@@ -9,14 +9,16 @@
 #include "lab/RootFolder.h"
 
 #include <cstdint>
+#include <optional>
 #include <string>
 
 namespace lab {
 
 struct Stage {
-    // The root as for RootFolder; the time in microseconds since the epoch; the program as for DaemonRun.
-    // Throws InputError.
-    Stage(const std::string& rootPath, Policy policy, std::int64_t time, const std::string& program = {});
+    // The root as for RootFolder; the time in microseconds since the epoch, at which the clock stands until it is
+    // played, or nothing for the machine's own clock; the program as for DaemonRun. Throws InputError.
+    Stage(const std::string& rootPath, Policy policy, std::optional<std::int64_t> time,
+          const std::string& program = {});
 
     // Starts everything, or all but the agent, which then does not even listen. To be called before any other
     // thread is started. False when the daemon does not come to its control sockets.
@@ -24,7 +26,7 @@ struct Stage {
 
     // In the order of making: the daemon ends before the sockets close.
     const RootFolder root;
-    PlayedClock clock;
+    PlayedClock clock; // at rest when the machine's own is used
     ExtensionStandIn extension;
     PolicyAgent agent;
     DaemonRun daemon;

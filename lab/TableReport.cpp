@@ -54,6 +54,7 @@ std::string urlText(const Connection& connection) {
 } // namespace
 
 std::string answerTextOf(const Query& query) {
+    if (!query.answered) return "none";
     std::string text = actionName(query.decision.action);
     if (query.decision.action == Action::slow)
         text += fmt::format(" {} ms, allow", query.decision.milliseconds);
@@ -92,6 +93,19 @@ void TableReport::begin(const std::string& capture, const CaptureFacts& facts, c
                policy.blockOnFailure ? "on" : "off");
     if (!explained_) std::fputs(explanation, out_);
     explained_ = true;
+    printColumns();
+}
+
+void TableReport::beginLive(const PolicyFacts& policy) {
+    if (!out_) return;
+    fmt::print(out_, "The agent answers by {} ({} rules); block on failure is {}.\n",
+               std::filesystem::path(policy.path).filename().string(), policy.rules,
+               policy.blockOnFailure ? "on" : "off");
+    printColumns();
+    std::fflush(out_);
+}
+
+void TableReport::printColumns() {
     fmt::print(out_, "\n{:>8}  {:<{}}  {:<{}}  {:<{}}  {:>8}  {}\n", "at (s)", "connection to",
                connectionWidth, "URL asked", urlWidth, "agent's answer", answerWidth, "held (s)", "verdict");
     fmt::print(out_, "{:->{}}\n", "", lineWidth);
@@ -131,6 +145,7 @@ void TableReport::printRow(const Connection& connection, std::int64_t start) {
                shortened(connection.remote.text(), connectionWidth), connectionWidth, urlText(connection),
                urlWidth, answerText(connection), answerWidth,
                connection.heldTime ? fmt::format("{:.3f}", held) : "-", verdictText(connection));
+    std::fflush(out_);
 }
 
 void TableReport::progress(long position, long records) {
@@ -161,6 +176,19 @@ void TableReport::printAnswers(const Totals& totals) {
     fmt::print(out_, ".\n");
     for (const auto& [url, count] : totals.redirects)
         fmt::print(out_, "Redirected to {}: {} connections.\n", printable(url), count);
+}
+
+void TableReport::liveSummary(const Totals& totals, const std::string& root) {
+    if (!out_) return;
+    fmt::print(
+        out_,
+        "\n{} connections. The daemon was shown {} packets and left {} without an answer: {} passed, {} "
+        "dropped, {} redirected, {} held.\n",
+        totals.connections, totals.presented, totals.unanswered, totals.passed, totals.dropped,
+        totals.redirected, totals.heldToTheEnd);
+    printAnswers(totals);
+    if (!root.empty()) fmt::print(out_, "The daemon's files, its log and its output are in {}.\n", root);
+    std::fflush(out_);
 }
 
 void TableReport::summary(const Totals& totals, double realSeconds, const std::string& root) {

@@ -1,6 +1,7 @@
 #pragma once
 
-// The report of a replay for people: what is played, a row for each connection as it ends, and a summary.
+// The report of a replay or a live run for people: what is played, a row for each connection as it ends, and a
+// summary.
 
 #include "lab/Connection.h"
 #include "lab/ConnectionRows.h"
@@ -48,6 +49,8 @@ public:
 
     // The heading of one capture; in front of the first, how to read the table.
     void begin(const std::string& capture, const CaptureFacts& facts, const PolicyFacts& policy);
+    // The heading of a live run.
+    void beginLive(const PolicyFacts& policy);
     void row(const Connection& connection, std::int64_t start);
 
     // The end of a capture: prints its choice of rows, if there is one.
@@ -59,8 +62,10 @@ public:
     void progress(long position, long records);
     // `root` is the scratch folder when it is kept, else empty.
     void summary(const Totals& totals, double realSeconds, const std::string& root);
+    void liveSummary(const Totals& totals, const std::string& root);
 
 private:
+    void printColumns();
     void clearProgress();
     void printRow(const Connection& connection, std::int64_t at);
     void printAnswers(const Totals& totals);

@@ -5,11 +5,14 @@
 #include "lab/Policy.h"
 #include "lab/ReplayCommand.h"
 #include "lab/SlotProof.h"
+#include "lab/divert/DivertCommand.h"
 
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
 
 #include <exception>
+#include <map>
+#include <string>
 
 namespace {
 
@@ -99,6 +102,47 @@ CLI::App* addLog(CLI::App& app, lab::LogOptions& options) {
     return log;
 }
 
+CLI::App* addDivert(CLI::App& app, lab::DivertOptions& options, std::string& blockOnFailure) {
+    CLI::App* divert = app.add_subcommand(
+        "divert",
+        "Run a command, or a shell, in a network of the lab's own whose packets go through the daemon.");
+    divert->add_option("command", options.command, "what runs, with its arguments, behind --")
+        ->type_name("COMMAND");
+    divert->add_option("--policy", options.policy, "the rules by which the agent answers")
+        ->required()
+        ->type_name("FILE");
+    divert->add_option("--bof", blockOnFailure, "block on failure")
+        ->check(CLI::IsMember({"on", "off"}))
+        ->default_str("off");
+    divert->add_flag("!--no-agent", options.withAgent, "leave the agent away");
+    divert
+        ->add_option("--restart-agent", options.restartSeconds,
+                     "take the agent away every so often, for a moment")
+        ->check(CLI::PositiveNumber)
+        ->type_name("SECONDS");
+    divert
+        ->add_option("--program", options.program,
+                     "run this Mach-O under machost instead of this build's own program")
+        ->type_name("FILE");
+    divert
+        ->add_option("--table", options.table,
+                     "write the table here and not to standard error (- is standard output)")
+        ->type_name("FILE");
+    divert->add_option("--json", options.json, "write one object a line for each connection")
+        ->type_name("FILE");
+    divert->add_option("--record", options.record, "have tcpdump write the packets as they are diverted")
+        ->type_name("FILE");
+    divert->add_option("--watch", options.watch, "write one object a second: what the daemon holds")
+        ->type_name("FILE");
+    divert
+        ->add_option("--through", options.way,
+                     "what the packets go through: daemon, only the queue, or nothing")
+        ->transform(CLI::CheckedTransformer(std::map<std::string, lab::Way>{
+            {"daemon", lab::Way::daemon}, {"queue", lab::Way::queue}, {"nothing", lab::Way::nothing}}));
+    divert->add_option("--root", options.root, "keep the daemon's files in this folder")->type_name("DIR");
+    return divert;
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
@@ -113,12 +157,15 @@ int main(int argc, char** argv) {
     const CLI::App* check = addCheck(app, checkOptions);
     lab::LogOptions logOptions;
     const CLI::App* log = addLog(app, logOptions);
+    lab::DivertOptions divertOptions;
+    const CLI::App* divert = addDivert(app, divertOptions, blockOnFailure);
     try {
         app.parse(argc, argv);
         if (slots->parsed()) return lab::proveSlots(slotOptions);
         if (check->parsed()) return lab::check(checkOptions);
         if (log->parsed()) return lab::showLog(logOptions);
-        options.blockOnFailure = blockOnFailure == "on";
+        options.blockOnFailure = divertOptions.blockOnFailure = blockOnFailure == "on";
+        if (divert->parsed()) return lab::divert(divertOptions);
         return lab::replay(options);
     } catch (const CLI::ParseError& error) {
         return app.exit(error) == 0 ? 0 : unusable;

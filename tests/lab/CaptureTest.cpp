@@ -239,6 +239,27 @@ TEST_F(CaptureTest, AnIpv6ExtensionThatLeadsOutOfThePacketLeavesThePortsOut) {
     EXPECT_FALSE(all[0].hasPorts);
 }
 
+// A field of the netfilter log: length, kind, content, and what fills it up to four bytes.
+std::string logField(std::uint16_t kind, const std::string& content) {
+    const auto length = static_cast<std::uint16_t>(4 + content.size());
+    std::string field(reinterpret_cast<const char*>(&length), 2);
+    field.append(reinterpret_cast<const char*>(&kind), 2);
+    return field + content + std::string((4 - content.size() % 4) % 4, '\0');
+}
+
+TEST_F(CaptureTest, TheNetfilterLogHasThePacketBehindItsOtherFields) {
+    const std::string head("\x02\0\0\x05", 4);
+    EXPECT_EQ(onlyPacket(DLT_NFLOG, head + logField(10, "out") + logField(5, "1234") + logField(9, ipv4_)),
+              ipv4_);
+}
+
+TEST_F(CaptureTest, ANetfilterLogWithoutAPacketOrWithAnImpossibleFieldHasNone) {
+    const std::string head("\x02\0\0\x05", 4);
+    EXPECT_EQ(packetCount(DLT_NFLOG, head), 0u);
+    EXPECT_EQ(packetCount(DLT_NFLOG, head + logField(10, "out")), 0u);
+    EXPECT_EQ(packetCount(DLT_NFLOG, head + std::string("\3\0\x0a\0", 4) + logField(9, ipv4_)), 0u);
+}
+
 TEST_F(CaptureTest, ATruncatedFileIsAnErrorThatNamesFileAndPacket) {
     write(DLT_RAW, {ipv4_, ipv4_});
     const std::string whole = testsupport::readAll(path());
@@ -250,7 +271,7 @@ TEST_F(CaptureTest, ATruncatedFileIsAnErrorThatNamesFileAndPacket) {
 TEST_F(CaptureTest, AnUnknownLinkTypeIsAnErrorThatNamesIt) {
     write(DLT_IEEE802_11, {});
     EXPECT_EQ(error(), path() + ": link type 105 (IEEE802_11) cannot be replayed; Ethernet, raw IP, Linux "
-                                "cooked and loopback can");
+                                "cooked, loopback and netfilter log can");
 }
 
 TEST_F(CaptureTest, AFileThatIsNotThereIsAnErrorThatNamesItOnce) {

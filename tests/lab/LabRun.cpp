@@ -29,8 +29,10 @@ namespace fs = std::filesystem;
     dup2(open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), STDERR_FILENO);
     std::vector<std::string> words = {OSTLER_BINARY_DIR "/lab/fernhill-lab"};
     words.insert(words.end(), arguments.begin(), arguments.end());
-    if (!arguments.empty() && arguments.front() == "replay" && !testsupport::macProgram().empty())
-        words.insert(words.end(), {"--program", testsupport::macProgram()});
+    const bool daemon =
+        !arguments.empty() && (arguments.front() == "replay" || arguments.front() == "divert");
+    if (daemon && !testsupport::macProgram().empty())
+        words.insert(words.begin() + 2, {"--program", testsupport::macProgram()});
     std::vector<char*> argv;
     for (std::string& word : words)
         argv.push_back(word.data());

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -22,6 +23,14 @@ std::string errorOf(const std::string& text) {
         return error.what();
     }
     return "";
+}
+
+TEST(Policy, TellsTheHostsOfItsPatternsOnceEach) {
+    const Policy policy =
+        policyOf("allow http://shop.birch.example/*\nblock https://shop.birch.example http://p/\n"
+                 "allow *news.gum.test*\nallow http://*.fir.test:8080/\nallow *\nallow http://a/\n"
+                 "allow http://[fd53:2::2]/\n");
+    EXPECT_EQ(policy.hosts(), (std::vector<std::string>{"fir.test", "news.gum.test", "shop.birch.example"}));
 }
 
 TEST(Policy, EachRuleWordDecidesItsOwnWay) {

@@ -1,0 +1,63 @@
+#include "lab/divert/DivertCommand.h"
+
+#include "lab/CheckedProgram.h"
+#include "lab/Stage.h"
+#include "lab/divert/LabNetwork.h"
+#include "lab/divert/LabServers.h"
+#include "lab/divert/LiveRun.h"
+#include "lab/divert/OwnSystem.h"
+#include "lab/divert/Recorder.h"
+#include "lab/divert/Tools.h"
+
+#include <fmt/format.h>
+
+#include <optional>
+
+namespace lab {
+namespace {
+
+// Without the daemon in the way.
+int runAlone(const DivertOptions& options) {
+    const Recorder recorder(options.record);
+    if (!options.record.empty()) recordPackets();
+    ClientCommand command(options.command);
+    while (!command.await(-1)) {
+    }
+    return command.status();
+}
+
+int runInside(const DivertOptions& options, Policy policy) {
+    const PolicyFacts facts{options.policy, policy.ruleCount(), options.blockOnFailure};
+    makeNetworks();
+    startServers(policy.hosts());
+    if (options.way == Way::nothing) return runAlone(options);
+
+    Stage stage(options.root.empty() ? ownFolder + std::string("/root") : options.root, std::move(policy),
+                std::nullopt, options.program);
+    stage.root.configure(options.blockOnFailure, 0);
+    if (!stage.raise(options.withAgent)) {
+        stage.daemon.stop();
+        fmt::print(stderr, "fernhill-lab: the daemon did not connect its control sockets; it wrote:\n{}\n",
+                   stage.root.outputTail());
+        return 1;
+    }
+    LiveRun run(options, facts, stage);
+    const int status = run.play();
+    stage.daemon.stop();
+    return status;
+}
+
+} // namespace
+
+int divert(const DivertOptions& options) {
+    DivertOptions whole = options;
+    whole.program = checkedProgram(options.program);
+    Policy policy = Policy::load(options.policy);
+    try {
+        return runInOwnSystem([&] { return runInside(whole, std::move(policy)); });
+    } catch (const UnavailableError& error) {
+        throw InputError(error.what());
+    }
+}
+
+} // namespace lab
