@@ -83,7 +83,8 @@ std::string machostPath() { return OSTLER_MACHOST_PATH; }
 
 void becomeMacProgram(const std::string& program, const std::string& root,
                       const std::vector<std::string>& words, const std::function<bool()>& failed) {
-    const std::string world = "/tmp/fernhill-world-" + std::to_string(getpid());
+    // Process numbers are unique only within their namespace, folders everywhere.
+    const std::string world = (root.empty() ? "/tmp" : root) + "/fernhill-world-" + std::to_string(getpid());
     {
         Sign ready;
         leaveServerBehind(world, getpid(), ready, failed);

@@ -24,7 +24,8 @@ using testsupport::writeAll;
 using DivertTest = LiveTraffic;
 
 constexpr char servedFile[] = "/run/fernhill-lab/www/noise";
-constexpr char longName[] = "'a browser with a name so long that the redirect has room in place of the request'";
+constexpr char longName[] =
+    "'a browser with a name so long that the redirect has room in place of the request'";
 
 // A curl that tells its status, the time that it took, the HTTP status and where it ended.
 std::string curl(const std::string& arguments) {
@@ -45,6 +46,11 @@ Outcome outcomeOf(const std::string& line) {
     return outcome;
 }
 
+// What became of a connection; a repeated packet of the server's can have been dropped on the way.
+std::string kindOf(const std::string& verdict) {
+    return verdict.rfind("passed, ", 0) == 0 ? "passed" : verdict;
+}
+
 TEST_F(DivertTest, AnAllowedPageArrivesUnchangedOverEachProtocol) {
     std::string script;
     for (const char* way : {"-4 http", "-6 http", "-4 https", "-6 https"})
@@ -59,13 +65,14 @@ TEST_F(DivertTest, AnAllowedPageArrivesUnchangedOverEachProtocol) {
     }
     ASSERT_EQ(connections().size(), 4u);
     for (const auto& connection : connections())
-        EXPECT_EQ(connection["verdict"], "passed") << connection;
+        EXPECT_EQ(kindOf(connection["verdict"]), "passed") << connection;
 }
 
 TEST_F(DivertTest, ABlockedPageEndsAtTheBlockPageByWayOfThe302) {
-    const LabRun run = live("block *bad* http://localhost:6543/blocked\n",
-                            curl("-4 -o /dev/null http://bad.test/page") + curl("-6 -o /dev/null http://bad.test/page") +
-                                curl("-L -4 http://bad.test/followed") + curl("-L 'http://[fd53:2::2]/bad'"));
+    const LabRun run =
+        live("block *bad* http://localhost:6543/blocked\n",
+             curl("-4 -o /dev/null http://bad.test/page") + curl("-6 -o /dev/null http://bad.test/page") +
+                 curl("-L -4 http://bad.test/followed") + curl("-L 'http://[fd53:2::2]/bad'"));
     const auto lines = linesOf(run.out);
     ASSERT_EQ(lines.size(), 6u) << run.out << run.err;
     for (std::size_t i = 0; i < 2; ++i)
@@ -121,8 +128,8 @@ TEST_F(DivertTest, AQuestionThatTheAgentWantsAgainIsAskedAgainAndThenAllowed) {
 }
 
 TEST_F(DivertTest, ASilentAgentLeavesRequestsHeld) {
-    const LabRun run = live("silent *\n", curl("--max-time 1 -4 http://one.test/") +
-                                              curl("--max-time 1 -6 https://two.test/"));
+    const LabRun run = live("silent *\n", curl("--max-time 3 -4 http://one.test/") +
+                                              curl("--max-time 3 -6 https://two.test/"));
     for (const std::string& line : linesOf(run.out))
         EXPECT_EQ(outcomeOf(line).status, 28) << line; // timed out
     EXPECT_EQ(connectionOf("http://one.test/")["verdict"], "held to the end");
@@ -130,14 +137,16 @@ TEST_F(DivertTest, ASilentAgentLeavesRequestsHeld) {
 }
 
 TEST_F(DivertTest, AnAbsentAgentLeavesRequestsHeld) {
-    const LabRun run = live("allow *\n", curl("--max-time 1 -4 http://one.test/"), {"--no-agent", "--bof", "on"});
+    const LabRun run =
+        live("allow *\n", curl("--max-time 3 -4 http://one.test/"), {"--no-agent", "--bof", "on"});
     EXPECT_EQ(outcomeOf(run.out).status, 28) << run.out << run.err;
     EXPECT_EQ(connectionOf("http://one.test/")["verdict"], "held to the end");
     EXPECT_EQ(connectionOf("http://one.test/")["answer"], "none");
 }
 
 TEST_F(DivertTest, ANonsenseAnswerPassesWithBlockOnFailureOff) {
-    const LabRun run = live("garble *\n", curl("-L -4 -o /dev/null http://page.test/noise"), {"--bof", "off"});
+    const LabRun run =
+        live("garble *\n", curl("-L -4 -o /dev/null http://page.test/noise"), {"--bof", "off"});
     EXPECT_EQ(outcomeOf(run.out).url, "http://page.test/noise");
     EXPECT_EQ(outcomeOf(run.out).httpStatus, 200);
 }
@@ -150,7 +159,7 @@ TEST_F(DivertTest, ANonsenseAnswerEndsAtTheBlockPageWithBlockOnFailureOn) {
 
 TEST_F(DivertTest, ABlockedRequestShorterThanThe302IsHeldAndALongerOneRedirected) {
     const LabRun run = live("block * http://localhost:6543/blocked\n",
-                            curl("--max-time 1 -4 -A '' -H Accept: http://bad.test/short") +
+                            curl("--max-time 3 -4 -A '' -H Accept: http://bad.test/short") +
                                 curl("-4 -o /dev/null http://bad.test/long"));
     const auto lines = linesOf(run.out);
     ASSERT_EQ(lines.size(), 2u) << run.out << run.err;
@@ -173,10 +182,11 @@ TEST_F(DivertTest, UdpPasses) {
                                       "    print(peer.recv(2000) == server.encode() * 50)\n");
     const std::string program = "python3 " + folder_.file("echo.py");
     const LabRun run = live("block * http://localhost:6543/blocked\n",
-                            "coproc ip netns exec servers " + program + " serve\nread -u ${COPROC[0]}\n" + program +
-                                " ask\n");
+                            "coproc ip netns exec servers " + program + " serve\nread -u ${COPROC[0]}\n" +
+                                program + " ask\n");
     EXPECT_EQ(linesOf(run.out), (std::vector<std::string>{"True", "True"})) << run.err;
-    EXPECT_NE(run.err.find("The daemon was shown 4 packets and left 0 without an answer: 4 passed"), std::string::npos)
+    EXPECT_NE(run.err.find("The daemon was shown 4 packets and left 0 without an answer: 4 passed"),
+              std::string::npos)
         << run.err;
 }
 
@@ -216,12 +226,15 @@ TEST_F(DivertTest, LeavesNothingBehindWhenItIsKilled) {
     const std::string mark = folder_.file("mark");
     std::string processNamespace;
     const auto killIt = [&](pid_t lab) {
-        ASSERT_TRUE(testsupport::eventually([&] { return linesOf(readAll(mark)).size() == 1; }));
+        for (int tries = 0; tries < 4 && readAll(mark).empty(); ++tries)
+            testsupport::eventually([&] { return !readAll(mark).empty(); });
+        ASSERT_EQ(linesOf(readAll(mark)).size(), 1u);
         processNamespace = linesOf(readAll(mark))[0];
         EXPECT_GE(processesIn(processNamespace), 5); // with servers, daemon and command
         kill(lab, SIGKILL);
     };
-    runLab({"divert", "--policy", policy_, "--", "sh", "-c", "readlink /proc/self/ns/pid > " + mark + "; sleep 60"},
+    runLab({"divert", "--policy", policy_, "--", "sh", "-c",
+            "readlink /proc/self/ns/pid > " + mark + "; sleep 60"},
            killIt);
     EXPECT_TRUE(testsupport::eventually([&] { return processesIn(processNamespace) == 0; }));
     EXPECT_FALSE(fs::exists("/run/fernhill-lab"));
@@ -233,8 +246,7 @@ TEST_F(DivertTest, WithoutRootItSaysSoInOneLine) {
     ASSERT_EQ(setuid(65534), 0);
     const LabRun run = runLab({"divert", "--policy", policy_, "--", "true"});
     EXPECT_EQ(run.status, 2);
-    EXPECT_EQ(run.err,
-              "fernhill-lab: divert needs root: it makes network namespaces and diverts packets\n");
+    EXPECT_EQ(run.err, "fernhill-lab: divert needs root: it makes network namespaces and diverts packets\n");
 }
 
 TEST_F(DivertTest, WithoutItsToolsItSaysSoInOneLine) {
@@ -248,7 +260,6 @@ TEST_F(DivertTest, WithoutItsToolsItSaysSoInOneLine) {
 // What became of each connection that a replay shows, by the client's end.
 std::map<std::string, std::string> replayedVerdicts(const std::string& rows) {
     std::map<std::string, std::string> verdicts;
-    std::map<std::string, bool> open; // a request is held
     for (const std::string& line : linesOf(rows)) {
         const auto row = nlohmann::json::parse(line);
         const bool outbound = row["dir"] == "out";
@@ -263,20 +274,20 @@ std::map<std::string, std::string> replayedVerdicts(const std::string& rows) {
 
 TEST_F(DivertTest, TheSameTrafficRecordedAndReplayedGetsTheSameVerdicts) {
     const std::string capture = folder_.file("live.pcap");
-    const LabRun run =
-        live("block *bad.test* http://localhost:6543/blocked\nslow 300 *slow.test*\nsilent *silent.test*\n"
-             "retry 1 *again.test*\n",
-             curl("-4 -o /dev/null http://good.test/noise") + curl("-6 -o /dev/null https://good.test/noise") +
-                 curl("-4 http://bad.test/page") + curl("-6 http://bad.test/page") + curl("-4 https://bad.test/") +
-                 curl("-6 https://bad.test/") + curl("-4 http://slow.test/") + curl("-6 https://slow.test/") +
-                 curl("-4 http://again.test/") + curl("--max-time 1 -4 http://silent.test/"),
-             {"--record", capture});
+    const LabRun run = live(
+        "block *bad.test* http://localhost:6543/blocked\nslow 300 *slow.test*\nsilent *silent.test*\n"
+        "retry 1 *again.test*\n",
+        curl("-4 -o /dev/null http://good.test/noise") + curl("-6 -o /dev/null https://good.test/noise") +
+            curl("-4 http://bad.test/page") + curl("-6 http://bad.test/page") + curl("-4 https://bad.test/") +
+            curl("-6 https://bad.test/") + curl("-4 http://slow.test/") + curl("-6 https://slow.test/") +
+            curl("-4 http://again.test/") + curl("--max-time 3 -4 http://silent.test/"),
+        {"--record", capture});
     ASSERT_EQ(connections().size(), 10u) << run.err;
     std::map<std::string, std::string> seen;
     std::map<std::string, int> kinds;
     for (const auto& connection : connections()) {
-        seen[connection["local"]] = connection["verdict"];
-        ++kinds[connection["verdict"]];
+        seen[connection["local"]] = kindOf(connection["verdict"]);
+        ++kinds[kindOf(connection["verdict"])];
     }
     EXPECT_EQ(kinds, (std::map<std::string, int>{{"passed", 5}, {"redirected", 4}, {"held to the end", 1}}));
 

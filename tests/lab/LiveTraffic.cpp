@@ -19,7 +19,8 @@ enum Lack { nothing, rights, tools, queue };
     const int silence = open("/dev/null", O_RDWR);
     dup2(silence, STDOUT_FILENO);
     dup2(silence, STDERR_FILENO);
-    for (const char* tool : {"ip", "iptables", "ip6tables", "nginx", "dnsmasq", "curl", "tcpdump", "openssl"}) {
+    for (const char* tool :
+         {"ip", "iptables", "ip6tables", "nginx", "dnsmasq", "curl", "tcpdump", "openssl"}) {
         if (std::system((std::string("PATH=$PATH:/usr/sbin command -v ") + tool).c_str()) != 0) _exit(tools);
     }
     const int status = std::system("iptables -A OUTPUT -p tcp -m mark ! --mark 1 -j NFQUEUE --queue-num 1 && "

@@ -25,7 +25,8 @@ protected:
     }
 
     // Runs a shell script in the client's network, with the agent steered by `policy`.
-    LabRun live(const std::string& policy, const std::string& script, const std::vector<std::string>& options = {});
+    LabRun live(const std::string& policy, const std::string& script,
+                const std::vector<std::string>& options = {});
 
     // The lines that the last run wrote for its connections.
     std::vector<nlohmann::json> connections() const;
