@@ -24,7 +24,7 @@ std::int64_t microseconds() {
     return duration_cast<std::chrono::microseconds>(system_clock::now().time_since_epoch()).count();
 }
 
-// The URL that a question about the packet is about.
+// The URL in the packet itself. Over IPv6 the daemon can find one behind its end, in what its buffer holds.
 std::string urlIn(const CapturedPacket& packet) {
     // The daemon's reader marks the end that the length field says, which can lie far behind the packet.
     constexpr std::size_t slack = 70000;
@@ -32,7 +32,7 @@ std::string urlIn(const CapturedPacket& packet) {
     copy.resize(copy.size() + slack);
     auto url = Owned<GPString>::adopt(TCPPacket::httpsURL(copy.data()));
     if (!url) url = Owned<GPString>::adopt(TCPPacket::httpURL(copy.data()));
-    return url ? url->cstr() : "";
+    return url ? url->cstr() : "(not in the packet)";
 }
 
 } // namespace
@@ -171,12 +171,17 @@ void Diverter::redirect(const sysctl_result& result, LiveConnection& connection,
                                          connection.answerStart, rstFlag | ackFlag, {}));
 }
 
-// The server knows nothing of the answer, so that its bytes are acknowledged to the lab, and the lab takes the end of
-// the client's side.
+// The client has not seen its end yet, or has more to say. The server knows nothing of the answer, so that the lab
+// repeats it and takes the end of the client's side.
 void Diverter::answerInServersPlace(LiveConnection& connection, const CapturedPacket& packet,
                                     const TcpSegment& segment) {
-    if (connection.answer.empty() || packet.rst) return;
+    if (packet.rst) return;
     const Connection& facts = connection.facts;
+    if (connection.answer.empty()) {
+        sender_.send(facts.local, tcpPacket(facts.remote, facts.local, segment.acknowledged,
+                                            connection.clientEnd, rstFlag | ackFlag, {}));
+        return;
+    }
     const auto answerEnd = connection.answerStart + static_cast<std::uint32_t>(connection.answer.size()) + 1;
     if (isBehind(answerEnd, segment.acknowledged)) {
         if (segment.payload == 0) return;

@@ -43,8 +43,11 @@ LiveConnectionPointer LiveConnections::note(const CapturedPacket& packet, const 
         connection->clientGot = outbound ? segment.acknowledged : segment.sequence;
     }
     if (outbound) moveUp(connection->clientEnd, segment.end());
-    // The handshake's first answer says where the server's numbers begin.
-    if (!outbound && packet.syn) connection->clientGot = segment.sequence;
+    // The handshake's first answer says where the server's numbers begin; it can come again.
+    if (!outbound && packet.syn && !connection->greeted) {
+        connection->greeted = true;
+        connection->clientGot = segment.sequence;
+    }
     if (packet.ack) moveUp(outbound ? connection->clientGot : connection->serverGot, segment.acknowledged);
     return connection;
 }

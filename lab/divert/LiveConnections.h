@@ -22,6 +22,7 @@ struct LiveConnection {
     // Sequence numbers: behind what the client has sent, behind what of it has gone on to the server, and behind what
     // has come to the client.
     bool begun = false;
+    bool greeted = false; // the server has answered
     std::uint32_t clientEnd = 0;
     std::uint32_t serverGot = 0;
     std::uint32_t clientGot = 0;
