@@ -139,6 +139,7 @@ CLI::App* addDivert(CLI::App& app, lab::DivertOptions& options, std::string& blo
                      "what the packets go through: daemon, only the queue, or nothing")
         ->transform(CLI::CheckedTransformer(std::map<std::string, lab::Way>{
             {"daemon", lab::Way::daemon}, {"queue", lab::Way::queue}, {"nothing", lab::Way::nothing}}));
+    divert->add_option("--log", options.logLevel, "the daemon's log level")->type_name("LEVEL");
     divert->add_option("--root", options.root, "keep the daemon's files in this folder")->type_name("DIR");
     return divert;
 }

@@ -20,6 +20,7 @@ struct DivertOptions {
     std::string record;  // a capture file for the packets as they are diverted
     std::string watch;   // a file for one object a second: what the daemon holds
     Way way = Way::daemon;
+    int logLevel = 0;       // of the daemon
     int restartSeconds = 0; // the agent goes and comes back that often; 0 for never
     bool blockOnFailure = false;
     bool withAgent = true;

@@ -53,6 +53,27 @@ TEST(DaemonAndAgent, NoPacketWaitsForASilentAgent) {
     EXPECT_EQ(stage.daemon().resolved(), 0);
 }
 
+// The length of an IPv6 packet is read unswapped on purpose. So a packet without payload counts as one with, and what is
+// read as its payload is what the listener's one buffer holds of the packet before.
+TEST(DaemonAndAgent, ABareIpv6AcknowledgementIsReadFromWhatTheBufferHoldsOfTheRequestBefore) {
+    LabStage stage("block *birch* http://p/\nsilent *");
+    stage.raise();
+    const std::string request = Talk(40001, true).out(pushAck, get("birch.example"));
+    EXPECT_EQ(stage.present(request), hold);
+    EXPECT_EQ(stage.present(Talk(40002, true).out(labtest::ack)), hold);
+    stage.awaitQuestions(2);
+    for (const lab::Question& question : stage.agent().takeQuestions())
+        EXPECT_EQ(question.url, "http://birch.example/");
+    EXPECT_EQ(stage.presentUntilDecided(Talk(40002, true).out(labtest::ack)), labtest::redirect);
+}
+
+TEST(DaemonAndAgent, ABareIpv4AcknowledgementIsNeverAskedAbout) {
+    LabStage stage("allow *");
+    stage.raise();
+    EXPECT_EQ(stage.present(Talk(40001).out(pushAck, get("birch.example"))), hold);
+    EXPECT_EQ(stage.present(Talk(40002).out(labtest::ack)), pass);
+}
+
 TEST(DaemonAndAgent, AnAbsentAgentNeverStopsTheDaemonFromAnsweringPackets) {
     LabStage stage("allow *");
     stage.raise(false);

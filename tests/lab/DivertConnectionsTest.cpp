@@ -48,8 +48,8 @@ protected:
     int port_ = 50000;
 
 private:
-    LiveConnectionPointer note(bool outbound, unsigned flags, std::uint32_t sequence, std::uint32_t acknowledged,
-                               const std::string& payload) {
+    LiveConnectionPointer note(bool outbound, unsigned flags, std::uint32_t sequence,
+                               std::uint32_t acknowledged, const std::string& payload) {
         const Endpoint client{std::string("\x0a\x35\x01\x02", 4), port_};
         const Endpoint server{std::string("\x0a\x35\x02\x02", 4), 80};
         const auto bytes = lab::tcpPacket(outbound ? client : server, outbound ? server : client, sequence,
