@@ -11,7 +11,6 @@
 #include <fmt/format.h>
 
 #include <exception>
-#include <map>
 #include <string>
 
 namespace {
@@ -114,7 +113,7 @@ CLI::App* addDivert(CLI::App& app, lab::DivertOptions& options, std::string& blo
     divert->add_option("--bof", blockOnFailure, "block on failure")
         ->check(CLI::IsMember({"on", "off"}))
         ->default_str("off");
-    divert->add_flag("!--no-agent", options.withAgent, "leave the agent away");
+    divert->add_flag("--no-agent", options.withoutAgent, "leave the agent away");
     divert
         ->add_option("--restart-agent", options.restartSeconds,
                      "take the agent away every so often, for a moment")
@@ -135,12 +134,23 @@ CLI::App* addDivert(CLI::App& app, lab::DivertOptions& options, std::string& blo
     divert->add_option("--watch", options.watch, "write one object a second: what the daemon holds")
         ->type_name("FILE");
     divert
-        ->add_option("--through", options.way,
-                     "what the packets go through: daemon, only the queue, or nothing")
-        ->transform(CLI::CheckedTransformer(std::map<std::string, lab::Way>{
-            {"daemon", lab::Way::daemon}, {"queue", lab::Way::queue}, {"nothing", lab::Way::nothing}}));
+        ->add_option_function<std::string>(
+            "--through",
+            [&options](const std::string& way) {
+                options.way = way == "queue"     ? lab::Way::queue
+                              : way == "nothing" ? lab::Way::nothing
+                                                 : lab::Way::daemon;
+            },
+            "what the packets go through: the daemon, only the kernel's queue, or nothing")
+        ->check(CLI::IsMember({"daemon", "queue", "nothing"}))
+        ->default_str("daemon");
     divert->add_option("--log", options.logLevel, "the daemon's log level")->type_name("LEVEL");
     divert->add_option("--root", options.root, "keep the daemon's files in this folder")->type_name("DIR");
+    divert->footer(
+        "Exit status: the command's; 1 when the daemon failed it, 2 where this machine or the build cannot "
+        "run it.\n"
+        "Example: fernhill-lab divert --policy lab/policies/demo.policy -- curl -L "
+        "http://shop.birch.example/");
     return divert;
 }
 

@@ -35,7 +35,7 @@ int runInside(const DivertOptions& options, Policy policy) {
     Stage stage(options.root.empty() ? ownFolder + std::string("/root") : options.root, std::move(policy),
                 std::nullopt, options.program);
     stage.root.configure(options.blockOnFailure, options.logLevel);
-    if (!stage.raise(options.withAgent)) {
+    if (!stage.raise(!options.withoutAgent)) {
         stage.daemon.stop();
         fmt::print(stderr, "fernhill-lab: the daemon did not connect its control sockets; it wrote:\n{}\n",
                    stage.root.outputTail());

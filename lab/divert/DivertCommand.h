@@ -23,7 +23,7 @@ struct DivertOptions {
     int logLevel = 0;       // of the daemon
     int restartSeconds = 0; // the agent goes and comes back that often; 0 for never
     bool blockOnFailure = false;
-    bool withAgent = true;
+    bool withoutAgent = false;
 };
 
 // Runs the command: its exit status, 1 when the daemon failed it, or 2 where this machine or the build cannot. Throws

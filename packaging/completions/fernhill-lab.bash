@@ -2,7 +2,7 @@
 _fernhill_lab() {
   local current=${COMP_WORDS[COMP_CWORD]} words='' files=no
   if [ "$COMP_CWORD" -eq 1 ]; then
-    COMPREPLY=($(compgen -W '--help replay slots check log' -- "$current"))
+    COMPREPLY=($(compgen -W '--help replay slots check log divert' -- "$current"))
     return
   fi
   case "${COMP_WORDS[1]}:${COMP_WORDS[COMP_CWORD - 1]}" in
@@ -18,6 +18,16 @@ _fernhill_lab() {
     slots:*) words="--help --questions --operations" files=yes ;;
     check:*) words="--help --json" files=yes ;;
     log:*) words="--help --containing --request --since-start --explain --hangs" files=yes ;;
+    divert:--bof) words="on off" ;;
+    divert:--through) words="daemon queue nothing" ;;
+    divert:--policy) files=yes ;;
+    divert:--program) files=yes ;;
+    divert:--table) files=yes ;;
+    divert:--json) files=yes ;;
+    divert:--record) files=yes ;;
+    divert:--watch) files=yes ;;
+    divert:--root) files=yes ;;
+    divert:*) words="--help --policy --bof --no-agent --restart-agent --program --table --json --record --watch --through --log --root" files=yes ;;
   esac
   COMPREPLY=($(compgen -W "$words" -- "$current"))
   [ $files = no ] || COMPREPLY+=($(compgen -f -- "$current"))
