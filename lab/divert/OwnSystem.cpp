@@ -29,7 +29,10 @@ void mountAt(const char* type, const char* folder, unsigned long flags) {
         fmt::format("divert: no {} can be mounted at {}: {}", type, folder, std::strerror(errno)));
 }
 
-void makeMounts() {
+void leaveSystem() {
+    if (unshare(CLONE_NEWNS | CLONE_NEWNET | CLONE_NEWIPC) != 0)
+        throw UnavailableError(
+            fmt::format("divert: this system grants no namespaces: {}", std::strerror(errno)));
     if (mount("", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
         throw UnavailableError(
             fmt::format("divert: the mounts cannot be made private: {}", std::strerror(errno)));
@@ -42,7 +45,7 @@ int bodyStatus(const std::function<int()>& body) {
     // Keys of the terminal are for the command that is run, and not for what stands around it.
     setpgid(0, 0);
     try {
-        makeMounts();
+        leaveSystem();
         return body();
     } catch (const UnavailableError& error) {
         fmt::print(stderr, "fernhill-lab: {}\n", error.what());
@@ -88,7 +91,8 @@ const char* const ownFolder = "/run/fernhill-lab";
 int runInOwnSystem(const std::function<int()>& body) {
     if (geteuid() != 0)
         throw UnavailableError("divert needs root: it makes network namespaces and diverts packets");
-    if (unshare(CLONE_NEWNS | CLONE_NEWNET | CLONE_NEWIPC | CLONE_NEWPID) != 0)
+    const int ownProcesses = open("/proc/self/ns/pid", O_RDONLY | O_CLOEXEC);
+    if (unshare(CLONE_NEWPID) != 0)
         throw UnavailableError(
             fmt::format("divert: this system grants no namespaces: {}", std::strerror(errno)));
     int lifeLine[2];
@@ -101,6 +105,9 @@ int runInOwnSystem(const std::function<int()>& body) {
         beFirstProcess(body, lifeLine[0]);
     }
     close(lifeLine[0]);
+    // This process's own later children are none of those.
+    setns(ownProcesses, CLONE_NEWPID);
+    close(ownProcesses);
     int status = 0;
     while (waitpid(first, &status, 0) < 0 && errno == EINTR) {
     }
