@@ -1,8 +1,8 @@
 #include "platform/linux/LdapNode.h"
 
+#include "platform/linux/LdapLibrary.h"
 #include "platform/linux/LdapWords.h"
 
-#include <ldap.h>
 #include <strings.h>
 
 #include <algorithm>
@@ -19,20 +19,26 @@ namespace {
 constexpr timeval connectTimeout = {10, 0};
 constexpr timeval searchTimeout = {30, 0};
 
+// What the library hands out is given back to it.
 struct Unbind {
-    void operator()(LDAP* connection) const { ldap_unbind_ext_s(connection, nullptr, nullptr); }
+    void operator()(LDAP* connection) const { ldap->unbind(connection, nullptr, nullptr); }
+    const LdapLibrary* ldap;
 };
 struct FreeMessage {
-    void operator()(LDAPMessage* message) const { ldap_msgfree(message); }
+    void operator()(LDAPMessage* message) const { ldap->freeMessage(message); }
+    const LdapLibrary* ldap;
 };
 struct FreeText {
-    void operator()(char* text) const { ldap_memfree(text); }
+    void operator()(char* text) const { ldap->freeText(text); }
+    const LdapLibrary* ldap;
 };
 struct FreeValues {
-    void operator()(berval** values) const { ldap_value_free_len(values); }
+    void operator()(berval** values) const { ldap->freeValues(values); }
+    const LdapLibrary* ldap;
 };
 struct FreeCursor {
-    void operator()(BerElement* cursor) const { ber_free(cursor, 0); }
+    void operator()(BerElement* cursor) const { ldap->freeCursor(cursor, 0); }
+    const LdapLibrary* ldap;
 };
 
 using Connection = std::unique_ptr<LDAP, Unbind>;
@@ -52,33 +58,35 @@ std::string lowercase(std::string text) {
     return text;
 }
 
-Connection connectTo(const std::string& uri, int& status) {
+Connection connectTo(const LdapLibrary* ldap, const std::string& uri, int& status) {
     LDAP* connection = nullptr;
-    status = ldap_initialize(&connection, uri.c_str());
-    if (status != LDAP_SUCCESS) return nullptr;
+    status = ldap->initialize(&connection, uri.c_str());
+    if (status != LDAP_SUCCESS) return Connection(nullptr, {ldap});
     const int version = LDAP_VERSION3;
-    ldap_set_option(connection, LDAP_OPT_PROTOCOL_VERSION, &version);
-    ldap_set_option(connection, LDAP_OPT_NETWORK_TIMEOUT, &connectTimeout);
-    ldap_set_option(connection, LDAP_OPT_REFERRALS, LDAP_OPT_OFF);
-    return Connection(connection);
+    ldap->setOption(connection, LDAP_OPT_PROTOCOL_VERSION, &version);
+    ldap->setOption(connection, LDAP_OPT_NETWORK_TIMEOUT, &connectTimeout);
+    ldap->setOption(connection, LDAP_OPT_REFERRALS, LDAP_OPT_OFF);
+    return Connection(connection, {ldap});
 }
 
-std::vector<std::string> valuesOf(LDAP* connection, LDAPMessage* message, const char* attribute) {
-    const std::unique_ptr<berval*, FreeValues> values(ldap_get_values_len(connection, message, attribute));
+std::vector<std::string> valuesOf(const LdapLibrary* ldap, LDAP* connection, LDAPMessage* message,
+                                  const char* attribute) {
+    const std::unique_ptr<berval*, FreeValues> values(ldap->values(connection, message, attribute), {ldap});
     std::vector<std::string> texts;
     for (berval** value = values.get(); value && *value; ++value)
         texts.emplace_back((*value)->bv_val, (*value)->bv_len);
     return texts;
 }
 
-Entry readEntry(LDAP* connection, LDAPMessage* message) {
+Entry readEntry(const LdapLibrary* ldap, LDAP* connection, LDAPMessage* message) {
     Entry entry;
     BerElement* position = nullptr;
-    Text attribute(ldap_first_attribute(connection, message, &position));
-    const std::unique_ptr<BerElement, FreeCursor> cursor(position);
+    Text attribute(ldap->firstAttribute(connection, message, &position), {ldap});
+    const std::unique_ptr<BerElement, FreeCursor> cursor(position, {ldap});
     while (attribute) {
-        entry[lowercase(attribute.get())] = {attribute.get(), valuesOf(connection, message, attribute.get())};
-        attribute.reset(ldap_next_attribute(connection, message, position));
+        entry[lowercase(attribute.get())] = {attribute.get(),
+                                             valuesOf(ldap, connection, message, attribute.get())};
+        attribute.reset(ldap->nextAttribute(connection, message, position));
     }
     return entry;
 }
@@ -152,20 +160,22 @@ bool LdapNode::find(const DirectoryQueryTerms& terms, DirectoryRecords& records,
     char* attributes[] = {userAttributes, ownAttributes, nullptr};
     if (terms.returnAttributes == kODAttributeTypeStandardOnly) attributes[1] = nullptr;
 
+    const LdapLibrary* ldap = loadedFunctions<LdapLibrary>(error.description);
+    if (!ldap) return false;
+
     int status = LDAP_SUCCESS;
-    const Connection connection = connectTo(settings_.uri, status);
+    const Connection connection = connectTo(ldap, settings_.uri, status);
     LDAPMessage* answer = nullptr;
     timeval timeout = searchTimeout;
     if (connection)
-        status =
-            ldap_search_ext_s(connection.get(), settings_.base.c_str(), LDAP_SCOPE_SUBTREE, filter.c_str(),
+        status = ldap->search(connection.get(), settings_.base.c_str(), LDAP_SCOPE_SUBTREE, filter.c_str(),
                               attributes, 0, nullptr, nullptr, &timeout, sizeLimit(terms), &answer);
-    const std::unique_ptr<LDAPMessage, FreeMessage> owned(answer);
+    const std::unique_ptr<LDAPMessage, FreeMessage> owned(answer, {ldap});
 
-    LDAPMessage* message = answer ? ldap_first_entry(connection.get(), answer) : nullptr;
-    for (; message; message = ldap_next_entry(connection.get(), message)) {
-        const Text dn(ldap_get_dn(connection.get(), message));
-        DirectoryDetails details = translated(readEntry(connection.get(), message), terms.recordType);
+    LDAPMessage* message = answer ? ldap->firstEntry(connection.get(), answer) : nullptr;
+    for (; message; message = ldap->nextEntry(connection.get(), message)) {
+        const Text dn(ldap->dn(connection.get(), message), {ldap});
+        DirectoryDetails details = translated(readEntry(ldap, connection.get(), message), terms.recordType);
         details[attributeMetaRecordName] = {dn ? dn.get() : ""};
         details[attributeMetaNodeLocation] = {name()};
         records.push_back(std::make_shared<HeldRecord>(terms.recordType, dn ? dn.get() : "", details));
@@ -174,7 +184,7 @@ bool LdapNode::find(const DirectoryQueryTerms& terms, DirectoryRecords& records,
     // With a limit of ours the directory says that there is more.
     const bool reachedOurLimit = status == LDAP_SIZELIMIT_EXCEEDED && terms.maximumResults > 0;
     if (status == LDAP_SUCCESS || reachedOurLimit) return true;
-    error.description = ldap_err2string(status);
+    error.description = ldap->errorText(status);
     return false;
 }
 

@@ -23,16 +23,18 @@ std::int64_t monotonicMicroseconds() {
     return std::chrono::duration_cast<std::chrono::microseconds>(now).count();
 }
 
-CURL* newHandle() {
-    static const CURLcode ready = curl_global_init(CURL_GLOBAL_DEFAULT);
-    return ready == CURLE_OK ? curl_easy_init() : nullptr;
+CURL* newHandle(const CurlLibrary* curl) {
+    if (!curl) return nullptr;
+    static const CURLcode ready = curl->globalInit(CURL_GLOBAL_DEFAULT);
+    return ready == CURLE_OK ? curl->easyInit() : nullptr;
 }
 
 // Takes a URL apart; null for a text without a scheme, which would be taken for a host.
-CURLU* newUrl(const char* text) {
-    CURLU* url = curl_url();
-    if (url && curl_url_set(url, CURLUPART_URL, text, CURLU_NON_SUPPORT_SCHEME) == CURLUE_OK) return url;
-    curl_url_cleanup(url);
+CURLU* newUrl(const CurlLibrary* curl, const char* text) {
+    if (!curl) return nullptr;
+    CURLU* url = curl->url();
+    if (url && curl->urlSet(url, CURLUPART_URL, text, CURLU_NON_SUPPORT_SCHEME) == CURLUE_OK) return url;
+    curl->urlCleanup(url);
     return nullptr;
 }
 
@@ -58,43 +60,52 @@ std::FILE* openTemporaryFile(std::string& path) {
     return file;
 }
 
-curl_off_t bytesMoved(CURL* handle) {
+curl_off_t bytesMoved(const CurlLibrary* curl, CURL* handle) {
     curl_off_t received = 0;
     curl_off_t sent = 0;
     long headers = 0;
-    curl_easy_getinfo(handle, CURLINFO_SIZE_DOWNLOAD_T, &received);
-    curl_easy_getinfo(handle, CURLINFO_SIZE_UPLOAD_T, &sent);
-    curl_easy_getinfo(handle, CURLINFO_HEADER_SIZE, &headers);
+    curl->easyGetinfo(handle, CURLINFO_SIZE_DOWNLOAD_T, &received);
+    curl->easyGetinfo(handle, CURLINFO_SIZE_UPLOAD_T, &sent);
+    curl->easyGetinfo(handle, CURLINFO_HEADER_SIZE, &headers);
     return received + sent + headers;
 }
 
 } // namespace
 
-UrlTransfer::UrlTransfer(const char* url) : handle_(newHandle()), url_(newUrl(url)) {
+UrlTransfer::UrlTransfer(const char* url)
+    : curl_(loadedFunctions<CurlLibrary>(libraryError_)), handle_(newHandle(curl_)),
+      url_(newUrl(curl_, url)) {
     if (!handle_) return;
-    curl_easy_setopt(handle_, CURLOPT_CURLU, url_);
-    curl_easy_setopt(handle_, CURLOPT_ERRORBUFFER, errorText_);
-    curl_easy_setopt(handle_, CURLOPT_NOSIGNAL, 1L);
-    curl_easy_setopt(handle_, CURLOPT_PROTOCOLS_STR, "http,https");
-    curl_easy_setopt(handle_, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
-    curl_easy_setopt(handle_, CURLOPT_FOLLOWLOCATION, 1L);
-    curl_easy_setopt(handle_, CURLOPT_MAXREDIRS, mostRedirects);
-    curl_easy_setopt(handle_, CURLOPT_OPENSOCKETFUNCTION, openSocket);
+    curl_->easySetopt(handle_, CURLOPT_CURLU, url_);
+    curl_->easySetopt(handle_, CURLOPT_ERRORBUFFER, errorText_);
+    curl_->easySetopt(handle_, CURLOPT_NOSIGNAL, 1L);
+    curl_->easySetopt(handle_, CURLOPT_PROTOCOLS_STR, "http,https");
+    curl_->easySetopt(handle_, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
+    curl_->easySetopt(handle_, CURLOPT_FOLLOWLOCATION, 1L);
+    curl_->easySetopt(handle_, CURLOPT_MAXREDIRS, mostRedirects);
+    curl_->easySetopt(handle_, CURLOPT_OPENSOCKETFUNCTION, openSocket);
     // An empty text keeps the environment's proxies out.
-    curl_easy_setopt(handle_, CURLOPT_PROXY, "");
+    curl_->easySetopt(handle_, CURLOPT_PROXY, "");
 }
 
 UrlTransfer::~UrlTransfer() {
-    if (handle_) curl_easy_cleanup(handle_);
-    curl_url_cleanup(url_);
+    if (handle_) curl_->easyCleanup(handle_);
+    if (url_) curl_->urlCleanup(url_);
+}
+
+std::string UrlTransfer::obstacle() const {
+    if (!curl_) return libraryError_;
+    if (!url_) return "unsupported URL";
+    return handle_ ? "" : "no transfer can be made";
 }
 
 UrlTaskResult UrlTransfer::download() {
+    if (!obstacle().empty()) return {{}, 0, obstacle()};
     std::string path;
     std::FILE* file = openTemporaryFile(path);
     if (!file) return {{}, 0, "no temporary file"};
-    curl_easy_setopt(handle_, CURLOPT_WRITEFUNCTION, writeToFile);
-    curl_easy_setopt(handle_, CURLOPT_WRITEDATA, file);
+    curl_->easySetopt(handle_, CURLOPT_WRITEFUNCTION, writeToFile);
+    curl_->easySetopt(handle_, CURLOPT_WRITEDATA, file);
     UrlTaskResult result = perform();
     if (std::fclose(file) != 0 && result.localizedDescription.empty())
         result.localizedDescription = "the temporary file could not be written";
@@ -106,32 +117,29 @@ UrlTaskResult UrlTransfer::download() {
 }
 
 UrlTaskResult UrlTransfer::upload(const char* method, const std::string& data) {
-    curl_easy_setopt(handle_, CURLOPT_POSTFIELDS, data.data());
-    curl_easy_setopt(handle_, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(data.size()));
+    if (!obstacle().empty()) return {{}, 0, obstacle()};
+    curl_->easySetopt(handle_, CURLOPT_POSTFIELDS, data.data());
+    curl_->easySetopt(handle_, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(data.size()));
     // Named as a custom method, a POST would stay one behind a redirect.
-    if (std::strcmp(method, "POST") != 0) curl_easy_setopt(handle_, CURLOPT_CUSTOMREQUEST, method);
-    curl_easy_setopt(handle_, CURLOPT_WRITEFUNCTION, dropBytes);
+    if (std::strcmp(method, "POST") != 0) curl_->easySetopt(handle_, CURLOPT_CUSTOMREQUEST, method);
+    curl_->easySetopt(handle_, CURLOPT_WRITEFUNCTION, dropBytes);
     return perform();
 }
 
 UrlTaskResult UrlTransfer::perform() {
     UrlTaskResult result;
-    if (!url_) {
-        result.localizedDescription = "unsupported URL";
-        return result;
-    }
-    CURLM* multi = handle_ ? curl_multi_init() : nullptr;
+    CURLM* multi = curl_->multiInit();
     if (!multi) {
         result.localizedDescription = "no transfer can be made";
         return result;
     }
-    curl_multi_add_handle(multi, handle_);
+    curl_->multiAddHandle(multi, handle_);
     const CURLcode ended = performOn(multi);
-    curl_easy_getinfo(handle_, CURLINFO_RESPONSE_CODE, &result.statusCode);
-    curl_multi_remove_handle(multi, handle_);
-    curl_multi_cleanup(multi);
+    curl_->easyGetinfo(handle_, CURLINFO_RESPONSE_CODE, &result.statusCode);
+    curl_->multiRemoveHandle(multi, handle_);
+    curl_->multiCleanup(multi);
     if (ended != CURLE_OK)
-        result.localizedDescription = errorText_[0] ? errorText_ : curl_easy_strerror(ended);
+        result.localizedDescription = errorText_[0] ? errorText_ : curl_->easyStrerror(ended);
     return result;
 }
 
@@ -141,17 +149,17 @@ CURLcode UrlTransfer::performOn(CURLM* multi) {
         static_cast<int>(longestIdleTime_ / 1000 < longestPoll ? longestIdleTime_ / 1000 : longestPoll);
     for (;;) {
         int running = 0;
-        if (curl_multi_perform(multi, &running) != CURLM_OK) return CURLE_FAILED_INIT;
+        if (curl_->multiPerform(multi, &running) != CURLM_OK) return CURLE_FAILED_INIT;
         int left = 0;
-        if (const CURLMsg* message = curl_multi_info_read(multi, &left)) return message->data.result;
+        if (const CURLMsg* message = curl_->multiInfoRead(multi, &left)) return message->data.result;
         if (running == 0) return CURLE_FAILED_INIT;
         if (isIdleTooLong()) return CURLE_OPERATION_TIMEDOUT;
-        curl_multi_poll(multi, nullptr, 0, poll, nullptr);
+        curl_->multiPoll(multi, nullptr, 0, poll, nullptr);
     }
 }
 
 bool UrlTransfer::isIdleTooLong() {
-    const curl_off_t moved = bytesMoved(handle_);
+    const curl_off_t moved = bytesMoved(curl_, handle_);
     const std::int64_t now = monotonicMicroseconds();
     if (moved != movedBytes_) {
         movedBytes_ = moved;
@@ -161,22 +169,25 @@ bool UrlTransfer::isIdleTooLong() {
 }
 
 std::string lastPathComponent(const char* url) {
-    CURLU* parts = newUrl(url);
+    std::string error;
+    const CurlLibrary* curl = loadedFunctions<CurlLibrary>(error);
+    CURLU* parts = newUrl(curl, url);
+    if (!parts) return {};
     char* text = nullptr;
-    if (!parts || curl_url_get(parts, CURLUPART_PATH, &text, 0) != CURLUE_OK) text = nullptr;
+    if (curl->urlGet(parts, CURLUPART_PATH, &text, 0) != CURLUE_OK) text = nullptr;
     std::string path = text ? text : "";
-    curl_free(text);
-    curl_url_cleanup(parts);
+    curl->free(text);
+    curl->urlCleanup(parts);
 
     while (path.size() > 1 && path.back() == '/')
         path.pop_back();
     if (path == "/") return path;
     path.erase(0, path.rfind('/') + 1);
     int length = 0;
-    char* decoded = curl_easy_unescape(nullptr, path.data(), static_cast<int>(path.size()), &length);
+    char* decoded = curl->easyUnescape(nullptr, path.data(), static_cast<int>(path.size()), &length);
     if (!decoded) return {};
     path.assign(decoded, static_cast<std::size_t>(length));
-    curl_free(decoded);
+    curl->free(decoded);
     return path;
 }
 

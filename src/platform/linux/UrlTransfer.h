@@ -4,8 +4,7 @@
 // transfer.
 
 #include "platform/UrlSession.h"
-
-#include <curl/curl.h>
+#include "platform/linux/CurlLibrary.h"
 
 #include <cstdint>
 #include <string>
@@ -27,11 +26,16 @@ public:
     UrlTaskResult upload(const char* method, const std::string& data);
 
 private:
+    // Why nothing can be transferred; empty when it can.
+    std::string obstacle() const;
+
     // Runs the transfer. The result's location is left empty.
     UrlTaskResult perform();
     CURLcode performOn(CURLM* multi);
     bool isIdleTooLong();
 
+    std::string libraryError_; // why there is no library; empty with one
+    const CurlLibrary* curl_;  // null without it; then there is no handle and no URL either
     CURL* handle_;
     CURLU* url_; // null for a text that is no URL with a scheme
     char errorText_[CURL_ERROR_SIZE] = {};

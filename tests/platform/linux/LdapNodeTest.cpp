@@ -8,6 +8,7 @@
 
 #include <fcntl.h>
 #include <sys/ioctl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <thread>
 #include <unistd.h>
@@ -72,4 +73,22 @@ TEST(LdapNode, IsNamedByTheHostOfItsFirstAddress) {
     EXPECT_EQ(nameOf("ldap://first,ldap://second"), "/LDAPv3/first");
     EXPECT_EQ(nameOf("host"), "/LDAPv3/host");
     EXPECT_EQ(nameOf("ldap://"), "/LDAPv3/");
+}
+
+TEST(LdapNode, NamesTheLibraryThatCannotBeLoaded) {
+    rlimit before{};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
+    const rlimit none = {0, before.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+    DirectoryQueryTerms terms;
+    terms.recordType = platform::kODRecordTypeUsers;
+    terms.attribute = platform::kODAttributeTypeRecordName;
+    platform::DirectoryRecords records;
+    platform::DirectoryError error;
+    EXPECT_FALSE(platform::LdapNode({"ldap://127.0.0.1:1", "dc=example"}).find(terms, records, error));
+    EXPECT_NE(error.description.find("libldap"), std::string::npos) << error.description;
+
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
+    EXPECT_FALSE(platform::LdapNode({"ldap://127.0.0.1:1", "dc=example"}).find(terms, records, error));
+    EXPECT_EQ(error.description.find("libldap"), std::string::npos) << error.description;
 }

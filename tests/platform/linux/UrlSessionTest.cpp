@@ -235,6 +235,24 @@ TEST_F(UrlSessionTest, ATaskThatNoThreadCanBeMadeForEndsWithoutAResponse) {
     }));
 }
 
+TEST_F(UrlSessionTest, ALibraryThatCannotBeLoadedIsNamedAndAskedForAgain) {
+    rlimit before{};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
+    const rlimit none = {0, before.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+    const Ended refused = download("http://127.0.0.1:1/p.dmg");
+    expectNoResponse(refused);
+    EXPECT_NE(refused.result.localizedDescription.find("libcurl"), std::string::npos)
+        << refused.result.localizedDescription;
+    EXPECT_NE(upload("http://127.0.0.1:1/", "POST", "x").result.localizedDescription.find("libcurl"),
+              std::string::npos);
+    EXPECT_EQ(platform::lastPathComponent("http://host/a"), "");
+
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
+    AnswerServer server({answer("200 OK", "", "the package")});
+    EXPECT_EQ(download(server.url("/p.dmg")).content, "the package");
+}
+
 TEST_F(UrlSessionTest, ProxiesOfTheEnvironmentAreNotUsed) {
     setenv("http_proxy", "http://127.0.0.1:1", 1);
     setenv("all_proxy", "http://127.0.0.1:1", 1);
