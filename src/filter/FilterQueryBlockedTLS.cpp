@@ -10,6 +10,7 @@
 #include "gp/ThreadSafety.h"
 #include "packet/TCPPacket.h"
 
+#include <atomic>
 #include <cstdint>
 #include <cstring>
 
@@ -24,6 +25,10 @@ GPList* const sslList GUARDED_BY(sslMutex) = new GPList;
 GPMutex* const sslMutexIpv6 = new GPMutex;
 GPList* const sslListIpv6 GUARDED_BY(sslMutexIpv6) = new GPList;
 
+// Whether the tables have ever had entries, stored with their locks held: until then packets need no lock.
+std::atomic<bool> hasEntries{false};
+std::atomic<bool> hasEntriesIpv6{false};
+
 unsigned mark(const GPObject* entry) {
     return static_cast<unsigned>(reinterpret_cast<std::uintptr_t>(entry));
 }
@@ -36,9 +41,10 @@ bool isSame(const in6_addr& a, const in6_addr& b) { return std::memcmp(&a, &b, s
 // behind, since the removal has already moved the cursor.
 template <class Entry, class Address>
 Entry* findBlocked(GPList* list, const char* name, const Address& src, const Address& dst) {
+    const long long now = GPTimer::getClockTime();
     for (list->firstObject(); list->currentObject(); list->nextObject()) {
         auto* entry = static_cast<Entry*>(list->currentObject());
-        if (entry->timer->elapsedTime() < endOfLife) {
+        if (now - entry->timer->startedTime() < endOfLife) {
             if (isSame(entry->address, src) || isSame(entry->address, dst)) return entry;
             continue;
         }
@@ -58,6 +64,7 @@ void FilterQuery::addToSSL(unsigned address) {
     auto* entry = new SSLEntry(address);
     GPMutexLock lock(sslMutex);
     sslList->addObject(entry);
+    hasEntries.store(true, std::memory_order_release);
     if (Configuration::isLogLevel(128)) {
         logf("-++ added 0x%x to SSLcache; count=%d", mark(entry), sslList->count());
     }
@@ -67,12 +74,14 @@ void FilterQuery::addToSSLIpv6(in6_addr address) {
     auto* entry = new SSLEntryIpv6(address);
     GPMutexLock lock(sslMutexIpv6);
     sslListIpv6->addObject(entry);
+    hasEntriesIpv6.store(true, std::memory_order_release);
     if (Configuration::isLogLevel(128)) {
         logf("-++ added 0x%x to SSLcache Ipv6; count=%d", mark(entry), sslListIpv6->count());
     }
 }
 
 bool FilterQuery::isBlockedSSL(char* packet) {
+    if (!hasEntries.load(std::memory_order_acquire)) return false;
     int port;
     const unsigned src = TCPPacket::srcIPAddress(packet, port);
     const unsigned dst = TCPPacket::dstIPAddress(packet, port);
@@ -92,6 +101,7 @@ bool FilterQuery::isBlockedSSL(char* packet) {
 }
 
 bool FilterQuery::isBlockedSSLIpv6(char* packet) {
+    if (!hasEntriesIpv6.load(std::memory_order_acquire)) return false;
     int port;
     const in6_addr src = TCPPacket::srcIPAddressIpv6(packet, port);
     const in6_addr dst = TCPPacket::dstIPAddressIpv6(packet, port);

@@ -8,6 +8,7 @@
 #include "gp/ThreadSafety.h"
 #include "packet/HijackTable.h"
 
+#include <atomic>
 #include <cstring>
 
 namespace {
@@ -18,6 +19,19 @@ constexpr int tlsLife = 120000000;
 // The lock of all records, and the records.
 GPMutex* const mutex = new GPMutex;
 HijackTable* const table GUARDED_BY(mutex) = new HijackTable;
+
+// Whether there is a record at all: most packets come while there is none, and need no lock to know it. Stored with
+// the lock held.
+std::atomic<bool> hasRecords{false};
+
+void noteRecords() { hasRecords.store(table->count() > 0, std::memory_order_release); }
+
+// The record of these ends, with the lock held.
+HijackPacket* findLocked(const ConnectionEnds& ends) {
+    HijackPacket* const record = table->find(ends);
+    noteRecords();
+    return record;
+}
 
 bool sameAddress(const in6_addr& a, const in6_addr& b) { return std::memcmp(&a, &b, sizeof a) == 0; }
 
@@ -46,6 +60,7 @@ bool HijackPacket::create(char* packet, const char* url, bool https) {
 
     GPMutexLock lock(mutex);
     table->add(record);
+    noteRecords();
     if (Configuration::isLogLevel(128)) {
         logf("-++ added 0x%x to hijackpackets; (%s) count=%d", mark(record), url, table->count());
     }
@@ -83,15 +98,17 @@ unsigned HijackPacket::mark(const HijackPacket* record) {
 }
 
 HijackPacket* HijackPacket::find(char* packet) {
+    if (!hasRecords.load(std::memory_order_acquire)) return nullptr;
     const ConnectionEnds ends(packet);
     GPMutexLock lock(mutex);
-    return table->find(ends);
+    return findLocked(ends);
 }
 
-HijackPacket::Found::Found(char* packet) {
+HijackPacket::Found::Found(char* packet) : record_(nullptr) {
+    if (!hasRecords.load(std::memory_order_acquire)) return;
     const ConnectionEnds ends(packet);
     GPMutexLock lock(mutex);
-    record_ = table->find(ends);
+    record_ = findLocked(ends);
     if (record_) record_->retain();
 }
 
@@ -134,6 +151,7 @@ void HijackPacket::remove(HijackPacket* record) {
     GPMutexLock lock(mutex);
     const unsigned removed = mark(record);
     if (!table->remove(record)) return;
+    noteRecords();
     if (Configuration::isLogLevel(128)) {
         logf("--- removed 0x%x from hijackpackets; count=%d", removed, table->count());
     }

@@ -11,9 +11,9 @@
 #include "gp/GPObject.h"
 #include "packet/ConnectionEnds.h"
 #include "packet/RecordIndex.h"
+#include "packet/RecordOrder.h"
 
 #include <atomic>
-#include <cstddef>
 #include <cstdint>
 #include <netinet/in.h>
 
@@ -111,6 +111,6 @@ private:
     GPList::Node* place_ = nullptr;
     RecordIndexHook<HijackPacket> inConnections_;
     RecordIndexHook<HijackPacket> inOpen_;
-    std::size_t heapPlace_ = 0;
+    RecordOrderHook<HijackPacket> inOrder_;
     HijackPacket* nextSetAside_ = nullptr;
 };

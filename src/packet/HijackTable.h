@@ -10,8 +10,8 @@
 
 #include "gp/GPList.h"
 #include "packet/HijackPacket.h"
-#include "packet/RecordHeap.h"
 #include "packet/RecordIndex.h"
+#include "packet/RecordOrder.h"
 
 #include <cstdint>
 
@@ -45,6 +45,7 @@ public:
 private:
     bool isOver(const HijackPacket* record) const;
     void sortOut();
+    void fetch(const HijackPacket* record) const;
     HijackPacket* firstOf(const ConnectionEnds& ends, std::uint64_t hash, bool https) const;
     HijackPacket* findByIndex(const ConnectionEnds& ends);
     HijackPacket* findByWalk(const ConnectionEnds& ends);
@@ -66,8 +67,8 @@ private:
 
     // Every record is in one of the two: by the end of its time, or by its place in the list once that was over.
     // A clock that is set back moves none; a walk that meets one that lives again moves that.
-    RecordHeap<HijackPacket, &HijackPacket::heapPlace_> running_;
-    RecordHeap<HijackPacket, &HijackPacket::heapPlace_> over_;
+    RecordOrder<HijackPacket, &HijackPacket::inOrder_> running_;
+    RecordOrder<HijackPacket, &HijackPacket::inOrder_> over_;
 
     // Of the walk under way: its time, the record behind the last one that was taken out, and those of `over_`
     // that were passed over.

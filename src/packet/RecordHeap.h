@@ -1,13 +1,13 @@
 #pragma once
 
-// RecordHeap: records by a number, the smallest first. Each record knows its place, so that any can be taken out
-// in steps that grow with the logarithm of their count. Not thread-safe.
+// RecordHeap: records by a number, the smallest first. Each record knows its place, where `Place::of` has it, so that
+// any can be taken out in steps that grow with the logarithm of their count. Not thread-safe.
 
 #include <cstddef>
 #include <cstdint>
 #include <vector>
 
-template <class Record, std::size_t Record::*place>
+template <class Record, class Place>
 class RecordHeap {
 public:
     bool isEmpty() const { return entries_.empty(); }
@@ -28,13 +28,13 @@ public:
 
     // Takes a record out that is in the heap.
     void remove(Record* record) {
-        const std::size_t at = record->*place;
+        const std::size_t at = Place::of(record);
         const Entry last = entries_.back();
         entries_.pop_back();
         if (last.record == record) return;
         entries_[at] = last;
         moveUp(at);
-        moveDown(last.record->*place);
+        moveDown(Place::of(last.record));
     }
 
 private:
@@ -48,7 +48,7 @@ private:
 
     void put(std::size_t at, const Entry& entry) {
         entries_[at] = entry;
-        entry.record->*place = at;
+        Place::of(entry.record) = at;
     }
 
     void moveUp(std::size_t at) {

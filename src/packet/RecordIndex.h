@@ -2,7 +2,8 @@
 
 // RecordIndex: finds records by a key, in the order in which they were added. Records with one key are a group, a
 // ring; the first of it stands for the group in the table of hashes. All links are in the records themselves, so
-// finding and removing allocate nothing and no key is copied. The hashes are the caller's. Not thread-safe.
+// finding and removing allocate nothing and no key is copied. The table grows a few places at a time, so that no single
+// addition waits for all of it. The hashes are the caller's. Not thread-safe.
 
 #include <cstddef>
 #include <cstdint>
@@ -24,10 +25,15 @@ public:
     template <class IsWanted>
     Record* first(std::uint64_t hash, IsWanted isWanted) const {
         if (groupsAt_.empty()) return nullptr;
-        for (Record* group = groupsAt_[placeOf(hash)]; group; group = links(group).nextGroup) {
+        for (Record* group = headOf(hash); group; group = links(group).nextGroup) {
             if (links(group).hash == hash && isWanted(group)) return group;
         }
         return nullptr;
+    }
+
+    // Has the processor fetch the hash's place in the table.
+    void prefetch(std::uint64_t hash) const {
+        if (!groupsAt_.empty()) __builtin_prefetch(&groupsAt_[hash & (groupsAt_.size() - 1)]);
     }
 
     // The record behind this one in its group, or null.
@@ -40,6 +46,7 @@ public:
     template <class IsWanted>
     void add(Record* record, std::uint64_t hash, IsWanted isWanted) {
         if (groupCount_ >= groupsAt_.size()) grow();
+        moveSome();
         Record* group = first(hash, isWanted);
         if (!group) {
             links(record) = {hash, record, record, nullptr, true};
@@ -76,33 +83,52 @@ private:
 
     static RecordIndexHook<Record>& links(Record* record) { return record->*hook; }
 
-    std::size_t placeOf(std::uint64_t hash) const { return hash & (groupsAt_.size() - 1); }
+    // The first group in a hash's place: in the table before the last growth until that place has been moved.
+    Record*& headOf(std::uint64_t hash) {
+        if (!before_.empty()) {
+            const std::size_t place = hash & (before_.size() - 1);
+            if (place >= moved_) return before_[place];
+        }
+        return groupsAt_[hash & (groupsAt_.size() - 1)];
+    }
+    Record* headOf(std::uint64_t hash) const { return const_cast<RecordIndex*>(this)->headOf(hash); }
 
     Record** placeOfGroup(Record* first) {
-        Record** place = &groupsAt_[placeOf(links(first).hash)];
+        Record** place = &headOf(links(first).hash);
         while (*place != first)
             place = &links(*place).nextGroup;
         return place;
     }
 
     void enter(Record* first) {
-        Record*& head = groupsAt_[placeOf(links(first).hash)];
+        Record*& head = headOf(links(first).hash);
         links(first).nextGroup = head;
         head = first;
     }
 
+    // By then the last growth has long been finished: it took a quarter as many additions as it made places.
     void grow() {
-        std::vector<Record*> before(groupsAt_.empty() ? smallest : groupsAt_.size() * 2);
-        before.swap(groupsAt_);
-        for (Record* group : before) {
+        before_.swap(groupsAt_);
+        groupsAt_.assign(before_.empty() ? smallest : before_.size() * 2, nullptr);
+        moved_ = 0;
+    }
+
+    void moveSome() {
+        for (int i = 0; i < placesMovedAtOnce && !before_.empty(); ++i) {
+            Record* group = before_[moved_++];
             while (group) {
                 Record* const nextGroup = links(group).nextGroup;
                 enter(group);
                 group = nextGroup;
             }
+            if (moved_ == before_.size()) before_ = {};
         }
     }
 
+    static constexpr int placesMovedAtOnce = 4;
+
     std::vector<Record*> groupsAt_; // its size is a power of two
+    std::vector<Record*> before_;   // the table that grows, while it does, from place `moved_` on
+    std::size_t moved_ = 0;
     std::size_t groupCount_ = 0;
 };

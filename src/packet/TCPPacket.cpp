@@ -132,20 +132,20 @@ in6_addr addressAt(const char* packet, int position) {
     return address;
 }
 
-// The first `word` that lies wholly in the first `limit` bytes of a text.
-const char* findNear(const char* text, std::string_view word, std::size_t limit) {
-    const std::string_view start(text, strnlen(text, limit));
-    const std::size_t at = start.find(word);
-    return at == std::string_view::npos ? nullptr : text + at;
+// The part of a text from the first such word on; empty when there is none.
+std::string_view from(std::string_view text, std::string_view word) {
+    const std::size_t at = text.find(word);
+    return at == std::string_view::npos ? std::string_view() : text.substr(at);
 }
 
 // Where a header line ends: at its CR LF or, if none follows in the whole text, at its line feed.
-const char* lineEnd(const char* text) {
-    const char* end = std::strstr(text, "\r\n");
-    return end ? end : std::strchr(text, '\n');
+std::size_t lineEnd(std::string_view text) {
+    const std::size_t end = text.find("\r\n");
+    return end != std::string_view::npos ? end : text.find('\n');
 }
 
-std::string_view between(const char* begin, const char* end) {
+// A text from a place in it to its end.
+std::string_view rest(const char* begin, const char* end) {
     return {begin, static_cast<std::size_t>(end - begin)};
 }
 
@@ -234,32 +234,37 @@ GPString* TCPPacket::formatIpAddressIpv6(in6_addr address) {
 }
 
 GPString* TCPPacket::httpURL(char* packet) {
-    const char* text = payload(packet);
-    const char* get = findNear(text, "GET ", 30);
-    if (!get) return nullptr;
-    // A negative payload size puts the zero byte in front of the text: then the searches need another one.
-    const auto room = static_cast<std::size_t>(packet + packetRoom - text);
-    if (!std::memchr(text, 0, room)) return nullptr;
+    const char* const start = payload(packet);
+    constexpr std::size_t farthestGet = 30;
+    const std::string_view beginning = from({start, strnlen(start, farthestGet)}, "GET ");
+    if (beginning.empty()) return nullptr;
+    // The text ends at its first zero byte. A negative payload size puts that of payload() in front of it.
+    const auto room = static_cast<std::size_t>(packet + packetRoom - start);
+    const auto* const end = static_cast<const char*>(std::memchr(start, 0, room));
+    if (!end) return nullptr;
 
-    const char* path = std::strchr(get, '/');
-    if (!path) return nullptr;
-    const char* pathEnd = std::strstr(path, " HTTP");
-    if (!pathEnd) return nullptr;
+    const std::string_view request = from(rest(beginning.data(), end), "/");
+    if (request.empty()) return nullptr;
+    const std::size_t pathLength = request.find(" HTTP");
+    if (pathLength == std::string_view::npos) return nullptr;
     // The first "Host" counts, also inside another header.
-    const char* header = std::strstr(pathEnd, "Host");
-    if (!header || pathEnd - path < 1) return nullptr;
-    const char* hostStart = skipws(nextws(header));
-    const char* hostEnd = lineEnd(hostStart);
-    if (!hostEnd || hostEnd - hostStart < 1) return nullptr;
+    const std::string_view header = from(request.substr(pathLength), "Host");
+    if (header.empty() || pathLength < 1) return nullptr;
+    const std::string_view host = rest(skipws(nextws(header.data())), end);
+    const std::size_t hostLength = lineEnd(host);
+    if (hostLength == std::string_view::npos || hostLength < 1) return nullptr;
 
-    return joined({"http://", between(hostStart, hostEnd), between(path, pathEnd)});
+    return joined({"http://", host.substr(0, hostLength), request.substr(0, pathLength)});
 }
 
 GPString* TCPPacket::httpsURL(char* packet) {
     char name[serverNameCapacity];
     name[0] = 0;
-    const auto* data = reinterpret_cast<const unsigned char*>(payload(packet));
-    if (!sslDomain(data, payloadSize(packet), name, serverNameCapacity)) return nullptr;
+    const int headers = headersSize(packet);
+    const int size = packetSize(packet);
+    packet[size] = 0; // as payload() does
+    const auto* data = reinterpret_cast<const unsigned char*>(packet + headers);
+    if (!sslDomain(data, size - headers, name, serverNameCapacity)) return nullptr;
     if (name[0] != 0) return joined({"https://", name});
     int port;
     if (isVersionIPV6(packet)) return formatIpAddressIpv6(dstIPAddressIpv6(packet, port));

@@ -1,12 +1,15 @@
-// How the index and the heap of records use memory; that they find the right ones is HijackTable's test.
+// How the index and the orders of records grow and use memory; that a walk finds the right ones is HijackTable's test.
 
 #include "packet/RecordIndex.h"
-#include "packet/RecordHeap.h"
+#include "packet/RecordOrder.h"
 
 #include "support/AllocationCounter.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <gtest/gtest.h>
+#include <map>
+#include <random>
 #include <vector>
 
 using testsupport::AllocationCounter;
@@ -15,9 +18,15 @@ namespace {
 
 struct Record {
     RecordIndexHook<Record> inIndex;
+    RecordOrderHook<Record> inOrder;
     std::size_t inHeap = 0;
 };
 
+struct PlaceInHeap {
+    static std::size_t& of(Record* record) { return record->inHeap; }
+};
+
+using Order = RecordOrder<Record, &Record::inOrder>;
 using Index = RecordIndex<Record, &Record::inIndex>;
 
 bool isAny(const Record*) { return true; }
@@ -52,8 +61,76 @@ TEST(RecordIndex, TheTableDoublesWithTheGroups) {
         EXPECT_EQ(index.first(hash, isAny), &records[hash]);
 }
 
+TEST(RecordIndex, EveryRecordIsFoundWhileTheTableGrows) {
+    Index index;
+    std::vector<Record> records(600);
+
+    for (std::uint64_t hash = 0; hash < records.size(); ++hash) {
+        index.add(&records[hash], hash, isAny);
+        for (std::uint64_t earlier = 0; earlier <= hash; ++earlier)
+            ASSERT_EQ(index.first(earlier, isAny), &records[earlier]) << "of " << hash;
+    }
+}
+
+TEST(RecordIndex, RecordsLeaveWhileTheTableGrows) {
+    Index index;
+    std::vector<Record> records(600);
+
+    for (std::uint64_t hash = 0; hash < records.size(); ++hash) {
+        index.add(&records[hash], hash, isAny);
+        if (hash % 3 != 2) continue;
+        index.remove(&records[hash / 2]);
+        index.add(&records[hash / 2], hash / 2, isAny);
+    }
+
+    for (std::uint64_t hash = 0; hash < records.size(); ++hash) {
+        ASSERT_EQ(index.first(hash, isAny), &records[hash]);
+        index.remove(&records[hash]);
+        ASSERT_EQ(index.first(hash, isAny), nullptr);
+    }
+}
+
+TEST(RecordOrder, AnswersTheSmallestOfNumbersInAnyOrder) {
+    Order order;
+    std::vector<Record> records(300);
+    std::multimap<std::int64_t, Record*> expected;
+    std::mt19937 random(1);
+    for (int step = 0; step < 100000; ++step) {
+        Record* const record = &records[random() % records.size()];
+        const auto held = std::find_if(expected.begin(), expected.end(),
+                                       [record](const auto& entry) { return entry.second == record; });
+        if (held != expected.end()) {
+            order.remove(record);
+            expected.erase(held);
+        } else {
+            // Two rising sequences, and now and then a number of neither.
+            const std::int64_t number = random() % 8 == 0 ? static_cast<std::int64_t>(random() % 1000)
+                                                          : step + (random() % 2 == 0 ? 30 : 120);
+            order.makeRoom(records.size());
+            order.add(record, number);
+            expected.emplace(number, record);
+        }
+        ASSERT_EQ(order.isEmpty(), expected.empty());
+        if (expected.empty()) continue;
+        ASSERT_EQ(order.firstNumber(), expected.begin()->first);
+        ASSERT_EQ(order.first()->inOrder.number, order.firstNumber());
+    }
+}
+
+TEST(RecordOrder, TwoRisingSequencesTakeNoMemory) {
+    Order order;
+    std::vector<Record> records(1000);
+    const AllocationCounter allocations;
+
+    for (std::size_t i = 0; i < records.size(); ++i)
+        order.add(&records[i], static_cast<std::int64_t>(i + (i % 2 == 0 ? 30 : 120)));
+
+    EXPECT_EQ(allocations.count(), 0);
+    EXPECT_EQ(order.first(), &records[0]);
+}
+
 TEST(RecordHeap, RoomIsMadeForTwiceTheRecords) {
-    RecordHeap<Record, &Record::inHeap> heap;
+    RecordHeap<Record, PlaceInHeap> heap;
     std::vector<Record> records(1000);
     const AllocationCounter allocations;
 
