@@ -17,9 +17,7 @@ GPArray::GPArray() : GPArray(defaultCapacity) {}
 
 GPArray::GPArray(int capacity)
     : entries_(nullptr), count_(0), capacity_(capacity > 0 ? capacity : defaultCapacity), holdsValues_(0),
-      mutex_(nullptr), retainGuarded_(0), retainMutex_(nullptr) {
-    entries_ = new void*[static_cast<std::size_t>(capacity_)]();
-}
+      mutex_(nullptr), retainGuarded_(0), retainMutex_(nullptr) {}
 
 GPArray::~GPArray() {
     if (mutex_) mutex_->release();
@@ -70,6 +68,8 @@ GPArray* GPArray::arrayWithObject(GPObject* object) {
 
 void GPArray::append(void* entry) {
     const int used = count_.load(std::memory_order_relaxed);
+    // Many arrays stay empty, as those of an element without children do.
+    if (!entries_) entries_ = new void*[static_cast<std::size_t>(capacity_)]();
     if (capacity_ <= used && used >= 1) expandArray(used * 2);
     entries_[used] = entry;
     count_.store(used + 1, std::memory_order_release);
@@ -150,7 +150,7 @@ void GPArray::removeAllObjects() {
     capacity_ = defaultCapacity;
     holdsValues_ = 0;
     delete[] entries_;
-    entries_ = new void*[static_cast<std::size_t>(capacity_)]();
+    entries_ = nullptr;
 }
 
 GPObject* GPArray::objectAtIndex(int index) {

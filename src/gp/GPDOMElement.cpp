@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <iterator>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -43,34 +44,58 @@ void walk(GPDOMElement* top, Visit visit) {
 }
 
 // Every quote goes, whatever GPString::replace would leave behind a second match.
-std::string withoutQuotes(std::string text) {
-    text.erase(std::remove_if(text.begin(), text.end(), [](char c) { return c == '"' || c == '\''; }),
-               text.end());
-    return text;
+std::string withoutQuotes(std::string_view text) {
+    std::string kept;
+    kept.reserve(text.size());
+    std::copy_if(text.begin(), text.end(), std::back_inserter(kept),
+                 [](char c) { return c != '"' && c != '\''; });
+    return kept;
+}
+
+// Hands over the pieces that GPString::split makes of a text at single blanks, and tells how many they are. A blank in
+// front leaves the text in one piece.
+template <class Take>
+int forEachPiece(std::string_view text, Take take) {
+    if (text.empty()) return 0;
+    int pieces = 0;
+    std::size_t begin = 0;
+    for (std::size_t blank = text.find(' '); blank != std::string_view::npos && blank > 0;
+         blank = text.find(' ', begin)) {
+        take(text.substr(begin, blank - begin));
+        ++pieces;
+        begin = blank + 1;
+    }
+    if (begin == text.size()) return pieces;
+    take(text.substr(begin));
+    return pieces + 1;
 }
 
 // Attributes are split at blanks alone, so a value that holds a blank is cut there.
-GPMap* readAttributes(const std::string& text) {
-    Owned<GPString> whole = Owned<GPString>::adopt(new GPString(text.c_str()));
-    Owned<GPArray> pieces = Owned<GPArray>::adopt(whole->split(" "));
-    if (pieces->count() == 0) return nullptr;
+GPMap* readAttributes(std::string_view text) {
     std::vector<NamedText> found;
-    for (int i = 0; i < pieces->count(); ++i) {
-        const std::string_view piece = static_cast<GPString*>(pieces->objectAtIndex(i))->cstr();
+    const int pieces = forEachPiece(text, [&found](std::string_view piece) {
         const auto equals = piece.find('=');
-        if (equals == std::string_view::npos || equals == 0) continue;
+        if (equals == std::string_view::npos || equals == 0) return;
         found.push_back({piece.substr(0, equals), piece.substr(equals + 1)});
-    }
-    keepLastOfEachName(found);
-    auto* attributes = new GPMap(pieces->count());
+    });
+    if (pieces == 0) return nullptr;
+    if (found.size() > 1) keepLastOfEachName(found);
+    auto* attributes = new GPMap(pieces);
     for (const NamedText& attribute : found)
-        attributes->setNewObject(new GPString(withoutQuotes(std::string(attribute.value)).c_str()),
+        attributes->setNewObject(new GPString(withoutQuotes(attribute.value).c_str()),
                                  std::string(attribute.name).c_str());
     return attributes;
 }
 
 GPString* copyOf(const char* text, std::size_t length) {
-    return new GPString(std::string(text, length).c_str());
+    return new GPString(text, static_cast<int>(length));
+}
+
+// The name in a tag, which starts with one character that is skipped and ends with ">": up to a blank, if it has one.
+std::string_view nameOf(const char* tag, std::size_t length) {
+    const auto* blank = static_cast<const char*>(std::memchr(tag, ' ', length));
+    const char* const end = blank ? blank : tag + length - 1;
+    return {tag + 1, static_cast<std::size_t>(end - tag) - 1};
 }
 
 bool isEmpty(GPString* text) { return !text || text->length() == 0; }
@@ -194,15 +219,13 @@ GPDOMElement* GPDOMElement::createElement(const char* name, GPMap* attributes, c
 GPDOMElement* GPDOMElement::parseElement(const char* tag, std::size_t length) {
     auto* element = new GPDOMElement;
     element->children = new GPArray;
+    const std::string_view name = nameOf(tag, length);
+    element->name = copyOf(name.data(), name.size());
     const auto* blank = static_cast<const char*>(std::memchr(tag, ' ', length));
-    if (!blank) {
-        element->name = copyOf(tag + 1, length - 2);
-        return element;
-    }
+    if (!blank) return element;
     const auto nameEnd = static_cast<std::size_t>(blank - tag);
-    element->name = copyOf(tag + 1, nameEnd - 1);
     const std::size_t end = tag[length - 2] == '/' ? length - 2 : length - 1;
-    element->attributes = readAttributes(std::string(blank + 1, end - nameEnd - 1));
+    element->attributes = readAttributes({blank + 1, end - nameEnd - 1});
     return element;
 }
 
@@ -235,8 +258,8 @@ private:
 
     void readEndTag() {
         if (!current_) return;
-        auto tag = Owned<GPDOMElement>::adopt(parseElement(&text_[open_ + 1], position_ - open_ - 1));
-        if (tag->name->isEqual(current_->name) && current_->children->count() == 0) {
+        if (nameOf(&text_[open_ + 1], position_ - open_ - 1) == current_->name->cstr() &&
+            current_->children->count() == 0) {
             const auto from = static_cast<std::size_t>(current_->valueStart);
             current_->value = copyOf(&text_[from], open_ - from);
         }

@@ -2,9 +2,7 @@
 
 #include "gp/GPFilesystem.h"
 #include "gp/GPMutex.h"
-#include "gp/GPString.h"
 #include "gp/GuardedAppend.h"
-#include "gp/Owned.h"
 #include "gp/ThreadSafety.h"
 #include "gp/TimeZoneLock.h"
 #include "platform/Clock.h"
@@ -48,24 +46,19 @@ void renewMutex() {
     ofParent = mutex.exchange(new GPMutex);
 }
 
-// A new string with the name of the file of that index. An index below 10, -1 too, has a 0 in front.
-GPString* currentLogName(int index) {
+// The name of the file of that index. An index below 10, -1 too, has a 0 in front.
+std::string currentLogName(int index) {
     const char* stem = logName.load(relaxed);
     if (!stem) {
         // A copy that is never freed: the text of the process name goes when another one is set.
         stem = strdup(getProcessName());
         logName.store(stem, relaxed);
     }
-    GPString* name;
-    if (const char* directory = logDir.load(relaxed))
-        name = GPString::format("%s/%s", directory, stem);
-    else
-        name = new GPString(stem);
-    if (index < 10)
-        name->appendFormat("0%d.log", index);
-    else
-        name->appendFormat("%d.log", index);
-    return name;
+    std::string name;
+    if (const char* directory = logDir.load(relaxed)) name.append(directory) += '/';
+    name += stem;
+    if (index < 10) name += '0';
+    return name.append(std::to_string(index)) += ".log";
 }
 
 bool localTime(time_t seconds, struct tm& local) {
@@ -103,11 +96,9 @@ void rotate() REQUIRES(currentMutex()) {
         counter.store(last + 1, relaxed);
         return;
     }
-    deleteFile(Owned<GPString>::adopt(currentLogName(0))->cstr());
+    deleteFile(currentLogName(0).c_str());
     for (std::int32_t i = 1; i <= last; ++i) {
-        const auto from = Owned<GPString>::adopt(currentLogName(i));
-        const auto to = Owned<GPString>::adopt(currentLogName(i - 1));
-        renameFile(from->cstr(), to->cstr());
+        renameFile(currentLogName(i).c_str(), currentLogName(i - 1).c_str());
     }
 }
 
@@ -122,13 +113,13 @@ void logs(const char* text) {
     if (logEcho.load(relaxed)) std::printf("[LogEcho]: %s", line.c_str());
     {
         // Named outside the lock: a rotation can have moved this file when it is written.
-        const auto name = Owned<GPString>::adopt(currentLogName(counter.load(relaxed)));
+        const std::string name = currentLogName(counter.load(relaxed));
         GPMutexLock lock(currentMutex());
-        append(name->cstr(), line);
+        append(name.c_str(), line);
     }
     GPMutexLock lock(currentMutex());
-    const auto name = Owned<GPString>::adopt(currentLogName(counter.load(relaxed)));
-    if (isOverLimit(name->cstr())) rotate();
+    const std::string name = currentLogName(counter.load(relaxed));
+    if (isOverLimit(name.c_str())) rotate();
 }
 
 void logf(const char* fmt, ...) {
@@ -136,9 +127,13 @@ void logf(const char* fmt, ...) {
     va_start(arguments, fmt);
     va_list again;
     va_copy(again, arguments);
-    const int length = std::vsnprintf(nullptr, 0, fmt, arguments);
+    // Most lines are short enough to be made in one pass.
+    char line[512];
+    const int length = std::vsnprintf(line, sizeof line, fmt, arguments);
     va_end(arguments);
-    if (length >= 0) {
+    if (length >= 0 && length < static_cast<int>(sizeof line)) {
+        logs(line);
+    } else if (length >= 0) {
         const std::size_t size = static_cast<std::size_t>(length) + 1;
         const std::unique_ptr<char[]> text(new char[size]);
         std::vsnprintf(text.get(), size, fmt, again);
