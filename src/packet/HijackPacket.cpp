@@ -24,10 +24,10 @@ HijackTable* const table GUARDED_BY(mutex) = new HijackTable;
 // the lock held.
 std::atomic<bool> hasRecords{false};
 
-void noteRecords() { hasRecords.store(table->count() > 0, std::memory_order_release); }
+void noteRecords() REQUIRES(mutex) { hasRecords.store(table->count() > 0, std::memory_order_release); }
 
-// The record of these ends, with the lock held.
-HijackPacket* findLocked(const ConnectionEnds& ends) {
+// The record of these ends.
+HijackPacket* findLocked(const ConnectionEnds& ends) REQUIRES(mutex) {
     HijackPacket* const record = table->find(ends);
     noteRecords();
     return record;

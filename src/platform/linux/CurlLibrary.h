@@ -27,7 +27,8 @@ struct CurlLibrary {
 
     LibraryFunction<decltype(curl_multi_init)> multiInit{library, "curl_multi_init"};
     LibraryFunction<decltype(curl_multi_add_handle)> multiAddHandle{library, "curl_multi_add_handle"};
-    LibraryFunction<decltype(curl_multi_remove_handle)> multiRemoveHandle{library, "curl_multi_remove_handle"};
+    LibraryFunction<decltype(curl_multi_remove_handle)> multiRemoveHandle{library,
+                                                                          "curl_multi_remove_handle"};
     LibraryFunction<decltype(curl_multi_perform)> multiPerform{library, "curl_multi_perform"};
     LibraryFunction<decltype(curl_multi_info_read)> multiInfoRead{library, "curl_multi_info_read"};
     LibraryFunction<decltype(curl_multi_poll)> multiPoll{library, "curl_multi_poll"};

@@ -1,0 +1,59 @@
+#include "bench/Groups.h"
+
+#include "support/HostileInputs.h"
+
+#include <nlohmann/json.hpp>
+
+#include <algorithm>
+#include <cstdio>
+#include <functional>
+#include <vector>
+
+namespace bench {
+namespace {
+
+constexpr std::size_t largest = 4u << 20;
+
+// A side that reads the input, often enough for the clock to tell.
+Side reading(std::function<void()> read) {
+    const double once = costOf(1, read).wall;
+    const long times = std::max(1L, std::min(1000L, static_cast<long>(0.002 / once)));
+    return [read = std::move(read), times] {
+        return costOf(times, [&read, times] {
+            for (long i = 0; i < times; ++i)
+                read();
+        });
+    };
+}
+
+} // namespace
+
+void hostileRows(const Effort& effort) {
+    const std::size_t size = effort.quick ? largest / 16 : largest;
+    for (const auto& input : testsupport::hostileInputs()) {
+        // Both in the processor's cache or neither: at some size each text leaves it, and every reader shows that.
+        const Comparison measured =
+            inTurns(reading(input.make(size)), reading(input.make(size / 2)), effort.rounds());
+        row({"hostile, " + input.name + " of 4 MB", "of 2 MB"}, measured, atMost(2.2));
+    }
+}
+
+void hostileCurves(const Effort& effort) {
+    const std::size_t last = effort.quick ? largest / 16 : largest;
+    for (const auto& input : testsupport::hostileInputs()) {
+        nlohmann::ordered_json points = nlohmann::ordered_json::array();
+        for (std::size_t size = 1 << 14; size <= last; size *= 4) {
+            const Side side = reading(input.make(size));
+            std::vector<double> times;
+            for (int round = 0; round < effort.rounds(5); ++round)
+                times.push_back(side().processor);
+            std::sort(times.begin(), times.end());
+            points.push_back({size, times[times.size() / 2]});
+        }
+        const nlohmann::ordered_json line = {{"curve", "hostile"}, {"name", input.name}, {"points", points}};
+        std::puts(line.dump().c_str());
+    }
+    std::fflush(stdout);
+}
+
+} // namespace bench

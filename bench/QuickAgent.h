@@ -1,0 +1,52 @@
+#pragma once
+
+// The agent's end of the link for the bench: a thread that answers each question at once with "{}", or keeps silent
+// until it is told to answer. Written for nothing but speed.
+
+#include "bench/Turns.h"
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace bench {
+
+class QuickAgent {
+public:
+    // Listens on the agent's port, and starts to answer. Throws when the port is taken.
+    explicit QuickAgent(bool silent);
+
+    // How many questions have come.
+    long questions() const { return questions_.load(); }
+
+    void setSilent(bool silent);
+
+private:
+    void serve();
+    void readLink();
+    void flush();
+
+    int listener_ = -1;
+    int link_ = -1;
+    int wakeUp_ = -1;
+    std::string held_;
+    std::string answers_;
+    std::atomic<bool> silent_;
+    std::atomic<long> questions_{0};
+};
+
+// A client that has questions of that kind in flight and nothing else to do: the cost of one, and the time that each
+// took, in seconds.
+class RawClient {
+public:
+    RawClient();
+
+    Cost ask(long count, int inFlight, std::vector<double>& times);
+
+private:
+    int socket_ = -1;
+};
+
+} // namespace bench
