@@ -78,13 +78,18 @@ TEST_F(BlockedTLSLocks, HitsAreLoggedBehindTheTablesLock) {
     EXPECT_EQ(locksHeldAtLines([&] { EXPECT_TRUE(isBlocked6()); }), (std::vector<long>{0, 0}));
 }
 
-TEST_F(BlockedTLSLocks, ASearchTakesTheLockOnce) {
+TEST_F(BlockedTLSLocks, ASearchTakesTheLockOnceAndNoneWhereNothingWasEverBlocked) {
     const auto locksOf = [](const std::function<void()>& operation) {
         const testsupport::LockCounter locks;
         operation();
         return locks.count();
     };
 
+    EXPECT_EQ(locksOf([&] { isBlocked(); }), 0);
+    EXPECT_EQ(locksOf([&] { isBlocked6(); }), 0);
+
+    FilterQuery::addToSSL(1);
+    FilterQuery::addToSSLIpv6(in6addr_loopback);
     EXPECT_EQ(locksOf([&] { isBlocked(); }), 1);
     EXPECT_EQ(locksOf([&] { isBlocked6(); }), 1);
 }

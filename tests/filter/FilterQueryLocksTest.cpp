@@ -131,16 +131,16 @@ TEST_F(FilterQueryLocks, EachTableOfBlockedAddressesIsWalkedUnderALockOfItsOwn) 
 
 TEST_F(FilterQueryLocks, EachTableOfBlockedAddressesGrowsUnderItsLock) {
     Configuration::setLogLevel(128);
-    const GPMutex* sslMutex = firstLockOf([] { blocks(); });
-    const GPMutex* sslMutexIpv6 = firstLockOf([] { blocks6(); });
+    const GPMutex* sslMutex = firstLockOf([] { FilterQuery::addToSSL(3); });
+    const GPMutex* sslMutexIpv6 = firstLockOf([] { FilterQuery::addToSSLIpv6(address6()); });
     expectNothingWithout(sslMutex, [] { FilterQuery::addToSSL(1); });
     expectNothingWithout(sslMutexIpv6, [] { FilterQuery::addToSSLIpv6(address6()); });
     {
         StoppedAtLock stopped(sslMutex, [] { FilterQuery::addToSSL(2); });
-        EXPECT_EQ(entriesOf("sslList"), 1);
+        EXPECT_EQ(entriesOf("sslList"), 2);
     }
     StoppedAtLock stopped(sslMutexIpv6, [] { FilterQuery::addToSSLIpv6(address6()); });
-    EXPECT_EQ(entriesOf("sslListIpv6"), 1);
+    EXPECT_EQ(entriesOf("sslListIpv6"), 2);
 }
 
 TEST_F(FilterQueryLocks, ALookUpTakesOneLockWithAHitAndWithout) {
