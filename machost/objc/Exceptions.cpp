@@ -124,7 +124,7 @@ int personality(int version, int actions, unsigned long kind, void* exception, v
     auto* const thrown = static_cast<_Unwind_Exception*>(exception);
     auto* const frame = static_cast<_Unwind_Context*>(context);
     if (kind != ownKind && programPersonality)
-        return programPersonality(version, actions, kind, thrown, frame);
+        return programPersonality(version, static_cast<_Unwind_Action>(actions), kind, thrown, frame);
     const Handler handler = handlerFor(kind, thrown, frame);
     if (handler.landingPad == 0) return _URC_CONTINUE_UNWIND;
     if (actions & _UA_SEARCH_PHASE) return handler.selector == 0 ? _URC_CONTINUE_UNWIND : _URC_HANDLER_FOUND;

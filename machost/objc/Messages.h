@@ -21,8 +21,8 @@ const void* findImplementation(const void* receiver, Selector selector);
 template <class Result, class... Arguments>
 Result send(ObjectRef receiver, const char* message, Arguments... arguments) {
     const Selector selector = selectorNamed(message);
-    const auto call =
-        reinterpret_cast<Result (*)(ObjectRef, Selector, Arguments...)>(implementationOf(receiver, selector));
+    const auto call = reinterpret_cast<Result (*)(ObjectRef, Selector, Arguments...)>(
+        const_cast<void*>(implementationOf(receiver, selector)));
     return call(receiver, selector, arguments...);
 }
 

@@ -51,7 +51,7 @@ void construct(ObjectRef object, const Class* kind) {
     if (!kind) return;
     construct(object, kind->superclass);
     const Selector selector = selectorNamed(".cxx_construct");
-    if (const void* call = ownMethod(*kind, selector))
+    if (auto* const call = const_cast<void*>(ownMethod(*kind, selector)))
         reinterpret_cast<ObjectRef (*)(ObjectRef, Selector)>(call)(object, selector);
 }
 
@@ -64,7 +64,7 @@ ObjectRef allocateInstance(const Class& kind) {
 void destroyInstance(void* object) {
     const Selector selector = selectorNamed(".cxx_destruct");
     for (const Class* kind = classOf(object); kind; kind = kind->superclass)
-        if (const void* call = ownMethod(*kind, selector))
+        if (auto* const call = const_cast<void*>(ownMethod(*kind, selector)))
             reinterpret_cast<void (*)(ObjectRef, Selector)>(call)(object, selector);
 }
 

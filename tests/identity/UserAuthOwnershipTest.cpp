@@ -16,7 +16,7 @@ class UserAuthOwnership : public testsupport::IdentityWorld {};
 
 TEST_F(UserAuthOwnership, NoQuestionLeavesAnObject) {
     using testsupport::objectsLeftBy;
-    const auto asked = [this] {
+    const auto asked = [] {
         return objectsLeftBy([] {
             queryUserName("alice");
             Owned<GPArray>::adopt(UserAuth::userGroups());
