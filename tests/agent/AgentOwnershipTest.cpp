@@ -32,6 +32,7 @@
 using testsupport::AgentStandIn;
 using testsupport::comesTrue;
 using testsupport::livingObjects;
+using testsupport::livingObjectsAtRest;
 using testsupport::objectsLeftBy;
 
 namespace {
@@ -88,7 +89,7 @@ TEST_F(AgentOwnership, NoCommandLeavesAnObject) {
 TEST_F(AgentOwnership, AnAnsweredDnsRequestLeavesNoObject) {
     for (bool answered = false; !answered;) {
         // The reader may be quicker, and files the answer; then it is asked again.
-        const long before = livingObjects();
+        const long before = livingObjectsAtRest();
         agent.sendBytes(AgentStandIn::frame(2, 900, "{dns}"));
         answered = testsupport::taken(link->getDNSRedirectsCommand()) == "{dns}";
         if (answered)
@@ -100,14 +101,14 @@ TEST_F(AgentOwnership, AnAnsweredDnsRequestLeavesNoObject) {
 
 TEST_F(AgentOwnership, NeitherAnAnsweredQueryNorOneThatCannotBeSentLeavesAnObject) {
     ask("http://a/");
-    const long before = livingObjects();
+    const long before = livingObjectsAtRest();
     ask("http://b/");
     EXPECT_TRUE(comesTo(before));
     EXPECT_EQ(objectsLeftBy([] { ask(std::string(5000, 'u')); }), 0);
 }
 
 TEST_F(AgentOwnership, AFrameThatNobodyWaitsForIsOneEntryWithItsText) {
-    const long before = livingObjects();
+    const long before = livingObjectsAtRest();
     agent.reply(0xFFFF0000, "{}");
     EXPECT_TRUE(comesTo(before + 2));
     agent.reply(0xFFFF0000, "{again}");
@@ -119,7 +120,7 @@ TEST_F(AgentOwnership, AConfigurationFrameIsGivenBackWhenItWasRead) {
     agent.push(R"({"bypass_on_failure":false,"update_url":"","x":1})");
     EXPECT_TRUE(comesTrue(Configuration::isBOFEnabled));
     ask("http://probe/");
-    const long before = livingObjects();
+    const long before = livingObjectsAtRest();
     agent.push(R"({"bypass_on_failure":true,"update_url":"","x":1})");
     EXPECT_TRUE(comesTrue([] { return !Configuration::isBOFEnabled(); }));
     EXPECT_TRUE(comesTo(before));
@@ -130,11 +131,11 @@ TEST_F(AgentOwnership, AReconnectLeavesTheOldSocketAndNothingElse) {
     const auto open = Owned<GPSockets>::adopt(new GPSockets);
     open->setPort(listener.port());
     open->setServer(OstComm::agentHost);
-    const long closed = livingObjects();
+    const long closed = livingObjectsAtRest();
     EXPECT_TRUE(open->openConnection());
-    const long socket = 1 + livingObjects() - closed;
+    const long socket = 1 + livingObjectsAtRest() - closed;
     reconnect(2);
-    const long before = livingObjects();
+    const long before = livingObjectsAtRest();
     reconnect(3);
     EXPECT_TRUE(comesTo(before + socket));
 }

@@ -56,6 +56,7 @@ TEST_F(LoginChanged, WithoutACachedNameTheLogonReportIsEmpty) {
 
 TEST_F(LoginChanged, StoresTheLocalNameThenTheCachedOneAndLeavesNoObject) {
     world.startAgent();
+    world.holdReaderBack(); // which keeps the moment of its start
     OstComm::Instance();
     console.seat("bob");
     Configuration::setVerboseMode(true);

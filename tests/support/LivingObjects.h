@@ -8,13 +8,17 @@ namespace testsupport {
 // Objects of all threads that were made and not yet destroyed.
 long livingObjects();
 
-// How many more there are after an operation. It runs once before, for what is made once and kept.
+// The same, without those that other threads make and destroy in passing.
+long livingObjectsAtRest();
+
+// How many more there are after an operation. It runs once before, for what is made once and kept. Another thread may
+// run meanwhile, but must have made by then what it keeps.
 template <class Operation>
 long objectsLeftBy(Operation operation) {
     operation();
-    const long before = livingObjects();
+    const long before = livingObjectsAtRest();
     operation();
-    return livingObjects() - before;
+    return livingObjectsAtRest() - before;
 }
 
 } // namespace testsupport

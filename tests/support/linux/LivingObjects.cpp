@@ -1,6 +1,11 @@
 #include "support/LivingObjects.h"
 
+#include <algorithm>
 #include <atomic>
+#include <chrono>
+#include <filesystem>
+#include <iterator>
+#include <thread>
 
 class GPObject;
 
@@ -20,6 +25,18 @@ std::atomic<long> living{0};
 } // namespace
 
 long livingObjects() { return living; }
+
+long livingObjectsAtRest() {
+    constexpr int looks = 20;
+    const std::filesystem::directory_iterator threads("/proc/self/task");
+    long fewest = living;
+    if (std::distance(begin(threads), end(threads)) == 1) return fewest;
+    for (int i = 0; i < looks; ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        fewest = std::min(fewest, living.load());
+    }
+    return fewest;
+}
 
 } // namespace testsupport
 
