@@ -114,6 +114,9 @@ protected:
         startDaemon();
         agent->awaitFrame(3);
         ASSERT_TRUE(daemon->awaitLog("setUserLogonCommand send success"));
+        // Both listeners have asked the extension what they ask at their start.
+        ASSERT_TRUE(answers(lab::Direction::in));
+        ASSERT_TRUE(answers(lab::Direction::out));
     }
 
     // A page's request from that port, which the agent is asked about.
