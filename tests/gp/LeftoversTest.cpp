@@ -133,8 +133,8 @@ TEST(Leftovers, OfContainers) {
     expectNothingLeft({
         {"array",
          [] {
-             GPArray array(1);
              GPObject object;
+             GPArray array(1);
              for (int i = 0; i < 9; ++i)
                  array.addObject(&object);
              array.removeObjectAtIndex(0);
@@ -146,8 +146,8 @@ TEST(Leftovers, OfContainers) {
          }},
         {"list",
          [] {
-             GPList list;
              GPObject object;
+             GPList list;
              list.safe();
              list.push(&object);
              list.insertObject(0, &object);
@@ -179,10 +179,10 @@ TEST(Leftovers, OfContainers) {
              GPTimer timer(true);
          }},
     });
-    auto& synced = *new GPSyncdArray(5); // lives for the whole run
+    static auto& synced = *new GPSyncdArray(5); // lives for the whole run
     GPString text("text");
     synced.addString(&text);
-    expectNothingLeft({{"shared array", [&] {
+    expectNothingLeft({{"shared array", [&text] {
                             GPString absent("absent");
                             synced.findStringObject("text");
                             synced.addString(&text);
