@@ -4,8 +4,18 @@
 
 namespace lab {
 
-// The whole path of a program that is to run under machost; empty for an empty one. Throws InputError unless the file
-// can be read and is a Mach-O for x86-64.
+// How a program is run that the lab is given.
+enum class ProgramFormat {
+    unusable,
+    machO, // for x86-64: under machost
+    elf,   // for this machine, linked with its libraries: as it stands
+};
+
+// Unusable too for a file that cannot be read.
+ProgramFormat programFormat(const std::string& path);
+
+// The whole path of a program that is to run in place of this build's own; empty for an empty one. Throws InputError
+// for one that is unusable.
 std::string checkedProgram(const std::string& path);
 
 } // namespace lab

@@ -1,9 +1,11 @@
 #include "lab/DaemonRun.h"
 
 #include "app/Switches.h"
+#include "lab/CheckedProgram.h"
 #include "lab/EmptyConsole.h"
 #include "lab/MacProgram.h"
 #include "lab/OfflineNames.h"
+#include "lab/SystemProgram.h"
 #include "lab/WorldAnswers.h"
 #include "platform/HostPaths.h"
 
@@ -67,6 +69,9 @@ void DaemonRun::runChild(int output, const std::vector<int>& foreign) {
     dup2(output, STDERR_FILENO);
     close(output);
     setvbuf(stdout, nullptr, _IOLBF, 0);
+
+    if (programFormat(program_) == ProgramFormat::elf)
+        becomeSystemProgram(program_, root_, {"fernhill", "-logecho"}, clock_ ? clock_->memory() : -1);
 
     const char* path = std::getenv("PATH");
     setenv("PATH", (root_.programs() + ":" + (path ? path : "/usr/bin:/bin")).c_str(), 1);

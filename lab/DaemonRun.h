@@ -18,8 +18,8 @@ namespace lab {
 
 class DaemonRun {
 public:
-    // Null for the clock leaves the daemon the machine's own. `program` is the Mach-O to run under machost; empty for
-    // this build's own program.
+    // Null for the clock leaves the daemon the machine's own. `program` is the build to run, as checkedProgram
+    // answers it; empty for this build's own.
     DaemonRun(const RootFolder& root, PlayedClock* clock, std::string program = {});
     ~DaemonRun();
 

@@ -17,7 +17,7 @@ struct ReplayOptions {
     std::string csv;
     std::size_t rows = 0; // of the table; 0 shows all as they come
     std::string root;
-    std::string program; // a Mach-O, which runs under machost; empty for this build's own program
+    std::string program; // the build of the daemon to run; empty for the lab's own
     bool blockOnFailure = false;
 };
 

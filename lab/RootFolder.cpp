@@ -60,6 +60,7 @@ RootFolder::RootFolder(const std::string& path) : kept_(!path.empty()) {
 
 RootFolder::~RootFolder() {
     std::error_code ignored;
+    fs::remove(view(), ignored);
     if (!kept_) fs::remove_all(path_, ignored);
 }
 

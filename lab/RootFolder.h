@@ -21,6 +21,9 @@ public:
     // Where the stand-ins for system commands lie.
     std::string programs() const { return path_ + "/bin"; }
 
+    // Where a daemon that runs as it stands has its view of this machine.
+    std::string view() const { return path_ + "/view"; }
+
     // Where the daemon's output goes.
     std::string output() const { return path_ + "/daemon-output.txt"; }
 

@@ -47,7 +47,7 @@ void addReplay(CLI::App& app, lab::ReplayOptions& options, std::string& blockOnF
         ->default_str("off");
     replay
         ->add_option("--program", options.program,
-                     "run this Mach-O under machost instead of this build's own program")
+                     "run this build of the daemon, a Mach-O included, instead of the lab's own")
         ->type_name("FILE");
     replay->add_option("--root", options.root, "keep the daemon's files in this folder")->type_name("DIR");
     replay->footer(
@@ -121,7 +121,7 @@ CLI::App* addDivert(CLI::App& app, lab::DivertOptions& options, std::string& blo
         ->type_name("SECONDS");
     divert
         ->add_option("--program", options.program,
-                     "run this Mach-O under machost instead of this build's own program")
+                     "run this build of the daemon, a Mach-O included, instead of the lab's own")
         ->type_name("FILE");
     divert
         ->add_option("--table", options.table,

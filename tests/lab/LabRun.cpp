@@ -11,6 +11,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <filesystem>
@@ -31,7 +32,8 @@ namespace fs = std::filesystem;
     words.insert(words.end(), arguments.begin(), arguments.end());
     const bool daemon =
         !arguments.empty() && (arguments.front() == "replay" || arguments.front() == "divert");
-    if (daemon && !testsupport::macProgram().empty())
+    const bool given = std::find(words.begin(), words.end(), "--program") != words.end();
+    if (daemon && !given && !testsupport::macProgram().empty())
         words.insert(words.begin() + 2, {"--program", testsupport::macProgram()});
     std::vector<char*> argv;
     for (std::string& word : words)

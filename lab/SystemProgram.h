@@ -1,0 +1,21 @@
+#pragma once
+
+// A build of the daemon for this system, run as it stands: nothing in it knows of the lab. It sees this machine for
+// reading only, with the root's folders in place of those that the daemon writes to, nobody at the console, no names
+// but localhost and addresses, and the played clock.
+
+#include "lab/RootFolder.h"
+
+#include <string>
+#include <vector>
+
+namespace lab {
+
+// Becomes the ELF program, run with these words (the first is what it takes for its name). `clock` is the descriptor of
+// the played clock's memory, or -1 for the machine's own time. What it writes outside the root's /Library, /var/run,
+// /usr/local and /system goes with it. Needs the right to a mount namespace; without it the process says so on
+// standard error and ends. To be called in a process with one thread.
+[[noreturn]] void becomeSystemProgram(const std::string& program, const RootFolder& root,
+                                      const std::vector<std::string>& words, int clock);
+
+} // namespace lab
