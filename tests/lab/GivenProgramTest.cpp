@@ -66,6 +66,7 @@ TEST_F(GivenProgram, OfThisSystemDecidesAsTheLabsOwn) {
 
     EXPECT_EQ(own.status, 0) << own.err;
     EXPECT_EQ(given.status, 0) << given.err;
+    EXPECT_EQ(given.out.find("did not get through in time"), std::string::npos) << given.out;
     EXPECT_NE(readAll(folder_.file("given")).find("redirect"), std::string::npos);
     EXPECT_EQ(readAll(folder_.file("given")), readAll(folder_.file("own")));
 }
