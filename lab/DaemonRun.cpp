@@ -40,8 +40,9 @@ bool isLogLine(const std::string& line, const char* beginning) {
 
 } // namespace
 
-DaemonRun::DaemonRun(const RootFolder& root, PlayedClock* clock, std::string program)
-    : root_(root), clock_(clock), program_(std::move(program)) {}
+DaemonRun::DaemonRun(const RootFolder& root, PlayedClock* clock, std::string program,
+                     std::function<void()> surroundings)
+    : root_(root), clock_(clock), program_(std::move(program)), surroundings_(std::move(surroundings)) {}
 
 DaemonRun::~DaemonRun() { stop(); }
 
@@ -79,6 +80,7 @@ void DaemonRun::runChild(int output, const std::vector<int>& foreign) {
     if (clock_) platform::clockService.install(*clock_);
     platform::nameLookupService.install(offlineNames());
     platform::consoleUserService.install(emptyConsole());
+    if (surroundings_) surroundings_();
 
     if (!program_.empty()) {
         if (clock_) shareClockMemory(clock_->memory());

@@ -8,6 +8,7 @@
 
 #include <condition_variable>
 #include <cstdio>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <sys/types.h>
@@ -19,8 +20,10 @@ namespace lab {
 class DaemonRun {
 public:
     // Null for the clock leaves the daemon the machine's own. `program` is the build to run, as checkedProgram
-    // answers it; empty for this build's own.
-    DaemonRun(const RootFolder& root, PlayedClock* clock, std::string program = {});
+    // answers it; empty for this build's own. What `surroundings`
+    // installs in the child is played beside the rest.
+    DaemonRun(const RootFolder& root, PlayedClock* clock, std::string program = {},
+              std::function<void()> surroundings = {});
     ~DaemonRun();
 
     DaemonRun(const DaemonRun&) = delete;
@@ -59,6 +62,7 @@ private:
     const RootFolder& root_;
     PlayedClock* const clock_;
     const std::string program_;
+    const std::function<void()> surroundings_;
     pid_t pid_ = -1;
     std::thread reader_;
 

@@ -117,7 +117,12 @@ std::optional<sysctl_result> ExtensionStandIn::awaitResult(int channel, std::uin
         std::uint64_t answered = 0;
         std::memcpy(&answered, &result.packetId, sizeof answered);
         if (answered == id) return result;
+        hasStrays_ = true;
     }
+}
+
+bool ExtensionStandIn::hasOnlyAnswered() const {
+    return !hasStrays_ && !waitReadable(channels_[0], 0) && !waitReadable(channels_[1], 0);
 }
 
 void ExtensionStandIn::stop() {

@@ -43,6 +43,9 @@ public:
     std::optional<sysctl_result> present(Direction direction, const std::vector<char>& packet,
                                          int milliseconds, RecordForm form = RecordForm::whole);
 
+    // Whether the daemon has sent no result but those that were waited for. To be asked between presentations.
+    bool hasOnlyAnswered() const;
+
     // False once the daemon has been found to have closed a control.
     bool connected() const { return connected_; }
 
@@ -66,6 +69,7 @@ private:
     int wakeUp_ = -1;
     std::atomic<bool> connected_{true};
     std::atomic<std::uint64_t> nextId_{1};
+    std::atomic<bool> hasStrays_{false};
     std::vector<char> records_[2]; // the one that is presented, for each direction
     std::thread thread_;
 };
