@@ -150,7 +150,8 @@ class HangWatch {
 public:
     void take(const LogLine& line) {
         newest_ = line.time;
-        if (has(line, "setUserLogonCommand send success")) absentSince_.reset();
+        if (has(line, "OstComm socket opened")) opened_ = true;
+        if (has(line, "setUserLogonCommand send success")) takeLogon();
         if (has(line, "setUserLogonCommand socket send failed") && !absentSince_) absentSince_ = line.time;
         if (has(line, "responseThread reconnecting")) takeReconnect();
         if (has(line, "Host lookup timeout >>> resending")) ++lookups_;
@@ -174,6 +175,11 @@ public:
                 "The link ended with {} questions open; one of them at most was woken, the others "
                 "keep a query thread of the {} each. Restart the daemon when pages go on hanging.",
                 lost_.size(), queryThreads));
+        if (links_ > 1 && !asked_)
+            found.push_back(fmt::format("The link to the agent was made anew {} times. Questions that were "
+                                        "open then can keep a query "
+                                        "thread of the {} each. Restart the daemon when pages go on hanging.",
+                                        links_ - 1, queryThreads));
         if (!open_.empty()) {
             const auto oldest =
                 std::min_element(open_.begin(), open_.end(), [](const auto& one, const auto& other) {
@@ -215,6 +221,13 @@ private:
         }
     }
 
+    // A login brings one too; only the first on a link tells of that.
+    void takeLogon() {
+        absentSince_.reset();
+        if (opened_) ++links_;
+        opened_ = false;
+    }
+
     void takeReconnect() {
         lost_.insert(open_.begin(), open_.end());
         open_.clear();
@@ -222,6 +235,8 @@ private:
 
     std::int64_t newest_ = 0;
     std::optional<std::int64_t> absentSince_;
+    bool opened_ = false;
+    long links_ = 0;
     bool asked_ = false;
     bool dead_ = false;
     long lookups_ = 0;

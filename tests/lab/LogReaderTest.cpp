@@ -109,6 +109,20 @@ TEST_F(LogReader, AnAgentThatIsAbsentIsToldUntilTheLinkIsUp) {
               std::string::npos);
 }
 
+TEST_F(LogReader, AnAgentThatCameAgainIsToldWhereTheLogHasNoQuestions) {
+    const auto link = [](int second) {
+        return line(second, "OstComm socket opened [0x1]") +
+               line(second, "OstComm setUserLogonCommand send success");
+    };
+    const std::string first = link(1) + line(2, "OstComm setUserLogonCommand send success"); // and a login
+    EXPECT_EQ(hangs(first).find("made anew"), std::string::npos);
+    const std::string told = hangs(first + link(3) + link(4));
+    EXPECT_EQ(told.find("The link to the agent was made anew 2 times"), 0u) << told;
+    const std::string question = line(2, "[7] OstComm getPolicyCommand sending {}") +
+                                 line(2, "[7] OstComm getPolicyCommand response {}");
+    EXPECT_EQ(hangs(first + question + link(3)), "Every question that the log has was answered.\n");
+}
+
 TEST_F(LogReader, ALogWithoutQuestionsSaysHowToGetThem) {
     EXPECT_NE(hangs(line(1, "Ostler Interceptor Started")).find("-ll=65"), std::string::npos);
 }
