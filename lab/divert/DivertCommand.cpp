@@ -50,6 +50,11 @@ int runInside(const DivertOptions& options, Policy policy) {
 } // namespace
 
 int divert(const DivertOptions& options) {
+    for (const std::string& path :
+         {options.root, options.program, options.table, options.json, options.record, options.watch}) {
+        if (!path.empty() && liesInRun(path))
+            throw InputError(fmt::format("{}: a live run has a /run of its own, which ends with it", path));
+    }
     DivertOptions whole = options;
     whole.program = checkedProgram(options.program);
     Policy policy = Policy::load(options.policy);

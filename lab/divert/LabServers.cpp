@@ -17,6 +17,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <random>
 #include <thread>
@@ -24,7 +25,9 @@
 namespace lab {
 namespace {
 
-constexpr int startSeconds = 10;
+namespace fs = std::filesystem;
+
+constexpr int startSeconds = 60;
 constexpr off_t bigFile = 100'000'000;
 
 std::string inOwnFolder(const std::string& name) { return std::string(ownFolder) + "/" + name; }
@@ -79,7 +82,17 @@ void makeCertificate(const std::vector<std::string>& hosts) {
         unsetenv(variable);
 }
 
+// Where a link leads into /run, which is the lab's own, there is nothing yet to be played.
+void giveLinkAnEnd(const fs::path& path) {
+    std::error_code noLink;
+    const fs::path end = path.parent_path() / fs::read_symlink(path, noLink);
+    if (noLink || fs::exists(end) || !liesInRun(end)) return;
+    fs::create_directories(end.parent_path());
+    writeFile(end, "");
+}
+
 void playFile(const std::string& path, const std::string& text) {
+    giveLinkAnEnd(path);
     const std::string played = inOwnFolder(path.substr(path.rfind('/') + 1));
     writeFile(played, text);
     if (mount(played.c_str(), path.c_str(), nullptr, MS_BIND, nullptr) != 0)
@@ -99,15 +112,25 @@ bool connects(int port) {
     return connected;
 }
 
-void awaitServer(const char* name, int port) {
+// A server that is asked for its port once it runs.
+struct Server {
+    std::string name;
+    pid_t process;
+    int port;
+};
+
+std::string outputOf(const std::string& server) { return inOwnFolder(server + ".output"); }
+
+Server startServer(const std::vector<std::string>& words, int port) {
+    return {words[0], startHelper(inServersNetwork(words), outputOf(words[0])), port};
+}
+
+void await(const Server& server) {
     const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(startSeconds);
-    while (!connects(port)) {
-        if (std::chrono::steady_clock::now() > limit) {
-            std::ifstream file(inOwnFolder(fmt::format("{}.output", name)));
-            std::string line;
-            std::getline(file, line);
-            throw UnavailableError(fmt::format("divert: {} does not serve: {}", name, line));
-        }
+    while (!connects(server.port)) {
+        if (helperHasEnded(server.process) || std::chrono::steady_clock::now() > limit)
+            throw UnavailableError(
+                fmt::format("divert: {} does not serve: {}", server.name, firstWords(outputOf(server.name))));
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
 }
@@ -121,17 +144,16 @@ void startServers(const std::vector<std::string>& hosts) {
     playFile("/etc/resolv.conf",
              fmt::format("nameserver {}\noptions timeout:1\n", LabAddresses::serversIpv4));
     writeFile(inOwnFolder("nginx.conf"), webConfiguration());
-    startHelper(
-        inServersNetwork({"nginx", "-c", inOwnFolder("nginx.conf"), "-e", inOwnFolder("nginx.errors")}),
-        inOwnFolder("nginx.output"));
-    startHelper(inServersNetwork({"dnsmasq", "--keep-in-foreground", "--conf-file=/dev/null", "--no-resolv",
-                                  "--no-hosts", "--no-poll", "--user=root", "--pid-file", "--bind-interfaces",
-                                  "--interface=s0", "--cache-size=0", "--dns-forward-max=1000",
-                                  fmt::format("--address=/#/{}", LabAddresses::serversIpv4),
-                                  fmt::format("--address=/#/{}", LabAddresses::serversIpv6)}),
-                inOwnFolder("dnsmasq.output"));
-    awaitServer("nginx", 443);
-    awaitServer("dnsmasq", 53);
+    const Server web =
+        startServer({"nginx", "-c", inOwnFolder("nginx.conf"), "-e", inOwnFolder("nginx.errors")}, 443);
+    const Server names = startServer(
+        {"dnsmasq", "--keep-in-foreground", "--conf-file=/dev/null", "--no-resolv", "--no-hosts", "--no-poll",
+         "--user=root", "--pid-file", "--bind-interfaces", "--interface=s0", "--cache-size=0",
+         "--dns-forward-max=1000", fmt::format("--address=/#/{}", LabAddresses::serversIpv4),
+         fmt::format("--address=/#/{}", LabAddresses::serversIpv6)},
+        53);
+    await(web);
+    await(names);
 }
 
 } // namespace lab

@@ -1,5 +1,6 @@
 #include "lab/divert/OwnSystem.h"
 
+#include "lab/Policy.h"
 #include "lab/divert/Tools.h"
 
 #include <fmt/format.h>
@@ -17,6 +18,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 
 namespace lab {
 namespace {
@@ -48,6 +50,9 @@ int bodyStatus(const std::function<int()>& body) {
         leaveSystem();
         return body();
     } catch (const UnavailableError& error) {
+        fmt::print(stderr, "fernhill-lab: {}\n", error.what());
+        return unusable;
+    } catch (const InputError& error) {
         fmt::print(stderr, "fernhill-lab: {}\n", error.what());
         return unusable;
     } catch (const std::exception& error) {
@@ -87,6 +92,13 @@ void takeTerminal() {
 } // namespace
 
 const char* const ownFolder = "/run/fernhill-lab";
+
+bool liesInRun(const std::string& path) {
+    std::error_code unreadable;
+    return std::filesystem::weakly_canonical(path, unreadable).string().rfind("/run/", 0) == 0;
+}
+
+bool holdsTerminal() { return isatty(STDIN_FILENO) == 1 && tcgetpgrp(STDIN_FILENO) == getpgrp(); }
 
 int runInOwnSystem(const std::function<int()>& body) {
     if (geteuid() != 0)

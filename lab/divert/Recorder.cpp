@@ -16,21 +16,24 @@
 namespace lab {
 namespace {
 
-constexpr int startSeconds = 10;
+constexpr int startSeconds = 60;
 
 // tcpdump hands over what it has seen every so often, and what it has not is lost when it ends.
 constexpr std::chrono::milliseconds lastPackets(300);
 
+bool listens(const std::string& output) {
+    std::ifstream file(output);
+    for (std::string line; std::getline(file, line);) {
+        if (line.find("listening on") != std::string::npos) return true;
+    }
+    return false;
+}
+
 void awaitStart(pid_t program, const std::string& output) {
     const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(startSeconds);
-    std::string line;
-    while (line.find("listening on") == std::string::npos) {
-        std::ifstream file(output);
-        while (std::getline(file, line) && line.find("listening on") == std::string::npos) {
-        }
-        int status = 0;
-        if (waitpid(program, &status, WNOHANG) == program || std::chrono::steady_clock::now() > limit)
-            throw UnavailableError(fmt::format("divert: tcpdump does not record: {}", line));
+    while (!listens(output)) {
+        if (helperHasEnded(program) || std::chrono::steady_clock::now() > limit)
+            throw UnavailableError(fmt::format("divert: tcpdump does not record: {}", firstWords(output)));
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
 }

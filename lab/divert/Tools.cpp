@@ -10,6 +10,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <fstream>
 
 namespace lab {
 namespace {
@@ -84,6 +85,16 @@ pid_t startHelper(const std::vector<std::string>& words, const std::string& outp
     dup2(file, STDOUT_FILENO);
     dup2(file, STDERR_FILENO);
     become(words);
+}
+
+bool helperHasEnded(pid_t helper) { return waitpid(helper, nullptr, WNOHANG) == helper; }
+
+std::string firstWords(const std::string& output) {
+    std::ifstream file(output);
+    std::string line;
+    while (line.empty() && std::getline(file, line)) {
+    }
+    return line;
 }
 
 } // namespace lab

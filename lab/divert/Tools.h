@@ -23,4 +23,10 @@ void runTool(const std::vector<std::string>& words, const std::string& input = {
 // namespace. Throws UnavailableError when it cannot be started.
 pid_t startHelper(const std::vector<std::string>& words, const std::string& output);
 
+// Whether such a program has ended, which is told once.
+bool helperHasEnded(pid_t helper);
+
+// The first line with text in what it wrote; empty where there is none.
+std::string firstWords(const std::string& output);
+
 } // namespace lab

@@ -8,12 +8,14 @@
 
 namespace testsupport {
 
-bool failSystemCall(int number, int error, unsigned firstArgument) {
+bool failSystemCall(int number, int error, unsigned argument, unsigned place) {
+    const auto at =
+        static_cast<unsigned>(offsetof(seccomp_data, args) + place * sizeof seccomp_data::args[0]);
     sock_filter program[] = {
         BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
         BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, static_cast<unsigned>(number), 0, 3),
-        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, args)),
-        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, firstArgument, 0, 1),
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, at),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, argument, 0, 1),
         BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | static_cast<unsigned>(error)),
         BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
     };
