@@ -76,8 +76,10 @@ void LiveConnections::take(const Question& question) {
     if (question.decision.action == Action::retry) retried_[question.url].push_back(place);
 }
 
+// What is held can still go on when both sides have closed: its sender repeats it.
 void LiveConnections::endIfOver(LiveConnection& connection) {
-    if (connection.facts.over()) end(connection);
+    const Connection& facts = connection.facts;
+    if (facts.over() && (facts.reset || !facts.held)) end(connection);
 }
 
 void LiveConnections::end(LiveConnection& connection) {

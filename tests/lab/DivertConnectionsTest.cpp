@@ -14,7 +14,7 @@ using lab::Endpoint;
 using lab::LiveConnectionPointer;
 using lab::LiveConnections;
 
-constexpr unsigned syn = 0x02, synAck = 0x12, ack = 0x10, finAck = 0x11;
+constexpr unsigned syn = 0x02, synAck = 0x12, ack = 0x10, finAck = 0x11, rst = 0x04;
 
 class DivertConnectionsTest : public testing::Test {
 protected:
@@ -140,6 +140,28 @@ TEST_F(DivertConnectionsTest, WhatIsStillHeldWhenItIsForgottenWasHeldToTheEnd) {
     connections_.sweep(0, true);
     EXPECT_TRUE(connection->facts.gaveUp);
     EXPECT_EQ(ended_, std::vector<std::string>{"50000"});
+}
+
+TEST_F(DivertConnectionsTest, AConnectionThatBothSidesHaveClosedIsNotOverWhileItsRequestIsHeld) {
+    const auto connection = shakeHands();
+    in(finAck, 5001, 1001);
+    out(ack, 1001, 5002, "GET / HTTP/1.1\r\n");
+    connection->facts.held = true;
+    out(finAck, 1017, 5002);
+    connections_.endIfOver(*connection);
+    EXPECT_TRUE(ended_.empty());
+    connection->facts.held = false; // its repetition has gone on
+    connections_.endIfOver(*connection);
+    EXPECT_FALSE(connection->facts.gaveUp);
+    EXPECT_EQ(ended_, std::vector<std::string>{"50000"});
+}
+
+TEST_F(DivertConnectionsTest, AHeldConnectionIsOverOnceItIsReset) {
+    const auto connection = shakeHands();
+    connection->facts.held = true;
+    out(rst, 1001, 5001);
+    connections_.endIfOver(*connection);
+    EXPECT_TRUE(connection->facts.gaveUp);
 }
 
 TEST_F(DivertConnectionsTest, AConnectionIsForgottenAfterFiveMinutesWithoutAPacket) {
