@@ -20,8 +20,8 @@ namespace {
 int runAlone(const DivertOptions& options) {
     const Recorder recorder(options.record);
     if (!options.record.empty()) recordPackets();
-    ClientCommand command(options.command);
-    while (!command.await(-1)) {
+    ClientCommand command(options.command, options.hasTerminal);
+    while (!command.await(LiveRun::glanceMilliseconds)) {
     }
     return command.status();
 }
@@ -56,6 +56,7 @@ int divert(const DivertOptions& options) {
             throw InputError(fmt::format("{}: a live run has a /run of its own, which ends with it", path));
     }
     DivertOptions whole = options;
+    whole.hasTerminal = holdsTerminal();
     whole.program = checkedProgram(options.program);
     Policy policy = Policy::load(options.policy);
     try {

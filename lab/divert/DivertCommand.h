@@ -24,6 +24,7 @@ struct DivertOptions {
     int restartSeconds = 0; // the agent goes and comes back that often; 0 for never
     bool blockOnFailure = false;
     bool withoutAgent = false;
+    bool hasTerminal = false; // the command is to have the terminal that is standard input
 };
 
 // Runs the command: its exit status, 1 when the daemon failed it, or 2 where this machine or the build cannot. Throws

@@ -13,9 +13,6 @@
 namespace lab {
 namespace {
 
-// How often the run looks at what is due.
-constexpr int glanceMilliseconds = 100;
-
 // What is still on its way when the command has ended: the last packets of its connections.
 constexpr std::chrono::milliseconds lastPackets(100);
 
@@ -48,7 +45,7 @@ LiveRun::LiveRun(const DivertOptions& options, const PolicyFacts& facts, Stage& 
 }
 
 int LiveRun::play() {
-    ClientCommand command(options_.command);
+    ClientCommand command(options_.command, options_.hasTerminal);
     while (!command.await(glanceMilliseconds)) {
         const Moment now = std::chrono::steady_clock::now();
         diverter_.report();

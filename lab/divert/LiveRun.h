@@ -18,6 +18,9 @@ namespace lab {
 
 class LiveRun {
 public:
+    // How often a run looks at what is due.
+    static constexpr int glanceMilliseconds = 100;
+
     // Over a stage that has been raised. Throws InputError and UnavailableError.
     LiveRun(const DivertOptions& options, const PolicyFacts& facts, Stage& stage);
 

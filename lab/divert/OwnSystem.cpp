@@ -84,7 +84,6 @@ int statusOf(int status) { return WIFEXITED(status) ? WEXITSTATUS(status) : 1; }
 
 // Takes the terminal back from the process group that had it inside.
 void takeTerminal() {
-    if (isatty(STDIN_FILENO) != 1) return;
     signal(SIGTTOU, SIG_IGN);
     tcsetpgrp(STDIN_FILENO, getpgrp());
 }
@@ -103,6 +102,7 @@ bool holdsTerminal() { return isatty(STDIN_FILENO) == 1 && tcgetpgrp(STDIN_FILEN
 int runInOwnSystem(const std::function<int()>& body) {
     if (geteuid() != 0)
         throw UnavailableError("divert needs root: it makes network namespaces and diverts packets");
+    const bool hadTerminal = holdsTerminal();
     const int ownProcesses = open("/proc/self/ns/pid", O_RDONLY | O_CLOEXEC);
     if (unshare(CLONE_NEWPID) != 0)
         throw UnavailableError(
@@ -123,7 +123,7 @@ int runInOwnSystem(const std::function<int()>& body) {
     int status = 0;
     while (waitpid(first, &status, 0) < 0 && errno == EINTR) {
     }
-    takeTerminal();
+    if (hadTerminal) takeTerminal();
     return statusOf(status);
 }
 
