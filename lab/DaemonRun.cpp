@@ -9,6 +9,8 @@
 #include "lab/WorldAnswers.h"
 #include "platform/HostPaths.h"
 
+#include <fmt/format.h>
+
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
@@ -17,9 +19,10 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
+#include <memory>
 #include <stdexcept>
 #include <utility>
 
@@ -141,12 +144,16 @@ bool DaemonRun::waitFor(const long& number, long count, int milliseconds) {
 }
 
 void DaemonRun::readOutput(int output) {
-    std::ofstream file(root_.output(), std::ios::binary);
+    // No file of this process is one of a program that it starts.
+    const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen(root_.output().c_str(), "wbe"),
+                                                               std::fclose);
+    if (file) setvbuf(file.get(), nullptr, _IONBF, 0);
     std::size_t written = 0;
     std::string pending;
     char buffer[65536];
     for (ssize_t count; (count = read(output, buffer, sizeof buffer)) > 0;) {
-        if (written < largestOutput) file.write(buffer, count).flush();
+        if (file && written < largestOutput)
+            std::fwrite(buffer, 1, static_cast<std::size_t>(count), file.get());
         written += static_cast<std::size_t>(count);
         pending.append(buffer, static_cast<std::size_t>(count));
         std::size_t start = 0;
@@ -160,7 +167,8 @@ void DaemonRun::readOutput(int output) {
         silent_ = true;
         changed_.notify_all();
     }
-    if (written > largestOutput) file << "\n(the daemon wrote " << written << " bytes in all)\n";
+    if (file && written > largestOutput)
+        fmt::print(file.get(), "\n(the daemon wrote {} bytes in all)\n", written);
 }
 
 void DaemonRun::takeLine(const std::string& line) {

@@ -23,7 +23,7 @@ constexpr std::chrono::milliseconds agentAway(500);
 
 LiveRun::File LiveRun::openFile(const std::string& path) {
     if (path.empty() || path == "-") return {nullptr, std::fclose};
-    File file(std::fopen(path.c_str(), "w"), std::fclose);
+    File file(std::fopen(path.c_str(), "we"), std::fclose);
     if (!file) throw InputError(fmt::format("{}: {}", path, std::strerror(errno)));
     setvbuf(file.get(), nullptr, _IOLBF, 0);
     return file;

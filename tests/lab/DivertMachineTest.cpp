@@ -61,8 +61,9 @@ TEST_F(DivertMachineTest, AKernelWithoutNetfiltersSocketsIsNamedInOneLine) {
 
 TEST_F(DivertMachineTest, AKernelWithoutTheTargetOfTheRulesIsNamedInOneLine) {
     playTool("iptables", "echo 'Extension NFQUEUE is not supported, missing kernel module?' >&2\nexit 2\n");
-    expectOneLine(run(), "'iptables -A INPUT ! -i lo -p tcp -m mark ! --mark 254 -j NFQUEUE --queue-num 0' failed: "
-                         "Extension NFQUEUE is not supported, missing kernel module?");
+    expectOneLine(run(),
+                  "'iptables -A INPUT ! -i lo -p tcp -m mark ! --mark 254 -j NFQUEUE --queue-num 0' failed: "
+                  "Extension NFQUEUE is not supported, missing kernel module?");
 }
 
 TEST_F(DivertMachineTest, AServerThatIsNotInstalledIsNamedAtOnce) {

@@ -201,6 +201,14 @@ TEST_F(DivertTest, EndsWithTheStatusOfTheCommand) {
     EXPECT_EQ(live("allow *\n", "kill -9 $$").status, 128 + 9);
 }
 
+TEST_F(DivertTest, TheCommandHasNoneOfTheLabsFiles) {
+    const LabRun run = live("allow *\n", "for file in /proc/$$/fd/*; do readlink $file; done; echo end",
+                            {"--table", folder_.file("table"), "--watch", folder_.file("watch")});
+    EXPECT_NE(run.out.find("end\n"), std::string::npos) << run.err;
+    EXPECT_EQ(run.out.find("/run/fernhill-lab"), std::string::npos) << run.out;
+    EXPECT_EQ(run.out.find(folder_.path()), std::string::npos) << run.out;
+}
+
 TEST_F(DivertTest, WithoutACommandThereIsAShell) {
     writeAll(policy_, "allow *\n");
     writeAll(folder_.file("shell"), "#!/bin/sh\necho the shell; ip -br link show c0 | cut -d@ -f1\n");
