@@ -47,14 +47,24 @@ int runInside(const DivertOptions& options, Policy policy) {
     return status;
 }
 
-} // namespace
-
-int divert(const DivertOptions& options) {
+// What is asked for and cannot be had. Throws InputError.
+void checkOptions(const DivertOptions& options) {
+    if (options.withoutAgent && options.restartSeconds > 0)
+        throw InputError("--no-agent and --restart-agent exclude each other");
+    const bool wantsRun = !options.json.empty() || !options.watch.empty() || options.restartSeconds > 0;
+    if (options.way == Way::nothing && wantsRun)
+        throw InputError("--through nothing has no connections to write and no agent");
     for (const std::string& path :
          {options.root, options.program, options.table, options.json, options.record, options.watch}) {
         if (!path.empty() && liesInRun(path))
             throw InputError(fmt::format("{}: a live run has a /run of its own, which ends with it", path));
     }
+}
+
+} // namespace
+
+int divert(const DivertOptions& options) {
+    checkOptions(options);
     DivertOptions whole = options;
     whole.hasTerminal = holdsTerminal();
     whole.program = checkedProgram(options.program);

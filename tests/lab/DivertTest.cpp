@@ -247,6 +247,23 @@ TEST_F(DivertTest, LeavesNothingBehindWhenItIsKilled) {
     EXPECT_FALSE(fs::exists("/run/fernhill-lab"));
 }
 
+TEST_F(DivertTest, OptionsThatContradictEachOtherAreRefused) {
+    writeAll(policy_, "allow *\n");
+    const std::string file = folder_.file("file");
+    for (const std::vector<std::string>& options :
+         std::vector<std::vector<std::string>>{{"--no-agent", "--restart-agent", "5"},
+                                               {"--through", "nothing", "--json", file},
+                                               {"--through", "nothing", "--watch", file},
+                                               {"--through", "nothing", "--restart-agent", "5"}}) {
+        std::vector<std::string> words = {"divert", "--policy", policy_};
+        words.insert(words.end(), options.begin(), options.end());
+        words.insert(words.end(), {"--", "true"});
+        const LabRun run = runLab(words);
+        EXPECT_EQ(run.status, 2) << options[0] << run.err;
+        EXPECT_NE(run.err, "");
+    }
+}
+
 TEST_F(DivertTest, WithoutRootItSaysSoInOneLine) {
     writeAll(policy_, "allow *\n");
     fs::permissions(folder_.path(), fs::perms::all);
