@@ -247,6 +247,18 @@ TEST_F(DivertTest, LeavesNothingBehindWhenItIsKilled) {
     EXPECT_FALSE(fs::exists("/run/fernhill-lab"));
 }
 
+TEST_F(DivertTest, LeavesNothingBehindWhenItIsKilledBeforeItsNetworksAreMade) {
+    writeAll(policy_, "allow *\n");
+    std::string processNamespace;
+    runLab({"divert", "--policy", policy_, "--", "sleep", "60"}, [&](pid_t lab) {
+        const fs::path child = "/proc/" + std::to_string(labtest::awaitChildOf(lab));
+        processNamespace = fs::read_symlink(child / "ns/pid");
+        kill(lab, SIGKILL);
+    });
+    EXPECT_NE(processNamespace, fs::read_symlink("/proc/self/ns/pid"));
+    EXPECT_TRUE(testsupport::eventually([&] { return processesIn(processNamespace) == 0; }));
+}
+
 TEST_F(DivertTest, OptionsThatContradictEachOtherAreRefused) {
     writeAll(policy_, "allow *\n");
     const std::string file = folder_.file("file");
