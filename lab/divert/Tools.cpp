@@ -94,7 +94,7 @@ std::string firstWords(const std::string& output) {
     std::string line;
     while (line.empty() && std::getline(file, line)) {
     }
-    return line;
+    return line.empty() ? "it says nothing" : line;
 }
 
 } // namespace lab

@@ -26,7 +26,7 @@ pid_t startHelper(const std::vector<std::string>& words, const std::string& outp
 // Whether such a program has ended, which is told once.
 bool helperHasEnded(pid_t helper);
 
-// The first line with text in what it wrote; empty where there is none.
+// The first line with text in what it wrote, or that there is none.
 std::string firstWords(const std::string& output);
 
 } // namespace lab

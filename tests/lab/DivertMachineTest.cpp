@@ -1,6 +1,8 @@
 // Live runs on machines that lack something or are laid out otherwise: what is said of it, and how soon.
 
 #include "lab/LiveTraffic.h"
+#include "lab/divert/PacketQueue.h"
+#include "lab/divert/Tools.h"
 #include "support/Patience.h"
 #include "support/SystemCallFailure.h"
 
@@ -59,6 +61,17 @@ TEST_F(DivertMachineTest, AKernelWithoutNetfiltersSocketsIsNamedInOneLine) {
     expectOneLine(run(), "divert: no netfilter socket: Protocol not supported");
 }
 
+TEST_F(DivertMachineTest, AQueueThatTheKernelDoesNotGiveIsTold) {
+    ASSERT_EQ(unshare(CLONE_NEWNET), 0);
+    const lab::PacketQueue queue(1);
+    try {
+        const lab::PacketQueue same(1); // which has its one owner
+        FAIL();
+    } catch (const lab::UnavailableError& error) {
+        EXPECT_STREQ(error.what(), "divert: this kernel has no NFQUEUE: Operation not permitted");
+    }
+}
+
 TEST_F(DivertMachineTest, AKernelWithoutTheTargetOfTheRulesIsNamedInOneLine) {
     playTool("iptables", "echo 'Extension NFQUEUE is not supported, missing kernel module?' >&2\nexit 2\n");
     expectOneLine(run(),
@@ -76,6 +89,11 @@ TEST_F(DivertMachineTest, AServerThatIsNotInstalledIsNamedAtOnce) {
 TEST_F(DivertMachineTest, AServerThatEndsIsToldWithWhatItSaid) {
     playTool("dnsmasq", "echo; echo 'dnsmasq: it is not allowed here' >&2; exit 5\n");
     expectOneLine(run(), "divert: dnsmasq does not serve: dnsmasq: it is not allowed here");
+}
+
+TEST_F(DivertMachineTest, AServerThatEndsWithoutAWordIsToldSo) {
+    playTool("dnsmasq", "exit 5\n");
+    expectOneLine(run(), "divert: dnsmasq does not serve: it says nothing");
 }
 
 TEST_F(DivertMachineTest, ARecorderThatCannotRecordIsToldWithWhatItSaid) {
