@@ -56,7 +56,7 @@ void checkOptions(const DivertOptions& options) {
         throw InputError("--through nothing has no connections to write and no agent");
     for (const std::string& path :
          {options.root, options.program, options.table, options.json, options.record, options.watch}) {
-        if (!path.empty() && liesInRun(path))
+        if (!path.empty() && path != "-" && liesInRun(path))
             throw InputError(fmt::format("{}: a live run has a /run of its own, which ends with it", path));
     }
 }

@@ -43,6 +43,11 @@ void leaveSystem() {
     mkdir(ownFolder, 0755);
 }
 
+int told(const std::exception& error, int status) {
+    fmt::print(stderr, "fernhill-lab: {}\n", error.what());
+    return status;
+}
+
 int bodyStatus(const std::function<int()>& body) {
     // Keys of the terminal are for the command that is run, and not for what stands around it.
     setpgid(0, 0);
@@ -50,14 +55,11 @@ int bodyStatus(const std::function<int()>& body) {
         leaveSystem();
         return body();
     } catch (const UnavailableError& error) {
-        fmt::print(stderr, "fernhill-lab: {}\n", error.what());
-        return unusable;
+        return told(error, unusable);
     } catch (const InputError& error) {
-        fmt::print(stderr, "fernhill-lab: {}\n", error.what());
-        return unusable;
+        return told(error, unusable);
     } catch (const std::exception& error) {
-        fmt::print(stderr, "fernhill-lab: {}\n", error.what());
-        return 1;
+        return told(error, 1);
     }
 }
 

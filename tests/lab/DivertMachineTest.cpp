@@ -111,6 +111,8 @@ TEST_F(DivertMachineTest, AFileThatWouldEndWithTheRunIsUnusable) {
     for (const char* option : {"--table", "--json", "--watch", "--record", "--root"})
         expectOneLine(run({option, "/run/divert.file"}),
                       "/run/divert.file: a live run has a /run of its own, which ends with it");
+    fs::current_path("/run");
+    EXPECT_EQ(run({"--table", "-"}).status, 0);
     fs::create_directory(folder_.file("run"));
     EXPECT_EQ(run({"--json", folder_.file("run/file")}).status, 0);
 }
