@@ -49,17 +49,30 @@ std::uint64_t resolve(const Bind& bind, const std::string& library) {
     return bind.weakImport ? 0 : missingImport(bind.symbol, library);
 }
 
-std::vector<Initialiser> initialisers(const Image& image) {
-    std::vector<Initialiser> found;
+// The program's own functions that run in front of main, by the addresses that the file gives them.
+std::vector<std::uint64_t> initialiserAddresses(const Image& image) {
+    std::vector<std::uint64_t> found;
     for (const Section* section : image.file().sectionsOfType(format::initialiserPointers)) {
-        const auto* pointer = image.at<const Initialiser>(section->address);
-        found.insert(found.end(), pointer, pointer + section->size / sizeof *pointer);
+        const std::uint64_t count = section->size / sizeof(std::uint64_t);
+        const auto* pointer = image.records<const std::uint64_t>(section->address, count);
+        for (std::uint64_t i = 0; i < count; ++i)
+            found.push_back(pointer[i] - image.here(0));
     }
     for (const Section* section : image.file().sectionsOfType(format::initialiserOffsets)) {
-        const auto* offset = image.at<const std::uint32_t>(section->address);
-        for (std::uint64_t i = 0; i < section->size / sizeof *offset; ++i)
-            found.push_back(
-                reinterpret_cast<Initialiser>(image.here(image.file().headerAddress() + offset[i])));
+        const std::uint64_t count = section->size / sizeof(std::uint32_t);
+        const auto* offset = image.records<const std::uint32_t>(section->address, count);
+        for (std::uint64_t i = 0; i < count; ++i)
+            found.push_back(image.file().headerAddress() + offset[i]);
+    }
+    return found;
+}
+
+std::vector<Initialiser> initialisers(const Image& image) {
+    std::vector<Initialiser> found;
+    for (const std::uint64_t address : initialiserAddresses(image)) {
+        if (!image.file().allows(address, 1, format::protectionExecute))
+            throw FormatError("an initialiser lies outside its code");
+        found.push_back(reinterpret_cast<Initialiser>(image.here(address)));
     }
     return found;
 }
@@ -91,6 +104,7 @@ void runProgram(const std::string& path, int argc, char** argv) {
     installUnwinding(image);
     objc::registerImage(image);
     foundation::readInformation(image);
+    const std::vector<Initialiser> first = initialisers(image);
 
     world::setProgramHeader(image.at<const void>(file.headerAddress()));
     prepareOutput();
@@ -103,7 +117,7 @@ void runProgram(const std::string& path, int argc, char** argv) {
     const char* name = argv[0];
     const ProgramVariables variables{image.at<const void>(file.headerAddress()), &argc, &argv, &environ,
                                      &name};
-    for (const Initialiser initialise : initialisers(image))
+    for (const Initialiser initialise : first)
         initialise(argc, argv, environ, apple, &variables);
     const auto start = reinterpret_cast<Main>(image.here(file.entry()));
     std::exit(start(argc, argv, environ, apple));

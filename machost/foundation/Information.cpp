@@ -24,7 +24,7 @@ bool isTrue(const std::string& list, const std::string& key) {
 void readInformation(const Image& image) {
     const Section* section = image.file().section("__TEXT", "__info_plist");
     if (!section) return;
-    const std::string list(image.at<const char>(section->address), section->size);
+    const std::string list(image.records<const char>(section->address, section->size), section->size);
     plainHttp = list.find("<key>NSAppTransportSecurity</key>") != std::string::npos &&
                 isTrue(list, "NSAllowsArbitraryLoads");
 }

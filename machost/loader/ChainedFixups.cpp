@@ -53,8 +53,10 @@ public:
             record.pointerFormat != format::pointerByOffset)
             throw FormatError("chained pointers are of an unknown form");
         targetBase_ = record.pointerFormat == format::pointerByOffset ? base_ : 0;
-        if (base_ + record.segmentOffset != segment.address || record.pageSize == 0)
+        const bool knownPages = record.pageSize == 0x1000 || record.pageSize == 0x4000;
+        if (base_ + record.segmentOffset != segment.address || !knownPages)
             throw FormatError("chained pointers do not fit their segment");
+        checkNumber(segments_, rebases_.size() + binds_.size());
         for (std::uint64_t page = 0; page < record.pageCount; ++page) {
             const auto start = starts.record<std::uint16_t>(sizeof record + page * 2);
             if (start != format::chainNone) walk(segment.address + page * record.pageSize + start);

@@ -78,6 +78,7 @@ private:
     // The checks of each pointer end a run of an absurd length.
     void rebase(std::uint64_t count, std::uint64_t skip) {
         if (skip + pointerSize == 0 && count > 1) throw FormatError("a run of rebases stays in its place");
+        checkNumber(segments_, rebases_.size());
         for (std::uint64_t i = 0; i < count; ++i) {
             const std::uint64_t target = pointerAt(segments_, place_.address());
             checkTarget(segments_, target);
@@ -154,6 +155,7 @@ private:
     void bind(std::uint64_t count, std::uint64_t skip) {
         if (bind_.symbol.empty()) throw FormatError("a bind has no symbol");
         if (skip + pointerSize == 0 && count > 1) throw FormatError("a run of binds stays in its place");
+        checkNumber(segments_, binds_.size());
         for (std::uint64_t i = 0; i < count; ++i) {
             bind_.address = place_.address();
             pointerAt(segments_, bind_.address);
@@ -194,10 +196,18 @@ std::uint64_t pointerAt(const std::vector<Segment>& segments, std::uint64_t addr
         const std::uint64_t offset = address - segment.address;
         if (segment.memorySize - offset < pointerSize || !(segment.protection & format::protectionWrite))
             break;
-        if (offset >= segment.content.size()) return 0;
+        if (offset > segment.content.size() || segment.content.size() - offset < pointerSize)
+            throw FormatError("a pointer lies where the file has no bytes");
         return segment.content.record<std::uint64_t>(offset);
     }
     throw FormatError("a pointer lies where nothing can be written");
+}
+
+void checkNumber(const std::vector<Segment>& segments, std::size_t fixups) {
+    std::uint64_t room = 0;
+    for (const Segment& segment : segments)
+        if (segment.protection & format::protectionWrite) room += segment.content.size();
+    if (fixups > room) throw FormatError("it has more fixups than room for them");
 }
 
 void checkTarget(const std::vector<Segment>& segments, std::uint64_t target) {

@@ -17,9 +17,12 @@ void readBindOperations(ByteView operations, const std::vector<Segment>& segment
 void readLazyBindOperations(ByteView operations, const std::vector<Segment>& segments,
                             std::vector<Bind>& binds);
 
-// The pointer that lies there in the file, or zero behind its bytes. Throws unless all of it lies in a segment
-// that can be written before the program runs.
+// The pointer that lies there in the file. Throws unless all of it lies in the bytes of a segment that can be written
+// before the program runs.
 std::uint64_t pointerAt(const std::vector<Segment>& segments, std::uint64_t address);
+
+// Throws for more fixups than there are bytes for them, which only operations that go round and round make.
+void checkNumber(const std::vector<Segment>& segments, std::size_t fixups);
 
 // Throws unless the address lies in, or right behind, a segment of the program.
 void checkTarget(const std::vector<Segment>& segments, std::uint64_t target);

@@ -30,6 +30,39 @@ Image::Image(const MachOFile& file, const Resolver& resolve) : file_(file) {
     protect();
 }
 
+const char* Image::text(const char* pointer) const {
+    for (const Segment& segment : file_.segments()) {
+        const auto address = reinterpret_cast<std::uint64_t>(pointer) - slide_;
+        if (address < segment.address || address - segment.address >= segment.memorySize) continue;
+        pointed(pointer);
+        const std::uint64_t left = segment.memorySize - (address - segment.address);
+        if (!std::memchr(pointer, 0, left)) throw FormatError("a text has no end");
+        return pointer;
+    }
+    throw FormatError("something of it lies in memory that is not for it");
+}
+
+ByteView Image::readable() const {
+    const std::uint64_t start = file_.headerAddress();
+    std::uint64_t end = start;
+    for (bool more = true; more;) {
+        more = false;
+        for (const Segment& segment : file_.segments()) {
+            if (segment.address != end || !(segment.protection & format::protectionRead)) continue;
+            end = pageEnd(segment.address + segment.memorySize);
+            more = end != segment.address;
+            if (more) break;
+        }
+    }
+    return {at<const std::uint8_t>(start), end - start};
+}
+
+void Image::require(std::uint64_t address, std::uint64_t size, std::uint64_t count,
+                    std::int32_t protection) const {
+    if (count > ~std::uint64_t{0} / size || !file_.allows(address, size * count, protection))
+        throw FormatError("something of it lies in memory that is not for it");
+}
+
 void Image::map() {
     std::uint64_t first = ~std::uint64_t{0}, end = 0;
     for (const Segment& segment : file_.segments()) {

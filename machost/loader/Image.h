@@ -31,7 +31,32 @@ public:
         return reinterpret_cast<Record*>(here(address));
     }
 
+    // Records of the image that other parts of the loader go by, from that address of the file's on. Throws FormatError
+    // unless all of them lie in one segment that may be used so.
+    template <class Record>
+    Record* records(std::uint64_t address, std::uint64_t count = 1,
+                    std::int32_t protection = format::protectionRead) const {
+        require(address, sizeof(Record), count, protection);
+        return at<Record>(address);
+    }
+
+    // The same from where a pointer of the image's own points.
+    template <class Record>
+    Record* pointed(Record* pointer, std::uint64_t count = 1,
+                    std::int32_t protection = format::protectionRead) const {
+        require(reinterpret_cast<std::uint64_t>(pointer) - slide_, sizeof(Record), count, protection);
+        return pointer;
+    }
+
+    // A text that a pointer points at; throws FormatError where it or its end lies outside.
+    const char* text(const char* pointer) const;
+
+    // The bytes from the header on up to where they cannot be read.
+    ByteView readable() const;
+
 private:
+    void require(std::uint64_t address, std::uint64_t size, std::uint64_t count,
+                 std::int32_t protection) const;
     void map();
     void fill() const;
     void fixUp(const Resolver& resolve) const;

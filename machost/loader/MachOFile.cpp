@@ -136,8 +136,17 @@ void MachOFile::findEntry() {
     if (text == segments_.end()) throw FormatError("it has no code");
     headerAddress_ = text->address;
     if (!entryOffset_) throw FormatError("it names no main function");
-    if (*entryOffset_ >= text->content.size()) throw FormatError("its main function lies outside its code");
+    if (*entryOffset_ >= text->content.size() || !(text->protection & format::protectionExecute))
+        throw FormatError("its main function lies outside its code");
     entry_ = text->address + *entryOffset_;
+}
+
+bool MachOFile::allows(std::uint64_t address, std::uint64_t size, std::int32_t protection) const {
+    return std::any_of(segments_.begin(), segments_.end(), [&](const Segment& segment) {
+        const std::int32_t lost = segment.readOnlyAfterFixups ? format::protectionWrite : 0;
+        return (segment.protection & ~lost & protection) == protection && address >= segment.address &&
+               size <= segment.memorySize && address - segment.address <= segment.memorySize - size;
+    });
 }
 
 std::vector<const Section*> MachOFile::sectionsOfType(std::uint8_t type) const {

@@ -66,6 +66,10 @@ public:
 
     bool positionIndependent() const { return positionIndependent_; }
 
+    // Whether that many bytes from the address on lie in one segment that the program may use in all these ways once
+    // it runs: bits of format::protection….
+    bool allows(std::uint64_t address, std::uint64_t size, std::int32_t protection) const;
+
     // Sections of that type, or the one of that name; null where there is none.
     std::vector<const Section*> sectionsOfType(std::uint8_t type) const;
     const Section* section(const std::string& segment, const std::string& name) const;

@@ -105,12 +105,13 @@ void installThreadVariables(const Image& image) {
     variables.size = end - first;
     for (const Section* section : regular)
         variables.contentSize = std::max(variables.contentSize, section->address + section->size - first);
-    variables.content = image.at<const char>(first);
+    variables.content = image.records<const char>(first, end - first);
     if (pthread_key_create(&variables.key, freeBlock) != 0)
         throw FormatError("there is no room for its thread variables");
     for (const Section* section : image.file().sectionsOfType(format::threadLocalVariables)) {
-        auto* descriptor = image.at<Descriptor>(section->address);
-        for (std::uint64_t i = 0; i < section->size / sizeof(Descriptor); ++i) {
+        const std::uint64_t count = section->size / sizeof(Descriptor);
+        auto* descriptor = image.records<Descriptor>(section->address, count, format::protectionWrite);
+        for (std::uint64_t i = 0; i < count; ++i) {
             if (descriptor[i].offset >= variables.size)
                 throw FormatError("a thread variable lies outside its block");
             descriptor[i].function = machostThreadVariable;

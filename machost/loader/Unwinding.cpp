@@ -113,6 +113,19 @@ private:
     std::map<std::uint64_t, std::size_t> commonEntries_;
 };
 
+// The lengths of the descriptions, and the distances to what those of functions have in common, stay in the section.
+void checkFrames(ByteView frames) {
+    for (std::uint64_t at = 0; at < frames.size();) {
+        constexpr std::uint64_t word = sizeof(std::uint32_t);
+        const std::uint64_t length = frames.size() - at < word ? ~0u : frames.record<std::uint32_t>(at);
+        if (length == 0) return;
+        const std::uint64_t left = frames.size() - at - word;
+        if (length < word || length > left || frames.record<std::uint32_t>(at + word) > at + word)
+            throw FormatError("its frame descriptions leave their section");
+        at += word + length;
+    }
+}
+
 } // namespace
 
 std::vector<std::uint8_t> frameDescriptions(ByteView compactTable, ByteView memory, std::uint64_t header) {
@@ -132,24 +145,23 @@ std::vector<std::uint8_t> frameDescriptions(ByteView compactTable, ByteView memo
 void installUnwinding(const Image& image) {
     const MachOFile& file = image.file();
     if (const Section* table = file.section("__TEXT", "__unwind_info")) {
-        std::uint64_t end = 0;
-        for (const Segment& segment : file.segments())
-            if (segment.protection & format::protectionRead) end = segment.address + segment.memorySize;
-        const std::uint64_t start = file.headerAddress();
-        const ByteView memory(image.at<const std::uint8_t>(start), end > start ? end - start : 0);
         // The unwinder keeps what it is given.
-        auto* descriptions =
-            new std::vector<std::uint8_t>(frameDescriptions(file.content(*table), memory, image.here(start)));
+        auto* descriptions = new std::vector<std::uint8_t>(
+            frameDescriptions(file.content(*table), image.readable(), image.here(file.headerAddress())));
         __register_frame(descriptions->data());
     }
     if (const Section* frames = file.section("__TEXT", "__eh_frame")) {
         // The descriptions end with a word of zero, which the file leaves to the room behind the section.
-        const auto* end = image.at<const std::uint32_t>(frames->address + frames->size);
+        const auto* bytes =
+            image.records<std::uint8_t>(frames->address, frames->size + sizeof(std::uint32_t));
+        const ByteView view(bytes, frames->size + sizeof(std::uint32_t));
         const Section* behind = nullptr;
         for (const Segment& segment : file.segments())
             for (const Section& section : segment.sections)
                 if (section.address == frames->address + frames->size) behind = &section;
-        if (behind || *end != 0) throw FormatError("its frame descriptions have no end");
+        if (behind || view.record<std::uint32_t>(frames->size) != 0)
+            throw FormatError("its frame descriptions have no end");
+        checkFrames(view.part(0, frames->size));
         if (frames->size) __register_frame(image.at<void>(frames->address));
     }
 }

@@ -90,12 +90,13 @@ const void* const exceptionTypeTable[] = {
 void readPersonalities(const Image& image) {
     const Section* section = image.file().section("__TEXT", "__unwind_info");
     if (!section || section->size < 20) return;
-    const auto* header = image.at<const std::uint32_t>(section->address);
+    const auto* header =
+        image.records<const std::uint32_t>(section->address, section->size / sizeof(std::uint32_t));
     const std::uint64_t offset = header[3], count = header[4];
     if (offset > section->size || count > (section->size - offset) / sizeof(std::uint32_t)) return;
     const auto* places = image.at<const std::uint32_t>(section->address + offset);
     for (std::uint64_t i = 0; i < count; ++i) {
-        const auto* pointer = image.at<const Personality>(image.file().headerAddress() + places[i]);
+        const auto* pointer = image.records<const Personality>(image.file().headerAddress() + places[i]);
         if (reinterpret_cast<const void*>(*pointer) != reinterpret_cast<const void*>(&personality))
             programPersonality = *pointer;
     }

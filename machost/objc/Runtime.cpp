@@ -3,9 +3,11 @@
 #include "machost/objc/Classes.h"
 #include "machost/objc/Exceptions.h"
 
+#include <algorithm>
 #include <cstring>
 #include <map>
 #include <stdexcept>
+#include <type_traits>
 
 namespace machost::objc {
 namespace {
@@ -38,8 +40,9 @@ constexpr std::uint32_t relativeMethods = 0x80000000, entrySizeMask = 0xfffc;
 // The program's classes, each with the one that stands in its place here, which has room for a name.
 using Twins = std::map<const void*, Class*>;
 
-const ClassData& dataOf(const ProgramClass& kind) {
-    return *reinterpret_cast<const ClassData*>(kind.data & ~std::uint64_t{7});
+const ClassData& dataOf(const Image& image, const ProgramClass* kind) {
+    const std::uint64_t data = image.pointed(kind)->data & ~std::uint64_t{7};
+    return *image.pointed(reinterpret_cast<const ClassData*>(data));
 }
 
 std::map<const Class*, std::size_t>& sizes() {
@@ -68,26 +71,50 @@ void destroyInstance(void* object) {
             reinterpret_cast<void (*)(ObjectRef, Selector)>(call)(object, selector);
 }
 
-void addMethods(const Class& twin, bool ofClass, const void* methods) {
+void addMethods(const Image& image, const Class& twin, bool ofClass, const void* methods) {
     if (!methods) return;
-    const auto* list = static_cast<const MethodList*>(methods);
+    const auto* list = image.pointed(static_cast<const MethodList*>(methods));
     if (list->entrySize & relativeMethods || (list->entrySize & entrySizeMask) != sizeof(ProgramMethod))
         throw std::runtime_error("a class has its methods in a form that is not played");
-    const auto* method = reinterpret_cast<const ProgramMethod*>(list + 1);
+    const auto* method = image.pointed(reinterpret_cast<const ProgramMethod*>(list + 1), list->count);
     for (std::uint32_t i = 0; i < list->count; ++i)
-        addMethod(twin, ofClass, selectorNamed(method[i].name), method[i].call);
+        addMethod(twin, ofClass, selectorNamed(image.text(method[i].name)),
+                  image.pointed(static_cast<const char*>(method[i].call), 1, format::protectionExecute));
 }
 
-Class* makeTwin(const ProgramClass& kind) {
+Class* makeTwin(const Image& image, const ProgramClass* kind) {
+    const ClassData& data = dataOf(image, kind);
+    if (data.instanceSize < sizeof(void*))
+        throw FormatError("a class has objects without room for their class");
     auto* twin = new Class;
     twin->isa = &classOfClasses;
-    twin->name = dataOf(kind).name;
+    twin->name = image.text(data.name);
     twin->destroy = destroyInstance;
-    sizes()[twin] = dataOf(kind).instanceSize;
+    sizes()[twin] = data.instanceSize;
     addProgramClass(*twin, allocateInstance);
-    addMethods(*twin, false, dataOf(kind).methods);
-    addMethods(*twin, true, dataOf(*kind.isa).methods);
+    addMethods(image, *twin, false, data.methods);
+    addMethods(image, *twin, true, dataOf(image, kind->isa).methods);
     return twin;
+}
+
+bool isBound(const Image& image, const void* const* pointer) {
+    const std::uint64_t address = reinterpret_cast<std::uint64_t>(pointer) - image.here(0);
+    const auto& binds = image.file().binds();
+    return std::any_of(binds.begin(), binds.end(), [&](const Bind& bind) { return bind.address == address; });
+}
+
+// A class is below another of the program's, below one that is bound, or below none.
+void checkAncestors(const Image& image, const Twins& twins) {
+    for (const auto& known : twins) {
+        const void* at = known.first;
+        for (std::size_t steps = 0; twins.count(at); ++steps) {
+            if (steps == twins.size()) throw FormatError("a class is its own ancestor");
+            const void* const& superclass = static_cast<const ProgramClass*>(at)->superclass;
+            if (superclass && !twins.count(superclass) && !isBound(image, &superclass))
+                throw FormatError("a class is below something that is no class");
+            at = superclass;
+        }
+    }
 }
 
 template <class Pointer>
@@ -103,13 +130,16 @@ template <class Pointer>
 Pointers<Pointer> pointersOf(const Image& image, const char* section) {
     for (const char* segment : {"__DATA", "__DATA_CONST"})
         if (const Section* found = image.file().section(segment, section))
-            return {image.at<Pointer>(found->address), found->size / sizeof(Pointer)};
+            return {image.records<Pointer>(found->address, found->size / sizeof(Pointer),
+                                           std::is_const_v<Pointer> ? format::protectionRead
+                                                                    : format::protectionWrite),
+                    found->size / sizeof(Pointer)};
     return {};
 }
 
 void refuseUnplayed(const Image& image) {
     for (const char* section : {"__objc_catlist", "__objc_superrefs", "__objc_stublist"})
-        if (pointersOf<const void*>(image, section).count > 0)
+        if (pointersOf<const void* const>(image, section).count > 0)
             throw std::runtime_error(std::string(section) + " of Objective-C is not played");
 }
 
@@ -119,10 +149,11 @@ void registerImage(const Image& image) {
     refuseUnplayed(image);
     readPersonalities(image);
     for (const char*& selector : pointersOf<const char*>(image, "__objc_selrefs"))
-        selector = selectorNamed(selector);
+        selector = selectorNamed(image.text(selector));
     Twins twins;
     for (const auto* kind : pointersOf<const ProgramClass* const>(image, "__objc_classlist"))
-        twins[kind] = makeTwin(*kind);
+        twins[kind] = makeTwin(image, kind);
+    checkAncestors(image, twins);
     for (const auto& [kind, twin] : twins) {
         const void* superclass = static_cast<const ProgramClass*>(kind)->superclass;
         const auto own = twins.find(superclass);

@@ -135,6 +135,46 @@ TEST(MachOFile, EndsARunOfAnAbsurdLength) {
               "a run of rebases stays in its place");
 }
 
+TEST(MachOFile, RefusesFixupsOfMemoryThatTheFileHasNoBytesFor) {
+    const std::string behind = "\x71\x80\x20"s; // offset 0x1000
+    EXPECT_EQ(faultOf(MachOBuilder()
+                          .library("/a")
+                          .dataMemory(0x2000)
+                          .binds("\x11\x40_name\0\x51"s + behind + "\x90")
+                          .bytes()),
+              "a pointer lies where the file has no bytes");
+}
+
+TEST(MachOFile, RefusesMoreFixupsThanItHasRoomFor) {
+    MachOBuilder pointers;
+    std::string rebases = "\x11", binds = "\x11\x40_name\0\x51"s;
+    for (std::uint64_t offset = 0; offset < 0x1000; offset += 8)
+        pointers.pointer(offset, data);
+    for (int i = 0; i < 10; ++i) {
+        rebases += at(0, 0x20) + "\x60\x80\x04"; // all 512 pointers
+        binds += at(0, 0x70) + "\xc0\x80\x04\0"s;
+    }
+    EXPECT_EQ(faultOf(pointers.rebases(rebases).bytes()), "it has more fixups than room for them");
+    EXPECT_EQ(faultOf(MachOBuilder().library("/a").binds(binds).bytes()),
+              "it has more fixups than room for them");
+}
+
+TEST(MachOFile, RefusesAMainFunctionThatCannotBeExecuted) {
+    EXPECT_EQ(faultOf(MachOBuilder().codeProtection(1).bytes()), "its main function lies outside its code");
+}
+
+TEST(MachOFile, TellsWhichMemoryMayBeUsedForWhat) {
+    const MachOFile file(MachOBuilder().dataMemory(0x2000).bytes());
+    constexpr int read = 1, write = 2, execute = 4;
+    EXPECT_TRUE(file.allows(MachOBuilder::textAddress, 0x1000, read | execute));
+    EXPECT_FALSE(file.allows(MachOBuilder::textAddress, 1, write));
+    EXPECT_FALSE(file.allows(MachOBuilder::textAddress, 0x1001, read)); // over two segments
+    EXPECT_TRUE(file.allows(data + 0x1fff, 1, read | write));
+    EXPECT_FALSE(file.allows(data + 0x1fff, 2, read));
+    EXPECT_FALSE(file.allows(data, ~std::uint64_t{0}, read));
+    EXPECT_FALSE(file.allows(MachOBuilder::textAddress - 1, 1, read));
+}
+
 TEST(MachOFile, RefusesABindWithoutASymbolOrLibrary) {
     EXPECT_EQ(faultOf(MachOBuilder().library("/a").binds("\x11\x51"s + at(0, 0x70) + "\x90"s).bytes()),
               "a bind has no symbol");
@@ -210,6 +250,13 @@ TEST(ChainedFixups, EndAtTheEndOfTheirSegment) {
               "a chained bind has no symbol");
     EXPECT_EQ(faultOf(MachOBuilder().library("/a").chainedFixups(chains(3)).bytes()),
               "chained pointers are of an unknown form");
+}
+
+TEST(ChainedFixups, OfPagesOfAnUnknownSizeAreRefused) {
+    std::string content = chains(2);
+    content.replace(28 + 16, 2, raw<std::uint16_t>(1));
+    EXPECT_EQ(faultOf(MachOBuilder().library("/a").pointer(0, data).chainedFixups(content).bytes()),
+              "chained pointers do not fit their segment");
 }
 
 TEST(ChainedFixups, OfAPageWithoutPointersAreNone) {

@@ -53,8 +53,8 @@ protected:
 
 private:
     [[noreturn]] void become(std::vector<std::string>& words) {
-        dup2(open(folder.file("out").c_str(), O_WRONLY | O_CREAT, 0600), STDOUT_FILENO);
-        dup2(open(folder.file("err").c_str(), O_WRONLY | O_CREAT, 0600), STDERR_FILENO);
+        dup2(open(folder.file("out").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), STDOUT_FILENO);
+        dup2(open(folder.file("err").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), STDERR_FILENO);
         std::vector<char*> pointers;
         for (std::string& word : words)
             pointers.push_back(word.data());
@@ -103,6 +103,118 @@ TEST_F(MachostRun, DoesNotMindAnImportThatIsNeverCalled) {
                                       .code("\xb8\x2a\0\0\0\xc3"s)
                                       .bytes());
     EXPECT_EQ(run.status, 42);
+}
+
+// Section types, and protection of memory.
+constexpr std::uint32_t regular = 0, initialisers = 9, initialiserOffsets = 0x16, threadRegular = 0x11,
+                        threadZeroFill = 0x12, threadVariables = 0x13;
+constexpr int codeSegment = MachOBuilder::textSegment, dataSegment = MachOBuilder::dataSegment;
+
+// Damaged programs are refused before anything of them runs, with what is wrong.
+class DamagedProgram : public MachostRun {
+protected:
+    std::string faultOf(const MachOBuilder& builder) {
+        const Outcome run = this->run(builder.bytes());
+        EXPECT_EQ(run.status, 2) << run.errors;
+        const std::string head = "machost: " + folder.file("program") + ": ";
+        return run.errors.compare(0, head.size(), head) == 0 ? run.errors.substr(head.size()) : run.errors;
+    }
+
+    // One class in the data segment: its record at 64, its data at 128, its methods at 256.
+    static MachOBuilder classWith(std::uint64_t dataAt, std::uint64_t methods, std::uint64_t name) {
+        constexpr std::uint64_t data = MachOBuilder::dataAddress;
+        MachOBuilder builder;
+        builder.section(dataSegment, "__objc_classlist", regular, 0, 8).pointer(0, data + 64);
+        builder.pointer(64, data + 64).pointer(64 + 32, dataAt);
+        builder.pointer(128 + 8, 8).pointer(128 + 24, name).pointer(128 + 32, methods);
+        return builder;
+    }
+};
+
+TEST_F(DamagedProgram, WithAnInitialiserOutsideItsCode) {
+    MachOBuilder pointer;
+    pointer.section(dataSegment, "__mod_init_func", initialisers, 0, 8).pointer(0, 0x42);
+    EXPECT_EQ(faultOf(pointer), "an initialiser lies outside its code\n");
+    MachOBuilder inData;
+    inData.section(dataSegment, "__mod_init_func", initialisers, 0, 8)
+        .pointer(0, MachOBuilder::dataAddress)
+        .rebases("\x11\x21\x00\x51"s);
+    EXPECT_EQ(faultOf(inData), "an initialiser lies outside its code\n");
+    MachOBuilder offset;
+    offset.section(dataSegment, "__init_offsets", initialiserOffsets, 0, 4).pointer(0, 0xffffffff);
+    EXPECT_EQ(faultOf(offset), "an initialiser lies outside its code\n");
+}
+
+TEST_F(DamagedProgram, WithThreadVariablesWhereNothingCanBeWrittenOrApart) {
+    MachOBuilder inCode;
+    inCode.section(codeSegment, "__thread_vars", threadVariables, 0x900, 24)
+        .section(dataSegment, "__thread_bss", threadZeroFill, 0, 8);
+    EXPECT_EQ(faultOf(inCode), "something of it lies in memory that is not for it\n");
+    MachOBuilder apart;
+    apart.section(codeSegment, "__thread_data", threadRegular, 0x900, 8)
+        .section(dataSegment, "__thread_bss", threadZeroFill, 0, 8);
+    EXPECT_EQ(faultOf(apart), "something of it lies in memory that is not for it\n");
+}
+
+TEST_F(DamagedProgram, WithFrameDescriptionsThatLeaveTheirSection) {
+    MachOBuilder toTheEnd;
+    toTheEnd.section(codeSegment, "__eh_frame", regular, 0xff0, 0x10).text(0xff0, raw<std::uint32_t>(12));
+    EXPECT_EQ(faultOf(toTheEnd), "something of it lies in memory that is not for it\n");
+    MachOBuilder tooLong;
+    tooLong.section(codeSegment, "__eh_frame", regular, 0x900, 16)
+        .text(0x900, raw<std::uint32_t>(0x7fffffff));
+    EXPECT_EQ(faultOf(tooLong), "its frame descriptions leave their section\n");
+    MachOBuilder noCommonPart;
+    noCommonPart.section(codeSegment, "__eh_frame", regular, 0x900, 16)
+        .text(0x900, raw<std::uint32_t>(12) + raw<std::uint32_t>(0x7fffffff));
+    EXPECT_EQ(faultOf(noCommonPart), "its frame descriptions leave their section\n");
+}
+
+TEST_F(DamagedProgram, WithAPersonalityOutsideItsMemory) {
+    const std::string table = raw<std::uint32_t>(1) + raw<std::uint32_t>(28) + raw<std::uint32_t>(0) +
+                              raw<std::uint32_t>(28) + raw<std::uint32_t>(1) + raw<std::uint32_t>(32) +
+                              raw<std::uint32_t>(0) + raw<std::uint32_t>(0x70000000);
+    EXPECT_EQ(faultOf(MachOBuilder()
+                          .section(codeSegment, "__unwind_info", regular, 0x900, table.size())
+                          .text(0x900, table)),
+              "something of it lies in memory that is not for it\n");
+}
+
+TEST_F(DamagedProgram, WithSelectorsThatAreNoTexts) {
+    MachOBuilder wild;
+    wild.section(dataSegment, "__objc_selrefs", regular, 0, 8).pointer(0, 0x4242424242424242);
+    EXPECT_EQ(faultOf(wild), "something of it lies in memory that is not for it\n");
+    MachOBuilder endless;
+    endless.section(dataSegment, "__objc_selrefs", regular, 0, 8)
+        .pointer(0, MachOBuilder::dataAddress + 0xfff)
+        .pointer(0xff8, ~0ull)
+        .rebases("\x11\x21\x00\x51"s);
+    EXPECT_EQ(faultOf(endless), "a text has no end\n");
+}
+
+TEST_F(DamagedProgram, WithClassesThatPointAnywhere) {
+    constexpr std::uint64_t data = MachOBuilder::dataAddress, wild = 0x424242424240;
+    const std::string rebases = "\x11\x21\x00\x51\x21\xc0\x00\x51"s; // the list's pointer, and the isa
+    const std::string fault = "something of it lies in memory that is not for it\n";
+    const auto placed = [&](MachOBuilder builder, const std::string& more) {
+        return builder.rebases(rebases + more);
+    };
+    const std::string dataPointer = "\x21\xe0\x00\x51"s, name = "\x21\x98\x01\x51"s,
+                      methods = "\x21\xa0\x01\x51"s;
+    EXPECT_EQ(faultOf(placed(classWith(wild, 0, data + 512), "")), fault);
+    EXPECT_EQ(faultOf(placed(classWith(data + 128, 0, wild), dataPointer)), fault);
+    EXPECT_EQ(faultOf(placed(classWith(data + 128, wild, data + 512), dataPointer + name)), fault);
+    MachOBuilder tooMany = classWith(data + 128, data + 256, data + 512).pointer(256, 24 | 0xffffffull << 32);
+    EXPECT_EQ(faultOf(placed(tooMany, dataPointer + name + methods)), fault);
+    MachOBuilder small = classWith(data + 128, 0, data + 512).pointer(128 + 8, 4);
+    EXPECT_EQ(faultOf(placed(small, dataPointer + name)),
+              "a class has objects without room for their class\n");
+    MachOBuilder wildAncestor = classWith(data + 128, 0, data + 512).pointer(64 + 8, wild);
+    EXPECT_EQ(faultOf(placed(wildAncestor, dataPointer + name)),
+              "a class is below something that is no class\n");
+    MachOBuilder ownAncestor = classWith(data + 128, 0, data + 512).pointer(64 + 8, data + 64);
+    EXPECT_EQ(faultOf(placed(ownAncestor, dataPointer + name + "\x21\xc8\x00\x51"s)),
+              "a class is its own ancestor\n");
 }
 
 TEST_F(MachostRun, RefusesAFileThatIsNoMachO) {

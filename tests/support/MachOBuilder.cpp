@@ -13,13 +13,6 @@ std::string name(const std::string& text) {
     return field;
 }
 
-std::string segment(const std::string& called, std::uint64_t address, std::uint64_t offset,
-                    std::uint64_t size, int protection) {
-    return raw<std::uint32_t>(0x19) + raw<std::uint32_t>(72) + name(called) + raw(address) +
-           raw<std::uint64_t>(pageSize) + raw(offset) + raw(size) + raw(protection) + raw(protection) +
-           raw<std::uint32_t>(0) + raw<std::uint32_t>(0);
-}
-
 std::string filledUp(std::string command) {
     command.resize((command.size() + 7) / 8 * 8, '\0');
     return command;
@@ -37,6 +30,30 @@ MachOBuilder& MachOBuilder::pointer(std::uint64_t offset, std::uint64_t value) {
     return *this;
 }
 
+MachOBuilder& MachOBuilder::section(int segment, const std::string& called, std::uint32_t type,
+                                    std::uint64_t offset, std::uint64_t size) {
+    const std::uint64_t start = segment == textSegment ? textAddress : dataAddress;
+    const auto inFile = static_cast<std::uint32_t>(start - textAddress + offset);
+    sections_[segment] += name(called) + name(segment == textSegment ? "__TEXT" : "__DATA") +
+                          raw(start + offset) + raw(size) + raw(inFile) + std::string(12, '\0') + raw(type) +
+                          std::string(12, '\0');
+    return *this;
+}
+
+MachOBuilder& MachOBuilder::text(std::uint64_t offset, const std::string& bytes) {
+    parts_.push_back({offset, bytes});
+    return *this;
+}
+
+// With the sections behind it, which have 80 bytes each.
+std::string MachOBuilder::segment(int number, const std::string& called, std::uint64_t address,
+                                  std::uint64_t offset, std::uint64_t memory, int protection) const {
+    const auto size = static_cast<std::uint32_t>(sections_[number].size());
+    return raw<std::uint32_t>(0x19) + raw<std::uint32_t>(72 + size) + name(called) + raw(address) +
+           raw(memory) + raw(offset) + raw<std::uint64_t>(pageSize) + raw(protection) + raw(protection) +
+           raw<std::uint32_t>(size / 80) + raw<std::uint32_t>(0) + sections_[number];
+}
+
 MachOBuilder& MachOBuilder::unknownCommand(bool required) {
     more_ += raw<std::uint32_t>(0x7f | (required ? 0x80000000 : 0)) + raw<std::uint32_t>(8);
     ++moreCount_;
@@ -50,8 +67,8 @@ std::vector<std::uint8_t> MachOBuilder::bytes() const {
         tables += table;
         return raw(offset) + raw(static_cast<std::uint32_t>(table.size()));
     };
-    std::string commands = segment("__TEXT", textAddress, 0, pageSize, 5) +
-                           segment("__DATA", dataAddress, pageSize, pageSize, 3) +
+    std::string commands = segment(textSegment, "__TEXT", textAddress, 0, pageSize, codeProtection_) +
+                           segment(dataSegment, "__DATA", dataAddress, pageSize, dataMemory_, 3) +
                            raw<std::uint32_t>(0x80000028) + raw<std::uint32_t>(24) + raw(codeOffset) +
                            raw<std::uint64_t>(0);
     std::uint32_t count = 4;
@@ -77,6 +94,8 @@ std::vector<std::uint8_t> MachOBuilder::bytes() const {
     file.resize(codeOffset, '\0');
     file += code_;
     file.resize(pageSize, '\0');
+    for (const Part& part : parts_)
+        file.replace(part.offset, part.bytes.size(), part.bytes);
     file += data_ + tables;
     return {file.begin(), file.end()};
 }

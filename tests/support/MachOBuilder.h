@@ -29,12 +29,39 @@ public:
     // A pointer in the data segment, as the file has it.
     MachOBuilder& pointer(std::uint64_t offset, std::uint64_t value);
 
+    // A section of one of the two segments, which begins at the offset into it.
+    MachOBuilder& section(int segment, const std::string& name, std::uint32_t type, std::uint64_t offset,
+                          std::uint64_t size);
+
+    // What the code segment may be used for at first, in place of reading and executing.
+    MachOBuilder& codeProtection(int protection) {
+        codeProtection_ = protection;
+        return *this;
+    }
+
+    // How much memory the data segment takes, of which the file fills a page.
+    MachOBuilder& dataMemory(std::uint64_t size) {
+        dataMemory_ = size;
+        return *this;
+    }
+
+    // Bytes of the code segment behind its header, anywhere that `code` leaves free.
+    MachOBuilder& text(std::uint64_t offset, const std::string& bytes);
+
     // A load command that no loader knows, which it must or need not.
     MachOBuilder& unknownCommand(bool required);
 
     std::vector<std::uint8_t> bytes() const;
 
 private:
+    struct Part {
+        std::uint64_t offset;
+        std::string bytes;
+    };
+
+    std::string segment(int number, const std::string& called, std::uint64_t address, std::uint64_t offset,
+                        std::uint64_t memory, int protection) const;
+
     MachOBuilder& add(std::string& to, const std::string& bytes) {
         to += bytes;
         return *this;
@@ -43,6 +70,10 @@ private:
     std::string rebases_, binds_, lazyBinds_, chained_, code_;
     std::string data_ = std::string(0x1000, '\0');
     std::vector<std::string> libraries_;
+    std::vector<Part> parts_;
+    std::string sections_[2];
+    int codeProtection_ = 5;
+    std::uint64_t dataMemory_ = 0x1000;
     std::string more_;
     int moreCount_ = 0;
 };
