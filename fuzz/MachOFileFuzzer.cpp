@@ -23,18 +23,28 @@ void require(bool kept) {
     if (!kept) std::abort();
 }
 
-void lookAt(const MachOFile& file) {
+// The bytes that the file has of a section, which may be none.
+std::uint64_t bytesOf(const MachOFile& file, const machost::Section& section) {
+    try {
+        return file.content(section).size();
+    } catch (const machost::FormatError&) {
+        return 0;
+    }
+}
+
+void lookAt(const MachOFile& file, std::size_t size) {
     for (const machost::Rebase& rebase : file.rebases())
         require(isInside(file, rebase.address, 8));
     for (const machost::Bind& bind : file.binds()) {
         require(isInside(file, bind.address, 8) && !bind.symbol.empty());
         require(bind.ordinal <= static_cast<int>(file.libraries().size()));
     }
+    require(file.rebases().size() <= 2 * size && file.binds().size() <= 2 * size);
     for (const machost::Segment& segment : file.segments()) {
         require(segment.content.size() <= segment.memorySize);
         for (const machost::Section& section : segment.sections) {
             require(section.size == 0 || isInside(file, section.address, section.size));
-            require(file.content(section).size() <= section.size);
+            require(bytesOf(file, section) <= section.size);
         }
     }
     require(isInside(file, file.entry(), 1) && isInside(file, file.headerAddress(), 1));
@@ -44,7 +54,7 @@ void lookAt(const MachOFile& file) {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     try {
-        lookAt(MachOFile({data, data + size}));
+        lookAt(MachOFile({data, data + size}), size);
     } catch (const machost::FormatError&) {
     }
     return 0;

@@ -56,9 +56,9 @@ public:
         const bool knownPages = record.pageSize == 0x1000 || record.pageSize == 0x4000;
         if (base_ + record.segmentOffset != segment.address || !knownPages)
             throw FormatError("chained pointers do not fit their segment");
-        checkNumber(segments_, rebases_.size() + binds_.size());
         for (std::uint64_t page = 0; page < record.pageCount; ++page) {
             const auto start = starts.record<std::uint16_t>(sizeof record + page * 2);
+            checkNumber(segments_, rebases_.size() + binds_.size());
             if (start != format::chainNone) walk(segment.address + page * record.pageSize + start);
         }
     }
@@ -86,7 +86,8 @@ private:
 
     void bind(std::uint64_t address, std::uint64_t pointer) {
         const std::uint64_t import = bits(pointer, 0, 24);
-        if (import >= imports_.size()) throw FormatError("a chained bind has no symbol");
+        if (import >= imports_.size() || imports_[import].symbol.empty())
+            throw FormatError("a chained bind has no symbol");
         Bind bind = imports_[import];
         bind.address = address;
         bind.addend += static_cast<std::int64_t>(bits(pointer, 24, 8));

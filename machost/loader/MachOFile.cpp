@@ -20,6 +20,10 @@ bool within(const Segment& segment, const Section& section) {
            section.size <= end - section.address;
 }
 
+bool shareBytes(const ByteView& one, const ByteView& other) {
+    return one.data() < other.data() + other.size() && other.data() < one.data() + one.size();
+}
+
 } // namespace
 
 MachOFile::MachOFile(std::vector<std::uint8_t> bytes) : bytes_(std::move(bytes)) {
@@ -107,6 +111,8 @@ void MachOFile::readSegment(const ByteView& bytes) {
         if (segment.address < other.address + other.memorySize &&
             other.address < segment.address + segment.memorySize)
             throw FormatError("segments " + other.name + " and " + segment.name + " overlap");
+        if (shareBytes(segment.content, other.content))
+            throw FormatError("segments " + other.name + " and " + segment.name + " share bytes");
     }
 
     std::uint64_t offset = sizeof command;

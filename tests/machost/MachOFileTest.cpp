@@ -159,6 +159,14 @@ TEST(MachOFile, RefusesMoreFixupsThanItHasRoomFor) {
               "it has more fixups than room for them");
 }
 
+TEST(MachOFile, RefusesSegmentsThatShareBytes) {
+    auto bytes = MachOBuilder().bytes();
+    constexpr std::size_t dataOffsetAt = 32 + 72 + 40;
+    ASSERT_EQ(bytes[dataOffsetAt + 1], 0x10);
+    bytes[dataOffsetAt + 1] = 0x0f;
+    EXPECT_EQ(faultOf(bytes), "segments __TEXT and __DATA share bytes");
+}
+
 TEST(MachOFile, RefusesAMainFunctionThatCannotBeExecuted) {
     EXPECT_EQ(faultOf(MachOBuilder().codeProtection(1).bytes()), "its main function lies outside its code");
 }
@@ -250,6 +258,13 @@ TEST(ChainedFixups, EndAtTheEndOfTheirSegment) {
               "a chained bind has no symbol");
     EXPECT_EQ(faultOf(MachOBuilder().library("/a").chainedFixups(chains(3)).bytes()),
               "chained pointers are of an unknown form");
+}
+
+TEST(ChainedFixups, ToANamelessSymbolAreRefused) {
+    std::string content = chains(2);
+    content[content.size() - 6] = '\0';
+    EXPECT_EQ(faultOf(MachOBuilder().library("/a").pointer(0, 1ull << 63).chainedFixups(content).bytes()),
+              "a chained bind has no symbol");
 }
 
 TEST(ChainedFixups, OfPagesOfAnUnknownSizeAreRefused) {
