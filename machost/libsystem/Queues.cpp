@@ -37,7 +37,15 @@ static_assert(sizeof(Event) == 32 && offsetof(Event, data) == 16 && offsetof(Eve
 constexpr std::int16_t filterRead = -1, filterWrite = -2;
 constexpr std::uint16_t add = 0x1, remove = 0x2, enable = 0x4, disable = 0x8, oneShot = 0x10, clear = 0x20,
                         receipt = 0x40, dispatch = 0x80, error = 0x4000, endOfFile = 0x8000;
-constexpr std::uint16_t kept = clear | oneShot | dispatch | receipt;
+constexpr std::uint16_t systemFlags = 0xf000;
+
+// A change's flags as they hold: the system's own are not given, and removing and disabling overrule.
+std::uint16_t effective(std::uint16_t flags) {
+    flags &= static_cast<std::uint16_t>(~systemFlags);
+    if (flags & remove) flags &= static_cast<std::uint16_t>(~add);
+    if (flags & disable) flags &= static_cast<std::uint16_t>(~enable);
+    return flags;
+}
 
 // One watched descriptor under one filter. xnu's name for it is knote.
 struct Watch {
@@ -69,7 +77,7 @@ public:
 
     int number() const { return outer_; }
 
-    // 0, or an error number of this system's.
+    // 0, or an error number of this system's. The change's flags are those that hold.
     int change(const Event& change) {
         if (change.filter != filterRead && change.filter != filterWrite) return EINVAL;
         const std::lock_guard<std::mutex> guard(lock_);
@@ -83,8 +91,8 @@ public:
             return 0;
         }
         Watch& watch = watches_[key];
-        if (found == watches_.end()) watch.flags = change.flags & kept;
-        if (change.flags & add) watch.user = change.user;
+        if (found == watches_.end()) watch.flags = change.flags;
+        watch.user = change.user;
         if (change.flags & disable) watch.enabled = false;
         if (change.flags & enable) watch.enabled = true;
         const int result = arm(key, watch);
@@ -189,7 +197,7 @@ private:
         Event event{};
         event.ident = static_cast<std::uint64_t>(key.first);
         event.filter = key.second;
-        event.flags = static_cast<std::uint16_t>(watch.flags | add);
+        event.flags = watch.flags;
         event.user = watch.user;
         const bool ended = key.second == filterRead ? host & (EPOLLRDHUP | EPOLLHUP | EPOLLERR)
                                                     : host & (EPOLLHUP | EPOLLERR);
@@ -275,34 +283,50 @@ int awaitEvents(Queue& queue, Event* events, int room, std::int64_t deadline) {
     }
 }
 
+bool isLimit(const mac::Time& limit) {
+    constexpr std::int64_t mostSeconds = 100000000;
+    const std::int64_t microseconds = limit.nanoseconds / 1000;
+    return limit.seconds >= 0 && limit.seconds <= mostSeconds && microseconds >= 0 && microseconds < 1000000;
+}
+
+// Makes the changes, and tells of those that failed or ask for it where there is room. How many were told of; -1 with
+// errno set for a failure that there was no room for, behind which no change is made.
+int makeChanges(Queue& queue, const Event* changes, int changeCount, Event* events, int room) {
+    int told = 0;
+    for (int i = 0; i < changeCount; ++i) {
+        Event change = changes[i];
+        change.flags = effective(change.flags);
+        const int problem = queue.change(change);
+        if (problem == 0 && !(change.flags & receipt)) continue;
+        if (told < room) {
+            change.flags |= error;
+            change.data = problem ? macError(problem) : 0;
+            events[told++] = change;
+        } else if (problem != 0) {
+            errno = problem;
+            return -1;
+        }
+    }
+    return told;
+}
+
 int playedKevent(int descriptor, const Event* changes, int changeCount, Event* events, int room,
                  const mac::Time* limit) {
     const ErrorScope scope;
+    if (limit && !isLimit(*limit)) {
+        errno = EINVAL;
+        return -1;
+    }
     const std::shared_ptr<Queue> queue = findQueue(descriptor);
     if (!queue) {
         errno = EBADF;
         return -1;
     }
-    int told = 0;
-    for (int i = 0; i < changeCount; ++i) {
-        const int problem = queue->change(changes[i]);
-        if (problem == 0 && !(changes[i].flags & receipt)) continue;
-        if (told == room) {
-            errno = problem;
-            return problem ? -1 : told;
-        }
-        events[told] = changes[i];
-        events[told].flags = error;
-        events[told].data = problem ? macError(problem) : 0;
-        ++told;
-    }
+    const int told = makeChanges(*queue, changes, changeCount, events, room);
+    if (told < 0) return -1;
     if (told > 0 || room <= 0) {
         errno = 0;
         return told;
-    }
-    if (limit && (limit->seconds < 0 || limit->nanoseconds < 0 || limit->nanoseconds >= 1000000000)) {
-        errno = EINVAL;
-        return -1;
     }
     const std::int64_t deadline =
         limit ? world::monotonic() + world::eventLimit(limit->seconds * 1000000 + limit->nanoseconds / 1000)

@@ -26,8 +26,8 @@ struct Limit {
     std::int64_t seconds, nanoseconds;
 };
 constexpr std::int16_t readFilter = -1, writeFilter = -2;
-constexpr std::uint16_t add = 1, remove = 2, enable = 4, clear = 0x20, dispatch = 0x80, error = 0x4000,
-                        ended = 0x8000;
+constexpr std::uint16_t add = 1, remove = 2, enable = 4, disable = 8, clear = 0x20, dispatch = 0x80,
+                        error = 0x4000, ended = 0x8000;
 
 template <class Function>
 Function* played(const char* symbol) {
@@ -115,7 +115,7 @@ TEST_F(KernelQueue, TellsTheEndWithTheBytesThatAreLeft) {
 
 TEST_F(KernelQueue, TellsAChangeThatCannotBeAsAnEvent) {
     EXPECT_EQ(change(1000, readFilter, add), 1);
-    EXPECT_EQ(found.flags, error);
+    EXPECT_EQ(found.flags, add | error);
     EXPECT_EQ(found.data, 9); // EBADF
     EXPECT_EQ(change(ends[0], readFilter, remove), 1);
     EXPECT_EQ(found.data, 2); // ENOENT
@@ -128,6 +128,49 @@ TEST_F(KernelQueue, ForgetsADescriptorThatIsClosed) {
     played<int(int)>("_close")(ends[0]);
     EXPECT_EQ(look(), 0);
     ends[0] = copy;
+}
+
+TEST_F(KernelQueue, DisablesWhatIsToBeEnabledAtOnceAndRemovesWhatIsToBeAdded) {
+    send("four");
+    EXPECT_EQ(change(ends[0], readFilter, add | enable | disable), 0);
+    EXPECT_EQ(change(ends[0], readFilter, enable), 1);
+    EXPECT_EQ(change(ends[0], readFilter, add | remove), 0);
+    EXPECT_EQ(look(), 0);
+    EXPECT_EQ(change(ends[0], readFilter, add | remove), 1);
+    EXPECT_EQ(found.data, 2); // ENOENT
+}
+
+TEST_F(KernelQueue, TellsEventsAndErrorsWithTheFlagsThatWereGiven) {
+    send("four");
+    EXPECT_EQ(change(ends[0], readFilter, add | enable), 1);
+    EXPECT_EQ(found.flags, add | enable);
+    EXPECT_EQ(change(-1, readFilter, add | clear), 1);
+    EXPECT_EQ(found.flags, add | clear | error);
+}
+
+TEST_F(KernelQueue, TakesTheUsersPointerOfEveryChange) {
+    send("four");
+    int one = 0, other = 0;
+    const auto ident = static_cast<std::uint64_t>(ends[0]);
+    const Event first{ident, readFilter, add, 0, 0, &one}, second{ident, readFilter, enable, 0, 0, &other};
+    EXPECT_EQ(wait(&first, 1), 1);
+    EXPECT_EQ(found.user, &one);
+    EXPECT_EQ(wait(&second, 1), 1);
+    EXPECT_EQ(found.user, &other);
+}
+
+TEST_F(KernelQueue, LooksAtTheLimitInFrontOfTheChanges) {
+    send("four");
+    const Event wanted{static_cast<std::uint64_t>(ends[0]), readFilter, add, 0, 0, nullptr};
+    const auto kevent = played<int(int, const Event*, int, Event*, int, const Limit*)>("_kevent");
+    for (const Limit& limit : {Limit{-1, 0}, Limit{100000001, 0}, Limit{0, 1000000000}}) {
+        EXPECT_EQ(kevent(queue, &wanted, 1, &found, 1, &limit), -1);
+        EXPECT_EQ(programError(), 22);
+    }
+    EXPECT_EQ(look(), 0);
+    const Limit negative{-1, 0};
+    EXPECT_EQ(kevent(ends[0], nullptr, 0, &found, 1, &negative), -1);
+    EXPECT_EQ(programError(), 22); // before it is seen that this is no queue
 }
 
 TEST_F(KernelQueue, RefusesWhatIsNoQueueAndANegativeLimit) {
