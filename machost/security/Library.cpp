@@ -43,9 +43,7 @@ public:
     Status handshake() {
         if (state_ == State::closedGracefully) return closedGraceful;
         if (state_ == State::closedByError) return closedAbort;
-        while (state_ != State::ready) {
-            if (const Status status = proceed()) return status;
-        }
+        if (const Status status = finishHandshake()) return status;
         return records_.serviceQueue();
     }
 
@@ -54,6 +52,9 @@ public:
         if (state_ == State::closedGracefully) return closedGraceful;
         if (state_ == State::closedByError) return closedAbort;
         if (state_ == State::fresh) return badRequest;
+        if (const Status status = finishHandshake()) return noteEnd(status);
+        // What is left from before may fail without an end to the session.
+        if (const Status status = records_.serviceQueue()) return status;
         return noteEnd(writeOpen(bytes, length, done));
     }
 
@@ -61,9 +62,11 @@ public:
         done = 0;
         if (state_ == State::closedGracefully) return closedGraceful;
         if (state_ == State::closedByError) return closedAbort;
-        return noteEnd(readOpen(bytes, length, done));
+        const Status status = readOpen(bytes, length, done);
+        return status == closedNoNotify ? status : noteEnd(status);
     }
 
+    // A stream that has gone is no failure then.
     Status close() {
         Status status = noError;
         if (state_ == State::ready || state_ == State::pending) {
@@ -72,7 +75,7 @@ public:
             status = records_.serviceQueue();
         }
         state_ = State::closedGracefully;
-        return status;
+        return status == ioError ? noError : status;
     }
 
 private:
@@ -91,12 +94,15 @@ private:
         return SSL_get_verify_result(session_) != X509_V_OK ? chainInvalid : protocolError;
     }
 
-    // All is taken once there is no queue from before, even where only a part of it goes out at once.
-    Status writeOpen(const void* bytes, std::size_t length, std::size_t& done) {
+    Status finishHandshake() {
         while (state_ != State::ready) {
             if (const Status status = proceed()) return status;
         }
-        if (const Status status = records_.serviceQueue()) return status;
+        return noError;
+    }
+
+    // All is taken, even where only a part of it goes out at once.
+    Status writeOpen(const void* bytes, std::size_t length, std::size_t& done) {
         const auto* from = static_cast<const char*>(bytes);
         while (done < length) {
             ERR_clear_error();
@@ -110,9 +116,7 @@ private:
 
     // At most one record's content comes with a call.
     Status readOpen(void* bytes, std::size_t length, std::size_t& done) {
-        while (state_ != State::ready) {
-            if (const Status status = proceed()) return status;
-        }
+        if (const Status status = finishHandshake()) return status;
         const Status queued = records_.serviceQueue();
         if (queued != noError && queued != wouldBlock) return queued;
         while (length > 0) {
@@ -128,7 +132,7 @@ private:
                     if (const Status status = records_.readRecord()) return status;
                     break;
                 case SSL_ERROR_ZERO_RETURN:
-                    state_ = State::closedGracefully;
+                    close(); // says the same to the peer
                     return closedGraceful;
                 default:
                     return protocolError;

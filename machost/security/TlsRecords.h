@@ -18,8 +18,9 @@ using MoveFunction = Status (*)(const void* connection, void* bytes, std::size_t
 
 // <Security/SecureTransport.h> and MacErrors.h
 constexpr Status noError = 0, wouldBlock = -9803, closedGraceful = -9805, closedAbort = -9806,
-                 chainInvalid = -9807, protocolError = -9800, internalError = -9810, recordOverflow = -9847,
-                 illegalParameter = -9830, badRequest = -909, parameterError = -50;
+                 closedNoNotify = -9816, ioError = -36, chainInvalid = -9807, protocolError = -9800,
+                 internalError = -9810, recordOverflow = -9847, illegalParameter = -9830, badRequest = -909,
+                 parameterError = -50;
 
 class TlsRecords {
 public:
