@@ -44,7 +44,8 @@ void answerHost(int connection, const Words& question) {
 // Entries go as pairs of hexadecimal digits.
 void answerInterfaces(int connection, const Words&) {
     platform::InterfaceEntries& service = platform::interfaceEntries();
-    std::string entries(longestMessage / 4, '\0');
+    constexpr std::size_t mostBytes = 16 * 1024;
+    std::string entries(mostBytes, '\0');
     int length = static_cast<int>(entries.size());
     const int socket = service.open();
     const bool listed = service.list(socket, entries.data(), length);

@@ -5,7 +5,8 @@
 namespace lab {
 
 Words readWords(int connection) {
-    std::string message(longestMessage, '\0');
+    const ssize_t length = recv(connection, nullptr, 0, MSG_PEEK | MSG_TRUNC);
+    std::string message(length > 0 ? static_cast<std::size_t>(length) : 0, '\0');
     const ssize_t count = recv(connection, message.data(), message.size(), 0);
     message.resize(count > 0 ? static_cast<std::size_t>(count) : 0);
     Words words;

@@ -2,15 +2,12 @@
 
 // The messages between a program under machost and whoever plays its world: words, each with a zero byte behind it.
 
-#include <cstddef>
 #include <string>
 #include <vector>
 
 namespace lab {
 
 using Words = std::vector<std::string>;
-
-constexpr std::size_t longestMessage = 64 * 1024;
 
 // The next message of the connection; no words when it has ended.
 Words readWords(int connection);

@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
 #include <cstdlib>
 #include <cstring>
 
@@ -145,10 +146,11 @@ std::optional<std::string> seatUser() {
 std::unique_ptr<Watch> playedWatch(const char* topic, const std::string& name, bool& real, int& error) {
     Line line({topic, name});
     const auto answer = line.next();
-    real = !answer || answer->empty() || answer->front() == "real";
+    const Answer::Kind kind = Answer::kindOf(answer);
+    real = kind == Answer::real;
     if (real) return nullptr;
-    if (answer->front() == "yes") return std::make_unique<PlayedWatch>(std::move(line));
-    error = answer->size() > 1 ? std::stoi((*answer)[1]) : 0;
+    if (kind == Answer::yes) return std::make_unique<PlayedWatch>(std::move(line));
+    error = answer->size() > 1 ? static_cast<int>(numberIn((*answer)[1], 0, INT_MAX)) : 0;
     return nullptr;
 }
 

@@ -3,6 +3,7 @@
 #include "machost/world/World.h"
 
 #include <sys/mman.h>
+#include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -32,6 +33,9 @@ const std::atomic<std::int64_t>* mapTime() {
     int memory = -1;
     const auto answer = line.next(memory);
     if (memory < 0) return nullptr;
+    struct stat found {};
+    if (fstat(memory, &found) != 0 || found.st_size < static_cast<off_t>(sizeof(std::atomic<std::int64_t>)))
+        endOverNonsense("a clock's memory without room for the time");
     void* mapped = mmap(nullptr, sizeof(std::atomic<std::int64_t>), PROT_READ, MAP_SHARED, memory, 0);
     close(memory);
     return mapped == MAP_FAILED ? nullptr : static_cast<const std::atomic<std::int64_t>*>(mapped);
@@ -45,22 +49,26 @@ const std::atomic<std::int64_t>* sharedTime() {
 // Whether the world has said that it plays no clock, which it does not take back.
 std::atomic<bool> isReal{false};
 
-// The played answer's number; nothing where the clock is this machine's.
-std::optional<std::int64_t> askClock(const Words& question) {
+// The played answer's words; nothing where the clock is this machine's.
+std::optional<Words> askClock(const Words& question) {
     if (isReal) return std::nullopt;
-    const Answer answer = ask(question);
-    if (answer.kind != Answer::yes) {
-        isReal = true;
-        return std::nullopt;
-    }
-    return answer.words.empty() ? 0 : std::stoll(answer.words[0]);
+    Answer answer = ask(question);
+    if (answer.kind == Answer::yes) return std::move(answer.words);
+    isReal = true;
+    return std::nullopt;
+}
+
+std::optional<std::int64_t> askTime(const Words& question) {
+    const std::optional<Words> words = askClock(question);
+    if (!words) return std::nullopt;
+    return numberIn(words->empty() ? "" : words->front());
 }
 
 } // namespace
 
 std::int64_t now() {
     if (const auto* time = sharedTime()) return *time;
-    const auto played = askClock({"now"});
+    const auto played = askTime({"now"});
     return played ? *played : read(CLOCK_REALTIME);
 }
 
@@ -71,7 +79,7 @@ void sleep(std::int64_t microseconds) {
 // Worlds play whole seconds alone, as the program asks for them.
 std::int64_t eventLimit(std::int64_t microseconds) {
     if (microseconds < 1000000) return microseconds;
-    return askClock({"event-limit", std::to_string(microseconds / 1000000)}).value_or(microseconds);
+    return askTime({"event-limit", std::to_string(microseconds / 1000000)}).value_or(microseconds);
 }
 
 std::int64_t monotonic() { return read(CLOCK_MONOTONIC); }

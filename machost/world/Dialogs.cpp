@@ -17,8 +17,8 @@ public:
 
     unsigned long awaitAnswer() override {
         const auto answer = line_.next();
-        return answer && answer->size() > 1 && answer->front() == "yes" ? std::stoul((*answer)[1])
-                                                                        : cancelled;
+        if (Answer::kindOf(answer) != Answer::yes) return cancelled;
+        return static_cast<unsigned long>(numberIn(answer->size() > 1 ? (*answer)[1] : "", 0));
     }
 
     void cancel() override { line_.hangUp(); }
@@ -60,11 +60,12 @@ std::unique_ptr<Dialog> showDialog(double seconds, unsigned long flags,
         question.insert(question.end(), {key, text});
     Line line(question);
     const auto answer = line.next();
-    if (!answer || answer->empty() || answer->front() == "real") {
+    const Answer::Kind kind = Answer::kindOf(answer);
+    if (kind == Answer::real) {
         auto dialog = showOnDesktop(seconds, texts);
         return dialog ? std::move(dialog) : std::make_unique<UnseenDialog>(seconds);
     }
-    if (answer->front() != "yes") return nullptr;
+    if (kind != Answer::yes) return nullptr;
     return std::make_unique<PlayedDialog>(std::move(line));
 }
 

@@ -12,8 +12,8 @@ using Conversation = std::shared_ptr<Line>;
 // The answer's words behind "yes"; false with the problem behind "no".
 bool told(Line& line, const Words& question, Words& answer, std::string& problem) {
     line.tell(question);
-    auto words = line.next();
-    if (!words || words->empty() || words->front() != "yes") {
+    const auto words = line.next();
+    if (Answer::kindOf(words) != Answer::yes) {
         problem = words && words->size() > 1 ? (*words)[1] : "the directory has gone";
         return false;
     }
@@ -38,7 +38,8 @@ public:
         if (!told(*line_, question, answer, problem)) return false;
         for (std::size_t i = 0; i + 1 < answer.size();) {
             const std::string& name = answer[i];
-            const std::size_t end = i + 2 + std::stoul(answer[i + 1]);
+            const auto count = numberIn(answer[i + 1], 0, static_cast<std::int64_t>(answer.size()));
+            const std::size_t end = i + 2 + static_cast<std::size_t>(count);
             for (i += 2; i < end && i < answer.size(); ++i)
                 details[name].push_back(answer[i]);
         }
@@ -93,9 +94,10 @@ private:
 DirectoryNodeRef playedNode(const Words& question, bool& real, std::string& problem) {
     const auto line = std::make_shared<Line>(question);
     const auto answer = line->next();
-    real = !answer || answer->empty() || answer->front() == "real";
+    const Answer::Kind kind = Answer::kindOf(answer);
+    real = kind == Answer::real;
     if (real) return nullptr;
-    if (answer->front() == "yes") return std::make_shared<PlayedNode>(line);
+    if (kind == Answer::yes) return std::make_shared<PlayedNode>(line);
     problem = answer->size() > 1 ? (*answer)[1] : "";
     return nullptr;
 }

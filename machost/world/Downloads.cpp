@@ -123,7 +123,7 @@ void transferReally(const Transfer& asked, const std::function<void(const Transf
 Transferred playedResult(const Words& answer) {
     Transferred result;
     if (answer.size() < 4 || answer[0] != "yes") return {0, {}, errorUnknown, "unknown error"};
-    result.status = std::stol(answer[1]);
+    result.status = numberIn(answer[1], 0);
     result.file = answer[2];
     result.problem = answer[3];
     if (!result.problem.empty()) result.error = errorUnknown;
@@ -135,7 +135,7 @@ Transferred playedResult(const Words& answer) {
 void transfer(const Transfer& asked, const std::function<void(const Transferred&)>& take) {
     Line line({"url", asked.method, asked.url, asked.data});
     const auto answer = line.next();
-    if (!answer || answer->empty() || answer->front() == "real") return transferReally(asked, take);
+    if (Answer::kindOf(answer) == Answer::real) return transferReally(asked, take);
     take(playedResult(*answer));
     line.hangUp(); // whoever plays it takes the file away then
 }

@@ -71,7 +71,7 @@ bool connectLate(int descriptor, const sockaddr_storage& address, socklen_t leng
                  const std::function<void(int error)>& released) {
     Line line(questionOf(address));
     const auto answer = line.next();
-    if (!answer || answer->empty() || answer->front() != "yes") return false;
+    if (Answer::kindOf(answer) != Answer::yes) return false;
     auto held = std::make_shared<HeldBack>(HeldBack{std::move(line), address, length, released});
     {
         const std::lock_guard<std::mutex> guard(table().lock);

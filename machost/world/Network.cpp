@@ -46,7 +46,9 @@ std::optional<Host> playedHost(const Words& words, int family) {
 // Bytes as pairs of hexadecimal digits.
 std::string bytesOf(const std::string& digits) {
     std::string bytes;
-    for (std::size_t i = 0; i + 1 < digits.size(); i += 2)
+    if (digits.size() % 2 != 0 || digits.find_first_not_of("0123456789abcdefABCDEF") != std::string::npos)
+        endOverNonsense(digits);
+    for (std::size_t i = 0; i < digits.size(); i += 2)
         bytes += static_cast<char>(std::stoi(digits.substr(i, 2), nullptr, 16));
     return bytes;
 }

@@ -7,13 +7,13 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <charconv>
+#include <cstdio>
 #include <cstring>
 #include <utility>
 
 namespace machost::world {
 namespace {
-
-constexpr std::size_t longestAnswer = 64 * 1024;
 
 std::string packed(const Words& words) {
     std::string message;
@@ -27,6 +27,15 @@ Words unpacked(const std::string& message) {
     for (std::size_t start = 0, end; (end = message.find('\0', start)) != std::string::npos; start = end + 1)
         words.push_back(message.substr(start, end - start));
     return words;
+}
+
+// Waits for the next message, and leaves it there.
+std::size_t lengthOfNext(int descriptor) {
+    ssize_t length = 0;
+    do
+        length = recv(descriptor, nullptr, 0, MSG_PEEK | MSG_TRUNC);
+    while (length < 0 && errno == EINTR);
+    return length < 0 ? 0 : static_cast<std::size_t>(length);
 }
 
 int connectToWorld() {
@@ -45,10 +54,27 @@ int connectToWorld() {
 
 } // namespace
 
+void endOverNonsense(const std::string& answer) {
+    std::fprintf(stderr, "machost: the world's answer is nonsense: %s\n", answer.c_str());
+    _exit(nonsenseStatus);
+}
+
+std::int64_t numberIn(const std::string& word, std::int64_t least, std::int64_t most) {
+    std::int64_t number = 0;
+    const char* const end = word.data() + word.size();
+    const auto read = std::from_chars(word.data(), end, number);
+    if (read.ec != std::errc() || read.ptr != end || number < least || number > most) endOverNonsense(word);
+    return number;
+}
+
 Line::Line(const Words& question) : descriptor_(connectToWorld()) {
     if (descriptor_ < 0) return;
     const std::string message = packed(question);
     if (send(descriptor_, message.data(), message.size(), MSG_NOSIGNAL) >= 0) return;
+    if (errno == EMSGSIZE) {
+        std::fprintf(stderr, "machost: the question \"%s\" is too long for the world\n", question[0].c_str());
+        _exit(nonsenseStatus);
+    }
     close(descriptor_);
     descriptor_ = -1;
 }
@@ -69,7 +95,7 @@ std::optional<Words> Line::next() {
 std::optional<Words> Line::next(int& handedOver) {
     handedOver = -1;
     if (!open()) return std::nullopt;
-    std::string message(longestAnswer, '\0');
+    std::string message(lengthOfNext(descriptor_), '\0');
     iovec part{message.data(), message.size()};
     alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
     msghdr header{};
@@ -98,13 +124,21 @@ void Line::hangUp() const {
     if (open()) shutdown(descriptor_, SHUT_RDWR);
 }
 
+Answer::Kind Answer::kindOf(const std::optional<Words>& words) {
+    if (!words) return real;
+    const std::string word = words->empty() ? "" : words->front();
+    if (word == "real") return real;
+    if (word == "yes") return yes;
+    if (word == "no") return no;
+    endOverNonsense(word);
+}
+
 Answer ask(const Words& question) {
     Line line(question);
-    std::optional<Words> words = line.next();
-    if (!words || words->empty() || words->front() == "real") return {};
+    const std::optional<Words> words = line.next();
     Answer answer;
-    answer.kind = words->front() == "yes" ? Answer::yes : Answer::no;
-    answer.words.assign(words->begin() + 1, words->end());
+    answer.kind = Answer::kindOf(words);
+    if (answer.kind != Answer::real) answer.words.assign(words->begin() + 1, words->end());
     return answer;
 }
 

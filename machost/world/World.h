@@ -6,8 +6,10 @@
 // A question is a connection of its own: SOCK_SEQPACKET, a message is words, each with a zero byte behind it. The
 // first word of a question says what is asked. The first of an answer is "yes", with the words that were asked for,
 // "no" for what is not there, or "real" for what this world does not play. What can be asked is told in
-// docs/machost.md.
+// docs/machost.md. An answer that cannot be one ends the process, with the answer on standard error: whoever plays the
+// world is wrong, and nothing that the program did from there on would count.
 
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>
@@ -16,10 +18,17 @@ namespace machost::world {
 
 using Words = std::vector<std::string>;
 
+constexpr int nonsenseStatus = 72;
+
+[[noreturn]] void endOverNonsense(const std::string& answer);
+
+// The number that a word of an answer stands for, in these bounds; ends the process for a word that is none.
+std::int64_t numberIn(const std::string& word, std::int64_t least = INT64_MIN, std::int64_t most = INT64_MAX);
+
 // An open question, for answers that come one after the other. Movable; closed with the object.
 class Line {
 public:
-    // Asks; not open where no world is played.
+    // Asks; not open where no world is played. Ends the process for a question that is too long for the socket.
     explicit Line(const Words& question);
     ~Line();
     Line(Line&& other) noexcept;
@@ -45,6 +54,9 @@ private:
 
 struct Answer {
     enum Kind { real, yes, no };
+
+    // What the first word says. A world that has gone plays nothing.
+    static Kind kindOf(const std::optional<Words>& words);
 
     Kind kind = real;
     Words words; // behind the first
