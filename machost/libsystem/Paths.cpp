@@ -7,6 +7,7 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 
 namespace machost::libsystem {
 namespace {
@@ -45,11 +46,19 @@ bool isOfThisMachine(const std::string& path) {
     return isInSearchFolder(path);
 }
 
+// A path that goes up somewhere, with that done; from the root there is no way up. Links in front of a step up are not
+// looked at.
+std::string withoutWaysUp(const std::string& path) {
+    const bool goesUp = (path + "/").find("/../") != std::string::npos;
+    return goesUp ? std::filesystem::path(path).lexically_normal().string() : path;
+}
+
 } // namespace
 
-std::string hostPath(const char* path) {
+std::string hostPath(const char* given) {
     const std::string& root = settings().root;
-    if (root.empty() || path[0] != '/') return path;
+    if (root.empty() || given[0] != '/') return given;
+    const std::string path = withoutWaysUp(given);
     if (isBelow(path, root) || isBelow(path, "/dev")) return path;
     std::string below = withoutSlash(root) + path;
     if (access(below.c_str(), F_OK) == 0) return below;

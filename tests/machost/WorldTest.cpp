@@ -1,5 +1,6 @@
 // What becomes of answers that a world gives, as they should be and as they should not.
 
+#include "machost/world/World.h"
 #include "machost/Imports.h"
 #include "machost/Settings.h"
 #include "machost/objects/Object.h"
@@ -7,7 +8,6 @@
 #include "machost/world/Dialogs.h"
 #include "machost/world/Directory.h"
 #include "machost/world/Downloads.h"
-#include "machost/world/World.h"
 #include "support/TemporaryFolder.h"
 
 #include <gtest/gtest.h>
