@@ -1,7 +1,7 @@
 // Where the files lie that the program names.
 
-#include "machost/Settings.h"
 #include "machost/libsystem/Paths.h"
+#include "machost/Settings.h"
 #include "support/TemporaryFolder.h"
 
 #include <gtest/gtest.h>
@@ -37,9 +37,8 @@ TEST_F(RootedPaths, LieBelowTheRoot) {
 }
 
 TEST_F(RootedPaths, AreAsTheyStandWhereTheyAreThisMachines) {
-    for (const std::string& path :
-         {std::string("/dev/null"), std::string("/bin/sh"), machine.file("own"), root.file("own"),
-          std::string("relative")})
+    for (const std::string& path : {std::string("/dev/null"), std::string("/bin/sh"), machine.file("own"),
+                                    root.file("own"), std::string("relative")})
         EXPECT_EQ(hostPath(path.c_str()), path);
     testsupport::writeAll(root.path() + "/sh", "");
     std::filesystem::create_directories(root.path() + "/bin");
