@@ -83,15 +83,15 @@ int playedFcntl(int descriptor, int command, ...) {
 
 int listInterfaces(mac::InterfaceList& list) {
     const std::string entries = world::interfaceEntries();
-    const auto length =
-        std::min<std::size_t>(entries.size(), static_cast<std::size_t>(std::max(list.length, 0)));
-    // An entry that does not fit whole is left out, as are those behind it.
+    const auto length = static_cast<std::size_t>(std::max(list.length, 0));
+    // An entry that does not fit whole, or has no more than a record's room, is left out with those behind it.
+    constexpr std::size_t recordSize = mac::interfaceNameSize + sizeof(mac::Address);
     std::size_t whole = 0;
     while (whole + mac::interfaceNameSize < entries.size()) {
         const auto address = static_cast<std::uint8_t>(entries[whole + mac::interfaceNameSize]);
         const std::size_t size =
             mac::interfaceNameSize + std::max<std::size_t>(address, sizeof(mac::Address));
-        if (whole + size > length) break;
+        if (length - whole <= recordSize || size > std::min(length, entries.size()) - whole) break;
         whole += size;
     }
     std::memcpy(list.room, entries.data(), whole);

@@ -51,7 +51,7 @@ static_assert(sizeof(Account) == 72 && offsetof(Account, changeTime) == 24 && of
 
 // Commands and flags of fcntl.
 constexpr int getDescriptorFlags = 1, setDescriptorFlags = 2, getFlags = 3, setFlags = 4;
-constexpr int duplicate = 0, setNoSignal = 73, getNoSignal = 74, duplicateCloseOnExec = 67;
+constexpr int duplicate = 0, duplicateCloseOnExec = 67;
 constexpr int accessMode = 3, nonBlocking = 4, append = 8, async = 0x40;
 
 // More flags of open.

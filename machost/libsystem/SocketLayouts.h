@@ -65,8 +65,7 @@ constexpr unsigned long requestInterfaceList = 0xc00c6924; // SIOCGIFCONF
 
 // Options at the level of sockets.
 constexpr int reuseAddress = 4, keepAlive = 8, broadcast = 0x20, reusePort = 0x200, sendBuffer = 0x1001,
-              receiveBuffer = 0x1002, sendTimeout = 0x1005, receiveTimeout = 0x1006, pendingError = 0x1007,
-              socketType = 0x1008, noSignal = 0x1022;
+              receiveBuffer = 0x1002, pendingError = 0x1007, socketType = 0x1008, noSignal = 0x1022;
 
 // Flags of send and recv.
 constexpr int outOfBand = 1, peek = 2, waitAll = 0x40, dontWait = 0x80;

@@ -165,7 +165,6 @@ int hostOption(int mac) {
     constexpr Option options[] = {{mac::reuseAddress, SO_REUSEADDR}, {mac::keepAlive, SO_KEEPALIVE},
                                   {mac::broadcast, SO_BROADCAST},    {mac::reusePort, SO_REUSEPORT},
                                   {mac::sendBuffer, SO_SNDBUF},      {mac::receiveBuffer, SO_RCVBUF},
-                                  {mac::sendTimeout, SO_SNDTIMEO},   {mac::receiveTimeout, SO_RCVTIMEO},
                                   {mac::pendingError, SO_ERROR},     {mac::socketType, SO_TYPE}};
     for (const Option& option : options)
         if (option.mac == mac) return option.host;

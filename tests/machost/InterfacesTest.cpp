@@ -1,8 +1,8 @@
 // The list of interfaces in the Mac's form, of a list in this system's.
 
+#include "machost/world/Interfaces.h"
 #include "machost/Imports.h"
 #include "machost/libsystem/SocketLayouts.h"
-#include "machost/world/Interfaces.h"
 
 #include <gtest/gtest.h>
 

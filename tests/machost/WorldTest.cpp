@@ -109,6 +109,36 @@ TEST_F(ForeignWorld, AnswersOfAnyLengthComeWhole) {
     EXPECT_EQ(count, 10000);
 }
 
+TEST_F(ForeignWorld, InterfacesAreListedWhileMoreThanOneEntrysRoomIsLeft) {
+    const std::string entry = "656e3000" + std::string(24, '0') + "1002" + std::string(28, '0'); // en0, IPv4
+    answer({{"yes", entry + entry}});
+    const auto listedIn = [](std::int32_t size) {
+        char room[128];
+        struct {
+            std::int32_t length;
+            char* room;
+        } __attribute__((packed)) list = {size, room};
+        EXPECT_EQ(played<int(int, unsigned long, ...)>("_ioctl")(0, 0xc00c6924UL, &list), 0);
+        return list.length;
+    };
+    EXPECT_EQ(listedIn(32), 0);
+    EXPECT_EQ(listedIn(33), 32);
+    EXPECT_EQ(listedIn(64), 32); // as bsd/net/if.c of xnu has it
+    EXPECT_EQ(listedIn(65), 64);
+    EXPECT_EQ(listedIn(128), 64);
+}
+
+TEST_F(ForeignWorld, AnInterfaceThatIsCutIsLeftOut) {
+    answer({{"yes", "656e3000" + std::string(24, '0') + "ff02"}});
+    char room[512];
+    struct {
+        std::int32_t length;
+        char* room;
+    } __attribute__((packed)) list = {sizeof room, room};
+    EXPECT_EQ(played<int(int, unsigned long, ...)>("_ioctl")(0, 0xc00c6924UL, &list), 0);
+    EXPECT_EQ(list.length, 0);
+}
+
 TEST_F(ForeignWorld, AnUnansweredQuestionIsThisMachines) {
     machost::settings().world = folder.file("nobody");
     EXPECT_GT(played<std::int64_t(std::int64_t*)>("_time")(nullptr), 1000000000);
