@@ -121,8 +121,8 @@ int hostFlags(int mac) {
     return flags;
 }
 
-// What a call on a socket that is still connecting answers there: it is not connected.
-bool refuseWhileConnecting(int descriptor) {
+// Who writes to a socket that is still connecting is told there that it is not connected.
+bool refuseWriting(int descriptor) {
     const SocketState state = socketState(descriptor);
     if (state.control) return false;
     if (!state.unconnected && !isConnecting(descriptor)) return false;
@@ -130,28 +130,36 @@ bool refuseWhileConnecting(int descriptor) {
     return true;
 }
 
+// Who reads from it waits, as here; what is held back does not block.
+bool refuseReading(int descriptor) {
+    const bool held = world::isHeldBack(descriptor);
+    if (!held && !socketState(descriptor).unconnected) return false;
+    errno = held ? EAGAIN : ENOTCONN;
+    return true;
+}
+
 ssize_t playedSend(int descriptor, const void* bytes, std::size_t length, int flags) {
     const ErrorScope scope;
-    if (refuseWhileConnecting(descriptor)) return -1;
+    if (refuseWriting(descriptor)) return -1;
     const int quiet = socketState(descriptor).noSignal ? MSG_NOSIGNAL : 0;
     return send(descriptor, bytes, length, hostFlags(flags) | quiet);
 }
 
 ssize_t playedRecv(int descriptor, void* bytes, std::size_t length, int flags) {
     const ErrorScope scope;
-    if (refuseWhileConnecting(descriptor)) return -1;
+    if (refuseReading(descriptor)) return -1;
     return recv(descriptor, bytes, length, hostFlags(flags));
 }
 
 ssize_t playedRead(int descriptor, void* bytes, std::size_t length) {
     const ErrorScope scope;
-    if (refuseWhileConnecting(descriptor)) return -1;
+    if (refuseReading(descriptor)) return -1;
     return read(descriptor, bytes, length);
 }
 
 ssize_t playedWrite(int descriptor, const void* bytes, std::size_t length) {
     const ErrorScope scope;
-    if (refuseWhileConnecting(descriptor)) return -1;
+    if (refuseWriting(descriptor)) return -1;
     const bool quiet = socketState(descriptor).noSignal;
     return quiet ? send(descriptor, bytes, length, MSG_NOSIGNAL) : write(descriptor, bytes, length);
 }

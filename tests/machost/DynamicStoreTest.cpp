@@ -81,8 +81,8 @@ protected:
     DynamicStore() {
         const Held name = Held::adopt(cf::makeString("watch"));
         const Context context{0, &told, {}};
-        store = Held::adopt(
-            played<ObjectRef(const void*, const void*, decltype(&noteChange), const Context*)>(
+        store =
+            Held::adopt(played<ObjectRef(const void*, const void*, decltype(&noteChange), const Context*)>(
                 "_SCDynamicStoreCreate")(nullptr, name.get(), noteChange, &context));
     }
 
@@ -151,8 +151,7 @@ TEST_F(DynamicStore, NamesTheStateOfAllNetworkServices) {
 }
 
 TEST_F(DynamicStore, NeedsAName) {
-    const auto create =
-        played<ObjectRef(const void*, const void*, void*, void*)>("_SCDynamicStoreCreate");
+    const auto create = played<ObjectRef(const void*, const void*, void*, void*)>("_SCDynamicStoreCreate");
     EXPECT_EQ(create(nullptr, nullptr, nullptr, nullptr), nullptr);
     EXPECT_EQ(error(), 1002); // kSCStatusInvalidArgument
 }
