@@ -30,9 +30,12 @@ const Class nodeClass{&classOfClasses, &rootClass, {},
 const Class queryClass{&classOfClasses, &rootClass, {}, nullptr, "ODQuery", destroyValue<Query>};
 const Class recordClass{&classOfClasses, &rootClass, {}, nullptr, "ODRecord", destroyValue<Record>};
 
-void tellProblem(ObjectRef* wanted, const std::string& problem) {
-    constexpr std::int64_t credentialsOperationFailed = 5000;
-    tellError(wanted, {"com.apple.OpenDirectory", credentialsOperationFailed, problem, problem});
+// <OpenDirectory/CFODErrors.h>
+constexpr std::int64_t unknownName = 2000, unknownType = 2001, connectionFailed = 2100,
+                       unsupportedMatchType = 3101;
+
+void tellProblem(ObjectRef* wanted, std::int64_t code, const std::string& problem) {
+    tellError(wanted, {"com.apple.OpenDirectory", code, problem, problem});
 }
 
 // A text where it is one, else bytes.
@@ -72,24 +75,25 @@ ObjectRef nodeNames(ObjectRef, Selector, ObjectRef* wanted) {
     std::vector<std::string> names;
     std::string problem;
     if (world::directoryNodeNames(names, problem)) return objc::autorelease(textArray(names));
-    tellProblem(wanted, problem);
+    tellProblem(wanted, connectionFailed, problem);
     return nullptr;
 }
 
-ObjectRef nodeOrNil(world::DirectoryNodeRef node, const std::string& problem, ObjectRef* wanted) {
+ObjectRef nodeOrNil(world::DirectoryNodeRef node, std::int64_t code, const std::string& problem,
+                    ObjectRef* wanted) {
     if (node) return objc::createAutoreleased<world::DirectoryNodeRef>(nodeClass, std::move(node));
-    tellProblem(wanted, problem);
+    tellProblem(wanted, code, problem);
     return nullptr;
 }
 
 ObjectRef nodeOfType(ObjectRef, Selector, const void*, std::uint32_t type, ObjectRef* wanted) {
     std::string problem;
-    return nodeOrNil(world::directoryNodeOfType(type, problem), problem, wanted);
+    return nodeOrNil(world::directoryNodeOfType(type, problem), unknownType, problem, wanted);
 }
 
 ObjectRef nodeNamed(ObjectRef, Selector, const void*, const void* name, ObjectRef* wanted) {
     std::string problem;
-    return nodeOrNil(world::directoryNodeNamed(cf::textOf(name), problem), problem, wanted);
+    return nodeOrNil(world::directoryNodeNamed(cf::textOf(name), problem), unknownName, problem, wanted);
 }
 
 // One text or an array of texts; of more than one only the first is played.
@@ -107,7 +111,7 @@ ObjectRef queryWithNode(ObjectRef, Selector, const void* node, const void* types
     std::string problem = "no node to query";
     auto query = node ? valueOf<world::DirectoryNodeRef>(node)->query(terms, problem) : nullptr;
     if (query) return objc::createAutoreleased<Query>(queryClass, std::move(query));
-    tellProblem(wanted, problem);
+    tellProblem(wanted, unsupportedMatchType, problem);
     return nullptr;
 }
 
@@ -119,7 +123,7 @@ ObjectRef results(ObjectRef self, Selector, signed char partial, ObjectRef* want
     world::DirectoryRecords records;
     std::string problem;
     if (valueOf<Query>(self).query->results(partial != 0, records, problem)) return recordArray(records);
-    tellProblem(wanted, problem);
+    tellProblem(wanted, connectionFailed, problem);
     return nullptr;
 }
 
@@ -137,7 +141,7 @@ ObjectRef recordDetails(ObjectRef self, Selector, const void* attributes, Object
     world::DirectoryDetails details;
     std::string problem;
     if (!valueOf<Record>(self)->details(names, details, problem)) {
-        tellProblem(wanted, problem);
+        tellProblem(wanted, connectionFailed, problem);
         return nullptr;
     }
     cf::Pairs pairs;

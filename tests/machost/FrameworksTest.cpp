@@ -4,6 +4,8 @@
 #include "machost/corefoundation/Collections.h"
 #include "machost/corefoundation/Strings.h"
 #include "machost/iokit/Library.h"
+#include "machost/objc/Messages.h"
+#include "machost/objc/Pools.h"
 
 #include <gtest/gtest.h>
 
@@ -44,6 +46,34 @@ TEST(PlayedRegistry, CountsItsEntriesAndTellsOfThoseThatAreLeft) {
     EXPECT_EQ(release(entry), 0);
     EXPECT_EQ(machost::iokit::reportLeaks(), 0);
     EXPECT_NE(release(entry), 0);
+}
+
+TEST(PlayedDirectoryClasses, TellByTheErrorsNumberWhatWasWrong) {
+    const auto classNamed = [](const std::string& name) {
+        return const_cast<void*>(machost::findImport("", "_OBJC_CLASS_$_" + name)->address);
+    };
+    const machost::objc::Pool pool;
+    const Held nowhere = Held::adopt(cf::makeString("/nowhere")),
+               local = Held::adopt(cf::makeString("/Local/Default"));
+    ObjectRef error = nullptr;
+    const auto code = [&] { return machost::objc::send<std::int64_t>(error, "code"); };
+    const auto node = [&](const Held& name) {
+        return machost::objc::send<ObjectRef>(classNamed("ODNode"),
+                                              "nodeWithSession:name:error:", ObjectRef{}, name.get(), &error);
+    };
+    EXPECT_EQ(node(nowhere), nullptr);
+    EXPECT_EQ(code(), 2000); // kODErrorNodeUnknownName
+    EXPECT_EQ(machost::objc::send<ObjectRef>(classNamed("ODNode"), "nodeWithSession:type:error:", ObjectRef{},
+                                             std::uint32_t{1}, &error),
+              nullptr);
+    EXPECT_EQ(code(), 2001); // kODErrorNodeUnknownType
+    EXPECT_EQ(machost::objc::send<ObjectRef>(classNamed("ODQuery"),
+                                             "queryWithNode:forRecordTypes:attribute:matchType:queryValues:"
+                                             "returnAttributes:maximumResults:error:",
+                                             node(local), local.get(), local.get(), std::uint32_t{0x2002},
+                                             local.get(), local.get(), std::int64_t{0}, &error),
+              nullptr);
+    EXPECT_EQ(code(), 3101); // kODErrorQueryUnsupportedMatchType
 }
 
 } // namespace
