@@ -59,7 +59,6 @@ static_assert(sizeof(SectionRecord) == 80 && offsetof(SectionRecord, address) ==
 // The low byte of a section's flags.
 enum SectionType : std::uint8_t {
     initialiserPointers = 0x9,
-    terminatorPointers = 0xa,
     threadLocalRegular = 0x11,
     threadLocalZeroFill = 0x12,
     threadLocalVariables = 0x13,

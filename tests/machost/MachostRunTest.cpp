@@ -25,9 +25,12 @@ struct Outcome {
 
 class MachostRun : public testing::Test {
 protected:
-    Outcome run(const std::vector<std::uint8_t>& program, std::vector<std::string> words = {}) {
+    Outcome run(const std::vector<std::uint8_t>& program, const std::vector<std::string>& words = {},
+                const std::vector<std::string>& options = {}) {
         testsupport::writeAll(folder.file("program"), {program.begin(), program.end()});
-        std::vector<std::string> all = {OSTLER_BINARY_DIR "/machost/machost", folder.file("program")};
+        std::vector<std::string> all = {OSTLER_BINARY_DIR "/machost/machost"};
+        all.insert(all.end(), options.begin(), options.end());
+        all.push_back(folder.file("program"));
         all.insert(all.end(), words.begin(), words.end());
         std::fflush(nullptr);
         const pid_t child = fork();
@@ -84,6 +87,57 @@ TEST_F(MachostRun, BindsAnImportToWhatIsPlayed) {
                                       .bytes());
     EXPECT_EQ(run.status, 42);
     EXPECT_EQ(run.errors, "");
+}
+
+TEST_F(MachostRun, BindsAndMovesByChains) {
+    // One page of the second segment: a bind, which is called, and 16 bytes behind it a pointer to the 42 that main
+    // answers: mov rax, [rip + distance]; mov eax, [rax].
+    constexpr std::uint64_t next = std::uint64_t{4} << 51, bind = std::uint64_t{1} << 63;
+    const std::string starts = raw<std::uint32_t>(2) + raw<std::uint32_t>(0) + raw<std::uint32_t>(12) +
+                               raw<std::uint32_t>(24) + raw<std::uint16_t>(0x1000) + raw<std::uint16_t>(6) +
+                               raw<std::uint64_t>(0x1000) + raw<std::uint32_t>(0) + raw<std::uint16_t>(1) +
+                               raw<std::uint16_t>(0);
+    const auto imports = static_cast<std::uint32_t>(28 + starts.size());
+    const std::string chains = raw<std::uint32_t>(0) + raw<std::uint32_t>(28) + raw(imports) +
+                               raw(imports + 4) + raw<std::uint32_t>(1) + raw<std::uint32_t>(1) +
+                               raw<std::uint32_t>(0) + starts + raw<std::uint32_t>(1 | 1u << 9) +
+                               "\0_getpid\0"s;
+    const auto distance = [](std::uint64_t data, std::uint64_t end) {
+        return raw(static_cast<std::uint32_t>(MachOBuilder::dataAddress + data - MachOBuilder::textAddress -
+                                              MachOBuilder::codeOffset - end));
+    };
+    const std::string code = "\x48\x83\xec\x08\xff\x15"s + distance(0, 10) + "\x48\x8b\x05"s +
+                             distance(16, 17) + "\x8b\x00\x48\x83\xc4\x08\xc3"s;
+    const Outcome run = this->run(MachOBuilder()
+                                      .library("/usr/lib/libSystem.B.dylib")
+                                      .pointer(0, bind | next)
+                                      .pointer(16, 0x1000 + 64)
+                                      .pointer(64, 42)
+                                      .chainedFixups(chains)
+                                      .code(code)
+                                      .bytes());
+    EXPECT_EQ(run.status, 42) << run.errors;
+}
+
+TEST_F(MachostRun, RunsInitialisersOfBothKindsInFrontOfMain) {
+    // Each adds to the data's word at 128, which main answers: add dword [rip + distance], n; ret.
+    constexpr std::uint64_t first = 0x900, second = 0x940, word = 0x1000 + 128;
+    const auto adding = [](std::uint64_t at, char number) {
+        return "\x83\x05"s + raw(static_cast<std::uint32_t>(word - at - 7)) + number + '\xc3';
+    };
+    const Outcome run =
+        this->run(MachOBuilder()
+                      .section(MachOBuilder::dataSegment, "__mod_init_func", 0x9, 0, 8)
+                      .section(MachOBuilder::dataSegment, "__init_offsets", 0x16, 8, 4)
+                      .pointer(0, MachOBuilder::textAddress + first)
+                      .pointer(8, second)
+                      .rebases("\x11\x21\x00\x51"s)
+                      .text(first, adding(first, 40))
+                      .text(second, adding(second, 2))
+                      .code("\x8b\x05"s +
+                            raw(static_cast<std::uint32_t>(word - MachOBuilder::codeOffset - 6)) + "\xc3"s)
+                      .bytes());
+    EXPECT_EQ(run.status, 42) << run.errors;
 }
 
 TEST_F(MachostRun, EndsAtTheCallOfAnImportThatNothingPlays) {
@@ -215,6 +269,33 @@ TEST_F(DamagedProgram, WithClassesThatPointAnywhere) {
     MachOBuilder ownAncestor = classWith(data + 128, 0, data + 512).pointer(64 + 8, data + 64);
     EXPECT_EQ(faultOf(placed(ownAncestor, dataPointer + name + "\x21\xc8\x00\x51"s)),
               "a class is its own ancestor\n");
+}
+
+TEST_F(MachostRun, TellsWhatWasNeverReleasedAndInAPlayedWorldEndsWithIt) {
+    // The registry's root is asked for and kept: its path stands at 0x900.
+    const auto distance = [](std::uint64_t to, std::uint64_t end) {
+        return raw(static_cast<std::uint32_t>(to - MachOBuilder::codeOffset - end));
+    };
+    const auto program = MachOBuilder()
+                             .library("/System/Library/Frameworks/IOKit.framework/Versions/A/IOKit")
+                             .binds(bindFirstPointer("_IORegistryEntryFromPath"))
+                             .text(0x900, "IOService:/")
+                             .code("\x48\x83\xec\x08\x31\xff\x48\x8d\x35"s + distance(0x900, 13) +
+                                   "\xff\x15"s + distance(0x1000, 19) + "\x31\xc0\x48\x83\xc4\x08\xc3"s)
+                             .bytes();
+    const Outcome alone = run(program);
+    EXPECT_EQ(alone.status, 0);
+    EXPECT_EQ(alone.errors, "machost: 1 IOKit entries never released\n");
+    const Outcome inWorld = run(program, {}, {"--world", folder.file("nobody")});
+    EXPECT_EQ(inWorld.status, 71);
+    EXPECT_EQ(inWorld.errors, "machost: 1 IOKit entries never released\n");
+}
+
+TEST_F(MachostRun, RefusesOptionsThatItDoesNotKnowOrThatLackTheirWord) {
+    const auto program = MachOBuilder().code("\xc3").bytes();
+    for (const std::vector<std::string>& options :
+         {std::vector<std::string>{"--other", "word"}, std::vector<std::string>{"--root"}})
+        EXPECT_EQ(run(program, {}, options).status, 2);
 }
 
 TEST_F(MachostRun, RefusesAFileThatIsNoMachO) {
