@@ -120,6 +120,7 @@ TEST_F(DaemonThreads, OfQueriesLiveUntilTheAnswer) {
 TEST_F(DaemonThreads, OfShortLifeAreNotLeftBehind) {
     startDaemon();
     ASSERT_TRUE(eventually([&] { return living() == always(); }));
+    agent->awaitConnections(1); // a thread is told of before the agent has accepted
     agent->push(R"({"bypass_on_failure":false,"other":1})");
     EXPECT_TRUE(eventually([&] {
         return configuration().find("<BlockOnFailure>true") != std::string::npos && living() == always();
