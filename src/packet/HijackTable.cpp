@@ -6,11 +6,13 @@
 #include "gp/GPTimer.h"
 #include "packet/ConnectionEnds.h"
 
+#include <cstddef>
 #include <cstring>
 #include <limits>
 
 namespace {
 
+constexpr std::size_t cacheLine = 64;
 constexpr std::int64_t endOfList = std::numeric_limits<std::int64_t>::max();
 
 // Folds the 128-bit product of two words into one.
@@ -72,13 +74,17 @@ std::uint64_t HijackTable::hashOf(const char* url) const {
 }
 
 void HijackTable::add(HijackPacket* record) {
+    const std::uint64_t hashOfConnection = hashOf(record);
+    const std::uint64_t hashOfUrl = hashOf(record->URL());
+    connections_.prefetch(hashOfConnection);
+    open_.prefetch(hashOfUrl);
     list_->addObject(record);
     record->place_ = list_->place();
     record->order_ = nextOrder_++;
-    connections_.add(record, hashOf(record), [record](const HijackPacket* other) {
+    connections_.add(record, hashOfConnection, [record](const HijackPacket* other) {
         return record->isHttps() == other->isHttps() && record->isOfSameConnection(other);
     });
-    open_.add(record, hashOf(record->URL()),
+    open_.add(record, hashOfUrl,
               [record](const HijackPacket* other) { return record->url_->isEqual(other->url_); });
 
     const auto records = static_cast<std::size_t>(list_->count());
@@ -106,20 +112,9 @@ void HijackTable::sortOut() {
     while (!running_.isEmpty() && running_.firstNumber() < now_) {
         HijackPacket* const record = running_.first();
         running_.remove(record);
-        fetch(record);
         record->wasOver_ = true;
         over_.add(record, record->order_);
     }
-}
-
-// A record whose time is over was last used long ago. What its removal will touch comes from memory at once so, not one
-// behind the other.
-void HijackTable::fetch(const HijackPacket* record) const {
-    __builtin_prefetch(record->url_);
-    __builtin_prefetch(record->timer_);
-    __builtin_prefetch(record->place_);
-    connections_.prefetch(record->inConnections_.hash);
-    if (!running_.isEmpty()) __builtin_prefetch(running_.first());
 }
 
 HijackPacket* HijackTable::firstOf(const ConnectionEnds& ends, std::uint64_t hash, bool https) const {
@@ -164,16 +159,34 @@ HijackPacket* HijackTable::findByWalk(const ConnectionEnds& ends) {
 void HijackTable::dropOverBefore(std::int64_t order) {
     while (!over_.isEmpty() && over_.firstNumber() < order) {
         HijackPacket* const record = over_.first();
+        fetchBehind(record);
         if (!isOver(record)) {
             run(record); // the clock was set back
         } else if (record == passedOver_) {
             over_.remove(record);
-            record->nextSetAside_ = setAside_;
-            setAside_ = record;
+            record->nextSetAside_ = nullptr;
+            (setAside_ ? lastSetAside_->nextSetAside_ : setAside_) = record;
+            lastSetAside_ = record;
         } else {
             drop(record);
         }
     }
+}
+
+// What the removal of a record touches was last used long ago, and comes from memory while the one in front of it goes:
+// of the next in turn what it points at, and of the one behind that the record itself.
+void HijackTable::fetchBehind(const HijackPacket* record) const {
+    const HijackPacket* next = over_.behind(record);
+    if (!next && !running_.isEmpty()) next = running_.first();
+    if (!next) return;
+    __builtin_prefetch(next->url_);
+    __builtin_prefetch(next->timer_);
+    __builtin_prefetch(next->place_);
+    connections_.prefetch(next->inConnections_.hash);
+    const HijackPacket* const second = next->wasOver_ ? over_.behind(next) : running_.behind(next);
+    const auto* const bytes = reinterpret_cast<const char*>(second);
+    for (std::size_t at = 0; second && at < sizeof *second; at += cacheLine)
+        __builtin_prefetch(bytes + at);
 }
 
 void HijackTable::drop(HijackPacket* record) {
@@ -187,7 +200,7 @@ void HijackTable::drop(HijackPacket* record) {
     passedOver_ = static_cast<HijackPacket*>(list_->currentObject());
 }
 
-// Those that this walk has passed over wait for the next one.
+// Those that this walk has passed over wait for the next one, in the list's order still.
 void HijackTable::putBack() {
     for (; setAside_; setAside_ = setAside_->nextSetAside_)
         over_.add(setAside_, setAside_->order_);

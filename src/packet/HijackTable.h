@@ -45,7 +45,7 @@ public:
 private:
     bool isOver(const HijackPacket* record) const;
     void sortOut();
-    void fetch(const HijackPacket* record) const;
+    void fetchBehind(const HijackPacket* record) const;
     HijackPacket* firstOf(const ConnectionEnds& ends, std::uint64_t hash, bool https) const;
     HijackPacket* findByIndex(const ConnectionEnds& ends);
     HijackPacket* findByWalk(const ConnectionEnds& ends);
@@ -71,10 +71,11 @@ private:
     RecordOrder<HijackPacket, &HijackPacket::inOrder_> over_;
 
     // Of the walk under way: its time, the record behind the last one that was taken out, and those of `over_`
-    // that were passed over.
+    // that were passed over, in the list's order.
     std::int64_t now_ = 0;
     HijackPacket* passedOver_ = nullptr;
     HijackPacket* setAside_ = nullptr;
+    HijackPacket* lastSetAside_ = nullptr; // if there is one
 
     std::int64_t nextOrder_ = 0;
     std::uint64_t seed_; // of the hashes

@@ -45,7 +45,7 @@ public:
     // Puts a record at the end of the group that `isWanted` recognises, or begins one with it.
     template <class IsWanted>
     void add(Record* record, std::uint64_t hash, IsWanted isWanted) {
-        if (groupCount_ >= groupsAt_.size()) grow();
+        if (groupCount_ * placesForEachGroup >= groupsAt_.size()) grow();
         moveSome();
         Record* group = first(hash, isWanted);
         if (!group) {
@@ -80,6 +80,9 @@ public:
 
 private:
     static constexpr std::size_t smallest = 64;
+
+    // Most places have one group or none: a second one in the same place is a record that has left the processor's cache.
+    static constexpr std::size_t placesForEachGroup = 2;
 
     static RecordIndexHook<Record>& links(Record* record) { return record->*hook; }
 

@@ -34,6 +34,12 @@ public:
     }
     std::int64_t firstNumber() const { return numberOf(first()); }
 
+    // The record behind this one in its sequence, which may be any later one of all; null at its end and in the heap.
+    static Record* behind(const Record* record) {
+        const RecordOrderHook<Record>& own = record->*hook;
+        return own.chain < 0 ? nullptr : own.next;
+    }
+
     // Makes room, so that adding up to that many records allocates nothing.
     void makeRoom(std::size_t count) { heap_.makeRoom(count); }
 
