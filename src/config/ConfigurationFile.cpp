@@ -17,6 +17,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <string>
 
 using platform::HostPaths;
 
@@ -73,7 +74,8 @@ void addServers(GPDOMElement* root) {
         auto* server = static_cast<FilterServer*>(servers->objectAtIndex(i));
         if (server)
             addRow(list.get(), "ServerName", "ServerType",
-                   Owned<GPString>::adopt(GPString::format("%d", static_cast<int>(server->getServerType()))),
+                   Owned<GPString>::adopt(
+                       new GPString(std::to_string(static_cast<int>(server->getServerType())).c_str())),
                    server->getUrl());
     }
     root->addElement(list.get());

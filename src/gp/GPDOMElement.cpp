@@ -133,7 +133,8 @@ private:
     // False for an element that was written whole as one tag.
     bool start(GPDOMElement* element, std::size_t depth) {
         indent(depth);
-        add(GPString::format("<%s", element->name->cstr()));
+        text += '<';
+        text += element->name->cstr();
         writeAttributes(element->attributes);
         if (shortClose_ && isEmpty(element->value) && isEmpty(element->children)) {
             text += "/>\n";
@@ -148,18 +149,21 @@ private:
 
     void finish(GPDOMElement* element, std::size_t depth) {
         if (!element->value) indent(depth);
-        add(GPString::format("</%s>\n", element->name->cstr()));
+        text += "</";
+        text += element->name->cstr();
+        text += ">\n";
     }
 
     void writeAttributes(GPMap* attributes) {
         if (!attributes) return;
         for (const char* key = attributes->firstKey(); key; key = attributes->nextKey()) {
-            auto* content = static_cast<GPString*>(attributes->objectForKey(key));
-            add(GPString::format(" %s=\"%s\"", key, content->cstr()));
+            text += ' ';
+            text += key;
+            text += "=\"";
+            text += static_cast<GPString*>(attributes->objectForKey(key))->cstr();
+            text += '"';
         }
     }
-
-    void add(GPString* owned) { text += Owned<GPString>::adopt(owned)->cstr(); }
 
     void indent(std::size_t depth) {
         if (pretty_) text.append(depth, '\t');
@@ -170,9 +174,7 @@ private:
 };
 
 std::string documentHead(const char* doctype) {
-    return Owned<GPString>::adopt(
-               GPString::format("<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<!DOCTYPE %s>\n", doctype))
-        ->cstr();
+    return std::string("<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<!DOCTYPE ") + doctype + ">\n";
 }
 
 } // namespace
