@@ -1,3 +1,4 @@
+#include "bench/BareQueries.h"
 #include "bench/DaemonState.h"
 #include "bench/Groups.h"
 #include "bench/QuickAgent.h"
@@ -11,12 +12,10 @@
 #include "support/PacketBuilder.h"
 
 #include <sys/prctl.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <ctime>
-#include <memory>
 #include <optional>
 #include <stdexcept>
 #include <vector>
@@ -36,80 +35,82 @@ double percentile99(std::vector<double>& times) {
     return times[place];
 }
 
-// Asks through FilterQuery::send, with as many questions open as there are query threads.
+// Keeps a question open on every slot until `count` are answered or lost. The cost of one until its answer is seen; adds
+// the time of each that was answered.
+template <class Questions>
+Cost keepInFlight(Questions& questions, long count, std::vector<double>& times) {
+    std::vector<std::optional<double>> sentAt(inFlight);
+    const double processor = processorSeconds(getpid());
+    const double wall = secondsNow();
+    long sent = 0;
+    long lostInTurn = 0;
+    for (long ended = 0; ended < count;) {
+        for (std::size_t slot = 0; slot < sentAt.size(); ++slot) {
+            std::optional<double>& open = sentAt[slot];
+            if (open && questions.isAnswered(slot)) {
+                times.push_back(secondsNow() - *open);
+                open.reset();
+                lostInTurn = 0;
+                ++ended;
+            } else if (open && secondsNow() - *open > secondsToLoss) {
+                questions.giveUp(slot);
+                open.reset();
+                ++ended;
+                if (++lostInTurn > inFlight) throw std::runtime_error("no question is answered any more");
+            }
+            if (!open && sent < count) {
+                open = secondsNow();
+                questions.send(slot);
+                ++sent;
+            }
+        }
+        const timespec time = {0, 20000};
+        nanosleep(&time, nullptr);
+    }
+    const auto operations = static_cast<double>(count);
+    return {(secondsNow() - wall) / operations, (processorSeconds(getpid()) - processor) / operations};
+}
+
+// Asks through FilterQuery::send.
 class Questioner {
 public:
     Questioner() {
         for (long i = 0; i < kinds; ++i) {
-            packets_.push_back(
-                std::make_unique<PacketBuffer>(1, helloOf(i).substr(TCPPacket::recordHeaderSize)));
+            packets_.emplace_back(1, helloOf(i).substr(TCPPacket::recordHeaderSize));
             urls_.push_back(urlOf(i));
         }
     }
 
-    // The cost of a question until its record is resolved; adds the time of each.
-    Cost ask(long count, std::vector<double>& times) {
-        const double processor = processorSeconds(getpid());
-        const double wall = secondsNow();
-        long sent = 0;
-        double lastAnswer = wall;
-        for (long answered = 0; answered < count;) {
-            // By rule two threads can draw one number, and the second then waits for ever.
-            if (secondsNow() - lastAnswer > secondsToLoss) answered += giveUp();
-            for (Open& open : open_) {
-                if (open.record && (*open.record)->isResolved()) {
-                    lastAnswer = secondsNow();
-                    times.push_back(lastAnswer - open.sentAt);
-                    open.record.reset();
-                    ++answered;
-                }
-                if (!open.record && sent < count) {
-                    send(open);
-                    ++sent;
-                }
-            }
-            const timespec time = {0, 20000};
-            nanosleep(&time, nullptr);
-        }
-        const auto operations = static_cast<double>(count);
-        return {(secondsNow() - wall) / operations, (processorSeconds(getpid()) - processor) / operations};
+    // An eighth of a second passes between two of them, so that some thousand records live.
+    void send(std::size_t slot) {
+        clock_.advance(125000);
+        const auto kind = static_cast<std::size_t>(next_++ % kinds);
+        char* const packet = packets_[kind].packet();
+        HijackPacket::create(packet, urls_[kind].c_str(), true);
+        open_[slot].emplace(packet);
+        if (!*open_[slot]) throw std::runtime_error("a record is not found");
+        FilterQuery::send(urls_[kind].c_str(), true, nullptr);
+    }
+
+    bool isAnswered(std::size_t slot) {
+        if (!(*open_[slot])->isResolved()) return false;
+        open_[slot].reset();
+        return true;
+    }
+
+    // By rule two threads can draw one number, and the second then waits for ever.
+    void giveUp(std::size_t slot) {
+        open_[slot].reset();
+        ++lost_;
     }
 
     long lost() const { return lost_; }
 
 private:
-    struct Open {
-        std::optional<HijackPacket::Found> record;
-        double sentAt = 0;
-    };
-
-    // Counts the questions that are open as lost, and tells how many they are.
-    long giveUp() {
-        long open = 0;
-        for (Open& one : open_) {
-            open += one.record.has_value();
-            one.record.reset();
-        }
-        lost_ += open;
-        return open;
-    }
-
-    // An eighth of a second passes between two of them, so that some thousand records live.
-    void send(Open& open) {
-        clock_.advance(125000);
-        const auto kind = static_cast<std::size_t>(next_++ % kinds);
-        char* const packet = packets_[kind]->packet();
-        HijackPacket::create(packet, urls_[kind].c_str(), true);
-        open.record.emplace(packet);
-        if (!*open.record) throw std::runtime_error("a record is not found");
-        open.sentAt = secondsNow();
-        FilterQuery::send(urls_[kind].c_str(), true, nullptr);
-    }
-
     MovedClock& clock_ = MovedClock::installed();
-    std::vector<std::unique_ptr<PacketBuffer>> packets_;
+    std::vector<PacketBuffer> packets_;
     std::vector<std::string> urls_;
-    std::vector<Open> open_{inFlight};
+    std::vector<std::optional<HijackPacket::Found>> open_{inFlight};
     long next_ = 0;
     long lost_ = 0;
 };
@@ -141,7 +142,7 @@ void queryRows(const Effort& effort) {
     std::vector<double> rawTimes;
     const long count = effort.count(50000);
 
-    // The raw frames have an agent of their own, in a process and a network of its own.
+    // The raw frames have an agent of their own, in a process and a network of its own, and so have the bare queries.
     Worker raw([count] {
         if (!lab::enterPrivateNetwork()) throw std::runtime_error("no network of its own");
         static QuickAgent other(false);
@@ -157,8 +158,18 @@ void queryRows(const Effort& effort) {
             return cost;
         };
     });
+    Worker bare([count] {
+        if (!lab::enterPrivateNetwork()) throw std::runtime_error("no network of its own");
+        prctl(PR_SET_TIMERSLACK, 1);
+        static QuickAgent other(false);
+        static BareQueries queries;
+        return [count](int) {
+            std::vector<double> times;
+            return keepInFlight(queries, count, times);
+        };
+    });
     std::vector<double> lates;
-    const Comparison measured = inTurns([&] { return questioner.ask(count, ownTimes); },
+    const Comparison measured = inTurns([&] { return keepInFlight(questioner, count, ownTimes); },
                                         [&] {
                                             const Cost cost = raw.run(0);
                                             lates.push_back(raw.run(1).wall);
@@ -168,6 +179,9 @@ void queryRows(const Effort& effort) {
     row({"policy queries, 30 at a time, from FilterQuery::send to the resolved record",
          "raw frames, 30 in flight"},
         measured, atLeast(0.3));
+    row({"the same", "a bare program that does no more than a thread, a send, a wait and a post for each"},
+        inTurns([&] { return keepInFlight(questioner, count, ownTimes); }, [&bare] { return bare.run(); },
+                effort.rounds()));
     std::sort(lates.begin(), lates.end());
     row({"the 99th percentile of their times", "of the raw frames"}, "s", percentile99(ownTimes),
         lates[lates.size() / 2], atMost(6));

@@ -25,9 +25,9 @@ void sendAll(int socket, const std::string& bytes) {
     }
 }
 
-// Calls `take` with type and sequence of each whole frame that is held, and drops it.
-template <class Take>
-void takeFrames(std::string& held, Take take) {
+} // namespace
+
+void takeFrames(std::string& held, const std::function<void(std::uint32_t, std::uint32_t)>& take) {
     std::size_t at = 0;
     while (held.size() - at >= lab::agentFrameHeaderSize) {
         const char* const frame = held.data() + at;
@@ -47,8 +47,6 @@ bool receiveMore(int socket, std::string& held) {
     held.append(buffer, static_cast<std::size_t>(size));
     return true;
 }
-
-} // namespace
 
 QuickAgent::QuickAgent(bool silent) : wakeUp_(eventfd(0, EFD_CLOEXEC)), silent_(silent) {
     listener_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
@@ -101,24 +99,30 @@ void QuickAgent::flush() {
     answers_.clear();
 }
 
-RawClient::RawClient() : socket_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+const std::string questionBody = R"({"url":"http://www.example.org/page/1234567"})";
+
+int connectedToAgent() {
+    const int made = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_port = htons(OstComm::agentPort);
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    if (connect(socket_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0)
+    if (connect(made, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0)
         throw std::runtime_error("nobody listens at the agent's port");
+    return made;
 }
 
+RawClient::RawClient() : socket_(connectedToAgent()) {}
+
 Cost RawClient::ask(long count, int inFlight, std::vector<double>& times) {
-    const std::string body = R"({"url":"http://www.example.org/page/1234567"})";
     return costOf(count, [&] {
         std::vector<double> sentAt(static_cast<std::size_t>(count));
         std::string held;
         long sent = 0;
         const auto sendOne = [&] {
             sentAt[static_cast<std::size_t>(sent)] = secondsNow();
-            sendAll(socket_, lab::agentFrame(lab::policyFrame, static_cast<std::uint32_t>(sent++), body));
+            sendAll(socket_,
+                    lab::agentFrame(lab::policyFrame, static_cast<std::uint32_t>(sent++), questionBody));
         };
         while (sent < std::min<long>(inFlight, count))
             sendOne();

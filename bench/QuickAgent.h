@@ -37,6 +37,20 @@ private:
     std::atomic<long> questions_{0};
 };
 
+// The body of a question that the clients below ask.
+extern const std::string questionBody;
+
+// A socket that is connected to the agent's port. Throws when nobody listens there.
+int connectedToAgent();
+
+// Appends what one receive gives; false at the end.
+bool receiveMore(int socket, std::string& held);
+
+// Calls `take` with type and sequence of each whole frame that is held, and drops it. Throws for a length that no frame
+// has.
+void takeFrames(std::string& held,
+                const std::function<void(std::uint32_t type, std::uint32_t sequence)>& take);
+
 // A client that has questions of that kind in flight and nothing else to do: the cost of one, and the time that each
 // took, in seconds.
 class RawClient {

@@ -2,6 +2,7 @@
 // are dumped under its name. Outside of callgrind it only runs them.
 
 #include "config/Configuration.h"
+#include "config/ConfigurationState.h"
 #include "gp/GPDOMElement.h"
 #include "gp/GPLog.h"
 #include "gp/GPString.h"
@@ -125,20 +126,51 @@ void countTexts() {
           [](int i) { logf("[%d] OstCommFilterQueryThread redirectURL: %s", i, "http://localhost:6543/"); });
 }
 
+// 1,000 records that run out at one moment, and the packets that take them all out.
+void countBurst() {
+    PacketBuffer stranger = PacketBuilder::ipv4().payload("x").build();
+    std::vector<PacketBuffer> packets;
+    std::vector<std::string> urls;
+    for (int i = 0; i < 1000; ++i) {
+        packets.push_back(hello(i));
+        urls.push_back(urlOf(i));
+    }
+    count("burst-of-1000-records", [&](int) {
+        for (std::size_t i = 0; i < packets.size(); ++i)
+            HijackPacket::create(packets[i].packet(), urls[i].c_str(), true);
+        still.now += 121 * 1000000LL;
+        for (std::size_t left = packets.size(); left > 0; left /= 2)
+            HijackPacket::find(stranger.packet());
+    });
+}
+
+void countSettings() {
+    for (int i = 0; i < 100; ++i)
+        Configuration::addServerName(("filter" + std::to_string(i) + ".example.org").c_str(), false);
+    count("settings-saved", [](int) { Configuration::saveConfig(true); });
+    count("settings-loaded", [](int) {
+        configurationState.bConfigLoaded = false;
+        Configuration::loadConfig();
+    });
+}
+
 } // namespace
 
 int main() {
     platform::clockService.install(still);
-    platform::HostPaths::setRoot("/nonexistent");
     char folder[] = "/tmp/fernhill-paths-XXXXXX";
     if (!mkdtemp(folder)) return 1;
+    platform::HostPaths::setRoot(folder);
+    std::filesystem::create_directories(platform::HostPaths::settingsDirectory());
     setLogName("log");
     setLogDirectory(folder);
     Configuration::addServerName("localhost", false, true);
     countPackets();
     countUrls();
+    countBurst();
     countRecords();
     countTexts();
+    countSettings();
     std::filesystem::remove_all(folder);
     return 0;
 }
