@@ -90,6 +90,75 @@ TEST(RecordIndex, RecordsLeaveWhileTheTableGrows) {
     }
 }
 
+TEST(RecordIndex, TwoHashesOfOnePlaceAreTwoGroups) {
+    constexpr std::uint64_t further = 1u << 20; // the same place in any table of this test
+    Index index;
+    std::vector<Record> records(3);
+    for (std::uint64_t i = 0; i < records.size(); ++i)
+        index.add(&records[i], 5 + i * further, isAny);
+
+    for (std::uint64_t i = 0; i < records.size(); ++i) {
+        EXPECT_EQ(index.first(5 + i * further, isAny), &records[i]);
+        EXPECT_EQ(Index::next(&records[i]), nullptr);
+    }
+    index.remove(&records[1]);
+    EXPECT_EQ(index.first(5, isAny), &records[0]);
+    EXPECT_EQ(index.first(5 + further, isAny), nullptr);
+    EXPECT_EQ(index.first(5 + 2 * further, isAny), &records[2]);
+}
+
+TEST(RecordIndex, RecordsOfOneKeyFollowEachOtherAsTheyCame) {
+    Index index;
+    Record a, b, c, d;
+    for (Record* record : {&a, &b, &c, &d})
+        index.add(record, 7, isAny);
+    const auto group = [&index] {
+        std::vector<Record*> found;
+        for (Record* record = index.first(7, isAny); record; record = Index::next(record))
+            found.push_back(record);
+        return found;
+    };
+    EXPECT_EQ(group(), (std::vector<Record*>{&a, &b, &c, &d}));
+
+    index.remove(&b);
+    EXPECT_EQ(group(), (std::vector<Record*>{&a, &c, &d}));
+    index.remove(&a);
+    EXPECT_EQ(group(), (std::vector<Record*>{&c, &d}));
+    index.remove(&d);
+    index.add(&a, 7, isAny);
+    EXPECT_EQ(group(), (std::vector<Record*>{&c, &a}));
+}
+
+TEST(RecordOrder, BehindIsTheNextOfTheSameSequence) {
+    Order order;
+    Record early, late, latest, stray;
+    order.add(&early, 10);
+    order.add(&late, 20);
+    order.add(&latest, 30);
+    order.add(&stray, 25); // begins the other sequence
+
+    EXPECT_EQ(Order::behind(&early), &late);
+    EXPECT_EQ(Order::behind(&late), &latest);
+    EXPECT_EQ(Order::behind(&latest), nullptr);
+    EXPECT_EQ(Order::behind(&stray), nullptr);
+}
+
+TEST(RecordOrder, WhatFitsIntoNoSequenceHasNothingBehindIt) {
+    Order order;
+    std::vector<Record> records(4);
+    order.makeRoom(records.size());
+    order.add(&records[3], 1);
+    order.add(&records[2], 2);
+    order.remove(&records[3]); // with a link that it keeps
+    order.remove(&records[2]);
+    for (std::size_t i = 0; i < records.size(); ++i)
+        order.add(&records[i], 100 - static_cast<std::int64_t>(i));
+
+    EXPECT_EQ(Order::behind(&records[2]), nullptr);
+    EXPECT_EQ(Order::behind(&records[3]), nullptr);
+    EXPECT_EQ(order.first(), &records[3]);
+}
+
 TEST(RecordOrder, AnswersTheSmallestOfNumbersInAnyOrder) {
     Order order;
     std::vector<Record> records(300);
