@@ -5,107 +5,23 @@
 #include "gp/GPString.h"
 #include "support/ClientHelloBuilder.h"
 #include "support/PacketBuilder.h"
+#include "support/PlainPacket.h"
 #include "support/Taken.h"
 
 #include <cstring>
 #include <gtest/gtest.h>
 #include <random>
-#include <set>
-#include <utility>
+#include <string>
+#include <vector>
 
 using testsupport::ClientHelloBuilder;
 using testsupport::getRequest;
 using testsupport::PacketBuffer;
 using testsupport::PacketBuilder;
+using testsupport::PlainPacket;
 using testsupport::taken;
 
 namespace {
-
-// Reads anew whatever it is asked for.
-class PlainPacket {
-public:
-    explicit PlainPacket(char* packet) : packet_(packet) {}
-
-    int ipHeaderSize() const { return isVersion(4) ? byte(0) % 16 * 4 : walk().first; }
-    int protocol() const { return isVersion(4) ? byte(9) : walk().second; }
-    int tcpHeaderSize() const { return byte(ipHeaderSize() + 12) / 16 * 4; }
-    int headers() const { return (ipHeaderSize() + tcpHeaderSize()) & 0xffff; }
-    int size() const { return isVersion(4) ? byte(2) * 256 + byte(3) : byte(5) * 256 + byte(4) + 40; }
-    int payloadSize() const { return size() - headers(); }
-    int port(int position) const {
-        return byte(ipHeaderSize() + position) * 256 + byte(ipHeaderSize() + position + 1);
-    }
-
-    bool isUsable() const {
-        if ((!isVersion(4) && !isVersion(6)) || protocol() != 6) return false;
-        return tcpHeaderSize() + (ipHeaderSize() & 0xffff) <= (size() & 0xffff);
-    }
-
-    char* payload() {
-        char* start = packet_ + headers();
-        start[payloadSize()] = 0;
-        return start;
-    }
-
-    std::string httpUrl() {
-        const char* const start = payload();
-        std::string text;
-        for (const char* at = start; *at != 0; ++at) {
-            if (at + 1 == packet_ + TCPPacket::packetRoom) return none;
-            text += *at;
-        }
-        const auto get = text.substr(0, 30).find("GET ");
-        const auto path = text.find('/', get);
-        const auto pathEnd = text.find(" HTTP", path);
-        const auto header = text.find("Host", pathEnd);
-        if (get == npos || path == npos || pathEnd == npos || header == npos) return none;
-        const auto host = static_cast<std::size_t>(skipws(nextws(text.c_str() + header)) - text.c_str());
-        auto hostEnd = text.find("\r\n", host);
-        if (hostEnd == npos) hostEnd = text.find('\n', host);
-        if (hostEnd == npos || hostEnd == host) return none;
-        return "http://" + text.substr(host, hostEnd - host) + text.substr(path, pathEnd - path);
-    }
-
-    std::string httpsUrl() {
-        char name[255] = {};
-        const auto* data = reinterpret_cast<const unsigned char*>(payload());
-        if (!sslDomain(data, payloadSize(), name, 255)) return none;
-        if (name[0]) return std::string("https://") + name;
-        int port;
-        if (isVersion(6))
-            return taken(TCPPacket::formatIpAddressIpv6(TCPPacket::dstIPAddressIpv6(packet_, port)));
-        return taken(TCPPacket::formatIpAddress(TCPPacket::dstIPAddress(packet_, port)));
-    }
-
-private:
-    static constexpr auto npos = std::string::npos;
-    static constexpr char none[] = "(null)";
-
-    int byte(int at) const { return static_cast<unsigned char>(packet_[at]); }
-    bool isVersion(int version) const { return byte(0) / 16 == version; }
-
-    // Offset and protocol at the end of the extension headers; a chain without an end there counts as {40, 59}.
-    std::pair<int, int> walk() const {
-        std::set<std::pair<int, int>> seen;
-        std::pair<int, int> state(40, byte(6));
-        for (bool advanced = true; advanced;) {
-            if (!seen.insert(state).second) return {40, 59};
-            advanced = false;
-            for (const auto& [kinds, unit] : {std::pair(std::set{0, 43, 60}, 8), {{51}, 4}, {{44}, 0}}) {
-                auto& [offset, next] = state;
-                if (kinds.count(next) == 0) continue;
-                if (offset < 0 || offset + 1 >= TCPPacket::packetRoom) return {40, 59};
-                next = byte(offset);
-                offset += 8 + unit * static_cast<signed char>(packet_[offset + 1]);
-                advanced = true;
-            }
-        }
-        const bool ends = state.first >= 0 && state.first + 20 <= TCPPacket::packetRoom;
-        return ends ? state : std::pair(40, 59);
-    }
-
-    char* packet_;
-};
 
 class TCPPacketPlainReading : public testing::Test {
 protected:
