@@ -121,6 +121,11 @@ int playedTruncate(const char* path, std::int64_t length) {
     return truncate(hostPath(path).c_str(), length);
 }
 
+int playedFtruncate(int descriptor, std::int64_t length) {
+    const ErrorScope scope;
+    return ftruncate(descriptor, length);
+}
+
 // An open folder, with room for the one entry that the program looks at.
 struct Folder {
     DIR* open;
@@ -190,6 +195,7 @@ const ImportTable& fileImports() {
         function("_rename", playedRename, "rename(2) of xnu"),
         function("_chmod", playedChmod, "chmod(2) of xnu"),
         function("_truncate", playedTruncate, "truncate(2) of xnu"),
+        function("_ftruncate", playedFtruncate, "ftruncate(2) of xnu"),
         function("_opendir$INODE64", playedOpendir, "opendir.c of Libc"),
         function("_readdir$INODE64", playedReaddir, "readdir.c of Libc"),
         function("_closedir", playedClosedir, "closedir.c of Libc"),

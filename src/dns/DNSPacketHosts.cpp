@@ -8,6 +8,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -140,16 +141,31 @@ Copy copyLines(const char* from, const char* to, const char* host) {
     return !source.readFailed() && target.close() ? Copy::whole : Copy::inPart;
 }
 
+enum class Presence { there, absent, unknown };
+
+Presence presenceOf(const char* path) {
+    struct stat entry;
+    if (stat(path, &entry) == 0) return Presence::there;
+    return errno == ENOENT ? Presence::absent : Presence::unknown;
+}
+
+enum class Compared { hasAll, lacksSome, unreadable };
+
 // Whether the hosts file begins with everything that the work file holds.
-bool hasAllOfWorkFile() {
-    TextFile hosts(HostPaths::hostsFile(), "r");
+Compared compareWithWorkFile() {
     TextFile work(HostPaths::hostsWorkFile(), "r");
-    if (!hosts.isOpen() || !work.isOpen()) return false;
+    if (!work.isOpen()) return Compared::unreadable;
+    TextFile hosts(HostPaths::hostsFile(), "r");
+    if (!hosts.isOpen())
+        return presenceOf(HostPaths::hostsFile()) == Presence::absent ? Compared::lacksSome
+                                                                      : Compared::unreadable;
     char wanted[lineLimit];
     char found[lineLimit];
-    while (work.readLine(wanted))
-        if (!hosts.readLine(found) || std::strcmp(wanted, found) != 0) return false;
-    return !work.readFailed();
+    while (work.readLine(wanted)) {
+        if (!hosts.readLine(found)) return hosts.readFailed() ? Compared::unreadable : Compared::lacksSome;
+        if (std::strcmp(wanted, found) != 0) return Compared::lacksSome;
+    }
+    return work.readFailed() ? Compared::unreadable : Compared::hasAll;
 }
 
 // The hosts file is emptied before the work file is copied over it. While that may not have worked, a mark
@@ -163,13 +179,21 @@ bool copyBack() REQUIRES(dnsState.mutex) {
     return deleteFile(HostPaths::hostsUnfinishedFile()) && copy == Copy::whole;
 }
 
+// Makes the hosts file whole where the work file may hold more. Whether it is whole. What cannot be looked at is
+// neither whole nor to be written over.
+bool restoreFromWorkFile() REQUIRES(dnsState.mutex) {
+    const Presence work = presenceOf(HostPaths::hostsWorkFile());
+    if (work != Presence::there) return work == Presence::absent;
+    const Compared compared = compareWithWorkFile();
+    if (compared != Compared::lacksSome) return compared == Compared::hasAll;
+    return copyLines(HostPaths::hostsWorkFile(), HostPaths::hostsFile(), nullptr) == Copy::whole;
+}
+
 // Makes up for a copy back that failed or was interrupted. Whether the hosts file is whole.
 bool finishCopyBack() REQUIRES(dnsState.mutex) {
-    if (!ifExist(HostPaths::hostsUnfinishedFile())) return true;
-    const bool isWhole =
-        !ifExist(HostPaths::hostsWorkFile()) || hasAllOfWorkFile() ||
-        copyLines(HostPaths::hostsWorkFile(), HostPaths::hostsFile(), nullptr) == Copy::whole;
-    return isWhole && deleteFile(HostPaths::hostsUnfinishedFile());
+    const Presence mark = presenceOf(HostPaths::hostsUnfinishedFile());
+    if (mark != Presence::there) return mark == Presence::absent;
+    return restoreFromWorkFile() && deleteFile(HostPaths::hostsUnfinishedFile());
 }
 
 // Removes a host's lines by way of the work file, which is left behind. Whether the lines are gone.

@@ -7,6 +7,7 @@
 #include "gp/Owned.h"
 #include "platform/ProgramName.h"
 
+#include <cerrno>
 #include <climits>
 #include <cstdarg>
 #include <cstdio>
@@ -62,16 +63,28 @@ bool isHidden(const char* path) { return path && path[0] == '~'; }
 
 bool isUnix() { return true; }
 
-// fopen's own letter for this is not known to every system.
+namespace {
+
+// Whatever has a size has none afterwards; a pipe or a terminal has none to begin with.
+bool makeEmpty(int descriptor) { return ftruncate(descriptor, 0) == 0 || errno == EINVAL; }
+
+} // namespace
+
+// fopen's own letter for this is not known to every system. A file is emptied last, so that one which does not open has
+// lost nothing.
 std::FILE* openFile(const char* path, const char* mode) {
     int flags = O_RDONLY;
-    if (mode[0] == 'w') flags = O_WRONLY | O_CREAT | O_TRUNC;
+    if (mode[0] == 'w') flags = O_WRONLY | O_CREAT;
     if (mode[0] == 'a') flags = O_WRONLY | O_CREAT | O_APPEND;
     const int descriptor = open(path, flags | O_CLOEXEC, 0666);
     if (descriptor < 0) return nullptr;
-    std::FILE* file = fdopen(descriptor, mode);
-    if (!file) close(descriptor);
-    return file;
+    File file(fdopen(descriptor, mode));
+    if (!file) {
+        close(descriptor);
+        return nullptr;
+    }
+    if (mode[0] == 'w' && !makeEmpty(descriptor)) return nullptr;
+    return file.release();
 }
 
 bool readFile(const char* path, char* buffer, long& length, int offset, bool binary) {

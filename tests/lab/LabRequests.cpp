@@ -13,7 +13,8 @@ constexpr std::size_t tcpBehindIp = 20;
 
 // The real headers' size, from the real length of an IPv6 packet too.
 std::size_t headersOf(lab::CapturedPacket& packet) {
-    packet.bytes.resize(packet.bytes.size() + tcpBehindIp); // the header sizes are read there, whatever is there
+    packet.bytes.resize(packet.bytes.size() +
+                        tcpBehindIp); // the header sizes are read there, whatever is there
     char* const bytes = packet.bytes.data();
     const int headers = TCPPacket::ipHeaderSize(bytes) + TCPPacket::tcpHeaderSize(bytes);
     packet.bytes.resize(packet.bytes.size() - tcpBehindIp);

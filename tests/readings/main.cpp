@@ -78,8 +78,8 @@ public:
 private:
     void add(const char* done, const std::string& payload) {
         const unsigned n = ++count_;
-        const std::string source =
-            "10." + std::to_string(n >> 16 & 255) + '.' + std::to_string(n >> 8 & 255) + '.' + std::to_string(n & 255);
+        const std::string source = "10." + std::to_string(n >> 16 & 255) + '.' +
+                                   std::to_string(n >> 8 & 255) + '.' + std::to_string(n & 255);
         auto packet = testsupport::PacketBuilder::ipv4().from(source, 50000).to("93.184.216.34", port_);
         file_.add(packet.payload(filledUp(payload)).bytes());
         auto buffer = packet.payload(payload).build();

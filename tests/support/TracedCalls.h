@@ -1,0 +1,40 @@
+#pragma once
+
+// A forked child in which one system call fails, or at one of which it is killed. Run again and again, each time with
+// the next call, it shows what comes of every failure. Linux alone can do that.
+
+#include <functional>
+#include <string>
+
+namespace testsupport {
+
+// In the body: the calls of this thread count from here on, or those of every thread.
+enum class CallsOf { thisThread, everyThread };
+void beginCalls(CallsOf threads = CallsOf::thisThread);
+void endCalls();
+
+struct TracedEnd {
+    std::string call; // the one that failed or was not made; empty when the body makes fewer
+    bool passed = false;
+    std::string how; // of what did not pass: its status, its signal or that it hung
+};
+
+// Runs `body` as passesInChild does. Its call with the number `number`, from 1, is not made and fails, as on a machine
+// that has no descriptor, thread, room on its disk or memory left; a close is made and fails.
+TracedEnd runWithFailure(const std::function<void()>& body, long number);
+
+// The same; the child is killed in front of that call. Passed when it was.
+TracedEnd runUntil(const std::function<void()>& body, long number);
+
+// Whether this process may trace its children.
+bool canTrace();
+
+// Runs `body` once for each call, until it makes fewer. Each run must pass, or end for want of memory in a call for
+// memory; whatever does not is a failure of the test. Returns the number of runs with a failure.
+long failEachCall(const std::function<void()>& body);
+
+// Runs `body` until it is killed in front of each call in turn, and `lookAt` behind it, in this process; the last time
+// behind a whole run. Returns the number of kills.
+long killAtEachCall(const std::function<void()>& body, const std::function<void(const TracedEnd&)>& lookAt);
+
+} // namespace testsupport
