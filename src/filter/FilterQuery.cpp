@@ -12,6 +12,7 @@
 #include "gp/GPThreadPool.h"
 #include "gp/GPTimer.h"
 #include "gp/Owned.h"
+#include "gp/TextCopy.h"
 #include "packet/HijackPacket.h"
 
 #include <atomic>
@@ -96,7 +97,7 @@ GPMutex* const FilterQuery::mutex = new GPMutex;
 void FilterQuery::send(const char* url, bool https, void* result) {
     if (Configuration::isVerbose()) logf("url being checked: %s", url);
     if (Configuration::isBalanced()) Configuration::nextServer();
-    threadPool.addOperation(filterThread, new THREADPARAMS{strdup(url), https, result});
+    threadPool.addOperation(filterThread, new THREADPARAMS{copyText(url), https, result});
 }
 
 void FilterQuery::filterThread(void* argument) {

@@ -18,7 +18,7 @@ class GPString;
 
 // One query on its way to the pool.
 struct THREADPARAMS {
-    char* url;    // own copy, from strdup; freed by filterThread
+    char* url;    // own copy; freed by filterThread
     bool https;   // the URL came from a TLS ClientHello
     void* result; // the caller's result record, gone by the time the pool thread runs: never read
 };

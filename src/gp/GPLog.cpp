@@ -3,6 +3,7 @@
 #include "gp/GPFilesystem.h"
 #include "gp/GPMutex.h"
 #include "gp/GuardedAppend.h"
+#include "gp/TextCopy.h"
 #include "gp/ThreadSafety.h"
 #include "gp/TimeZoneLock.h"
 #include "platform/Clock.h"
@@ -51,7 +52,7 @@ std::string currentLogName(int index) {
     const char* stem = logName.load(relaxed);
     if (!stem) {
         // A copy that is never freed: the text of the process name goes when another one is set.
-        stem = strdup(getProcessName());
+        stem = copyText(getProcessName());
         logName.store(stem, relaxed);
     }
     std::string name;

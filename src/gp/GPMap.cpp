@@ -7,6 +7,7 @@
 #include "gp/GPPair.h"
 #include "gp/GPString.h"
 #include "gp/Owned.h"
+#include "gp/TextCopy.h"
 
 #include <cstring>
 
@@ -79,12 +80,12 @@ GPList* GPMap::bucketForKey(const char* key) {
 void GPMap::setObject(GPObject* value, const char* key) {
     if (!value || !key) return;
     // Copied first: the key may be the text of the very pair that goes.
-    char* ownKey = strdup(key);
+    char* ownKey = copyText(key);
     removeObjectForKey(ownKey);
     addPair(ownKey, value);
 }
 
-void GPMap::setNewObject(GPObject* value, const char* key) { addPair(strdup(key), value); }
+void GPMap::setNewObject(GPObject* value, const char* key) { addPair(copyText(key), value); }
 
 void GPMap::addPair(char* ownKey, GPObject* value) {
     GPMutexLock guard(mutex_);

@@ -5,6 +5,7 @@
 #include "gp/GPString.h"
 #include "gp/GPThreadPool.h"
 #include "gp/Owned.h"
+#include "gp/TextCopy.h"
 #include "platform/ClosedOnExec.h"
 #include "platform/EventQueue.h"
 #include "platform/NameLookup.h"
@@ -75,7 +76,7 @@ void GPSockets::setPort(int port) {
 }
 
 void GPSockets::setServer(const char* host) {
-    char* copy = host ? strdup(host) : nullptr;
+    char* copy = host ? copyText(host) : nullptr;
     std::free(host_);
     host_ = copy;
 }

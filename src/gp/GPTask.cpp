@@ -142,7 +142,12 @@ GPString* GPTask::run(const char* commandLine) {
     Pipe failPipe;
     platform::ExecSign sign;
     const pid_t child = platform::forkChild();
-    if (child < 0) std::puts("error forking");
+    if (child < 0) {
+        std::puts("error forking");
+        ioPipe.closeBoth();
+        failPipe.closeBoth();
+        return nullptr;
+    }
     if (child == 0) childFork(ioPipe, commandLine, failPipe, sign);
 
     platform::ExecState state = sign.look(child);

@@ -25,4 +25,11 @@ public:
     long left() const;
 };
 
+// From now on the calling thread's allocation with that number, from 1, fails, and no other. Not under a checker, whose
+// allocator it is.
+void failAllocation(long number);
+
+// Whether it has come to that one. None fails from here on.
+bool allocationFailed();
+
 } // namespace testsupport

@@ -100,6 +100,7 @@ public:
         struct stat entry {};
         if (lstat(from, &entry) != 0) return resultOf(false, errno);
         if (lstat(to, &entry) == 0) return resultOf(false, EEXIST);
+        if (errno != ENOENT) return resultOf(false, errno);
         if (rename(from, to) == 0) return resultOf(true, 0);
         return errno == EXDEV ? moveAcross(from, to) : resultOf(false, errno);
     }

@@ -67,7 +67,8 @@ TEST_F(ConfigurationFailedCalls, OfASaveNeverLetItSayThatItWorked) {
         beginCalls();
         const bool saved = Configuration::saveConfig(true);
         endCalls();
-        const std::string logged = "[ERROR]: unable to write to configuration file " + root.configurationFile() + ".";
+        const std::string logged =
+            "[ERROR]: unable to write to configuration file " + root.configurationFile() + ".";
         EXPECT_TRUE(saved ? file() == with0_ : log.holds(logged)) << file();
     });
 }

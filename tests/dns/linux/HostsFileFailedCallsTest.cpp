@@ -77,27 +77,24 @@ TEST_F(HostsFileFailedCalls, OfAPinLeaveItWrittenAndRecordedOrNeither) {
 }
 
 TEST_F(HostsFileFailedCalls, OfARemovalAreMadeUpForByTheNext) {
-    const long failures = failEachCallOf(
-        [] { start(pinned); }, [] { removeHostEntry("a"); },
-        [] {
-            const std::string left = hostsBehindTheNextRemoval();
-            EXPECT_TRUE(left == pinned || left == ownLines) << left;
-        });
+    const long failures = failEachCallOf([] { start(pinned); }, [] { removeHostEntry("a"); },
+                                         [] {
+                                             const std::string left = hostsBehindTheNextRemoval();
+                                             EXPECT_TRUE(left == pinned || left == ownLines) << left;
+                                         });
     EXPECT_GE(failures, 20);
 }
 
 TEST_F(HostsFileFailedCalls, OfAnotherTryToCopyBackAreMadeUpForByTheNext) {
-    const long failures = failEachCallOf(
-        [] { startUnfinished(""); }, [] { removeHostEntry("b"); },
-        [] { EXPECT_EQ(hostsBehindTheNextRemoval(), ownLines); });
+    const long failures = failEachCallOf([] { startUnfinished(""); }, [] { removeHostEntry("b"); },
+                                         [] { EXPECT_EQ(hostsBehindTheNextRemoval(), ownLines); });
     EXPECT_GE(failures, 20);
 }
 
 TEST_F(HostsFileFailedCalls, OfAnotherTryKeepLinesThatWereAddedToAWholeFileMeanwhile) {
     const std::string withMore = std::string(ownLines) + "192.0.2.10 added.example\n";
-    const long failures = failEachCallOf(
-        [&] { startUnfinished(withMore); }, [] { removeHostEntry("b"); },
-        [&] { EXPECT_EQ(hostsBehindTheNextRemoval(), withMore); });
+    const long failures = failEachCallOf([&] { startUnfinished(withMore); }, [] { removeHostEntry("b"); },
+                                         [&] { EXPECT_EQ(hostsBehindTheNextRemoval(), withMore); });
     EXPECT_GE(failures, 20);
 }
 

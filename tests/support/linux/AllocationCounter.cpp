@@ -2,8 +2,10 @@
 
 #include "support/Sanitizers.h"
 
+#include <cerrno>
 #include <cstddef>
 #include <cstdlib>
+#include <utility>
 
 namespace {
 
@@ -11,6 +13,7 @@ thread_local bool counting = false;
 thread_local long allocations = 0;
 thread_local long allocatedBytes = 0;
 thread_local long givenBack = 0;
+thread_local long untilFailure = 0;
 
 void noteAllocation(std::size_t size) {
     if (!counting) return;
@@ -19,6 +22,13 @@ void noteAllocation(std::size_t size) {
 }
 
 #ifndef OSTLER_SANITIZED
+// Whether the allocation at hand is the one that fails.
+bool failsNow() {
+    if (untilFailure == 0 || --untilFailure > 0) return false;
+    errno = ENOMEM;
+    return true;
+}
+
 void noteFree(const void* block) {
     if (counting && block) ++givenBack;
 }
@@ -51,27 +61,32 @@ void* __libc_memalign(std::size_t alignment, std::size_t size);
 void __libc_free(void* block);
 
 void* malloc(std::size_t size) {
+    if (failsNow()) return nullptr;
     noteAllocation(size);
     return __libc_malloc(size);
 }
 
 void* calloc(std::size_t count, std::size_t size) {
+    if (failsNow()) return nullptr;
     noteAllocation(count * size);
     return __libc_calloc(count, size);
 }
 
 void* realloc(void* block, std::size_t size) {
+    if (failsNow()) return nullptr;
     noteAllocation(size);
     noteFree(block);
     return __libc_realloc(block, size);
 }
 
 void* memalign(std::size_t alignment, std::size_t size) {
+    if (failsNow()) return nullptr;
     noteAllocation(size);
     return __libc_memalign(alignment, size);
 }
 
 void* aligned_alloc(std::size_t alignment, std::size_t size) {
+    if (failsNow()) return nullptr;
     noteAllocation(size);
     return __libc_memalign(alignment, size);
 }
@@ -100,5 +115,9 @@ long AllocationCounter::count() const { return allocations; }
 long AllocationCounter::bytes() const { return allocatedBytes; }
 
 long AllocationCounter::left() const { return testsupport::sanitized ? 0 : allocations - givenBack; }
+
+void failAllocation(long number) { untilFailure = number; }
+
+bool allocationFailed() { return std::exchange(untilFailure, 0) == 0; }
 
 } // namespace testsupport
