@@ -3,10 +3,16 @@
 // A network of the test's own, in which every port is free, a disk of the test's own, which is soon full, and a
 // file of the system that the test plays.
 
+#include <sys/types.h>
+
 #include <functional>
 #include <string>
 
 namespace testsupport {
+
+// As fork, for a process of one thread and a child that makes a user namespace, which none with two can: the thread
+// check gives each child of fork a thread of its own.
+pid_t forkAlone();
 
 enum class NamespaceResult { passed, failed, unavailable };
 

@@ -4,6 +4,7 @@
 
 #include "support/Eventually.h"
 #include "support/ManualClock.h"
+#include "support/NetworkNamespace.h"
 #include "support/Patience.h"
 #include "support/Sanitizers.h"
 
@@ -75,7 +76,7 @@ bool enterNamespace() {
 template <class Story>
 int overEmptyRun(Story story) {
     std::fflush(nullptr);
-    const pid_t child = fork();
+    const pid_t child = testsupport::forkAlone();
     if (child == 0) {
         alarm(testsupport::patience.count());
         if (!enterNamespace()) _exit(noNamespace);

@@ -1,5 +1,7 @@
 #include "platform/HostName.h"
 
+#include "support/NetworkNamespace.h"
+
 #include <gtest/gtest.h>
 
 #include <pwd.h>
@@ -20,7 +22,7 @@ TEST(HostName, OfThisSystemIsTheKernelsOwn) {
 }
 
 TEST(HostName, OfThisSystemMayBeMissing) {
-    const pid_t child = fork();
+    const pid_t child = testsupport::forkAlone();
     if (child == 0) {
         if (unshare(CLONE_NEWUSER | CLONE_NEWUTS) != 0 || sethostname("", 0) != 0) _exit(77);
         _exit(system().currentHostName() ? 1 : 0);

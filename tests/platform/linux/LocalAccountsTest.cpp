@@ -2,6 +2,7 @@
 
 #include "platform/linux/LocalAccounts.h"
 
+#include "support/NetworkNamespace.h"
 #include "support/Patience.h"
 #include "support/TemporaryFolder.h"
 
@@ -71,7 +72,7 @@ int onMachineWith(const std::string& accounts, const std::string& groups, Story 
     testsupport::writeAll(folder.file("group"), groups);
     testsupport::writeAll(folder.file("nsswitch"), "passwd: files\ngroup: files\n");
     std::fflush(nullptr);
-    const pid_t child = fork();
+    const pid_t child = testsupport::forkAlone();
     if (child == 0) {
         alarm(testsupport::patience.count());
         if (!enterNamespace() || !putInPlaceOf("/etc/passwd", folder.file("passwd")) ||

@@ -4,6 +4,7 @@
 #include "support/Patience.h"
 
 #include "support/ManualClock.h"
+#include "support/NetworkNamespace.h"
 
 #include <gtest/gtest.h>
 
@@ -71,7 +72,7 @@ long lostMessages() {
 // Runs `story` in a namespace of its own and answers its exit status; blocks for ever when the story does.
 template <class Story>
 int inNamespace(Story story) {
-    const pid_t child = fork();
+    const pid_t child = testsupport::forkAlone();
     if (child == 0) {
         if (unshare(CLONE_NEWUSER | CLONE_NEWNET) != 0) _exit(noNamespace);
         alarm(testsupport::patience.count());

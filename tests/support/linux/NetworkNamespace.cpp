@@ -56,7 +56,7 @@ bool mountSmallDisk(const std::string& folder, std::size_t bytes) {
 // Runs `body` in a forked child in which `enter` has worked.
 NamespaceResult runBehind(const std::function<bool()>& enter, const std::function<void()>& body) {
     std::fflush(nullptr);
-    const pid_t child = fork();
+    const pid_t child = forkAlone();
     if (child == 0) {
         if (!enter()) _exit(noNamespace);
         endAfter(body);
@@ -68,6 +68,8 @@ NamespaceResult runBehind(const std::function<bool()>& enter, const std::functio
 }
 
 } // namespace
+
+pid_t forkAlone() { return _Fork(); }
 
 NamespaceResult runInNetworkNamespace(const std::function<void()>& body) {
     return runBehind([] { return enterNamespace(CLONE_NEWNET) && raiseLoopback(); }, body);
