@@ -8,6 +8,9 @@
 
 #include <sys/socket.h>
 
+#include <string>
+#include <utility>
+
 namespace {
 
 using Lines = std::vector<std::string>;
@@ -137,6 +140,37 @@ TEST_F(ServersHttpsCheck, ARingThatANewListTakesAwayEndsWhenEveryNewServerWasAsk
     EXPECT_EQ(service.requests("/fernhill_ping/").size(), 4u); // a, b, and once each of x and y
     EXPECT_TRUE(usesHttps("x.example"));
     EXPECT_TRUE(usesHttps("y.example"));
+}
+
+// Moves the current server on, as a filter query does, when a server is looked up for the first time.
+class Step final : public platform::NameLookup {
+public:
+    Step(platform::NameLookup& names, std::string server) : names_(names), server_(std::move(server)) {}
+
+    bool gethostbyname2(const char* name, int family, platform::HostEntry& entry) override {
+        if (server_ == name) {
+            server_.clear();
+            Configuration::nextServer();
+        }
+        return names_.gethostbyname2(name, family, entry);
+    }
+
+    bool gethostbyname(const char* name, platform::HostEntry& entry) override {
+        return gethostbyname2(name, AF_INET, entry);
+    }
+
+private:
+    platform::NameLookup& names_;
+    std::string server_;
+};
+
+TEST_F(ServersHttpsCheck, ARingThatIsMovedPastItsFirstServerGoesAroundOnceMore) {
+    givenServers({"a.example", "b.example", "c.example"});
+    platform::nameLookupService.install(*new Step(names, "c.example")); // so a is current, and b the next
+    Configuration::setVerboseMode(true);
+    probe();
+    EXPECT_EQ(service.requests("/fernhill_ping/").size(), 5u); // a, b, c, and once more b and c
+    EXPECT_STREQ(Configuration::serverName(), "a.example");
 }
 
 TEST_F(ServersHttpsCheck, TheMarkIsNotStored) {

@@ -75,6 +75,17 @@ TEST_F(GPHTTPRequest, AFormFieldMakesAPostWithItsLength) {
                                     "Content-Length: 10\r\nConnection: close\r\n\r\nname=a b&c");
 }
 
+TEST_F(GPHTTPRequest, APostWithoutFieldsHasAnEmptyBody) {
+    AnswerServer server({"x"});
+    GPHTTP request(server.url("/form").c_str());
+    request.setHTTPMethod(GPHTTPMethodPost);
+    request.startSync();
+    const std::string sent = server.request();
+    EXPECT_EQ(sent.substr(0, 11), "POST /form ");
+    EXPECT_NE(sent.find("\r\nContent-Length: 0\r\n"), std::string::npos);
+    EXPECT_EQ(sent.substr(sent.find("\r\n\r\n")), "\r\n\r\n");
+}
+
 TEST_F(GPHTTPRequest, OfAFormWithMoreFieldsOnlyTheFirstKeyOfTheMapGoesOut) {
     AnswerServer server({"x"});
     GPHTTP request(server.url("/form").c_str());

@@ -104,6 +104,7 @@ TEST(StringFunctions, Base10TakesAMinusAndNoPlus) {
     EXPECT_EQ(base10("- 4"), 0);
     EXPECT_EQ(base10("x"), 0);
     EXPECT_EQ(base10(""), 0);
+    EXPECT_EQ(base10(noText), 0);
     EXPECT_EQ(base10("007"), 7);
     EXPECT_EQ(base10("2147483647"), 2147483647);
     EXPECT_EQ(base10("-2147483648"), -2147483647 - 1);

@@ -338,6 +338,13 @@ TEST_F(UserAuthTest, TheLdapConfigurationsHaveNoEffectOnTheGroups) {
     EXPECT_EQ(printedBy([] { EXPECT_EQ(groups(), Calls{"(null)"}); }), "");
 }
 
+TEST_F(UserAuthTest, AnEmptyFolderOfLdapConfigurationsHasNoEffectEither) {
+    tools.configureLdap();
+    tools.writeOverride("<Ldap><User>admin</User></Ldap>");
+    queried();
+    EXPECT_EQ(printedBy([] { EXPECT_EQ(groups(), Calls{"(null)"}); }), "");
+}
+
 TEST_F(UserAuthTest, GroupNamesAreTheFirstWordsBehindTheDomain) {
     setCachedDomain("CORP");
     EXPECT_EQ(netbiosNames({"CN=Staff,OU=Groups,DC=x", "cn=All Hands,dc=y"}),

@@ -177,6 +177,14 @@ TEST_F(EventQueue, AnUnknownFilterIsAnErrorEvent) {
     EXPECT_EQ(event_.data, EINVAL);
 }
 
+TEST_F(EventQueue, AChangeThatNeitherAddsNorDeletesIsAnErrorEvent) {
+    ASSERT_EQ(waitShortly(change(mine_.descriptor(), EVFILT_READ, EV_CLEAR)), 1);
+    EXPECT_EQ(event_.flags, EV_ERROR);
+    EXPECT_EQ(event_.data, EINVAL);
+    other_.send("unseen");
+    EXPECT_EQ(waitShortly(nullptr), 0);
+}
+
 TEST_F(EventQueue, AClosedPeerIsEndOfFileWithTheBytesThatAreLeft) {
     other_.send("rest");
     other_.close();

@@ -201,6 +201,12 @@ TEST_F(SecureTransport, NothingIsMovedBeforeTheHandshake) {
     EXPECT_EQ(read(1), errSSLClosedAbort);
 }
 
+TEST_F(SecureTransport, WithoutTransferFunctionsTheHandshakeFails) {
+    SSLSetIOFuncs(context(), nullptr, nullptr);
+    EXPECT_EQ(SSLHandshake(context()), errSSLProtocol);
+    EXPECT_EQ(SSLHandshake(context()), errSSLClosedAbort);
+}
+
 TEST_F(SecureTransport, TheTransferFunctionsStatusEndsTheHandshake) {
     Peer quiet;
     testsupport::connectedPair(connection_, quiet);
