@@ -225,6 +225,18 @@ TEST_F(SecureTransport, APeerThatLeavesWithoutAWordIsAGracefulCloseOfTheTransfer
     EXPECT_EQ(read(1), errSSLClosedGraceful);
 }
 
+TEST_F(SecureTransport, AWriteThatTheTransferRefusesFailsWithItsStatusAndForGood) {
+    TlsServer server(certificate_, [](SSL*) {});
+    connect(server);
+    ASSERT_EQ(shakeHands(), noErr);
+    SSLSetIOFuncs(context(), readWire, [](SSLConnectionRef, const void*, std::size_t* length) -> OSStatus {
+        *length = 0;
+        return ioErr;
+    });
+    EXPECT_EQ(write("x"), ioErr);
+    EXPECT_EQ(write("x"), errSSLClosedAbort);
+}
+
 TEST_F(SecureTransport, CloseTellsThePeerAndRefusesWhatFollows) {
     int end = SSL_ERROR_NONE;
     TlsServer server(certificate_, [&](SSL* session) {
