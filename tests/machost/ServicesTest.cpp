@@ -15,6 +15,7 @@
 #include "support/PlayedDirectory.h"
 #include "support/PlayedHostName.h"
 #include "support/PlayedNames.h"
+#include "support/Sanitizers.h"
 #include "support/ScratchRoot.h"
 #include "support/SlapdServer.h"
 #include "support/StandInPrograms.h"
@@ -138,7 +139,14 @@ protected:
 
 using DirectoryServices = Services;
 using FileServices = Services;
-using TransferServices = Services;
+
+// A server of the test's beside the services, which make threads of their own.
+class TransferServices : public Services {
+protected:
+    void SetUp() override {
+        if (testsupport::threadsChecked) GTEST_SKIP() << "the checker lets no child of this make threads";
+    }
+};
 
 std::string answer(const std::string& status, const std::string& body) {
     return "HTTP/1.1 " + status + "\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;

@@ -4,11 +4,17 @@
 // lives on (address space, descriptors) is left to the plain builds.
 
 #if defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define OSTLER_THREADS_CHECKED
+#endif
 #if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer) || __has_feature(memory_sanitizer)
 #define OSTLER_SANITIZED
 #endif
 #elif defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 #define OSTLER_SANITIZED
+#endif
+#ifdef __SANITIZE_THREAD__
+#define OSTLER_THREADS_CHECKED
 #endif
 
 namespace testsupport {
@@ -17,6 +23,13 @@ namespace testsupport {
 constexpr bool sanitized = true;
 #else
 constexpr bool sanitized = false;
+#endif
+
+// Whether it runs under the thread checker, which lets no child that was forked beside a thread start one.
+#ifdef OSTLER_THREADS_CHECKED
+constexpr bool threadsChecked = true;
+#else
+constexpr bool threadsChecked = false;
 #endif
 
 } // namespace testsupport
