@@ -177,11 +177,12 @@ void PolicyAgent::handleFrame(const AgentFrame& frame) {
         }
         deferring_ |= !ownTime_ && !policy_.pushes().empty();
     }
+    const std::uint32_t number = numberOf_ ? numberOf_(frame.sequence) : frame.sequence;
     if (frame.type == policyFrame && deferring_) {
-        deferred_.emplace_back(frame.sequence, urlOf(frame.body));
+        deferred_.emplace_back(number, urlOf(frame.body));
         ++counters_.deferred;
     } else if (frame.type == policyFrame) {
-        answer(frame.sequence, urlOf(frame.body));
+        answer(number, urlOf(frame.body));
     }
     changed_.notify_all();
 }

@@ -53,6 +53,10 @@ public:
     // Before start: a test's own conduct, asked for each question; nothing leaves it to the policy.
     void setConduct(ConductOf conduct) { conduct_ = std::move(conduct); }
 
+    // Before start: under which number a question is taken and answered, for a test; its own unless told.
+    using NumberOf = std::function<std::uint32_t(std::uint32_t sequence)>;
+    void setNumbers(NumberOf numberOf) { numberOf_ = std::move(numberOf); }
+
     // Binds both ports. Throws InputError when one is taken.
     void listen();
 
@@ -121,6 +125,7 @@ private:
     Policy policy_;
     const bool ownTime_;
     ConductOf conduct_;
+    NumberOf numberOf_;
 
     std::mutex mutex_; // guards all below but the descriptors that only the thread touches
     std::condition_variable changed_;

@@ -2,8 +2,10 @@
 
 #include "filter/FilterQuery.h"
 #include "gp/GPThreadPool.h"
+#include "lab/DrawnNumbers.h"
 #include "lab/PrivateNetwork.h"
 #include "lab/Stage.h"
+#include "packet/SysctlResult.h"
 #include "platform/ByteOrder.h"
 
 #include <fmt/format.h>
@@ -19,8 +21,10 @@
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <optional>
 #include <stdexcept>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -33,12 +37,15 @@ constexpr int slots = FilterQuery::queryThreads;
 
 // How long nothing may come to its end before the slots count as lost.
 constexpr std::chrono::seconds patience{30};
-constexpr int patienceMilliseconds = 30000;
+constexpr int ownMilliseconds = 30000;
 
 // Operations that may be open in the pool, since each can have a thread on its way out; and questions between two moves
 // of time.
 constexpr long mostOpen = 300;
 constexpr long questionsAtOnce = 100;
+
+// How long slots beyond those that are expected have to show.
+constexpr int surplusMilliseconds = 500;
 
 // Behind the longest life of a record.
 constexpr std::int64_t recordMicroseconds = 121 * std::int64_t{1000000};
@@ -156,51 +163,76 @@ std::vector<char> requestFor(const std::string& host, long number) {
     return packet;
 }
 
+constexpr char hostStart[] = "http://h";
+
 // The daemon with its stand-ins, and the questions that go through it.
 class DaemonProof {
 public:
-    DaemonProof() : stage_("", Policy::parse("silent http://occupy*\nallow *\n", "policy"), now_) {
+    explicit DaemonProof(const SlotOptions& options)
+        : options_(options), stage_("", Policy::parse("silent http://occupy*\nallow *\n", "policy"), now_) {
         stage_.root.configure(false, 0);
-        stage_.agent.setConduct([this](std::uint32_t number, const std::string&) {
-            noteNumber(number);
+        stage_.agent.setNumbers(options.numberOf);
+        stage_.agent.setConduct([this](std::uint32_t number, const std::string& url) {
+            if (url.rfind(hostStart, 0) == 0)
+                numbers_.note(number, std::strtol(url.c_str() + sizeof hostStart - 1, nullptr, 10));
             return std::nullopt;
         });
         if (!stage_.raise())
             throw std::runtime_error("the daemon did not come up:\n" + stage_.root.outputTail());
     }
 
-    bool prove(long questions) {
+    bool prove() {
+        const long questions = options_.questions;
         for (long asked = 0; asked < questions; asked += questionsAtOnce) {
             const long until = std::min(questions, asked + questionsAtOnce);
             for (long number = asked; number < until; ++number)
-                present("h" + std::to_string(number) + ".example.org", number);
+                present(number);
             if (!answersReach(until)) break;
+            countAstray(numbers_.takeShared());
             passTime();
         }
         const PolicyAgent::Counters counters = stage_.agent.counters();
         stage_.agent.takeQuestions();
         const long live = liveSlots();
-        fmt::print(
-            "daemon  {} questions, {} asked, {} answered, {} numbers drawn twice, {} of {} slots live\n",
-            questions, counters.questions, counters.answers, drawnTwice_.load(), live, slots);
-        return counters.answers == questions && live == slots;
+        fmt::print("daemon  {} questions, {} asked, {} answered, {} under a number drawn twice, "
+                   "{} of {} slots live, {} wait under such a number\n",
+                   questions, counters.questions, counters.answers, shared_, live, slots, astray_);
+        return counters.answers == questions && live + astray_ == slots;
     }
 
 private:
-    void present(const std::string& host, long number) {
-        if (!stage_.extension.present(Direction::out, requestFor(host, number), patienceMilliseconds))
-            throw std::runtime_error("the daemon answers no packets");
+    // What the daemon says to that question's request.
+    int present(long number, const std::string& host) {
+        const auto result =
+            stage_.extension.present(Direction::out, requestFor(host, number), ownMilliseconds);
+        if (!result) throw std::runtime_error("the daemon answers no packets");
+        return result->result;
     }
+    int present(long number) { return present(number, "h" + std::to_string(number) + ".example.org"); }
 
     bool answersReach(long count) {
         long seen = -1;
         for (;;) {
             stage_.agent.takeQuestions();
             const auto reached = [count](const auto& counters) { return counters.answers >= count; };
-            if (stage_.agent.waitUntil(reached, patienceMilliseconds)) return true;
+            if (stage_.agent.waitUntil(reached, ownMilliseconds)) return true;
             const long now = stage_.agent.counters().answers;
             if (now == seen) return false;
             seen = now;
+        }
+    }
+
+    // Of answered questions that shared a number: those whose request is held all the same wait for ever.
+    void countAstray(const std::vector<long>& shared) {
+        shared_ += static_cast<long>(shared.size());
+        const auto limit = steady_clock::now() + std::chrono::milliseconds(options_.patienceMilliseconds);
+        for (const long number : shared) {
+            int result = present(number);
+            while (result == resultHold && steady_clock::now() < limit) {
+                std::this_thread::sleep_for(std::chrono::milliseconds(1));
+                result = present(number);
+            }
+            if (result == resultHold) ++astray_;
         }
     }
 
@@ -209,24 +241,23 @@ private:
         passTime();
         const long before = stage_.agent.counters().questions;
         for (int i = 0; i < slots; ++i)
-            present("occupy" + std::to_string(i) + ".example.org", i);
-        stage_.agent.waitUntil([&](const auto& counters) { return counters.questions >= before + slots; },
-                               patienceMilliseconds);
+            present(i, "occupy" + std::to_string(i) + ".example.org");
+        const auto awaitMore = [&](long wanted, int milliseconds) {
+            stage_.agent.waitUntil(
+                [&](const auto& counters) { return counters.questions >= before + wanted; }, milliseconds);
+        };
+        awaitMore(slots - astray_, options_.patienceMilliseconds);
+        if (astray_ > 0) awaitMore(slots, surplusMilliseconds);
         return stage_.agent.counters().questions - before;
-    }
-
-    // The daemon's threads can draw one number for two questions. On the agent's thread.
-    void noteNumber(std::uint32_t number) {
-        std::uint32_t& known = numbers_[number % numbers_.size()];
-        if (known == number) ++drawnTwice_;
-        known = number;
     }
 
     void passTime() { stage_.clock.set(now_ += recordMicroseconds); }
 
+    const SlotOptions& options_;
     std::int64_t now_ = 1500000000 * std::int64_t{1000000};
-    std::array<std::uint32_t, 1024> numbers_{};
-    std::atomic<long> drawnTwice_{0};
+    DrawnNumbers numbers_;
+    long shared_ = 0; // questions whose number another had
+    long astray_ = 0; // of these, those that wait for ever
     Stage stage_;
 };
 
@@ -234,9 +265,9 @@ private:
 
 int proveSlots(const SlotOptions& options) {
     enterPrivateNetwork();
-    DaemonProof daemon;
+    DaemonProof daemon(options);
     const Hogs hogs;
-    const bool daemonHolds = daemon.prove(options.questions);
+    const bool daemonHolds = daemon.prove();
     std::fflush(stdout); // the other takes minutes
     const bool poolHolds = provePool(options.operations);
     return daemonHolds && poolHolds ? 0 : 1;
