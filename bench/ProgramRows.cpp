@@ -3,10 +3,6 @@
 #include "bench/Traffic.h"
 #include "bench/WholeProgram.h"
 
-#include "lab/PrivateNetwork.h"
-
-#include <unistd.h>
-
 namespace bench {
 namespace {
 

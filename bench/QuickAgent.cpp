@@ -3,7 +3,6 @@
 #include "agent/OstComm.h"
 #include "lab/AgentFrame.h"
 
-#include <arpa/inet.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>

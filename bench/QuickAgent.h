@@ -6,8 +6,6 @@
 #include "bench/Turns.h"
 
 #include <atomic>
-#include <cstdint>
-#include <functional>
 #include <string>
 #include <vector>
 

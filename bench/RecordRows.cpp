@@ -4,8 +4,6 @@
 #include "bench/Workers.h"
 
 #include "packet/HijackPacket.h"
-#include "packet/PacketVerdicts.h"
-#include "packet/SysctlResult.h"
 #include "packet/TCPPacket.h"
 #include "support/PacketBuilder.h"
 

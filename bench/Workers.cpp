@@ -1,6 +1,5 @@
 #include "bench/Workers.h"
 
-#include "bench/DaemonState.h"
 #include "packet/PacketFilter.h"
 #include "packet/PacketVerdicts.h"
 #include "packet/SysctlResult.h"

@@ -1,11 +1,12 @@
 // The decision on a DNS reply, over any bytes in a receive buffer.
 
 #include "dns/DNSPacket.h"
-#include "fuzz/FuzzInput.h"
 #include "packet/SysctlResult.h"
 #include "packet/TCPPacket.h"
 
 #include <algorithm>
+#include <cstddef>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <vector>

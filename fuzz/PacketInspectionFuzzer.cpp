@@ -1,11 +1,12 @@
 // Every operation on one packet, over any bytes in a receive buffer.
 
-#include "fuzz/FuzzInput.h"
 #include "gp/GPString.h"
 #include "gp/Owned.h"
 #include "packet/TCPPacket.h"
 
 #include <algorithm>
+#include <cstddef>
+#include <cstdint>
 #include <cstring>
 #include <vector>
 

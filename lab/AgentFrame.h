@@ -4,10 +4,8 @@
 // Written apart from the daemon's own code, so that a slip there does not meet itself here. Needs no more than
 // POSIX.
 
-#include "agent/OstComm.h"
 #include "platform/ByteOrder.h"
 
-#include <arpa/inet.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 

@@ -1,5 +1,6 @@
 #include "lab/Capture.h"
 
+#include "lab/Policy.h"
 #include "platform/ByteOrder.h"
 
 #include <fmt/format.h>

@@ -2,8 +2,6 @@
 
 // The IP packets of a capture file, one at a time, whatever link they were recorded on.
 
-#include "lab/Policy.h"
-
 #include <cstdint>
 #include <memory>
 #include <string>

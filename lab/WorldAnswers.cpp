@@ -23,7 +23,6 @@
 #include <map>
 #include <string>
 #include <thread>
-#include <vector>
 
 namespace lab {
 namespace {

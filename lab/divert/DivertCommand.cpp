@@ -2,6 +2,7 @@
 
 #include "lab/CheckedProgram.h"
 #include "lab/Stage.h"
+#include "lab/divert/ClientCommand.h"
 #include "lab/divert/LabNetwork.h"
 #include "lab/divert/LabServers.h"
 #include "lab/divert/LiveRun.h"

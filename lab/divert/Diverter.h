@@ -17,9 +17,7 @@
 #include "lab/divert/PacketQueue.h"
 #include "lab/divert/SegmentSender.h"
 
-#include <atomic>
 #include <mutex>
-#include <string>
 #include <thread>
 
 namespace lab {

@@ -1,5 +1,6 @@
 #include "lab/divert/LiveRun.h"
 
+#include "lab/divert/ClientCommand.h"
 #include "lab/divert/LabNetwork.h"
 #include "lab/divert/ProcessFigures.h"
 

@@ -5,7 +5,6 @@
 
 #include "lab/Stage.h"
 #include "lab/TableReport.h"
-#include "lab/divert/ClientCommand.h"
 #include "lab/divert/DivertCommand.h"
 #include "lab/divert/Diverter.h"
 #include "lab/divert/Recorder.h"

@@ -4,7 +4,6 @@
 
 #include "lab/Capture.h"
 
-#include <string>
 #include <vector>
 
 namespace lab {

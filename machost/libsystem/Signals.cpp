@@ -3,7 +3,6 @@
 #include "machost/libsystem/Errors.h"
 #include "machost/libsystem/Library.h"
 
-#include <pthread.h>
 #include <signal.h>
 #include <unistd.h>
 

@@ -5,7 +5,6 @@
 // and what is left at the end of the program is told. Any thread.
 
 #include <cstddef>
-#include <cstdint>
 #include <new>
 #include <utility>
 

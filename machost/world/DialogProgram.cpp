@@ -1,6 +1,7 @@
 #include "machost/world/DialogProgram.h"
 
 #include "machost/world/Clock.h"
+#include "machost/world/World.h"
 
 #include <fcntl.h>
 #include <poll.h>

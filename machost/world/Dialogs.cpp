@@ -1,6 +1,7 @@
 #include "machost/world/Dialogs.h"
 
 #include "machost/world/DialogProgram.h"
+#include "machost/world/World.h"
 
 #include <poll.h>
 #include <sys/eventfd.h>

@@ -2,8 +2,6 @@
 
 // A dialog on the console user's screen.
 
-#include "machost/world/World.h"
-
 #include <memory>
 #include <string>
 #include <utility>

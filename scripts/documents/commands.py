@@ -5,6 +5,7 @@ import pathlib
 import re
 
 TOP = pathlib.Path(__file__).resolve().parent.parent.parent
+OR = "\0"  # between the names of a quoted pattern, where a table writes \\|
 TEST = re.compile(r"^TEST(?:_F|_P)?\(\s*(\w+),\s*(\w+)\)", re.MULTILINE)
 
 
@@ -68,9 +69,10 @@ def ctest(words):
     for option, value in zip(words, words[1:]):
         if option == "-L" and not (TOP / "tests" / value).is_dir():
             return f"no test has the label {value}"
-        if option == "-R" and not any(value in f"{suite}.{name}" for file in (TOP / "tests").rglob("*.cpp")
-                                      for suite, name in TEST.findall(file.read_text())):
-            return f"no test is called {value}"
+        for part in value.strip("'").split(OR) if option == "-R" else ():
+            if not any(part in f"{suite}.{name}" for file in (TOP / "tests").rglob("*.cpp")
+                       for suite, name in TEST.findall(file.read_text())):
+                return f"no test is called {part}"
     return None
 
 
@@ -84,6 +86,7 @@ def is_command(text):
 
 def faults(text):
     """What is wrong with a text, if it is a command or several."""
+    text = re.sub("'[^']*'", lambda quoted: quoted[0].replace("\\|", OR), text)
     for command in re.split(r"\s*(?:&&|;|\||\s#.*)\s*", re.sub(r"[][]", " ", text)):
         words = command.removeprefix("sudo ").split()
         if not words:

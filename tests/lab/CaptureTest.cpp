@@ -1,4 +1,5 @@
 #include "lab/Capture.h"
+#include "lab/Policy.h"
 
 #include "lab/LabCaptures.h"
 #include "support/PacketBuilder.h"

@@ -2,7 +2,7 @@
 
 #include "lab/WorldAnswers.h"
 #include "lab/WorldServer.h"
-#include "machost/Imports.h"
+#include "machost/MacQueueWords.h"
 #include "machost/Settings.h"
 #include "support/LoopbackPeer.h"
 #include "support/ManualClock.h"
@@ -22,28 +22,9 @@
 
 namespace {
 
-template <class Function>
-Function* played(const char* symbol) {
-    return reinterpret_cast<Function*>(
-        const_cast<void*>(machost::findImport("/usr/lib/libSystem.B.dylib", symbol)->address));
-}
+using namespace machosttest;
 
-int programError() { return *played<int*()>("___error")(); }
-
-// <sys/event.h>, <netinet/in.h> and <sys/kern_control.h> of the Mac, with its error numbers.
-struct Event {
-    std::uint64_t ident;
-    std::int16_t filter;
-    std::uint16_t flags;
-    std::uint32_t filterFlags;
-    std::int64_t data;
-    void* user;
-};
-struct Limit {
-    std::int64_t seconds, nanoseconds;
-};
-constexpr std::int16_t readFilter = -1, writeFilter = -2;
-constexpr std::uint16_t add = 1, ended = 0x8000;
+// <netinet/in.h> of the Mac, with its error numbers.
 struct Address {
     std::uint8_t length = 16, family = 2;
     std::uint16_t port = 0;
@@ -84,10 +65,8 @@ protected:
     Event wait(std::int64_t seconds) const {
         const Event watched[] = {{static_cast<std::uint64_t>(client), readFilter, add, 0, 0, nullptr},
                                  {static_cast<std::uint64_t>(client), writeFilter, add, 0, 0, nullptr}};
-        const Limit limit{seconds, 0};
-        Event found{};
-        played<int(int, const Event*, int, Event*, int, const Limit*)>("_kevent")(queue, watched, 2, &found,
-                                                                                  1, &limit);
+        Event found;
+        waitAt(queue, watched, 2, seconds, found);
         return found;
     }
 
