@@ -5,11 +5,12 @@ import subprocess
 
 NOTE = ".ci/landed"
 HOURS = 4  # longer than one change takes from its first commit to its last
+NOTHING = "4b825dc642cb6eb9a060e54bf8d69288fbee4904"  # the tree without a file, which every repository knows
 
 
-def lines_since(root, commit):
-    """For each file of src/ the lines that the work tree has and the commit has not."""
-    diff = _git(root, "diff", "--unified=0", "--no-color", "--no-ext-diff", commit, "--", "src")
+def lines_since(root, commit, *paths):
+    """For each file below the paths the lines that the work tree has and the commit has not."""
+    diff = _git(root, "diff", "--unified=0", "--no-color", "--no-ext-diff", commit, "--", *paths)
     found, file = {}, None
     for line in diff.splitlines():
         if line.startswith("+++ "):
@@ -23,7 +24,8 @@ def lines_since(root, commit):
 
 def last_landed(root):
     """The commit that the change began with, and how that is known: the branch that it goes to, else the note that
-    goes along with the change, else the commits of the last hours before the newest."""
+    goes along with the change, else the commits of the last hours before the newest. Where the clone does not reach
+    back that far, all that there is has changed."""
     head = _git(root, "rev-parse", "HEAD").strip()
     target = _commit(root, "origin/HEAD") or _commit(root, "origin/main") or _commit(root, "origin/master")
     if target:
@@ -32,12 +34,13 @@ def last_landed(root):
             return base, "where origin is"
     note = pathlib.Path(root, NOTE)
     noted = _commit(root, note.read_text().strip()) if note.exists() else None
-    if noted and noted != head and _is_ancestor(root, noted, head):
+    if noted and _is_ancestor(root, noted, head):
         return noted, f"as {NOTE} says"
+    why = f"{NOTE} names no commit of this history"
     newest = int(_git(root, "show", "-s", "--format=%ct", head))
-    recent = _git(root, "rev-list", f"--since={newest - HOURS * 3600}", head).split()
-    oldest = recent[-1] if recent else head
-    return _commit(root, oldest + "~1") or oldest, f"the commits of {HOURS} hours"
+    oldest = _git(root, "rev-list", f"--since={newest - HOURS * 3600}", head).split()[-1]
+    before = _commit(root, oldest + "~1")
+    return (before, f"{why}: the commits of {HOURS} hours") if before else (NOTHING, f"{why}, nor does it go back: all of it")
 
 
 def _commit(root, name):

@@ -96,11 +96,11 @@ class Judge:
         self._judge(tree.replaced(programs), 0, mutant)
 
     def _judge(self, replaced, number, mutant):
-        if time.monotonic() > self._deadline:
-            self._tell(Verdict(mutant, NOT_JUDGED))
-            return
         unsteady, count = [], 0
         for case in self._chooser.tests(mutant):
+            if time.monotonic() > self._deadline:
+                self._tell(Verdict(mutant, NOT_JUDGED))
+                return
             count += 1
             if self._passes(case, replaced, number):
                 continue

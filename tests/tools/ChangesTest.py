@@ -28,17 +28,17 @@ class Changes(unittest.TestCase):
         first = self.commit("src/gp/A.cpp", "one\ntwo\nthree\n")
         self.commit("src/gp/A.cpp", "one\n2\nthree\nfour\n")
         self.commit("tests/ATest.cpp", "not the program's\n")
-        self.assertEqual(changes.lines_since(self.root, first), {"src/gp/A.cpp": {2, 4}})
+        self.assertEqual(changes.lines_since(self.root, first, "src"), {"src/gp/A.cpp": {2, 4}})
 
     def test_count_what_is_not_committed_yet(self):
         first = self.commit("src/gp/A.cpp", "one\n")
         (self.root / "src/gp/A.cpp").write_text("one\ntwo\n")
-        self.assertEqual(changes.lines_since(self.root, first), {"src/gp/A.cpp": {2}})
+        self.assertEqual(changes.lines_since(self.root, first, "src"), {"src/gp/A.cpp": {2}})
 
     def test_have_no_lines_where_some_only_went(self):
         first = self.commit("src/gp/A.cpp", "one\ntwo\n")
         self.commit("src/gp/A.cpp", "one\n")
-        self.assertEqual(changes.lines_since(self.root, first).get("src/gp/A.cpp", set()), set())
+        self.assertEqual(changes.lines_since(self.root, first, "src").get("src/gp/A.cpp", set()), set())
 
     def test_begin_where_origin_is(self):
         landed = self.commit("a", "1")
@@ -56,7 +56,7 @@ class Changes(unittest.TestCase):
         self.commit("a", "1", "2020-01-01T00:00:00Z")
         old = self.commit("b", "2", "2020-01-01T01:00:00Z")
         self.commit(changes.NOTE, "0" * 40 + "\n", "2020-01-02T00:00:00Z")
-        self.assertEqual(changes.last_landed(self.root), (old, "the commits of 4 hours"))
+        self.assertEqual(changes.last_landed(self.root), (old, ".ci/landed names no commit of this history: the commits of 4 hours"))
 
     def test_do_not_believe_a_note_of_another_branch(self):
         old = self.commit("a", "1", "2020-01-01T00:00:00Z")
@@ -64,13 +64,24 @@ class Changes(unittest.TestCase):
         aside = self.commit("b", "2", "2020-01-01T01:00:00Z")
         git(self.root, "checkout", "-q", "main")
         self.commit(changes.NOTE, aside + "\n", "2020-01-02T00:00:00Z")
-        self.assertEqual(changes.last_landed(self.root), (old, "the commits of 4 hours"))
+        self.assertEqual(changes.last_landed(self.root), (old, ".ci/landed names no commit of this history: the commits of 4 hours"))
 
     def test_begin_with_the_last_hours_where_nothing_is_known(self):
         old = self.commit("a", "1", "2020-01-01T00:00:00Z")
         self.commit("b", "2", "2020-01-02T09:00:00Z")
         self.commit("c", "3", "2020-01-02T12:00:00Z")
-        self.assertEqual(changes.last_landed(self.root), (old, "the commits of 4 hours"))
+        self.assertEqual(changes.last_landed(self.root), (old, ".ci/landed names no commit of this history: the commits of 4 hours"))
+
+    def test_are_everything_where_the_clone_has_the_newest_commit_alone(self):
+        landed = self.commit("src/gp/A.cpp", "one\n")
+        self.commit(changes.NOTE, landed + "\n")
+        self.commit("src/gp/B.cpp", "two\nthree\n")
+        clone = self.root.parent / "clone"
+        git(self.root, "clone", "-q", "--depth", "1", self.root.as_uri(), str(clone))
+        git(clone, "remote", "remove", "origin")
+        since, how = changes.last_landed(clone)
+        self.assertEqual(how, ".ci/landed names no commit of this history, nor does it go back: all of it")
+        self.assertEqual(changes.lines_since(clone, since, "src"), {"src/gp/A.cpp": {1}, "src/gp/B.cpp": {1, 2}})
 
 
 if __name__ == "__main__":

@@ -87,6 +87,19 @@ class Judging(unittest.TestCase):
             (), 1, a_mutant())
         self.assertEqual(told[0].result, judge.NOT_JUDGED)
 
+    def test_is_over_between_two_tests_of_one_mutant(self):
+        told, ran = [], []
+        clock = mock.Mock(side_effect=[0, 2])
+
+        def run(run_case, *_):
+            ran.append(run_case.name)
+            return sandbox.Outcome(sandbox.PASSED, 0.1)
+
+        judging = judge.Judge(pathlib.Path("/"), None, chooser(), mock.Mock(), 1, 1, told.append)
+        with mock.patch.object(sandbox, "run", run), mock.patch.object(time, "monotonic", clock):
+            judging._judge((), 1, a_mutant())
+        self.assertEqual((ran, told[0].result), (["Quick.Test"], judge.NOT_JUDGED))
+
 
 class Errors(unittest.TestCase):
     def test_belong_to_the_mutant_in_whose_lines_they_are(self):
