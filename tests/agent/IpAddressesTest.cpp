@@ -58,6 +58,11 @@ TEST_F(IpAddressesTest, WithIpv6OnlyThereIsNoCommaInFront) {
     EXPECT_EQ(text(), R"("IPv6":["fe80::1"])");
 }
 
+TEST_F(IpAddressesTest, AnAddressThatBeginsWithItsColonsIsIPv6) {
+    interfaces.show(testsupport::EntryBuilder().ipv6("en0", "::5"));
+    EXPECT_EQ(text(), R"("IPv6":["::5"])");
+}
+
 TEST_F(IpAddressesTest, WithNoAddressesTheTextIsEmpty) { EXPECT_EQ(text(), ""); }
 
 TEST_F(AddressFrameTest, TheAddressesGoOutInBraces) {

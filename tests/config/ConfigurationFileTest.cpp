@@ -280,6 +280,11 @@ TEST_F(ConfigurationFile, ServerRowsNeedTheirNameAndAText) {
     EXPECT_EQ(static_cast<int>(Configuration::getFilterServer("c.example")->getServerType()), -1);
 }
 
+TEST_F(ConfigurationFile, TheNameOfAServerMayBeOneCharacter) {
+    load("<Fernhill><Servers><ServerName ServerType=\"1\">s</ServerName></Servers></Fernhill>");
+    EXPECT_EQ(listedServers(), Names{"s"});
+}
+
 TEST_F(ConfigurationFile, ALoadReplacesTheListsThatTheFileHolds) {
     givenServers({"old.example"});
     Configuration::setLastRelay("bob", "relay", "f");

@@ -338,6 +338,14 @@ TEST(ParseDomain, HalfAPointerIsNull) {
     EXPECT_EQ(reading.lines, (Lines{compressed, faultyCompression}));
 }
 
+TEST(ParseDomain, HalfAPointerIsNullWhateverStandsBehindTheLimit) {
+    const testsupport::CapturedLog log;
+    std::string data = dnsName("a") + dnsPointer(12);
+    int position = 3;
+    EXPECT_EQ(parseDomain(reinterpret_cast<unsigned char*>(data.data()), &position, 4), nullptr);
+    EXPECT_EQ(log.messages(), (Lines{compressed, faultyCompression}));
+}
+
 TEST(ParseDomain, ACircleOfPointersAndLabelsIsNull) {
     const DomainReading reading("\1a" + dnsPointer(12));
     EXPECT_EQ(reading.domain, "(null)");

@@ -6,6 +6,7 @@
 #include "gp/GPString.h"
 #include "gp/Owned.h"
 #include "platform/HostPaths.h"
+#include "support/Await.h"
 #include "support/DnsWorld.h"
 #include "support/TestChild.h"
 
@@ -74,6 +75,16 @@ TEST_F(DnsTables, ResolveRedirectIPRunsOnce) {
     DNSPacket::resolveRedirectIP();
     EXPECT_EQ(DNSPacket::getNoSslIp(), inet_addr("216.239.38.99"));
     EXPECT_EQ(names.asked().size(), 1u);
+}
+
+TEST_F(DnsTables, ResolveRedirectIPAsksTooWhileTheAnswerToAnotherIsStillOut) {
+    names.neverAnswer("forcesafesearch.google.com");
+    std::thread first(DNSPacket::resolveRedirectIP);
+    std::thread second(DNSPacket::resolveRedirectIP);
+    EXPECT_TRUE(testsupport::comesTrue([this] { return names.asked().size() == 2; }));
+    names.answerAgain("forcesafesearch.google.com");
+    first.join();
+    second.join();
 }
 
 TEST_F(DnsTables, AForcedSafeSearchHostThatDoesNotResolveGivesNoAddressAndIsNotAskedAgain) {

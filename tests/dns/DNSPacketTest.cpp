@@ -9,6 +9,8 @@
 #include <arpa/inet.h>
 
 #include <cstring>
+#include <string>
+#include <vector>
 
 using testsupport::DnsMessageBuilder;
 using testsupport::dnsName;
@@ -259,6 +261,21 @@ TEST_F(DnsRemap, OnceThereIsATableNothingIsAllocated) {
 }
 
 // What would lead the readers out of the buffer or round in a circle passes.
+
+TEST_F(DnsRemap, QuestionsAreReadUpToTheEndOfTheRoomAndNoFurther) {
+    // Questions for the root, of five bytes each, and then one for a host of the table.
+    const auto isRedirectedBehind = [](int questions) {
+        std::vector<char> room(TCPPacket::packetRoom + 64);
+        room[0] = 0x45;
+        char* const message = room.data() + 20 + 8;
+        std::memcpy(message + 4, "\xff\xff\0\1", 4);
+        const std::string question = dnsName("www.bing.com") + std::string("\0\1\0\1", 4);
+        std::memcpy(message + 12 + 5 * questions, question.data(), question.size());
+        return DNSPacket::remap(room.data(), nullptr);
+    };
+    EXPECT_TRUE(isRedirectedBehind(13120));
+    EXPECT_FALSE(isRedirectedBehind(13124)) << "its name begins four bytes ahead of the end";
+}
 
 TEST_F(DnsRemap, APointerToItselfGivesFalse) {
     EXPECT_FALSE(remap(DnsMessageBuilder().rawQuestion(dnsPointer(12)).answer().ipv4()));

@@ -207,6 +207,22 @@ TEST_F(ContainerLocks, EachOperationOfASafeMap) {
                contentOfMap);
 }
 
+TEST_F(ContainerLocks, ARebalanceTakesTheMapsLockToCollectThePairsForEachRemovalAndToPutThemBack) {
+    const auto locksOfARebalance = [](int pairs, bool safe) {
+        GPMap map(3);
+        for (int index = 0; index < pairs; ++index)
+            map.setObject(first.retain(), std::to_string(index).c_str());
+        if (safe) map.safe();
+        const testsupport::LockCounter locks;
+        map.rebalance();
+        EXPECT_EQ(locks.held(), 0);
+        return locks.count();
+    };
+    const long ofTheLog = locksOfARebalance(0, false);
+    EXPECT_EQ(locksOfARebalance(0, true) - ofTheLog, 2);
+    EXPECT_EQ(locksOfARebalance(3, true) - ofTheLog, 5);
+}
+
 // Looks into the container as it is retained.
 class Retained : public GPObject {
 public:

@@ -161,6 +161,18 @@ TEST_F(GPDateTest, DayOfWeekAndDayOfYearAloneChangeNoDate) {
     EXPECT_EQ(date.dayOfYear(), 317);
 }
 
+TEST_F(GPDateTest, DayOfWeekAndDayOfYearBringBackTheTimeOfTheView) {
+    const auto broughtBackBy = [](void (GPDate::*set)(int)) {
+        GPDate date(start);
+        date.second();
+        date.timeInFuture(3600);
+        (date.*set)(2);
+        return date.toRawTime();
+    };
+    EXPECT_EQ(broughtBackBy(&GPDate::setDayOfWeek), start);
+    EXPECT_EQ(broughtBackBy(&GPDate::setDayOfYear), start);
+}
+
 TEST_F(GPDateTest, SetDaylightSavingReadsTheClockAsSummerTime) {
     inZone("CET-1CEST,M3.5.0,M10.5.0/3");
     GPDate date(utc(2026, 1, 15, 11));

@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <pwd.h>
@@ -166,6 +167,12 @@ TEST_F(GPFilesystemTest, readDataWithOffset10OnA100ByteFileGives90BytesInABuffer
     EXPECT_EQ(data->length(), 90);
     EXPECT_EQ(std::string(data->bytes(), 90), std::string(90, 'y'));
     std::memset(data->bytes(), 'z', 100); // within the buffer, or a memory checker complains
+}
+
+TEST_F(GPFilesystemTest, readDataIsNullForAFileThatIsLongerThanALengthCanTell) {
+    const std::string file = fileWith("a", "");
+    if (truncate(file.c_str(), off_t{INT_MAX} + 1) != 0) GTEST_SKIP() << "no file of that length here";
+    EXPECT_EQ(readData(file.c_str(), 0, 0), nullptr);
 }
 
 TEST_F(GPFilesystemTest, readDataIsNullForNullMissingAndEmptyFiles) {

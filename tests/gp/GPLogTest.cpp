@@ -110,6 +110,13 @@ TEST_F(GPLogTest, AfterSetMaxLogSize1TheCounterStandsAt0AsSoonAsTheFirstFilePass
     EXPECT_EQ(content("fernhill00.log"), record("next"));
 }
 
+TEST_F(GPLogTest, OneByteMakesAFileLongerThanItMayBe) {
+    setMaxLogSize(1);
+    logs(std::string(1025 - record("").size(), 'x').c_str());
+    logs("next");
+    EXPECT_EQ(content("fernhill00.log"), record("next"));
+}
+
 TEST_F(GPLogTest, SetMaxLogSizeOfZeroOrLessChangesNothingAndOf2GivesALimitOf2048Bytes) {
     setMaxLogSize(2);
     setMaxLogSize(0);

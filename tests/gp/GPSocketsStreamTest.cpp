@@ -285,6 +285,14 @@ TEST_F(GPSocketsConnected, AWriteAfterAReadSawTheEndOfTheStreamFails) {
     EXPECT_FALSE(socket_.writeData("x", 1));
 }
 
+TEST_F(GPSocketsConnected, AQueueMayHaveTheNumberZero) {
+    EXPECT_TRUE(testsupport::passesInChild([this] {
+        close(0);
+        peer_.send("text");
+        EXPECT_EQ(readText(socket_), "text");
+    }));
+}
+
 TEST_F(GPSocketsConnected, AnErrorEventIsLoggedAndTheNextReadMakesANewQueue) {
     const CapturedLog log;
     peer_.send("first");

@@ -96,6 +96,8 @@ TEST(StringFunctions, ReverseSwapsFromTheTwoEnds) {
     EXPECT_EQ(reverse(nullptr), nullptr);
 }
 
+TEST(StringFunctions, Base10OfNoTextIsZero) { EXPECT_EQ(base10(nullptr), 0); }
+
 TEST(StringFunctions, Base10TakesAMinusAndNoPlus) {
     EXPECT_EQ(base10("42"), 42);
     EXPECT_EQ(base10(" \t-42x"), -42);

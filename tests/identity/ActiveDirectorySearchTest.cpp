@@ -5,6 +5,8 @@
 #include "identity/DSQuery.h"
 #include "support/DirectoryWorld.h"
 
+#include <algorithm>
+
 using namespace platform;
 
 namespace {
@@ -103,6 +105,16 @@ TEST_F(ActiveDirectorySearch, AUserRecordWithoutDetailsIsAFailureAndTheSearchGoe
     EXPECT_TRUE(log.holds("Failed to process Active Directory results.")); // without log level 1
     EXPECT_EQ(shown(found.username), "(none)");
     EXPECT_EQ(shown(found.computerName), "MAC01");
+}
+
+TEST_F(ActiveDirectorySearch, TheRecordsAreLoggedAheadOfWhatTheyLack) {
+    logEverything();
+    directory.addMute(corp, kODRecordTypeUsers, {{"RecordName", {"alice"}}}, "no details");
+    search();
+    const Texts lines = log.messages();
+    const auto failed = std::find(lines.begin(), lines.end(), "Failed to process Active Directory results.");
+    ASSERT_NE(failed, lines.end());
+    EXPECT_NE(std::find(lines.begin(), failed, "ADSearch userInfo results: (record alice). "), failed);
 }
 
 TEST_F(ActiveDirectorySearch, AComputerRecordWithoutDetailsIsAFailureAndThenASuccess) {

@@ -4,6 +4,7 @@
 
 #include "config/Configuration.h"
 #include "gp/GPString.h"
+#include "platform/HostName.h"
 #include "support/DirectoryWorld.h"
 #include "support/Objects.h"
 
@@ -225,6 +226,34 @@ TEST_F(DSQueryTest, AUserWhoIsNotInTheDirectoryGetsTheLocalInfo) {
     EXPECT_TRUE(log.holds("No user information found in Directory Server for username: alice. Sending local "
                           "login information..."));
     EXPECT_EQ(log.countContaining("search searchUserInfo results"), 0);
+}
+
+// Tells what the log held when it was asked.
+class WitnessedHostName final : public platform::HostName {
+public:
+    explicit WitnessedHostName(const testsupport::CapturedLog& log) : log_(log) {}
+    std::optional<std::string> currentHostName() override {
+        seen = log_.messages();
+        return "mac01.local";
+    }
+    std::string homeDirectory() override { return ""; }
+
+    std::vector<std::string> seen;
+
+private:
+    const testsupport::CapturedLog& log_;
+};
+
+TEST_F(DSQueryTest, ThatAUserIsNotInTheDirectoryIsLoggedAheadOfTheLocalInfo) {
+    static WitnessedHostName witness(log);
+    platform::hostNameService.install(witness);
+    logEverything();
+    directory.addNode(ldap);
+    search();
+    ASSERT_FALSE(witness.seen.empty());
+    EXPECT_EQ(witness.seen.back(),
+              "No user information found in Directory Server for username: alice. Sending local "
+              "login information...");
 }
 
 TEST_F(DSQueryTest, AFailedUserSearchIsAFailure) {

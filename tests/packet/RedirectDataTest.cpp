@@ -135,6 +135,14 @@ TEST_F(RedirectData, AHostThatIsAnIPv6AddressIsStoredWhenItsLookUpFails) {
     EXPECT_EQ(field(), "http://2001:db8::7/page");
 }
 
+TEST_F(RedirectData, AHostThatIsAnIPv6AddressHasWhatItsLookUpGives) {
+    names.answer("2001:db8::7", AF_INET6, {"2001:db8::9"});
+
+    fill("http://2001:db8::7/page", true);
+
+    EXPECT_EQ(address6(), "2001:db8::9");
+}
+
 TEST_F(RedirectData, APrintedAddressThatFitsIsWrittenBackOverTheHostInsideTheField) {
     Configuration::setLogLevel(64);
     result.packetId = 0xabc;

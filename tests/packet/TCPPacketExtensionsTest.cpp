@@ -136,6 +136,15 @@ TEST(TCPPacketExtensions, ALengthOf128AndAboveLeadsBackwards) {
     EXPECT_EQ(getIpProtocol(packet.packet()), 6);
 }
 
+TEST(TCPPacketExtensions, ALengthCanLeadBackToTheFirstByteOfThePacket) {
+    auto packet = chainPacket(0);
+    writeExtension(packet, 40, 43, -6); // to 0
+    writeExtension(packet, 0, 6, 8);    // to 72
+
+    EXPECT_EQ(TCPPacket::ipHeaderSize(packet.packet()), 72);
+    EXPECT_EQ(getIpProtocol(packet.packet()), 6);
+}
+
 TEST(TCPPacketExtensions, AStepThatLeavesTheOffsetWhereItIsGoesOn) {
     auto packet = chainPacket(0);
     writeExtension(packet, 40, 6, -1);

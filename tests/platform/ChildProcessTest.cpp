@@ -72,6 +72,12 @@ TEST(ShellCommand, ACommandIsWaitedFor) {
     EXPECT_EQ(testsupport::readAll(folder.file("ran")), "done\n");
 }
 
+TEST(ShellCommand, TheCommandIsTheShellsLastArgument) {
+    const testsupport::TemporaryFolder folder;
+    platform::runShellCommand(("echo $0 $# > '" + folder.file("ran") + "'").c_str());
+    EXPECT_EQ(testsupport::readAll(folder.file("ran")), "sh 0\n");
+}
+
 TEST(ShellCommand, ACommandIsWaitedForWhereTheEndsOfChildrenAreIgnored) {
     testsupport::TemporaryFolder folder;
     EXPECT_TRUE(passesInChild([&] {

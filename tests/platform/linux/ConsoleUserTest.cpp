@@ -150,6 +150,16 @@ TEST(ConsoleUser, OfThisSystemMustFitIntoTheBuffer) {
     }));
 }
 
+TEST(ConsoleUser, OfThisSystemIsWrittenUpToItsZeroAndNoFurther) {
+    expectPassed(overEmptyRun([] {
+        startLoginManager();
+        sitDown(0);
+        std::string buffer(8, 'x');
+        EXPECT_TRUE(system().copyName(buffer.data(), 5));
+        EXPECT_EQ(buffer, std::string("root\0xxx", 8));
+    }));
+}
+
 TEST(ConsoleUser, OfThisSystemIsWatched) {
     expectPassed(overEmptyRun([] {
         startLoginManager();

@@ -17,6 +17,7 @@
 #include <gtest/gtest.h>
 
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <future>
@@ -54,6 +55,22 @@ TEST(Descriptors, OfASocketOrAQueueAreNotHandedDown) {
     EXPECT_GE(platform::closedOnExecSocket(AF_INET, SOCK_STREAM, 0), 0);
     EXPECT_GE(platform::kqueue(), 0);
     EXPECT_EQ(handedDown(), before);
+}
+
+TEST(Descriptors, OfAClosedQueueAreGivenBack) {
+    Peer mine;
+    Peer other;
+    testsupport::connectedPair(mine, other);
+    const auto all = testsupport::descriptorsOf(getpid());
+    const int queue = platform::kqueue();
+    platform::KEvent change;
+    change.ident = mine.descriptor();
+    change.filter = platform::EVFILT_WRITE;
+    change.flags = platform::EV_ADD;
+    platform::KEvent event;
+    EXPECT_EQ(platform::kevent(queue, &change, &event, 1, 0), 1);
+    platform::closeQueue(queue);
+    EXPECT_EQ(testsupport::descriptorsOf(getpid()), all);
 }
 
 TEST(Descriptors, OfAnAcceptedConnectionAreNotHandedDown) {

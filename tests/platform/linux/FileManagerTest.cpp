@@ -189,6 +189,12 @@ TEST_F(FileManagerTest, AMoveToAVolumeThatIsFullFailsWithOutOfSpaceAndLeavesTheS
     EXPECT_EQ(readAll(folder.file("a")).size(), 300000u);
 }
 
+TEST_F(FileManagerTest, AMoveToAVolumeThatTakesNoFilesLeavesTheSource) {
+    writeAll(folder.file("a"), "text");
+    EXPECT_FALSE(move(folder.file("a"), "/proc/nobody-makes-a-file-here").done);
+    EXPECT_EQ(readAll(folder.file("a")), "text");
+}
+
 TEST_F(FileManagerTest, AMoveToAnotherVolumeWhoseSourceCannotBeRemovedLeavesTheSourceAndNoTarget) {
     setenv("TMPDIR", "/dev/shm", 1);
     const TemporaryFolder other;

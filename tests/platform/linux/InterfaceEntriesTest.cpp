@@ -22,6 +22,7 @@
 #include <net/if.h>
 #include <netpacket/packet.h>
 
+#include <algorithm>
 #include <cstring>
 #include <deque>
 #include <string>
@@ -39,7 +40,8 @@ public:
         address.sll_family = AF_PACKET;
         address.sll_ifindex = 1;
         address.sll_halen = static_cast<unsigned char>(hardwareAddress.size());
-        std::memcpy(address.sll_addr, hardwareAddress.data(), hardwareAddress.size());
+        std::memcpy(address.sll_addr, hardwareAddress.data(),
+                    std::min(hardwareAddress.size(), sizeof address.sll_addr));
         add(name, flags, address);
     }
 
@@ -118,6 +120,12 @@ TEST(InterfaceEntryLayout, PutsEachLinkAheadOfItsAddressesInTheBSDForm) {
     EXPECT_EQ(list.laidOut(), expected);
 }
 
+TEST(InterfaceEntryLayout, ALinkHasTheNumberThatItsFamilyHasInBSD) {
+    AddressList list;
+    list.link("eth0", std::string(6, '\x7f'));
+    EXPECT_EQ(list.laidOut()[16 + 1], 18);
+}
+
 TEST(InterfaceEntryLayout, ALoopbackHasNoHardwareAddress) {
     AddressList list;
     list.link("lo", std::string(6, '\0'), IFF_UP | IFF_LOOPBACK);
@@ -128,6 +136,12 @@ TEST(InterfaceEntryLayout, AHardwareAddressOfAnotherLengthKeepsIt) {
     AddressList list;
     list.link("sit0", std::string(4, '\x7f'));
     EXPECT_EQ(list.laidOut()[16 + 6], 4);
+}
+
+TEST(InterfaceEntryLayout, OfAHardwareAddressThatIsLongerThanItsPlaceThereIsWhatThePlaceHolds) {
+    AddressList list;
+    list.link("ib0", std::string(20, '\x7f'));
+    EXPECT_EQ(list.laidOut()[16 + 6], 8);
 }
 
 TEST(InterfaceEntryLayout, ALabelledAddressCountsAsOneOfItsInterface) {

@@ -21,10 +21,12 @@ using testsupport::Certificate;
 using testsupport::Peer;
 using testsupport::TlsServer;
 
-// What the transfer functions get: the descriptor, and how many bytes they move at most in one call.
+// What the transfer functions get: the descriptor, how many bytes they move at most in one call, and whether nothing
+// can be sent.
 struct Wire {
     int descriptor = -1;
     std::size_t atMost = 4096;
+    bool isFull = false;
 };
 
 OSStatus statusOf(ssize_t moved, std::size_t asked, std::size_t* length) {
@@ -43,6 +45,10 @@ OSStatus readWire(SSLConnectionRef connection, void* data, std::size_t* length) 
 OSStatus writeWire(SSLConnectionRef connection, const void* data, std::size_t* length) {
     const auto& wire = *static_cast<const Wire*>(connection);
     const std::size_t asked = *length;
+    if (wire.isFull) {
+        *length = 0;
+        return errSSLWouldBlock;
+    }
     return statusOf(send(wire.descriptor, data, std::min(asked, wire.atMost), MSG_DONTWAIT | MSG_NOSIGNAL),
                     asked, length);
 }
@@ -155,6 +161,22 @@ TEST_F(SecureTransport, WorksOverFunctionsThatMoveOneByteAtATime) {
     EXPECT_EQ(write("there and back\n"), noErr);
     EXPECT_EQ(read(15), noErr);
     EXPECT_EQ(text_, "there and back\n");
+}
+
+TEST_F(SecureTransport, AWriteThatWouldBlockCanGoOnFromACopyOfItsText) {
+    TlsServer server(certificate_, echoLine);
+    connect(server);
+    ASSERT_EQ(shakeHands(), noErr);
+    const std::string text = "there and back\n";
+    const std::string copy = text;
+    std::size_t processed = 7;
+    wire_.isFull = true;
+    EXPECT_EQ(SSLWrite(context(), text.data(), text.size(), &processed), errSSLWouldBlock);
+    EXPECT_EQ(processed, 0u);
+    wire_.isFull = false;
+    EXPECT_EQ(SSLWrite(context(), copy.data(), copy.size(), &processed), noErr);
+    EXPECT_EQ(read(text.size()), noErr);
+    EXPECT_EQ(text_, text);
 }
 
 TEST_F(SecureTransport, AReadWithNothingThereWouldBlock) {

@@ -307,6 +307,13 @@ TEST_F(UrlSessionTest, AnUploadTakesTheMethodThatItIsGiven) {
     EXPECT_EQ(server.request().rfind("PUT /report HTTP/1.1\r\n", 0), 0u);
 }
 
+TEST_F(UrlSessionTest, APostThatIsSentElsewhereBecomesAGet) {
+    AnswerServer server(
+        {answer("302 Found", "Location: /there\r\nConnection: close\r\n", ""), answer("200 OK", "", "")});
+    EXPECT_EQ(upload(server.url("/report"), "POST", "data").result.statusCode, 200);
+    EXPECT_EQ(server.requests().at(1).rfind("GET /there ", 0), 0u);
+}
+
 TEST_F(UrlSessionTest, AnUploadThatReachesNobodyTellsAnError) {
     expectNoResponse(
         upload("http://127.0.0.1:" + std::to_string(testsupport::freePort()) + "/", "POST", "x"));

@@ -6,6 +6,7 @@
 #include "support/Await.h"
 #include "support/ManualClock.h"
 #include "support/Patience.h"
+#include "support/ProcessDescriptors.h"
 #include "support/SystemCallFailure.h"
 #include "support/TemporaryFolder.h"
 #include "support/TestChild.h"
@@ -23,6 +24,7 @@
 #include <filesystem>
 #include <future>
 #include <iterator>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -66,7 +68,18 @@ protected:
         return flags;
     }
 
+    // The process between this one and the program, once a program that begins with `tellsItsHelper` runs.
+    pid_t awaitHelper() const {
+        std::string number;
+        EXPECT_TRUE(testsupport::comesTrue([&] {
+            number = testsupport::readAll(folder.file("helper"));
+            return !number.empty();
+        }));
+        return number.empty() ? -1 : std::stoi(number);
+    }
+
     testsupport::TemporaryFolder folder;
+    const std::string tellsItsHelper = "cd " + folder.path() + "; echo $PPID > new; mv new helper\n";
     platform::UserDialog& dialogs;
 };
 
@@ -157,6 +170,39 @@ TEST_F(UserDialogTest, WithoutAProgramACancelEndsTheDialogBeforeItsTimeout) {
     dialogs.release(dialog);
 }
 
+TEST_F(UserDialogTest, TheHelperOfADialogKeepsItsOwnEndsAlone) {
+    installProgram("zenity", tellsItsHelper + "exec sleep 60\n");
+    const auto before = testsupport::descriptorsOf(getpid());
+    platform::UserNotification* dialog = dialogs.create(0, 1, question);
+
+    std::multiset<std::string> ends;
+    for (const auto& [number, what] : testsupport::descriptorsOf(awaitHelper())) {
+        const std::string kind = what.substr(0, what.find(':'));
+        const bool isOld = before.count(number) > 0 && before.at(number) == what;
+        if (!isOld && kind != "anon_inode") ends.insert(kind);
+    }
+    EXPECT_EQ(ends, (std::multiset<std::string>{"pipe", "socket"}));
+
+    dialogs.cancel(dialog);
+    unsigned long flags = 99;
+    dialogs.receiveResponse(dialog, flags);
+    dialogs.release(dialog);
+}
+
+TEST_F(UserDialogTest, TheHelperOfADialogOutlivesTheSignalsThatEndTheDaemon) {
+    installProgram("zenity",
+                   tellsItsHelper + "while [ ! -e " + folder.file("go") + " ]; do sleep 0.01; done\n");
+    platform::UserNotification* dialog = dialogs.create(0, 1, question);
+    const pid_t helper = awaitHelper();
+    kill(helper, SIGTERM);
+    kill(helper, SIGINT);
+    testsupport::writeAll(folder.file("go"), "");
+    unsigned long flags = 99;
+    dialogs.receiveResponse(dialog, flags);
+    EXPECT_EQ(flags, platform::notificationDefaultResponse);
+    dialogs.release(dialog);
+}
+
 TEST_F(UserDialogTest, ACancelTakesTheProgramAway) {
     installProgram("zenity", "trap 'echo gone >" + folder.file("end") + "; exit 0' TERM\n" + "echo up >" +
                                  folder.file("up") + "\nwhile :; do sleep 0.01; done\n");
@@ -205,9 +251,14 @@ TEST_F(UserDialogTest, ACancelOfAReleasedDialogDoesNotEndTheNextOne) {
 
 TEST_F(UserDialogTest, WithoutAnEventToCancelItADialogIsNotMadeAndItsPlaceStaysFree) {
     EXPECT_TRUE(testsupport::passesInChild([this] {
-        ASSERT_TRUE(testsupport::failSystemCall(SYS_eventfd2, EMFILE, 0));
+        rlimit descriptors;
+        ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &descriptors), 0);
+        const rlimit none = {0, descriptors.rlim_max};
+        ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
         for (int tries = 0; tries < 2 * platform::dialogSlotCount; ++tries)
             EXPECT_EQ(dialogs.create(1, platform::notificationNoteAlertLevel, question), nullptr);
+        ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &descriptors), 0);
+        EXPECT_NE(dialogs.create(1, platform::notificationNoteAlertLevel, question), nullptr);
     }));
 }
 
