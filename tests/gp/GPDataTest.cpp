@@ -220,3 +220,10 @@ TEST(GPData, NegativeSizesAreEmpty) {
     EXPECT_EQ(sized.length(), 0);
     EXPECT_EQ(counted.length(), 0);
 }
+
+TEST(GPData, ABufferOfANegativeSizeTakesWhatIsAppended) {
+    GPData sized(-4);
+    sized.append("text", 4);
+
+    EXPECT_EQ(std::string(sized.bytes(), static_cast<std::size_t>(sized.length())), "text");
+}
