@@ -53,6 +53,9 @@ public:
 
     ~HijackPacket() override;
 
+    // Whether the other record is of the same connection, in either direction. Any thread.
+    bool isOfSameConnection(const HijackPacket* other) const;
+
     // Finds a packet's record and keeps it alive for the length of a scope, so that the other listener may
     // drop it meanwhile. Holds no lock in between.
     class Found {
@@ -81,8 +84,6 @@ private:
 
     // Whether the record speaks for such a packet of its connection.
     bool answersTo(const ConnectionEnds& ends) const { return https_ || ends.hasPayload; }
-
-    bool isOfSameConnection(const HijackPacket* other) const;
 
     // What a log line shows of a record.
     static unsigned mark(const HijackPacket* record);

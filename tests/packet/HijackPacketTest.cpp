@@ -1,6 +1,7 @@
 #include "packet/HijackPacket.h"
 
 #include "config/Configuration.h"
+#include "packet/ConnectionEnds.h"
 #include "support/RecordWorld.h"
 
 #include <atomic>
@@ -115,6 +116,45 @@ TEST_F(HijackPacketTest, AnyOfTheFourIPv6EndsCounts) {
     EXPECT_EQ(other("2001:db8::23", 80, "2001:db8::2", 50000), nullptr);
     EXPECT_EQ(other("2001:db8::22", 81, "2001:db8::2", 50000), nullptr);
     EXPECT_EQ(other("2001:db8::22", 80, "2001:db8::2", 50001), nullptr);
+}
+
+TEST_F(HijackPacketTest, RecordsAreOfOneConnectionWhenAllTheirEndsAgreeInOneDirection) {
+    const auto recordOf = [](const PacketBuilder& ends) {
+        testsupport::PacketBuffer packet = PacketBuilder(ends).payload(getRequest()).build();
+        EXPECT_TRUE(HijackPacket::create(packet.packet(), url, false));
+        return HijackPacket::find(packet.packet());
+    };
+    const auto ipv4 = [](const char* src, int srcPort, const char* dst, int dstPort) {
+        return PacketBuilder::ipv4().from(src, srcPort).to(dst, dstPort);
+    };
+    const auto ipv6 = [](const char* src, int srcPort, const char* dst, int dstPort) {
+        return PacketBuilder::ipv6().from(src, srcPort).to(dst, dstPort);
+    };
+    const HijackPacket* one = recordOf(ipv4("10.0.0.1", 1, "10.0.0.2", 2));
+    EXPECT_TRUE(one->isOfSameConnection(recordOf(ipv4("10.0.0.2", 2, "10.0.0.1", 1))));
+    for (const auto& other : {ipv4("10.0.0.3", 1, "10.0.0.2", 2), ipv4("10.0.0.1", 3, "10.0.0.2", 2),
+                              ipv4("10.0.0.1", 1, "10.0.0.3", 2), ipv4("10.0.0.1", 1, "10.0.0.2", 3),
+                              ipv4("10.0.0.2", 3, "10.0.0.1", 1), ipv4("10.0.0.2", 2, "10.0.0.1", 3),
+                              ipv4("10.0.0.3", 2, "10.0.0.1", 1), ipv4("10.0.0.2", 2, "10.0.0.3", 1)})
+        EXPECT_FALSE(one->isOfSameConnection(recordOf(other)));
+
+    const HijackPacket* six = recordOf(ipv6("2001:db8::1", 1, "2001:db8::2", 2));
+    EXPECT_TRUE(six->isOfSameConnection(recordOf(ipv6("2001:db8::2", 2, "2001:db8::1", 1))));
+    for (const auto& other :
+         {ipv6("2001:db8::3", 1, "2001:db8::2", 2), ipv6("2001:db8::1", 1, "2001:db8::3", 2),
+          ipv6("2001:db8::2", 2, "2001:db8::3", 1), ipv6("2001:db8::3", 2, "2001:db8::1", 1)})
+        EXPECT_FALSE(six->isOfSameConnection(recordOf(other)));
+}
+
+TEST(ConnectionEnds, AreOfZerosInIPv6WithBothAddressesAlone) {
+    const auto areOfZeros = [](const PacketBuilder& ends) {
+        testsupport::PacketBuffer packet = ends.build();
+        return ConnectionEnds(packet.packet()).isIpv6OfZeros();
+    };
+    EXPECT_TRUE(areOfZeros(PacketBuilder::ipv6().from("::", 1).to("::", 2)));
+    EXPECT_FALSE(areOfZeros(PacketBuilder::ipv6().from("::1", 1).to("::", 2)));
+    EXPECT_FALSE(areOfZeros(PacketBuilder::ipv6().from("::", 1).to("::1", 2)));
+    EXPECT_FALSE(areOfZeros(PacketBuilder::ipv4()));
 }
 
 TEST_F(HijackPacketTest, AnIPv4PacketNeverMatchesAnIPv6Record) {
