@@ -130,19 +130,20 @@ TEST_F(HijackPacketTest, RecordsAreOfOneConnectionWhenAllTheirEndsAgreeInOneDire
     const auto ipv6 = [](const char* src, int srcPort, const char* dst, int dstPort) {
         return PacketBuilder::ipv6().from(src, srcPort).to(dst, dstPort);
     };
+    // No two of the others are of one connection, so that each finds its own record.
     const HijackPacket* one = recordOf(ipv4("10.0.0.1", 1, "10.0.0.2", 2));
     EXPECT_TRUE(one->isOfSameConnection(recordOf(ipv4("10.0.0.2", 2, "10.0.0.1", 1))));
     for (const auto& other : {ipv4("10.0.0.3", 1, "10.0.0.2", 2), ipv4("10.0.0.1", 3, "10.0.0.2", 2),
                               ipv4("10.0.0.1", 1, "10.0.0.3", 2), ipv4("10.0.0.1", 1, "10.0.0.2", 3),
-                              ipv4("10.0.0.2", 3, "10.0.0.1", 1), ipv4("10.0.0.2", 2, "10.0.0.1", 3),
-                              ipv4("10.0.0.3", 2, "10.0.0.1", 1), ipv4("10.0.0.2", 2, "10.0.0.3", 1)})
+                              ipv4("10.0.0.2", 4, "10.0.0.1", 1), ipv4("10.0.0.2", 2, "10.0.0.1", 4),
+                              ipv4("10.0.0.4", 2, "10.0.0.1", 1), ipv4("10.0.0.2", 2, "10.0.0.4", 1)})
         EXPECT_FALSE(one->isOfSameConnection(recordOf(other)));
 
     const HijackPacket* six = recordOf(ipv6("2001:db8::1", 1, "2001:db8::2", 2));
     EXPECT_TRUE(six->isOfSameConnection(recordOf(ipv6("2001:db8::2", 2, "2001:db8::1", 1))));
     for (const auto& other :
          {ipv6("2001:db8::3", 1, "2001:db8::2", 2), ipv6("2001:db8::1", 1, "2001:db8::3", 2),
-          ipv6("2001:db8::2", 2, "2001:db8::3", 1), ipv6("2001:db8::3", 2, "2001:db8::1", 1)})
+          ipv6("2001:db8::2", 2, "2001:db8::4", 1), ipv6("2001:db8::4", 2, "2001:db8::1", 1)})
         EXPECT_FALSE(six->isOfSameConnection(recordOf(other)));
 }
 
