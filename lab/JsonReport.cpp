@@ -7,9 +7,6 @@
 #include <cstring>
 
 namespace lab {
-namespace {
-
-// Text of unknown encoding as JSON text: each byte becomes the character of that number.
 std::string latin1(const std::string& bytes) {
     std::string text;
     for (const char byte : bytes) {
@@ -23,8 +20,6 @@ std::string latin1(const std::string& bytes) {
     }
     return text;
 }
-
-} // namespace
 
 std::string redirectUrlOf(const sysctl_result& result) {
     const auto* text = reinterpret_cast<const char*>(result.redirectUrl);

@@ -42,6 +42,9 @@ private:
 // One row, without the line break.
 std::string jsonRow(const PlayedPacket& played, const std::optional<sysctl_result>& result);
 
+// Text of unknown encoding as JSON text: each byte becomes the character of that number.
+std::string latin1(const std::string& bytes);
+
 // The redirect URL of a result: up to 1024 bytes.
 std::string redirectUrlOf(const sysctl_result& result);
 

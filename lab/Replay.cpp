@@ -32,7 +32,7 @@ bool Replay::play(const std::string& path, const CaptureFacts& facts) {
     std::int64_t shift = 0;
     bool first = true;
     start_ = now_;
-    for (CapturedPacket packet; capture.next(packet);) {
+    for (CapturedPacket packet; !isEnough() && capture.next(packet);) {
         // Captures are played one behind the other, and time never runs back between them.
         if (first && packet.time < now_) shift = now_ - packet.time;
         packet.time += shift;
@@ -60,7 +60,7 @@ void Replay::moveTime(std::int64_t time) {
 }
 
 void Replay::playEventsUntil(std::int64_t time) {
-    while (!daemonGone_ && !events_.empty() && events_.top().time <= time) {
+    while (!daemonGone_ && !isEnough() && !events_.empty() && events_.top().time <= time) {
         const Event event = events_.top();
         events_.pop();
         moveTime(event.time);
@@ -82,6 +82,7 @@ void Replay::handle(CapturedPacket packet, const CaptureFacts& facts) {
         const auto result = present(played);
         count(result);
         json_.fill(played, result);
+        if (watch_) watch_->over(played, nullptr);
         return;
     }
     const ConnectionPointer connection = connectionOf(played.packet, outbound);
@@ -164,6 +165,7 @@ void Replay::finish(const ConnectionPointer& connection, const std::optional<sys
     if (result && result->result == resultDrop) ++connection->dropped;
     count(result);
     json_.fill(connection->waiting.front(), result);
+    if (watch_) watch_->over(connection->waiting.front(), connection.get());
     connection->waiting.pop_front();
 }
 
@@ -171,6 +173,7 @@ void Replay::skipWaiting(Connection& connection) {
     for (; !connection.waiting.empty(); connection.waiting.pop_front()) {
         ++totals_.notPresented;
         json_.fill(connection.waiting.front(), {});
+        if (watch_) watch_->over(connection.waiting.front(), &connection);
     }
 }
 
@@ -187,6 +190,7 @@ std::optional<sysctl_result> Replay::present(PlayedPacket& played) {
         ++totals_.unanswered;
         daemonGone_ = !extension_.connected() || !daemon_.running();
     }
+    if (watch_) watch_->presented(played, now_ - start_, result);
     return result;
 }
 

@@ -17,11 +17,30 @@
 
 namespace lab {
 
+// Is told what a replay does with each packet, in the order of doing it.
+class ReplayWatch {
+public:
+    virtual ~ReplayWatch() = default;
+
+    // A packet was presented, `at` microseconds behind the capture's first one; no result when none came.
+    virtual void presented(const PlayedPacket& played, std::int64_t at,
+                           const std::optional<sysctl_result>& result) = 0;
+
+    // A packet will not be presented any more, or never was. Null for what is no connection's.
+    virtual void over(const PlayedPacket& played, const Connection* connection) = 0;
+
+    // Whether the replay may end here.
+    virtual bool enough() const = 0;
+};
+
 // Over stand-ins and a daemon that run already.
 class Replay {
 public:
     Replay(ExtensionStandIn& extension, PolicyAgent& agent, DaemonRun& daemon, PlayedClock& clock,
            JsonReport& json, TableReport& table, std::FILE* asked);
+
+    // Before playing; the watch outlives this.
+    void setWatch(ReplayWatch* watch) { watch_ = watch; }
 
     // Plays one capture to its end, the last held packet included. Once the daemon has gone, the packets that
     // are left are only reported; the answer is then false.
@@ -51,6 +70,7 @@ private:
     bool presentFront(const ConnectionPointer& connection);
     void finish(const ConnectionPointer& connection, const std::optional<sysctl_result>& result);
     void skipWaiting(Connection& connection);
+    bool isEnough() const { return watch_ && watch_->enough(); }
     std::optional<sysctl_result> present(PlayedPacket& played);
     void hold(const ConnectionPointer& connection);
     void settle();
@@ -67,6 +87,7 @@ private:
     JsonReport& json_;
     TableReport& table_;
     std::FILE* asked_;
+    ReplayWatch* watch_ = nullptr;
 
     std::int64_t now_ = 0;
     std::int64_t start_ = 0;

@@ -1,5 +1,7 @@
 #include "lab/TableReport.h"
 
+#include "lab/Terminal.h"
+
 #include <fmt/format.h>
 
 #include <unistd.h>
@@ -29,19 +31,6 @@ A row comes as its connection ends.
                    held to the end: no verdict came in all of 9 presentations (255 s), for want of an answer, or
                    because the redirect has more bytes than the request that it would replace.
 )text";
-
-std::string shortened(const std::string& text, std::size_t width) {
-    if (text.size() <= width) return text;
-    return text.substr(0, width - 3) + "...";
-}
-
-// Bytes that a terminal should not see as they are.
-std::string printable(std::string text) {
-    for (char& byte : text) {
-        if (static_cast<unsigned char>(byte) < 0x20 || byte == 0x7f) byte = '?';
-    }
-    return text;
-}
 
 std::string urlText(const Connection& connection) {
     if (connection.queries.empty()) return "-";

@@ -1,6 +1,7 @@
 // fernhill-lab: the world around the daemon on one machine.
 
 #include "lab/ConfigCheck.h"
+#include "lab/ExplainCommand.h"
 #include "lab/LogReader.h"
 #include "lab/Policy.h"
 #include "lab/ReplayCommand.h"
@@ -55,6 +56,30 @@ void addReplay(CLI::App& app, lab::ReplayOptions& options, std::string& blockOnF
         "Examples:\n"
         "  fernhill-lab replay tests/captures/many.pcap --policy lab/policies/demo.policy --rows 30\n"
         "  fernhill-lab replay day.pcapng --policy mine.policy --report day.html --csv day.csv");
+}
+
+CLI::App* addExplain(CLI::App& app, lab::ExplainOptions& options, std::string& blockOnFailure) {
+    CLI::App* explain =
+        app.add_subcommand("explain", "Say test by test how a packet of a capture gets its verdict.");
+    explain->add_option("capture", options.capture, "a pcap or pcapng file")
+        ->required()
+        ->type_name("CAPTURE");
+    explain->add_option("--packet", options.packets, "its number in the capture, a range such as 4-9, or all")
+        ->required()
+        ->type_name("N");
+    explain->add_option("--policy", options.policy, "the rules by which the agent answers")
+        ->required()
+        ->type_name("FILE");
+    explain->add_flag("--json", options.json, "one object a line for each packet in place of the text");
+    explain->add_option("--bof", blockOnFailure, "block on failure")
+        ->check(CLI::IsMember({"on", "off"}))
+        ->default_str("off");
+    explain->add_option("--root", options.root, "keep the daemon's files in this folder")->type_name("DIR");
+    explain->footer(
+        "Exit status: 0, 1 where what is told is not what the daemon did, 2 for what cannot be used.\n"
+        "Example: fernhill-lab explain tests/captures/http4.pcap --packet 4 --policy "
+        "lab/policies/demo.policy");
+    return explain;
 }
 
 CLI::App* addSlots(CLI::App& app, lab::SlotOptions& options) {
@@ -162,6 +187,8 @@ int main(int argc, char** argv) {
     lab::ReplayOptions options;
     std::string blockOnFailure;
     addReplay(app, options, blockOnFailure);
+    lab::ExplainOptions explainOptions;
+    const CLI::App* explain = addExplain(app, explainOptions, blockOnFailure);
     lab::SlotOptions slotOptions;
     const CLI::App* slots = addSlots(app, slotOptions);
     lab::CheckOptions checkOptions;
@@ -175,7 +202,9 @@ int main(int argc, char** argv) {
         if (slots->parsed()) return lab::proveSlots(slotOptions);
         if (check->parsed()) return lab::check(checkOptions);
         if (log->parsed()) return lab::showLog(logOptions);
-        options.blockOnFailure = divertOptions.blockOnFailure = blockOnFailure == "on";
+        options.blockOnFailure = divertOptions.blockOnFailure = explainOptions.blockOnFailure =
+            blockOnFailure == "on";
+        if (explain->parsed()) return lab::explain(explainOptions);
         if (divert->parsed()) return lab::divert(divertOptions);
         return lab::replay(options);
     } catch (const CLI::ParseError& error) {

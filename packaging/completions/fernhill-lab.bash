@@ -2,7 +2,7 @@
 _fernhill_lab() {
   local current=${COMP_WORDS[COMP_CWORD]} words='' files=no
   if [ "$COMP_CWORD" -eq 1 ]; then
-    COMPREPLY=($(compgen -W '--help replay slots check log divert' -- "$current"))
+    COMPREPLY=($(compgen -W '--help replay explain slots check log divert' -- "$current"))
     return
   fi
   case "${COMP_WORDS[1]}:${COMP_WORDS[COMP_CWORD - 1]}" in
@@ -15,6 +15,10 @@ _fernhill_lab() {
     replay:--program) files=yes ;;
     replay:--root) files=yes ;;
     replay:*) words="--help --policy --json --asked --report --csv --rows --bof --program --root" files=yes ;;
+    explain:--bof) words="on off" ;;
+    explain:--policy) files=yes ;;
+    explain:--root) files=yes ;;
+    explain:*) words="--help --packet --policy --json --bof --root" files=yes ;;
     slots:*) words="--help --questions --operations" files=yes ;;
     check:*) words="--help --json" files=yes ;;
     log:*) words="--help --containing --request --since-start --explain --hangs" files=yes ;;
