@@ -43,16 +43,6 @@ std::vector<std::size_t> firstOfEachKind(const std::vector<ConnectionRow>& rows)
     return places;
 }
 
-// The same text as one field: quoted, since a URL may hold commas, quotes and line ends.
-std::string field(const std::string& text) {
-    std::string quoted = "\"";
-    for (const char byte : text) {
-        if (byte == '"') quoted += '"';
-        quoted += byte;
-    }
-    return quoted + "\"";
-}
-
 } // namespace
 
 std::string kindOf(const Connection& connection) {
@@ -77,6 +67,15 @@ std::vector<ConnectionRow> chosenRows(std::vector<ConnectionRow> rows, std::size
     return chosen;
 }
 
+std::string csvField(const std::string& text) {
+    std::string quoted = "\"";
+    for (const char byte : text) {
+        if (byte == '"') quoted += '"';
+        quoted += byte;
+    }
+    return quoted + "\"";
+}
+
 void writeCsv(const std::string& path, const std::vector<ConnectionRow>& rows) {
     std::ofstream file(path, std::ios::binary);
     file << "at,local,remote,questions,url,answer,held,packets,verdict\r\n";
@@ -84,9 +83,9 @@ void writeCsv(const std::string& path, const std::vector<ConnectionRow>& rows) {
         const Connection& connection = row.connection;
         file << fmt::format("{:.6f},{},{},{},{},{},{:.6f},{},{}\r\n", static_cast<double>(row.at) / 1e6,
                             connection.local.text(), connection.remote.text(), connection.queries.size(),
-                            field(connection.queries.empty() ? "" : connection.queries.back().url),
-                            field(answerText(connection)), static_cast<double>(connection.heldTime) / 1e6,
-                            connection.packets, field(verdictText(connection)));
+                            csvField(connection.queries.empty() ? "" : connection.queries.back().url),
+                            csvField(answerText(connection)), static_cast<double>(connection.heldTime) / 1e6,
+                            connection.packets, csvField(verdictText(connection)));
     }
     if (!file.flush()) throw InputError(fmt::format("{}: {}", path, std::strerror(errno)));
 }

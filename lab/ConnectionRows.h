@@ -27,6 +27,9 @@ std::string kindOf(const Connection& connection);
 // question, evenly from all of the time. More kinds than room: those that are seldom first.
 std::vector<ConnectionRow> chosenRows(std::vector<ConnectionRow> rows, std::size_t most);
 
+// A text as one field of comma-separated values: quoted, since a URL may hold commas, quotes and line ends.
+std::string csvField(const std::string& text);
+
 // Writes all rows, with a heading, as RFC 4180 has it. Throws InputError when the file cannot be written.
 void writeCsv(const std::string& path, const std::vector<ConnectionRow>& rows);
 

@@ -91,9 +91,8 @@ public:
 
 private:
     bool isWanted(long number) const {
-        return std::any_of(wanted_.begin(), wanted_.end(), [&](const Range& range) {
-            return number >= range.first && number <= range.last;
-        });
+        return std::any_of(wanted_.begin(), wanted_.end(),
+                           [&](const Range& range) { return number >= range.first && number <= range.last; });
     }
 
     // The daemon tells of a new record in its log, with the mark that it goes by.
@@ -118,10 +117,11 @@ private:
         const std::set<std::string> urls = urlsOf(story);
         std::set<std::string> replied;
         for (const ObservedQuestion& question : observation_.questions()) {
-            if (!urls.count(question.url) || question.replied - start > story.presentations.back().at) continue;
+            if (!urls.count(question.url) || question.replied - start > story.presentations.back().at)
+                continue;
             replied.insert(question.url);
-            story.agent.push_back({question.url, question.asked - start, question.replied - start, question.reply,
-                                   ruleOf(question.url, queries)});
+            story.agent.push_back({question.url, question.asked - start, question.replied - start,
+                                   question.reply, ruleOf(question.url, queries)});
         }
         for (const std::string& url : urls)
             if (!replied.count(url)) story.agent.push_back({url, 0, -1, "", ruleOf(url, queries)});
@@ -171,14 +171,17 @@ std::string presentationText(const PacketStory& story, std::size_t place, std::s
     if (place) heading += fmt::format(" (presentation {})", place + 1);
     if (!presentation.result) return heading + ": the daemon gave no answer.\n";
     const int result = presentation.result->result;
-    heading += fmt::format(": {} (verdict {}, result {})\n", coloured(resultWord(result), colourOf(result), colours),
-                           presentation.seen.verdict, result);
+    heading +=
+        fmt::format(": {} (verdict {}, result {})\n", coloured(resultWord(result), colourOf(result), colours),
+                    presentation.seen.verdict, result);
     TextTable table({"test", "answer", "what it means"});
     for (const ToldStep& step : toldSteps(presentation, story.played.outbound, story.origins)) {
         const bool log = step.test == "log";
         table.add({{step.test, log ? Colour::faint : Colour::none},
                    {step.answer, Colour::none},
-                   {step.words, log ? Colour::faint : step.decides ? Colour::strong : Colour::none}});
+                   {step.words, log            ? Colour::faint
+                                : step.decides ? Colour::strong
+                                               : Colour::none}});
     }
     return heading + table.text(width, 2, colours);
 }
@@ -190,9 +193,10 @@ std::string agentText(const PacketStory& story) {
         if (question.replied < 0)
             text += fmt::format("  {}: no reply yet ({})\n", printable(question.url), printable(rule));
         else
-            text += fmt::format("  {}: asked at {}, replied at {}: {} ({})\n", printable(question.url),
-                                secondsText(question.asked), secondsText(question.replied),
-                                question.reply.empty() ? "nothing" : printable(question.reply), printable(rule));
+            text +=
+                fmt::format("  {}: asked at {}, replied at {}: {} ({})\n", printable(question.url),
+                            secondsText(question.asked), secondsText(question.replied),
+                            question.reply.empty() ? "nothing" : printable(question.reply), printable(rule));
     }
     return text.empty() ? "" : "\nThe agent\n" + text;
 }
@@ -218,7 +222,8 @@ bool isAsBefore(const PacketStory& story, std::size_t place) {
     return one.verdict == other.verdict &&
            std::equal(one.steps.begin(), one.steps.end(), other.steps.begin(), other.steps.end(),
                       [](const ObservedStep& a, const ObservedStep& b) {
-                          return a.call == b.call && a.answer == b.answer && (a.call == Call::logLine || a.text == b.text);
+                          return a.call == b.call && a.answer == b.answer &&
+                                 (a.call == Call::logLine || a.text == b.text);
                       });
 }
 
@@ -231,18 +236,21 @@ void print(const std::map<long, PacketStory>& stories, const ExplainOptions& opt
             fmt::print("{}\n", explanationJson(story, withBytes).dump(-1, ' ', true));
             continue;
         }
-        fmt::print("{}{}", first ? "" : "\n", explanationText(story, name, widthOf(stdout), showsColours(stdout)));
+        fmt::print("{}{}", first ? "" : "\n",
+                   explanationText(story, name, widthOf(stdout), showsColours(stdout)));
         first = false;
     }
 }
 
 } // namespace
 
-std::string explanationText(const PacketStory& story, const std::string& capture, std::size_t width, bool colours) {
+std::string explanationText(const PacketStory& story, const std::string& capture, std::size_t width,
+                            bool colours) {
     std::string text = coloured(headingOf(story, capture), Colour::strong, colours) + "\n";
     if (story.presentations.empty())
-        return text + "It was not shown to the daemon: its connection was redirected before, which ends it, or the "
-                      "daemon had gone.\n";
+        return text +
+               "It was not shown to the daemon: its connection was redirected before, which ends it, or the "
+               "daemon had gone.\n";
     std::string repeated;
     for (std::size_t place = 0; place < story.presentations.size(); ++place) {
         if (isAsBefore(story, place)) {
@@ -260,7 +268,8 @@ std::string explanationText(const PacketStory& story, const std::string& capture
 }
 
 int explain(const ExplainOptions& options) {
-    if (!Observation::possible()) throw std::runtime_error("this build of the lab cannot look into the daemon");
+    if (!Observation::possible())
+        throw std::runtime_error("this build of the lab cannot look into the daemon");
     Policy policy = Policy::load(options.policy);
     std::vector<Range> wanted;
     for (const std::string& packet : options.packets)
@@ -289,7 +298,8 @@ int explain(const ExplainOptions& options) {
         throw InputError(fmt::format("{}: no IP packet of that number; it has {} records", options.capture,
                                      facts.records));
     print(stories, options);
-    const bool told = std::all_of(stories.begin(), stories.end(), [](const auto& story) { return isTrue(story.second); });
+    const bool told =
+        std::all_of(stories.begin(), stories.end(), [](const auto& story) { return isTrue(story.second); });
     return told && alive ? 0 : 1;
 }
 

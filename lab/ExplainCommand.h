@@ -23,6 +23,7 @@ struct ExplainOptions {
 int explain(const ExplainOptions& options);
 
 // One explanation for people.
-std::string explanationText(const PacketStory& story, const std::string& capture, std::size_t width, bool colours);
+std::string explanationText(const PacketStory& story, const std::string& capture, std::size_t width,
+                            bool colours);
 
 } // namespace lab

@@ -26,7 +26,8 @@ ToldStep toldRecord(const ObservedStep& step, bool outbound, const RecordOrigins
     told.answer = fmt::format("0x{:x}", step.mark);
     switch (step.answer) {
         case openRecord:
-            words += outbound ? "; no answer yet: what is sent is held" : "; no answer yet: what comes is dropped";
+            words +=
+                outbound ? "; no answer yet: what is sent is held" : "; no answer yet: what comes is dropped";
             break;
         case allowedRecord:
             words += "; not blocked: its packets pass";
@@ -99,7 +100,8 @@ ToldStep told(const ObservedStep& step, bool outbound, const RecordOrigins& orig
             return toldTest("HijackPacket::create", yes, "a record for the connection",
                             "no record, since its length says that it has no payload");
         case Call::query:
-            return {"FilterQuery::send", step.text, "the agent is asked; until it answers the packet is held"};
+            return {"FilterQuery::send", step.text,
+                    "the agent is asked; until it answers the packet is held"};
         case Call::logLine:
             break;
     }
@@ -136,12 +138,14 @@ bool isLogged(const std::vector<ObservedStep>& steps, const char* part) {
 void tellDecision(ToldStep& told, const ObservedStep& step, bool outbound) {
     told.decides = true;
     if (step.call == Call::remoteAddress) told.words = "this computer itself: it passes";
-    if (step.call == Call::record && step.answer == noRecord && !outbound) told.words += ": inbound, it passes";
+    if (step.call == Call::record && step.answer == noRecord && !outbound)
+        told.words += ": inbound, it passes";
     if (step.call == Call::httpUrl && !step.answer) told.words += ": it passes";
     if (step.call == Call::httpUrl && step.answer) told.words = "a connectivity probe's host: it passes";
     if (step.call == Call::httpsUrl && step.answer) told.words = "a connectivity probe's host: it passes";
     if (step.call == Call::currentServer && outbound)
-        told.words = step.text.empty() ? "without a server it passes" : "the URL is the server's own: it passes";
+        told.words =
+            step.text.empty() ? "without a server it passes" : "the URL is the server's own: it passes";
 }
 
 int verdictIf(bool condition, int verdict) { return condition ? verdict : verdictUndecided; }
@@ -161,7 +165,8 @@ int recordVerdict(std::int64_t state, bool outbound) {
 
 } // namespace
 
-std::vector<ToldStep> toldSteps(const Presentation& presentation, bool outbound, const RecordOrigins& origins) {
+std::vector<ToldStep> toldSteps(const Presentation& presentation, bool outbound,
+                                const RecordOrigins& origins) {
     std::vector<ToldStep> steps;
     const std::vector<ObservedStep>& seen = presentation.seen.steps;
     const auto last = lastTest(seen);
@@ -273,12 +278,13 @@ ordered_json explanationJson(const PacketStory& story, bool withBytes) {
     }
     row["agent"] = ordered_json::array();
     for (const ToldQuestion& question : story.agent)
-        row["agent"].push_back({{"url", latin1(question.url)},
-                                {"asked", static_cast<double>(question.asked) / 1e6},
-                                {"replied", question.replied < 0 ? ordered_json(nullptr)
-                                                                 : ordered_json(static_cast<double>(question.replied) / 1e6)},
-                                {"reply", latin1(question.reply)},
-                                {"rule", latin1(question.rule)}});
+        row["agent"].push_back(
+            {{"url", latin1(question.url)},
+             {"asked", static_cast<double>(question.asked) / 1e6},
+             {"replied", question.replied < 0 ? ordered_json(nullptr)
+                                              : ordered_json(static_cast<double>(question.replied) / 1e6)},
+             {"reply", latin1(question.reply)},
+             {"rule", latin1(question.rule)}});
     if (!withBytes || story.presentations.empty()) return row;
     row["read"] = ordered_json::array();
     for (const ReadBytes& read : readIn(story))

@@ -21,9 +21,9 @@ namespace lab {
 
 // One test as a reader sees it.
 struct ToldStep {
-    std::string test;   // the daemon's operation, or "log"
-    std::string answer; // what it said
-    std::string words;  // what that means for the packet
+    std::string test;     // the daemon's operation, or "log"
+    std::string answer;   // what it said
+    std::string words;    // what that means for the packet
     bool decides = false; // it was the last one
 };
 
@@ -61,7 +61,8 @@ struct PacketStory {
 };
 
 // The tests of a presentation in words, in their order.
-std::vector<ToldStep> toldSteps(const Presentation& presentation, bool outbound, const RecordOrigins& origins);
+std::vector<ToldStep> toldSteps(const Presentation& presentation, bool outbound,
+                                const RecordOrigins& origins);
 
 // The verdict that follows from the tests, the last of which decided; verdictUndecided where none follows.
 int toldVerdict(const std::vector<ObservedStep>& steps, bool outbound);

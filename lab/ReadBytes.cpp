@@ -103,7 +103,8 @@ std::string textOf(const char* bytes, std::size_t count) {
 
 const std::vector<NamedReader>& packetReaders() {
     static const std::vector<NamedReader> readers{
-        {usableLetter, "can be worked on", [](char* packet) { return TCPPacket::isUsablePacket(packet) ? "yes" : "no"; }},
+        {usableLetter, "can be worked on",
+         [](char* packet) { return TCPPacket::isUsablePacket(packet) ? "yes" : "no"; }},
         {endsLetter, "ends of the connection", endsOf},
         {'s', "size of the payload",
          [](char* packet) { return std::to_string(TCPPacket::payloadSize(packet)); }},
@@ -120,7 +121,8 @@ std::vector<ReadBytes> bytesReadIn(std::vector<char> memory, std::size_t size) {
     for (const NamedReader& reader : packetReaders()) {
         if (!usable && reader.letter != usableLetter) continue;
         const auto claimed = static_cast<std::size_t>(TCPPacket::packetSize(packet));
-        const bool behind = reader.letter == urlLetter && claimed > size && !answerOf(reader.read, packet).empty();
+        const bool behind =
+            reader.letter == urlLetter && claimed > size && !answerOf(reader.read, packet).empty();
         read.push_back(bytesOf(reader, memory, behind ? std::min(claimed, last) : size));
     }
     return read;
@@ -150,7 +152,9 @@ std::string hexView(const std::vector<char>& memory, std::size_t size, const std
             marks += fmt::format("{}{} ", letters[at], letters[at]);
         }
         view += fmt::format("{:04x}  {:<48} {}{}\n", row, hex, textOf(&memory[row], count),
-                            letters.find_first_not_of(' ', std::max(row, size)) < row + count ? "   (behind the packet)" : "");
+                            letters.find_first_not_of(' ', std::max(row, size)) < row + count
+                                ? "   (behind the packet)"
+                                : "");
         marks.erase(marks.find_last_not_of(' ') + 1);
         view += fmt::format("      {}\n", marks);
     }

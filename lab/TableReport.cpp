@@ -4,8 +4,6 @@
 
 #include <fmt/format.h>
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <filesystem>
 
@@ -16,7 +14,6 @@ constexpr std::size_t connectionWidth = 21;
 constexpr std::size_t urlWidth = 38;
 constexpr std::size_t answerWidth = 19;
 constexpr std::size_t lineWidth = 120;
-constexpr int barWidth = 40;
 
 constexpr char explanation[] = R"text(
 A row comes as its connection ends.
@@ -65,8 +62,7 @@ std::string verdictText(const Connection& connection) {
 }
 
 TableReport::TableReport(std::FILE* out, std::size_t mostRows, bool keepsRows)
-    : out_(out), mostRows_(mostRows), keepsRows_(keepsRows || mostRows),
-      terminal_(isatty(STDERR_FILENO) == 1) {}
+    : out_(out), mostRows_(mostRows), keepsRows_(keepsRows || mostRows), silent_(!out) {}
 
 void TableReport::begin(const std::string& capture, const CaptureFacts& facts, const PolicyFacts& policy) {
     if (!out_) return;
@@ -107,6 +103,7 @@ void TableReport::row(const Connection& connection, std::int64_t start) {
 }
 
 void TableReport::end() {
+    bar_.clear();
     const auto first = rows_.begin() + static_cast<std::ptrdiff_t>(captureRows_);
     if (out_ && mostRows_) {
         for (const ConnectionRow& row : chosenRows({first, rows_.end()}, mostRows_))
@@ -127,7 +124,7 @@ std::vector<ConnectionRow> TableReport::rows() const {
 }
 
 void TableReport::printRow(const Connection& connection, std::int64_t start) {
-    clearProgress();
+    bar_.clear();
     const double at = static_cast<double>(start) / 1e6;
     const double held = static_cast<double>(connection.heldTime) / 1e6;
     fmt::print(out_, "{:>8.3f}  {:<{}}  {:<{}}  {:<{}}  {:>8}  {}\n", at,
@@ -138,21 +135,7 @@ void TableReport::printRow(const Connection& connection, std::int64_t start) {
 }
 
 void TableReport::progress(long position, long records) {
-    if (!out_ || !terminal_ || records == 0) return;
-    const int percent = static_cast<int>(position * 100 / records);
-    if (percent == percent_) return;
-    percent_ = percent;
-    const int full = percent * barWidth / 100;
-    std::fflush(out_);
-    fmt::print(stderr, "\r[{:#>{}}{:.>{}}] {:>3} %", "", full, "", barWidth - full, percent);
-    std::fflush(stderr);
-}
-
-void TableReport::clearProgress() {
-    if (!terminal_ || percent_ < 0) return;
-    fmt::print(stderr, "\r{:{}}\r", "", barWidth + 8);
-    std::fflush(stderr);
-    percent_ = -1;
+    if (!silent_) bar_.show(position, records);
 }
 
 void TableReport::printAnswers(const Totals& totals) {
@@ -182,7 +165,7 @@ void TableReport::liveSummary(const Totals& totals, const std::string& root) {
 
 void TableReport::summary(const Totals& totals, double realSeconds, const std::string& root) {
     if (!out_) return;
-    clearProgress();
+    bar_.clear();
     fmt::print(out_,
                "\n{} IP packets of {} captured, {} connections. The daemon was shown {} packet records, held "
                "packets again\nand again, and left {} without an answer.\n",

@@ -5,6 +5,7 @@
 
 #include "lab/Connection.h"
 #include "lab/ConnectionRows.h"
+#include "lab/ProgressBar.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -60,23 +61,26 @@ public:
     std::vector<ConnectionRow> rows() const;
 
     void progress(long position, long records);
+
+    // Shows progress although nothing is written.
+    void showProgress() { silent_ = false; }
+
     // `root` is the scratch folder when it is kept, else empty.
     void summary(const Totals& totals, double realSeconds, const std::string& root);
     void liveSummary(const Totals& totals, const std::string& root);
 
 private:
     void printColumns();
-    void clearProgress();
     void printRow(const Connection& connection, std::int64_t at);
     void printAnswers(const Totals& totals);
 
     std::FILE* out_;
     std::size_t mostRows_;
     bool keepsRows_;
-    bool terminal_;
+    bool silent_;
+    ProgressBar bar_;
     std::vector<ConnectionRow> rows_; // of all captures
     std::size_t captureRows_ = 0;     // where those of this capture begin
-    int percent_ = -1;
     bool explained_ = false;
 };
 

@@ -56,7 +56,8 @@ std::vector<std::string> wrapped(const std::string& text, std::size_t width) {
 
 std::size_t widthOf(std::FILE* stream, std::size_t otherwise) {
     const char* columns = std::getenv("COLUMNS");
-    if (const int number = columns ? std::atoi(columns) : 0; number > 0) return static_cast<std::size_t>(number);
+    if (const int number = columns ? std::atoi(columns) : 0; number > 0)
+        return static_cast<std::size_t>(number);
     winsize size{};
     if (ioctl(fileno(stream), TIOCGWINSZ, &size) == 0 && size.ws_col > 0) return size.ws_col;
     return otherwise;

@@ -1,5 +1,6 @@
 // fernhill-lab: the world around the daemon on one machine.
 
+#include "lab/CompareCommand.h"
 #include "lab/ConfigCheck.h"
 #include "lab/ExplainCommand.h"
 #include "lab/LogReader.h"
@@ -80,6 +81,35 @@ CLI::App* addExplain(CLI::App& app, lab::ExplainOptions& options, std::string& b
         "Example: fernhill-lab explain tests/captures/http4.pcap --packet 4 --policy "
         "lab/policies/demo.policy");
     return explain;
+}
+
+CLI::App* addCompare(CLI::App& app, lab::CompareOptions& options, std::string& blockOnFailure) {
+    CLI::App* compare = app.add_subcommand(
+        "compare", "Play captures under two policies and show what the second one changes.");
+    compare->add_option("captures", options.captures, "pcap or pcapng files, each played by itself")
+        ->required()
+        ->type_name("CAPTURE");
+    compare->add_option("--policy", options.policies, "the rules before the change, and again those after it")
+        ->required()
+        ->allow_extra_args(false)
+        ->type_name("FILE");
+    compare->add_flag("--json", options.json, "one object in place of the tables");
+    compare->add_option("--csv", options.csv, "write a line for each connection with another outcome")
+        ->type_name("FILE");
+    compare->add_option("--rows", options.rows, "show at most so many connections, and URLs")
+        ->check(CLI::PositiveNumber)
+        ->capture_default_str()
+        ->type_name("N");
+    compare->add_option("--bof", blockOnFailure, "block on failure")
+        ->check(CLI::IsMember({"on", "off"}))
+        ->default_str("off");
+    compare->footer(
+        "Exit status: 0 when every connection has the same outcome, 1 when one has another, 2 for what "
+        "cannot "
+        "be used.\n"
+        "Example: fernhill-lab compare tests/captures/many.pcap --policy lab/policies/allow-all.policy "
+        "--policy lab/policies/demo.policy");
+    return compare;
 }
 
 CLI::App* addSlots(CLI::App& app, lab::SlotOptions& options) {
@@ -189,6 +219,8 @@ int main(int argc, char** argv) {
     addReplay(app, options, blockOnFailure);
     lab::ExplainOptions explainOptions;
     const CLI::App* explain = addExplain(app, explainOptions, blockOnFailure);
+    lab::CompareOptions compareOptions;
+    const CLI::App* compare = addCompare(app, compareOptions, blockOnFailure);
     lab::SlotOptions slotOptions;
     const CLI::App* slots = addSlots(app, slotOptions);
     lab::CheckOptions checkOptions;
@@ -203,7 +235,8 @@ int main(int argc, char** argv) {
         if (check->parsed()) return lab::check(checkOptions);
         if (log->parsed()) return lab::showLog(logOptions);
         options.blockOnFailure = divertOptions.blockOnFailure = explainOptions.blockOnFailure =
-            blockOnFailure == "on";
+            compareOptions.blockOnFailure = blockOnFailure == "on";
+        if (compare->parsed()) return lab::compare(compareOptions);
         if (explain->parsed()) return lab::explain(explainOptions);
         if (divert->parsed()) return lab::divert(divertOptions);
         return lab::replay(options);

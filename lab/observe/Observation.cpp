@@ -93,8 +93,8 @@ private:
 } // namespace
 
 Observation::Observation() {
-    void* memory =
-        mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+    void* memory = mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE,
+                        MAP_SHARED | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
     if (memory == MAP_FAILED) throw std::runtime_error("no shared memory for what the daemon does");
     shared = static_cast<Shared*>(memory);
 }

@@ -57,8 +57,9 @@ struct ObservedQuestion {
 struct ObservedPacket {
     std::vector<ObservedStep> steps;
     std::int64_t verdict = 0;
-    std::vector<char> memory; // from the packet's first byte on, as it was before; what lies behind it included
-    bool cut = false;         // there was more than there is room for
+    std::vector<char>
+        memory;       // from the packet's first byte on, as it was before; what lies behind it included
+    bool cut = false; // there was more than there is room for
 };
 
 // The lab's side. To be made before the daemon is forked; one at a time.

@@ -124,8 +124,10 @@ in6_addr __wrap__ZN9TCPPacket16dstIPAddressIpv6EPcRi(char* packet, int& port) {
     return address;
 }
 
-bool __real__ZN11FilterQuery13isFilteringIPEP17FilterIPAddressesj(FilterIPAddresses* addresses, unsigned address);
-bool __wrap__ZN11FilterQuery13isFilteringIPEP17FilterIPAddressesj(FilterIPAddresses* addresses, unsigned address) {
+bool __real__ZN11FilterQuery13isFilteringIPEP17FilterIPAddressesj(FilterIPAddresses* addresses,
+                                                                  unsigned address);
+bool __wrap__ZN11FilterQuery13isFilteringIPEP17FilterIPAddressesj(FilterIPAddresses* addresses,
+                                                                  unsigned address) {
     return noted(Call::filterServer,
                  __real__ZN11FilterQuery13isFilteringIPEP17FilterIPAddressesj(addresses, address));
 }

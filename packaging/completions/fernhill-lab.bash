@@ -2,7 +2,7 @@
 _fernhill_lab() {
   local current=${COMP_WORDS[COMP_CWORD]} words='' files=no
   if [ "$COMP_CWORD" -eq 1 ]; then
-    COMPREPLY=($(compgen -W '--help replay explain slots check log divert' -- "$current"))
+    COMPREPLY=($(compgen -W '--help replay explain compare slots check log divert' -- "$current"))
     return
   fi
   case "${COMP_WORDS[1]}:${COMP_WORDS[COMP_CWORD - 1]}" in
@@ -19,6 +19,10 @@ _fernhill_lab() {
     explain:--policy) files=yes ;;
     explain:--root) files=yes ;;
     explain:*) words="--help --packet --policy --json --bof --root" files=yes ;;
+    compare:--bof) words="on off" ;;
+    compare:--policy) files=yes ;;
+    compare:--csv) files=yes ;;
+    compare:*) words="--help --policy --json --csv --rows --bof" files=yes ;;
     slots:*) words="--help --questions --operations" files=yes ;;
     check:*) words="--help --json" files=yes ;;
     log:*) words="--help --containing --request --since-start --explain --hangs" files=yes ;;

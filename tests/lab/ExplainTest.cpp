@@ -21,14 +21,15 @@ using lab::ObservedStep;
 using labtest::LabRun;
 using labtest::linesOf;
 using labtest::runLab;
-using testsupport::writeAll;
 using nlohmann::json;
+using testsupport::writeAll;
 
 // Of every kind of answer something: blocks that fit into a request and one that does not, answers that come while a
 // packet is held, and none at all.
 constexpr char mixedPolicy[] =
     "block *alder* http://b/\nblock *birch* http://b/\nblock *hazel* http://b/\n"
-    "block *gum* http://localhost:6543/a-page-whose-address-is-longer-than-most-of-the-requests-of-the-captures/"
+    "block *gum* "
+    "http://localhost:6543/a-page-whose-address-is-longer-than-most-of-the-requests-of-the-captures/"
     "?and-so-it-does-not-fit-into-them-but-for-a-few-that-are-longer-than-others\n"
     "slow 2500 *cedar*\nslow 2500 *fir*\nsilent *elm*\nretry 1 *ivy*\ngarble *juniper*\nallow *\n";
 
@@ -70,8 +71,9 @@ TEST_P(ExplainedCapture, SaysOfEveryPacketWhatTheReplayDid) {
         for (const json& presentation : told[i]["presentations"]) {
             EXPECT_EQ(presentation["told"], presentation["verdict"]) << told[i];
             const json& tests = presentation["tests"];
-            EXPECT_EQ(std::count_if(tests.begin(), tests.end(), [](const json& test) { return test["decides"]; }),
-                      1)
+            EXPECT_EQ(
+                std::count_if(tests.begin(), tests.end(), [](const json& test) { return test["decides"]; }),
+                1)
                 << told[i];
         }
     }
@@ -100,7 +102,9 @@ protected:
         return runLab(arguments);
     }
 
-    static bool has(const LabRun& run, const std::string& text) { return run.out.find(text) != std::string::npos; }
+    static bool has(const LabRun& run, const std::string& text) {
+        return run.out.find(text) != std::string::npos;
+    }
 
     testsupport::TemporaryFolder folder_;
 };
@@ -123,7 +127,8 @@ TEST_F(ExplainTest, ThePresentationsOfASilentAgentAreToldOnce) {
     EXPECT_EQ(rows[0]["presentations"].size(), 9u);
     EXPECT_TRUE(rows[0]["agent"][0]["replied"].is_null());
     EXPECT_EQ(rows[0]["agent"][0]["rule"], "silent *");
-    EXPECT_TRUE(has(explain("silent *\n", {"--packet", "3"}), "The same again at 3.002 s, 7.002 s, 15.002 s"));
+    EXPECT_TRUE(
+        has(explain("silent *\n", {"--packet", "3"}), "The same again at 3.002 s, 7.002 s, 15.002 s"));
 }
 
 TEST_F(ExplainTest, APacketBehindARedirectWasNotShown) {
@@ -156,7 +161,8 @@ TEST_F(ExplainTest, APacketThatIsNotThereIsRefused) {
 }
 
 TEST_F(ExplainTest, ARangeIsExplainedInItsOrder) {
-    const std::vector<json> rows = rowsOf(explain("allow *\n", {"--packet", "5-6", "--packet", "2", "--json"}));
+    const std::vector<json> rows =
+        rowsOf(explain("allow *\n", {"--packet", "5-6", "--packet", "2", "--json"}));
     ASSERT_EQ(rows.size(), 3u);
     EXPECT_EQ(rows[0]["packet"], 2);
     EXPECT_EQ(rows[2]["packet"], 6);

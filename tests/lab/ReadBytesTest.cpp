@@ -23,7 +23,9 @@ std::vector<char> memoryOf(const std::string& packet) {
     return memory;
 }
 
-std::vector<ReadBytes> readIn(const std::string& packet) { return lab::bytesReadIn(memoryOf(packet), packet.size()); }
+std::vector<ReadBytes> readIn(const std::string& packet) {
+    return lab::bytesReadIn(memoryOf(packet), packet.size());
+}
 
 std::string offsetsOf(const std::vector<ReadBytes>& read, char letter) {
     for (const ReadBytes& reader : read)

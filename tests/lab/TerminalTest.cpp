@@ -1,0 +1,80 @@
+// Tables that fit, colours only where they are wanted, the progress bar's line.
+
+#include "lab/LabRun.h"
+#include "lab/ProgressBar.h"
+#include "lab/Terminal.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <string>
+
+namespace {
+
+using lab::Colour;
+using lab::TextTable;
+
+TextTable someTable() {
+    TextTable table({"name", "what it is"});
+    table.add({{"a name that is rather long, in truth"}, {"words that go on and on until they reach the edge"}});
+    table.add({{"short", Colour::bad}, {"few"}});
+    return table;
+}
+
+TEST(TextTable, NoLineIsWiderThanAskedFor) {
+    for (const std::size_t width : {40u, 60u, 80u, 200u})
+        for (const std::string& line : labtest::linesOf(someTable().text(width, 2, false)))
+            EXPECT_LE(line.size(), width) << line;
+}
+
+TEST(TextTable, WithRoomEverythingIsInIt) {
+    EXPECT_EQ(someTable().text(200, 0, false),
+              "name                                  what it is\n"
+              "a name that is rather long, in truth  words that go on and on until they reach the edge\n"
+              "short                                 few\n");
+}
+
+TEST(TextTable, TheLastColumnIsWrappedAtBlanks) {
+    TextTable table({"", ""});
+    table.add({{"x"}, {"one two three four five six seven"}});
+    EXPECT_EQ(table.text(28, 0, false), "x  one two three four five\n   six seven\n");
+}
+
+TEST(TextTable, ColoursTakeNoRoom) {
+    EXPECT_NE(someTable().text(200, 0, true).find("\x1b[31mshort\x1b[0m                                 few"),
+              std::string::npos);
+    EXPECT_EQ(someTable().text(200, 0, false).find('\x1b'), std::string::npos);
+}
+
+TEST(TextTable, WhatATerminalShouldNotSeeIsReplaced) {
+    TextTable table({""});
+    table.add({{"a\x1b[2Jb"}});
+    EXPECT_EQ(table.text(80, 0, false), "a?[2Jb\n");
+}
+
+TEST(Terminal, ColumnsRulesTheWidth) {
+    setenv("COLUMNS", "77", 1);
+    EXPECT_EQ(lab::widthOf(stdout), 77u);
+    setenv("COLUMNS", "none", 1);
+    std::FILE* file = std::tmpfile();
+    EXPECT_EQ(lab::widthOf(file, 99), 99u);
+    EXPECT_FALSE(lab::showsColours(file));
+    std::fclose(file);
+}
+
+TEST(ProgressBar, TellsRateAndTimeLeft) {
+    EXPECT_EQ(lab::ProgressBar::line(1000, 4000, 2, 79),
+              "[##########..............................]  25 %, 500 packets/s, 6 s left");
+    EXPECT_NE(lab::ProgressBar::line(1000, 100000, 2, 79).find("3:18 min left"), std::string::npos);
+}
+
+TEST(ProgressBar, FitsANarrowTerminal) {
+    for (const std::size_t width : {10u, 30u, 50u})
+        EXPECT_LE(lab::ProgressBar::line(1000, 4000, 2, width).size(), width);
+}
+
+TEST(ProgressBar, NothingIsKnownOfTheRateAtTheStart) {
+    EXPECT_EQ(lab::ProgressBar::line(0, 4000, 2, 79), "[" + std::string(40, '.') + "]   0 %");
+}
+
+} // namespace
