@@ -52,21 +52,21 @@ std::map<Key, const Connection*> byKey(const std::vector<ConnectionRow>& rows) {
 void addUrls(std::map<std::string, std::string>& answers, const std::vector<ConnectionRow>& rows) {
     for (const ConnectionRow& row : rows)
         for (const Query& query : row.connection.queries)
-            answers[query.url] = query.decision.action == Action::block
-                                     ? "block " + query.decision.redirect
-                                     : answerTextOf(query);
+            answers[query.url] = query.decision.action == Action::block ? "block " + query.decision.redirect
+                                                                        : answerTextOf(query);
 }
 
 // One capture under one policy, in a daemon of its own.
-std::vector<ConnectionRow> played(const std::string& capture, const CaptureFacts& facts, const std::string& policyFile,
-                                  bool blockOnFailure) {
+std::vector<ConnectionRow> played(const std::string& capture, const CaptureFacts& facts,
+                                  const std::string& policyFile, bool blockOnFailure) {
     Policy policy = Policy::load(policyFile);
     const int logLevel = verdictLogLevel | (policy.pushes().empty() ? 0 : agentLogLevel);
     Stage stage("", std::move(policy), facts.firstTime);
     stage.root.configure(blockOnFailure, logLevel);
     if (!stage.raise()) {
         stage.daemon.stop();
-        throw InputError("the daemon did not connect its control sockets; it wrote:\n" + stage.root.outputTail());
+        throw InputError("the daemon did not connect its control sockets; it wrote:\n" +
+                         stage.root.outputTail());
     }
     JsonReport json("");
     TableReport table(nullptr, 0, true);
@@ -90,7 +90,8 @@ void printJson(const Comparison& comparison, const CompareOptions& options) {
     ordered_json all = {{"policies", options.policies}, {"connections", comparison.connections}};
     all["changes"] = ordered_json::array();
     for (const auto& [change, count] : comparison.changes)
-        all["changes"].push_back({{"before", latin1(change.first)}, {"after", latin1(change.second)}, {"connections", count}});
+        all["changes"].push_back(
+            {{"before", latin1(change.first)}, {"after", latin1(change.second)}, {"connections", count}});
     all["urls"] = ordered_json::array();
     for (const auto& [url, answers] : comparison.urls)
         all["urls"].push_back(
@@ -109,14 +110,16 @@ void printJson(const Comparison& comparison, const CompareOptions& options) {
 
 void writeCsvFile(const std::string& path, const Comparison& comparison) {
     std::ofstream file(path, std::ios::binary);
-    file << "capture,at,local,remote,url,verdict before,verdict after,answer before,answer after,held before,held "
+    file << "capture,at,local,remote,url,verdict before,verdict after,answer before,answer after,held "
+            "before,held "
             "after\r\n";
     for (const Difference& difference : comparison.differences)
         file << fmt::format("{},{:.6f},{},{},{},{},{},{},{},{:.6f},{:.6f}\r\n", csvField(difference.capture),
                             static_cast<double>(difference.at) / 1e6, difference.local, difference.remote,
                             csvField(difference.url), csvField(difference.before.verdict),
                             csvField(difference.after.verdict), csvField(difference.before.answer),
-                            csvField(difference.after.answer), static_cast<double>(difference.before.held) / 1e6,
+                            csvField(difference.after.answer),
+                            static_cast<double>(difference.before.held) / 1e6,
                             static_cast<double>(difference.after.held) / 1e6);
     if (!file.flush()) throw InputError(fmt::format("{}: {}", path, std::strerror(errno)));
 }
@@ -202,7 +205,8 @@ void compareRows(Comparison& comparison, const std::string& capture, const std::
 }
 
 int compare(const CompareOptions& options) {
-    if (options.policies.size() != 2) throw InputError("--policy: two of them, the one before and the one after");
+    if (options.policies.size() != 2)
+        throw InputError("--policy: two of them, the one before and the one after");
     for (const std::string& policy : options.policies)
         Policy::load(policy);
     std::vector<CaptureFacts> facts;

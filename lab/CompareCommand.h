@@ -23,8 +23,8 @@ struct CompareOptions {
 
 // What became of a connection under one policy; empty texts where it was none.
 struct Outcome {
-    std::string verdict;  // with the redirect's address
-    std::string answer;   // of the agent to the last question
+    std::string verdict;   // with the redirect's address
+    std::string answer;    // of the agent to the last question
     std::int64_t held = 0; // microseconds
 };
 
@@ -42,8 +42,10 @@ struct Difference {
 struct Comparison {
     long connections = 0; // under the first policy
     std::vector<Difference> differences;
-    std::map<std::pair<std::string, std::string>, long> changes; // of verdicts: from, to, how many connections
-    std::map<std::string, std::pair<std::string, std::string>> urls; // whose answers differ, last answers of each
+    std::map<std::pair<std::string, std::string>, long>
+        changes; // of verdicts: from, to, how many connections
+    std::map<std::string, std::pair<std::string, std::string>>
+        urls; // whose answers differ, last answers of each
 };
 
 // Adds one capture's rows under both policies. Connections are the same by their ends and the time of their first packet.

@@ -52,10 +52,12 @@ std::string ProgressBar::line(long done, long all, double seconds, std::size_t w
     const double rate = seconds > 0 ? static_cast<double>(done) / seconds : 0;
     std::string words = fmt::format("{:>3} %", done * 100 / std::max(all, 1L));
     if (rate > 0)
-        words += fmt::format(", {:.0f} packets/s, {}", rate, timeLeft(static_cast<double>(all - done) / rate));
+        words +=
+            fmt::format(", {:.0f} packets/s, {}", rate, timeLeft(static_cast<double>(all - done) / rate));
     if (words.size() + shortestBar + 3 > width) return words.substr(0, width);
     const std::size_t room = std::min(longestBar, width - words.size() - 3);
-    const std::size_t full = room * static_cast<std::size_t>(done) / static_cast<std::size_t>(std::max(all, 1L));
+    const std::size_t full =
+        room * static_cast<std::size_t>(done) / static_cast<std::size_t>(std::max(all, 1L));
     return fmt::format("[{}{}] {}", std::string(full, '#'), std::string(room - full, '.'), words);
 }
 

@@ -2,6 +2,7 @@
 
 #include "lab/CompareCommand.h"
 #include "lab/ConfigCheck.h"
+#include "lab/Doctor.h"
 #include "lab/ExplainCommand.h"
 #include "lab/LogReader.h"
 #include "lab/Policy.h"
@@ -156,6 +157,16 @@ CLI::App* addLog(CLI::App& app, lab::LogOptions& options) {
     return log;
 }
 
+CLI::App* addDoctor(CLI::App& app, bool& json) {
+    CLI::App* doctor =
+        app.add_subcommand("doctor", "Say what of the lab can run on this machine, and what to install.");
+    doctor->add_flag("--json", json, "one array of objects in place of the table");
+    doctor->footer(
+        "It changes nothing. Exit status: 0 when all of the lab runs here, 1 when something does not.\n"
+        "Example: fernhill-lab doctor");
+    return doctor;
+}
+
 CLI::App* addDivert(CLI::App& app, lab::DivertOptions& options, std::string& blockOnFailure) {
     CLI::App* divert = app.add_subcommand(
         "divert",
@@ -227,6 +238,8 @@ int main(int argc, char** argv) {
     const CLI::App* check = addCheck(app, checkOptions);
     lab::LogOptions logOptions;
     const CLI::App* log = addLog(app, logOptions);
+    bool doctorJson = false;
+    const CLI::App* doctor = addDoctor(app, doctorJson);
     lab::DivertOptions divertOptions;
     const CLI::App* divert = addDivert(app, divertOptions, blockOnFailure);
     try {
@@ -234,6 +247,7 @@ int main(int argc, char** argv) {
         if (slots->parsed()) return lab::proveSlots(slotOptions);
         if (check->parsed()) return lab::check(checkOptions);
         if (log->parsed()) return lab::showLog(logOptions);
+        if (doctor->parsed()) return lab::doctor(doctorJson);
         options.blockOnFailure = divertOptions.blockOnFailure = explainOptions.blockOnFailure =
             compareOptions.blockOnFailure = blockOnFailure == "on";
         if (compare->parsed()) return lab::compare(compareOptions);

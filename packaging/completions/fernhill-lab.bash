@@ -2,7 +2,7 @@
 _fernhill_lab() {
   local current=${COMP_WORDS[COMP_CWORD]} words='' files=no
   if [ "$COMP_CWORD" -eq 1 ]; then
-    COMPREPLY=($(compgen -W '--help replay explain compare slots check log divert' -- "$current"))
+    COMPREPLY=($(compgen -W '--help replay explain compare slots check log doctor divert' -- "$current"))
     return
   fi
   case "${COMP_WORDS[1]}:${COMP_WORDS[COMP_CWORD - 1]}" in
@@ -26,6 +26,7 @@ _fernhill_lab() {
     slots:*) words="--help --questions --operations" files=yes ;;
     check:*) words="--help --json" files=yes ;;
     log:*) words="--help --containing --request --since-start --explain --hangs" files=yes ;;
+    doctor:*) words="--help --json" files=yes ;;
     divert:--bof) words="on off" ;;
     divert:--through) words="daemon queue nothing" ;;
     divert:--policy) files=yes ;;

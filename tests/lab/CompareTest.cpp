@@ -48,14 +48,16 @@ TEST(CompareRows, ConnectionsOfTheSameOutcomeAreNoDifference) {
 TEST(CompareRows, AnotherVerdictIsCountedByItsChange) {
     const Comparison comparison =
         compared({asked(1, Action::allow), asked(2, Action::allow), asked(3, Action::allow)},
-                 {asked(1, Action::block, "http://b/"), asked(2, Action::block, "http://b/"), asked(3, Action::allow)});
+                 {asked(1, Action::block, "http://b/"), asked(2, Action::block, "http://b/"),
+                  asked(3, Action::allow)});
     EXPECT_EQ(comparison.differences.size(), 2u);
     const auto change = std::make_pair(std::string("passed"), std::string("redirected to http://b/"));
     EXPECT_EQ(comparison.changes.at(change), 2);
 }
 
 TEST(CompareRows, AnotherPageInPlaceOfABlockedOneIsADifference) {
-    EXPECT_EQ(compared({asked(1, Action::block, "http://b/")}, {asked(1, Action::block, "http://c/")}).differences.size(),
+    EXPECT_EQ(compared({asked(1, Action::block, "http://b/")}, {asked(1, Action::block, "http://c/")})
+                  .differences.size(),
               1u);
 }
 
@@ -83,8 +85,10 @@ protected:
         writeAll(folder_.file("new"), "block *b.test* http://p/\n");
     }
 
-    LabRun compare(const std::string& before, const std::string& after, const std::vector<std::string>& options = {}) {
-        std::vector<std::string> arguments = {"compare", folder_.file("test.pcap"), "--policy", folder_.file(before),
+    LabRun compare(const std::string& before, const std::string& after,
+                   const std::vector<std::string>& options = {}) {
+        std::vector<std::string> arguments = {"compare",  folder_.file("test.pcap"),
+                                              "--policy", folder_.file(before),
                                               "--policy", folder_.file(after)};
         arguments.insert(arguments.end(), options.begin(), options.end());
         return runLab(arguments);
@@ -102,12 +106,14 @@ TEST_F(CompareCommandTest, APolicyAgainstItselfChangesNothing) {
 TEST_F(CompareCommandTest, ABlockedHostIsTheOneDifference) {
     const LabRun run = compare("old", "new", {"--csv", folder_.file("csv")});
     EXPECT_EQ(run.status, 1) << run.err;
-    EXPECT_NE(run.out.find("Connections in 1 captures: 2; with another outcome: 1."), std::string::npos) << run.out;
+    EXPECT_NE(run.out.find("Connections in 1 captures: 2; with another outcome: 1."), std::string::npos)
+        << run.out;
     EXPECT_NE(run.out.find("http://b.test/"), std::string::npos);
     EXPECT_EQ(run.out.find("http://a.test/"), std::string::npos);
     const auto lines = linesOf(readAll(folder_.file("csv")));
     ASSERT_EQ(lines.size(), 2u);
-    EXPECT_NE(lines[1].find("\"passed\",\"redirected to http://p/\",\"allow\",\"block\""), std::string::npos) << lines[1];
+    EXPECT_NE(lines[1].find("\"passed\",\"redirected to http://p/\",\"allow\",\"block\""), std::string::npos)
+        << lines[1];
 }
 
 TEST_F(CompareCommandTest, JsonHasChangesUrlsAndConnections) {

@@ -1,8 +1,8 @@
 // Tables that fit, colours only where they are wanted, the progress bar's line.
 
+#include "lab/Terminal.h"
 #include "lab/LabRun.h"
 #include "lab/ProgressBar.h"
-#include "lab/Terminal.h"
 
 #include <gtest/gtest.h>
 
@@ -16,7 +16,8 @@ using lab::TextTable;
 
 TextTable someTable() {
     TextTable table({"name", "what it is"});
-    table.add({{"a name that is rather long, in truth"}, {"words that go on and on until they reach the edge"}});
+    table.add(
+        {{"a name that is rather long, in truth"}, {"words that go on and on until they reach the edge"}});
     table.add({{"short", Colour::bad}, {"few"}});
     return table;
 }
