@@ -8,6 +8,7 @@
 #include "gp/Owned.h"
 #include "lab/Policy.h"
 #include "lab/RootFolder.h"
+#include "lab/Terminal.h"
 #include "platform/HostPaths.h"
 
 #include <fmt/format.h>
@@ -269,19 +270,20 @@ const char* wordOf(ConfigFinding::Kind kind) {
     return "";
 }
 
-std::string shown(std::string text) {
-    for (char& byte : text)
-        if (static_cast<unsigned char>(byte) < 0x20 || byte == 0x7f) byte = ' ';
-    return text.size() <= textWidth ? text : text.substr(0, textWidth - 3) + "...";
+Colour colourOf(const ConfigFinding& finding) {
+    if (finding.lost) return Colour::bad;
+    return finding.kind == ConfigFinding::Kind::ignored ? Colour::notice : Colour::none;
 }
 
 void printTable(const std::vector<ConfigFinding>& findings) {
-    fmt::print("{:>5}  {:<8} {:<18} {:<{}} {}\n", "line", "", "element", "text", textWidth,
-               "what the daemon has");
+    TextTable table({"line", "", "element", "text", "what the daemon has"});
     for (const ConfigFinding& finding : findings)
-        fmt::print("{:>5}  {:<8} {:<18} {:<{}} {}{}\n", finding.line ? std::to_string(finding.line) : "-",
-                   wordOf(finding.kind), finding.element, shown(finding.text), textWidth, finding.meaning,
-                   finding.lost ? "; LOST at the next save" : "");
+        table.add({{finding.line ? std::to_string(finding.line) : "-"},
+                   {wordOf(finding.kind), colourOf(finding)},
+                   {finding.element},
+                   {shortened(finding.text, textWidth)},
+                   {finding.meaning + (finding.lost ? "; LOST at the next save" : ""), colourOf(finding)}});
+    table.print(stdout);
 }
 
 void printJson(const std::vector<ConfigFinding>& findings) {

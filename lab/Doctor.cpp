@@ -108,7 +108,8 @@ Need needed(const std::string& name, const std::string& lack, const std::string&
 
 Need program(const Machine& machine, const std::string& name) {
     const bool there = machine.programs.count(name) > 0;
-    return needed(name, there ? "" : "no such program in PATH", "apt-get install " + calledPrograms().at(name));
+    return needed(name, there ? "" : "no such program in PATH",
+                  "apt-get install " + calledPrograms().at(name));
 }
 
 Ability replayAbility(const Machine& machine) {
@@ -126,11 +127,12 @@ Ability divertAbility(const Machine& machine) {
     ability.needs.push_back(needed("root", machine.root, "run it as root"));
     ability.needs.push_back(
         needed("namespaces", machine.namespaces, "run it as root, outside of containers that forbid them"));
-    ability.needs.push_back(needed("NFQUEUE", machine.queue,
-                                   "apt-get install libnetfilter-queue-dev libmnl-dev and build again; a kernel "
-                                   "with nfnetlink_queue"));
     ability.needs.push_back(
-        needed("rules for NFQUEUE", machine.rules, "apt-get install iptables; a kernel with xt_NFQUEUE and xt_mark"));
+        needed("NFQUEUE", machine.queue,
+               "apt-get install libnetfilter-queue-dev libmnl-dev and build again; a kernel "
+               "with nfnetlink_queue"));
+    ability.needs.push_back(needed("rules for NFQUEUE", machine.rules,
+                                   "apt-get install iptables; a kernel with xt_NFQUEUE and xt_mark"));
     for (const char* name : {"iptables", "ip6tables", "ip", "nginx", "openssl", "dnsmasq"})
         ability.needs.push_back(program(machine, name));
     return ability;
@@ -145,13 +147,17 @@ void printTable(const std::vector<Ability>& abilities) {
         for (const Need& need : ability.needs) {
             const bool there = need.lack.empty();
             table.add({{first ? ability.what : "", Colour::strong},
-                       {!first ? "" : ability.runs() ? "yes" : "no", ability.runs() ? Colour::good : Colour::bad},
+                       {!first           ? ""
+                        : ability.runs() ? "yes"
+                                         : "no",
+                        ability.runs() ? Colour::good : Colour::bad},
                        {need.name},
                        {there ? "yes" : lacking, there ? Colour::good : Colour::bad},
                        {there ? "" : fmt::format("{} ({})", need.remedy, need.lack)}});
             first = false;
         }
-        if (ability.needs.empty()) table.add({{ability.what, Colour::strong}, {"yes", Colour::good}, {"nothing"}});
+        if (ability.needs.empty())
+            table.add({{ability.what, Colour::strong}, {"yes", Colour::good}, {"nothing"}});
     }
     table.print(stdout);
 }
@@ -174,9 +180,9 @@ void printJson(const std::vector<Ability>& abilities) {
 
 const std::map<std::string, std::string>& calledPrograms() {
     static const std::map<std::string, std::string> programs{
-        {"iptables", "iptables"},    {"ip6tables", "iptables"},  {"ip", "iproute2"},
-        {"nginx", "nginx-light"},    {"openssl", "openssl"},     {"dnsmasq", "dnsmasq-base"},
-        {"tcpdump", "tcpdump"},      {"chromium", "chromium"},   {"tshark", "tshark"},
+        {"iptables", "iptables"}, {"ip6tables", "iptables"}, {"ip", "iproute2"},
+        {"nginx", "nginx-light"}, {"openssl", "openssl"},    {"dnsmasq", "dnsmasq-base"},
+        {"tcpdump", "tcpdump"},   {"chromium", "chromium"},  {"tshark", "tshark"},
         {"valgrind", "valgrind"},
     };
     return programs;
@@ -196,8 +202,8 @@ Machine lookAtMachine() {
     machine.queue = tried([] { return unshare(CLONE_NEWNET) == 0 ? queueLack() : errorText(); });
     machine.rules = tried(ruleLack);
     machine.machost = fileLack(machostPath());
-    machine.macProgram =
-        fileLack((fs::path(machostPath()).parent_path().parent_path().parent_path() / "macos/src/fernhill").string());
+    machine.macProgram = fileLack(
+        (fs::path(machostPath()).parent_path().parent_path().parent_path() / "macos/src/fernhill").string());
     for (const auto& [name, package] : calledPrograms())
         if (isThere(name)) machine.programs.insert(name);
     return machine;
@@ -222,8 +228,10 @@ int doctor(bool json) {
         printJson(abilities);
     else
         printTable(abilities);
-    return std::all_of(abilities.begin(), abilities.end(), [](const Ability& ability) { return ability.runs(); }) ? 0
-                                                                                                                  : 1;
+    return std::all_of(abilities.begin(), abilities.end(),
+                       [](const Ability& ability) { return ability.runs(); })
+               ? 0
+               : 1;
 }
 
 } // namespace lab

@@ -12,15 +12,15 @@ namespace lab {
 
 // What was found of the machine; a lack is told in a few words, empty where there is none.
 struct Machine {
-    std::string root;       // the rights of root
-    std::string scratch;    // a scratch folder whose path is short enough
-    std::string ownNetwork; // a network of a process's own, for the fixed ports
-    std::string ports;      // the fixed ports; of importance without a network of one's own
-    std::string namespaces; // processes, mounts and networks of one's own
-    std::string queue;      // the kernel's packet queue, and a build that can use it
-    std::string rules;      // rules that send packets there
-    std::string machost;    // what runs the cross-built program
-    std::string macProgram; // that program
+    std::string root;               // the rights of root
+    std::string scratch;            // a scratch folder whose path is short enough
+    std::string ownNetwork;         // a network of a process's own, for the fixed ports
+    std::string ports;              // the fixed ports; of importance without a network of one's own
+    std::string namespaces;         // processes, mounts and networks of one's own
+    std::string queue;              // the kernel's packet queue, and a build that can use it
+    std::string rules;              // rules that send packets there
+    std::string machost;            // what runs the cross-built program
+    std::string macProgram;         // that program
     std::set<std::string> programs; // of those that the lab may call: those that are there
 };
 

@@ -1,9 +1,11 @@
 #include "lab/LogReader.h"
 
 #include "lab/Policy.h"
+#include "lab/Terminal.h"
 
 #include <fmt/chrono.h>
 #include <fmt/format.h>
+#include <nlohmann/json.hpp>
 
 #include <algorithm>
 #include <array>
@@ -138,13 +140,6 @@ std::string when(std::int64_t time) {
     return fmt::format("{:%Y-%m-%d %H:%M:%S}", fmt::localtime(static_cast<std::time_t>(time)));
 }
 
-// Other people's bytes reach the log: none of them is for a terminal to act on.
-std::string printable(std::string text) {
-    for (char& byte : text)
-        if (static_cast<unsigned char>(byte) < 0x20 || byte == 0x7f) byte = '?';
-    return text;
-}
-
 // Walks the lines and keeps what bears on pages that hang.
 class HangWatch {
 public:
@@ -245,11 +240,21 @@ private:
     std::map<long, std::int64_t> lost_; // those that were open when the link ended
 };
 
+void printLineJson(const LogLine& line) {
+    const nlohmann::ordered_json row = {{"time", line.time},
+                                        {"thread", line.thread},
+                                        {"file", line.file},
+                                        {"text", line.text},
+                                        {"meaning", meaningOf(line.text)}};
+    fmt::print("{}\n", row.dump(-1, ' ', true, nlohmann::json::error_handler_t::replace));
+}
+
 void printLine(const LogLine& line, bool explain) {
+    const bool colours = showsColours(stdout);
     fmt::print("{}  {:>8}  {}\n", when(line.time), line.thread ? std::to_string(line.thread) : "",
                printable(line.text));
     const std::string meaning = explain ? meaningOf(line.text) : "";
-    if (!meaning.empty()) fmt::print("{:>31}^ {}\n", "", meaning);
+    if (!meaning.empty()) fmt::print("{:>31}{}\n", "", coloured("^ " + meaning, Colour::notice, colours));
 }
 
 } // namespace
@@ -295,15 +300,20 @@ int showLog(const LogOptions& options) {
     std::vector<LogLine> lines = readLog(options.folder);
     if (options.sinceStart || options.hangs) lines = sinceNewestStart(std::move(lines));
     if (options.hangs) {
-        for (const std::string& sentence : explainHangs(lines))
-            fmt::print("{}\n", sentence);
+        const std::vector<std::string> sentences = explainHangs(lines);
+        if (options.json) fmt::print("{}\n", nlohmann::json(sentences).dump(1, ' ', true));
+        for (const std::string& sentence : sentences)
+            if (!options.json) fmt::print("{}\n", sentence);
         return 0;
     }
     bool any = false;
     for (const LogLine& line : lines) {
         if (options.request >= 0 && requestOf(line.text) != options.request) continue;
         if (line.text.find(options.containing) == std::string::npos) continue;
-        printLine(line, options.explain);
+        if (options.json)
+            printLineJson(line);
+        else
+            printLine(line, options.explain);
         any = true;
     }
     return any ? 0 : 1;

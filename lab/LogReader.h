@@ -23,6 +23,7 @@ struct LogOptions {
     bool sinceStart = false;
     bool explain = false;
     bool hangs = false;
+    bool json = false;
 };
 
 // All lines of a folder's log files, by time; lines of one second in the order of their files. Throws InputError

@@ -11,9 +11,10 @@ namespace lab {
 namespace {
 
 constexpr std::size_t connectionWidth = 21;
-constexpr std::size_t urlWidth = 38;
+constexpr std::size_t shortestUrl = 12;
 constexpr std::size_t answerWidth = 19;
-constexpr std::size_t lineWidth = 120;
+// All but the URL: the other columns, what is between them, and the longest verdict but for one.
+constexpr std::size_t besideUrl = 82;
 
 constexpr char explanation[] = R"text(
 A row comes as its connection ends.
@@ -29,7 +30,13 @@ A row comes as its connection ends.
                    because the redirect has more bytes than the request that it would replace.
 )text";
 
-std::string urlText(const Connection& connection) {
+Colour colourOf(const Connection& connection) {
+    if (connection.redirected) return Colour::bad;
+    if (connection.gaveUp || connection.dropped) return Colour::notice;
+    return connection.queries.empty() ? Colour::faint : Colour::good;
+}
+
+std::string urlText(const Connection& connection, std::size_t urlWidth) {
     if (connection.queries.empty()) return "-";
     const std::string last = printable(connection.queries.back().url);
     if (connection.queries.size() == 1) return shortened(last, urlWidth);
@@ -62,7 +69,9 @@ std::string verdictText(const Connection& connection) {
 }
 
 TableReport::TableReport(std::FILE* out, std::size_t mostRows, bool keepsRows)
-    : out_(out), mostRows_(mostRows), keepsRows_(keepsRows || mostRows), silent_(!out) {}
+    : out_(out), mostRows_(mostRows), keepsRows_(keepsRows || mostRows), silent_(!out),
+      colours_(out && showsColours(out)), lineWidth_(out ? widthOf(out) : besideUrl),
+      urlWidth_(lineWidth_ > besideUrl + shortestUrl ? lineWidth_ - besideUrl : shortestUrl) {}
 
 void TableReport::begin(const std::string& capture, const CaptureFacts& facts, const PolicyFacts& policy) {
     if (!out_) return;
@@ -92,8 +101,8 @@ void TableReport::beginLive(const PolicyFacts& policy) {
 
 void TableReport::printColumns() {
     fmt::print(out_, "\n{:>8}  {:<{}}  {:<{}}  {:<{}}  {:>8}  {}\n", "at (s)", "connection to",
-               connectionWidth, "URL asked", urlWidth, "agent's answer", answerWidth, "held (s)", "verdict");
-    fmt::print(out_, "{:->{}}\n", "", lineWidth);
+               connectionWidth, "URL asked", urlWidth_, "agent's answer", answerWidth, "held (s)", "verdict");
+    fmt::print(out_, "{:->{}}\n", "", lineWidth_);
 }
 
 void TableReport::row(const Connection& connection, std::int64_t start) {
@@ -128,9 +137,10 @@ void TableReport::printRow(const Connection& connection, std::int64_t start) {
     const double at = static_cast<double>(start) / 1e6;
     const double held = static_cast<double>(connection.heldTime) / 1e6;
     fmt::print(out_, "{:>8.3f}  {:<{}}  {:<{}}  {:<{}}  {:>8}  {}\n", at,
-               shortened(connection.remote.text(), connectionWidth), connectionWidth, urlText(connection),
-               urlWidth, answerText(connection), answerWidth,
-               connection.heldTime ? fmt::format("{:.3f}", held) : "-", verdictText(connection));
+               shortened(connection.remote.text(), connectionWidth), connectionWidth,
+               urlText(connection, urlWidth_), urlWidth_, answerText(connection), answerWidth,
+               connection.heldTime ? fmt::format("{:.3f}", held) : "-",
+               coloured(verdictText(connection), colourOf(connection), colours_));
     std::fflush(out_);
 }
 

@@ -78,6 +78,9 @@ private:
     std::size_t mostRows_;
     bool keepsRows_;
     bool silent_;
+    bool colours_;
+    std::size_t lineWidth_;
+    std::size_t urlWidth_;
     ProgressBar bar_;
     std::vector<ConnectionRow> rows_; // of all captures
     std::size_t captureRows_ = 0;     // where those of this capture begin

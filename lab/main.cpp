@@ -122,6 +122,8 @@ CLI::App* addSlots(CLI::App& app, lab::SlotOptions& options) {
     slots->add_option("--operations", options.operations, "how many go through a pool alone")
         ->check(CLI::NonNegativeNumber)
         ->capture_default_str();
+    slots->footer("Exit status: 0, 1 when a slot, a question or an answer is lost.\n"
+                  "Example: fernhill-lab slots --questions 10000 --operations 10000");
     return slots;
 }
 
@@ -151,6 +153,7 @@ CLI::App* addLog(CLI::App& app, lab::LogOptions& options) {
     log->add_flag("--explain", options.explain, "what a line means, below it, where that is known");
     log->add_flag("--hangs", options.hangs,
                   "only what the log can tell of pages that hang, since the newest start");
+    log->add_flag("--json", options.json, "one object a line, with what it means; of --hangs one array");
     log->footer("Exit status: 0, 1 when no line is left to show, 2 for a folder without a log.\n"
                 "Example: fernhill-lab log /Library/Logs/TarnwickSystems --since-start --containing "
                 "example.org --explain");
