@@ -25,7 +25,7 @@ _fernhill_lab() {
     compare:*) words="--help --policy --json --csv --rows --bof" files=yes ;;
     slots:*) words="--help --questions --operations" files=yes ;;
     check:*) words="--help --json" files=yes ;;
-    log:*) words="--help --containing --request --since-start --explain --hangs" files=yes ;;
+    log:*) words="--help --containing --request --since-start --explain --hangs --json" files=yes ;;
     doctor:*) words="--help --json" files=yes ;;
     divert:--bof) words="on off" ;;
     divert:--through) words="daemon queue nothing" ;;

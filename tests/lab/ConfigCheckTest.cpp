@@ -131,11 +131,9 @@ TEST_F(ConfigCheck, TheTableMarksWhatIsLostAndEndsWithStatusOne) {
     testsupport::writeAll(file(), "<Fernhill><Proxy>a</Proxy></Fernhill>");
     const labtest::LabRun run = labtest::runLab({"check", file()});
     EXPECT_EQ(run.status, 1);
-    EXPECT_NE(
-        run.out.find(
-            "    1  ignored  Proxy              a                            no setting of the daemon's; "
-            "LOST at the next save"),
-        std::string::npos)
+    EXPECT_NE(run.out.find("1     ignored  Proxy              a     no setting of the daemon's; "
+                           "LOST at the next save"),
+              std::string::npos)
         << run.out;
 }
 

@@ -62,7 +62,8 @@ protected:
         unsetenv("COLUMNS");
         unsetenv("NO_COLOR");
         setenv("TERM", "xterm", 1);
-        writeAll(configuration_, "<Fernhill><Lost>a text that no setting of the daemon's has</Lost></Fernhill>\n");
+        writeAll(configuration_,
+                 "<Fernhill><Lost>a text that no setting of the daemon's has</Lost></Fernhill>\n");
     }
 
     testsupport::TemporaryFolder folder_;
