@@ -3,6 +3,7 @@
 #include "app/DaemonWorld.h"
 #include "support/Await.h"
 #include "support/Sanitizers.h"
+#include "support/TemporaryFolder.h"
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
@@ -279,6 +280,30 @@ TEST_F(DaemonDoctor, FoldersThatOthersCanWriteToWantAttention) {
         << inFull(diagnosis);
     EXPECT_TRUE(diagnosis.tells("attention", "rights", "/tmp/tw is no folder")) << inFull(diagnosis);
     EXPECT_TRUE(diagnosis.tells("attention", "rights", "no regular file with one name")) << inFull(diagnosis);
+}
+
+// What lies in such a folder may be somebody's, so that a change of rights alone would hand it to root.
+TEST_F(DaemonDoctor, AFolderOfPackagesThatOthersCanWriteToIsToBeRemoved) {
+    startWhole();
+    const std::string packages = root.path() + "/tmp/tw";
+    fs::create_directories(packages);
+    ASSERT_EQ(chmod(packages.c_str(), 0777), 0);
+    const Diagnosis diagnosis = diagnose();
+    EXPECT_TRUE(diagnosis.tells("attention", "rights", "others may write to " + packages))
+        << inFull(diagnosis);
+    EXPECT_NE(diagnosis.output.find("rm -rf '" + packages + "'"), std::string::npos) << inFull(diagnosis);
+    EXPECT_EQ(diagnosis.output.find("chmod go-w '" + packages), std::string::npos) << inFull(diagnosis);
+}
+
+TEST_F(DaemonDoctor, AProgramOfRootsThatOthersCanWriteToIsToBeInstalledAnew) {
+    startWhole();
+    const std::string helper = root.path() + "/usr/local/bin/fernhillupdate";
+    fs::create_directories(root.path() + "/usr/local/bin");
+    testsupport::writeAll(helper, "");
+    ASSERT_EQ(chmod(helper.c_str(), 0777), 0);
+    const Diagnosis diagnosis = diagnose();
+    EXPECT_TRUE(diagnosis.tells("attention", "rights", "others may write to " + helper)) << inFull(diagnosis);
+    EXPECT_NE(diagnosis.output.find("install it anew"), std::string::npos) << inFull(diagnosis);
 }
 
 TEST_F(DaemonDoctor, ALineOfTheLogCannotSpeakForTheDoctor) {
