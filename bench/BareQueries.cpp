@@ -3,8 +3,6 @@
 #include "bench/QuickAgent.h"
 #include "lab/AgentFrame.h"
 
-#include <unistd.h>
-
 #include <stdexcept>
 #include <string>
 #include <thread>

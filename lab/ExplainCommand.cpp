@@ -6,6 +6,7 @@
 #include "lab/Terminal.h"
 
 #include <fmt/format.h>
+#include <nlohmann/json.hpp>
 
 #include <algorithm>
 #include <cstdlib>
@@ -233,7 +234,8 @@ void print(const std::map<long, PacketStory>& stories, const ExplainOptions& opt
     bool first = true;
     for (const auto& [number, story] : stories) {
         if (options.json) {
-            fmt::print("{}\n", explanationJson(story, withBytes).dump(-1, ' ', true));
+            const nlohmann::ordered_json told = explanationJson(story, withBytes);
+            fmt::print("{}\n", told.dump(-1, ' ', true));
             continue;
         }
         fmt::print("{}{}", first ? "" : "\n",

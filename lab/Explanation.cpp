@@ -5,6 +5,7 @@
 #include "packet/PacketVerdicts.h"
 
 #include <fmt/format.h>
+#include <nlohmann/json.hpp>
 
 #include <algorithm>
 #include <utility>

@@ -9,7 +9,7 @@
 #include "lab/observe/Observation.h"
 #include "packet/SysctlResult.h"
 
-#include <nlohmann/json.hpp>
+#include <nlohmann/json_fwd.hpp>
 
 #include <cstdint>
 #include <map>

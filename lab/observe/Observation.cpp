@@ -1,8 +1,9 @@
 #include "lab/observe/Observation.h"
 
+#include "packet/TCPPacket.h"
+
 #include <sys/mman.h>
 
-#include <algorithm>
 #include <atomic>
 #include <cstring>
 #include <mutex>

@@ -5,9 +5,6 @@
 // (ObservedCalls.cpp); it writes into memory that the lab shares with the daemon's process, and nothing where there is
 // no such memory.
 
-#include "packet/TCPPacket.h"
-
-#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <vector>

@@ -4,7 +4,6 @@
 
 #include "agent/OstComm.h"
 #include "config/Configuration.h"
-#include "config/FilterCheck.h"
 #include "config/FilterServer.h"
 #include "filter/FilterQuery.h"
 #include "gp/GPLog.h"
