@@ -28,7 +28,7 @@ class Build:
                 continue
             if rule == "STATIC_LIBRARY":
                 self.archives[name] = [word for word in self._link_words(name, "ar") if word.endswith(".o")]
-            elif rule == "EXECUTABLE":
+            elif rule == "EXECUTABLE" and (self.directory / name).exists():  # not those that nobody has asked for
                 self.programs[name] = self._link_words(name, "c++")
 
     def _ninja(self, *words):
