@@ -97,9 +97,9 @@ void checkCounts() {
 } // namespace
 
 void runProgram(const std::string& path, int argc, char** argv) {
-    // The file and the image stay as long as the process.
-    const auto& file = *new MachOFile(readFile(path));
-    const auto& image = *new Image(file, resolve);
+    // The file and the image stay as long as the process, one that ends before the program runs included.
+    static const auto& file = *new MachOFile(readFile(path));
+    static const auto& image = *new Image(file, resolve);
     installThreadVariables(image);
     installUnwinding(image);
     objc::registerImage(image);

@@ -29,6 +29,9 @@ TracedEnd runUntil(const std::function<void()>& body, long number);
 // Whether this process may trace its children.
 bool canTrace();
 
+// Whether calls of such a child can be made to fail besides: a checker makes some of its own and ends where one fails.
+bool canFailCalls();
+
 // Runs `body` once for each call, until it makes fewer. Each run must pass, or end for want of memory in a call for
 // memory; whatever does not is a failure of the test. Returns the number of runs with a failure.
 long failEachCall(const std::function<void()>& body);

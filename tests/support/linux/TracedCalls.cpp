@@ -247,6 +247,8 @@ bool canTrace() {
     return runWithFailure([] {}, 0).passed;
 }
 
+bool canFailCalls() { return canTrace() && !sanitized; }
+
 namespace {
 
 std::string faultOf(const TracedEnd& end, long number) {
