@@ -8,6 +8,8 @@
 #include "machost/Settings.h"
 #include "machost/objc/PlayedClass.h"
 
+#include <unistd.h>
+
 #include <cstdio>
 #include <cstring>
 #include <exception>
@@ -73,6 +75,7 @@ int main(int argc, char** argv) {
         machost::runProgram(machost::settings().program, argc - program, argv + program);
     } catch (const std::exception& error) {
         std::fprintf(stderr, "machost: %s: %s\n", machost::settings().program.c_str(), error.what());
-        return unusable;
+        // Nothing of what was made for the program is taken down, here as at its own end.
+        _exit(unusable);
     }
 }

@@ -21,7 +21,8 @@ constexpr char levelOf64[] = "<LogLevel>64</LogLevel>";
 class ConfigurationFailedCalls : public testsupport::SettingsWorld {
 protected:
     void SetUp() override {
-        if (!testsupport::canFailCalls()) GTEST_SKIP() << "no child can be traced here, or a checker needs its calls";
+        if (!testsupport::canFailCalls())
+            GTEST_SKIP() << "no child can be traced here, or a checker needs its calls";
         // What the daemon itself writes with each of the two levels.
         removeFile();
         Configuration::setLogLevel(64);

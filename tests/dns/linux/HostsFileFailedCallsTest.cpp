@@ -24,7 +24,8 @@ constexpr char pinned[] = "127.0.0.1 localhost\n192.0.2.1 a\n192.0.2.9 intranet.
 class HostsFileFailedCalls : public testsupport::DnsWorld {
 protected:
     void SetUp() override {
-        if (!testsupport::canFailCalls()) GTEST_SKIP() << "no child can be traced here, or a checker needs its calls";
+        if (!testsupport::canFailCalls())
+            GTEST_SKIP() << "no child can be traced here, or a checker needs its calls";
     }
 
     static void start(const std::string& content) {

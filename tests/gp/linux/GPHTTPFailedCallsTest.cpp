@@ -23,7 +23,8 @@ const std::string body(5000, 'b');
 class GPHTTPFailedCalls : public testsupport::HTTPRequestWorld {
 protected:
     void SetUp() override {
-        if (!testsupport::canFailCalls()) GTEST_SKIP() << "no child can be traced here, or a checker needs its calls";
+        if (!testsupport::canFailCalls())
+            GTEST_SKIP() << "no child can be traced here, or a checker needs its calls";
     }
 
     std::string url() const { return "http://127.0.0.1:" + std::to_string(listener_.port()) + "/file"; }

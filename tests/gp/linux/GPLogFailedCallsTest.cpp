@@ -32,7 +32,8 @@ protected:
     }
 
     void SetUp() override {
-        if (!testsupport::canFailCalls()) GTEST_SKIP() << "no child can be traced here, or a checker needs its calls";
+        if (!testsupport::canFailCalls())
+            GTEST_SKIP() << "no child can be traced here, or a checker needs its calls";
     }
 
     std::string file(const std::string& index) const { return folder_.file("log0" + index + ".log"); }

@@ -21,7 +21,8 @@ using testsupport::endCalls;
 using testsupport::taken;
 
 TEST(GPTaskFailedCalls, GiveTheOutputOrNothingAndKeepNoDescriptor) {
-    if (!testsupport::canFailCalls()) GTEST_SKIP() << "no child can be traced here, or a checker needs its calls";
+    if (!testsupport::canFailCalls())
+        GTEST_SKIP() << "no child can be traced here, or a checker needs its calls";
     testsupport::ManualClock::installed().letSleepsPass(true);
     const long failures = testsupport::failEachCall([] {
         const auto descriptors = descriptorsOf(getpid());

@@ -35,7 +35,8 @@ dev_t volumeOf(const std::string& path) {
 class FileManagerFailedCalls : public testing::Test {
 protected:
     void SetUp() override {
-        if (!testsupport::canFailCalls()) GTEST_SKIP() << "no child can be traced here, or a checker needs its calls";
+        if (!testsupport::canFailCalls())
+            GTEST_SKIP() << "no child can be traced here, or a checker needs its calls";
     }
 
     // Moves `from` to `to` with each call failing in turn, and looks at both.
