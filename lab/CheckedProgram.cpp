@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <memory>
 
@@ -52,7 +53,10 @@ ProgramFormat programFormat(const std::string& path) {
 std::string checkedProgram(const std::string& path) {
     if (path.empty()) return {};
     const std::unique_ptr<char, void (*)(void*)> whole(realpath(path.c_str(), nullptr), std::free);
-    if (!whole || !std::ifstream(path)) throw InputError(fmt::format("{}: {}", path, std::strerror(errno)));
+    if (!whole) throw InputError(fmt::format("{}: {}", path, std::strerror(errno)));
+    if (!std::filesystem::is_regular_file(path)) // one that waits for a writer would never open
+        throw InputError(fmt::format("{}: it is no regular file", path));
+    if (!std::ifstream(path)) throw InputError(fmt::format("{}: {}", path, std::strerror(errno)));
     if (programFormat(path) == ProgramFormat::unusable)
         throw InputError(
             fmt::format("{}: it is neither a Mach-O file for x86-64 nor a program of this system", path));

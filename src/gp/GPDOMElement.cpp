@@ -174,7 +174,9 @@ private:
 };
 
 std::string documentHead(const char* doctype) {
-    return std::string("<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<!DOCTYPE ") + doctype + ">\n";
+    return Owned<GPString>::adopt(
+               GPString::format("<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<!DOCTYPE %s>\n", doctype))
+        ->cstr();
 }
 
 } // namespace

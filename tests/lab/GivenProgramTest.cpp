@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include <sched.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -111,6 +112,15 @@ TEST_F(GivenProgram, ThatIsNoProgramIsRefusedByName) {
     EXPECT_EQ(run.status, 2);
     EXPECT_EQ(run.err, "fernhill-lab: " + policy_ +
                            ": it is neither a Mach-O file for x86-64 nor a program of this system\n");
+}
+
+TEST_F(GivenProgram, ThatIsAPipeIsRefusedAtOnce) {
+    const std::string pipe = folder_.file("pipe");
+    ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+    const LabRun run = replay({"--program", pipe});
+
+    EXPECT_EQ(run.status, 2);
+    EXPECT_EQ(run.err, "fernhill-lab: " + pipe + ": it is no regular file\n");
 }
 
 TEST_F(GivenProgram, LinkedWithoutLibrariesIsRefused) {

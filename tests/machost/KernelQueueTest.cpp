@@ -1,6 +1,6 @@
 // Kernel queues as the Mac has them, called as the program calls them.
 
-#include "machost/Imports.h"
+#include "machost/MacQueueWords.h"
 
 #include <gtest/gtest.h>
 
@@ -13,27 +13,8 @@
 
 namespace {
 
-// <sys/event.h> of the Mac.
-struct Event {
-    std::uint64_t ident;
-    std::int16_t filter;
-    std::uint16_t flags;
-    std::uint32_t filterFlags;
-    std::int64_t data;
-    void* user;
-};
-struct Limit {
-    std::int64_t seconds, nanoseconds;
-};
-constexpr std::int16_t readFilter = -1, writeFilter = -2;
-constexpr std::uint16_t add = 1, remove = 2, enable = 4, disable = 8, clear = 0x20, dispatch = 0x80,
-                        error = 0x4000, ended = 0x8000;
-
-template <class Function>
-Function* played(const char* symbol) {
-    return reinterpret_cast<Function*>(
-        const_cast<void*>(machost::findImport("/usr/lib/libSystem.B.dylib", symbol)->address));
-}
+using namespace machosttest;
+using machosttest::remove; // not the C library's
 
 class KernelQueue : public testing::Test {
 protected:
@@ -55,18 +36,11 @@ protected:
 
     int look() { return wait(nullptr, 0); }
 
-    int wait(const Event* changes, int count) {
-        const Limit none{0, 0};
-        found = {};
-        return played<int(int, const Event*, int, Event*, int, const Limit*)>("_kevent")(
-            queue, changes, count, &found, 1, &none);
-    }
+    int wait(const Event* changes, int count) { return waitAt(queue, changes, count, 0, found); }
 
     void send(const std::string& bytes) {
         EXPECT_EQ(write(ends[1], bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
     }
-
-    static int programError() { return *played<int*()>("___error")(); }
 
     int ends[2] = {-1, -1};
     int queue = -1;

@@ -30,8 +30,8 @@ struct Limit {
     std::int64_t seconds, nanoseconds;
 };
 constexpr std::int16_t readFilter = -1, writeFilter = -2;
-constexpr std::uint16_t add = 1, remove = 2, enable = 4, clear = 0x20, dispatch = 0x80, error = 0x4000,
-                        ended = 0x8000;
+constexpr std::uint16_t add = 1, remove = 2, enable = 4, disable = 8, clear = 0x20, dispatch = 0x80,
+                        error = 0x4000, ended = 0x8000;
 
 // Applies the changes and waits for one event, which is zero when none came; what the call answers.
 inline int waitAt(int queue, const Event* changes, int count, std::int64_t seconds, Event& found) {

@@ -1,5 +1,6 @@
 #include "support/TemporaryFolder.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -31,6 +32,11 @@ std::string readAll(const std::string& path) {
 void writeAll(const std::string& path, const std::string& content) {
     std::filesystem::create_directories(std::filesystem::path(path).parent_path());
     std::ofstream(path, std::ios::binary) << content;
+}
+
+dev_t volumeOf(const std::string& path) {
+    struct stat entry {};
+    return stat(path.c_str(), &entry) == 0 ? entry.st_dev : 0;
 }
 
 } // namespace testsupport

@@ -3,6 +3,7 @@
 // A folder of the test's own, removed with all that is in it at the end of the scope.
 
 #include <string>
+#include <sys/types.h>
 
 namespace testsupport {
 
@@ -28,5 +29,8 @@ std::string readAll(const std::string& path);
 
 // Writes a file anew, with the folders above it.
 void writeAll(const std::string& path, const std::string& content);
+
+// The volume that the path lies on; 0 for one that cannot be looked at.
+dev_t volumeOf(const std::string& path);
 
 } // namespace testsupport

@@ -8,7 +8,6 @@
 
 #include <gtest/gtest.h>
 
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -20,17 +19,12 @@ using testsupport::descriptorsOf;
 using testsupport::endCalls;
 using testsupport::readAll;
 using testsupport::TemporaryFolder;
+using testsupport::volumeOf;
 using testsupport::writeAll;
 
 namespace fs = std::filesystem;
 
 namespace {
-
-dev_t volumeOf(const std::string& path) {
-    struct stat entry {};
-    stat(path.c_str(), &entry);
-    return entry.st_dev;
-}
 
 class FileManagerFailedCalls : public testing::Test {
 protected:

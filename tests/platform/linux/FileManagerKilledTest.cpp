@@ -7,25 +7,18 @@
 
 #include <gtest/gtest.h>
 
-#include <sys/stat.h>
-
 #include <cstdlib>
 #include <filesystem>
 #include <string>
 
 using testsupport::readAll;
 using testsupport::TemporaryFolder;
+using testsupport::volumeOf;
 using testsupport::writeAll;
 
 namespace fs = std::filesystem;
 
 namespace {
-
-dev_t volumeOf(const std::string& path) {
-    struct stat entry {};
-    stat(path.c_str(), &entry);
-    return entry.st_dev;
-}
 
 class FileManagerKilled : public testing::Test {
 protected:

@@ -21,6 +21,7 @@
 using platform::FileResult;
 using testsupport::readAll;
 using testsupport::TemporaryFolder;
+using testsupport::volumeOf;
 using testsupport::writeAll;
 
 namespace fs = std::filesystem;
@@ -45,12 +46,6 @@ protected:
 
     TemporaryFolder folder;
 };
-
-dev_t volumeOf(const std::string& path) {
-    struct stat entry {};
-    EXPECT_EQ(stat(path.c_str(), &entry), 0) << path;
-    return entry.st_dev;
-}
 
 } // namespace
 
