@@ -41,6 +41,8 @@ public:
         return id == 0 || id > names_.size() ? std::string() : names_[id - 1];
     }
 
+    std::unique_lock<std::mutex> hold() { return std::unique_lock(lock_); }
+
 private:
     std::mutex lock_;
     std::vector<std::string> names_;
@@ -116,6 +118,8 @@ std::vector<char> call(int descriptor, const Request& request, const void* value
 }
 
 } // namespace
+
+std::unique_lock<std::mutex> lockControls() { return controls().hold(); }
 
 int openControl(int type) {
     if (type != SOCK_STREAM && type != SOCK_DGRAM) return fail(EPROTOTYPE);

@@ -9,6 +9,8 @@
 
 #include <sys/socket.h>
 
+#include <mutex>
+
 namespace machost::libsystem {
 
 int openControl(int type);
@@ -16,5 +18,8 @@ int controlInfo(mac::ControlInfo& info);
 int connectControl(int descriptor, const mac::AddressControl& address, socklen_t length);
 int setControlOption(int descriptor, int option, const void* value, socklen_t length);
 int getControlOption(int descriptor, int option, void* value, socklen_t* length);
+
+// Held around a fork, so that the child finds the lock free.
+std::unique_lock<std::mutex> lockControls();
 
 } // namespace machost::libsystem

@@ -343,6 +343,14 @@ void forgetQueue(int descriptor) {
     table().queues.erase(descriptor);
 }
 
+std::unique_lock<std::mutex> lockQueues() { return std::unique_lock(table().lock); }
+
+void closeQueuesInChild() {
+    for (const auto& [number, queue] : table().queues)
+        close(number);
+    table().queues.clear();
+}
+
 void rearmWatches(int descriptor) {
     const std::lock_guard<std::mutex> guard(table().lock);
     for (const auto& [number, queue] : table().queues)

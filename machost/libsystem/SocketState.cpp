@@ -37,4 +37,6 @@ void forgetDescriptor(int descriptor) {
     states().erase(descriptor);
 }
 
+std::unique_lock<std::mutex> lockSocketStates() { return std::unique_lock(lock()); }
+
 } // namespace machost::libsystem

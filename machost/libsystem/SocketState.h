@@ -3,6 +3,7 @@
 // What the shims must remember of descriptors because this system does not have it. Any thread.
 
 #include <cstdint>
+#include <mutex>
 
 namespace machost::libsystem {
 
@@ -19,5 +20,8 @@ void setSocketState(int descriptor, const SocketState& state);
 
 // A descriptor that was closed, or put in another's place.
 void forgetDescriptor(int descriptor);
+
+// Held around a fork, so that the child finds the lock free.
+std::unique_lock<std::mutex> lockSocketStates();
 
 } // namespace machost::libsystem

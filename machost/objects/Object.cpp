@@ -104,6 +104,8 @@ void declareConstantClass(const Class& kind) {
     registry().constants.insert(&kind);
 }
 
+std::unique_lock<std::mutex> lockObjects() { return std::unique_lock(registry().lock); }
+
 int reportLeaks() {
     std::map<std::string, int> left;
     int count = 0;

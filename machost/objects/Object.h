@@ -5,6 +5,7 @@
 // and what is left at the end of the program is told. Any thread.
 
 #include <cstddef>
+#include <mutex>
 #include <new>
 #include <utility>
 
@@ -51,6 +52,9 @@ constexpr int leakStatus = 71;
 // Tells on standard error which objects are still there, but for those that a running thread made: it may be using
 // them. The number of those told.
 int reportLeaks();
+
+// Held around a fork, so that the child finds the lock free.
+std::unique_lock<std::mutex> lockObjects();
 
 // An object of a played class with a C++ value behind the class.
 template <class Value>

@@ -96,4 +96,6 @@ void forgetHeldBack(int descriptor) {
     held->line.hangUp();
 }
 
+std::unique_lock<std::mutex> lockHeldBack() { return std::unique_lock(table().lock); }
+
 } // namespace machost::world

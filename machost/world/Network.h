@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 
 #include <functional>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
@@ -31,5 +32,8 @@ bool isHeldBack(int descriptor);
 
 // A descriptor that was closed, or put in another's place: its connection is not made any more.
 void forgetHeldBack(int descriptor);
+
+// Held around a fork, so that the child finds the lock free.
+std::unique_lock<std::mutex> lockHeldBack();
 
 } // namespace machost::world
