@@ -1,16 +1,12 @@
 // Processes: forks, programs, ends.
 
 #include "machost/Settings.h"
-#include "machost/libsystem/Controls.h"
 #include "machost/libsystem/Errors.h"
+#include "machost/libsystem/Forks.h"
 #include "machost/libsystem/Library.h"
 #include "machost/libsystem/Paths.h"
-#include "machost/libsystem/Queues.h"
 #include "machost/libsystem/Signals.h"
-#include "machost/libsystem/SocketState.h"
 #include "machost/loader/MachOFormat.h"
-#include "machost/objects/Object.h"
-#include "machost/world/Network.h"
 
 #include <fcntl.h>
 #include <signal.h>
@@ -164,23 +160,12 @@ int playedExecv(const char* path, char* const* arguments) {
     return result;
 }
 
-// On the Mac these locks are the kernel's, of which a child of one thread holds none.
-pid_t forkWithoutLocks() {
-    const auto queues = lockQueues(); // first, as whoever has it may want the others
-    const auto heldBack = world::lockHeldBack();
-    const auto sockets = lockSocketStates();
-    const auto controls = lockControls();
-    const auto objects = lockObjects();
-    const pid_t child = fork();
-    if (child == 0) closeQueuesInChild();
-    return child;
-}
-
 pid_t playedFork() {
     const ErrorScope scope;
+    prepareForks();
     int ends[2];
     if (pipe2(ends, O_CLOEXEC) != 0) return -1;
-    const pid_t child = forkWithoutLocks();
+    const pid_t child = fork();
     if (child == 0) {
         close(ends[0]);
         ownSign = ExecSign(ends[1]);

@@ -1,6 +1,7 @@
 // Threads and their own values. Most of these calls answer the Mac's error numbers.
 
 #include "machost/libsystem/Errors.h"
+#include "machost/libsystem/Forks.h"
 #include "machost/libsystem/Library.h"
 #include "machost/libsystem/ThreadLayouts.h"
 #include "machost/world/ThreadNotes.h"
@@ -72,6 +73,7 @@ int playedSet(unsigned long key, const void* value) {
 }
 
 int playedAtFork(void (*before)(), void (*inParent)(), void (*inChild)()) {
+    prepareForks();
     return macError(pthread_atfork(before, inParent, inChild));
 }
 

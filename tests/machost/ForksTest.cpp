@@ -90,6 +90,22 @@ TEST_F(Forks, LeaveNoLockOfAThreadThatTheChildHasNot) {
     }
 }
 
+// A handler of the program may wait for a thread that is about to call the system.
+TEST_F(Forks, LetTheProgramsOwnHandlersCallTheSystem) {
+    const auto callTheSystem = [] { played<int(int)>("_close")(-1); };
+    const pid_t child = fork();
+    if (child == 0) {
+        alarm(patience);
+        using Handler = void (*)();
+        played<int(Handler, Handler, Handler)>("_pthread_atfork")(callTheSystem, callTheSystem,
+                                                                  callTheSystem);
+        _exit(statusOf([] { return true; }) == 0 ? 0 : 1);
+    }
+    int status = -1;
+    waitpid(child, &status, 0);
+    EXPECT_EQ(status, 0);
+}
+
 TEST_F(Forks, HandDownNoKernelQueue) {
     EXPECT_EQ(statusOf([this] { return !watch(add) && played<int(int)>("_close")(queue) == -1; }), 0);
     EXPECT_TRUE(watch(add));
