@@ -9,10 +9,13 @@ install(DIRECTORY tests/captures DESTINATION "${lab_data}" COMPONENT lab
   FILES_MATCHING PATTERN "*.pcap" PATTERN "*.pcapng" PATTERN "README.md")
 install(FILES docs/lab.md DESTINATION "${CMAKE_INSTALL_DATADIR}/doc/fernhill-lab" COMPONENT lab)
 install(FILES docs/man/fernhill-lab.1 TYPE MAN COMPONENT lab RENAME man1/fernhill-lab.1)
-install(FILES packaging/completions/fernhill-lab.bash COMPONENT lab
-  DESTINATION "${CMAKE_INSTALL_DATADIR}/bash-completion/completions" RENAME fernhill-lab)
-install(FILES packaging/completions/_fernhill-lab COMPONENT lab
-  DESTINATION "${CMAKE_INSTALL_DATADIR}/zsh/vendor-completions")
+install(FILES docs/man/fernhill-doctor.8 TYPE MAN COMPONENT lab RENAME man8/fernhill-doctor.8)
+foreach(program IN ITEMS fernhill-lab fernhill-doctor)
+  install(FILES packaging/completions/${program}.bash COMPONENT lab
+    DESTINATION "${CMAKE_INSTALL_DATADIR}/bash-completion/completions" RENAME ${program})
+  install(FILES packaging/completions/_${program} COMPONENT lab
+    DESTINATION "${CMAKE_INSTALL_DATADIR}/zsh/vendor-completions")
+endforeach()
 
 # The packages of the libraries that are loaded when they are first used, which the program's own list does not have.
 set(recommended iproute2 iptables)

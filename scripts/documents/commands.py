@@ -77,7 +77,7 @@ def ctest(words):
 
 
 OF_THE_PROJECT = {"fernhill": daemon, "fernhill-lab": lab, "fernhill-doctor": doctor, "cmake": cmake, "ctest": ctest}
-OF_THE_SYSTEM = {"cd", "chmod", "find", "kill", "launchctl", "ls", "lsof", "ps", "sudo"}
+OF_THE_SYSTEM = {"cd", "chmod", "find", "grep", "installer", "kill", "launchctl", "ls", "lsof", "pgrep", "ps", "sudo"}
 
 
 def is_command(text):
