@@ -1,5 +1,6 @@
 #include "lab/CompareCommand.h"
 
+#include "lab/CsvFile.h"
 #include "lab/PrivateNetwork.h"
 #include "lab/Replay.h"
 #include "lab/Stage.h"
@@ -9,10 +10,7 @@
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
-#include <cerrno>
-#include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <tuple>
 
 namespace lab {
@@ -109,19 +107,17 @@ void printJson(const Comparison& comparison, const CompareOptions& options) {
 }
 
 void writeCsvFile(const std::string& path, const Comparison& comparison) {
-    std::ofstream file(path, std::ios::binary);
-    file << "capture,at,local,remote,url,verdict before,verdict after,answer before,answer after,held "
-            "before,held "
-            "after\r\n";
+    CsvFile file(path, "capture,at,local,remote,url,verdict before,verdict after,answer before,answer after,"
+                       "held before,held after");
     for (const Difference& difference : comparison.differences)
-        file << fmt::format("{},{:.6f},{},{},{},{},{},{},{},{:.6f},{:.6f}\r\n", csvField(difference.capture),
-                            static_cast<double>(difference.at) / 1e6, difference.local, difference.remote,
-                            csvField(difference.url), csvField(difference.before.verdict),
-                            csvField(difference.after.verdict), csvField(difference.before.answer),
-                            csvField(difference.after.answer),
-                            static_cast<double>(difference.before.held) / 1e6,
-                            static_cast<double>(difference.after.held) / 1e6);
-    if (!file.flush()) throw InputError(fmt::format("{}: {}", path, std::strerror(errno)));
+        file.row(fmt::format("{},{:.6f},{},{},{},{},{},{},{},{:.6f},{:.6f}", csvField(difference.capture),
+                             static_cast<double>(difference.at) / 1e6, difference.local, difference.remote,
+                             csvField(difference.url), csvField(difference.before.verdict),
+                             csvField(difference.after.verdict), csvField(difference.before.answer),
+                             csvField(difference.after.answer),
+                             static_cast<double>(difference.before.held) / 1e6,
+                             static_cast<double>(difference.after.held) / 1e6));
+    file.finish();
 }
 
 // Prints rows of a table, and how many are left out.
@@ -207,6 +203,7 @@ void compareRows(Comparison& comparison, const std::string& capture, const std::
 int compare(const CompareOptions& options) {
     if (options.policies.size() != 2)
         throw InputError("--policy: two of them, the one before and the one after");
+    checkOneOutput(options.json, options.csv);
     for (const std::string& policy : options.policies)
         Policy::load(policy);
     std::vector<CaptureFacts> facts;
@@ -223,7 +220,7 @@ int compare(const CompareOptions& options) {
     if (!options.csv.empty()) writeCsvFile(options.csv, comparison);
     if (options.json)
         printJson(comparison, options);
-    else
+    else if (options.csv != "-")
         printText(comparison, options);
     return comparison.differences.empty() ? 0 : 1;
 }

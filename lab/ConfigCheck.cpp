@@ -6,6 +6,7 @@
 #include "gp/GPMap.h"
 #include "gp/GPString.h"
 #include "gp/Owned.h"
+#include "lab/CsvFile.h"
 #include "lab/Policy.h"
 #include "lab/RootFolder.h"
 #include "lab/Terminal.h"
@@ -298,6 +299,15 @@ void printJson(const std::vector<ConfigFinding>& findings) {
     fmt::print("{}\n", rows.dump(1, ' ', false, nlohmann::json::error_handler_t::replace));
 }
 
+void writeCsv(const std::string& path, const std::vector<ConfigFinding>& findings) {
+    CsvFile file(path, "line,kind,element,text,meaning,lost");
+    for (const ConfigFinding& finding : findings)
+        file.row(fmt::format("{},{},{},{},{},{}", finding.line, wordOf(finding.kind),
+                             csvField(finding.element), csvField(finding.text), csvField(finding.meaning),
+                             finding.lost));
+    file.finish();
+}
+
 } // namespace
 
 std::vector<ConfigFinding> checkConfiguration(const std::string& path) {
@@ -314,10 +324,12 @@ std::vector<ConfigFinding> checkConfiguration(const std::string& path) {
 }
 
 int check(const CheckOptions& options) {
+    checkOneOutput(options.json, options.csv);
     const std::vector<ConfigFinding> findings = checkConfiguration(options.file);
+    if (!options.csv.empty()) writeCsv(options.csv, findings);
     if (options.json)
         printJson(findings);
-    else
+    else if (options.csv != "-")
         printTable(findings);
     const auto wants = [](const ConfigFinding& finding) {
         return finding.lost || finding.kind == ConfigFinding::Kind::ignored;

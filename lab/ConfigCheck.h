@@ -26,6 +26,7 @@ std::vector<ConfigFinding> checkConfiguration(const std::string& path);
 
 struct CheckOptions {
     std::string file;
+    std::string csv; // a file, "-" for standard output in place of the table
     bool json = false;
 };
 

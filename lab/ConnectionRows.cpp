@@ -1,14 +1,12 @@
 #include "lab/ConnectionRows.h"
 
+#include "lab/CsvFile.h"
 #include "lab/TableReport.h"
 
 #include <fmt/format.h>
 
 #include <algorithm>
 #include <cctype>
-#include <cerrno>
-#include <cstring>
-#include <fstream>
 #include <map>
 #include <set>
 
@@ -67,27 +65,21 @@ std::vector<ConnectionRow> chosenRows(std::vector<ConnectionRow> rows, std::size
     return chosen;
 }
 
-std::string csvField(const std::string& text) {
-    std::string quoted = "\"";
-    for (const char byte : text) {
-        if (byte == '"') quoted += '"';
-        quoted += byte;
-    }
-    return quoted + "\"";
+const char connectionColumns[] = "at,local,remote,questions,url,answer,held,packets,verdict";
+
+std::string connectionFields(const Connection& connection, std::int64_t at) {
+    return fmt::format("{:.6f},{},{},{},{},{},{:.6f},{},{}", static_cast<double>(at) / 1e6,
+                       connection.local.text(), connection.remote.text(), connection.queries.size(),
+                       csvField(connection.queries.empty() ? "" : connection.queries.back().url),
+                       csvField(answerText(connection)), static_cast<double>(connection.heldTime) / 1e6,
+                       connection.packets, csvField(verdictText(connection)));
 }
 
 void writeCsv(const std::string& path, const std::vector<ConnectionRow>& rows) {
-    std::ofstream file(path, std::ios::binary);
-    file << "at,local,remote,questions,url,answer,held,packets,verdict\r\n";
-    for (const ConnectionRow& row : rows) {
-        const Connection& connection = row.connection;
-        file << fmt::format("{:.6f},{},{},{},{},{},{:.6f},{},{}\r\n", static_cast<double>(row.at) / 1e6,
-                            connection.local.text(), connection.remote.text(), connection.queries.size(),
-                            csvField(connection.queries.empty() ? "" : connection.queries.back().url),
-                            csvField(answerText(connection)), static_cast<double>(connection.heldTime) / 1e6,
-                            connection.packets, csvField(verdictText(connection)));
-    }
-    if (!file.flush()) throw InputError(fmt::format("{}: {}", path, std::strerror(errno)));
+    CsvFile file(path, connectionColumns);
+    for (const ConnectionRow& row : rows)
+        file.row(connectionFields(row.connection, row.at));
+    file.finish();
 }
 
 } // namespace lab

@@ -27,10 +27,11 @@ std::string kindOf(const Connection& connection);
 // question, evenly from all of the time. More kinds than room: those that are seldom first.
 std::vector<ConnectionRow> chosenRows(std::vector<ConnectionRow> rows, std::size_t most);
 
-// A text as one field of comma-separated values: quoted, since a URL may hold commas, quotes and line ends.
-std::string csvField(const std::string& text);
+// The columns of a connection in comma-separated values, and its fields.
+extern const char connectionColumns[];
+std::string connectionFields(const Connection& connection, std::int64_t at);
 
-// Writes all rows, with a heading, as RFC 4180 has it. Throws InputError when the file cannot be written.
+// Writes all rows, with a heading, to a file or, for "-", to standard output. Throws InputError when it cannot be written.
 void writeCsv(const std::string& path, const std::vector<ConnectionRow>& rows);
 
 } // namespace lab

@@ -1,5 +1,6 @@
 #include "lab/Doctor.h"
 
+#include "lab/CsvFile.h"
 #include "lab/MacProgram.h"
 #include "lab/PolicyAgent.h"
 #include "lab/PrivateNetwork.h"
@@ -176,6 +177,18 @@ void printJson(const std::vector<Ability>& abilities) {
     fmt::print("{}\n", all.dump(1, ' ', true, nlohmann::json::error_handler_t::replace));
 }
 
+void writeCsv(const std::string& path, const std::vector<Ability>& abilities) {
+    CsvFile file(path, "what,runs,need,there,lack,remedy");
+    for (const Ability& ability : abilities) {
+        if (ability.needs.empty()) file.row(csvField(ability.what) + ",true,,,,");
+        for (const Need& need : ability.needs)
+            file.row(fmt::format("{},{},{},{},{},{}", csvField(ability.what), ability.runs(),
+                                 csvField(need.name), need.lack.empty(), csvField(need.lack),
+                                 csvField(need.remedy)));
+    }
+    file.finish();
+}
+
 } // namespace
 
 const std::map<std::string, std::string>& calledPrograms() {
@@ -222,11 +235,13 @@ std::vector<Ability> abilitiesOf(const Machine& machine) {
     return abilities;
 }
 
-int doctor(bool json) {
+int doctor(const DoctorOptions& options) {
+    checkOneOutput(options.json, options.csv);
     const std::vector<Ability> abilities = abilitiesOf(lookAtMachine());
-    if (json)
+    if (!options.csv.empty()) writeCsv(options.csv, abilities);
+    if (options.json)
         printJson(abilities);
-    else
+    else if (options.csv != "-")
         printTable(abilities);
     return std::all_of(abilities.begin(), abilities.end(),
                        [](const Ability& ability) { return ability.runs(); })

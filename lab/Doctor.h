@@ -46,8 +46,13 @@ struct Ability {
 
 std::vector<Ability> abilitiesOf(const Machine& machine);
 
-// Prints the table, or one object: 0 when all of the lab runs here, else 1.
-int doctor(bool json);
+struct DoctorOptions {
+    std::string csv; // a file, "-" for standard output in place of the table
+    bool json = false;
+};
+
+// Prints what the options ask for: 0 when all of the lab runs here, else 1. Throws InputError.
+int doctor(const DoctorOptions& options);
 
 // Why this build or this kernel has no packet queue, tried in the network namespace of the caller; empty where it has.
 std::string queueLack();

@@ -1,5 +1,6 @@
 #include "lab/LogReader.h"
 
+#include "lab/CsvFile.h"
 #include "lab/Policy.h"
 #include "lab/Terminal.h"
 
@@ -257,6 +258,22 @@ void printLine(const LogLine& line, bool explain) {
     if (!meaning.empty()) fmt::print("{:>31}{}\n", "", coloured("^ " + meaning, Colour::notice, colours));
 }
 
+bool isWanted(const LogLine& line, const LogOptions& options) {
+    if (options.request >= 0 && requestOf(line.text) != options.request) return false;
+    return line.text.find(options.containing) != std::string::npos;
+}
+
+int showHangs(const std::vector<std::string>& sentences, const LogOptions& options) {
+    CsvFile csv(options.csv, "sentence");
+    if (options.json) fmt::print("{}\n", nlohmann::json(sentences).dump(1, ' ', true));
+    for (const std::string& sentence : sentences) {
+        csv.row(csvField(sentence));
+        if (!options.json && options.csv != "-") fmt::print("{}\n", sentence);
+    }
+    csv.finish();
+    return 0;
+}
+
 } // namespace
 
 std::vector<LogLine> readLog(const std::string& folder) {
@@ -297,25 +314,23 @@ std::vector<std::string> explainHangs(const std::vector<LogLine>& lines) {
 }
 
 int showLog(const LogOptions& options) {
+    checkOneOutput(options.json, options.csv);
     std::vector<LogLine> lines = readLog(options.folder);
     if (options.sinceStart || options.hangs) lines = sinceNewestStart(std::move(lines));
-    if (options.hangs) {
-        const std::vector<std::string> sentences = explainHangs(lines);
-        if (options.json) fmt::print("{}\n", nlohmann::json(sentences).dump(1, ' ', true));
-        for (const std::string& sentence : sentences)
-            if (!options.json) fmt::print("{}\n", sentence);
-        return 0;
-    }
+    if (options.hangs) return showHangs(explainHangs(lines), options);
+    CsvFile csv(options.csv, "time,thread,file,text,meaning");
     bool any = false;
     for (const LogLine& line : lines) {
-        if (options.request >= 0 && requestOf(line.text) != options.request) continue;
-        if (line.text.find(options.containing) == std::string::npos) continue;
+        if (!isWanted(line, options)) continue;
+        csv.row(fmt::format("{},{},{},{},{}", line.time, line.thread, csvField(line.file),
+                            csvField(line.text), csvField(meaningOf(line.text))));
         if (options.json)
             printLineJson(line);
-        else
+        else if (options.csv != "-")
             printLine(line, options.explain);
         any = true;
     }
+    csv.finish();
     return any ? 0 : 1;
 }
 

@@ -20,6 +20,7 @@ struct LogOptions {
     std::string folder;
     std::string containing; // a connection's or URL's text
     long request = -1;      // the number of one question to the agent
+    std::string csv;        // a file, "-" for standard output in place of the lines
     bool sinceStart = false;
     bool explain = false;
     bool hangs = false;

@@ -2,6 +2,7 @@
 
 #include "lab/CheckedProgram.h"
 #include "lab/ConnectionRows.h"
+#include "lab/CsvFile.h"
 #include "lab/HtmlReport.h"
 #include "lab/PrivateNetwork.h"
 #include "lab/Replay.h"
@@ -39,12 +40,15 @@ void finishAsked(const File& file, const std::string& path) {
         throw InputError(fmt::format("{}: it cannot be written", path));
 }
 
+// Whether rows for programs go to standard output, so that the table does not.
+bool takesStandardOutput(const ReplayOptions& options) { return options.json == "-" || options.csv == "-"; }
+
 void writeReports(const ReplayOptions& options, const TableReport& table, const Totals& totals) {
     if (!options.csv.empty()) writeCsv(options.csv, table.rows());
     if (options.report.empty()) return;
     writeHtmlReport(options.report, std::filesystem::path(options.captures.front()).filename().string(),
                     table.rows(), totals);
-    if (options.json != "-") fmt::print("The whole of it, for a browser: {}\n", options.report);
+    if (!takesStandardOutput(options)) fmt::print("The whole of it, for a browser: {}\n", options.report);
 }
 
 // Where the daemon's clock begins.
@@ -58,6 +62,7 @@ std::int64_t firstTime(const std::vector<CaptureFacts>& facts) {
 } // namespace
 
 int replay(const ReplayOptions& options) {
+    checkOneOutput(options.json == "-", options.csv);
     Policy policy = Policy::load(options.policy);
     const PolicyFacts rules{options.policy, policy.ruleCount(), options.blockOnFailure};
     std::vector<CaptureFacts> facts;
@@ -65,7 +70,7 @@ int replay(const ReplayOptions& options) {
         facts.push_back(survey(capture));
     JsonReport json(options.json);
     const File asked = openAsked(options.asked);
-    TableReport table(options.json == "-" ? nullptr : stdout, options.rows,
+    TableReport table(takesStandardOutput(options) ? nullptr : stdout, options.rows,
                       !options.report.empty() || !options.csv.empty());
 
     enterPrivateNetwork();

@@ -39,13 +39,16 @@ void addReplay(CLI::App& app, lab::ReplayOptions& options, std::string& blockOnF
         ->add_option("--report", options.report,
                      "write a page for a browser, which needs nothing beside itself")
         ->type_name("FILE");
-    replay->add_option("--csv", options.csv, "write a line for each connection")->type_name("FILE");
+    replay->add_option("--csv", options.csv, "write a line for each connection (- is standard output)")
+        ->type_name("FILE");
     replay
         ->add_option("--rows", options.rows,
                      "show at most so many connections, each kind of verdict among them")
         ->check(CLI::PositiveNumber)
         ->type_name("N");
-    replay->add_option("--bof", blockOnFailure, "block on failure")
+    replay
+        ->add_option("--bof", blockOnFailure,
+                     "the setting BlockOnFailure: whether a request without a usable answer is blocked")
         ->check(CLI::IsMember({"on", "off"}))
         ->default_str("off");
     replay
@@ -73,7 +76,9 @@ CLI::App* addExplain(CLI::App& app, lab::ExplainOptions& options, std::string& b
         ->required()
         ->type_name("FILE");
     explain->add_flag("--json", options.json, "one object a line for each packet in place of the text");
-    explain->add_option("--bof", blockOnFailure, "block on failure")
+    explain
+        ->add_option("--bof", blockOnFailure,
+                     "the setting BlockOnFailure: whether a request without a usable answer is blocked")
         ->check(CLI::IsMember({"on", "off"}))
         ->default_str("off");
     explain->add_option("--root", options.root, "keep the daemon's files in this folder")->type_name("DIR");
@@ -95,13 +100,17 @@ CLI::App* addCompare(CLI::App& app, lab::CompareOptions& options, std::string& b
         ->allow_extra_args(false)
         ->type_name("FILE");
     compare->add_flag("--json", options.json, "one object in place of the tables");
-    compare->add_option("--csv", options.csv, "write a line for each connection with another outcome")
+    compare
+        ->add_option("--csv", options.csv,
+                     "write a line for each connection with another outcome (- is standard output)")
         ->type_name("FILE");
     compare->add_option("--rows", options.rows, "show at most so many connections, and URLs")
         ->check(CLI::PositiveNumber)
         ->capture_default_str()
         ->type_name("N");
-    compare->add_option("--bof", blockOnFailure, "block on failure")
+    compare
+        ->add_option("--bof", blockOnFailure,
+                     "the setting BlockOnFailure: whether a request without a usable answer is blocked")
         ->check(CLI::IsMember({"on", "off"}))
         ->default_str("off");
     compare->footer(
@@ -118,9 +127,11 @@ CLI::App* addSlots(CLI::App& app, lab::SlotOptions& options) {
         "slots", "Count the query threads' slots that live after many questions on a busy machine.");
     slots->add_option("--questions", options.questions, "how many go through the daemon")
         ->check(CLI::NonNegativeNumber)
+        ->type_name("N")
         ->capture_default_str();
     slots->add_option("--operations", options.operations, "how many go through a pool alone")
         ->check(CLI::NonNegativeNumber)
+        ->type_name("N")
         ->capture_default_str();
     slots->footer("Exit status: 0, 1 when a slot, a question or an answer is lost.\n"
                   "Example: fernhill-lab slots --questions 10000 --operations 10000");
@@ -132,6 +143,8 @@ CLI::App* addCheck(CLI::App& app, lab::CheckOptions& options) {
         "check", "Say of a configuration file what the daemon takes, ignores, and loses at its next save.");
     check->add_option("configuration", options.file, "the file")->required()->type_name("CONFIG");
     check->add_flag("--json", options.json, "one array of objects in place of the table");
+    check->add_option("--csv", options.csv, "write a line for each row of the table (- is standard output)")
+        ->type_name("FILE");
     check->footer("Exit status: 0 when nothing is ignored or lost, 1 when something is, 2 for a file that "
                   "cannot be read.\n"
                   "Example: fernhill-lab check fernhill.xml");
@@ -154,16 +167,21 @@ CLI::App* addLog(CLI::App& app, lab::LogOptions& options) {
     log->add_flag("--hangs", options.hangs,
                   "only what the log can tell of pages that hang, since the newest start");
     log->add_flag("--json", options.json, "one object a line, with what it means; of --hangs one array");
+    log->add_option("--csv", options.csv,
+                    "write a row for each line, with what it means (- is standard output)")
+        ->type_name("FILE");
     log->footer("Exit status: 0, 1 when no line is left to show, 2 for a folder without a log.\n"
                 "Example: fernhill-lab log /Library/Logs/TarnwickSystems --since-start --containing "
                 "example.org --explain");
     return log;
 }
 
-CLI::App* addDoctor(CLI::App& app, bool& json) {
+CLI::App* addDoctor(CLI::App& app, lab::DoctorOptions& options) {
     CLI::App* doctor =
         app.add_subcommand("doctor", "Say what of the lab can run on this machine, and what to install.");
-    doctor->add_flag("--json", json, "one array of objects in place of the table");
+    doctor->add_flag("--json", options.json, "one array of objects in place of the table");
+    doctor->add_option("--csv", options.csv, "write a line for each row of the table (- is standard output)")
+        ->type_name("FILE");
     doctor->footer(
         "It changes nothing. Exit status: 0 when all of the lab runs here, 1 when something does not.\n"
         "Example: fernhill-lab doctor");
@@ -179,7 +197,9 @@ CLI::App* addDivert(CLI::App& app, lab::DivertOptions& options, std::string& blo
     divert->add_option("--policy", options.policy, "the rules by which the agent answers")
         ->required()
         ->type_name("FILE");
-    divert->add_option("--bof", blockOnFailure, "block on failure")
+    divert
+        ->add_option("--bof", blockOnFailure,
+                     "the setting BlockOnFailure: whether a request without a usable answer is blocked")
         ->check(CLI::IsMember({"on", "off"}))
         ->default_str("off");
     divert->add_flag("--no-agent", options.withoutAgent, "leave the agent away");
@@ -196,7 +216,11 @@ CLI::App* addDivert(CLI::App& app, lab::DivertOptions& options, std::string& blo
         ->add_option("--table", options.table,
                      "write the table here and not to standard error (- is standard output)")
         ->type_name("FILE");
-    divert->add_option("--json", options.json, "write one object a line for each connection")
+    divert
+        ->add_option("--json", options.json,
+                     "write one object a line for each connection (- is standard output)")
+        ->type_name("FILE");
+    divert->add_option("--csv", options.csv, "write a line for each connection (- is standard output)")
         ->type_name("FILE");
     divert->add_option("--record", options.record, "have tcpdump write the packets as they are diverted")
         ->type_name("FILE");
@@ -213,7 +237,8 @@ CLI::App* addDivert(CLI::App& app, lab::DivertOptions& options, std::string& blo
             "what the packets go through: the daemon, only the kernel's queue, or nothing")
         ->check(CLI::IsMember({"daemon", "queue", "nothing"}))
         ->default_str("daemon");
-    divert->add_option("--log", options.logLevel, "the daemon's log level")->type_name("LEVEL");
+    divert->add_option("--log", options.logLevel, "the daemon's log level, a sum: see -ll in fernhill(8)")
+        ->type_name("LEVEL");
     divert->add_option("--root", options.root, "keep the daemon's files in this folder")->type_name("DIR");
     divert->footer(
         "Exit status: the command's; 1 when the daemon failed it, 2 where this machine or the build cannot "
@@ -241,8 +266,8 @@ int main(int argc, char** argv) {
     const CLI::App* check = addCheck(app, checkOptions);
     lab::LogOptions logOptions;
     const CLI::App* log = addLog(app, logOptions);
-    bool doctorJson = false;
-    const CLI::App* doctor = addDoctor(app, doctorJson);
+    lab::DoctorOptions doctorOptions;
+    const CLI::App* doctor = addDoctor(app, doctorOptions);
     lab::DivertOptions divertOptions;
     const CLI::App* divert = addDivert(app, divertOptions, blockOnFailure);
     try {
@@ -250,7 +275,7 @@ int main(int argc, char** argv) {
         if (slots->parsed()) return lab::proveSlots(slotOptions);
         if (check->parsed()) return lab::check(checkOptions);
         if (log->parsed()) return lab::showLog(logOptions);
-        if (doctor->parsed()) return lab::doctor(doctorJson);
+        if (doctor->parsed()) return lab::doctor(doctorOptions);
         options.blockOnFailure = divertOptions.blockOnFailure = explainOptions.blockOnFailure =
             compareOptions.blockOnFailure = blockOnFailure == "on";
         if (compare->parsed()) return lab::compare(compareOptions);

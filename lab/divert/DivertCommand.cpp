@@ -1,6 +1,7 @@
 #include "lab/divert/DivertCommand.h"
 
 #include "lab/CheckedProgram.h"
+#include "lab/CsvFile.h"
 #include "lab/Stage.h"
 #include "lab/divert/ClientCommand.h"
 #include "lab/divert/LabNetwork.h"
@@ -50,13 +51,15 @@ int runInside(const DivertOptions& options, Policy policy) {
 
 // What is asked for and cannot be had. Throws InputError.
 void checkOptions(const DivertOptions& options) {
+    checkOneOutput(options.json == "-", options.csv);
     if (options.withoutAgent && options.restartSeconds > 0)
         throw InputError("--no-agent and --restart-agent exclude each other");
-    const bool wantsRun = !options.json.empty() || !options.watch.empty() || options.restartSeconds > 0;
+    const bool wantsRun =
+        !options.json.empty() || !options.csv.empty() || !options.watch.empty() || options.restartSeconds > 0;
     if (options.way == Way::nothing && wantsRun)
         throw InputError("--through nothing has no connections to write and no agent");
-    for (const std::string& path :
-         {options.root, options.program, options.table, options.json, options.record, options.watch}) {
+    for (const std::string& path : {options.root, options.program, options.table, options.json, options.csv,
+                                    options.record, options.watch}) {
         if (!path.empty() && path != "-" && liesInRun(path))
             throw InputError(fmt::format("{}: a live run has a /run of its own, which ends with it", path));
     }

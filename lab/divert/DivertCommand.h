@@ -17,6 +17,7 @@ struct DivertOptions {
     std::string program; // a Mach-O, which runs under machost; empty for this build's own program
     std::string table;   // where the table goes: a file, "-" for standard output, empty for standard error
     std::string json;    // a file for one object a line for each connection
+    std::string csv;     // a file for a line for each connection
     std::string record;  // a capture file for the packets as they are diverted
     std::string watch;   // a file for one object a second: what the daemon holds
     Way way = Way::daemon;

@@ -37,9 +37,9 @@ std::string urlIn(const CapturedPacket& packet) {
 
 } // namespace
 
-Diverter::Diverter(ExtensionStandIn& extension, PolicyAgent& agent, TableReport& table, std::FILE* json,
-                   bool deciding)
-    : extension_(extension), agent_(agent), table_(table), json_(json), deciding_(deciding),
+Diverter::Diverter(ExtensionStandIn& extension, PolicyAgent& agent, TableReport& table, CsvFile& csv,
+                   std::FILE* json, bool deciding)
+    : extension_(extension), agent_(agent), table_(table), csv_(csv), json_(json), deciding_(deciding),
       start_(microseconds()), queues_{PacketQueue(inboundQueue), PacketQueue(outboundQueue)},
       wakeUp_(eventfd(0, EFD_CLOEXEC)),
       connections_([this](const LiveConnection& connection) { row(connection); }) {}
@@ -206,6 +206,7 @@ void Diverter::row(const LiveConnection& connection) {
     takeQuestions();
     const Connection& facts = connection.facts;
     table_.row(facts, start_);
+    csv_.row(connectionFields(facts, facts.first - start_));
     if (!json_) return;
     nlohmann::ordered_json object;
     object["local"] = facts.local.text();

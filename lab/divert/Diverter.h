@@ -10,6 +10,7 @@
 //   2 redirect   plain: the client has the 302 in the server's place; TLS: the client's connection is reset. Either way
 //                the server's side is reset, and the connection's later packets are not shown
 
+#include "lab/CsvFile.h"
 #include "lab/ExtensionStandIn.h"
 #include "lab/PolicyAgent.h"
 #include "lab/TableReport.h"
@@ -25,10 +26,10 @@ namespace lab {
 class Diverter {
 public:
     // Over stand-ins and a daemon that run already. With `deciding` false every packet passes and the daemon sees
-    // none. A row for each connection goes to the table, and as an object to `json` unless that is null. Throws
-    // UnavailableError.
-    Diverter(ExtensionStandIn& extension, PolicyAgent& agent, TableReport& table, std::FILE* json,
-             bool deciding);
+    // none. A row for each connection goes to the table, to `csv`, and as an object to `json` unless that is null.
+    // Throws UnavailableError.
+    Diverter(ExtensionStandIn& extension, PolicyAgent& agent, TableReport& table, CsvFile& csv,
+             std::FILE* json, bool deciding);
     ~Diverter();
 
     Diverter(const Diverter&) = delete;
@@ -70,6 +71,7 @@ private:
     ExtensionStandIn& extension_;
     PolicyAgent& agent_;
     TableReport& table_;
+    CsvFile& csv_;
     std::FILE* json_;
     const bool deciding_;
     const std::int64_t start_;

@@ -23,22 +23,19 @@ constexpr std::chrono::milliseconds agentAway(500);
 } // namespace
 
 LiveRun::File LiveRun::openFile(const std::string& path) {
-    if (path.empty() || path == "-") return {nullptr, std::fclose};
+    if (path.empty()) return {nullptr, std::fclose};
+    if (path == "-") return {stdout, std::fflush};
     File file(std::fopen(path.c_str(), "we"), std::fclose);
     if (!file) throw InputError(fmt::format("{}: {}", path, std::strerror(errno)));
     setvbuf(file.get(), nullptr, _IOLBF, 0);
     return file;
 }
 
-std::FILE* LiveRun::tableFile(const std::string& path, const File& file) {
-    if (path.empty()) return stderr;
-    return path == "-" ? stdout : file.get();
-}
-
 LiveRun::LiveRun(const DivertOptions& options, const PolicyFacts& facts, Stage& stage)
     : options_(options), stage_(stage), tableFile_(openFile(options.table)), json_(openFile(options.json)),
-      watch_(openFile(options.watch)), table_(tableFile(options.table, tableFile_)),
-      diverter_(stage.extension, stage.agent, table_, json_.get(), options.way == Way::daemon),
+      watch_(openFile(options.watch)), csv_(options.csv, connectionColumns),
+      table_(tableFile_ ? tableFile_.get() : stderr),
+      diverter_(stage.extension, stage.agent, table_, csv_, json_.get(), options.way == Way::daemon),
       recorder_(std::make_unique<Recorder>(options.record)) {
     divertPackets(!options.record.empty());
     table_.beginLive(facts);
@@ -67,6 +64,7 @@ void LiveRun::finish() {
     recorder_.reset();
     diverter_.stop();
     diverter_.finish();
+    csv_.finish();
     table_.liveSummary(diverter_.totals(), options_.root.empty() ? "" : stage_.root.path());
 }
 

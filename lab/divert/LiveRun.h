@@ -3,6 +3,7 @@
 // The run of one command through the daemon: diverts the packets, and meanwhile reports, watches what the daemon holds
 // and restarts the agent, as asked for.
 
+#include "lab/CsvFile.h"
 #include "lab/Stage.h"
 #include "lab/TableReport.h"
 #include "lab/divert/DivertCommand.h"
@@ -31,16 +32,16 @@ private:
     using Moment = std::chrono::steady_clock::time_point;
 
     static File openFile(const std::string& path);
-    static std::FILE* tableFile(const std::string& path, const File& file);
     void watch(Moment now);
     void restartAgent(Moment now);
     void finish();
 
     const DivertOptions& options_;
     Stage& stage_;
-    const File tableFile_;
+    const File tableFile_; // none for standard error
     const File json_;
     const File watch_;
+    CsvFile csv_;
     TableReport table_;
     Diverter diverter_;
     std::unique_ptr<Recorder> recorder_;

@@ -24,19 +24,23 @@ _fernhill_lab() {
     compare:--csv) files=yes ;;
     compare:*) words="--help --policy --json --csv --rows --bof" files=yes ;;
     slots:*) words="--help --questions --operations" files=yes ;;
-    check:*) words="--help --json" files=yes ;;
-    log:*) words="--help --containing --request --since-start --explain --hangs --json" files=yes ;;
-    doctor:*) words="--help --json" files=yes ;;
+    check:--csv) files=yes ;;
+    check:*) words="--help --json --csv" files=yes ;;
+    log:--csv) files=yes ;;
+    log:*) words="--help --containing --request --since-start --explain --hangs --json --csv" files=yes ;;
+    doctor:--csv) files=yes ;;
+    doctor:*) words="--help --json --csv" files=yes ;;
     divert:--bof) words="on off" ;;
     divert:--through) words="daemon queue nothing" ;;
     divert:--policy) files=yes ;;
     divert:--program) files=yes ;;
     divert:--table) files=yes ;;
     divert:--json) files=yes ;;
+    divert:--csv) files=yes ;;
     divert:--record) files=yes ;;
     divert:--watch) files=yes ;;
     divert:--root) files=yes ;;
-    divert:*) words="--help --policy --bof --no-agent --restart-agent --program --table --json --record --watch --through --log --root" files=yes ;;
+    divert:*) words="--help --policy --bof --no-agent --restart-agent --program --table --json --csv --record --watch --through --log --root" files=yes ;;
   esac
   COMPREPLY=($(compgen -W "$words" -- "$current"))
   [ $files = no ] || COMPREPLY+=($(compgen -f -- "$current"))

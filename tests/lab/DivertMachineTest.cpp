@@ -103,12 +103,12 @@ TEST_F(DivertMachineTest, ARecorderThatCannotRecordIsToldWithWhatItSaid) {
 }
 
 TEST_F(DivertMachineTest, AFileThatCannotBeWrittenIsUnusable) {
-    for (const char* option : {"--table", "--json", "--watch"})
+    for (const char* option : {"--table", "--json", "--csv", "--watch"})
         expectOneLine(run({option, "/nonexistent/file"}), "/nonexistent/file: No such file or directory");
 }
 
 TEST_F(DivertMachineTest, AFileThatWouldEndWithTheRunIsUnusable) {
-    for (const char* option : {"--table", "--json", "--watch", "--record", "--root"})
+    for (const char* option : {"--table", "--json", "--csv", "--watch", "--record", "--root"})
         expectOneLine(run({option, "/run/divert.file"}),
                       "/run/divert.file: a live run has a /run of its own, which ends with it");
     fs::current_path("/run");

@@ -259,12 +259,33 @@ TEST_F(DivertTest, LeavesNothingBehindWhenItIsKilledBeforeItsNetworksAreMade) {
     EXPECT_TRUE(testsupport::eventually([&] { return processesIn(processNamespace) == 0; }));
 }
 
+TEST_F(DivertTest, ItsConnectionsComeAsCommaSeparatedValuesToo) {
+    const std::string csv = folder_.file("rows.csv");
+    live("block *bad* http://localhost:6543/blocked\n", curl("-4 -o /dev/null http://bad.test/page"),
+         {"--csv", csv});
+    const auto lines = linesOf(readAll(csv));
+    ASSERT_EQ(lines.size(), 2u);
+    EXPECT_EQ(lines[0], "at,local,remote,questions,url,answer,held,packets,verdict\r");
+    EXPECT_NE(lines[1].find(",1,\"http://bad.test/page\",\"block\","), std::string::npos) << lines[1];
+    EXPECT_NE(lines[1].find(",\"redirected\"\r"), std::string::npos) << lines[1];
+}
+
+TEST_F(DivertTest, ItsConnectionsGoToStandardOutputWhereThatIsWanted) {
+    writeAll(policy_, "allow *\n");
+    const LabRun run = runLab({"divert", "--policy", policy_, "--json", "-", "--", "curl", "-4", "-s", "-o",
+                               "/dev/null", "http://good.test/page"});
+    EXPECT_EQ(run.status, 0) << run.err;
+    EXPECT_NE(run.out.find("\"url\":\"http://good.test/page\""), std::string::npos) << run.out;
+}
+
 TEST_F(DivertTest, OptionsThatContradictEachOtherAreRefused) {
     writeAll(policy_, "allow *\n");
     const std::string file = folder_.file("file");
     for (const std::vector<std::string>& options :
          std::vector<std::vector<std::string>>{{"--no-agent", "--restart-agent", "5"},
                                                {"--through", "nothing", "--json", file},
+                                               {"--through", "nothing", "--csv", file},
+                                               {"--json", "-", "--csv", "-"},
                                                {"--through", "nothing", "--watch", file},
                                                {"--through", "nothing", "--restart-agent", "5"}}) {
         std::vector<std::string> words = {"divert", "--policy", policy_};
