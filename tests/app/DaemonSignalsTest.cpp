@@ -149,6 +149,19 @@ TEST_F(DaemonSignals, PacketsOfBothDirectionsGetVerdictsWhileTheHandlerWaitsForT
     EXPECT_TRUE(daemon->running());
 }
 
+TEST_F(DaemonSignals, AStagedUpdateStaysStagedWhenTheDaemonIsKilledWhileItWaitsForTheLink) {
+    if (!testsupport::macProgram().empty()) GTEST_SKIP() << "only this build's own locks can be listed";
+    stageUpdate();
+    prepare(8, false).start();
+    ASSERT_TRUE(extension->waitForDaemon(testsupport::patienceMilliseconds));
+    daemon->signal(SIGTERM);
+    ASSERT_TRUE(testsupport::eventually([&] { return daemon->locks().waitingFor(linkLock()).size() == 1; }));
+    daemon->signal(SIGKILL);
+    EXPECT_EQ(daemon->awaitEnd(), -1);
+    EXPECT_TRUE(marked());
+    EXPECT_FALSE(helped());
+}
+
 TEST_F(DaemonSignals, EveryThreadButOneKeepsBothAway) {
     linkedDaemon();
     const unsigned long long both = bit(SIGTERM) | bit(SIGINT);
