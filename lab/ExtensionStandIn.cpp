@@ -44,6 +44,8 @@ int listenAt(const std::string& path) {
     return listener;
 }
 
+int sideOf(Direction direction) { return direction == Direction::in ? 0 : 1; }
+
 bool waitReadable(int descriptor, int milliseconds) {
     pollfd waiting{descriptor, POLLIN, 0};
     return poll(&waiting, 1, milliseconds) == 1;
@@ -79,7 +81,7 @@ bool ExtensionStandIn::waitForDaemon(int milliseconds) {
 
 std::optional<sysctl_result> ExtensionStandIn::present(Direction direction, const std::vector<char>& packet,
                                                        int milliseconds, RecordForm form) {
-    const int side = direction == Direction::in ? 0 : 1;
+    const int side = sideOf(direction);
     const int channel = channels_[side];
     std::vector<char>& record = records_[side];
     const std::uint64_t id = nextId_++;
@@ -100,6 +102,18 @@ bool ExtensionStandIn::sendRecord(int channel, const std::vector<char>& record, 
     if (send(channel, record.data(), first, MSG_NOSIGNAL) < 0) return false;
     return first == record.size() ||
            send(channel, record.data() + first, record.size() - first, MSG_NOSIGNAL) >= 0;
+}
+
+bool ExtensionStandIn::sendBytes(Direction direction, const std::vector<char>& bytes) {
+    return send(channels_[sideOf(direction)], bytes.data(), bytes.size(), MSG_NOSIGNAL) >= 0;
+}
+
+std::optional<sysctl_result> ExtensionStandIn::awaitAnyResult(Direction direction, int milliseconds) {
+    const int channel = channels_[sideOf(direction)];
+    sysctl_result result{};
+    if (!waitReadable(channel, milliseconds) || recv(channel, &result, sizeof result, 0) != sizeof result)
+        return {};
+    return result;
 }
 
 // Records that come too late for an earlier packet are passed over.

@@ -43,6 +43,13 @@ public:
     std::optional<sysctl_result> present(Direction direction, const std::vector<char>& packet,
                                          int milliseconds, RecordForm form = RecordForm::whole);
 
+    // Sends one message of any bytes, for which no result is waited; false when it does not go out.
+    bool sendBytes(Direction direction, const std::vector<char>& bytes);
+
+    // The next result of that direction, whatever it answers; nothing when none comes within that many real
+    // milliseconds.
+    std::optional<sysctl_result> awaitAnyResult(Direction direction, int milliseconds);
+
     // Whether the daemon has sent no result but those that were waited for. To be asked between presentations.
     bool hasOnlyAnswered() const;
 

@@ -15,12 +15,10 @@ namespace {
 // How often a sleeping thread looks at the played time.
 constexpr std::int64_t glance = 20000;
 
-// How much sooner a sleep ends in real time.
-constexpr std::int64_t haste = 10;
-
 } // namespace
 
-PlayedClock::PlayedClock() : memory_(memfd_create("played clock", MFD_CLOEXEC)) {
+PlayedClock::PlayedClock(std::int64_t haste)
+    : memory_(memfd_create("played clock", MFD_CLOEXEC)), haste_(haste) {
     void* memory = MAP_FAILED;
     if (ftruncate(memory_, sizeof *now_) == 0)
         memory = mmap(nullptr, sizeof *now_, PROT_READ | PROT_WRITE, MAP_SHARED, memory_, 0);
@@ -35,7 +33,7 @@ PlayedClock::~PlayedClock() {
 
 void PlayedClock::sleepFor(std::int64_t microseconds) {
     const std::int64_t due = *now_ + microseconds;
-    for (std::int64_t left = microseconds / haste; left > 0 && *now_ < due; left -= glance)
+    for (std::int64_t left = microseconds / haste_; left > 0 && *now_ < due; left -= glance)
         std::this_thread::sleep_for(std::chrono::microseconds(std::min(left, glance)));
 }
 

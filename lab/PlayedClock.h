@@ -1,8 +1,8 @@
 #pragma once
 
 // The clock of a replayed daemon: it stands at the time that the lab plays. The time lies in memory that both
-// processes share. A sleep ends when its length has been played, or a tenth of it has passed in real time: the
-// lab itself may be waiting for the sleeper, and then no time is played.
+// processes share. A sleep ends when its length has been played, or a tenth of it (or the part that it was made with)
+// has passed in real time: the lab itself may be waiting for the sleeper, and then no time is played.
 
 #include "platform/Clock.h"
 
@@ -13,8 +13,8 @@ namespace lab {
 
 class PlayedClock final : public platform::Clock {
 public:
-    // Shared by the processes that are forked afterwards.
-    PlayedClock();
+    // Shared by the processes that are forked afterwards. A sleep takes at most 1 / `haste` of its length.
+    explicit PlayedClock(std::int64_t haste = 10);
     ~PlayedClock();
 
     PlayedClock(const PlayedClock&) = delete;
@@ -36,6 +36,7 @@ private:
     void sleepFor(std::int64_t microseconds);
 
     const int memory_;
+    const std::int64_t haste_;
     std::atomic<std::int64_t>* now_;
 };
 

@@ -90,6 +90,8 @@ void AgentStandIn::sendBytes(const std::string& bytes) {
 
 void AgentStandIn::closeConnection() {
     std::lock_guard<std::mutex> lock(mutex_);
+    // The poll on the other thread would keep it alive for its time.
+    shutdown(connection_, SHUT_RDWR);
     dropConnection();
 }
 
@@ -140,6 +142,7 @@ void AgentStandIn::accept() {
 
 void AgentStandIn::receive() {
     std::lock_guard<std::mutex> lock(mutex_);
+    if (connection_ < 0) return;
     char bytes[65536];
     const ssize_t count = recv(connection_, bytes, sizeof bytes, MSG_DONTWAIT);
     if (count == 0 || (count < 0 && errno != EAGAIN && errno != EWOULDBLOCK)) {

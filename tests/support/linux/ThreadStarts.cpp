@@ -1,6 +1,6 @@
 #include "support/ThreadStarts.h"
 
-#include <atomic>
+#include <cerrno>
 
 extern "C" {
 int __real_pthread_create(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
@@ -11,10 +11,13 @@ namespace testsupport {
 namespace {
 
 std::atomic<ThreadStart> played{nullptr};
+std::atomic<const std::atomic<bool>*> refusal{nullptr};
 
 } // namespace
 
 void playThreadStarts(ThreadStart start) { played = start; }
+
+void refuseThreadsWhile(const std::atomic<bool>& refused) { refusal = &refused; }
 
 int startThread(pthread_t* thread, const pthread_attr_t* attributes, void* (*function)(void*),
                 void* argument) {
@@ -30,6 +33,8 @@ int startNothing(pthread_t* thread, const pthread_attr_t* attributes, void* (*)(
 
 int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*function)(void*),
                           void* argument) {
+    const std::atomic<bool>* refused = testsupport::refusal;
+    if (refused && *refused) return EAGAIN;
     const testsupport::ThreadStart play = testsupport::played;
     return (play ? play : testsupport::startThread)(thread, attributes, function, argument);
 }
