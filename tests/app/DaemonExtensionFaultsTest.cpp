@@ -56,6 +56,14 @@ protected:
         }
     }
 
+    // Whether the text is in some file of the log.
+    bool someLogHas(const std::string& text) const {
+        const std::filesystem::directory_iterator files(root.path() + "/Library/Logs/TarnwickSystems");
+        return std::any_of(begin(files), end(files), [&](const auto& file) {
+            return testsupport::readAll(file.path()).find(text) != std::string::npos;
+        });
+    }
+
     // The record's length with the packet's first line and its host whole.
     static constexpr std::size_t firstWithUrl =
         recordHeader + 40 + sizeof "GET / HTTP/1.1\r\nHost: records.test\r\n" - 1;
@@ -98,8 +106,9 @@ TEST_F(DaemonExtensionFaults, AHeaderAloneTakesTheNextMessageForItsPacket) {
 TEST_F(DaemonExtensionFaults, AnExtensionThatHasGoneLeavesTheLinkAndTheEndAsTheyWere) {
     startLinked();
     extension.reset();
-    ASSERT_TRUE(daemon->awaitLog("INPUT bytes received -- IGNORED"));
-    ASSERT_TRUE(daemon->awaitLog("OUTPUT bytes received -- IGNORED"));
+    // Either direction alone fills the log's first file.
+    EXPECT_TRUE(testsupport::eventually([this] { return someLogHas("INPUT bytes received -- IGNORED"); }));
+    EXPECT_TRUE(testsupport::eventually([this] { return someLogHas("OUTPUT bytes received -- IGNORED"); }));
     daemon->changeConsoleUser("bob");
     EXPECT_NE(agent->awaitFrame(3).body.find("bob"), std::string::npos);
     daemon->signal(SIGTERM);

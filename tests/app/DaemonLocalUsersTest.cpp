@@ -189,3 +189,15 @@ TEST_F(DaemonLocalUsers, NothingThatTheDaemonMakesIsWritableForThem) {
                 << entry.path();
         }
 }
+
+TEST_F(DaemonLocalUsers, TheProgramsSwitchesChangeNothingWhenTheyRunIt) {
+    if (!testsupport::macProgram().empty()) GTEST_SKIP() << "machost makes a socket below the root, which they may not";
+    const std::string before = configuration();
+    const int ended = asNobody([]() -> int {
+        if (chdir("/") != 0) return 1;
+        testsupport::becomeShippedProgram({"/usr/local/bin/fernhill", "-l=true", "-ll=255"});
+    });
+    EXPECT_EQ(ended, 0); // as for every switch, whether it worked or not
+    EXPECT_EQ(configuration(), before);
+    EXPECT_FALSE(daemon->logs("verbose mode is updated"));
+}

@@ -220,12 +220,12 @@ TEST_F(DaemonDescriptorFaults, ALinkThatIsLostWithoutADescriptorIsDeadAndPagesPa
     EXPECT_EQ(daemon->awaitEnd(), 0);
 }
 
-TEST_F(DaemonThreadFaults, EachQuestionWithoutAThreadCostsOneOfTheThirtyAndHoldsItsPage) {
+TEST_F(DaemonThreadFaults, AQuestionWithoutAThreadIsNeverSentAndItsPageStaysHeld) {
     refuseThreads(true);
     EXPECT_EQ(verdictOf(page), resultHold);
     EXPECT_TRUE(answersBothDirections());
     refuseThreads(false);
-    // The next slot takes what has waited.
+    // The next question has a thread, and the one before stays lost.
     EXPECT_EQ(verdictOf(page + 1), resultHold);
     agent->reply(agent->awaitFrame(1).sequence, "{}");
     EXPECT_TRUE(comesToPass(page + 1));
