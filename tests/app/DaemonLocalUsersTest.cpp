@@ -76,10 +76,10 @@ protected:
     std::string logs() const { return root.path() + "/Library/Logs/TarnwickSystems"; }
     std::string log() const { return logs() + "/fernhill0-1.log"; }
 
-    // Ports on which a socket of the daemon's is listened at, or bound without a peer.
-    std::set<std::string> openPorts() const {
+    // Ports on which a socket of the process is listened at, or bound without a peer.
+    static std::set<std::string> openPortsOf(pid_t process) {
         std::set<std::string> inodes;
-        for (const auto& [number, what] : testsupport::descriptorsOf(daemon->process()))
+        for (const auto& [number, what] : testsupport::descriptorsOf(process))
             if (what.rfind("socket:[", 0) == 0) inodes.insert(what.substr(8, what.size() - 9));
         std::set<std::string> ports;
         for (const char* table : {"tcp", "tcp6", "udp", "udp6"}) {
@@ -149,7 +149,11 @@ TEST_F(DaemonLocalUsers, TheProcessCannotBeEndedHaltedNorLookedInto) {
     EXPECT_EQ(asNobody([&] { return access(ofDaemon("fd/0").c_str(), F_OK) == 0 ? 0 : errno; }), EACCES);
 }
 
-TEST_F(DaemonLocalUsers, NoPortIsOpenedForThem) { EXPECT_EQ(openPorts(), std::set<std::string>()); }
+TEST_F(DaemonLocalUsers, NoPortIsOpenedForThem) {
+    EXPECT_EQ(openPortsOf(getpid()),
+              std::set<std::string>{"tcp 0100007F:0D80"}); // the agent's, which this process plays
+    EXPECT_EQ(openPortsOf(daemon->process()), std::set<std::string>());
+}
 
 TEST_F(DaemonLocalUsers, TheAgentsPortIsRootsOnlyWhileItsAgentListens) {
     const auto listenAtTheAgentsPort = [] {
@@ -191,7 +195,8 @@ TEST_F(DaemonLocalUsers, NothingThatTheDaemonMakesIsWritableForThem) {
 }
 
 TEST_F(DaemonLocalUsers, TheProgramsSwitchesChangeNothingWhenTheyRunIt) {
-    if (!testsupport::macProgram().empty()) GTEST_SKIP() << "machost makes a socket below the root, which they may not";
+    if (!testsupport::macProgram().empty())
+        GTEST_SKIP() << "machost makes a socket below the root, which they may not";
     const std::string before = configuration();
     const int ended = asNobody([]() -> int {
         if (chdir("/") != 0) return 1;
