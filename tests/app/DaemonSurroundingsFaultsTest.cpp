@@ -1,6 +1,7 @@
 // The daemon beside a name service that does not answer, a clock that jumps, and more connections than anybody has.
 
 #include "app/FaultsWorld.h"
+#include "platform/NameLookup.h"
 #include "support/PlayedNames.h"
 #include "support/Thorough.h"
 
@@ -19,6 +20,8 @@ protected:
     void withoutAnAnswerFor(const std::string& name) {
         surroundings = [this, name] {
             playClock();
+            [[maybe_unused]] static const auto* const former =
+                &platform::nameLookup();                 // it is nobody's to free
             auto& names = *new testsupport::PlayedNames; // outlives the threads that wait for it
             names.answer("localhost", AF_INET, {"127.0.0.1"});
             names.answer("127.0.0.1", AF_INET, {"127.0.0.1"});
