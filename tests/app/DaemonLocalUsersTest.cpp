@@ -3,6 +3,7 @@
 
 #include "app/DaemonWorld.h"
 #include "support/ProcessDescriptors.h"
+#include "support/Sanitizers.h"
 
 #include <arpa/inet.h>
 #include <cerrno>
@@ -197,6 +198,8 @@ TEST_F(DaemonLocalUsers, NothingThatTheDaemonMakesIsWritableForThem) {
 TEST_F(DaemonLocalUsers, TheProgramsSwitchesChangeNothingWhenTheyRunIt) {
     if (!testsupport::macProgram().empty())
         GTEST_SKIP() << "machost makes a socket below the root, which they may not";
+    if (testsupport::threadsChecked)
+        GTEST_SKIP() << "a child forked beside a thread can start none under this checker";
     const std::string before = configuration();
     const int ended = asNobody([]() -> int {
         if (chdir("/") != 0) return 1;

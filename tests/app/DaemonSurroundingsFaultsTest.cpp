@@ -14,24 +14,14 @@ namespace {
 constexpr int page = 40000;
 constexpr int hours = 3600;
 
-// The names are the test's; one of them is never answered.
+// One of the daemon's played names is never answered.
 class DaemonNameFaults : public FaultsWorld {
 protected:
     void withoutAnAnswerFor(const std::string& name) {
         surroundings = [this, name] {
             playClock();
-            [[maybe_unused]] static const auto* const former =
-                &platform::nameLookup();                 // it is nobody's to free
-            auto& names = *new testsupport::PlayedNames; // outlives the threads that wait for it
-            names.answer("localhost", AF_INET, {"127.0.0.1"});
-            names.answer("127.0.0.1", AF_INET, {"127.0.0.1"});
-            names.neverAnswer(name);
-            names.install();
+            static_cast<testsupport::PlayedNames&>(platform::nameLookup()).neverAnswer(name);
         };
-    }
-
-    void present(lab::Direction direction, const std::vector<char>& packet) {
-        EXPECT_TRUE(extension->sendBytes(direction, recordOf(packet)));
     }
 
     static std::vector<char> recordOf(const std::vector<char>& packet) {
