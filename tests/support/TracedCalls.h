@@ -3,13 +3,15 @@
 // A forked child in which one system call fails, or at one of which it is killed. Run again and again, each time with
 // the next call, it shows what comes of every failure. Linux alone can do that.
 
+#include <gtest/gtest.h>
+
 #include <functional>
 #include <string>
 
 namespace testsupport {
 
-// In the body: the calls of this thread count from here on, or those of every thread.
-enum class CallsOf { thisThread, everyThread };
+// In the body: the calls of this thread count from here on, those of every thread, or those of all but this one.
+enum class CallsOf { thisThread, everyThread, otherThreads };
 void beginCalls(CallsOf threads = CallsOf::thisThread);
 void endCalls();
 
@@ -36,8 +38,30 @@ bool canFailCalls();
 // memory; whatever does not is a failure of the test. Returns the number of runs with a failure.
 long failEachCall(const std::function<void()>& body);
 
+// The same of three steps, with the calls of `act` alone, on this thread. It leaves no descriptor over.
+long failEachCallOf(const std::function<void()>& prepare, const std::function<void()>& act,
+                    const std::function<void()>& lookAt);
+
 // Runs `body` until it is killed in front of each call in turn, and `lookAt` behind it, in this process; the last time
 // behind a whole run. Returns the number of kills.
 long killAtEachCall(const std::function<void()>& body, const std::function<void(const TracedEnd&)>& lookAt);
+
+// A fixture whose tests make calls fail; one whose tests kill at calls. Skipped where that cannot be done.
+template <class World>
+class CallsFailIn : public World {
+protected:
+    void SetUp() override {
+        if (!canFailCalls()) GTEST_SKIP() << "no child can be traced here, or a checker needs its calls";
+        World::SetUp();
+    }
+};
+template <class World>
+class KilledIn : public World {
+protected:
+    void SetUp() override {
+        if (!canTrace()) GTEST_SKIP() << "no child can be traced here";
+        World::SetUp();
+    }
+};
 
 } // namespace testsupport

@@ -1,6 +1,7 @@
 #include "support/TracedCalls.h"
 
 #include "support/Patience.h"
+#include "support/ProcessDescriptors.h"
 #include "support/Sanitizers.h"
 #include "support/TestChild.h"
 
@@ -24,7 +25,7 @@ namespace {
 
 // An option that prctl does not have: how the body speaks to whoever traces it.
 constexpr int mark = 0x4f43414c;
-constexpr unsigned long ofThisThread = 1, ofEveryThread = 2, noMore = 0;
+constexpr unsigned long ofThisThread = 1, ofEveryThread = 2, ofOtherThreads = 3, noMore = 0;
 
 struct Call {
     const char* name;
@@ -97,6 +98,11 @@ const Call* failingCall(long number) {
                                                {SYS_getsockname, {"getsockname", ENOBUFS}},
                                                {SYS_getpeername, {"getpeername", ENOTCONN}},
                                                {SYS_shutdown, {"shutdown", ENOTCONN}},
+                                               {SYS_poll, {"poll", ENOMEM}},
+                                               {SYS_ppoll, {"ppoll", ENOMEM}},
+                                               {SYS_select, {"select", ENOMEM}},
+                                               {SYS_pselect6, {"pselect6", ENOMEM}},
+                                               {SYS_epoll_wait, {"epoll_wait", EINTR}},
                                                {SYS_epoll_create1, {"epoll_create1", EMFILE}},
                                                {SYS_epoll_ctl, {"epoll_ctl", ENOSPC}},
                                                {SYS_eventfd2, {"eventfd2", EMFILE}},
@@ -172,6 +178,12 @@ private:
             fail(thread, registers);
     }
 
+    bool counts(pid_t thread) const {
+        if (counted_ == ofThisThread) return thread == counting_;
+        if (counted_ == ofOtherThreads) return thread != counting_;
+        return counted_ == ofEveryThread;
+    }
+
     void entered(pid_t thread, user_regs_struct& registers) {
         const auto call = static_cast<long>(registers.orig_rax);
         if (call == SYS_prctl && registers.rdi == mark) {
@@ -179,7 +191,7 @@ private:
             counting_ = thread;
             return;
         }
-        if (counted_ == noMore || (counted_ == ofThisThread && thread != counting_)) return;
+        if (!counts(thread)) return;
         const Call* known = failingCall(call);
         if (!known || ++count_ != number_) return;
         end_.call = known->name;
@@ -230,7 +242,8 @@ private:
 
 void beginCalls(CallsOf threads) {
     alarm(static_cast<unsigned>(patience.count()));
-    prctl(mark, threads == CallsOf::thisThread ? ofThisThread : ofEveryThread, 0, 0, 0);
+    constexpr unsigned long words[] = {ofThisThread, ofEveryThread, ofOtherThreads};
+    prctl(mark, words[static_cast<int>(threads)], 0, 0, 0);
 }
 
 void endCalls() { prctl(mark, noMore, 0, 0, 0); }
@@ -267,6 +280,19 @@ long failEachCall(const std::function<void()>& body) {
         EXPECT_EQ(faults, "");
         return number - 1;
     }
+}
+
+long failEachCallOf(const std::function<void()>& prepare, const std::function<void()>& act,
+                    const std::function<void()>& lookAt) {
+    return failEachCall([&] {
+        prepare();
+        const DescriptorList before = descriptorsOf(getpid());
+        beginCalls();
+        act();
+        endCalls();
+        EXPECT_EQ(descriptorsOf(getpid()), before);
+        lookAt();
+    });
 }
 
 long killAtEachCall(const std::function<void()>& body, const std::function<void(const TracedEnd&)>& lookAt) {
