@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <map>
 #include <string>
 
 namespace testsupport {
@@ -15,18 +16,13 @@ enum class CallsOf { thisThread, everyThread, otherThreads };
 void beginCalls(CallsOf threads = CallsOf::thisThread);
 void endCalls();
 
+// How a child ended that was killed in front of a call, or of which a call failed.
 struct TracedEnd {
-    std::string call; // the one that failed or was not made; empty when the body makes fewer
+    std::string call; // that one; empty when the body makes fewer
     bool passed = false;
-    std::string how; // of what did not pass: its status, its signal or that it hung
+    std::string how;                  // of what did not pass: its status, its signal or that it hung
+    std::map<std::string, long> made; // how many calls of each name, up to that one
 };
-
-// Runs `body` as passesInChild does. Its call with the number `number`, from 1, is not made and fails, as on a machine
-// that has no descriptor, thread, room on its disk or memory left; a close is made and fails.
-TracedEnd runWithFailure(const std::function<void()>& body, long number);
-
-// The same; the child is killed in front of that call. Passed when it was.
-TracedEnd runUntil(const std::function<void()>& body, long number);
 
 // Whether this process may trace its children.
 bool canTrace();
@@ -34,8 +30,10 @@ bool canTrace();
 // Whether calls of such a child can be made to fail besides: a checker makes some of its own and ends where one fails.
 bool canFailCalls();
 
-// Runs `body` once for each call, until it makes fewer. Each run must pass, or end for want of memory in a call for
-// memory; whatever does not is a failure of the test. Returns the number of runs with a failure.
+// Runs `body` as passesInChild does, once for each call that it makes: the first openat fails, the second, and so on, so
+// that a call is met whatever the others around it do. It is not made and fails, as on a machine that has no descriptor,
+// thread, room on its disk or memory left; a close is made and fails. Each run must pass, or end for want of memory in a
+// call for memory; whatever does not is a failure of the test. Returns the number of runs with a failure.
 long failEachCall(const std::function<void()>& body);
 
 // The same of three steps, with the calls of `act` alone, on this thread. It leaves no descriptor over.
