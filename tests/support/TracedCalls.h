@@ -34,7 +34,12 @@ bool canFailCalls();
 // that a call is met whatever the others around it do. It is not made and fails, as on a machine that has no descriptor,
 // thread, room on its disk or memory left; a close is made and fails. Each run must pass, or end for want of memory in a
 // call for memory; whatever does not is a failure of the test. Returns the number of runs with a failure.
-long failEachCall(const std::function<void()>& body);
+// With a share only every so many of the runs, for a body that takes long: several tests do it together.
+struct Share {
+    long number = 0; // from 0
+    long of = 1;
+};
+long failEachCall(const std::function<void()>& body, Share share = {});
 
 // The same of three steps, with the calls of `act` alone, on this thread. It leaves no descriptor over.
 long failEachCallOf(const std::function<void()>& prepare, const std::function<void()>& act,

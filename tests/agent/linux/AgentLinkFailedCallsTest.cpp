@@ -77,6 +77,7 @@ public:
 
     // Asks on a thread of its own: the answer, or the name of the state that keeps it away for good.
     std::string ask(const std::string& about) {
+        const int built = timesBuilt();
         auto answer = std::make_shared<std::promise<std::string>>();
         std::future<std::string> result = answer->get_future();
         std::thread([answer, url = "http://" + about + "/"]() mutable {
@@ -84,7 +85,6 @@ public:
             answer->set_value(reply ? reply->cstr() : "(null)");
         }).detach();
         std::string wait;
-        const int built = timesBuilt();
         const bool settled = eventually([&] {
             if (result.wait_for(std::chrono::seconds(0)) == std::future_status::ready) return true;
             wait = endlessWait(built);

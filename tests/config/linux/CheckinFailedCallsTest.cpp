@@ -26,6 +26,11 @@ class CheckinFailedCalls : public testsupport::CallsFailIn<testsupport::CheckinW
 protected:
     using Names = std::set<std::string>;
 
+    static bool storeReply() {
+        applyCheckinReply(*readCheckinReply(reply));
+        return true;
+    }
+
     // What the process holds of the reply.
     static std::string settings() {
         if (!Configuration::filteringDisabled()) {
@@ -44,9 +49,8 @@ protected:
         return file().find(">y<") == std::string::npos ? "a part" : "all";
     }
 
-    // Runs `act` with each of its calls failing in turn, and a whole check-in behind it.
+    // Runs `act` with each of its calls failing in turn, and stores the whole reply behind it.
     void failEachCallOf(const std::function<bool()>& act) {
-        service.reply(reply);
         bool done = false;
         testsupport::failEachCallOf(
             [] {
@@ -59,7 +63,7 @@ protected:
             [&] {
                 settings_.add((done ? "true, " : "false, ") + settings());
                 files_.add(stored());
-                EXPECT_TRUE(FilterCheck::runCheckin());
+                EXPECT_TRUE(storeReply());
                 EXPECT_EQ(stored(), "all");
                 removeFile();
             });
@@ -70,15 +74,13 @@ protected:
 };
 
 TEST_F(CheckinFailedCalls, SetAllOfTheReplyOrNothingAndTheNextStoresIt) {
+    service.reply(reply);
     failEachCallOf(FilterCheck::runCheckin);
     EXPECT_EQ(settings_.seen(), (Names{"true, all", "false, nothing"}));
 }
 
 TEST_F(CheckinFailedCalls, OfTheReplysStoringLeaveAFileWithAllOfItAPartOrNothing) {
-    failEachCallOf([] {
-        applyCheckinReply(*readCheckinReply(reply));
-        return true;
-    });
+    failEachCallOf(storeReply);
     EXPECT_EQ(settings_.seen(), (Names{"true, all"}));
     EXPECT_EQ(files_.seen(), (Names{"all", "a part", "an empty file"}));
 }

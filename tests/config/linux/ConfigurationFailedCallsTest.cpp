@@ -2,15 +2,8 @@
 
 #include "config/Configuration.h"
 
-#include "support/ProcessDescriptors.h"
 #include "support/SettingsWorld.h"
 #include "support/TracedCalls.h"
-
-#include <unistd.h>
-
-using testsupport::beginCalls;
-using testsupport::descriptorsOf;
-using testsupport::endCalls;
 
 namespace {
 
@@ -18,11 +11,10 @@ namespace {
 constexpr char levelOf16[] = "<LogLevel>16</LogLevel>";
 constexpr char levelOf64[] = "<LogLevel>64</LogLevel>";
 
-class ConfigurationFailedCalls : public testsupport::SettingsWorld {
+class ConfigurationFailedCalls : public testsupport::CallsFailIn<testsupport::SettingsWorld> {
 protected:
     void SetUp() override {
-        if (!testsupport::canFailCalls())
-            GTEST_SKIP() << "no child can be traced here, or a checker needs its calls";
+        CallsFailIn::SetUp();
         // What the daemon itself writes with each of the two levels.
         removeFile();
         Configuration::setLogLevel(64);
@@ -41,56 +33,46 @@ protected:
 };
 
 TEST_F(ConfigurationFailedCalls, OfASaveLeaveTheOldFileTheNewOneOrAnEmptyOne) {
-    const long failures = testsupport::failEachCall([&] {
-        givenFile(with16_);
-        Configuration::loadConfig();
-        const auto descriptors = descriptorsOf(getpid());
-        beginCalls();
-        Configuration::setLogLevel(64);
-        endCalls();
+    const long failures = testsupport::failEachCallOf(
+        [&] {
+            givenFile(with16_);
+            Configuration::loadConfig();
+        },
+        [] { Configuration::setLogLevel(64); },
+        [&] {
+            // It is emptied and written in place.
+            const std::string left = file();
+            EXPECT_TRUE(left == with16_ || left == with64_ || left.empty()) << left;
+            EXPECT_EQ(Configuration::getLogLevel(), 64);
 
-        EXPECT_EQ(descriptorsOf(getpid()), descriptors);
-        // It is emptied and written in place.
-        const std::string left = file();
-        EXPECT_TRUE(left == with16_ || left == with64_ || left.empty()) << left;
-        EXPECT_EQ(Configuration::getLogLevel(), 64);
-
-        // No lock is left held, and the next save makes the file whole.
-        EXPECT_TRUE(Configuration::saveConfig(true));
-        EXPECT_EQ(file(), with64_);
-    });
+            // No lock is left held, and the next save makes the file whole.
+            EXPECT_TRUE(Configuration::saveConfig(true));
+            EXPECT_EQ(file(), with64_);
+        });
     EXPECT_GE(failures, 4);
 }
 
 TEST_F(ConfigurationFailedCalls, OfASaveNeverLetItSayThatItWorked) {
-    testsupport::failEachCall([&] {
-        givenFile("what was there");
-        beginCalls();
-        const bool saved = Configuration::saveConfig(true);
-        endCalls();
-        const std::string logged =
-            "[ERROR]: unable to write to configuration file " + root.configurationFile() + ".";
-        EXPECT_TRUE(saved ? file() == with0_ : log.holds(logged)) << file();
-    });
+    bool saved = false;
+    const std::string logged =
+        "[ERROR]: unable to write to configuration file " + root.configurationFile() + ".";
+    testsupport::failEachCallOf([&] { givenFile("what was there"); },
+                                [&] { saved = Configuration::saveConfig(true); },
+                                [&] { EXPECT_TRUE(saved ? file() == with0_ : log.holds(logged)) << file(); });
 }
 
 TEST_F(ConfigurationFailedCalls, OfALoadLeaveTheFileAsItIsAndTheDefaultsOrWhatItSays) {
-    const long failures = testsupport::failEachCall([&] {
-        givenFile(with16_);
-        const auto descriptors = descriptorsOf(getpid());
-        beginCalls();
-        EXPECT_TRUE(Configuration::loadConfig());
-        endCalls();
+    const long failures = testsupport::failEachCallOf(
+        [&] { givenFile(with16_); }, [] { EXPECT_TRUE(Configuration::loadConfig()); },
+        [&] {
+            EXPECT_EQ(file(), with16_);
+            const int level = Configuration::getLogLevel();
+            EXPECT_TRUE(level == 16 || level == 0) << level;
 
-        EXPECT_EQ(descriptorsOf(getpid()), descriptors);
-        EXPECT_EQ(file(), with16_);
-        const int level = Configuration::getLogLevel();
-        EXPECT_TRUE(level == 16 || level == 0) << level;
-
-        // No lock is left held.
-        EXPECT_TRUE(Configuration::saveConfig(true));
-        EXPECT_EQ(inFile("LogLevel"), std::to_string(level));
-    });
+            // No lock is left held.
+            EXPECT_TRUE(Configuration::saveConfig(true));
+            EXPECT_EQ(inFile("LogLevel"), std::to_string(level));
+        });
     EXPECT_GE(failures, 6);
 }
 

@@ -13,12 +13,8 @@
 
 namespace {
 
-class ConfigurationKilled : public testsupport::SettingsWorld {
+class ConfigurationKilled : public testsupport::KilledIn<testsupport::SettingsWorld> {
 protected:
-    void SetUp() override {
-        if (!testsupport::canTrace()) GTEST_SKIP() << "no child can be traced here";
-    }
-
     // What a new process reads from the file, and leaves behind with the first save.
     static int levelAtTheNextStart() {
         for (const int possible : {0, 16, 64}) {

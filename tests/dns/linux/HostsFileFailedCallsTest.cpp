@@ -5,15 +5,9 @@
 #include "gp/GPFilesystem.h"
 #include "platform/HostPaths.h"
 #include "support/DnsWorld.h"
-#include "support/ProcessDescriptors.h"
 #include "support/TracedCalls.h"
 
-#include <unistd.h>
-
 using platform::HostPaths;
-using testsupport::beginCalls;
-using testsupport::descriptorsOf;
-using testsupport::endCalls;
 using testsupport::writeAll;
 
 namespace {
@@ -21,13 +15,8 @@ namespace {
 constexpr char ownLines[] = "127.0.0.1 localhost\n192.0.2.9 intranet.example\n";
 constexpr char pinned[] = "127.0.0.1 localhost\n192.0.2.1 a\n192.0.2.9 intranet.example\n";
 
-class HostsFileFailedCalls : public testsupport::DnsWorld {
+class HostsFileFailedCalls : public testsupport::CallsFailIn<testsupport::DnsWorld> {
 protected:
-    void SetUp() override {
-        if (!testsupport::canFailCalls())
-            GTEST_SKIP() << "no child can be traced here, or a checker needs its calls";
-    }
-
     static void start(const std::string& content) {
         givenHosts(content);
         givenRecord("");
@@ -42,20 +31,6 @@ protected:
         createNewFile(HostPaths::hostsUnfinishedFile());
     }
 
-    // Runs `change` with each of its calls failing in turn, and `lookAt` behind it. No descriptor is left over.
-    static long failEachCallOf(const std::function<void()>& prepare, const std::function<void()>& change,
-                               const std::function<void()>& lookAt) {
-        return testsupport::failEachCall([&] {
-            prepare();
-            const auto descriptors = descriptorsOf(getpid());
-            beginCalls();
-            change();
-            endCalls();
-            EXPECT_EQ(descriptorsOf(getpid()), descriptors);
-            lookAt();
-        });
-    }
-
     // What a later change makes of it: one that itself takes nothing out.
     static std::string hostsBehindTheNextRemoval() {
         removeHostEntry("nobody.example");
@@ -65,7 +40,7 @@ protected:
 };
 
 TEST_F(HostsFileFailedCalls, OfAPinLeaveItWrittenAndRecordedOrNeither) {
-    const long failures = failEachCallOf(
+    const long failures = testsupport::failEachCallOf(
         [] { start(ownLines); }, [] { hostExistsCheck("a", "192.0.2.1"); },
         [] {
             const bool isRecorded = record() == "a\n";
@@ -78,24 +53,27 @@ TEST_F(HostsFileFailedCalls, OfAPinLeaveItWrittenAndRecordedOrNeither) {
 }
 
 TEST_F(HostsFileFailedCalls, OfARemovalAreMadeUpForByTheNext) {
-    const long failures = failEachCallOf([] { start(pinned); }, [] { removeHostEntry("a"); },
-                                         [] {
-                                             const std::string left = hostsBehindTheNextRemoval();
-                                             EXPECT_TRUE(left == pinned || left == ownLines) << left;
-                                         });
+    const long failures =
+        testsupport::failEachCallOf([] { start(pinned); }, [] { removeHostEntry("a"); },
+                                    [] {
+                                        const std::string left = hostsBehindTheNextRemoval();
+                                        EXPECT_TRUE(left == pinned || left == ownLines) << left;
+                                    });
     EXPECT_GE(failures, 20);
 }
 
 TEST_F(HostsFileFailedCalls, OfAnotherTryToCopyBackAreMadeUpForByTheNext) {
-    const long failures = failEachCallOf([] { startUnfinished(""); }, [] { removeHostEntry("b"); },
-                                         [] { EXPECT_EQ(hostsBehindTheNextRemoval(), ownLines); });
+    const long failures =
+        testsupport::failEachCallOf([] { startUnfinished(""); }, [] { removeHostEntry("b"); },
+                                    [] { EXPECT_EQ(hostsBehindTheNextRemoval(), ownLines); });
     EXPECT_GE(failures, 20);
 }
 
 TEST_F(HostsFileFailedCalls, OfAnotherTryKeepLinesThatWereAddedToAWholeFileMeanwhile) {
     const std::string withMore = std::string(ownLines) + "192.0.2.10 added.example\n";
-    const long failures = failEachCallOf([&] { startUnfinished(withMore); }, [] { removeHostEntry("b"); },
-                                         [&] { EXPECT_EQ(hostsBehindTheNextRemoval(), withMore); });
+    const long failures =
+        testsupport::failEachCallOf([&] { startUnfinished(withMore); }, [] { removeHostEntry("b"); },
+                                    [&] { EXPECT_EQ(hostsBehindTheNextRemoval(), withMore); });
     EXPECT_GE(failures, 20);
 }
 

@@ -19,12 +19,8 @@ namespace {
 constexpr char ownLines[] = "127.0.0.1 localhost\n192.0.2.9 intranet.example\n";
 constexpr char pinned[] = "127.0.0.1 localhost\n192.0.2.1 a\n192.0.2.9 intranet.example\n";
 
-class HostsFileKilled : public testsupport::DnsWorld {
+class HostsFileKilled : public testsupport::KilledIn<testsupport::DnsWorld> {
 protected:
-    void SetUp() override {
-        if (!testsupport::canTrace()) GTEST_SKIP() << "no child can be traced here";
-    }
-
     static void start(const std::string& content) {
         givenHosts(content);
         givenRecord("");

@@ -1,18 +1,12 @@
 // HTTP exchanges of which one system call of the client fails, each call in turn.
 
+#include "support/FileServer.h"
 #include "support/HTTPRequestWorld.h"
-#include "support/ProcessDescriptors.h"
 #include "support/TemporaryFolder.h"
-#include "support/TestChild.h"
 #include "support/TracedCalls.h"
-
-#include <unistd.h>
 
 #include <filesystem>
 
-using testsupport::beginCalls;
-using testsupport::descriptorsOf;
-using testsupport::endCalls;
 using testsupport::readAll;
 using testsupport::writeAll;
 
@@ -20,49 +14,29 @@ namespace {
 
 const std::string body(5000, 'b');
 
-class GPHTTPFailedCalls : public testsupport::HTTPRequestWorld {
+class GPHTTPFailedCalls : public testsupport::CallsFailIn<testsupport::HTTPRequestWorld> {
 protected:
-    void SetUp() override {
-        if (!testsupport::canFailCalls())
-            GTEST_SKIP() << "no child can be traced here, or a checker needs its calls";
+    // Runs `exchange` with each of its calls failing in turn, and `lookAt` behind it. It works when nothing fails.
+    static long failEachCallOf(const std::function<bool()>& exchange,
+                               const std::function<void(bool)>& lookAt) {
+        bool done = false;
+        return testsupport::failEachCallOf([] {}, [&] { done = exchange(); },
+                                           [&] {
+                                               lookAt(done);
+                                               EXPECT_TRUE(exchange());
+                                           });
     }
 
-    std::string url() const { return "http://127.0.0.1:" + std::to_string(listener_.port()) + "/file"; }
-
-    // Runs `exchange` with each of its calls failing in turn, and `lookAt` behind it. The server has a process of its
-    // own. No descriptor is left over, and the same exchange works when nothing fails.
-    long failEachCallOf(const std::function<bool()>& exchange, const std::function<void(bool)>& lookAt) {
-        const testsupport::EndlessChild server([this] { serve(); });
-        return testsupport::failEachCall([&] {
-            const auto descriptors = descriptorsOf(getpid());
-            beginCalls();
-            const bool done = exchange();
-            endCalls();
-            EXPECT_EQ(descriptorsOf(getpid()), descriptors);
-            lookAt(done);
-            EXPECT_TRUE(exchange());
-        });
-    }
-
-    testsupport::LoopbackListener listener_;
+    const testsupport::FileServer server_{body};
+    const std::string url_ = server_.url("file");
     testsupport::TemporaryFolder folder_;
-
-private:
-    void serve() {
-        for (;;) {
-            testsupport::Peer peer = listener_.accept();
-            peer.readUntil("\r\n\r\n");
-            peer.send("HTTP/1.1 200 OK\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" +
-                      body);
-        }
-    }
 };
 
 TEST_F(GPHTTPFailedCalls, OfAGetGiveTheWholeBodyAPartOfItOrNone) {
     std::string text;
     const long failures = failEachCallOf(
         [&] {
-            GPHTTP request(url().c_str());
+            GPHTTP request(url_.c_str());
             request.startSync();
             text = testsupport::textOf(request.responseString());
             return text != "(null)";
@@ -73,7 +47,7 @@ TEST_F(GPHTTPFailedCalls, OfAGetGiveTheWholeBodyAPartOfItOrNone) {
 
 TEST_F(GPHTTPFailedCalls, OfADownloadNeverLetAPartOfTheFilePassForTheWhole) {
     const std::string file = folder_.file("file");
-    const long failures = failEachCallOf([&] { return GPHTTP::downloadFile(url().c_str(), file.c_str()); },
+    const long failures = failEachCallOf([&] { return GPHTTP::downloadFile(url_.c_str(), file.c_str()); },
                                          [&](bool done) {
                                              EXPECT_TRUE(!done || readAll(file) == body)
                                                  << readAll(file).size();

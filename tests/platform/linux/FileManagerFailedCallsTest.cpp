@@ -2,21 +2,15 @@
 
 #include "platform/FileManager.h"
 
-#include "support/ProcessDescriptors.h"
 #include "support/TemporaryFolder.h"
 #include "support/TracedCalls.h"
 
 #include <gtest/gtest.h>
 
-#include <unistd.h>
-
 #include <cstdlib>
 #include <filesystem>
 #include <string>
 
-using testsupport::beginCalls;
-using testsupport::descriptorsOf;
-using testsupport::endCalls;
 using testsupport::readAll;
 using testsupport::TemporaryFolder;
 using testsupport::volumeOf;
@@ -26,26 +20,17 @@ namespace fs = std::filesystem;
 
 namespace {
 
-class FileManagerFailedCalls : public testing::Test {
+class FileManagerFailedCalls : public testsupport::CallsFailIn<testing::Test> {
 protected:
-    void SetUp() override {
-        if (!testsupport::canFailCalls())
-            GTEST_SKIP() << "no child can be traced here, or a checker needs its calls";
-    }
-
     // Moves `from` to `to` with each call failing in turn, and looks at both.
     static long failEachCallOfAMove(const std::string& from, const std::string& to,
                                     const std::function<void()>& prepare,
                                     const std::function<void(bool)>& lookAt) {
-        return testsupport::failEachCall([&] {
-            prepare();
-            const auto descriptors = descriptorsOf(getpid());
-            beginCalls();
-            const bool done = platform::fileManagerService.backend().moveItem(from.c_str(), to.c_str()).done;
-            endCalls();
-            EXPECT_EQ(descriptorsOf(getpid()), descriptors);
-            lookAt(done);
-        });
+        bool done = false;
+        return testsupport::failEachCallOf(
+            prepare,
+            [&] { done = platform::fileManagerService.backend().moveItem(from.c_str(), to.c_str()).done; },
+            [&] { lookAt(done); });
     }
 
     const std::string content_ = std::string(300000, 'x');

@@ -20,12 +20,8 @@ namespace fs = std::filesystem;
 
 namespace {
 
-class FileManagerKilled : public testing::Test {
+class FileManagerKilled : public testsupport::KilledIn<testing::Test> {
 protected:
-    void SetUp() override {
-        if (!testsupport::canTrace()) GTEST_SKIP() << "no child can be traced here";
-    }
-
     // Takes the former package away and puts the new one there, as a download ends; killed at each call in turn.
     static long killAtEachCallOfATakeOver(const std::string& from, const std::string& to,
                                           const std::function<void()>& lookAt) {

@@ -258,7 +258,7 @@ private:
 } // namespace
 
 void beginCalls(CallsOf threads) {
-    alarm(static_cast<unsigned>(patience.count()));
+    alarm(static_cast<unsigned>(2 * patience.count())); // what the body waits for in vain shows first
     constexpr unsigned long words[] = {ofThisThread, ofEveryThread, ofOtherThreads};
     prctl(mark, words[static_cast<int>(threads)], 0, 0, 0);
 }
@@ -279,13 +279,14 @@ std::string faultOf(const TracedEnd& end, long number) {
 
 } // namespace
 
-long failEachCall(const std::function<void()>& body) {
+long failEachCall(const std::function<void()>& body, Share share) {
     const TracedEnd whole = Tracer(body, "", 0, false).follow();
     // Told at the end: a failure of this process would be one of each child behind it.
     std::string faults = faultOf(whole, 0);
-    long failures = 0;
+    long failures = 0, runs = 0;
     for (const auto& [name, times] : whole.made) {
         for (long number = 1; number <= times; ++number) {
+            if (runs++ % share.of != share.number) continue;
             const TracedEnd end = Tracer(body, name, number, false).follow();
             faults += faultOf(end, number);
             failures += end.call.empty() ? 0 : 1;
