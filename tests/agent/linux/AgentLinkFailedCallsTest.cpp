@@ -111,6 +111,12 @@ public:
 
     bool hasFrameInFront() const { return hasFrameInFront_; }
 
+    // Entries of the questions that wait, and of the frame that nobody took.
+    void expectNoEntryLeftOver() const {
+        EXPECT_TRUE(eventually(
+            [this] { return agentLink.responses().count() == waiting_ + (hasFrameInFront_ ? 1 : 0); }));
+    }
+
     // A connection and its two queues for each time that the link was built, and nothing else.
     void expectNoDescriptorLeftOver() const {
         const long built = world_.log.countContaining("OstComm setUserLogonCommand send success") + 1;
@@ -143,6 +149,7 @@ private:
 std::string stateBehind(Link& link) {
     const std::string after = link.ask("after");
     link.expectNoDescriptorLeftOver();
+    link.expectNoEntryLeftOver();
     if (after != failurePolicy) return after;
     EXPECT_FALSE(OstComm::Instance()->isOpened());
     return dead;

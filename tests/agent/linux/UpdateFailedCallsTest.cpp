@@ -60,8 +60,6 @@ protected:
     void prepare() const {
         fs::remove(root.path() + "/runs");
         writeAll(HostPaths::updatePackage(), former);
-        fs::remove_all(temporary_);
-        fs::create_directories(temporary_);
         removeFile();
         Configuration::loadConfig();
         Configuration::setLogLevel(1);
@@ -124,6 +122,8 @@ TEST_F(UpdateKilled, LeavesThePackageAndTheReadyMarkThatTheNextStartFinds) {
     testsupport::killAtEachCall(
         [this] {
             prepare();
+            fs::remove_all(temporary_);
+            fs::create_directories(temporary_);
             testsupport::beginCalls(testsupport::CallsOf::everyThread);
             update();
             testsupport::endCalls();

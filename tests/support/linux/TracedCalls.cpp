@@ -4,6 +4,7 @@
 #include "support/Patience.h"
 #include "support/ProcessDescriptors.h"
 #include "support/Sanitizers.h"
+#include "support/TemporaryFolder.h"
 #include "support/TestChild.h"
 
 #include <gtest/gtest.h>
@@ -18,7 +19,9 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <map>
+#include <optional>
 #include <set>
 
 namespace testsupport {
@@ -273,6 +276,27 @@ bool canFailCalls() { return canTrace() && !sanitized; }
 
 namespace {
 
+// Where the runs have their temporary files, so that one which ends early leaves none.
+class FolderOfRuns {
+public:
+    FolderOfRuns() {
+        if (const char* directory = std::getenv("TMPDIR")) before_ = directory;
+        setenv("TMPDIR", folder_.path().c_str(), 1);
+    }
+    ~FolderOfRuns() {
+        if (before_)
+            setenv("TMPDIR", before_->c_str(), 1);
+        else
+            unsetenv("TMPDIR");
+    }
+    FolderOfRuns(const FolderOfRuns&) = delete;
+    FolderOfRuns& operator=(const FolderOfRuns&) = delete;
+
+private:
+    std::optional<std::string> before_;
+    const TemporaryFolder folder_;
+};
+
 std::string faultOf(const TracedEnd& end, long number) {
     return end.passed ? "" : end.how + " at " + end.call + ' ' + std::to_string(number) + '\n';
 }
@@ -280,6 +304,7 @@ std::string faultOf(const TracedEnd& end, long number) {
 } // namespace
 
 long failEachCall(const std::function<void()>& body, Share share) {
+    const FolderOfRuns folder;
     const TracedEnd whole = Tracer(body, "", 0, false).follow();
     // Told at the end: a failure of this process would be one of each child behind it.
     std::string faults = faultOf(whole, 0);
