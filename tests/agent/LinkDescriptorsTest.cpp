@@ -18,7 +18,6 @@
 
 #include <future>
 #include <string>
-#include <thread>
 
 using testsupport::AgentStandIn;
 using testsupport::ManualClock;

@@ -10,7 +10,6 @@
 #include "platform/ByteOrder.h"
 #include "support/AgentLinkWorld.h"
 #include "support/ManualClock.h"
-#include "support/PlayedInterfaces.h"
 #include "support/ProgramSymbols.h"
 
 #include <gtest/gtest.h>

@@ -19,7 +19,6 @@
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 
-#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <future>

@@ -3,7 +3,6 @@
 #include "agent/UpdatePrompts.h"
 
 #include "config/Configuration.h"
-#include "platform/HostPaths.h"
 #include "support/Await.h"
 #include "support/PlayedUrlSession.h"
 #include "support/SettingsWorld.h"

@@ -2,7 +2,6 @@
 
 #include "agent/OstComm.h"
 #include "agent/UpdatePrompts.h"
-#include "config/Configuration.h"
 #include "support/AnswerServer.h"
 #include "support/Await.h"
 #include "support/LoopbackPeer.h"

@@ -5,7 +5,6 @@
 
 #include "agent/AgentLink.h"
 #include "config/Configuration.h"
-#include "gp/GPDate.h"
 #include "platform/HostPaths.h"
 #include "support/Await.h"
 #include "support/LivingObjects.h"

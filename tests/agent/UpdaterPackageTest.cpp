@@ -5,7 +5,6 @@
 #include "gp/GPAutoReleasePool.h"
 #include "gp/GPString.h"
 #include "gp/Owned.h"
-#include "platform/HostPaths.h"
 #include "support/AnswerServer.h"
 #include "support/Await.h"
 #include "support/HTTPRequestWorld.h"

@@ -2,6 +2,7 @@
 // the agent are open.
 
 #include "app/DaemonWorld.h"
+#include "platform/HostPaths.h"
 #include "support/ProcessDescriptors.h"
 
 #include <algorithm>

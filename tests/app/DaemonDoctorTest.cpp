@@ -3,6 +3,7 @@
 #include "app/DaemonWorld.h"
 #include "support/Await.h"
 #include "support/Sanitizers.h"
+#include "support/ShippedProgram.h"
 #include "support/TemporaryFolder.h"
 
 #include <gtest/gtest.h>

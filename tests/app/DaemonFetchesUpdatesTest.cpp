@@ -4,6 +4,7 @@
 #include "app/DaemonWorld.h"
 #include "platform/Clock.h"
 #include "platform/FileManager.h"
+#include "platform/HostPaths.h"
 #include "platform/UrlSession.h"
 #include "platform/UserDialog.h"
 #include "support/AnswerServer.h"

@@ -2,6 +2,7 @@
 
 #include "app/DaemonWorld.h"
 #include "lab/WorldAnswers.h"
+#include "support/ShippedProgram.h"
 
 #include <unistd.h>
 

@@ -7,9 +7,9 @@
 #include "packet/HijackPacket.h"
 #include "support/ArchitecturePage.h"
 #include "support/HeldLocks.h"
-#include "support/PacketBuilder.h"
 #include "support/Patience.h"
 #include "support/ProgramSymbols.h"
+#include "support/ShippedProgram.h"
 
 #include <csignal>
 #include <fstream>

@@ -2,7 +2,9 @@
 
 #include "app/Daemon.h"
 #include "app/DaemonWorld.h"
+#include "platform/HostPaths.h"
 #include "support/Patience.h"
+#include "support/ShippedProgram.h"
 
 #include <algorithm>
 #include <csignal>

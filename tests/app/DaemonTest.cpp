@@ -1,8 +1,9 @@
 // The daemon from its start to its end, as a whole.
 
 #include "app/DaemonWorld.h"
-#include "platform/ByteOrder.h"
+#include "platform/HostPaths.h"
 #include "support/Patience.h"
+#include "support/ShippedProgram.h"
 
 #include <algorithm>
 #include <cstdint>

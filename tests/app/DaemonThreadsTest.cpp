@@ -2,8 +2,8 @@
 
 #include "app/DaemonWorld.h"
 #include "support/ArchitecturePage.h"
-#include "support/PacketBuilder.h"
 #include "support/Sanitizers.h"
+#include "support/ShippedProgram.h"
 
 #include <algorithm>
 #include <map>

@@ -4,7 +4,6 @@
 // extension and the agent, and the daemon itself in a process of its own.
 
 #include "lab/ExtensionStandIn.h"
-#include "platform/HostPaths.h"
 #include "support/AgentStandIn.h"
 #include "support/DaemonProcess.h"
 #include "support/DirectoryTools.h"
@@ -13,7 +12,6 @@
 #include "support/Patience.h"
 #include "support/ProgramSymbols.h"
 #include "support/ScratchRoot.h"
-#include "support/ShippedProgram.h"
 
 #include <gtest/gtest.h>
 

@@ -1,5 +1,3 @@
-#include "app/Switches.h"
-
 #include "platform/HostPaths.h"
 #include "support/ProgramRun.h"
 #include "support/SettingsWorld.h"

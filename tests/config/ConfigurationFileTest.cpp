@@ -1,6 +1,5 @@
 #include "config/Configuration.h"
 
-#include "config/UserRelay.h"
 #include "gp/GPDate.h"
 #include "gp/GPString.h"
 #include "gp/Owned.h"

@@ -2,8 +2,6 @@
 
 #include "config/Configuration.h"
 #include "dns/DNSPacket.h"
-#include "gp/GPDOMElement.h"
-#include "gp/Owned.h"
 #include "platform/NameLookup.h"
 #include "support/DnsMessageBuilder.h"
 #include "support/DnsWorld.h"

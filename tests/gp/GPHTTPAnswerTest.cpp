@@ -2,7 +2,6 @@
 
 #include "gp/GPData.h"
 #include "gp/GPHTTP.h"
-#include "gp/GPString.h"
 #include "support/AnswerServer.h"
 #include "support/HTTPRequestWorld.h"
 

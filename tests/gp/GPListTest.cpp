@@ -1,6 +1,5 @@
 #include "gp/GPList.h"
 
-#include "gp/Owned.h"
 #include "support/ForkedChild.h"
 #include "support/Objects.h"
 

@@ -11,13 +11,10 @@
 #include <gtest/gtest.h>
 
 #include <netinet/in.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <chrono>
 #include <string>
-#include <thread>
 
 namespace {
 

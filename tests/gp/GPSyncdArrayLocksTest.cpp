@@ -4,7 +4,6 @@
 
 #include "gp/GPArray.h"
 #include "gp/GPString.h"
-#include "gp/Owned.h"
 #include "support/LockCounter.h"
 #include "support/Sanitizers.h"
 
@@ -12,7 +11,6 @@
 
 #include <functional>
 #include <string>
-#include <utility>
 #include <vector>
 
 namespace {

@@ -1,6 +1,5 @@
 #include "gp/GPThreadPool.h"
 
-#include "gp/Owned.h"
 #include "platform/ThreadNumber.h"
 #include "support/ForkedChild.h"
 #include "support/Sanitizers.h"

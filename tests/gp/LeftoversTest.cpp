@@ -32,7 +32,6 @@
 
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
 #include <sys/socket.h>
 
 #include <cstdlib>

@@ -1,13 +1,11 @@
 // The watch of the console user.
 
 #include "gp/GPString.h"
-#include "gp/GPThread.h"
 #include "gp/Owned.h"
 #include "identity/UserAuth.h"
 #include "support/IdentityWorld.h"
 #include "support/LivingObjects.h"
 
-#include <atomic>
 #include <mutex>
 #include <thread>
 #include <unistd.h>

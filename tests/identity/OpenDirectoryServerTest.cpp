@@ -1,8 +1,6 @@
 // The search in Open Directory from end to end: this system's backend against a real directory server.
 
 #include "config/Configuration.h"
-#include "gp/GPString.h"
-#include "identity/DSQuery.h"
 #include "identity/UserInfo.h"
 #include "platform/HardwareRegistry.h"
 #include "platform/HostPaths.h"

@@ -8,7 +8,6 @@
 #include <gtest/gtest.h>
 #include <pcap/pcap.h>
 
-#include <functional>
 #include <string>
 #include <vector>
 

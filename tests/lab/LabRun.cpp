@@ -3,6 +3,7 @@
 #include "support/FixedPorts.h"
 #include "support/Patience.h"
 #include "support/ShippedProgram.h"
+#include "support/TemporaryFolder.h"
 
 #include <gtest/gtest.h>
 

@@ -2,8 +2,6 @@
 
 // Runs fernhill-lab as a program of its own and tells what came of it.
 
-#include "support/TemporaryFolder.h"
-
 #include <functional>
 #include <string>
 #include <sys/types.h>

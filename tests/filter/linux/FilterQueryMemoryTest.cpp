@@ -2,8 +2,6 @@
 
 #include "filter/FilterQuery.h"
 
-#include "gp/GPString.h"
-#include "gp/Owned.h"
 #include "support/FailedAllocations.h"
 #include "support/Sanitizers.h"
 #include "support/SettingsWorld.h"

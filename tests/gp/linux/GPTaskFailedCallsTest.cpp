@@ -2,7 +2,6 @@
 
 #include "gp/GPTask.h"
 
-#include "gp/GPString.h"
 #include "support/ManualClock.h"
 #include "support/ProcessDescriptors.h"
 #include "support/Taken.h"
@@ -12,7 +11,6 @@
 
 #include <unistd.h>
 
-#include <set>
 #include <string>
 
 using testsupport::beginCalls;
