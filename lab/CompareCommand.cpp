@@ -185,6 +185,8 @@ void compareRows(Comparison& comparison, const std::string& capture, const std::
         const Outcome was = pair.first ? outcomeOf(*pair.first) : none;
         const Outcome is = pair.second ? outcomeOf(*pair.second) : none;
         if (isSame(was, is)) continue;
+        // One of both is there, or they would be the same.
+        // NOLINTNEXTLINE(clang-analyzer-core.NullDereference)
         const Connection& known = pair.second ? *pair.second : *pair.first;
         const std::string url = known.queries.empty() ? "" : known.queries.back().url;
         const auto& [at, local, remote] = key;
@@ -207,6 +209,7 @@ int compare(const CompareOptions& options) {
     for (const std::string& policy : options.policies)
         Policy::load(policy);
     std::vector<CaptureFacts> facts;
+    facts.reserve(options.captures.size());
     for (const std::string& capture : options.captures)
         facts.push_back(survey(capture));
     enterPrivateNetwork();

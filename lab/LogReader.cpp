@@ -89,9 +89,9 @@ LogLine parsed(const std::string& line, const std::string& file, const LogLine* 
     constexpr std::string_view divider = "]: ";
     const std::size_t blank = line.find(' ');
     const std::size_t end = line.find(divider);
-    long thread = 0;
     if (!line.empty() && line[0] == '[' && blank != std::string::npos && end != std::string::npos &&
         blank < end) {
+        long thread = 0;
         const auto read = std::from_chars(line.data() + 1, line.data() + blank, thread);
         const auto time = timeOf(line.substr(blank + 1, end - blank - 1));
         if (read.ec == std::errc() && read.ptr == line.data() + blank && time)

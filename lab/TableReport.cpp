@@ -79,8 +79,9 @@ void TableReport::begin(const std::string& capture, const CaptureFacts& facts, c
                std::filesystem::path(capture).filename().string(), facts.records);
     const char* word = " of the computer ";
     for (const std::string& address : facts.computers) {
-        if (!address.empty()) fmt::print(out_, "{}{}", word, Endpoint{address, 0}.text());
-        if (!address.empty()) word = " and ";
+        if (address.empty()) continue;
+        fmt::print(out_, "{}{}", word, Endpoint{address, 0}.text());
+        word = " and ";
     }
     fmt::print(out_, ".\nThe agent answers by {} ({} rules); block on failure is {}.\n",
                std::filesystem::path(policy.path).filename().string(), policy.rules,

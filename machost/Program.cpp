@@ -120,6 +120,7 @@ void runProgram(const std::string& path, int argc, char** argv) {
     for (const Initialiser initialise : first)
         initialise(argc, argv, environ, apple, &variables);
     const auto start = reinterpret_cast<Main>(image.here(file.entry()));
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): the end of a main, threads or not
     std::exit(start(argc, argv, environ, apple));
 }
 

@@ -105,7 +105,6 @@ int runInOwnSystem(const std::function<int()>& body) {
     if (geteuid() != 0)
         throw UnavailableError("divert needs root: it makes network namespaces and diverts packets");
     const bool hadTerminal = holdsTerminal();
-    const int ownProcesses = open("/proc/self/ns/pid", O_RDONLY | O_CLOEXEC);
     if (unshare(CLONE_NEWPID) != 0)
         throw UnavailableError(
             fmt::format("divert: this system grants no namespaces: {}", std::strerror(errno)));
@@ -120,6 +119,7 @@ int runInOwnSystem(const std::function<int()>& body) {
     }
     close(lifeLine[0]);
     // This process's own later children are none of those.
+    const int ownProcesses = open("/proc/self/ns/pid", O_RDONLY | O_CLOEXEC);
     setns(ownProcesses, CLONE_NEWPID);
     close(ownProcesses);
     int status = 0;

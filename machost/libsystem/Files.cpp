@@ -76,7 +76,7 @@ int playedOpen(const char* path, int flags, ...) {
     const ErrorScope scope;
     va_list arguments;
     va_start(arguments, flags);
-    const int mode = flags & mac::create ? va_arg(arguments, int) : 0;
+    const int mode = (flags & mac::create) ? va_arg(arguments, int) : 0;
     va_end(arguments);
     int host = flags & mac::accessMode;
     int left = flags & ~mac::accessMode;

@@ -77,6 +77,7 @@ private:
 
     // The checks of each pointer end a run of an absurd length.
     void rebase(std::uint64_t count, std::uint64_t skip) {
+        // cppcheck-suppress knownConditionTrueFalse // a skip may wrap around
         if (skip + pointerSize == 0 && count > 1) throw FormatError("a run of rebases stays in its place");
         checkNumber(segments_, rebases_.size());
         for (std::uint64_t i = 0; i < count; ++i) {
@@ -154,6 +155,7 @@ private:
 
     void bind(std::uint64_t count, std::uint64_t skip) {
         if (bind_.symbol.empty()) throw FormatError("a bind has no symbol");
+        // cppcheck-suppress knownConditionTrueFalse // a skip may wrap around
         if (skip + pointerSize == 0 && count > 1) throw FormatError("a run of binds stays in its place");
         checkNumber(segments_, binds_.size());
         for (std::uint64_t i = 0; i < count; ++i) {

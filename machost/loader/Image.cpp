@@ -16,7 +16,7 @@ std::uint64_t pageEnd(std::uint64_t address) { return (address + pageSize - 1) &
 bool isMapped(const Segment& segment) { return segment.protection != 0; }
 
 int hostProtection(const Segment& segment) {
-    const auto bit = [&](std::int32_t mac, int host) { return segment.protection & mac ? host : 0; };
+    const auto bit = [&](std::int32_t mac, int host) { return (segment.protection & mac) ? host : 0; };
     const int write = segment.readOnlyAfterFixups ? 0 : bit(format::protectionWrite, PROT_WRITE);
     return bit(format::protectionRead, PROT_READ) | write | bit(format::protectionExecute, PROT_EXEC);
 }

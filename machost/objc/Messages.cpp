@@ -94,7 +94,7 @@ void addProgramClass(const Class& kind, ObjectRef (*allocate)(const Class&)) {
 }
 
 void addMethod(const Class& kind, bool ofClass, Selector selector, const void* call) {
-    KnownClass& known = classes()[&kind];
+    KnownClass& known = classes()[&kind]; // cppcheck-suppress constVariable // one of its maps is changed
     (ofClass ? known.ofClass : known.ofObjects)[selector] = call;
 }
 

@@ -62,8 +62,7 @@ bool isOwnThreadOrGone(pid_t thread) {
 ObjectRef allocateObject(const Class& kind, std::size_t size) {
     auto* room = static_cast<char*>(std::calloc(1, headSize + size));
     if (!room) std::abort();
-    auto* head = new (room) Head{{1}, {gettid()}};
-    static_cast<void>(head);
+    new (room) Head{{1}, {gettid()}};
     void* object = room + headSize;
     *static_cast<const Class**>(object) = &kind;
     const std::lock_guard<std::mutex> guard(registry().lock);

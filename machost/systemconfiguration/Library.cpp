@@ -10,9 +10,14 @@
 #include <pwd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <mutex>
+#include <optional>
+#include <string>
 #include <string_view>
 #include <thread>
+#include <utility>
+#include <vector>
 
 namespace machost::systemconfiguration {
 namespace {
@@ -144,13 +149,24 @@ ObjectRef playedCreateSource(const void*, const void* store, std::int64_t) {
     return valueOf<StorePointer>(store)->makeSource(store);
 }
 
+// The numbers of an account and of its group; none for a name without an account.
+std::optional<std::pair<uid_t, gid_t>> numbersOf(const std::string& name) {
+    passwd account{};
+    passwd* found = nullptr;
+    std::vector<char> texts(1024);
+    while (getpwnam_r(name.c_str(), &account, texts.data(), texts.size(), &found) == ERANGE)
+        texts.resize(2 * texts.size());
+    if (!found) return std::nullopt;
+    return std::pair(found->pw_uid, found->pw_gid);
+}
+
 ObjectRef playedConsoleUser(const void*, std::uint32_t* user, std::uint32_t* group) {
     const auto name = world::consoleUser();
     lastStatus = name ? statusOk : 1004; // kSCStatusNoKey
     if (!name) return nullptr;
-    const passwd* account = user || group ? getpwnam(name->c_str()) : nullptr;
-    if (user) *user = account ? account->pw_uid : 0;
-    if (group) *group = account ? account->pw_gid : 0;
+    const auto account = user || group ? numbersOf(*name) : std::nullopt;
+    if (user) *user = account ? account->first : 0;
+    if (group) *group = account ? account->second : 0;
     return cf::makeString(*name);
 }
 

@@ -12,6 +12,7 @@ std::size_t buildAgentFrame(char* buffer, std::size_t space, std::uint32_t type,
     platform::writeBig32(buffer, static_cast<std::uint32_t>(length));
     platform::writeBig32(buffer + 4, type);
     platform::writeBig32(buffer + 8, sequence);
+    // NOLINTNEXTLINE(bugprone-not-null-terminated-result): a frame's length stands in its header
     std::memcpy(buffer + agentFrameHeader, body, bodyLength);
     return length;
 }

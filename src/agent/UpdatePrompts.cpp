@@ -101,8 +101,9 @@ bool fetch(THREADPARAMETERS* parameters) {
 
 } // namespace
 
+// cppcheck-suppress noDestructor // the text outlives the object: the update thread frees it
 THREADPARAMETERS::THREADPARAMETERS(const char* address) : url(new char[std::strlen(address) + 1]) {
-    std::strcpy(url, address);
+    std::memcpy(url, address, std::strlen(address) + 1);
 }
 
 void* updateThread(void* parameters) {

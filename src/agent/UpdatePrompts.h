@@ -34,6 +34,7 @@ public:
     // Makes a heap copy of the address.
     explicit THREADPARAMETERS(const char* address);
 
+    // cppcheck-suppress unsafeClassCanLeak // the update thread frees it
     char* url; // from new[]; whoever takes the object over frees it
 };
 

@@ -76,7 +76,7 @@ void signalHandler(int signal) {
     }
     PacketFilter::removeRules();
     std::printf("Exit.");
-    std::exit(0);
+    std::exit(0); // NOLINT(concurrency-mt-unsafe): the one thread that ends the process
 }
 
 void loginChanged(const char*) {

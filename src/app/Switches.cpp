@@ -231,7 +231,7 @@ void runFinalTests() {
     else if (versionswitch)
         std::printf("%s\n", Updater::versionString());
     else if (helpswitch)
-        printHelp();
+        printHelp(); // NOLINT(bugprone-branch-clone): also what is done without any of them
     else if (serverswitch)
         std::printf("\n%s\n", Configuration::configString());
     else if (ldapswitch)

@@ -246,6 +246,7 @@ GPDOMElement* readDocument() {
 bool Configuration::loadConfig() {
     if (state.bConfigLoaded) return false;
     GPMutexLock lock(state.mutex);
+    // cppcheck-suppress identicalConditionAfterEarlyExit // another thread may have loaded it meanwhile
     if (state.bConfigLoaded) return false;
     if (!ifExist(HostPaths::settingsDirectory())) createDir(HostPaths::settingsDirectory());
     auto document = Owned<GPDOMElement>::adopt(readDocument());

@@ -59,7 +59,7 @@ char* readLabels(char* at, char* name, const char* begin, const char* end) {
 
         if (length >= room || length < begin - at) return nullptr;
         at += length;
-        length = static_cast<signed char>(*at++);
+        length = static_cast<signed char>(*at++); // NOLINT(bugprone-signed-char-misuse): signed, as above
         if (length == 0) return at;
         if (length > 0 && !buffer.append(".", 1)) return nullptr;
     }

@@ -169,6 +169,7 @@ GPString* GPAlgorithm::generateGUID(unsigned int seed) {
     const std::uint32_t f = draw() & 15;
     const std::uint64_t x = (static_cast<std::uint64_t>(d) << 34) + (e << 4);
     const auto fourth = static_cast<unsigned int>(x >> 48);
+    // NOLINTNEXTLINE(bugprone-misplaced-widening-cast): the same width under the name that the format wants
     const auto fifth = static_cast<unsigned long long>((x + f) << 16);
 
     auto numbers =

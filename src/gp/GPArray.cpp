@@ -191,7 +191,7 @@ void GPArray::expandArray(int capacity) NO_THREAD_SAFETY_ANALYSIS {
 }
 
 void GPArray::sort(int (*compare)(const void*, const void*)) {
-    std::qsort(entries_, static_cast<std::size_t>(count()), sizeof(void*), compare);
+    std::qsort(static_cast<void*>(entries_), static_cast<std::size_t>(count()), sizeof(void*), compare);
 }
 
 GPString* GPArray::join(const char* separator) { return GPString::join(this, separator); }

@@ -91,6 +91,7 @@ bool readFile(const char* path, char* buffer, long& length, int offset, bool bin
     if (!path || !buffer || length < 1) return false;
     const File file(openFile(path, binary ? "rb" : "r"));
     if (!file) return false;
+    // NOLINTNEXTLINE(cert-err33-c): what cannot be passed over is read from the start
     std::fseek(file.get(), offset, SEEK_SET);
     length = static_cast<long>(std::fread(buffer, 1, static_cast<std::size_t>(length), file.get()));
     return true;
@@ -205,7 +206,7 @@ void getDirectoryFiles(const char* path, GPList* found, bool recursive, GPFileSe
 const char* getCurrentDirectory() {
     std::vector<char> text(PATH_MAX + 1);
     if (!getcwd(text.data(), text.size())) return nullptr;
-    // Never released, which keeps the text valid.
+    // Never released, which keeps the text valid. NOLINTNEXTLINE(clang-analyzer-cplusplus.NewDeleteLeaks)
     return (new GPString(text.data()))->cstr();
 }
 
@@ -216,6 +217,7 @@ const char* getUserDirectory() {
     std::vector<char> buffer(4096);
     passwd account = {};
     passwd* result = nullptr;
+    // cppcheck-suppress ignoredReturnValue // without an account there is no home
     getpwuid_r(getuid(), &account, buffer.data(), buffer.size(), &result);
     home = result && result->pw_dir ? result->pw_dir : "";
     return home.c_str();
@@ -329,6 +331,7 @@ bool GPFilesystem::writeFormat(const char* fmt, ...) {
     bool written = false;
     if (length >= 0) {
         std::vector<char> text(static_cast<std::size_t>(length) + 1);
+        // NOLINTNEXTLINE(cert-err33-c): writes what the first pass measured
         std::vsnprintf(text.data(), text.size(), fmt, again);
         written = writeFile(fullPath(), text.data(), 0, false, false);
     }

@@ -59,6 +59,7 @@ std::string currentLogName(int index) {
     if (const char* directory = logDir.load(relaxed)) name.append(directory) += '/';
     name += stem;
     if (index < 10) name += '0';
+    // NOLINTNEXTLINE(clang-analyzer-unix.Malloc): the stem is kept by logName
     return name.append(std::to_string(index)) += ".log";
 }
 
@@ -70,10 +71,12 @@ bool localTime(time_t seconds, struct tm& local) {
 std::string logLine(const char* text) {
     struct tm local = {};
     char when[64] = {};
+    // NOLINTNEXTLINE(bugprone-unsafe-functions): 26 bytes, and the digits of a year beyond 9999
     if (!localTime(platform::clock().seconds(), local) || !asctime_r(&local, when)) when[0] = 0;
     when[std::strcspn(when, "\n")] = 0;
 
     char front[128];
+    // NOLINTNEXTLINE(cert-err33-c): any number and time have room
     std::snprintf(front, sizeof front, "[%ld %s]: ", static_cast<long>(platform::threadNumber()), when);
     return std::string(front) + text + "\n";
 }
@@ -137,6 +140,7 @@ void logf(const char* fmt, ...) {
     } else if (length >= 0) {
         const std::size_t size = static_cast<std::size_t>(length) + 1;
         const std::unique_ptr<char[]> text(new char[size]);
+        // NOLINTNEXTLINE(cert-err33-c): writes what the first pass measured
         std::vsnprintf(text.get(), size, fmt, again);
         logs(text.get());
     }

@@ -10,6 +10,7 @@ struct GPMutex::Record {
 };
 
 GPMutex::GPMutex() : record_(new Record{new pthread_mutex_t, new pthread_mutexattr_t, {false}}) {
+    // NOLINTNEXTLINE(clang-analyzer-core.CallAndMessage): the record is filled in braces
     pthread_mutexattr_init(record_->attributes);
     pthread_mutexattr_settype(record_->attributes, PTHREAD_MUTEX_NORMAL);
     pthread_mutex_init(record_->mutex, record_->attributes);

@@ -77,6 +77,9 @@ public:
     EntryWalk(const char* entries, int length, GPIPType type)
         : entries_(entries), length_(length), type_(type), devices_(new GPArray) {}
 
+    EntryWalk(const EntryWalk&) = delete;
+    EntryWalk& operator=(const EntryWalk&) = delete;
+
     GPArray* run() {
         while (length_ - at_ >= platform::entry::nameSize + platform::entry::smallestAddress) {
             readEntry();

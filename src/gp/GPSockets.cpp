@@ -341,6 +341,7 @@ bool GPSockets::readWaiting(std::int64_t waiting, GPData*& data, long& count) {
                     : static_cast<long>(::recv(socket_, buffer.get(), length, 0));
     if (count < 1) {
         // An orderly close sets no errno; it must not look like a quiet peer.
+        // NOLINTNEXTLINE(clang-analyzer-unix.Errno)
         error_ = errno != 0 ? errno : ECONNRESET;
         return false;
     }

@@ -97,17 +97,19 @@ std::string searchPath(const char* program) {
 
 [[noreturn]] void reportFailure(int error, const char* path, Pipe& failPipe, platform::ExecSign& sign) {
     char report[1024] = {};
+    // NOLINTNEXTLINE(cert-err33-c): a path too long for the report is cut
     std::snprintf(report, sizeof report, "GPTask exec failure: %d. Path that was detected: %s\n", error,
                   path ? path : "(null)");
     logf("!!! Error: childfork - %s", report);
     [[maybe_unused]] const ssize_t written = write(failPipe.writeEnd, report, std::strlen(report) - 1);
     failPipe.closeBoth();
     sign.execFailed();
-    std::exit(1);
+    std::exit(1); // NOLINT(concurrency-mt-unsafe): the forked child has this one thread
 }
 
 // What the forked child does; it goes on with the calling thread alone.
 [[noreturn]] void childFork(Pipe& ioPipe, const char* commandLine, Pipe& failPipe, platform::ExecSign& sign) {
+    // NOLINTNEXTLINE(clang-analyzer-unix.StdCLibraryFunctions): without a pipe it keeps what it has
     dup2(ioPipe.readEnd, STDIN_FILENO);
     dup2(ioPipe.writeEnd, STDOUT_FILENO);
     dup2(ioPipe.writeEnd, STDERR_FILENO);
@@ -116,6 +118,7 @@ std::string searchPath(const char* program) {
 
     GPArray* words = GPTask::splitCommandLine(commandLine);
     std::vector<char*> arguments;
+    arguments.reserve(static_cast<std::size_t>(words->count()) + 1);
     for (int i = 0; i < words->count(); ++i)
         arguments.push_back(const_cast<char*>(static_cast<GPString*>(words->objectAtIndex(i))->cstr()));
     arguments.push_back(nullptr);

@@ -40,11 +40,13 @@ void foundResults(void* object, DirectoryQuery* query, const DirectoryRecords* r
 
 // The callbacks are called through copies: they may start a search with the same object.
 
+// NOLINTNEXTLINE(performance-unnecessary-value-param)
 void call(const Blockception::Success callback) {
     const std::shared_ptr<DirectoryRecords> results = queryResults;
     if (callback) callback(*results);
 }
 
+// NOLINTNEXTLINE(performance-unnecessary-value-param)
 void call(const Blockception::Failure callback, const DirectoryError& error) {
     if (callback) callback(error);
 }

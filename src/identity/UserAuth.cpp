@@ -227,6 +227,7 @@ bool UserAuth::createLdapConfFile(const char* baseDN) {
 char* UserAuth::printLDAPConfig() {
     const auto text = Owned<GPString>::adopt(readText(HostPaths::ldapFile(), 0, 0));
     store(printedConfig, text ? text->cstr() : "");
+    // NOLINTNEXTLINE(clang-analyzer-core.CallAndMessage): a text was stored, so that it is there
     return printedConfig->charAtIndex(0);
 }
 

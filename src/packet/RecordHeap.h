@@ -71,6 +71,7 @@ private:
             for (std::size_t child = begin; child < end; ++child) {
                 if (entries_[child].number < entries_[smallest].number) smallest = child;
             }
+            // cppcheck-suppress knownConditionTrueFalse // the last entries have nothing below them
             if (begin >= end || entries_[smallest].number >= entry.number) break;
             put(at, entries_[smallest]);
             at = smallest;

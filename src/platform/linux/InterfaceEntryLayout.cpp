@@ -45,8 +45,8 @@ std::string linkEntry(const ifaddrs& link) {
     std::memcpy(&hardware, link.ifa_addr, sizeof hardware);
     const std::string name = interfaceName(link);
     const std::size_t addressLength =
-        link.ifa_flags & IFF_LOOPBACK ? 0
-                                      : std::min<std::size_t>(hardware.sll_halen, sizeof hardware.sll_addr);
+        (link.ifa_flags & IFF_LOOPBACK) ? 0
+                                        : std::min<std::size_t>(hardware.sll_halen, sizeof hardware.sll_addr);
     const std::size_t used = entry::linkDataAt + name.size() + addressLength;
     const std::size_t length = std::max(smallestLinkAddress, (used + 3) / 4 * 4);
 

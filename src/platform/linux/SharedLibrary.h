@@ -24,7 +24,7 @@ public:
     void* find(const char* name);
 
 private:
-    void* handle_;
+    void* handle_; // cppcheck-suppress unsafeClassCanLeak // stays for the life of the process
     std::string error_;
 };
 
