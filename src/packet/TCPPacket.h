@@ -86,6 +86,18 @@ public:
 // The transport protocol number of a packet: 6 is TCP, 17 is UDP.
 int getIpProtocol(char* packet);
 
+// Where the server name of a TLS ClientHello lies, from the first byte of its record on.
+struct ServerNamePlace {
+    static constexpr int nowhere = -1;
+    static constexpr int noPlace = 0; // in an old hello, which has none for it
+
+    int offset; // of the name, or one of those
+    int length;
+};
+
+// Finds the server name of less than `capacity` bytes in a TLS ClientHello of `size` bytes.
+ServerNamePlace findServerName(const unsigned char* data, int size, int capacity);
+
 // Reads the server name out of a TLS ClientHello of `size` bytes into `out`, which has room for `capacity`
 // bytes with the ending zero. True with a name in `out`; true with `out` left alone for an old hello without
 // a place for a name; false for anything else.

@@ -59,32 +59,41 @@ int firstExtension(const unsigned char* data, int size) {
 
 } // namespace
 
-bool sslDomain(const unsigned char* data, int size, char* out, int capacity) {
+ServerNamePlace findServerName(const unsigned char* data, int size, int capacity) {
     const Opening opening = readOpening(data, size);
-    if (opening != Opening::hello) return opening == Opening::oldHello;
+    if (opening == Opening::oldHello) return {ServerNamePlace::noPlace, 0};
+    if (opening != Opening::hello) return {ServerNamePlace::nowhere, 0};
 
     int at = firstExtension(data, size);
-    if (at == 0) return false;
+    if (at == 0) return {ServerNamePlace::nowhere, 0};
     do {
         const int type = big16(data, at);
         const int length = big16(data, at + 2);
         int step = 4;
         if (type == serverNameExtension && length != 0) {
-            if (at + nameText > size) return false;
+            if (at + nameText > size) break;
             const int nameLength = data[at + nameLengthLowByte];
-            if (at + nameText + nameLength > size) return false;
+            if (at + nameText + nameLength > size) break;
             if (nameLength < capacity) {
-                std::memcpy(out, data + at + nameText, static_cast<std::size_t>(nameLength));
-                out[nameLength] = 0;
                 if (Configuration::isLogLevel(16)) {
-                    logf("--extracted SSL url: subjectlength=%d buflen=%d url=%s", nameLength, capacity, out);
+                    logf("--extracted SSL url: subjectlength=%d buflen=%d url=%.*s", nameLength, capacity,
+                         nameLength, reinterpret_cast<const char*>(data) + at + nameText);
                 }
-                return true;
+                return {at + nameText, nameLength};
             }
             // Five bytes further than the extension reaches: what follows is read askew.
             step = 9;
         }
         at += step + length;
     } while (at + 4 <= size);
-    return false;
+    return {ServerNamePlace::nowhere, 0};
+}
+
+bool sslDomain(const unsigned char* data, int size, char* out, int capacity) {
+    const ServerNamePlace name = findServerName(data, size, capacity);
+    if (name.offset == ServerNamePlace::nowhere) return false;
+    if (name.offset == ServerNamePlace::noPlace) return true;
+    std::memcpy(out, data + name.offset, static_cast<std::size_t>(name.length));
+    out[name.length] = 0;
+    return true;
 }
