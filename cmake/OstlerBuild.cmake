@@ -26,6 +26,9 @@ if(OSTLER_SANITIZE)
     target_compile_options(ostler_settings INTERFACE -Wno-maybe-uninitialized)
   endif()
 endif()
+if(PROJECT_IS_TOP_LEVEL AND NOT OSTLER_SANITIZE)
+  include(Hardening)
+endif()
 
 # What a program needs to fork under a checker.
 if(OSTLER_SANITIZE MATCHES "address" AND CMAKE_CXX_COMPILER_ID STREQUAL "GNU")

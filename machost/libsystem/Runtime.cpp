@@ -1,12 +1,17 @@
-// What a compiled program calls without writing it: unwinding, ends of objects, the dynamic loader.
+// What a compiled program calls without writing it: unwinding, ends of objects, guards of the stack, the dynamic loader.
 
 #include "machost/Imports.h"
 #include "machost/Settings.h"
 #include "machost/libsystem/Errors.h"
 #include "machost/libsystem/Library.h"
 
+#include <signal.h>
+#include <sys/random.h>
+#include <unistd.h>
 #include <unwind.h>
 
+#include <array>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 
@@ -49,6 +54,26 @@ const void* playedDlsym(void* handle, const char* name) {
 // No version is known to be there, and none is newer than the program asks for.
 bool playedVersionCheck(std::uint32_t, const void*) { return true; }
 
+// What a function with arrays has at the end of its frame, and looks for again before it returns. No other process has
+// the same; a zero byte in it stops a text that runs over.
+const long* stackGuard() {
+    static const auto& guard = *new std::array<long, 8>([] {
+        std::array<long, 8> drawn{};
+        if (getrandom(drawn.data(), sizeof drawn[0], 0) != sizeof drawn[0]) std::abort();
+        drawn[0] &= ~0xffL;
+        return drawn;
+    }());
+    return guard.data();
+}
+
+// Ends the process without a word from its stack: neither handlers nor blocked signals count.
+[[noreturn]] void playedStackFail() {
+    constexpr char line[] = "machost: the program has written beyond an array on its stack\n";
+    static_cast<void>(::write(STDERR_FILENO, line, sizeof line - 1) == 0);
+    signal(SIGABRT, SIG_DFL);
+    std::abort();
+}
+
 // Every bind is made before the program runs.
 void playedBinder() { __builtin_trap(); }
 
@@ -71,6 +96,9 @@ const ImportTable& runtimeImports() {
         function("_getprogname", playedProgramName, "getprogname.c of Libc"),
         function("_dlopen", playedDlopen, "dlopen(3) of dyld, for what is played"),
         function("_dlsym", playedDlsym, "dlsym(3) of dyld, for what is played"),
+        variable("___stack_chk_guard", stackGuard(),
+                 "stack_protector.c of Libc; drawn here, not by the kernel"),
+        function("___stack_chk_fail", playedStackFail, "stack_protector.c of Libc"),
         function("__availability_version_check", playedVersionCheck, "availability of dyld"),
         function("dyld_stub_binder", playedBinder, "dyld_stub_binder.s of dyld; never called"),
     };

@@ -8,6 +8,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <cstdio>
 #include <fcntl.h>
 
@@ -21,6 +22,7 @@ struct Outcome {
     int status = -1;
     std::string output;
     std::string errors;
+    int signal = 0;
 };
 
 class MachostRun : public testing::Test {
@@ -38,7 +40,7 @@ protected:
         int status = 0;
         waitpid(child, &status, 0);
         return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, testsupport::readAll(folder.file("out")),
-                testsupport::readAll(folder.file("err"))};
+                testsupport::readAll(folder.file("err")), WIFSIGNALED(status) ? WTERMSIG(status) : 0};
     }
 
     // Code that calls through the first pointer of the data segment, then answers 42.
@@ -157,6 +159,39 @@ TEST_F(MachostRun, DoesNotMindAnImportThatIsNeverCalled) {
                                       .code("\xb8\x2a\0\0\0\xc3"s)
                                       .bytes());
     EXPECT_EQ(run.status, 42);
+}
+
+// Writes the eight bytes of the guard: mov edi, 1; mov rsi, [guard]; mov edx, 8; call [_write]; mov eax, 0.
+std::string writeTheGuard() {
+    const auto distance = [](std::uint64_t pointer, std::uint64_t end) {
+        return raw(static_cast<std::uint32_t>(MachOBuilder::dataAddress + pointer -
+                                              MachOBuilder::textAddress - MachOBuilder::codeOffset - end));
+    };
+    return "\x48\x83\xec\x08\xbf\x01\0\0\0\x48\x8b\x35"s + distance(0, 16) + "\xba\x08\0\0\0\xff\x15"s +
+           distance(8, 27) + "\x31\xc0\x48\x83\xc4\x08\xc3"s;
+}
+
+TEST_F(MachostRun, DrawsAGuardOfTheStackForEachProcess) {
+    const auto program = MachOBuilder()
+                             .library("/usr/lib/libSystem.B.dylib")
+                             .binds("\x11\x40___stack_chk_guard\0\x51\x71\0\x90\x40_write\0\x90"s)
+                             .code(writeTheGuard())
+                             .bytes();
+    const Outcome first = run(program), second = run(program);
+    ASSERT_EQ(first.output.size(), 8u) << first.errors;
+    EXPECT_EQ(first.output[0], '\0') << "no text that runs over can leave the guard as it was";
+    EXPECT_NE(first.output.substr(1), std::string(7, '\0'));
+    EXPECT_NE(first.output, second.output);
+}
+
+TEST_F(MachostRun, EndsWithALineAndASignalWhenTheStackWasOverwritten) {
+    const Outcome run = this->run(MachOBuilder()
+                                      .library("/usr/lib/libSystem.B.dylib")
+                                      .binds(bindFirstPointer("___stack_chk_fail"))
+                                      .code(callFirstPointer())
+                                      .bytes());
+    EXPECT_EQ(run.signal, SIGABRT);
+    EXPECT_EQ(run.errors, "machost: the program has written beyond an array on its stack\n");
 }
 
 // Section types, and protection of memory.
