@@ -440,3 +440,13 @@ TEST_F(UpdateThreadTest, UpdateNowThreadClearsTheMarkAndRunsTheProgram) {
     EXPECT_EQ(markSeenByHelper(), "false");
     EXPECT_EQ(dialogs.shown(), 0);
 }
+
+TEST_F(UpdateThreadTest, UpdateNowThreadClearsTheMarkBeforeItNamesTheProgram) {
+    Configuration::setUpdateReady(true);
+    setLogEcho(true);
+    testing::internal::CaptureStdout();
+    updateNowThread(nullptr);
+    setLogEcho(false);
+    const std::string output = testing::internal::GetCapturedStdout();
+    EXPECT_LT(output.find("UpdateReady set to: false"), output.find("cmd is "));
+}

@@ -168,6 +168,14 @@ TEST(ReadName, ANameMayLeaveItsMessageAtNeitherEnd) {
     EXPECT_FALSE(NameReading("\1a\xfezzz").wasRead()) << "by a text without its zero byte";
 }
 
+TEST(ReadName, APlaceOutsideOfTheMessageIsNotRead) {
+    char bytes[3] = {}; // the message is the one in the middle
+    char name[dnsNameBufferSize] = {};
+    unsigned short offset = 0;
+    for (char* place : {bytes, bytes + 2})
+        EXPECT_FALSE(readName(place, name, bytes + 1, offset, bytes + 1, bytes + 2));
+}
+
 TEST(ReadName, ANameThatFillsTheBufferToTheLastByteIsRead) {
     std::string name;
     for (int i = 0; i < 15; ++i)

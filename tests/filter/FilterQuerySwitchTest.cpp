@@ -77,6 +77,14 @@ TEST_F(FilterQuerySwitchTest, ASnapshotDamagedInMemoryIsLoggedAndNotRead) {
     given->addresses = nullptr;
 }
 
+TEST_F(FilterQuerySwitchTest, AnArrayAtThePlaceBehindThoseOfADamagedSnapshotIsNoneOfThem) {
+    const auto given = Owned<FilterIPAddresses>::adopt(new FilterIPAddresses);
+    given->addresses = reinterpret_cast<std::atomic<std::uint32_t>*>(1000);
+    EXPECT_FALSE(FilterQuery::isFilteringIP(given.get(), serverAddress));
+    EXPECT_TRUE(log.messages().empty());
+    given->addresses = nullptr;
+}
+
 TEST_F(FilterQuerySwitchTest, WithANullSnapshotArgumentItFetchesAndReleasesItsOwn) {
     // Used by the manager's thread after the test's end.
     auto& names = *new testsupport::PlayedNames;

@@ -137,6 +137,16 @@ TEST(GPData, AppendOfAnotherThatWasNeverToldItsLengthTreatsItAsFull) {
     EXPECT_EQ(content(data), std::string("ab\0\0", 4));
 }
 
+TEST(GPData, AppendOfAnEmptyBufferThatWasToldALengthTakesItsOneByte) {
+    GPData data;
+    GPData other;
+    other.setLength(5);
+
+    data.append(&other);
+
+    EXPECT_EQ(content(data), std::string(1, '\0'));
+}
+
 TEST(GPData, AppendOfNothingChangesNothing) {
     GPData data("abc", 3, false);
     data.append("x", 0);

@@ -223,6 +223,13 @@ TEST(GPMap, FirstKeyOnAnEmptyMapIsNullAndDoesNotTouchTheWalk) {
     EXPECT_EQ(map.nextKey(), nullptr);
 }
 
+TEST(GPMap, NextKeyWithoutAFirstOneBeginsTheWalk) {
+    GPMap map(1);
+    fill(map, {"a", "b"});
+    EXPECT_STREQ(map.nextKey(), "a");
+    EXPECT_STREQ(map.nextKey(), "b");
+}
+
 TEST(GPMap, NextKeyBehindTheEndStaysNull) {
     GPMap map;
     fill(map, {"a"});

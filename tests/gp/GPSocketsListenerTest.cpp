@@ -14,6 +14,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <memory>
 #include <string>
 
 namespace {
@@ -129,6 +130,23 @@ TEST(GPSocketsListener, SocketListenEndsWithFalseOnAnErrorEvent) {
         GPSockets withoutSocket;
         EXPECT_FALSE(withoutSocket.socketListen(waitForTheEnd, 3));
     }));
+}
+
+TEST(GPSocketsListener, AListenersQueueMayHaveTheNumberZero) {
+    auto real = std::make_unique<testsupport::LoopbackListener>();
+    const int port = real->port();
+    const EndlessChild server([&real] {
+        GPSockets listener;
+        listener.openConnection(real->descriptor());
+        close(0);
+        listener.socketListen(waitForTheEnd, 1);
+    });
+    real.reset();
+    for (int i = 0; i < 2; ++i) {
+        Peer client = connectTo(port);
+        char byte;
+        EXPECT_EQ(recv(client.descriptor(), &byte, 1, 0), 0) << "taken and let go: there is no pool for it";
+    }
 }
 
 TEST(GPSocketsListener, SocketListenWithoutRoomForAnEventEndsAtOnce) {

@@ -290,6 +290,9 @@ TEST_F(GPSocketsConnected, AQueueMayHaveTheNumberZero) {
         close(0);
         peer_.send("text");
         EXPECT_EQ(readText(socket_), "text");
+        EXPECT_NE(fcntl(0, F_GETFD), -1);
+        socket_.closeConnection();
+        EXPECT_EQ(fcntl(0, F_GETFD), -1) << "closed like every other";
     }));
 }
 

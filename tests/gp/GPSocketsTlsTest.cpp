@@ -126,6 +126,12 @@ TEST_F(TlsTransfer, AFullWriteSucceeds) {
     EXPECT_EQ(peer_.read(5), "12345");
 }
 
+TEST_F(TlsTransfer, AWriteOfOneByteSucceeds) {
+    EXPECT_EQ(write("1"), platform::noErr);
+    EXPECT_EQ(length_, 1u);
+    EXPECT_EQ(peer_.read(1), "1");
+}
+
 TEST_F(TlsTransfer, AWriteOfAPartWouldBlockWithThatPartAndThenWithNothing) {
     const std::string block(16 * 1024 * 1024, 'x');
     EXPECT_EQ(write(block), -9803);

@@ -69,6 +69,14 @@ TEST_F(GuardedAppend, WhatIsNoFileOfOneNameIsLeftAlone) {
     EXPECT_FALSE(appendGuarded(folder_.file("none/file").c_str(), "x", 1)) << "a folder that is not there";
 }
 
+TEST_F(GuardedAppend, AFileMayHaveTheNumberZero) {
+    EXPECT_TRUE(testsupport::passesInChild([this] {
+        close(0);
+        EXPECT_TRUE(append("one"));
+    }));
+    EXPECT_EQ(readAll(path_), "one");
+}
+
 TEST_F(GuardedAppend, TextThatFindsNoRoomIsAFailure) {
     EXPECT_TRUE(testsupport::passesInChild([this] {
         signal(SIGXFSZ, SIG_IGN);

@@ -62,6 +62,10 @@ TEST(NetLogonDomain, LosesTheWhiteSpaceBehindItAlone) {
     EXPECT_EQ(read(netLogonDomain, "AuthenticationAuthority: ;NetLogon; CORP \t\n"), " CORP");
 }
 
+TEST(NetLogonDomain, OfBlanksAloneIsEmpty) {
+    EXPECT_EQ(read(netLogonDomain, "AuthenticationAuthority: ;NetLogon;  \n"), "");
+}
+
 TEST(NetLogonDomain, NeedsTheAttributesNameInFront) {
     EXPECT_EQ(read(netLogonDomain, " AuthenticationAuthority: ;NetLogon;CORP\n"), "(none)");
     EXPECT_EQ(read(netLogonDomain, "eDSRecordNotFound ;NetLogon;CORP\n"), "(none)");

@@ -351,6 +351,11 @@ TEST_F(UserAuthTest, GroupNamesAreTheFirstWordsBehindTheDomain) {
               (Calls{"CORP\\Staff", "CORP\\All Hands"}));
 }
 
+TEST_F(UserAuthTest, AGroupNameBeginsBehindTheFirstSign) {
+    setCachedDomain("CORP");
+    EXPECT_EQ(netbiosNames({"CN=All=Staff,DC=x"}), Calls{"CORP\\All=Staff"});
+}
+
 TEST_F(UserAuthTest, GroupsWithoutACommaOrASignAreDropped) {
     setCachedDomain("CORP");
     EXPECT_EQ(netbiosNames({"CN=Staff", "Staff,DC=x", ",CN=Staff", "=Staff,DC=x", "", "CN=,x"}),

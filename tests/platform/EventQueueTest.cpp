@@ -256,6 +256,12 @@ TEST_F(EventQueue, AWaitThatSucceedsLeavesErrnoAlone) {
     EXPECT_EQ(errno, EXDEV);
 }
 
+TEST_F(EventQueue, AWaitThatRunsOutLeavesErrnoAlone) {
+    errno = EXDEV;
+    ASSERT_EQ(waitShortly(change(mine_.descriptor(), EVFILT_READ, EV_ADD | EV_CLEAR)), 0);
+    EXPECT_EQ(errno, EXDEV);
+}
+
 TEST_F(EventQueue, AClosedQueueAnswersMinusOne) {
     const int closed = kqueue();
     closeQueue(closed);

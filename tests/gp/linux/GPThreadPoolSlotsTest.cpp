@@ -145,8 +145,7 @@ TEST(GPThreadPoolSlots, AWorkerBeginsWhileItsStarterHoldsThePoolsLockAcrossAnOpe
 
 TEST(GPThreadPoolSlots, ASlotWhoseThreadCannotBeMadeIsLostAndNoOther) {
     EXPECT_EQ(testsupport::answerOfChild([] {
-                  auto& pool = *new GPThreadPool(
-                      3); // never released: that would wait for the operation without a thread
+                  auto& pool = *new GPThreadPool(3);
                   testsupport::playThreadStarts(failToStart);
                   pool.addOperation(countUp, nullptr);
                   testsupport::playThreadStarts(startAndFallBehind);
@@ -157,6 +156,22 @@ TEST(GPThreadPoolSlots, ASlotWhoseThreadCannotBeMadeIsLostAndNoOther) {
                   return std::to_string(done) + " done, " + std::to_string(liveSlots(pool, 2)) + " live";
               }),
               "10 done, 2 live");
+}
+
+TEST(GPThreadPoolSlots, AThreadThatCannotBeMadeIsNotWaitedForAtThePoolsEnd) {
+    EXPECT_EQ(testsupport::answerOfChild([] {
+                  auto* pool = new GPThreadPool(1);
+                  testsupport::playThreadStarts(failToStart);
+                  pool->addOperation(countUp, nullptr);
+                  testsupport::playThreadStarts(nullptr);
+                  std::atomic<bool> released{false};
+                  std::thread([&] {
+                      pool->release();
+                      released = true;
+                  }).detach();
+                  return std::string(eventually([&] { return released.load(); }) ? "released" : "waits");
+              }),
+              "released");
 }
 
 TEST(GPThreadPoolSlots, AllThirtyLiveAfterThousandsOfEmptyOperations) {

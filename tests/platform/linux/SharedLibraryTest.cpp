@@ -2,7 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <chrono>
 #include <string>
+#include <thread>
 
 using platform::LibraryFunction;
 using platform::SharedLibrary;
@@ -27,6 +30,20 @@ struct NoLibrary {
     LibraryFunction<Root> squareRoot{library, "sqrt"};
 };
 
+// Is made for as long as another thread may take to come by and make a second one, or at most a moment.
+struct SlowMathematics {
+    static inline std::atomic<int> made{0};
+
+    SlowMathematics() {
+        ++made;
+        const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(100);
+        while (made == 1 && std::chrono::steady_clock::now() < end)
+            std::this_thread::yield();
+    }
+
+    SharedLibrary library{"libm.so.6"};
+};
+
 } // namespace
 
 TEST(SharedLibrary, ItsFunctionsAreCalledLikeTheirOwn) {
@@ -40,6 +57,20 @@ TEST(SharedLibrary, ItsFunctionsAreCalledLikeTheirOwn) {
 TEST(SharedLibrary, IsLoadedOnce) {
     std::string error;
     EXPECT_EQ(platform::loadedFunctions<Mathematics>(error), platform::loadedFunctions<Mathematics>(error));
+}
+
+TEST(SharedLibrary, TwoThreadsThatNeedItFirstLoadItOnce) {
+    const SlowMathematics* found[2] = {};
+    std::thread threads[2];
+    for (int i = 0; i < 2; ++i)
+        threads[i] = std::thread([&found, i] {
+            std::string error;
+            found[i] = platform::loadedFunctions<SlowMathematics>(error);
+        });
+    for (std::thread& thread : threads)
+        thread.join();
+    EXPECT_EQ(SlowMathematics::made, 1);
+    EXPECT_EQ(found[0], found[1]);
 }
 
 TEST(SharedLibrary, ThatIsNotThereIsNamed) {

@@ -149,6 +149,15 @@ TEST_F(UrlSessionTest, NobodyListeningGivesNoResponse) {
     expectNoResponse(download("http://127.0.0.1:" + std::to_string(testsupport::freePort()) + "/p.dmg"));
 }
 
+TEST_F(UrlSessionTest, ATransferLeavesNoDescriptorBehind) {
+    const std::string nobody = "http://127.0.0.1:" + std::to_string(testsupport::freePort()) + "/x";
+    download(nobody); // loads the library
+    const auto before = testsupport::descriptorsOf(getpid()).size();
+    download(nobody);
+    upload(nobody, "PUT", "data");
+    EXPECT_EQ(testsupport::descriptorsOf(getpid()).size(), before);
+}
+
 TEST_F(UrlSessionTest, ATextThatIsNoUrlOfTheWebGivesNoResponse) {
     for (const char* url : {"ul", "", "http://", "ftp://127.0.0.1/p.dmg", "file:///etc/hostname"})
         expectNoResponse(download(url));

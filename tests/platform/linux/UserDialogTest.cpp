@@ -14,6 +14,7 @@
 
 #include <gtest/gtest.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -262,6 +263,47 @@ TEST_F(UserDialogTest, WithoutAnEventToCancelItADialogIsNotMadeAndItsPlaceStaysF
         ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &descriptors), 0);
         EXPECT_NE(dialogs.create(1, platform::notificationNoteAlertLevel, question), nullptr);
     }));
+}
+
+TEST_F(UserDialogTest, WithoutAConnectionToItsHelperThereIsNoProgram) {
+    installProgram("zenity", "touch " + folder.file("run") + "\n");
+    EXPECT_TRUE(testsupport::passesInChild([this] {
+        ASSERT_TRUE(testsupport::failSystemCall(SYS_socketpair, EMFILE, AF_UNIX));
+        ManualClock::installed().setEventWait(100000, false);
+        EXPECT_EQ(showAndWait(60), platform::notificationCancelResponse);
+    }));
+    EXPECT_FALSE(std::filesystem::exists(folder.file("run")));
+}
+
+TEST_F(UserDialogTest, AProgramThatCannotBeRunIsADialogThatWasCancelled) {
+    testsupport::writeAll(folder.file("zenity"), "#!" + folder.file("nothing") + "\n");
+    chmod(folder.file("zenity").c_str(), 0755);
+    EXPECT_EQ(showAndWait(60), platform::notificationCancelResponse);
+}
+
+TEST_F(UserDialogTest, WithAllPlacesTakenADialogIsNotMadeUntilOneIsReleased) {
+    setenv("PATH", folder.path().c_str(), 1);
+    std::set<platform::UserNotification*> shown;
+    for (int i = 0; i < platform::dialogSlotCount; ++i)
+        shown.insert(dialogs.create(1, platform::notificationNoteAlertLevel, question));
+    ASSERT_EQ(shown.size(), static_cast<std::size_t>(platform::dialogSlotCount));
+    EXPECT_EQ(dialogs.create(1, platform::notificationNoteAlertLevel, question), nullptr);
+    dialogs.release(*shown.begin());
+    EXPECT_EQ(dialogs.create(1, platform::notificationNoteAlertLevel, question), *shown.begin());
+}
+
+TEST_F(UserDialogTest, AProgramThatHasGoneIsNoneOfTheNextDialogInItsPlace) {
+    installProgram("zenity", "exit 0\n");
+    EXPECT_EQ(showAndWait(60), platform::notificationDefaultResponse);
+    setenv("PATH", folder.path().c_str(), 1);
+    unlink(folder.file("zenity").c_str());
+    platform::UserNotification* next = dialogs.create(0, platform::notificationNoteAlertLevel, question);
+    auto waiter = std::async(std::launch::async, [&] {
+        unsigned long flags = 0;
+        return dialogs.receiveResponse(next, flags);
+    });
+    EXPECT_EQ(waiter.wait_for(testsupport::patience), std::future_status::ready) << "nobody can answer it";
+    dialogs.cancel(next);
 }
 
 TEST_F(UserDialogTest, NullIsAllowedEverywhere) {
