@@ -13,6 +13,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <functional>
 #include <future>
 #include <utility>
@@ -99,6 +100,7 @@ TEST_F(EventQueue, AWaitWithoutLimitAsksNoClockAndEndsWithTheEvent) {
         const KEvent wanted = change(mine_.descriptor(), EVFILT_READ, EV_ADD | EV_CLEAR);
         return kevent(queue_, &wanted, &event_, 1, 0);
     });
+    EXPECT_EQ(waited.wait_for(std::chrono::milliseconds(20)), std::future_status::timeout);
     other_.send("x");
     EXPECT_EQ(waited.get(), 1);
     EXPECT_EQ(event_.data, 1);
