@@ -1,65 +1,90 @@
 #include "lab/CheckedProgram.h"
 
+#include "lab/ElfFile.h"
 #include "lab/Policy.h"
+#include "lab/ProgramLibraries.h"
+#include "machost/loader/MachOFile.h"
 
 #include <fmt/format.h>
 
-#include <elf.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <memory>
+#include <vector>
 
 namespace lab {
 namespace {
 
-// A program without an interpreter takes no library in front of its own.
-bool namesAnInterpreter(std::ifstream& file, const Elf64_Ehdr& header) {
-    for (unsigned i = 0; i < header.e_phnum; ++i) {
-        Elf64_Phdr segment{};
-        file.seekg(static_cast<std::streamoff>(header.e_phoff + i * sizeof segment));
-        if (!file.read(reinterpret_cast<char*>(&segment), sizeof segment)) return false;
-        if (segment.p_type == PT_INTERP) return true;
-    }
-    return false;
-}
+constexpr off_t largestProgram = off_t{1} << 30;
 
-bool isMachO(const Elf64_Ehdr& header) {
+bool isMachO(const std::string& path) {
     constexpr std::uint32_t machO64 = 0xfeedfacf, x86_64 = 0x01000007;
+    std::ifstream file(path, std::ios::binary);
     std::uint32_t words[2];
-    std::memcpy(words, &header, sizeof words);
-    return words[0] == machO64 && words[1] == x86_64;
+    return file.read(reinterpret_cast<char*>(words), sizeof words) && words[0] == machO64 &&
+           words[1] == x86_64;
 }
 
-bool isElf(const Elf64_Ehdr& header) {
-    return std::memcmp(header.e_ident, ELFMAG, SELFMAG) == 0 && header.e_ident[EI_CLASS] == ELFCLASS64 &&
-           header.e_machine == EM_X86_64;
+// One that waits for a writer would never open; one without the right is nobody's program, root's neither.
+std::string faultOfFile(const std::string& path) {
+    struct stat entry {};
+    if (stat(path.c_str(), &entry) != 0) return std::strerror(errno);
+    if (!S_ISREG(entry.st_mode)) return "it is no regular file";
+    if (entry.st_size > largestProgram) return "it is larger than any build of the daemon; give such a build";
+    if ((entry.st_mode & (S_IXUSR | S_IXGRP | S_IXOTH)) == 0)
+        return "it may not be executed; chmod +x lets it";
+    if (access(path.c_str(), R_OK) != 0)
+        return std::string(std::strerror(errno)) + "; the lab reads it first, so let it be read";
+    if (access(path.c_str(), X_OK) != 0)
+        return std::string(std::strerror(errno)) + "; let it be executed, on a volume without noexec";
+    return {};
+}
+
+std::string faultOfMachO(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    std::vector<std::uint8_t> bytes((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+    try {
+        const machost::MachOFile checked(std::move(bytes));
+        return {};
+    } catch (const machost::FormatError& error) {
+        return std::string(error.what()) + "; build or copy it again";
+    }
+}
+
+std::string faultOf(const std::string& path) {
+    const std::string fault = faultOfFile(path);
+    if (!fault.empty()) return fault;
+    switch (programFormat(path)) {
+        case ProgramFormat::elf:
+            return readElf(path).fault;
+        case ProgramFormat::machO:
+            return faultOfMachO(path);
+        default:
+            return "it is neither a Mach-O file for x86-64 nor a program of this system; give a build of the "
+                   "daemon";
+    }
 }
 
 } // namespace
 
 ProgramFormat programFormat(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    Elf64_Ehdr header{};
-    if (!file.read(reinterpret_cast<char*>(&header), sizeof header)) return ProgramFormat::unusable;
-    if (isMachO(header)) return ProgramFormat::machO;
-    return isElf(header) && namesAnInterpreter(file, header) ? ProgramFormat::elf : ProgramFormat::unusable;
+    if (isMachO(path)) return ProgramFormat::machO;
+    return isElf(path) ? ProgramFormat::elf : ProgramFormat::unusable;
 }
 
 std::string checkedProgram(const std::string& path) {
     if (path.empty()) return {};
     const std::unique_ptr<char, void (*)(void*)> whole(realpath(path.c_str(), nullptr), std::free);
-    if (!whole) throw InputError(fmt::format("{}: {}", path, std::strerror(errno)));
-    if (!std::filesystem::is_regular_file(path)) // one that waits for a writer would never open
-        throw InputError(fmt::format("{}: it is no regular file", path));
-    if (!std::ifstream(path)) throw InputError(fmt::format("{}: {}", path, std::strerror(errno)));
-    if (programFormat(path) == ProgramFormat::unusable)
-        throw InputError(
-            fmt::format("{}: it is neither a Mach-O file for x86-64 nor a program of this system", path));
+    const std::string fault = whole ? faultOf(whole.get()) : std::strerror(errno);
+    if (!fault.empty()) throw InputError(fmt::format("{}: {}", path, fault));
+    if (programFormat(whole.get()) == ProgramFormat::elf) librariesOf(whole.get());
     return whole.get();
 }
 

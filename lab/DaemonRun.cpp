@@ -3,34 +3,34 @@
 #include "app/Switches.h"
 #include "lab/CheckedProgram.h"
 #include "lab/EmptyConsole.h"
+#include "lab/EndingSignals.h"
 #include "lab/MacProgram.h"
 #include "lab/OfflineNames.h"
+#include "lab/OutputLines.h"
 #include "lab/SystemProgram.h"
 #include "lab/WorldAnswers.h"
 #include "platform/HostPaths.h"
 
-#include <fmt/format.h>
-
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
-#include <sys/prctl.h>
+#include <sys/ioctl.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
 #include <stdexcept>
 #include <utility>
 
 namespace lab {
 namespace {
 
-// What the file of the daemon's output may grow to.
-constexpr std::size_t largestOutput = 32 << 20;
+constexpr int cannotRun = 99;
 
 constexpr int stopMilliseconds = 2000;
 
@@ -52,31 +52,43 @@ DaemonRun::~DaemonRun() { stop(); }
 void DaemonRun::start(const std::vector<int>& foreign) {
     int output[2];
     if (pipe2(output, O_CLOEXEC) != 0) throw std::runtime_error("no pipe for the daemon's output");
-    std::fflush(nullptr);
-    const pid_t lab = getpid();
-    pid_ = fork();
-    if (pid_ < 0) throw std::runtime_error("no process for the daemon");
-    if (pid_ == 0) {
-        prctl(PR_SET_PDEATHSIG, SIGKILL);
-        if (getppid() != lab) _exit(1); // it went before it could be followed
+    const ProgramFormat format = programFormat(program_);
+    const auto run = [&](bool separate) {
         close(output[0]);
-        runChild(output[1], foreign);
-    }
+        takeOutput(output[1], foreign);
+        if (format == ProgramFormat::elf) runSystemProgram(separate);
+        runDaemon();
+    };
+    if (program_.empty())
+        pid_ = forkFollower([&] { run(false); });
+    else
+        pid_ = space_.start(format == ProgramFormat::elf ? systemProgramNamespaces : 0, run);
     close(output[1]);
+    ended_ = static_cast<int>(syscall(SYS_pidfd_open, pid_, 0));
     reader_ = std::thread(&DaemonRun::readOutput, this, output[0]);
 }
 
-void DaemonRun::runChild(int output, const std::vector<int>& foreign) {
+void DaemonRun::takeOutput(int output, const std::vector<int>& foreign) {
     for (int descriptor : foreign)
         close(descriptor);
     dup2(output, STDOUT_FILENO);
     dup2(output, STDERR_FILENO);
     close(output);
     setvbuf(stdout, nullptr, _IOLBF, 0);
+    EndingSignals::release();
+    // Keys of the terminal are for the lab, which takes the daemon with it.
+    setsid();
+}
 
-    if (programFormat(program_) == ProgramFormat::elf)
-        becomeSystemProgram(program_, root_, {"fernhill", "-logecho"}, clock_ ? clock_->memory() : -1);
+void DaemonRun::runSystemProgram(bool separate) {
+    if (!separate) {
+        std::perror("a program of this system needs namespaces for its mounts and processes");
+        _exit(cannotRun);
+    }
+    becomeSystemProgram(program_, root_, {"fernhill", "-logecho"}, clock_ ? clock_->memory() : -1);
+}
 
+void DaemonRun::runDaemon() {
     const char* path = std::getenv("PATH");
     setenv("PATH", (root_.programs() + ":" + (path ? path : "/usr/bin:/bin")).c_str(), 1);
     platform::HostPaths::setRoot(root_.path().c_str());
@@ -108,6 +120,8 @@ void DaemonRun::stop() {
         noteEnding(status);
     }
     if (reader_.joinable()) reader_.join();
+    if (ended_ >= 0) close(ended_);
+    ended_ = -1;
 }
 
 bool DaemonRun::running() {
@@ -121,6 +135,8 @@ void DaemonRun::noteEnding(int status) {
     pid_ = -1;
     ending_ = WIFSIGNALED(status) ? "signal " + std::to_string(WTERMSIG(status))
                                   : "status " + std::to_string(WEXITSTATUS(status));
+    space_.end();
+    if (!program_.empty()) removeWorlds(root_.path());
 }
 
 long DaemonRun::resolved() {
@@ -143,32 +159,32 @@ bool DaemonRun::waitFor(const long& number, long count, int milliseconds) {
     return number >= count;
 }
 
+// Until nobody can write any more or the daemon has ended: what a process that it leaves behind still writes is not
+// waited for.
 void DaemonRun::readOutput(int output) {
-    // No file of this process is one of a program that it starts.
-    const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen(root_.output().c_str(), "wbe"),
-                                                               std::fclose);
-    if (file) setvbuf(file.get(), nullptr, _IONBF, 0);
-    std::size_t written = 0;
-    std::string pending;
-    char buffer[65536];
-    for (ssize_t count; (count = read(output, buffer, sizeof buffer)) > 0;) {
-        if (file && written < largestOutput)
-            std::fwrite(buffer, 1, static_cast<std::size_t>(count), file.get());
-        written += static_cast<std::size_t>(count);
-        pending.append(buffer, static_cast<std::size_t>(count));
-        std::size_t start = 0;
-        for (std::size_t end; (end = pending.find('\n', start)) != std::string::npos; start = end + 1)
-            takeLine(pending.substr(start, end - start));
-        pending.erase(0, start);
+    OutputFile file(root_.output());
+    OutputLines lines([this](const std::string& line) { takeLine(line); });
+    std::vector<char> buffer(65536);
+    const auto take = [&](std::size_t most) {
+        const ssize_t count = read(output, buffer.data(), std::min(most, buffer.size()));
+        if (count <= 0) return std::size_t{0};
+        file.write(buffer.data(), static_cast<std::size_t>(count));
+        lines.add(buffer.data(), static_cast<std::size_t>(count));
+        return static_cast<std::size_t>(count);
+    };
+    for (bool ended = false; !ended;) {
+        pollfd waited[] = {{output, POLLIN, 0}, {ended_, POLLIN, 0}};
+        if (poll(waited, 2, -1) < 0) continue;
+        ended = waited[1].revents != 0 || take(buffer.size()) == 0;
     }
+    int left = 0;
+    if (ioctl(output, FIONREAD, &left) != 0) left = 0;
+    for (std::size_t count = 1; left > 0 && count > 0; left -= static_cast<int>(count))
+        count = take(static_cast<std::size_t>(left));
     close(output);
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        silent_ = true;
-        changed_.notify_all();
-    }
-    if (file && written > largestOutput)
-        fmt::print(file.get(), "\n(the daemon wrote {} bytes in all)\n", written);
+    std::lock_guard<std::mutex> lock(mutex_);
+    silent_ = true;
+    changed_.notify_all();
 }
 
 void DaemonRun::takeLine(const std::string& line) {

@@ -4,10 +4,10 @@
 // the machine's own, its output read line by line.
 
 #include "lab/PlayedClock.h"
+#include "lab/ProcessSpace.h"
 #include "lab/RootFolder.h"
 
 #include <condition_variable>
-#include <cstdio>
 #include <functional>
 #include <mutex>
 #include <string>
@@ -33,7 +33,8 @@ public:
     // thread is started.
     void start(const std::vector<int>& foreign);
 
-    // Asks the daemon to end, kills it after two seconds, and waits for it.
+    // Asks the daemon to end, kills it after two seconds, and waits for it; with a given program, for all of its
+    // processes.
     void stop();
 
     // How the daemon has ended: "status 1", "signal 9"; empty while it runs.
@@ -41,6 +42,9 @@ public:
 
     bool running();
     pid_t pid() const { return pid_; }
+
+    // A pidfd of the daemon from its start until it is stopped; -1 where the system has none.
+    int process() const { return ended_; }
 
     // How many queries the daemon has resolved so far, with or without an open record.
     long resolved();
@@ -53,7 +57,9 @@ public:
     bool waitForSettings(long count, int milliseconds);
 
 private:
-    [[noreturn]] void runChild(int output, const std::vector<int>& foreign);
+    static void takeOutput(int output, const std::vector<int>& foreign);
+    [[noreturn]] void runSystemProgram(bool separate);
+    [[noreturn]] void runDaemon();
     void readOutput(int output);
     void takeLine(const std::string& line);
     bool waitFor(const long& number, long count, int milliseconds);
@@ -63,7 +69,9 @@ private:
     PlayedClock* const clock_;
     const std::string program_;
     const std::function<void()> surroundings_;
+    ProcessSpace space_; // of a given program
     pid_t pid_ = -1;
+    int ended_ = -1; // a pidfd of it
     std::thread reader_;
 
     std::string ending_;

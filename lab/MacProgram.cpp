@@ -9,11 +9,15 @@
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
+#include <filesystem>
+#include <system_error>
 
 namespace lab {
 namespace {
 
 constexpr int cannotRun = 99;
+
+constexpr const char* worldName = "fernhill-world-";
 
 // A pipe on which one process tells another that it has come so far.
 class Sign {
@@ -81,10 +85,17 @@ void leaveServerBehind(const std::string& path, pid_t program, const Sign& ready
 
 std::string machostPath() { return OSTLER_MACHOST_PATH; }
 
+void removeWorlds(const std::string& root) {
+    namespace fs = std::filesystem;
+    std::error_code ignored;
+    for (const fs::directory_entry& entry : fs::directory_iterator(root, ignored))
+        if (entry.path().filename().string().rfind(worldName, 0) == 0) fs::remove(entry.path(), ignored);
+}
+
 void becomeMacProgram(const std::string& program, const std::string& root,
                       const std::vector<std::string>& words, const std::function<bool()>& failed) {
     // Process numbers are unique only within their namespace, folders everywhere.
-    const std::string world = (root.empty() ? "/tmp" : root) + "/fernhill-world-" + std::to_string(getpid());
+    const std::string world = (root.empty() ? "/tmp" : root) + "/" + worldName + std::to_string(getpid());
     {
         Sign ready;
         leaveServerBehind(world, getpid(), ready, failed);

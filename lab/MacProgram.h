@@ -17,6 +17,9 @@ namespace lab {
                                    const std::vector<std::string>& words,
                                    const std::function<bool()>& failed);
 
+// Removes what servers have left below `root` that were killed.
+void removeWorlds(const std::string& root);
+
 // Where machost lies beside this build.
 std::string machostPath();
 

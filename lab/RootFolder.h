@@ -9,7 +9,7 @@ namespace lab {
 class RootFolder {
 public:
     // Makes the folder at `path`, which is kept, or, for an empty path, a temporary one that goes with the
-    // object. Throws InputError.
+    // object. Temporary ones of this user whose lab was killed go then too. Throws InputError.
     explicit RootFolder(const std::string& path);
     ~RootFolder();
 
@@ -20,9 +20,6 @@ public:
 
     // Where the stand-ins for system commands lie.
     std::string programs() const { return path_ + "/bin"; }
-
-    // Where a daemon that runs as it stands has its view of this machine.
-    std::string view() const { return path_ + "/view"; }
 
     // Where the daemon's output goes.
     std::string output() const { return path_ + "/daemon-output.txt"; }
@@ -36,6 +33,7 @@ public:
 private:
     std::string path_;
     bool kept_;
+    int lock_ = -1; // on a temporary folder: it is in use
 };
 
 } // namespace lab

@@ -13,7 +13,8 @@ constexpr int glanceMilliseconds = 100;
 
 Stage::Stage(const std::string& rootPath, Policy policy, std::optional<std::int64_t> time,
              const std::string& program)
-    : root(rootPath), extension(root.path()), agent(std::move(policy), !time),
+    : signals(rootPath.empty() ? std::make_unique<EndingSignals>() : nullptr), root(rootPath),
+      extension(root.path()), agent(std::move(policy), !time),
       daemon(root, time ? &clock : nullptr, program) {
     clock.set(time.value_or(0));
 }
@@ -25,6 +26,7 @@ bool Stage::raise(bool withAgent) {
     for (int descriptor : agent.descriptors())
         foreign.push_back(descriptor);
     daemon.start(foreign);
+    if (signals) signals->watch(daemon.process(), root.path());
     extension.start();
     if (withAgent) agent.start();
     for (int waited = 0; waited < startMilliseconds && daemon.running(); waited += glanceMilliseconds) {

@@ -3,12 +3,14 @@
 // The daemon with all that it stands on: a scratch root, a clock, and the stand-ins at both its ends.
 
 #include "lab/DaemonRun.h"
+#include "lab/EndingSignals.h"
 #include "lab/ExtensionStandIn.h"
 #include "lab/PlayedClock.h"
 #include "lab/PolicyAgent.h"
 #include "lab/RootFolder.h"
 
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 
@@ -25,6 +27,7 @@ struct Stage {
     bool raise(bool withAgent = true);
 
     // In the order of making: the daemon ends before the sockets close.
+    const std::unique_ptr<EndingSignals> signals; // where the root is temporary
     const RootFolder root;
     PlayedClock clock; // at rest when the machine's own is used
     ExtensionStandIn extension;

@@ -68,21 +68,42 @@ LabRun runLab(const std::vector<std::string>& arguments, const std::function<voi
     int status = 0;
     EXPECT_EQ(waitpid(child, &status, 0), child);
     return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, testsupport::readAll(folder.file("out")),
-            testsupport::readAll(folder.file("err"))};
+            testsupport::readAll(folder.file("err")), WIFSIGNALED(status) ? WTERMSIG(status) : 0};
 }
 
-pid_t awaitChildOf(pid_t parent) {
+namespace {
+
+// Process numbers within the namespaces that the process is in, from the outermost; the last is 1 for a first process.
+bool isFirstOfItsNamespace(const fs::path& process) {
+    std::ifstream file(process / "status");
+    for (std::string line; std::getline(file, line);)
+        if (line.rfind("NSpid:", 0) == 0) return line.size() > 2 && line.substr(line.size() - 2) == "\t1";
+    return false;
+}
+
+pid_t awaitChild(pid_t parent, const std::function<bool(const fs::path&)>& counts) {
     const auto limit = std::chrono::steady_clock::now() + testsupport::patience;
     while (std::chrono::steady_clock::now() < limit) {
         std::error_code ignored;
         for (const fs::directory_entry& entry : fs::directory_iterator("/proc", ignored)) {
             const std::string name = entry.path().filename().string();
-            if (name.find_first_not_of("0123456789") == std::string::npos && parentOf(entry.path()) == parent)
+            if (name.find_first_not_of("0123456789") == std::string::npos &&
+                parentOf(entry.path()) == parent && counts(entry.path()))
                 return std::stoi(name);
         }
         sched_yield();
     }
     return 0;
+}
+
+} // namespace
+
+pid_t awaitChildOf(pid_t parent) {
+    return awaitChild(parent, [](const fs::path&) { return true; });
+}
+
+pid_t awaitDaemonOf(pid_t lab) {
+    return awaitChild(lab, [](const fs::path& child) { return !isFirstOfItsNamespace(child); });
 }
 
 std::vector<std::string> linesOf(const std::string& text) {

@@ -2,12 +2,11 @@
 
 #include "lab/LabCaptures.h"
 #include "lab/LabRun.h"
+#include "support/Eventually.h"
 #include "support/TemporaryFolder.h"
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
-
-#include <sched.h>
 
 #include <csignal>
 #include <filesystem>
@@ -177,13 +176,10 @@ TEST_F(ReplayCommandTest, ADaemonThatDiesEndsTheReplayWithStatus1AndARowForEachP
     givenALongCapture();
     const std::string json = folder_.file("json");
     const LabRun run = runLab({"replay", capture_, "--policy", policy_, "--json", json}, [&](pid_t lab) {
-        const pid_t daemon = labtest::awaitChildOf(lab);
-        ASSERT_NE(daemon, 0);
         // Rows come once the daemon answers.
-        while (!fs::exists(json) || fs::file_size(json) == 0) {
-            if (kill(daemon, 0) != 0) break;
-            sched_yield();
-        }
+        ASSERT_TRUE(testsupport::eventually([&] { return fs::exists(json) && fs::file_size(json) > 0; }));
+        const pid_t daemon = labtest::awaitDaemonOf(lab);
+        ASSERT_NE(daemon, 0);
         kill(daemon, SIGKILL);
     });
     EXPECT_EQ(run.status, 1);
@@ -196,7 +192,7 @@ TEST_F(ReplayCommandTest, ADaemonThatDiesEndsTheReplayWithStatus1AndARowForEachP
 TEST_F(ReplayCommandTest, ADaemonThatDiesAtTheStartEndsTheReplayWithStatus1) {
     givenALongCapture();
     const LabRun run = runLab({"replay", capture_, "--policy", policy_}, [](pid_t lab) {
-        const pid_t daemon = labtest::awaitChildOf(lab);
+        const pid_t daemon = labtest::awaitDaemonOf(lab);
         ASSERT_NE(daemon, 0);
         kill(daemon, SIGKILL);
     });

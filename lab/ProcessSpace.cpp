@@ -1,0 +1,130 @@
+#include "lab/ProcessSpace.h"
+
+#include "lab/Namespaces.h"
+
+#include <fcntl.h>
+#include <sched.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <stdexcept>
+
+namespace lab {
+namespace {
+
+constexpr int cannotRun = 99;
+
+struct Pipe {
+    Pipe() {
+        int ends[2];
+        if (pipe2(ends, O_CLOEXEC) != 0) throw std::runtime_error("no pipe for the program's processes");
+        reading = ends[0];
+        writing = ends[1];
+    }
+    int reading;
+    int writing;
+};
+
+struct Made {
+    pid_t first;
+    pid_t program;
+};
+
+// A child of this process's parent.
+pid_t forkSibling() {
+    return static_cast<pid_t>(syscall(SYS_clone, CLONE_PARENT | SIGCHLD, nullptr, nullptr, nullptr, nullptr));
+}
+
+// The first process of a space: it holds nothing open but the line, and ends with the lab's end of it.
+[[noreturn]] void keepSpace(int lifeLine) {
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    signal(SIGCHLD, SIG_IGN); // those whose parents have gone need no burial
+    dup2(lifeLine, STDIN_FILENO);
+    close_range(STDERR_FILENO + 1, ~0U, 0);
+    close(STDOUT_FILENO);
+    close(STDERR_FILENO);
+    char byte = 0;
+    while (read(STDIN_FILENO, &byte, 1) < 0 && errno == EINTR) {
+    }
+    _exit(0);
+}
+
+// Processes that are forked from here on belong to a new pid namespace.
+bool leaveNamespaces(int kinds) {
+    if (kinds) return unshareAsRoot(kinds | CLONE_NEWPID);
+    return unshare(CLONE_NEWPID) == 0;
+}
+
+[[noreturn]] void makeSpace(int kinds, const Pipe& lifeLine, const Pipe& report,
+                            const std::function<void(bool separate)>& run) {
+    close(lifeLine.writing);
+    close(report.reading);
+    if (!leaveNamespaces(kinds)) {
+        const int reason = errno;
+        close(lifeLine.reading);
+        close(report.writing);
+        errno = reason;
+        run(false);
+        _exit(cannotRun);
+    }
+    Made made{forkSibling(), -1};
+    if (made.first == 0) keepSpace(lifeLine.reading);
+    if (made.first > 0) made.program = forkSibling();
+    if (made.program == 0) {
+        close(lifeLine.reading);
+        close(report.writing);
+        run(true);
+        _exit(cannotRun);
+    }
+    const bool told = write(report.writing, &made, sizeof made) == sizeof made;
+    _exit(told ? 0 : cannotRun);
+}
+
+} // namespace
+
+pid_t forkFollower(const std::function<void()>& run) {
+    std::fflush(nullptr);
+    const pid_t lab = getpid();
+    const pid_t child = fork();
+    if (child < 0) throw std::runtime_error("no process for the daemon");
+    if (child > 0) return child;
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (getppid() != lab) _exit(1); // it went before it could be followed
+    run();
+    _exit(cannotRun);
+}
+
+ProcessSpace::~ProcessSpace() { end(); }
+
+pid_t ProcessSpace::start(int kinds, const std::function<void(bool separate)>& run) {
+    const Pipe lifeLine, report;
+    const pid_t maker = forkFollower([&] { makeSpace(kinds, lifeLine, report, run); });
+    close(lifeLine.reading);
+    close(report.writing);
+    Made made{};
+    const bool separate = read(report.reading, &made, sizeof made) == sizeof made;
+    close(report.reading);
+    if (!separate) {
+        close(lifeLine.writing);
+        return maker;
+    }
+    waitpid(maker, nullptr, 0);
+    lifeLine_ = lifeLine.writing;
+    first_ = made.first;
+    if (made.program < 0) throw std::runtime_error("no process for the daemon");
+    return made.program;
+}
+
+void ProcessSpace::end() {
+    if (lifeLine_ >= 0) close(lifeLine_);
+    lifeLine_ = -1;
+    if (first_ > 0) waitpid(first_, nullptr, 0);
+    first_ = -1;
+}
+
+} // namespace lab

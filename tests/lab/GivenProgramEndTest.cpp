@@ -1,0 +1,245 @@
+// How a run ends with a build that the lab is given: with the program, with the lab, and with nothing left of either.
+
+#include "lab/DaemonRun.h"
+#include "lab/EndingSignals.h"
+#include "lab/LabGivenProgram.h"
+#include "lab/OutputLines.h"
+#include "lab/Policy.h"
+#include "lab/RootFolder.h"
+#include "support/Eventually.h"
+
+#include <gtest/gtest.h>
+
+#include <signal.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace {
+
+namespace fs = std::filesystem;
+
+using labtest::GivenProgram;
+using labtest::LabRun;
+using labtest::processesOf;
+using testsupport::eventually;
+using testsupport::readAll;
+using testsupport::TemporaryFolder;
+using testsupport::writeAll;
+
+class EndOfAProgram : public GivenProgram {
+protected:
+    void SetUp() override {
+        GivenProgram::SetUp();
+        if (IsSkipped()) return;
+        fs::copy(unruly_, program_);
+        fs::create_directory(temporary_);
+        setenv("TMPDIR", temporary_.c_str(), 1);
+    }
+
+    // Replays with a program that stays whatever it is sent, and sends the lab this signal.
+    LabRun killedBy(int signal) {
+        setenv("OSTLER_UNRULY", "lingers", 1);
+        return replay({"--program", program_}, [&](pid_t lab) {
+            EXPECT_TRUE(eventually([&] { return lingers(); }));
+            EXPECT_TRUE(eventually([&] { return processesOf(program_) == 2; }));
+            kill(lab, signal);
+        });
+    }
+
+    bool lingers() const {
+        for (const fs::directory_entry& folder : fs::directory_iterator(temporary_))
+            if (fs::exists(folder.path() / "Library/Logs/lingers")) return true;
+        return false;
+    }
+
+    const std::string program_ = fs::canonical(folder_.path()).string() + "/unruly";
+    const std::string temporary_ = folder_.file("t");
+};
+
+TEST(OutputOfADaemon, IsNotWaitedForBehindItsEnd) {
+    const lab::RootFolder root("");
+    pid_t* const child = static_cast<pid_t*>(
+        mmap(nullptr, sizeof(pid_t), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+    lab::DaemonRun run(root, nullptr, {}, [&] {
+        if ((*child = fork()) == 0) {
+            sleep(20);
+            _exit(0);
+        }
+        const std::string last = "the last\n";
+        _exit(write(STDOUT_FILENO, last.data(), last.size()) > 0 ? 7 : 8);
+    });
+    run.start({});
+    ASSERT_TRUE(eventually([&] { return !run.running(); }));
+    run.stop();
+
+    EXPECT_EQ(run.ending(), "status 7");
+    EXPECT_EQ(root.outputTail(), "the last\n");
+    EXPECT_EQ(kill(*child, SIGKILL), 0) << "the child has been waited for";
+    munmap(child, sizeof(pid_t));
+}
+
+TEST(OutputOfADaemon, ThatHasNoLinesIsTakenByItsFirstMegabyte) {
+    std::vector<std::size_t> lengths;
+    lab::OutputLines lines([&](const std::string& line) { lengths.push_back(line.size()); });
+    const std::string piece(65536, 'x');
+    for (int i = 0; i < 1600; ++i)
+        lines.add(piece.data(), piece.size());
+    lines.add("\nshort\n", 7);
+
+    EXPECT_EQ(lengths, (std::vector<std::size_t>{1 << 20, 5}));
+}
+
+TEST_F(EndOfAProgram, EndsTheChildThatItLeaves) {
+    setenv("OSTLER_UNRULY", "leaves a child", 1);
+    const LabRun run = replay({"--program", program_});
+
+    EXPECT_EQ(run.status, 1);
+    EXPECT_NE(run.err.find("unruly: leaves a child\n"), std::string::npos) << run.err;
+    EXPECT_EQ(processesOf(program_), 0);
+}
+
+TEST_F(EndOfAProgram, EndsTheDaemonThatItLeaves) {
+    setenv("OSTLER_UNRULY", "leaves a daemon", 1);
+    const LabRun run = replay({"--program", program_});
+
+    EXPECT_EQ(run.status, 1);
+    EXPECT_EQ(processesOf(program_), 0);
+}
+
+TEST_F(EndOfAProgram, ByAProgramThatIsDeletedMeanwhileIsNone) {
+    setenv("OSTLER_UNRULY", "lingers", 1);
+    const LabRun run = replay({"--program", program_}, [&](pid_t lab) {
+        EXPECT_TRUE(eventually([&] { return lingers(); }));
+        fs::remove(program_);
+        EXPECT_EQ(kill(labtest::awaitDaemonOf(lab), SIGKILL), 0);
+    });
+
+    EXPECT_EQ(run.status, 1);
+    EXPECT_NE(run.err.find("unruly: lingers\n"), std::string::npos) << run.err;
+    EXPECT_EQ(processesOf(program_ + " (deleted)"), 0);
+}
+
+TEST_F(EndOfAProgram, ComesWithTheSignalThatEndsTheLabAndLeavesNoFolder) {
+    for (const int signal : {SIGTERM, SIGINT, SIGHUP}) {
+        const LabRun run = killedBy(signal);
+
+        EXPECT_EQ(run.signal, signal);
+        EXPECT_EQ(run.err, "");
+        EXPECT_TRUE(fs::is_empty(temporary_)) << signal;
+        EXPECT_TRUE(eventually([&] { return processesOf(program_) == 0; })) << signal;
+    }
+}
+
+TEST_F(EndOfAProgram, ComesWithALabThatIsKilledWhoseFolderTheNextOneRemoves) {
+    EXPECT_EQ(killedBy(SIGKILL).signal, SIGKILL);
+
+    EXPECT_TRUE(eventually([&] { return processesOf(program_) == 0; }));
+    EXPECT_FALSE(fs::is_empty(temporary_));
+    EXPECT_EQ(replay({}).status, 0);
+    EXPECT_TRUE(fs::is_empty(temporary_));
+}
+
+class AbandonedFolder : public testing::Test {
+protected:
+    void SetUp() override { setenv("TMPDIR", folder_.path().c_str(), 1); }
+
+    // The folder of a lab that ends without ending it.
+    std::string abandoned() {
+        const pid_t child = fork();
+        if (child == 0) {
+            new lab::RootFolder("");
+            _exit(0);
+        }
+        waitpid(child, nullptr, 0);
+        return fs::directory_iterator(folder_.path())->path();
+    }
+
+    const TemporaryFolder folder_;
+};
+
+TEST_F(AbandonedFolder, GoesWhenTheNextOneIsMade) {
+    const std::string path = abandoned();
+    ASSERT_TRUE(fs::exists(path + "/bin/kextload"));
+    const lab::RootFolder next("");
+
+    EXPECT_FALSE(fs::exists(path));
+}
+
+TEST_F(AbandonedFolder, IsNoneThatIsInUse) {
+    const lab::RootFolder one(""), other("");
+
+    EXPECT_TRUE(fs::exists(one.programs()));
+    EXPECT_TRUE(fs::exists(other.programs()));
+}
+
+TEST_F(AbandonedFolder, IsNoneOfAnotherNameOrOrigin) {
+    const std::string other = folder_.file("fernhill-backup");
+    writeAll(other + "/mine", "kept");
+    fs::create_directory_symlink(other, folder_.file("fernhill-linked"));
+    writeAll(folder_.file("fernhill-longer-name/.of-fernhill-lab"), "");
+    const lab::RootFolder next("");
+
+    EXPECT_EQ(readAll(other + "/mine"), "kept");
+    EXPECT_TRUE(fs::exists(folder_.file("fernhill-longer-name")));
+}
+
+TEST_F(AbandonedFolder, OfAnotherUserStays) {
+    if (getuid() != 0) GTEST_SKIP() << "only root can make another user's folder";
+    const std::string path = abandoned();
+    ASSERT_EQ(chown(path.c_str(), 65534, 65534), 0);
+    const lab::RootFolder next("");
+
+    EXPECT_TRUE(fs::exists(path));
+}
+
+TEST_F(AbandonedFolder, WithAProgramsLinkOrPipeForAConfigurationIsNotWrittenThrough) {
+    const std::string given = folder_.file("given"), configuration = given + "/Library/twsys/fernhill.xml";
+    const lab::RootFolder root(given);
+    writeAll(folder_.file("other"), "kept");
+    fs::create_symlink(folder_.file("other"), configuration);
+    EXPECT_THROW(root.configure(false, 0), lab::InputError);
+    EXPECT_EQ(readAll(folder_.file("other")), "kept");
+
+    fs::remove(configuration);
+    ASSERT_EQ(mkfifo(configuration.c_str(), 0600), 0);
+    EXPECT_THROW(root.configure(false, 0), lab::InputError);
+}
+
+TEST(SignalsThatEndTheLab, AreWaitingWhileItIsMadeAndEndItAfterwards) {
+    const pid_t child = fork();
+    if (child == 0) {
+        auto signals = std::make_unique<lab::EndingSignals>();
+        kill(getpid(), SIGTERM);
+        signals.reset();
+        _exit(1);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+
+    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGTERM);
+}
+
+TEST(SignalsThatEndTheLab, StayIgnoredWhereTheyAre) {
+    const pid_t child = fork();
+    if (child == 0) {
+        signal(SIGHUP, SIG_IGN);
+        lab::EndingSignals signals;
+        signals.watch(-1, "/nowhere");
+        kill(getpid(), SIGHUP);
+        _exit(3);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 3);
+}
+
+} // namespace

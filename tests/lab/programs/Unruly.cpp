@@ -1,0 +1,48 @@
+// In the daemon's place: does what a daemon does not, as the environment asks.
+
+#include <fcntl.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+namespace {
+
+[[noreturn]] void linger() {
+    for (;;)
+        pause();
+}
+
+void leaveAChild() {
+    if (fork() == 0) linger();
+}
+
+// Into the background as daemons of old went there.
+void leaveADaemon() {
+    if (fork() > 0) return;
+    setsid();
+    if (fork() > 0) _exit(0);
+    for (int i = 0; i < 64; ++i)
+        close(i);
+    linger();
+}
+
+} // namespace
+
+int main() {
+    const char* asked = std::getenv("OSTLER_UNRULY");
+    std::printf("unruly: %s\n", asked ? asked : "");
+    if (!asked) return 0;
+    if (std::strcmp(asked, "leaves a child") == 0) leaveAChild();
+    if (std::strcmp(asked, "leaves a daemon") == 0) leaveADaemon();
+    if (std::strcmp(asked, "lingers") == 0) {
+        signal(SIGTERM, SIG_IGN);
+        signal(SIGINT, SIG_IGN);
+        signal(SIGHUP, SIG_IGN);
+        leaveADaemon();
+        close(open("/Library/Logs/lingers", O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
+        linger();
+    }
+}
