@@ -10,15 +10,19 @@
 
 #include <gtest/gtest.h>
 
+#include <sched.h>
 #include <signal.h>
 #include <sys/mman.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdlib>
 #include <filesystem>
 #include <memory>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -64,15 +68,27 @@ protected:
     const std::string temporary_ = folder_.file("t");
 };
 
+// A child of the daemon that outlives it with its output open.
+struct Outliving {
+    std::atomic<pid_t> process;
+    std::atomic<bool> over;
+};
+
 TEST(OutputOfADaemon, IsNotWaitedForBehindItsEnd) {
     const lab::RootFolder root("");
-    pid_t* const child = static_cast<pid_t*>(
-        mmap(nullptr, sizeof(pid_t), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+    void* const shared =
+        mmap(nullptr, sizeof(Outliving), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    Outliving* const child = new (shared) Outliving{};
     lab::DaemonRun run(root, nullptr, {}, [&] {
-        if ((*child = fork()) == 0) {
+        if (fork() == 0) {
+            prctl(PR_SET_PDEATHSIG, 0);
+            child->process = getpid();
             sleep(20);
+            child->over = true;
             _exit(0);
         }
+        while (child->process == 0)
+            sched_yield();
         const std::string last = "the last\n";
         _exit(write(STDOUT_FILENO, last.data(), last.size()) > 0 ? 7 : 8);
     });
@@ -82,8 +98,9 @@ TEST(OutputOfADaemon, IsNotWaitedForBehindItsEnd) {
 
     EXPECT_EQ(run.ending(), "status 7");
     EXPECT_EQ(root.outputTail(), "the last\n");
-    EXPECT_EQ(kill(*child, SIGKILL), 0) << "the child has been waited for";
-    munmap(child, sizeof(pid_t));
+    EXPECT_FALSE(child->over) << "the child has been waited for";
+    kill(child->process, SIGKILL);
+    munmap(shared, sizeof(Outliving));
 }
 
 TEST(OutputOfADaemon, ThatHasNoLinesIsTakenByItsFirstMegabyte) {
