@@ -8,6 +8,7 @@
 
 #include <arpa/inet.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 
 #include <algorithm>
 #include <filesystem>
@@ -29,6 +30,10 @@ constexpr std::int64_t latestSecond = 253402300799;
 bool isVlanTag(std::uint16_t type) { return type == 0x8100 || type == 0x88a8 || type == 0x9100; }
 
 bool isIp(std::uint16_t type) { return type == typeIpv4 || type == typeIpv6; }
+
+bool canBe(const timeval& time) {
+    return time.tv_sec >= 0 && time.tv_sec <= latestSecond && time.tv_usec >= 0 && time.tv_usec < 1000000;
+}
 
 bool linkTypeKnown(int linkType) {
     switch (linkType) {
@@ -58,7 +63,6 @@ std::optional<std::size_t> behindEtherType(const unsigned char* bytes, std::size
     return {};
 }
 
-// Where the IP header starts in a record; nothing for what is not IP.
 // The packet is the last of the fields that the kernel's log hands over. A field's length counts its own head, and
 // the next begins at a multiple of four; both numbers are in this machine's order.
 std::optional<std::size_t> behindNflogFields(const unsigned char* bytes, std::size_t size) {
@@ -73,6 +77,7 @@ std::optional<std::size_t> behindNflogFields(const unsigned char* bytes, std::si
     return {};
 }
 
+// Where the IP header starts in a record; nothing for what is not IP.
 std::optional<std::size_t> ipOffset(int linkType, const unsigned char* bytes, std::size_t size) {
     switch (linkType) {
         case DLT_EN10MB:
@@ -209,7 +214,7 @@ bool Capture::next(CapturedPacket& packet) {
             throw InputError(
                 fmt::format("{}: packet {}: {}", path_, position_ + 1, pcap_geterr(file_.get())));
         ++position_;
-        if (header->ts.tv_sec < 0 || header->ts.tv_sec > latestSecond)
+        if (!canBe(header->ts))
             throw InputError(fmt::format("{}: packet {}: its time cannot be", path_, position_));
         const auto offset = ipOffset(linkType_, bytes, header->caplen);
         if (!offset || *offset >= header->caplen) continue;

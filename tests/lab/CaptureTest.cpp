@@ -313,6 +313,15 @@ TEST_F(CaptureTest, AnImpossibleTimeIsAnErrorThatNamesThePacket) {
     EXPECT_EQ(error(), path() + ": packet 1: its time cannot be");
 }
 
+TEST_F(CaptureTest, MicrosecondsThatAreNoPartOfASecondAreAnImpossibleTime) {
+    // A pcap file of raw IP packets, and one at second 1 and 2^31 microseconds.
+    const std::string head("\xd4\xc3\xb2\xa1\x02\0\x04\0\0\0\0\0\0\0\0\0\xff\xff\0\0\x65\0\0\0", 24);
+    const std::string packet("\x01\0\0\0\0\0\0\x80\x14\0\0\0\x14\0\0\0", 16);
+    testsupport::writeAll(path(),
+                          head + packet + "\x45" + std::string(2, '\0') + "\x14" + std::string(16, '\0'));
+    EXPECT_EQ(error(), path() + ": packet 1: its time cannot be");
+}
+
 TEST_F(CaptureTest, ThisComputerIsTheSenderOfTheFirstSynWithoutAck) {
     write(DLT_RAW, {Talk(50001).in(labtest::ack), Talk(50001).in(labtest::synAck),
                     Talk(50001).out(labtest::syn), Talk(50001).in(labtest::syn)});
