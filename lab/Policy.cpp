@@ -62,9 +62,9 @@ std::string pushBody(const std::string& text, const std::string& place) {
     return body + pushEnd;
 }
 
-constexpr char blanks[] = " \t\r";
+constexpr char blanks[] = " \t\r\v\f";
 
-bool isBlank(char byte) { return byte == ' ' || byte == '\t' || byte == '\r'; }
+bool isBlank(char byte) { return byte != 0 && std::strchr(blanks, byte); }
 
 // Where the comment of a line begins: a '#' in front of a word, but not inside the quotes of a push.
 std::size_t commentStart(const std::string& line) {

@@ -206,4 +206,11 @@ TEST(Policy, AnErrorInAFileNamesItsPathAndLine) {
     }
 }
 
+TEST(Policy, ALineOfVerticalTabsAndFormFeedsAloneIsEmpty) {
+    Policy policy = policyOf("\v\nallow a\v# all of it\n\f\n");
+
+    EXPECT_EQ(policy.ruleCount(), 1u);
+    EXPECT_EQ(policy.decide("a").rule, "allow a");
+}
+
 } // namespace
