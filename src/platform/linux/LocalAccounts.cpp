@@ -21,8 +21,11 @@ std::mutex& walkMutex() {
     return *mutex;
 }
 
+// A line that is no more than a plus sign has a name and nothing else.
+const char* textOf(const char* field) { return field ? field : ""; }
+
 std::string realName(const passwd& user) {
-    const std::string details = user.pw_gecos ? user.pw_gecos : "";
+    const std::string details = textOf(user.pw_gecos);
     return details.substr(0, details.find(','));
 }
 
@@ -31,8 +34,8 @@ DirectoryDetails detailsOf(const passwd& user) {
             {attributeRealName, {realName(user)}},
             {attributeUniqueID, {std::to_string(user.pw_uid)}},
             {attributePrimaryGroupID, {std::to_string(user.pw_gid)}},
-            {kODAttributeTypeNFSHomeDirectory, {user.pw_dir}},
-            {attributeUserShell, {user.pw_shell}},
+            {kODAttributeTypeNFSHomeDirectory, {textOf(user.pw_dir)}},
+            {attributeUserShell, {textOf(user.pw_shell)}},
             {attributeMetaNodeLocation, {localNodeName}}};
 }
 

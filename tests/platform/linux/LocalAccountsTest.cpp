@@ -169,3 +169,15 @@ TEST(LocalAccounts, MayHaveLongEntries) {
                   Names{longName});
     }));
 }
+
+TEST(LocalAccounts, OfALineThatHasNoMoreThanAPlusHaveEmptyTexts) {
+    // Files that once asked for the network's accounts may still end so.
+    expectPassed(onMachineWith(accounts + "+\n", "root:x:0:\n+\n", [] {
+        const auto found = find(kODRecordTypeUsers, "dsAttrTypeStandard:UniqueID", "0");
+        EXPECT_EQ(namesOf(found), (Names{"root", "+"}));
+        EXPECT_EQ(values(found, "dsAttrTypeStandard:UserShell"), (Names{"/bin/sh", ""}));
+        EXPECT_EQ(values(found, kODAttributeTypeNFSHomeDirectory), (Names{"/root", ""}));
+        EXPECT_EQ(namesOf(find(kODRecordTypeGroups, "dsAttrTypeStandard:PrimaryGroupID", "0")),
+                  (Names{"root", "+"}));
+    }));
+}
