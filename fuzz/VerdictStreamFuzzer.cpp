@@ -7,6 +7,7 @@
 
 #include "config/Configuration.h"
 #include "fuzz/FuzzInput.h"
+#include "gp/GPLog.h"
 #include "lab/OfflineNames.h"
 #include "lab/PlayedClock.h"
 #include "lab/PolicyAgent.h"
@@ -35,6 +36,8 @@ class World {
 public:
     World() : root_(""), agent_(lab::Policy::parse(rules, "rules"), true) {
         std::signal(SIGPIPE, SIG_IGN);
+        // A folder that cannot be: nothing is logged.
+        setLogDirectory("/dev/null");
         platform::HostPaths::setRoot(root_.path().c_str());
         platform::clockService.install(clock_);
         platform::nameLookupService.install(lab::offlineNames());

@@ -50,6 +50,9 @@ public:
     // The agent's answer to a question has been taken in.
     void resolve(const std::string& url, const char* redirect, int seconds, std::int64_t now);
 
+    // Takes a record out at once; nothing happens for one that has gone.
+    void remove(int number) { records_.remove(number); }
+
     // Null for one that has gone.
     const testsupport::PlainRecords::Record* record(int number) const;
 
