@@ -5,6 +5,7 @@
 
 #include "agent/AgentLink.h"
 #include "config/Configuration.h"
+#include "gp/GPLog.h"
 #include "platform/HostPaths.h"
 #include "support/Await.h"
 #include "support/LivingObjects.h"

@@ -4,6 +4,7 @@
 #include "app/DaemonWorld.h"
 #include "support/ProcessDescriptors.h"
 #include "support/Sanitizers.h"
+#include "support/ShippedProgram.h"
 
 #include <arpa/inet.h>
 #include <cerrno>

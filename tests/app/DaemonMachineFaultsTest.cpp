@@ -2,6 +2,7 @@
 
 #include "app/FaultsWorld.h"
 #include "support/Sanitizers.h"
+#include "support/ShippedProgram.h"
 #include "support/ThreadStarts.h"
 
 #include <atomic>
