@@ -105,6 +105,7 @@ TEST_F(DaemonExtensionFaults, AHeaderAloneTakesTheNextMessageForItsPacket) {
 
 TEST_F(DaemonExtensionFaults, AnExtensionThatHasGoneLeavesTheLinkAndTheEndAsTheyWere) {
     startLinked();
+    EXPECT_TRUE(answersBothDirections()); // so that both listeners have begun
     extension.reset();
     // Either direction alone fills the log's first file.
     EXPECT_TRUE(testsupport::eventually([this] { return someLogHas("INPUT bytes received -- IGNORED"); }));

@@ -124,12 +124,12 @@ class DaemonThreadFaults : public DaemonMachineFaults {
 protected:
     DaemonThreadFaults() {
         void* memory =
-            mmap(nullptr, sizeof *refused, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+            mmap(nullptr, sizeof *refusal, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
         if (memory == MAP_FAILED) throw std::runtime_error("no shared memory");
-        refused = new (memory) std::atomic<bool>(false);
+        refusal = new (memory) testsupport::ThreadRefusal;
         surroundings = [this] {
             playClock();
-            testsupport::refuseThreadsWhile(*refused);
+            testsupport::refuseThreadsBy(*refusal);
         };
     }
 
@@ -139,10 +139,15 @@ protected:
         startLinked();
     }
 
-    static void refuseThreads(bool refuse) { *refused = refuse; }
+    static void refuseThreads(bool refuse) { refusal->inForce = refuse; }
+
+    // Whether the daemon has come, or comes, to a start that is refused.
+    static bool hasBeenRefused() {
+        return eventually([] { return refusal->refused > 0; });
+    }
 
 private:
-    static inline std::atomic<bool>* refused = nullptr; // in memory that the daemon shares
+    static inline testsupport::ThreadRefusal* refusal = nullptr; // in memory that the daemon shares
 };
 
 } // namespace
@@ -248,6 +253,7 @@ TEST_F(DaemonThreadFaults, WithThirtyQuestionsWithoutAThreadNothingIsAskedAnyMor
 TEST_F(DaemonThreadFaults, AUserWhoComesMeanwhileIsStoredAndNotReported) {
     refuseThreads(true);
     daemon->changeConsoleUser("bob");
+    EXPECT_TRUE(hasBeenRefused());
     EXPECT_TRUE(eventually([&] { return stores("bob"); }));
     refuseThreads(false);
     daemon->changeConsoleUser("carol");
@@ -258,6 +264,7 @@ TEST_F(DaemonThreadFaults, ALinkThatIsMadeAnewHasNobodyWhoReads) {
     refuseThreads(true);
     agent->closeConnection();
     agent->awaitFrame(3);
+    EXPECT_TRUE(hasBeenRefused());
     refuseThreads(false);
     const std::uint32_t number = ask(page);
     agent->reply(number, "{}");

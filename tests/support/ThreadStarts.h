@@ -14,8 +14,14 @@ using ThreadStart = int (*)(pthread_t*, const pthread_attr_t*, void* (*function)
 // Has this do the starting from now on; null gives it back to the system. Any thread.
 void playThreadStarts(ThreadStart start);
 
-// While this says so, no thread can be had, as on a machine that has none left; whoever plays the starts plays the others.
-void refuseThreadsWhile(const std::atomic<bool>& refused);
+// Threads cannot be had while it is in force, as on a machine that has none left.
+struct ThreadRefusal {
+    std::atomic<bool> inForce{false};
+    std::atomic<int> refused{0}; // how many starts have met it
+};
+
+// From now on; whoever plays the starts plays those that it lets through. It may lie in memory that processes share.
+void refuseThreadsBy(ThreadRefusal& refusal);
 
 // The system's own start.
 int startThread(pthread_t* thread, const pthread_attr_t* attributes, void* (*function)(void*),

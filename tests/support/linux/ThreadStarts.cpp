@@ -11,13 +11,13 @@ namespace testsupport {
 namespace {
 
 std::atomic<ThreadStart> played{nullptr};
-std::atomic<const std::atomic<bool>*> refusal{nullptr};
+std::atomic<ThreadRefusal*> inUse{nullptr};
 
 } // namespace
 
 void playThreadStarts(ThreadStart start) { played = start; }
 
-void refuseThreadsWhile(const std::atomic<bool>& refused) { refusal = &refused; }
+void refuseThreadsBy(ThreadRefusal& refusal) { inUse = &refusal; }
 
 int startThread(pthread_t* thread, const pthread_attr_t* attributes, void* (*function)(void*),
                 void* argument) {
@@ -33,8 +33,11 @@ int startNothing(pthread_t* thread, const pthread_attr_t* attributes, void* (*)(
 
 int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*function)(void*),
                           void* argument) {
-    const std::atomic<bool>* refused = testsupport::refusal;
-    if (refused && *refused) return EAGAIN;
+    testsupport::ThreadRefusal* refusal = testsupport::inUse;
+    if (refusal && refusal->inForce) {
+        ++refusal->refused;
+        return EAGAIN;
+    }
     const testsupport::ThreadStart play = testsupport::played;
     return (play ? play : testsupport::startThread)(thread, attributes, function, argument);
 }
