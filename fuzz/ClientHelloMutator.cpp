@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <iterator>
 #include <string>
-#include <utility>
 #include <vector>
 
 namespace fuzzing {

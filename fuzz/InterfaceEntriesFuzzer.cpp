@@ -15,7 +15,6 @@
 #include <arpa/inet.h>
 #include <net/if.h>
 #include <netinet/in.h>
-#include <netpacket/packet.h>
 
 #include <algorithm>
 #include <cstring>

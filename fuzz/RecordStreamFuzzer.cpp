@@ -4,7 +4,6 @@
 // The input is a list of steps: a byte that says what comes, then what it needs.
 
 #include "config/Configuration.h"
-#include "filter/FilterQuery.h"
 #include "fuzz/FuzzInput.h"
 #include "fuzz/Require.h"
 #include "gp/GPLog.h"

@@ -7,7 +7,6 @@
 #include "fuzz/FuzzInput.h"
 #include "fuzz/Require.h"
 #include "gp/GPArray.h"
-#include "gp/GPHTTP.h"
 #include "gp/GPLog.h"
 #include "gp/GPSyncdArray.h"
 #include "gp/Owned.h"

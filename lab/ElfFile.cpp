@@ -74,7 +74,7 @@ std::optional<std::string> interpreterOf(Reader& reader, const std::vector<Elf64
         if (segment.p_filesz == 0 || segment.p_filesz > longestInterpreter) return "";
         std::string name(segment.p_filesz, '\0');
         if (!reader.read(segment.p_offset, name.data(), name.size())) return "";
-        return name.c_str(); // up to its zero
+        return std::string(name.c_str()); // up to its zero
     }
     return std::nullopt;
 }

@@ -51,6 +51,7 @@ void setSurroundings(int clock) {
 void giveDescriptorsUp(int clock) {
     const int nothing = open("/dev/null", O_RDONLY | O_CLOEXEC);
     require(nothing >= 0 && dup2(nothing, STDIN_FILENO) == STDIN_FILENO, "/dev/null");
+    if (nothing != STDIN_FILENO) close(nothing);
     require(close_range(STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC) == 0, "the lab's descriptors");
     if (clock >= 0) fcntl(clock, F_SETFD, 0);
 }

@@ -5,7 +5,6 @@
 #include <fcntl.h>
 #include <linux/openat2.h>
 #include <sys/mount.h>
-#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 

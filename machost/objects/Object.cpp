@@ -1,6 +1,5 @@
 #include "machost/objects/Object.h"
 
-#include <signal.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
