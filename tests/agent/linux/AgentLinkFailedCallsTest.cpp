@@ -174,8 +174,8 @@ protected:
     }
 
     const testsupport::AgentProcess agent_{answerOf};
-    const testsupport::ChildNotes answers_;
-    const testsupport::ChildNotes states_;
+    const testsupport::ChildNotes answers_{};
+    const testsupport::ChildNotes states_{};
 };
 
 TEST_F(AgentLinkFailedCalls, OfTheConnectingLeaveALinkThatAnswersOneThatIsDeadOrOneWithoutAReader) {

@@ -92,7 +92,7 @@ protected:
 
     const std::string temporary_ = root.path() + "/fetched";
     const testsupport::FileServer server_{package};
-    const testsupport::ChildNotes notes_;
+    const testsupport::ChildNotes notes_{};
 };
 
 using UpdateFailedCalls = testsupport::CallsFailIn<UpdateWithServer>;

@@ -277,7 +277,7 @@ protected:
     testsupport::ScratchRoot root_;
     testsupport::DirectoryTools tools_;
     const testsupport::AgentProcess agent_{allow};
-    const testsupport::ChildNotes descriptors_; // of a start without a failure
+    const testsupport::ChildNotes descriptors_{}; // of a start without a failure
 
 private:
     // A connection and its two queues for a reconnect, a control that could not be connected, or, by rule, the two pipes

@@ -69,8 +69,8 @@ protected:
             });
     }
 
-    const testsupport::ChildNotes settings_;
-    const testsupport::ChildNotes files_;
+    const testsupport::ChildNotes settings_{};
+    const testsupport::ChildNotes files_{};
 };
 
 TEST_F(CheckinFailedCalls, SetAllOfTheReplyOrNothingAndTheNextStoresIt) {
