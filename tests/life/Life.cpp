@@ -151,6 +151,9 @@ void Life::awaitEffect(const std::string& kind) {
     if (kind == "closing" || kind == "opening") {
         blockOnFailure_ = kind == "closing";
         scene_.awaitBlockOnFailure(blockOnFailure_);
+        // A setting that was so before shows nothing, and its thread may come behind that of the next one. Each late
+        // answer has a thread that waits for it.
+        scene_.awaitThreads(calmThreads_ + static_cast<int>(late_.size()));
         ++happenings_.pushes;
     }
 }

@@ -47,6 +47,9 @@ public:
     // Presents bytes that nothing knows until no record is left.
     void forgetRecords();
 
+    // How many threads the daemon has while nothing is under way; before a setting is pushed.
+    void setCalmThreads(int threads) { calmThreads_ = threads; }
+
     std::int64_t now() const { return now_; }
     const Happenings& happenings() const { return happenings_; }
 
@@ -88,6 +91,7 @@ private:
     long connectionsMade_ = 0;
     long questionsDue_;
     bool blockOnFailure_ = false;
+    int calmThreads_ = 0;
     std::deque<Connection> connections_;
     std::deque<Late> late_;
     std::set<std::string> retried_;

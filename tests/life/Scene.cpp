@@ -123,6 +123,12 @@ void Scene::awaitBlockOnFailure(bool on) {
         throw std::runtime_error("a pushed setting was not stored");
 }
 
+void Scene::awaitThreads(int most) {
+    const std::string tasks = "/proc/" + std::to_string(daemon_.pid()) + "/task";
+    if (!comesTrue([&] { return entriesOf(tasks) <= most; }, std::chrono::milliseconds(patienceMilliseconds)))
+        throw std::runtime_error("a thread of the daemon does not end");
+}
+
 void Scene::changeAddresses() {
     const int control = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     ifreq request{};

@@ -40,6 +40,9 @@ public:
     void awaitLogon();
     void awaitBlockOnFailure(bool on);
 
+    // Waits until the daemon has at most so many threads: what was begun has then ended. Throws as above.
+    void awaitThreads(int most);
+
     void logOut() { console_.seat(0); }
 
     // Gives the loopback device one more address, or takes that away again.

@@ -54,6 +54,7 @@ Year liveYear(const YearOptions& options) {
     Draw draw(options.seed);
     Life life(scene, options.seed, start, false);
     const Holdings dawn = scene.holdings(0, 0);
+    life.setCalmThreads(dawn.threads);
     Year year{{dawn, life.happenings()}};
     for (int day = 0; day < options.days; ++day) {
         liveDay(life, draw, start + day * daySeconds * second, options.records / options.days);
