@@ -22,6 +22,7 @@ constexpr std::int64_t second = 1000000;
 constexpr int patienceMilliseconds = 60000;
 constexpr std::size_t mostConnections = 64;
 constexpr std::int64_t longestLateness = 25 * second; // less than the shortest life of a record
+constexpr long firstOfAMorning = 1000000000;          // hosts that the agent has not met before
 constexpr char blockPage[] = "http://localhost:6543/block_screen.html/?id=error";
 constexpr char redirect[] = "http://10.9.9.9/why";
 
@@ -54,7 +55,7 @@ Packet probeOf(const ConnectionEnds& ends) {
 } // namespace
 
 Life::Life(Scene& scene, std::uint64_t seed, std::int64_t now, bool plain)
-    : scene_(scene), draw_(seed), plain_(plain), now_(now),
+    : scene_(scene), draw_(seed), plain_(plain), now_(now), connectionsMade_(plain ? firstOfAMorning : 0),
       questionsDue_(scene.agent().counters().questions) {}
 
 void Life::fail(const std::string& what) const {

@@ -88,7 +88,7 @@ private:
     const bool plain_;
     PlainDaemon model_;
     std::int64_t now_;
-    long connectionsMade_ = 0;
+    long connectionsMade_; // which names their hosts
     long questionsDue_;
     bool blockOnFailure_ = false;
     int calmThreads_ = 0;
