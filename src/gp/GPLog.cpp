@@ -32,6 +32,9 @@ std::atomic<std::int32_t> counter{-1};
 std::atomic<bool> logEcho{false};
 std::atomic<GPMutex*> mutex{nullptr};
 
+// What stands in front of a line's text, and its newline: more than the thread's number and the time ever take.
+constexpr std::size_t longestFront = 96;
+
 constexpr auto relaxed = std::memory_order_relaxed;
 
 // Null while one thread alone logs.
@@ -55,30 +58,40 @@ std::string currentLogName(int index) {
         stem = copyText(getProcessName());
         logName.store(stem, relaxed);
     }
+    const char* directory = logDir.load(relaxed);
     std::string name;
-    if (const char* directory = logDir.load(relaxed)) name.append(directory) += '/';
+    name.reserve((directory ? std::strlen(directory) : 0) + std::strlen(stem) + 20);
+    if (directory) name.append(directory) += '/';
     name += stem;
     if (index < 10) name += '0';
     // NOLINTNEXTLINE(clang-analyzer-unix.Malloc): the stem is kept by logName
     return name.append(std::to_string(index)) += ".log";
 }
 
-bool localTime(time_t seconds, struct tm& local) {
+// The local time with its trailing newline cut; empty for a time that has none.
+void writeLocalTime(time_t seconds, char (&text)[64]) {
+    struct tm local = {};
+    // NOLINTNEXTLINE(bugprone-unsafe-functions): 26 bytes, and the digits of a year beyond 9999
+    if (!localtime_r(&seconds, &local) || !asctime_r(&local, text)) text[0] = 0;
+    text[std::strcspn(text, "\n")] = 0;
+}
+
+// Lines of one second share the text of their time, which takes longer to make than all else of a line.
+void appendLocalTime(std::string& line, time_t seconds) {
     const TimeZoneLock lock;
-    return localtime_r(&seconds, &local) != nullptr;
+    static time_t known;
+    static char text[64];
+    if (seconds != known || text[0] == 0) writeLocalTime(known = seconds, text);
+    line += text;
 }
 
 std::string logLine(const char* text) {
-    struct tm local = {};
-    char when[64] = {};
-    // NOLINTNEXTLINE(bugprone-unsafe-functions): 26 bytes, and the digits of a year beyond 9999
-    if (!localTime(platform::clock().seconds(), local) || !asctime_r(&local, when)) when[0] = 0;
-    when[std::strcspn(when, "\n")] = 0;
-
-    char front[128];
-    // NOLINTNEXTLINE(cert-err33-c): any number and time have room
-    std::snprintf(front, sizeof front, "[%ld %s]: ", static_cast<long>(platform::threadNumber()), when);
-    return std::string(front) + text + "\n";
+    const std::size_t length = std::strlen(text);
+    std::string line;
+    line.reserve(length + longestFront);
+    line.append("[").append(std::to_string(static_cast<long>(platform::threadNumber()))) += ' ';
+    appendLocalTime(line, platform::clock().seconds());
+    return line.append("]: ").append(text, length) += '\n';
 }
 
 bool isOverLimit(const char* name) {

@@ -2,6 +2,7 @@
 
 #include "gp/GPFilesystem.h"
 #include "platform/ThreadNumber.h"
+#include "support/ManualClock.h"
 #include "support/TemporaryFolder.h"
 
 #include <gtest/gtest.h>
@@ -17,6 +18,7 @@
 
 namespace {
 
+using testsupport::ManualClock;
 using testsupport::readAll;
 using testsupport::writeAll;
 
@@ -70,6 +72,18 @@ TEST_F(GPLogTest, TheTimeIsLocal) {
     tzset();
     logs("x");
     EXPECT_NE(content("fernhill0-1.log").find(" Sat Nov 14 00:56:50 2026]: x\n"), std::string::npos);
+}
+
+TEST_F(GPLogTest, EachLineHasTheTimeOfItsOwnSecondWhereverTheClockIsSet) {
+    for (const int moved : {0, 0, 1, -2}) {
+        ManualClock::installed().advanceSeconds(moved);
+        logs("x");
+    }
+    std::vector<std::string> seconds;
+    const std::string lines = content("fernhill0-1.log");
+    for (std::size_t at = lines.find(":56:"); at != std::string::npos; at = lines.find(":56:", at + 1))
+        seconds.push_back(lines.substr(at + 4, 2));
+    EXPECT_EQ(seconds, (std::vector<std::string>{"50", "50", "51", "49"}));
 }
 
 TEST_F(GPLogTest, logfFormatsItsArguments) {
