@@ -88,8 +88,15 @@ void QuickAgent::readLink() {
     takeFrames(held_, [this](std::uint32_t type, std::uint32_t sequence) {
         if (type != lab::policyFrame) return;
         ++questions_;
+        note(sequence);
         answers_ += lab::agentFrame(lab::policyFrame, sequence, "{}");
     });
+}
+
+void QuickAgent::note(std::uint32_t sequence) {
+    if (sequence >= numbersSeen_.size()) numbersSeen_.resize(2 * std::size_t{sequence} + 1);
+    if (numbersSeen_[sequence]) ++numbersDrawnTwice_;
+    numbersSeen_[sequence] = true;
 }
 
 void QuickAgent::flush() {

@@ -6,6 +6,8 @@
 #include "bench/Turns.h"
 
 #include <atomic>
+#include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -19,11 +21,16 @@ public:
     // How many questions have come.
     long questions() const { return questions_.load(); }
 
+    // How many of them had the number of an earlier one. By rule two threads may draw one number at the same moment, and
+    // one of them can then wait for ever.
+    long numbersDrawnTwice() const { return numbersDrawnTwice_.load(); }
+
     void setSilent(bool silent);
 
 private:
     void serve();
     void readLink();
+    void note(std::uint32_t sequence);
     void flush();
 
     int listener_ = -1;
@@ -33,6 +40,8 @@ private:
     std::string answers_;
     std::atomic<bool> silent_;
     std::atomic<long> questions_{0};
+    std::vector<bool> numbersSeen_;
+    std::atomic<long> numbersDrawnTwice_{0};
 };
 
 // The body of a question that the clients below ask.

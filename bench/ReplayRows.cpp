@@ -31,6 +31,7 @@ double replaySeconds(long times) {
     const double begin = secondsNow();
     const pid_t child = fork();
     if (child == 0) {
+        useAllProcessors();
         dup2(open("/dev/null", O_WRONLY), STDOUT_FILENO);
         execv(arguments[0], arguments.data());
         _exit(127);

@@ -103,11 +103,21 @@ private:
     int socket_;
 };
 
+// Those that there are at first: a process that is forked by one that has settled already may go elsewhere.
+const cpu_set_t& usableProcessors() {
+    static const cpu_set_t usable = [] {
+        cpu_set_t found;
+        CPU_ZERO(&found);
+        sched_getaffinity(0, sizeof found, &found);
+        return found;
+    }();
+    return usable;
+}
+
 } // namespace
 
 void stayOnProcessor(int number) {
-    cpu_set_t usable;
-    if (sched_getaffinity(0, sizeof usable, &usable) != 0) return;
+    const cpu_set_t& usable = usableProcessors();
     for (int processor = 0, seen = 0; processor < CPU_SETSIZE; ++processor) {
         if (!CPU_ISSET(processor, &usable) || seen++ != number) continue;
         cpu_set_t one;
@@ -117,6 +127,8 @@ void stayOnProcessor(int number) {
         return;
     }
 }
+
+void useAllProcessors() { sched_setaffinity(0, sizeof(cpu_set_t), &usableProcessors()); }
 
 double residentBytes(pid_t process) {
     std::ifstream file("/proc/" + std::to_string(process) + "/statm");

@@ -71,6 +71,9 @@ void serveListener(int socket, bool inbound);
 // Puts this process on one of the processors it may use: 0 is the first, 1 the second, if there are two.
 void stayOnProcessor(int number);
 
+// Takes that back, for a program that settles by itself.
+void useAllProcessors();
+
 // Resident memory of a process in bytes.
 double residentBytes(pid_t process);
 
