@@ -1,6 +1,5 @@
 #include "config/Configuration.h"
 
-#include "gp/GPString.h"
 #include "gp/Owned.h"
 #include "platform/HostPaths.h"
 #include "support/HeldLocks.h"

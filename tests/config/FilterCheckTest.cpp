@@ -2,7 +2,6 @@
 
 #include "config/Configuration.h"
 #include "config/FilterIPAddresses.h"
-#include "support/ManualClock.h"
 #include "support/PlayedNames.h"
 #include "support/SettingsWorld.h"
 

@@ -2,7 +2,6 @@
 
 #include "agent/OstComm.h"
 #include "config/Configuration.h"
-#include "gp/GPString.h"
 #include "packet/HijackPacket.h"
 #include "support/AgentLinkWorld.h"
 #include "support/ManualClock.h"

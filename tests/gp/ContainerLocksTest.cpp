@@ -4,7 +4,6 @@
 #include "gp/GPArray.h"
 #include "gp/GPList.h"
 #include "gp/GPMap.h"
-#include "gp/GPMutex.h"
 #include "gp/GPString.h"
 #include "support/LockCounter.h"
 #include "support/Sanitizers.h"

@@ -11,7 +11,6 @@
 
 #include <atomic>
 #include <memory>
-#include <pthread.h>
 #include <thread>
 #include <vector>
 

@@ -8,7 +8,6 @@
 #include "life/Scene.h"
 
 #include <cstdint>
-#include <string>
 #include <vector>
 
 namespace life {

@@ -1,7 +1,6 @@
 // The list of interfaces in the Mac's form, of a list in this system's.
 
 #include "machost/world/Interfaces.h"
-#include "machost/Imports.h"
 #include "machost/libsystem/SocketLayouts.h"
 
 #include <gtest/gtest.h>

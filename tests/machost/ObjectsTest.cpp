@@ -4,7 +4,6 @@
 
 #include "machost/Imports.h"
 #include "machost/objc/Messages.h"
-#include "machost/objc/PlayedClass.h"
 #include "machost/objc/Pools.h"
 
 #include <gtest/gtest.h>

@@ -3,7 +3,6 @@
 #include "machost/world/World.h"
 #include "machost/Imports.h"
 #include "machost/Settings.h"
-#include "machost/objects/Object.h"
 #include "machost/world/Changes.h"
 #include "machost/world/Dialogs.h"
 #include "machost/world/Directory.h"

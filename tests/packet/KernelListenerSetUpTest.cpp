@@ -1,7 +1,7 @@
 #include "packet/PacketFilter.h"
 
 #include "config/Configuration.h"
-#include "packet/SysctlResult.h"
+#include "packet/SysctlResult.h" // IWYU pragma: keep (used by a template)
 #include "support/CapturedLog.h"
 #include "support/ManualClock.h"
 #include "support/PlayedKernelControl.h"

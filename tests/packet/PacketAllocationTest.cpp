@@ -1,9 +1,7 @@
 #include "packet/PacketVerdicts.h"
 
-#include "config/Configuration.h"
 #include "config/FilterIPAddresses.h"
 #include "filter/FilterQuery.h"
-#include "gp/GPString.h"
 #include "packet/HijackPacket.h"
 #include "support/AllocationCounter.h"
 #include "support/ClientHelloBuilder.h"

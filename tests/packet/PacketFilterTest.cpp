@@ -23,7 +23,6 @@
 
 #include <atomic>
 #include <cstdint>
-#include <pthread.h>
 #include <string>
 #include <thread>
 #include <vector>

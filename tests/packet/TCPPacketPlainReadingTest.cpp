@@ -2,7 +2,6 @@
 
 #include "packet/TCPPacket.h"
 
-#include "gp/GPString.h"
 #include "support/ClientHelloBuilder.h"
 #include "support/PacketBuilder.h"
 #include "support/PlainPacket.h"

@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <sys/time.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <csignal>

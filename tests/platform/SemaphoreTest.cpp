@@ -8,7 +8,6 @@
 #include <chrono>
 #include <csignal>
 #include <future>
-#include <pthread.h>
 #include <thread>
 
 TEST(Semaphore, AWaitReturnsWhenAnotherThreadSignals) {

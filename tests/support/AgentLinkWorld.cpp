@@ -1,6 +1,7 @@
 #include "support/AgentLinkWorld.h"
 
 #include "agent/AgentLink.h"
+#include "platform/HardwareRegistry.h"
 #include "support/FixedPorts.h"
 #include "support/ManualClock.h"
 #include "support/Patience.h"

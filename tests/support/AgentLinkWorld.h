@@ -4,7 +4,6 @@
 // loopback address, a played hardware registry, sleeps that pass at once, and ports of the test's own. The
 // agent itself is made when the test wants one to be there. One for each process.
 
-#include "platform/HardwareRegistry.h"
 #include "support/AgentStandIn.h"
 #include "support/CapturedLog.h"
 #include "support/PlayedNames.h"

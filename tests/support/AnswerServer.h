@@ -4,7 +4,6 @@
 
 #include "support/LoopbackPeer.h"
 
-#include <cstddef>
 #include <string>
 #include <thread>
 #include <vector>

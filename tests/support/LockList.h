@@ -8,7 +8,6 @@
 #include <set>
 #include <sys/types.h>
 #include <utility>
-#include <vector>
 
 class GPMutex;
 

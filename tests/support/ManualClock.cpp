@@ -1,8 +1,6 @@
 #include "support/ManualClock.h"
 #include "support/Patience.h"
 
-#include <chrono>
-
 namespace testsupport {
 
 ManualClock& ManualClock::installed() {

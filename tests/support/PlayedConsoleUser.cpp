@@ -2,7 +2,6 @@
 
 #include "support/Patience.h"
 
-#include <chrono>
 #include <cstring>
 
 namespace testsupport {

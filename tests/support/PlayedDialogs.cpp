@@ -6,8 +6,6 @@
 
 #include <gtest/gtest.h>
 
-#include <chrono>
-
 namespace testsupport {
 
 std::string PlayedDialogs::Shown::text(platform::NotificationKey key) const {

@@ -2,8 +2,6 @@
 
 #include "support/Patience.h"
 
-#include <chrono>
-
 namespace testsupport {
 
 void PlayedNetworkChanges::change() {

@@ -10,8 +10,6 @@
 #include "support/PlayedNetworkChanges.h"
 #include "support/ShippedProgram.h"
 
-#include <gtest/gtest.h>
-
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>

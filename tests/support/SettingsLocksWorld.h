@@ -17,7 +17,6 @@
 #include <future>
 #include <string>
 #include <utility>
-#include <vector>
 
 namespace testsupport {
 

@@ -1,7 +1,6 @@
 #include "support/TemporaryFolder.h"
 
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <cstdlib>
 #include <filesystem>

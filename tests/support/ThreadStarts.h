@@ -3,8 +3,9 @@
 // The starts of threads in the code under test, for a test to play. A program that uses it is linked with
 // --wrap=pthread_create, so that every one comes by.
 
+#include <pthread.h> // IWYU pragma: keep (pthread_t)
+
 #include <atomic>
-#include <pthread.h>
 
 namespace testsupport {
 

@@ -2,7 +2,6 @@
 
 #include "agent/OstComm.h"
 #include "app/Daemon.h"
-#include "identity/UserAuth.h"
 #include "lab/ExtensionStandIn.h"
 #include "packet/PacketFilter.h"
 #include "platform/Clock.h"

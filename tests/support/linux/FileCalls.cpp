@@ -1,7 +1,5 @@
 #include "support/FileCalls.h"
 
-#include "support/Sanitizers.h"
-
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/stat.h>

@@ -1,7 +1,5 @@
 #include "support/LockCounter.h"
 
-#include "support/Sanitizers.h"
-
 #include <dlfcn.h>
 #include <pthread.h>
 

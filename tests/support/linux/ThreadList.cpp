@@ -5,7 +5,6 @@
 #include "support/ShippedProgram.h"
 #include "support/ThreadStarts.h"
 
-#include <pthread.h>
 #include <sys/mman.h>
 #include <sys/syscall.h>
 #include <unistd.h>
