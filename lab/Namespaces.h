@@ -4,8 +4,8 @@
 
 namespace lab {
 
-// Leaves the namespaces of these kinds (CLONE_NEWNET, CLONE_NEWNS) for new ones. False with errno where that is not
-// allowed. To be called while the process has one thread.
+// Leaves the namespaces of these kinds (CLONE_NEWNET, CLONE_NEWNS) for new ones. False with errno, and nothing changed,
+// where that cannot be. To be called while the process has one thread.
 bool unshareAsRoot(int kinds);
 
 } // namespace lab
