@@ -1,112 +1,134 @@
 #include "lab/ProgramLibraries.h"
 
 #include "lab/ElfFile.h"
+#include "lab/LibraryFolders.h"
 #include "lab/Policy.h"
 
 #include <fmt/format.h>
 
-#include <fcntl.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <cerrno>
+#include <algorithm>
+#include <cstddef>
 #include <cstdlib>
 #include <filesystem>
-#include <sstream>
-#include <stdexcept>
+#include <set>
+#include <utility>
 
 namespace lab {
 namespace {
 
 namespace fs = std::filesystem;
 
-// An interpreter needs milliseconds, but for a library that is a pipe.
-constexpr unsigned mostSeconds = 10;
+// Builds of the daemon have some dozens.
+constexpr std::size_t mostLibraries = 512;
 
-struct Told {
-    int status;
-    std::string text;
+// One whose way to look for libraries is known.
+bool isOfGlibc(const std::string& interpreter) {
+    return fs::path(interpreter).filename().string().rfind("ld-linux", 0) == 0;
+}
+
+class Search {
+public:
+    explicit Search(const std::string& program) : program_(program) { add(program, readElf(program), 0); }
+
+    // The paths of all libraries, each once.
+    std::vector<std::string> libraries() {
+        for (std::size_t i = 0; i < loaded_.size(); ++i)
+            for (const std::string& name : std::vector<std::string>(loaded_[i].file.needed))
+                if (names_.insert(name).second) load(name, i);
+        std::vector<std::string> paths;
+        for (std::size_t i = 1; i < loaded_.size(); ++i)
+            paths.push_back(loaded_[i].path);
+        return paths;
+    }
+
+private:
+    struct Loaded {
+        std::string path;
+        ElfFile file;
+        std::size_t by; // the first that names it; the program names itself
+    };
+
+    void add(const std::string& path, ElfFile file, std::size_t by) {
+        if (!file.name.empty()) names_.insert(file.name);
+        loaded_.push_back({path, std::move(file), by});
+    }
+
+    void load(const std::string& name, std::size_t by) {
+        if (loaded_.size() > mostLibraries)
+            throw InputError(program_ + ": it has more libraries than any build");
+        if (name.find('/') != std::string::npos) return loadPath(name, by);
+        for (const std::string& folder : foldersFor(by)) {
+            const std::string path = fs::path(folder) / name;
+            if (access(path.c_str(), R_OK) == 0 && loadIfFits(path, by)) return;
+        }
+        throw InputError(fmt::format(
+            "{}: its library {} is not found; install it, or name its folder, from / on, in LD_LIBRARY_PATH",
+            program_, name));
+    }
+
+    void loadPath(const std::string& name, std::size_t by) {
+        if (name.front() != '/')
+            throw InputError(
+                fmt::format("{}: its library {} is named from the folder where it runs, which in the lab "
+                            "is /; link it with a library that has a name (-soname)",
+                            program_, name));
+        if (access(name.c_str(), R_OK) != 0 || !loadIfFits(name, by))
+            throw InputError(fmt::format("{}: its library {} is not there; install it", program_, name));
+    }
+
+    bool loadIfFits(const std::string& path, std::size_t by) {
+        ElfFile file = readElfLibrary(path);
+        if (file.foreign) return false;
+        if (!file.fault.empty())
+            throw InputError(
+                fmt::format("{}: its library {} cannot be loaded: {}", program_, path, file.fault));
+        add(path, std::move(file), by);
+        return true;
+    }
+
+    std::vector<std::string> foldersFor(std::size_t by) const {
+        std::vector<std::string> folders;
+        const auto append = [&folders](const std::vector<std::string>& more) {
+            folders.insert(folders.end(), more.begin(), more.end());
+        };
+        if (loaded_[by].file.pathForItself.empty())
+            for (const std::size_t i : wayFrom(by))
+                if (loaded_[i].file.pathForItself.empty())
+                    append(foldersOf(loaded_[i].file.pathForAll, originOf(i)));
+        const char* named = std::getenv("LD_LIBRARY_PATH");
+        std::string list = named ? named : "";
+        std::replace(list.begin(), list.end(), ';', ':');
+        append(foldersOf(list, originOf(0)));
+        append(foldersOf(loaded_[by].file.pathForItself, originOf(by)));
+        append(systems_);
+        return folders;
+    }
+
+    // From it to the program.
+    std::vector<std::size_t> wayFrom(std::size_t i) const {
+        std::vector<std::size_t> way = {i};
+        while (i != 0)
+            way.push_back(i = loaded_[i].by);
+        return way;
+    }
+
+    std::string originOf(std::size_t i) const { return fs::path(loaded_[i].path).parent_path(); }
+
+    const std::string program_;
+    const std::vector<std::string> systems_ = systemsLibraryFolders();
+    std::vector<Loaded> loaded_;
+    std::set<std::string> names_;
 };
-
-[[noreturn]] void becomeInterpreter(const std::string& interpreter, const std::string& program, int output) {
-    dup2(open("/dev/null", O_RDONLY | O_CLOEXEC), STDIN_FILENO);
-    dup2(output, STDOUT_FILENO);
-    dup2(output, STDERR_FILENO);
-    unsetenv("LD_PRELOAD"); // the program has the lab's
-    unsetenv("LD_DEBUG");
-    setenv("LC_ALL", "C", 1);
-    alarm(mostSeconds);
-    execl(interpreter.c_str(), interpreter.c_str(), "--list", program.c_str(), nullptr);
-    _exit(127);
-}
-
-Told ask(const std::string& interpreter, const std::string& program) {
-    int ends[2];
-    if (pipe2(ends, O_CLOEXEC) != 0) throw std::runtime_error("no pipe for the interpreter");
-    const pid_t child = fork();
-    if (child == 0) becomeInterpreter(interpreter, program, ends[1]);
-    close(ends[1]);
-    Told told{};
-    char buffer[4096];
-    for (ssize_t count; (count = read(ends[0], buffer, sizeof buffer)) > 0;)
-        told.text.append(buffer, static_cast<std::size_t>(count));
-    close(ends[0]);
-    waitpid(child, &told.status, 0);
-    return told;
-}
-
-// Another one could do anything when it is asked.
-bool isOfThisSystem(const std::string& interpreter) {
-    std::error_code unreadable;
-    const fs::path whole = fs::canonical(interpreter, unreadable);
-    const std::string name = whole.filename().string();
-    return (whole.string().rfind("/usr/", 0) == 0 || whole.string().rfind("/lib", 0) == 0) &&
-           (name.rfind("ld-linux", 0) == 0 || name.rfind("ld-musl", 0) == 0 || name == "libc.so");
-}
-
-// "	name => /the/file (0x7f00)" or "	/the/file (0x7f00)".
-std::string fileOf(const std::string& line) {
-    const auto end = line.rfind(" (0x");
-    const auto arrow = line.find(" => ");
-    const auto begin = arrow == std::string::npos ? line.find_first_not_of('\t') : arrow + 4;
-    if (end == std::string::npos || begin == std::string::npos || begin >= end) return {};
-    const std::string file = line.substr(begin, end - begin);
-    return file.front() == '/' ? file : "";
-}
-
-// "...: error while loading shared libraries: NAME: cannot open shared object file: ...", where that is what it says.
-std::string missingLibrary(const std::string& text) {
-    const std::string before = "shared libraries: ";
-    const auto begin = text.find(before);
-    const auto end = text.find(": cannot open shared object file", begin);
-    if (begin == std::string::npos || end == std::string::npos) return {};
-    return text.substr(begin + before.size(), end - begin - before.size());
-}
-
-InputError refusal(const std::string& program, const std::string& interpreter, const Told& told) {
-    const std::string missing = missingLibrary(told.text);
-    if (!missing.empty())
-        return InputError(
-            fmt::format("{}: its library {} is not found; install it, or name its folder in LD_LIBRARY_PATH",
-                        program, missing));
-    return InputError(fmt::format("{}: {} refuses it ({}); build or copy it again", program, interpreter,
-                                  WIFSIGNALED(told.status) ? "it crashes or does not end"
-                                                           : told.text.substr(0, told.text.find('\n'))));
-}
 
 } // namespace
 
 std::vector<std::string> librariesOf(const std::string& program) {
-    const std::string interpreter = readElf(program).interpreter;
-    std::vector<std::string> files = {interpreter};
-    if (!isOfThisSystem(interpreter)) return files;
-    const Told told = ask(interpreter, program);
-    if (told.status != 0) throw refusal(program, interpreter, told);
-    std::istringstream lines(told.text);
-    for (std::string line; std::getline(lines, line);) {
-        const std::string file = fileOf(line);
-        if (!file.empty()) files.push_back(file);
-    }
+    std::vector<std::string> files = {readElf(program).interpreter};
+    if (!isOfGlibc(files.front())) return files;
+    for (const std::string& library : Search(program).libraries())
+        files.push_back(library);
     return files;
 }
 

@@ -5,9 +5,9 @@
 
 namespace lab {
 
-// The files that the ELF program's interpreter loads with it, as the interpreter finds them, which is asked itself:
-// it runs, outside of the view, and so do libraries by which the program has its own loading audited. Throws InputError,
-// which names the program, for a library that is not found and for what the interpreter refuses.
+// The files that the ELF program's interpreter loads with it: the interpreter itself, and for glibc's the libraries, as
+// it would look for them. Nothing is run for that. Throws InputError, which names the program, for a library that is
+// not found or cannot be loaded.
 std::vector<std::string> librariesOf(const std::string& program);
 
 } // namespace lab

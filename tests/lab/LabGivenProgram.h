@@ -26,6 +26,8 @@ protected:
     const std::string onlooker_ = OSTLER_BINARY_DIR "/tests/lab_onlooker";
     const std::string unruly_ = OSTLER_BINARY_DIR "/tests/lab_unruly";
     const std::string borrower_ = OSTLER_BINARY_DIR "/tests/lab_borrower";
+    const std::string neighbour_ = OSTLER_BINARY_DIR "/tests/lab_neighbour";
+    const std::string audited_ = OSTLER_BINARY_DIR "/tests/lab_audited";
     const std::string borrowed_ = OSTLER_BINARY_DIR "/tests/liblab_borrowed.so";
 };
 
