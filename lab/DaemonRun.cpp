@@ -20,6 +20,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -82,7 +83,11 @@ void DaemonRun::takeOutput(int output, const std::vector<int>& foreign) {
 
 void DaemonRun::runSystemProgram(bool separate) {
     if (!separate) {
-        std::perror("a program of this system needs namespaces for its mounts and processes");
+        std::fprintf(
+            stderr, "a program of this system needs namespaces of mounts, processes and IPC: %s\n",
+            errno == ENOSPC
+                ? "all that user.max_*_namespaces allows are in use; raise it with sysctl"
+                : (std::string(std::strerror(errno)) + "; run the lab as root, or allow them").c_str());
         _exit(cannotRun);
     }
     becomeSystemProgram(program_, root_, {"fernhill", "-logecho"}, clock_ ? clock_->memory() : -1);
@@ -162,7 +167,7 @@ bool DaemonRun::waitFor(const long& number, long count, int milliseconds) {
 // Until nobody can write any more or the daemon has ended: what a process that it leaves behind still writes is not
 // waited for.
 void DaemonRun::readOutput(int output) {
-    OutputFile file(root_.output());
+    OutputFile file(root_.openOutput());
     OutputLines lines([this](const std::string& line) { takeLine(line); });
     std::vector<char> buffer(65536);
     const auto take = [&](std::size_t most) {

@@ -2,6 +2,9 @@
 
 #include <fmt/format.h>
 
+#include <sys/types.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <utility>
 
@@ -11,20 +14,27 @@ namespace {
 constexpr std::size_t largestFile = 32 << 20;
 constexpr std::size_t longestLine = 1 << 20;
 
-} // namespace
-
-// No file of this process is one of a program that it starts.
-OutputFile::OutputFile(const std::string& path) : file_(std::fopen(path.c_str(), "wbe"), std::fclose) {
-    if (file_) setvbuf(file_.get(), nullptr, _IONBF, 0);
+void writeWhole(int file, const char* bytes, std::size_t count) {
+    while (count > 0) {
+        const ssize_t written = write(file, bytes, count);
+        if (written <= 0) return;
+        bytes += written;
+        count -= static_cast<std::size_t>(written);
+    }
 }
 
+} // namespace
+
+OutputFile::OutputFile(Descriptor file) : file_(std::move(file)) {}
+
 OutputFile::~OutputFile() {
-    if (file_ && written_ > largestFile)
-        fmt::print(file_.get(), "\n(the daemon wrote {} bytes in all)\n", written_);
+    if (written_ <= largestFile) return;
+    const std::string last = fmt::format("\n(the daemon wrote {} bytes in all)\n", written_);
+    writeWhole(file_, last.data(), last.size());
 }
 
 void OutputFile::write(const char* bytes, std::size_t count) {
-    if (file_ && written_ < largestFile) std::fwrite(bytes, 1, count, file_.get());
+    if (written_ < largestFile) writeWhole(file_, bytes, count);
     written_ += count;
 }
 

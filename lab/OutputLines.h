@@ -2,18 +2,18 @@
 
 // What becomes of a daemon's output: a file of a bounded size, and lines of a bounded length.
 
+#include "lab/Descriptor.h"
+
 #include <cstddef>
-#include <cstdio>
 #include <functional>
-#include <memory>
 #include <string>
 
 namespace lab {
 
 class OutputFile {
 public:
-    // Takes nothing where the file cannot be written.
-    explicit OutputFile(const std::string& path);
+    // Takes nothing without a file.
+    explicit OutputFile(Descriptor file);
 
     // Tells how much there was, where that is more than the file has taken.
     ~OutputFile();
@@ -24,7 +24,7 @@ public:
     void write(const char* bytes, std::size_t count);
 
 private:
-    const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file_;
+    const Descriptor file_;
     std::size_t written_ = 0;
 };
 

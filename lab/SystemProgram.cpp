@@ -1,5 +1,7 @@
 #include "lab/SystemProgram.h"
 
+#include "lab/Descriptor.h"
+#include "lab/ElfFile.h"
 #include "lab/ProgramLibraries.h"
 #include "lab/SystemView.h"
 
@@ -7,12 +9,16 @@
 #include <linux/capability.h>
 #include <sched.h>
 #include <sys/prctl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
+#include <stdexcept>
 #include <system_error>
+#include <utility>
 
 namespace lab {
 
@@ -48,6 +54,31 @@ void setSurroundings(int clock) {
     if (clock >= 0) setenv("OSTLER_PLAYED_CLOCK", std::to_string(clock).c_str(), 1);
 }
 
+bool areTheSame(int one, int other) {
+    struct stat first {
+    }, second{};
+    return fstat(one, &first) == 0 && fstat(other, &second) == 0 && first.st_dev == second.st_dev &&
+           first.st_ino == second.st_ino;
+}
+
+// Where the running program looks for itself, and for what lies beside it.
+std::string pathOf(int file) {
+    std::error_code unreadable;
+    return std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(file), unreadable);
+}
+
+// In its place, where the view has it there: by a file opened before, one on a volume of its own would have lost its
+// folder.
+Descriptor programInView(const std::string& program, Descriptor before, bool looksBesideItself) {
+    Descriptor there(open(program.c_str(), O_RDONLY | O_CLOEXEC));
+    if (there >= 0 && areTheSame(there, before)) return there;
+    if (looksBesideItself && pathOf(before) != program)
+        throw std::runtime_error(program +
+                                 ": it looks for libraries beside itself, where a program in the lab "
+                                 "has a folder of the lab's; move it below /opt");
+    return before;
+}
+
 void giveDescriptorsUp(int clock) {
     const int nothing = open("/dev/null", O_RDONLY | O_CLOEXEC);
     require(nothing >= 0 && dup2(nothing, STDIN_FILENO) == STDIN_FILENO, "/dev/null");
@@ -65,9 +96,11 @@ void becomeSystemProgram(const std::string& program, const RootFolder& root,
         pointers.push_back(const_cast<char*>(word.c_str()));
     pointers.push_back(nullptr);
     try {
-        const int file = open(program.c_str(), O_RDONLY | O_CLOEXEC);
-        require(file >= 0, program);
-        enterView(root, librariesOf(program));
+        Descriptor before(open(program.c_str(), O_RDONLY | O_CLOEXEC));
+        require(before >= 0, program);
+        const bool looksBesideItself = readElf(program).looksBesideItself;
+        enterView(root, program, librariesOf(program));
+        const Descriptor file = programInView(program, std::move(before), looksBesideItself);
         giveDescriptorsUp(clock);
         giveRightsUp();
         setSurroundings(clock);

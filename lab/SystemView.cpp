@@ -1,17 +1,21 @@
 #include "lab/SystemView.h"
 
+#include "lab/Descriptor.h"
+#include "lab/FilesBelow.h"
+
 #include <fmt/format.h>
 
 #include <fcntl.h>
-#include <linux/openat2.h>
 #include <sys/mount.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstddef>
+#include <cstdint>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <stdexcept>
 #include <system_error>
 
@@ -33,52 +37,46 @@ void require(bool done, const std::string& what) {
     if (!done) throw std::system_error(errno, std::generic_category(), what);
 }
 
-class Descriptor {
-public:
-    Descriptor(int number, const std::string& what) : number_(number) { require(number >= 0, what); }
-    Descriptor(Descriptor&& other) noexcept : number_(other.number_) { other.number_ = -1; }
-    ~Descriptor() {
-        if (number_ >= 0) close(number_);
-    }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-    operator int() const { return number_; }
-
-private:
-    int number_;
-};
+Descriptor required(Descriptor descriptor, const std::string& what) {
+    require(descriptor >= 0, what);
+    return descriptor;
+}
 
 // A file or folder by what it is and not by its path, which the view may cover.
-Descriptor found(const fs::path& path) { return {open(path.c_str(), O_PATH | O_CLOEXEC), path}; }
+Descriptor found(const fs::path& path) {
+    return required(Descriptor(open(path.c_str(), O_PATH | O_CLOEXEC)), path);
+}
 
-void mountMemory(const fs::path& place, const char* options) {
+// Of a size that bounds what a program can take of the machine's memory.
+void mountMemory(const fs::path& place, const char* mode) {
     fs::create_directories(place);
-    require(mount("lab", place.c_str(), "tmpfs", plain, options) == 0, place);
+    const std::string options = fmt::format("mode={},size=64m,nr_inodes=65536", mode);
+    require(mount("lab", place.c_str(), "tmpfs", plain, options.c_str()) == 0, place);
 }
 
 void writeWhole(const fs::path& file, const std::string& text) {
     require(static_cast<bool>(std::ofstream(file) << text << std::flush), file);
 }
 
-// Shows a file or folder below `from`, with all that is mounted in it, at another place, which must be there.
-void show(int from, const fs::path& below, const fs::path& place, std::uint64_t attributes) {
-    const Descriptor tree(
-        open_tree(from, below.c_str(), OPEN_TREE_CLONE | OPEN_TREE_CLOEXEC | AT_RECURSIVE | AT_EMPTY_PATH),
-        place);
+// Shows a file or folder, with all that is mounted in it, at another place, which must be one of the same kind.
+void show(int what, int place, const std::string& name, std::uint64_t attributes) {
+    const Descriptor tree = required(
+        Descriptor(open_tree(what, "", OPEN_TREE_CLONE | OPEN_TREE_CLOEXEC | AT_RECURSIVE | AT_EMPTY_PATH)),
+        name);
     mount_attr wanted{};
     wanted.attr_set = attributes;
-    require(mount_setattr(tree, "", AT_EMPTY_PATH | AT_RECURSIVE, &wanted, sizeof wanted) == 0, place);
-    require(move_mount(tree, "", AT_FDCWD, place.c_str(), MOVE_MOUNT_F_EMPTY_PATH) == 0, place);
+    require(mount_setattr(tree, "", AT_EMPTY_PATH | AT_RECURSIVE, &wanted, sizeof wanted) == 0, name);
+    require(move_mount(tree, "", place, "", MOVE_MOUNT_F_EMPTY_PATH | MOVE_MOUNT_T_EMPTY_PATH) == 0, name);
 }
 
 void showFolder(const fs::path& from, const fs::path& place, std::uint64_t attributes) {
     fs::create_directory(place);
-    show(AT_FDCWD, from, place, attributes);
+    show(found(from), found(place), place, attributes);
 }
 
 void showFile(int file, const fs::path& place, std::uint64_t attributes) {
     writeWhole(place, "");
-    show(file, "", place, attributes);
+    show(file, found(place), place, attributes);
 }
 
 bool belongsToTheLab(const fs::path& name) {
@@ -98,15 +96,20 @@ void showMachine(const fs::path& view) {
     }
 }
 
-std::string hostsOf(const fs::path& root) {
-    std::ifstream file(root / "etc/hosts", std::ios::binary);
-    if (!file) return "127.0.0.1 localhost\n::1 localhost\n";
-    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+std::string hostsOf(int root) {
+    const Descriptor file = openFileBelow(root, "etc/hosts", O_RDONLY);
+    if (file < 0 && errno == ENOENT) return "127.0.0.1 localhost\n::1 localhost\n";
+    if (file < 0) throw std::runtime_error(fmt::format("etc/hosts: {}", faultBelow(errno)));
+    std::string text;
+    char buffer[4096];
+    for (ssize_t count; (count = read(file, buffer, sizeof buffer)) > 0;)
+        text.append(buffer, static_cast<std::size_t>(count));
+    return text;
 }
 
 // The machine's files by links, but for those that say what names mean.
 void makeEtc(const fs::path& view, const std::string& hosts) {
-    mountMemory(view / "etc", "mode=0755");
+    mountMemory(view / "etc", "0755");
     showFolder("/etc", view / "run/fernhill-lab/etc", forReading);
     for (const fs::directory_entry& entry : fs::directory_iterator("/etc")) {
         const fs::path name = entry.path().filename();
@@ -118,12 +121,12 @@ void makeEtc(const fs::path& view, const std::string& hosts) {
 }
 
 void makeDevices(const fs::path& view) {
-    mountMemory(view / "dev", "mode=0755");
+    mountMemory(view / "dev", "0755");
     for (const char* name : {"null", "zero", "full", "random", "urandom", "tty"}) {
         const fs::path device = fs::path("/dev") / name;
         if (fs::exists(device)) showFile(found(device), view / "dev" / name, asDevice);
     }
-    mountMemory(view / "dev/shm", "mode=1777");
+    mountMemory(view / "dev/shm", "1777");
     fs::create_symlink("/proc/self/fd", view / "dev/fd");
     const char* const names[] = {"stdin", "stdout", "stderr"};
     for (int i = 0; i < 3; ++i)
@@ -134,25 +137,24 @@ void makeDevices(const fs::path& view) {
 void makeProcesses(const fs::path& view) {
     fs::create_directory(view / "proc");
     if (mount("proc", (view / "proc").c_str(), "proc", plain | MS_NOEXEC | MS_RDONLY, nullptr) == 0) return;
-    show(AT_FDCWD, "/proc", view / "proc", forReading);
+    show(found("/proc"), found(view / "proc"), "/proc", forReading);
 }
 
 // The root's folder in place of the machine's, where there is one.
-void showRoots(int root, const fs::path& view, const fs::path& folder) {
-    if (faccessat(root, folder.c_str(), F_OK, 0) != 0) return;
-    std::error_code isThere;
-    fs::create_directories(view / folder, isThere);
-    show(root, folder, view / folder, forWriting);
+void showRoots(int root, int view, const std::string& folder) {
+    const Descriptor own = openBelow(root, folder, O_PATH | O_DIRECTORY, Links::refused);
+    if (own < 0 && errno == ENOENT) return;
+    require(own >= 0, folder);
+    show(own, required(makeFolderBelow(view, folder, Links::followed), folder), folder, forWriting);
 }
 
 // At their fixed place, and at the one that their own addresses name, by which the daemon finds the options.
-void showSockets(int root, const fs::path& rootPath, const fs::path& view) {
-    const fs::path sockets = "var/run/fernhill";
-    const fs::path fixed = fs::is_symlink("/var/run") ? "run/fernhill" : sockets;
-    for (const fs::path& place : {view / fixed, view / (rootPath / sockets).relative_path()}) {
-        if (!fs::exists(place)) fs::create_directories(place);
-        show(root, sockets, place, forWriting);
-    }
+void showSockets(int root, const std::string& rootPath, int view) {
+    const std::string sockets = "/var/run/fernhill";
+    const Descriptor own =
+        required(openBelow(root, sockets.substr(1), O_PATH | O_DIRECTORY, Links::refused), sockets);
+    for (const std::string& place : {sockets, rootPath + sockets})
+        show(own, required(makeFolderBelow(view, place, Links::followed), place), place, forWriting);
 }
 
 struct NeededFile {
@@ -167,66 +169,76 @@ std::vector<NeededFile> filesOf(const std::vector<std::string>& paths) {
     return files;
 }
 
-bool isSeen(const fs::path& view, const fs::path& path) {
-    const Descriptor top = found(view);
-    open_how how{};
-    how.flags = O_PATH | O_CLOEXEC;
-    how.resolve = RESOLVE_IN_ROOT;
-    const int file =
-        static_cast<int>(syscall(SYS_openat2, static_cast<int>(top), path.c_str(), &how, sizeof how));
-    if (file >= 0) close(file);
-    return file >= 0;
+bool isSeen(int view, const NeededFile& needed) {
+    const Descriptor there = openBelow(view, needed.path, O_PATH, Links::followed);
+    struct stat seen {
+    }, wanted{};
+    return there >= 0 && fstat(there, &seen) == 0 && fstat(needed.file, &wanted) == 0 &&
+           seen.st_dev == wanted.st_dev && seen.st_ino == wanted.st_ino;
 }
 
-// Only where all that the view has is its own.
-void showNeeded(const fs::path& view, const NeededFile& needed) {
-    if (isSeen(view, needed.path)) return;
-    fs::path path = needed.path.lexically_normal();
-    if (path.string().rfind("/var/run/", 0) == 0 && fs::is_symlink("/var/run"))
-        path = "/run" / path.lexically_relative("/var/run");
-    const std::string text = path.string();
-    if (text.rfind("/tmp/", 0) == 0 || text.rfind("/run/", 0) == 0) {
-        fs::create_directories(view / path.parent_path().relative_path());
-        if (!isSeen(view, path)) showFile(needed.file, view / path.relative_path(), forReading);
-    }
-    if (!isSeen(view, needed.path))
-        throw std::runtime_error(
-            fmt::format("{}: the program needs it and cannot see it there; move it below /usr or /opt",
-                        needed.path.string()));
+// Where all that the view has is its own.
+bool canBeShown(const fs::path& path) {
+    const std::string text = path.lexically_normal();
+    for (const char* own : {"/tmp/", "/run/", "/var/run/", "/dev/shm/"})
+        if (text.rfind(own, 0) == 0) return true;
+    return false;
+}
+
+// False where the program cannot see it in its place.
+bool showNeeded(int view, const NeededFile& needed) {
+    if (isSeen(view, needed)) return true;
+    if (!canBeShown(needed.path)) return false;
+    const Descriptor folder = makeFolderBelow(view, needed.path.parent_path(), Links::followed);
+    const std::string name = needed.path.filename();
+    const Descriptor place(
+        openat(folder, name.c_str(), O_CREAT | O_EXCL | O_WRONLY | O_NOFOLLOW | O_CLOEXEC, 0600));
+    if (folder < 0 || place < 0) return false;
+    show(needed.file, openBelow(folder, name, O_PATH, Links::refused), needed.path, forReading);
+    return true;
 }
 
 // In place of a folder of the machine that the view does not show.
 fs::path placeOfView() { return fs::is_directory("/run") ? "/run" : "/tmp"; }
 
-void makeView(const RootFolder& root, const std::vector<std::string>& needed, const fs::path& view) {
+void makeView(const RootFolder& root, const std::string& program, const std::vector<std::string>& libraries,
+              const fs::path& view) {
     const Descriptor folder = found(root.path());
     const Descriptor playedTime = found(OSTLER_PLAYED_TIME_PATH);
-    const std::vector<NeededFile> files = filesOf(needed);
-    const std::string hosts = hostsOf(root.path());
-    mountMemory(view, "mode=0755");
+    const std::vector<NeededFile> files = filesOf(libraries);
+    const NeededFile programFile{program, found(program)};
+    const std::string hosts = hostsOf(folder);
+    mountMemory(view, "0755");
+    const Descriptor top = found(view);
     showMachine(view);
-    mountMemory(view / "tmp", "mode=1777");
-    mountMemory(view / "run", "mode=0755");
-    if (!fs::is_symlink("/var/run")) mountMemory(view / "var/run", "mode=0755");
+    mountMemory(view / "tmp", "1777");
+    mountMemory(view / "run", "0755");
+    if (!fs::is_symlink("/var/run")) mountMemory(view / "var/run", "0755");
     fs::create_directories(view / "run/fernhill-lab/bin");
     makeEtc(view, hosts);
     makeDevices(view);
     makeProcesses(view);
     for (const char* own : {"Library", "system", "usr/local/bin", "usr/local/etc"})
-        showRoots(folder, view, own);
-    showSockets(folder, root.path(), view);
-    show(folder, "bin", view / "run/fernhill-lab/bin", forReading);
+        showRoots(folder, top, own);
+    showSockets(folder, root.path(), top);
+    show(required(openBelow(folder, "bin", O_PATH | O_DIRECTORY, Links::refused), "bin"),
+         found(view / "run/fernhill-lab/bin"), "bin", forReading);
     showFile(playedTime, view / fs::path(viewsPlayedTime).relative_path(), forReading);
-    for (const NeededFile& file : files)
-        showNeeded(view, file);
+    showNeeded(top, programFile);
+    for (const NeededFile& library : files)
+        if (!showNeeded(top, library))
+            throw std::runtime_error(
+                fmt::format("{}: the program needs it and cannot see it there; move it below /usr or /opt",
+                            library.path.string()));
 }
 
 } // namespace
 
-void enterView(const RootFolder& root, const std::vector<std::string>& needed) {
+void enterView(const RootFolder& root, const std::string& program,
+               const std::vector<std::string>& libraries) {
     require(mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0, "/");
     const std::string view = placeOfView();
-    makeView(root, needed, view);
+    makeView(root, program, libraries, view);
     require(chdir(view.c_str()) == 0, view);
     // The machine's folders are gone for good, but where its root is no mount of its own, as in a chroot.
     if (syscall(SYS_pivot_root, ".", ".") == 0)

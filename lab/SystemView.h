@@ -16,9 +16,9 @@ extern const char* const viewsLabFolder;
 // The library in front of the program, in a view.
 extern const char* const viewsPlayedTime;
 
-// Makes the view and enters it, with the machine's own folders out of reach. Files of `needed` that the view would not
-// have, below /tmp and /run, are shown in it. To be called in mount and process namespaces of this process's own.
-// Throws.
-void enterView(const RootFolder& root, const std::vector<std::string>& needed);
+// Makes the view and enters it, with the machine's own folders out of reach. The program and its libraries are shown in
+// it where they lie, below /tmp and /run too; a program where the view has another folder is not. To be called in mount
+// and process namespaces of this process's own. Throws, for a library that cannot be shown too.
+void enterView(const RootFolder& root, const std::string& program, const std::vector<std::string>& libraries);
 
 } // namespace lab

@@ -4,7 +4,6 @@
 #include "lab/EndingSignals.h"
 #include "lab/LabGivenProgram.h"
 #include "lab/OutputLines.h"
-#include "lab/Policy.h"
 #include "lab/RootFolder.h"
 #include "support/Eventually.h"
 
@@ -14,7 +13,6 @@
 #include <signal.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -162,72 +160,6 @@ TEST_F(EndOfAProgram, ComesWithALabThatIsKilledWhoseFolderTheNextOneRemoves) {
     EXPECT_FALSE(fs::is_empty(temporary_));
     EXPECT_EQ(replay({}).status, 0);
     EXPECT_TRUE(fs::is_empty(temporary_));
-}
-
-class AbandonedFolder : public testing::Test {
-protected:
-    void SetUp() override { setenv("TMPDIR", folder_.path().c_str(), 1); }
-
-    // The folder of a lab that ends without ending it.
-    std::string abandoned() {
-        const pid_t child = fork();
-        if (child == 0) {
-            new lab::RootFolder("");
-            _exit(0);
-        }
-        waitpid(child, nullptr, 0);
-        return fs::directory_iterator(folder_.path())->path();
-    }
-
-    const TemporaryFolder folder_;
-};
-
-TEST_F(AbandonedFolder, GoesWhenTheNextOneIsMade) {
-    const std::string path = abandoned();
-    ASSERT_TRUE(fs::exists(path + "/bin/kextload"));
-    const lab::RootFolder next("");
-
-    EXPECT_FALSE(fs::exists(path));
-}
-
-TEST_F(AbandonedFolder, IsNoneThatIsInUse) {
-    const lab::RootFolder one(""), other("");
-
-    EXPECT_TRUE(fs::exists(one.programs()));
-    EXPECT_TRUE(fs::exists(other.programs()));
-}
-
-TEST_F(AbandonedFolder, IsNoneOfAnotherNameOrOrigin) {
-    const std::string other = folder_.file("fernhill-backup");
-    writeAll(other + "/mine", "kept");
-    fs::create_directory_symlink(other, folder_.file("fernhill-linked"));
-    writeAll(folder_.file("fernhill-longer-name/.of-fernhill-lab"), "");
-    const lab::RootFolder next("");
-
-    EXPECT_EQ(readAll(other + "/mine"), "kept");
-    EXPECT_TRUE(fs::exists(folder_.file("fernhill-longer-name")));
-}
-
-TEST_F(AbandonedFolder, OfAnotherUserStays) {
-    if (getuid() != 0) GTEST_SKIP() << "only root can make another user's folder";
-    const std::string path = abandoned();
-    ASSERT_EQ(chown(path.c_str(), 65534, 65534), 0);
-    const lab::RootFolder next("");
-
-    EXPECT_TRUE(fs::exists(path));
-}
-
-TEST_F(AbandonedFolder, WithAProgramsLinkOrPipeForAConfigurationIsNotWrittenThrough) {
-    const std::string given = folder_.file("given"), configuration = given + "/Library/twsys/fernhill.xml";
-    const lab::RootFolder root(given);
-    writeAll(folder_.file("other"), "kept");
-    fs::create_symlink(folder_.file("other"), configuration);
-    EXPECT_THROW(root.configure(false, 0), lab::InputError);
-    EXPECT_EQ(readAll(folder_.file("other")), "kept");
-
-    fs::remove(configuration);
-    ASSERT_EQ(mkfifo(configuration.c_str(), 0600), 0);
-    EXPECT_THROW(root.configure(false, 0), lab::InputError);
 }
 
 TEST(SignalsThatEndTheLab, AreWaitingWhileItIsMadeAndEndItAfterwards) {

@@ -1,11 +1,14 @@
 // The libraries of a build that the lab is given: found without running anything of it, and shown to it in its view.
 
 #include "lab/LabGivenProgram.h"
+#include "lab/Namespaces.h"
 #include "lab/ProgramLibraries.h"
 
 #include <gtest/gtest.h>
 
 #include <elf.h>
+#include <sched.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 
 #include <chrono>
@@ -128,6 +131,19 @@ TEST_F(LibrariesOfAProgram, LieBehindALinkOrBesideItself) {
     unsetenv("LD_LIBRARY_PATH");
     fs::copy(neighbour_, folder_.file("libraries/neighbour"));
     expectBorrowed(folder_.file("libraries/neighbour"));
+}
+
+TEST_F(LibrariesOfAProgram, LieBesideItOnAVolumeOfItsOwn) {
+    const std::string volume = folder_.file("volume");
+    fs::create_directory(volume);
+    ASSERT_TRUE(lab::unshareAsRoot(CLONE_NEWNS));
+    ASSERT_EQ(mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
+    ASSERT_EQ(mount("volume", volume.c_str(), "tmpfs", 0, nullptr), 0);
+    fs::copy(neighbour_, volume + "/neighbour");
+    fs::copy(borrowed_, volume + "/liblab_borrowed.so");
+
+    expectBorrowed(volume + "/neighbour");
+    umount2(volume.c_str(), MNT_DETACH);
 }
 
 TEST_F(LibrariesOfAProgram, ArePipesOrTextsOrCutShort) {

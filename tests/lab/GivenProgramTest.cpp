@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <sched.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -18,6 +19,7 @@ namespace fs = std::filesystem;
 using labtest::GivenProgram;
 using labtest::LabRun;
 using testsupport::readAll;
+using testsupport::writeAll;
 
 TEST_F(GivenProgram, OfThisSystemDecidesAsTheLabsOwn) {
     const LabRun own = replay({"--json", folder_.file("own")});
@@ -61,7 +63,8 @@ TEST_F(GivenProgram, HasFewOfRootsRightsAndNoneOfTheLabsThings) {
           "NoNewPrivs:\t1\n", "processes 2\n", "descriptors 0 1 2\n", "mount: Operation not permitted\n",
           "chroot: Operation not permitted\n", "/dev/null: seen\n", "/dev/kmsg: unseen\n",
           "/dev/mem: unseen\n", "/usr: nosuid nodev\n", "/tmp: nosuid nodev\n", "/Library: nosuid nodev\n",
-          "/var/run/fernhill: nosuid nodev\n", "/proc: nosuid nodev\n"})
+          "/var/run/fernhill: nosuid nodev\n", "/proc: nosuid nodev\n", "/tmp holds 64 MB\n",
+          "/run holds 64 MB\n", "/dev/shm holds 64 MB\n"})
         EXPECT_NE(run.err.find(line), std::string::npos) << line << "is missing in:\n" << run.err;
 }
 
@@ -81,6 +84,64 @@ TEST_F(GivenProgram, LiesWhereItsPathHasBlanksOrIsALinkOrIsRelative) {
     for (const std::string& path :
          {folder_.file("a build of mine"), std::string("link"), std::string("./link")})
         EXPECT_NE(replay({"--program", path}).err.find("word -logecho\n"), std::string::npos) << path;
+}
+
+TEST_F(GivenProgram, HasItsRootInATemporaryFolderByAnyPath) {
+    const std::string name = fs::path(folder_.path()).filename();
+    fs::create_directories(folder_.file(name));
+    fs::create_directory(folder_.file("below"));
+    fs::create_directory_symlink(folder_.file(name), folder_.file("link"));
+    fs::current_path(folder_.file("below"));
+    for (const std::string& place : {"../" + name, folder_.file("link"), std::string("/proc/self/cwd")}) {
+        setenv("TMPDIR", place.c_str(), 1);
+        const LabRun run = replay({"--program", fernhill_});
+        EXPECT_EQ(run.status, 0) << place << ": " << run.err;
+    }
+    EXPECT_FALSE(fs::exists("/" + name)) << "made where the view should have been";
+    EXPECT_TRUE(fs::is_empty(folder_.file(name)));
+}
+
+TEST_F(GivenProgram, IsNotRunWithAPipeForTheNamesOfHosts) {
+    const std::string root = folder_.file("root");
+    fs::create_directories(root + "/etc");
+    ASSERT_EQ(mkfifo((root + "/etc/hosts").c_str(), 0600), 0);
+    const LabRun run = replay({"--root", root, "--program", onlooker_});
+
+    EXPECT_EQ(run.status, 2);
+    EXPECT_EQ(run.err, "fernhill-lab: " + root +
+                           "/etc/hosts: it is no regular file; remove it, or give another folder\n");
+}
+
+TEST_F(GivenProgram, IsNotRunInARootWithALinkInIt) {
+    const std::string root = folder_.file("root"), elsewhere = folder_.file("elsewhere");
+    fs::create_directories(root + "/Library");
+    fs::create_directory(elsewhere);
+    fs::create_directory_symlink(elsewhere, root + "/Library/Logs");
+    const LabRun run = replay({"--root", root, "--program", onlooker_});
+
+    EXPECT_EQ(run.status, 2);
+    EXPECT_EQ(run.err, "fernhill-lab: " + root +
+                           "/Library/Logs: a link lies there or on the way, and none is followed; remove it, "
+                           "or give another folder\n");
+    EXPECT_TRUE(fs::is_empty(elsewhere));
+}
+
+TEST_F(GivenProgram, IsNotRunWithoutTheNamespacesThatAreAllInUse) {
+    const std::string user = "0 " + std::to_string(getuid()) + " 1",
+                      group = "0 " + std::to_string(getgid()) + " 1";
+    if (unshare(CLONE_NEWUSER) != 0) GTEST_SKIP() << "this user may have no namespace of users";
+    writeAll("/proc/self/setgroups", "deny");
+    writeAll("/proc/self/uid_map", user);
+    writeAll("/proc/self/gid_map", group);
+    writeAll("/proc/sys/user/max_ipc_namespaces", "0");
+    if (readAll("/proc/sys/user/max_ipc_namespaces") != "0\n") GTEST_SKIP() << "no limit can be set";
+    const LabRun run = replay({"--program", onlooker_});
+
+    EXPECT_EQ(run.status, 1);
+    EXPECT_NE(run.err.find("a program of this system needs namespaces of mounts, processes and IPC: all that "
+                           "user.max_*_namespaces allows are in use; raise it with sysctl\n"),
+              std::string::npos)
+        << run.err;
 }
 
 TEST_F(GivenProgram, ThatIsSetuidRunsAsItsUserAtThePlayedTime) {

@@ -61,6 +61,7 @@ void tellFlags(const char* folder) {
     const bool seen = statvfs(folder, &volume) == 0;
     std::printf("%s:%s%s\n", folder, seen && (volume.f_flag & ST_NOSUID) ? " nosuid" : "",
                 seen && (volume.f_flag & ST_NODEV) ? " nodev" : "");
+    std::printf("%s holds %llu MB\n", folder, (volume.f_frsize * 1ULL * volume.f_blocks) >> 20);
 }
 
 void tellWhetherAllowed(const char* call, bool done) {
@@ -85,7 +86,7 @@ int main(int count, char** words) {
     tellWhetherAllowed("chroot", chroot("/tmp") == 0);
     for (const char* device : {"/dev/null", "/dev/kmsg", "/dev/mem"})
         std::printf("%s: %s\n", device, access(device, F_OK) == 0 ? "seen" : "unseen");
-    for (const char* folder : {"/usr", "/tmp", "/Library", "/var/run/fernhill", "/proc"})
+    for (const char* folder : {"/usr", "/tmp", "/Library", "/var/run/fernhill", "/proc", "/run", "/dev/shm"})
         tellFlags(folder);
     std::printf("preload %s\n", std::getenv("LD_PRELOAD") ? "seen" : "unseen");
 }
