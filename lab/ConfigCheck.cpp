@@ -7,6 +7,7 @@
 #include "gp/GPString.h"
 #include "gp/Owned.h"
 #include "lab/CsvFile.h"
+#include "lab/EndingSignals.h"
 #include "lab/Policy.h"
 #include "lab/RootFolder.h"
 #include "lab/Terminal.h"
@@ -312,7 +313,9 @@ void writeCsv(const std::string& path, const std::vector<ConfigFinding>& finding
 
 std::vector<ConfigFinding> checkConfiguration(const std::string& path) {
     const std::string text = contentOf(path);
+    const EndingSignals signals;
     const RootFolder root("");
+    const EndingWatch watch([&root] { root.remove(); });
     platform::HostPaths::setRoot(root.path().c_str());
     std::ofstream copy(platform::HostPaths::configurationFile(), std::ios::binary);
     copy << text;

@@ -114,25 +114,49 @@ void DaemonRun::runDaemon() {
 }
 
 void DaemonRun::stop() {
-    if (running()) kill(pid_, SIGTERM);
+    if (running()) send(SIGTERM);
     const auto limit = std::chrono::steady_clock::now() + std::chrono::milliseconds(stopMilliseconds);
     while (running() && std::chrono::steady_clock::now() < limit)
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    if (running()) {
-        int status = 0;
-        kill(pid_, SIGKILL);
-        waitpid(pid_, &status, 0);
-        noteEnding(status);
-    }
+    endNow();
     if (reader_.joinable()) reader_.join();
     if (ended_ >= 0) close(ended_);
     ended_ = -1;
 }
 
+void DaemonRun::send(int signal) {
+    std::lock_guard<std::mutex> lock(life_);
+    if (pid_ > 0) kill(pid_, signal);
+}
+
+void DaemonRun::endNow() {
+    std::lock_guard<std::mutex> lock(life_);
+    killAndBury();
+}
+
+void DaemonRun::endForGood() {
+    life_.lock(); // and never unlocked
+    killAndBury();
+}
+
+void DaemonRun::killAndBury() {
+    if (pid_ <= 0) return;
+    int status = 0;
+    kill(pid_, SIGKILL);
+    waitpid(pid_, &status, 0);
+    noteEnding(status);
+}
+
 bool DaemonRun::running() {
+    std::lock_guard<std::mutex> lock(life_);
     int status = 0;
     if (pid_ > 0 && waitpid(pid_, &status, WNOHANG) == pid_) noteEnding(status);
     return pid_ > 0;
+}
+
+pid_t DaemonRun::pid() {
+    std::lock_guard<std::mutex> lock(life_);
+    return pid_;
 }
 
 // The process id belongs to nobody, or to somebody else, from now on.

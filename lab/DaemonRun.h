@@ -37,14 +37,15 @@ public:
     // processes.
     void stop();
 
+    // Ends the daemon and all processes of a given program at once. From then on whoever asks after it waits for ever,
+    // so that no thread tells of an end that the lab has brought about: the lab is to end now. On any thread.
+    void endForGood();
+
     // How the daemon has ended: "status 1", "signal 9"; empty while it runs.
     const std::string& ending() const { return ending_; }
 
     bool running();
-    pid_t pid() const { return pid_; }
-
-    // A pidfd of the daemon from its start until it is stopped; -1 where the system has none.
-    int process() const { return ended_; }
+    pid_t pid();
 
     // How many queries the daemon has resolved so far, with or without an open record.
     long resolved();
@@ -60,6 +61,9 @@ private:
     static void takeOutput(int output, const std::vector<int>& foreign);
     [[noreturn]] void runSystemProgram(bool separate);
     [[noreturn]] void runDaemon();
+    void send(int signal);
+    void endNow();
+    void killAndBury();
     void readOutput(int output);
     void takeLine(const std::string& line);
     bool waitFor(const long& number, long count, int milliseconds);
@@ -69,11 +73,12 @@ private:
     PlayedClock* const clock_;
     const std::string program_;
     const std::function<void()> surroundings_;
-    ProcessSpace space_; // of a given program
-    pid_t pid_ = -1;
-    int ended_ = -1; // a pidfd of it
+    int ended_ = -1; // a pidfd of the daemon
     std::thread reader_;
 
+    std::mutex life_;    // guards the three below, once the daemon has been started
+    ProcessSpace space_; // of a given program
+    pid_t pid_ = -1;
     std::string ending_;
 
     std::mutex mutex_; // guards all below

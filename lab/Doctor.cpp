@@ -1,6 +1,7 @@
 #include "lab/Doctor.h"
 
 #include "lab/CsvFile.h"
+#include "lab/EndingSignals.h"
 #include "lab/MacProgram.h"
 #include "lab/PolicyAgent.h"
 #include "lab/PrivateNetwork.h"
@@ -97,6 +98,7 @@ std::string namespacesLack() {
 }
 
 std::string scratchLack() {
+    const EndingSignals signals; // for a moment
     const RootFolder folder("");
     return "";
 }

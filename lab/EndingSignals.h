@@ -1,10 +1,10 @@
 #pragma once
 
 // A lab that is asked to end by TERM, INT or HUP takes its temporary folder with it. While an object lives these
-// signals wait for it; what is forked meanwhile lets them in again by `release`.
+// signals wait for it, or for a watch; what is forked meanwhile lets them in again by `release`.
 
 #include <csignal>
-#include <string>
+#include <functional>
 #include <thread>
 
 namespace lab {
@@ -20,18 +20,29 @@ public:
     EndingSignals(const EndingSignals&) = delete;
     EndingSignals& operator=(const EndingSignals&) = delete;
 
-    // From now on such a signal stops the process of this pidfd, removes the folder, and ends this process, with
-    // which all that follow it are killed. Both are copied. Once.
-    void watch(int process, const std::string& folder);
-
     // Lets the signals into this process, a forked child.
     static void release();
 
 private:
-    void await(int signals, int process, const std::string& folder) const;
-
     sigset_t before_;
-    int stop_ = -1; // an eventfd
+};
+
+// While it lives such a signal ends this process, with which all that follow it are killed; before that `leave` is
+// called, on a thread of its own. It is to live within an EndingSignals, and what `leave` uses longer than it.
+class EndingWatch {
+public:
+    explicit EndingWatch(std::function<void()> leave);
+    ~EndingWatch();
+
+    EndingWatch(const EndingWatch&) = delete;
+    EndingWatch& operator=(const EndingWatch&) = delete;
+
+private:
+    void await() const;
+
+    const std::function<void()> leave_;
+    int signals_ = -1; // a signalfd
+    int stop_ = -1;    // an eventfd
     std::thread watcher_;
 };
 

@@ -188,7 +188,7 @@ std::optional<sysctl_result> Replay::present(PlayedPacket& played) {
     auto result = extension_.present(direction, played.packet.bytes, answerMilliseconds);
     if (!result) {
         ++totals_.unanswered;
-        daemonGone_ = !extension_.connected() || !daemon_.running();
+        daemonGone_ = !daemon_.running() || !extension_.connected();
     }
     if (watch_) watch_->presented(played, now_ - start_, result);
     return result;

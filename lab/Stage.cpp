@@ -26,7 +26,11 @@ bool Stage::raise(bool withAgent) {
     for (int descriptor : agent.descriptors())
         foreign.push_back(descriptor);
     daemon.start(foreign);
-    if (signals) signals->watch(daemon.process(), root.path());
+    if (signals)
+        watch = std::make_unique<EndingWatch>([this] {
+            daemon.endForGood();
+            root.remove();
+        });
     extension.start();
     if (withAgent) agent.start();
     for (int waited = 0; waited < startMilliseconds && daemon.running(); waited += glanceMilliseconds) {

@@ -33,6 +33,7 @@ struct Stage {
     ExtensionStandIn extension;
     PolicyAgent agent;
     DaemonRun daemon;
+    std::unique_ptr<EndingWatch> watch; // once all is raised, where there are signals
 };
 
 } // namespace lab

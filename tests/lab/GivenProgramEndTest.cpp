@@ -32,9 +32,6 @@ using labtest::GivenProgram;
 using labtest::LabRun;
 using labtest::processesOf;
 using testsupport::eventually;
-using testsupport::readAll;
-using testsupport::TemporaryFolder;
-using testsupport::writeAll;
 
 class EndOfAProgram : public GivenProgram {
 protected:
@@ -56,9 +53,12 @@ protected:
         });
     }
 
-    bool lingers() const {
+    bool lingers() const { return holds("Library/Logs/lingers"); }
+
+    // Whether the lab's folder has such a file.
+    bool holds(const std::string& name) const {
         for (const fs::directory_entry& folder : fs::directory_iterator(temporary_))
-            if (fs::exists(folder.path() / "Library/Logs/lingers")) return true;
+            if (fs::exists(folder.path() / name)) return true;
         return false;
     }
 
@@ -153,6 +153,19 @@ TEST_F(EndOfAProgram, ComesWithTheSignalThatEndsTheLabAndLeavesNoFolder) {
     }
 }
 
+TEST_F(EndOfAProgram, ComesBeforeItsFolderIsRemovedInWhichItsChildrenWrite) {
+    setenv("OSTLER_UNRULY", "leaves writers", 1);
+    const LabRun run = replay({"--program", program_}, [&](pid_t lab) {
+        EXPECT_TRUE(eventually([&] { return holds("Library/Logs/of-1-300"); }));
+        kill(lab, SIGTERM);
+    });
+
+    EXPECT_EQ(run.signal, SIGTERM);
+    EXPECT_EQ(run.err, "");
+    EXPECT_TRUE(fs::is_empty(temporary_));
+    EXPECT_TRUE(eventually([&] { return processesOf(program_) == 0; }));
+}
+
 TEST_F(EndOfAProgram, ComesWithALabThatIsKilledWhoseFolderTheNextOneRemoves) {
     EXPECT_EQ(killedBy(SIGKILL).signal, SIGKILL);
 
@@ -180,8 +193,8 @@ TEST(SignalsThatEndTheLab, StayIgnoredWhereTheyAre) {
     const pid_t child = fork();
     if (child == 0) {
         signal(SIGHUP, SIG_IGN);
-        lab::EndingSignals signals;
-        signals.watch(-1, "/nowhere");
+        const lab::EndingSignals signals;
+        const lab::EndingWatch watch([] {});
         kill(getpid(), SIGHUP);
         _exit(3);
     }

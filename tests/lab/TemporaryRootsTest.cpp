@@ -1,5 +1,6 @@
 // Temporary folders of labs, and what becomes of those whose lab was killed.
 
+#include "lab/ConfigCheck.h"
 #include "lab/Namespaces.h"
 #include "lab/Policy.h"
 #include "lab/RootFolder.h"
@@ -9,6 +10,7 @@
 
 #include <fcntl.h>
 #include <sched.h>
+#include <signal.h>
 #include <sys/file.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
@@ -166,6 +168,24 @@ TEST_F(AbandonedFolder, IsStillOneWhenItsRemovalHasNotComeToItsEnd) {
     const lab::RootFolder next("");
 
     EXPECT_FALSE(fs::exists(path));
+}
+
+TEST_F(AbandonedFolder, IsNoneOfACheckThatIsAskedToEnd) {
+    writeAll(folder_.file("fernhill.xml"), "<Fernhill/>");
+    const std::string place = folder_.file("place");
+    fs::create_directory(place);
+    setenv("TMPDIR", place.c_str(), 1);
+    const pid_t child = fork();
+    if (child == 0) {
+        meanwhile = [](const std::string&) { kill(getpid(), SIGTERM); };
+        lab::checkConfiguration(folder_.file("fernhill.xml"));
+        _exit(0);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+
+    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGTERM);
+    EXPECT_TRUE(fs::is_empty(place));
 }
 
 TEST(PlaceOfTemporaryFolders, IsTheMachinesWhereNoneIsNamed) {

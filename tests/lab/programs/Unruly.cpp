@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -29,6 +30,19 @@ void leaveADaemon() {
     linger();
 }
 
+// Not to be stopped with their parent, and never at rest.
+void leaveWriters() {
+    for (int writer = 0; writer < 2; ++writer) {
+        if (fork() != 0) continue;
+        setsid();
+        for (int i = 0;; i = (i + 1) % 1000) {
+            char folder[64];
+            std::snprintf(folder, sizeof folder, "/Library/Logs/of-%d-%d", writer, i);
+            mkdir(folder, 0700);
+        }
+    }
+}
+
 } // namespace
 
 int main() {
@@ -37,6 +51,10 @@ int main() {
     if (!asked) return 0;
     if (std::strcmp(asked, "leaves a child") == 0) leaveAChild();
     if (std::strcmp(asked, "leaves a daemon") == 0) leaveADaemon();
+    if (std::strcmp(asked, "leaves writers") == 0) {
+        leaveWriters();
+        linger();
+    }
     if (std::strcmp(asked, "lingers") == 0) {
         signal(SIGTERM, SIG_IGN);
         signal(SIGINT, SIG_IGN);
