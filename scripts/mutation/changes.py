@@ -1,7 +1,11 @@
-"""The lines that a change touches, and since when."""
+"""The lines that a change touches, and since when.
+
+  python3 -m mutation.changes FOLDER...     the source files there that the change at hand touches, most changed first
+"""
 import pathlib
 import re
 import subprocess
+import sys
 
 NOTE = ".ci/landed"
 HOURS = 4  # longer than one change takes from its first commit to its last
@@ -20,6 +24,25 @@ def lines_since(root, commit, *paths):
             first, count = int(hunk.group(1)), int(hunk.group(2) or 1)
             found.setdefault(file, set()).update(range(first, first + count))
     return found
+
+
+def sources_since(root, commit, *folders):
+    """The source files in the folders that show a change, those with the most changed lines first: those that it
+    touches, and for a header one that includes it, the one of its name where there is one."""
+    sizes = {}
+    for file, lines in lines_since(root, commit, *folders).items():
+        source = _includer(root, file, folders) if file.endswith(".h") else file
+        if source and source.endswith(".cpp"):
+            sizes[source] = sizes.get(source, 0) + len(lines)
+    return sorted(sizes, key=lambda source: (-sizes[source], source))
+
+
+def _includer(root, header, folders):
+    path = pathlib.PurePath(header)
+    words = ["grep", "-l", "-F", f'{path.parent.name}/{path.name}"', "--", *folders]
+    done = subprocess.run(["git", "-C", str(root), *words], capture_output=True, text=True)
+    found = [name for name in done.stdout.splitlines() if name.endswith(".cpp")]
+    return min(found, key=lambda name: (pathlib.PurePath(name).stem != path.stem, name), default=None)
 
 
 def last_landed(root):
@@ -55,3 +78,10 @@ def _is_ancestor(root, old, new):
 
 def _git(root, *words):
     return subprocess.run(["git", "-C", str(root), *words], check=True, capture_output=True, text=True).stdout
+
+
+if __name__ == "__main__":
+    TOP = pathlib.Path(__file__).resolve().parent.parent.parent
+    BEGAN, HOW = last_landed(TOP)
+    print(f"changes since {BEGAN[:12]}, {HOW}", file=sys.stderr)
+    print("\n".join(sources_since(TOP, BEGAN, *sys.argv[1:])))

@@ -40,6 +40,40 @@ class Changes(unittest.TestCase):
         self.commit("src/gp/A.cpp", "one\n")
         self.assertEqual(changes.lines_since(self.root, first, "src").get("src/gp/A.cpp", set()), set())
 
+    def test_show_in_the_files_that_they_touch_the_most_changed_first(self):
+        first = self.commit("src/gp/A.cpp", "one\n")
+        self.commit("src/gp/A.cpp", "one\ntwo\n")
+        self.commit("src/gp/B.cpp", "1\n2\n3\n")
+        self.commit("src/gp/B.md", "no source\n")
+        self.commit("tests/ATest.cpp", "1\n2\n3\n4\n")
+        self.commit("lab/C.cpp", "1\n2\n")
+        self.assertEqual(changes.sources_since(self.root, first, "src", "lab"), ["src/gp/B.cpp", "lab/C.cpp", "src/gp/A.cpp"])
+
+    def test_of_a_header_show_in_the_file_of_its_name(self):
+        self.commit("src/gp/A.cpp", '#include "gp/B.h"\n')
+        first = self.commit("src/platform/linux/B.cpp", '#include "gp/B.h"\n')
+        self.commit("src/gp/B.h", "struct B;\n")
+        self.assertEqual(changes.sources_since(self.root, first, "src"), ["src/platform/linux/B.cpp"])
+
+    def test_of_a_header_without_a_file_of_its_name_show_in_one_that_includes_it(self):
+        self.commit("src/gp/A.cpp", '#include "gp/C.h"\n')
+        self.commit("src/gp/C.h", '#include "gp/B.h"\n')
+        first = self.commit("src/gp/D.cpp", '#include "gp/B.h"\n')
+        self.commit("src/gp/B.h", "struct B;\n")
+        self.commit("src/gp/E.h", "nobody includes it\n")
+        self.assertEqual(changes.sources_since(self.root, first, "src"), ["src/gp/D.cpp"])
+
+    def test_show_in_no_file_that_has_gone(self):
+        first = self.commit("src/gp/A.cpp", "one\n")
+        (self.root / "src/gp/A.cpp").unlink()
+        self.commit("b", "2")
+        self.assertEqual(changes.sources_since(self.root, first, "src"), [])
+
+    def test_that_only_take_lines_away_show_too(self):
+        first = self.commit("src/gp/A.cpp", "one\ntwo\n")
+        self.commit("src/gp/A.cpp", "one\n")
+        self.assertEqual(changes.sources_since(self.root, first, "src"), ["src/gp/A.cpp"])
+
     def test_begin_where_origin_is(self):
         landed = self.commit("a", "1")
         self.commit("b", "2")
