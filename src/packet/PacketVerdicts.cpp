@@ -38,7 +38,7 @@ constexpr const char* bypassedHostNames[10] = {
 // The packet id as a value, for log lines; 0 without a record.
 void* packetIdOf(void* result) {
     void* id = nullptr;
-    if (result) std::memcpy(&id, result, sizeof id);
+    if (result) std::memcpy(static_cast<void*>(&id), result, sizeof id);
     return id;
 }
 

@@ -33,7 +33,8 @@ public:
 
     // Has the processor fetch the hash's place in the table.
     void prefetch(std::uint64_t hash) const {
-        if (!groupsAt_.empty()) __builtin_prefetch(&groupsAt_[hash & (groupsAt_.size() - 1)]);
+        if (groupsAt_.empty()) return;
+        __builtin_prefetch(static_cast<const void*>(&groupsAt_[hash & (groupsAt_.size() - 1)]));
     }
 
     // The record behind this one in its group, or null.

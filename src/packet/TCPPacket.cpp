@@ -247,6 +247,7 @@ GPString* TCPPacket::httpURL(char* packet) {
     const auto* const end = static_cast<const char*>(std::memchr(start, 0, room));
     if (!end) return nullptr;
 
+    // NOLINTNEXTLINE(bugprone-suspicious-stringview-data-usage): the text behind it, up to its end
     const std::string_view request = from(rest(beginning.data(), end), "/");
     if (request.empty()) return nullptr;
     const std::size_t pathLength = request.find(" HTTP");
@@ -254,6 +255,7 @@ GPString* TCPPacket::httpURL(char* packet) {
     // The first "Host" counts, also inside another header.
     const std::string_view header = from(request.substr(pathLength), "Host");
     if (header.empty() || pathLength < 1) return nullptr;
+    // NOLINTNEXTLINE(bugprone-suspicious-stringview-data-usage): read up to the zero byte behind the text
     const std::string_view host = rest(skipws(nextws(header.data())), end);
     const std::size_t hostLength = lineEnd(host);
     if (hostLength == std::string_view::npos || hostLength < 1) return nullptr;

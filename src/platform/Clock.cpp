@@ -18,6 +18,7 @@ public:
 
     void sleepMicroseconds(unsigned microseconds) override { usleep(microseconds); }
 
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): no system here takes the alarm for it
     void sleepSeconds(unsigned seconds) override { ::sleep(seconds); }
 
     std::int64_t eventWaitLimit(int seconds) override { return static_cast<std::int64_t>(seconds) * 1000000; }

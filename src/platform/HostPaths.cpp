@@ -35,8 +35,9 @@ const char* behindRoot(const char* documented) {
 } // namespace
 
 bool HostPaths::setRoot(const char* directory) {
-    if (std::strlen(directory) > longestRoot) return false;
-    std::strcpy(rootText, directory);
+    const std::size_t length = std::strlen(directory);
+    if (length > longestRoot) return false;
+    std::memcpy(rootText, directory, length + 1);
     return true;
 }
 

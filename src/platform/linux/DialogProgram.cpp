@@ -58,6 +58,7 @@ bool isKdialog(const std::string& program) {
     sigset_t childEnds;
     sigemptyset(&childEnds);
     sigaddset(&childEnds, SIGCHLD);
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): the forked child has this one thread
     sigprocmask(SIG_BLOCK, &childEnds, nullptr);
     const int ends = signalfd(-1, &childEnds, SFD_CLOEXEC);
     const pid_t program = fork();
@@ -119,6 +120,7 @@ void DialogProgram::start(const NotificationDictionary& dictionary) {
     if (program.empty()) return;
     std::vector<std::string> command = dialogCommand(program, dictionary);
     std::vector<char*> arguments;
+    arguments.reserve(command.size() + 1);
     for (std::string& word : command)
         arguments.push_back(word.data());
     arguments.push_back(nullptr);

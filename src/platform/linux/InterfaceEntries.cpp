@@ -24,6 +24,7 @@ public:
         for (const std::string& one : entries) {
             const int size = static_cast<int>(one.size());
             if (size > length - used) break;
+            // NOLINTNEXTLINE(bugprone-not-null-terminated-result): an entry has its length in front
             std::memcpy(buffer + used, one.data(), one.size());
             used += size;
         }

@@ -56,6 +56,7 @@ std::string linkEntry(const ifaddrs& link) {
     address[4] = static_cast<char>(typeOf(link, addressLength));
     address[entry::linkNameLengthAt] = static_cast<char>(name.size());
     address[entry::linkAddressLengthAt] = static_cast<char>(addressLength);
+    // NOLINTNEXTLINE(bugprone-not-null-terminated-result): its length stands in front
     std::memcpy(address + entry::linkDataAt, name.data(), name.size());
     std::memcpy(address + entry::linkDataAt + name.size(), hardware.sll_addr, addressLength);
     return made;

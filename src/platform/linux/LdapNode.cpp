@@ -114,8 +114,11 @@ std::string textOf(const std::string& path) {
     std::FILE* file = std::fopen(path.c_str(), "re");
     if (!file) return text;
     char piece[4096];
-    while (const std::size_t got = std::fread(piece, 1, sizeof piece, file))
+    std::size_t got = sizeof piece;
+    while (got == sizeof piece) {
+        got = std::fread(piece, 1, sizeof piece, file);
         text.append(piece, got);
+    }
     std::fclose(file);
     return text;
 }

@@ -75,10 +75,12 @@ void findUsers(const DirectoryQueryTerms& terms, DirectoryRecords& records, std:
         return;
     }
     const std::lock_guard<std::mutex> lock(walkMutex());
+    // NOLINTBEGIN(concurrency-mt-unsafe): one walk at a time, by the lock
     setpwent();
     while (const passwd* user = getpwent())
         if (!take(terms, detailsOf(*user), records, limit)) break;
     endpwent();
+    // NOLINTEND(concurrency-mt-unsafe)
 }
 
 void findGroups(const DirectoryQueryTerms& terms, DirectoryRecords& records, std::size_t limit) {
@@ -90,10 +92,12 @@ void findGroups(const DirectoryQueryTerms& terms, DirectoryRecords& records, std
         return;
     }
     const std::lock_guard<std::mutex> lock(walkMutex());
+    // NOLINTBEGIN(concurrency-mt-unsafe): one walk at a time, by the lock
     setgrent();
     while (const group* record = getgrent())
         if (!take(terms, detailsOf(*record), records, limit)) break;
     endgrent();
+    // NOLINTEND(concurrency-mt-unsafe)
 }
 
 } // namespace
