@@ -3,6 +3,7 @@
 #include "platform/ConsoleUser.h"
 
 #include "platform/Clock.h"
+#include "platform/linux/AccountLookup.h"
 
 #include <poll.h>
 #include <pwd.h>
@@ -47,12 +48,10 @@ bool activeUser(uid_t& user) {
 
 // The account's name; empty when there is no such account.
 std::string accountName(uid_t user) {
-    std::vector<char> space(1024);
     passwd account{};
-    passwd* found = nullptr;
-    while (getpwuid_r(user, &account, space.data(), space.size(), &found) == ERANGE)
-        space.resize(2 * space.size());
-    return found ? found->pw_name : std::string();
+    std::vector<char> space;
+    const auto byNumber = [&](auto... out) { return getpwuid_r(user, out...); };
+    return lookUpAccount(account, space, byNumber) ? account.pw_name : std::string();
 }
 
 // Blocks until something happens at the seats. False when nothing has: an interruption, or, after a second, a wait

@@ -58,6 +58,12 @@ TEST(LdapSettings, AreReadFromAFileThatNoProgramInherits) {
     reading.join();
 }
 
+TEST(LdapSettings, StandInAFileOfAnyLength) {
+    const std::string ends = "\nURI ldap://a\nBASE dc=x\n";
+    for (const std::size_t length : {4095, 4096, 4097, 8192, 20000})
+        EXPECT_EQ(settingsIn(std::string(length - ends.size(), '#') + ends), "ldap://a|dc=x") << length;
+}
+
 TEST(LdapSettings, AreNoneWithoutBothLines) {
     EXPECT_EQ(settingsIn(""), "(none)");
     EXPECT_EQ(settingsIn("URI ldap://a\n"), "(none)");
