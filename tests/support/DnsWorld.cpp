@@ -4,6 +4,7 @@
 #include "dns/DNSPacket.h"
 #include "gp/GPArray.h"
 #include "gp/GPDOMElement.h"
+#include "gp/GPFilesystem.h"
 #include "gp/GPString.h"
 #include "gp/Owned.h"
 #include "packet/SysctlResult.h"
@@ -26,6 +27,13 @@ std::string DnsWorld::record() { return readAll(HostPaths::hostsRecordFile()); }
 
 void DnsWorld::givenHosts(const std::string& content) { writeAll(HostPaths::hostsFile(), content); }
 void DnsWorld::givenRecord(const std::string& content) { writeAll(HostPaths::hostsRecordFile(), content); }
+
+void DnsWorld::givenHostsAtRest(const std::string& content) {
+    givenHosts(content);
+    givenRecord("");
+    deleteFile(HostPaths::hostsWorkFile());
+    deleteFile(HostPaths::hostsUnfinishedFile());
+}
 
 void DnsWorld::givenTables() {
     givenName("forcesafesearch.google.com", "216.239.38.99");

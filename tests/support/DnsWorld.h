@@ -22,6 +22,9 @@ protected:
     static void givenHosts(const std::string& content);
     static void givenRecord(const std::string& content);
 
+    // A hosts file of this content, an empty record, and nothing left of a change that was cut off.
+    static void givenHostsAtRest(const std::string& content);
+
     // Makes both tables, with the forced-safe-search host at 216.239.38.99.
     void givenTables();
 

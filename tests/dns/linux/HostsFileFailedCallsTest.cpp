@@ -17,16 +17,9 @@ constexpr char pinned[] = "127.0.0.1 localhost\n192.0.2.1 a\n192.0.2.9 intranet.
 
 class HostsFileFailedCalls : public testsupport::CallsFailIn<testsupport::DnsWorld> {
 protected:
-    static void start(const std::string& content) {
-        givenHosts(content);
-        givenRecord("");
-        deleteFile(HostPaths::hostsWorkFile());
-        deleteFile(HostPaths::hostsUnfinishedFile());
-    }
-
     // The copy back was interrupted.
     static void startUnfinished(const std::string& content) {
-        start(content);
+        givenHostsAtRest(content);
         writeAll(HostPaths::hostsWorkFile(), ownLines);
         createNewFile(HostPaths::hostsUnfinishedFile());
     }
@@ -41,7 +34,7 @@ protected:
 
 TEST_F(HostsFileFailedCalls, OfAPinLeaveItWrittenAndRecordedOrNeither) {
     const long failures = testsupport::failEachCallOf(
-        [] { start(ownLines); }, [] { hostExistsCheck("a", "192.0.2.1"); },
+        [] { givenHostsAtRest(ownLines); }, [] { hostExistsCheck("a", "192.0.2.1"); },
         [] {
             const bool isRecorded = record() == "a\n";
             EXPECT_EQ(hosts(), isRecorded ? std::string(ownLines) + "192.0.2.1 a\n" : ownLines);
@@ -54,7 +47,7 @@ TEST_F(HostsFileFailedCalls, OfAPinLeaveItWrittenAndRecordedOrNeither) {
 
 TEST_F(HostsFileFailedCalls, OfARemovalAreMadeUpForByTheNext) {
     const long failures =
-        testsupport::failEachCallOf([] { start(pinned); }, [] { removeHostEntry("a"); },
+        testsupport::failEachCallOf([] { givenHostsAtRest(pinned); }, [] { removeHostEntry("a"); },
                                     [] {
                                         const std::string left = hostsBehindTheNextRemoval();
                                         EXPECT_TRUE(left == pinned || left == ownLines) << left;

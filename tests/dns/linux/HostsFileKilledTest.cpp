@@ -21,13 +21,6 @@ constexpr char pinned[] = "127.0.0.1 localhost\n192.0.2.1 a\n192.0.2.9 intranet.
 
 class HostsFileKilled : public testsupport::KilledIn<testsupport::DnsWorld> {
 protected:
-    static void start(const std::string& content) {
-        givenHosts(content);
-        givenRecord("");
-        deleteFile(HostPaths::hostsWorkFile());
-        deleteFile(HostPaths::hostsUnfinishedFile());
-    }
-
     // A new process removes a host that is not there.
     static void removeInANewProcess() {
         EXPECT_TRUE(testsupport::passesInChild([] { removeHostEntry("nobody.example"); }));
@@ -40,7 +33,7 @@ TEST_F(HostsFileKilled, InAPinLeavesNothingALineOrALineAndItsRecord) {
     const std::string line = "192.0.2.1 a\n";
     const long kills = testsupport::killAtEachCall(
         [] {
-            start(ownLines);
+            givenHostsAtRest(ownLines);
             beginCalls();
             hostExistsCheck("a", "192.0.2.1");
             endCalls();
@@ -58,7 +51,7 @@ TEST_F(HostsFileKilled, InARemovalIsMadeUpForByTheNextProcess) {
     long inPart = 0;
     const long kills = testsupport::killAtEachCall(
         [] {
-            start(pinned);
+            givenHostsAtRest(pinned);
             beginCalls();
             removeHostEntry("a");
             endCalls();
@@ -76,7 +69,7 @@ TEST_F(HostsFileKilled, InARemovalIsMadeUpForByTheNextProcess) {
 TEST_F(HostsFileKilled, TwiceInARowIsMadeUpForByTheThird) {
     const long kills = testsupport::killAtEachCall(
         [] {
-            start("");
+            givenHostsAtRest("");
             testsupport::writeAll(HostPaths::hostsWorkFile(), ownLines);
             createNewFile(HostPaths::hostsUnfinishedFile());
             beginCalls();
