@@ -15,8 +15,6 @@
 #include "platform/NameLookup.h"
 #include "support/PlainWalks.h"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -51,13 +49,7 @@ public:
 // Answers each connection with the bytes at hand and closes it.
 class Server {
 public:
-    Server() : listener_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        address.sin_port = htons(static_cast<std::uint16_t>(port));
-        require(bind(listener_, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0);
-        require(listen(listener_, 16) == 0);
+    Server() : listener_(fuzzing::listenOnLoopback(port)) {
         std::thread([this] { serve(); }).detach();
     }
 

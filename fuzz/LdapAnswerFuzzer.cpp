@@ -3,12 +3,11 @@
 
 #include "fuzz/FuzzInput.h"
 #include "fuzz/PrivateLoopback.h"
+#include "fuzz/RecordValues.h"
 #include "fuzz/Require.h"
 #include "platform/linux/LdapNode.h"
 #include "platform/linux/LdapWords.h"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -26,6 +25,7 @@ namespace {
 
 using fuzzing::FuzzInput;
 using fuzzing::require;
+using fuzzing::valuesOf;
 using namespace platform;
 
 constexpr int port = 3890;
@@ -99,13 +99,7 @@ Entry takeEntry(FuzzInput& input) {
 // Sends what it is given to each connection that has asked.
 class Server {
 public:
-    Server() : listener_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        address.sin_port = htons(port);
-        require(bind(listener_, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0);
-        require(listen(listener_, 16) == 0);
+    Server() : listener_(fuzzing::listenOnLoopback(port)) {
         std::thread([this] { serve(); }).detach();
     }
 
@@ -159,13 +153,6 @@ DirectoryRecords search(Server& server, const std::string& answer, bool& whole) 
     whole = node.find(terms, records, error);
     require(whole || !error.description.empty());
     return records;
-}
-
-std::vector<std::string> valuesOf(const DirectoryRecord& record, const std::string& attribute) {
-    DirectoryDetails details;
-    DirectoryError error;
-    require(record.recordDetailsForAttributes({attribute}, details, error));
-    return details[attribute];
 }
 
 void compare(const DirectoryRecord& record, const Entry& entry) {

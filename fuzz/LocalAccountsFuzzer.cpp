@@ -2,6 +2,7 @@
 // looked for, and a search by name or by another attribute finds the same account.
 
 #include "fuzz/FuzzInput.h"
+#include "fuzz/RecordValues.h"
 #include "fuzz/Require.h"
 #include "platform/linux/LocalAccounts.h"
 
@@ -13,11 +14,11 @@
 #include <cstdio>
 #include <cstring>
 #include <string>
-#include <vector>
 
 namespace {
 
 using fuzzing::require;
+using fuzzing::valuesOf;
 using namespace platform;
 
 // The text of a file, and the walk through it.
@@ -80,13 +81,6 @@ DirectoryRecords find(const char* type, const std::string& attribute, const std:
     require(LocalAccounts().find(terms, records, error));
     require(most <= 0 || records.size() <= static_cast<std::size_t>(most));
     return records;
-}
-
-std::vector<std::string> valuesOf(const DirectoryRecord& record, const std::string& attribute) {
-    DirectoryDetails details;
-    DirectoryError error;
-    require(record.recordDetailsForAttributes({attribute}, details, error));
-    return details[attribute];
 }
 
 void look(const char* type, const std::string& attribute, const std::string& value) {
