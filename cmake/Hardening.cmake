@@ -11,4 +11,7 @@ if(NOT APPLE)
   target_compile_options(ostler_settings INTERFACE $<$<CONFIG:Release>:-fPIE>)
   target_link_options(ostler_settings INTERFACE
     $<$<CONFIG:Release>:-pie -Wl,-z,relro -Wl,-z,now -Wl,-z,noexecstack>)
+else()
+  # Without the debugger's map, which has the paths of the folder that it was built in.
+  target_link_options(ostler_settings INTERFACE $<$<CONFIG:Release>:-Wl,-S>)
 endif()
