@@ -8,10 +8,12 @@ import time
 from concurrent.futures import ThreadPoolExecutor
 
 from mutation import sandbox, schemata
+from mutation.gate import Gate
 from mutation.mutant import apply
 
 KILLED, SURVIVED, NOT_COMPILED, NOT_JUDGED = "killed", "survived", "not compiled", "not judged"
 SAME = "the same program"
+UNSTEADY = "unsteady"  # of one test: it noticed the mutant, but not for sure
 BODIES = 60  # at most that many of one function in one build
 
 
@@ -38,6 +40,7 @@ class Judge:
         for number in range(jobs):
             self._places.put(f"alone-{number}")
         self._fit = {}             # test -> whether it passes in the shared build with nothing changed
+        self._gate = Gate()
 
     def all(self, mutants):
         """Judges all of them. Those inside a function's body share builds, the others get one each."""
@@ -90,7 +93,9 @@ class Judge:
         tree.write({mutant.file: apply((self._root / mutant.file).read_bytes(), mutant.edits)})
         needed = {case.program for case in self._chooser.tests(mutant)}
         programs = [name for name in tree.programs({mutant.file}) if name in needed or not name.startswith("tests/")]
-        if tree.make(programs):
+        with self._gate.beside_others():
+            output = tree.make(programs)
+        if output:
             self._tell(Verdict(mutant, NOT_COMPILED))
             return
         self._judge(tree.replaced(programs), 0, mutant)
@@ -102,25 +107,44 @@ class Judge:
                 self._tell(Verdict(mutant, NOT_JUDGED))
                 return
             count += 1
-            if self._passes(case, replaced, number):
-                continue
-            # A test that fails by chance kills nothing.
-            if self._passes(case, replaced, number):
+            said = self._said_by(case, replaced, number)
+            if said == UNSTEADY:
                 unsteady.append(case.name)
-            elif number == 0 or self._is_fit(replaced, case):
+            elif said == KILLED:
                 self._chooser.note_kill(mutant, case)
                 self._tell(Verdict(mutant, KILLED, case.name, count, tuple(unsteady)))
                 return
         same = self._twins.are_one_program(mutant)
         self._tell(Verdict(mutant, SAME if same else SURVIVED, "", count, tuple(unsteady)))
 
-    def _passes(self, case, replaced, number):
-        outcome = sandbox.run(case, self._chooser.limit(case), replaced, [(schemata.VARIABLE, number)])
-        return outcome.result == sandbox.PASSED
+    def _said_by(self, case, replaced, number):
+        """What one test says of a mutant. One that fails by chance kills nothing."""
+        with self._gate.beside_others():
+            result = self._run(case, replaced, number).result
+            if result == sandbox.FAILED:
+                result = self._run(case, replaced, number).result
+                if result == sandbox.PASSED:
+                    return UNSTEADY
+            if result == sandbox.FAILED:
+                return KILLED if number == 0 or self._is_fit(replaced, case) else SURVIVED
+        return SURVIVED if result == sandbox.PASSED else self._said_alone_by(case, replaced, number)
+
+    def _said_alone_by(self, case, replaced, number):
+        """What a test says that ran out of time. That may be the machine's doing: so it runs again beside no other,
+        and right behind it the unchanged program, which must need less than half of the time that there is."""
+        with self._gate.alone():
+            if self._run(case, replaced, number).result == sandbox.PASSED:
+                return UNSTEADY
+            unchanged = self._run(case, replaced if number else (), 0)
+        swift = unchanged.result == sandbox.PASSED and 2 * unchanged.seconds < self._chooser.limit(case)
+        return KILLED if swift else UNSTEADY
+
+    def _run(self, case, replaced, number):
+        return sandbox.run(case, self._chooser.limit(case), replaced, [(schemata.VARIABLE, number)])
 
     def _is_fit(self, replaced, case):
         if case.name not in self._fit:
-            self._fit[case.name] = self._passes(case, replaced, 0)
+            self._fit[case.name] = self._run(case, replaced, 0).result == sandbox.PASSED
         return self._fit[case.name]
 
     def _tell(self, verdict):

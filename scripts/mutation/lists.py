@@ -11,6 +11,7 @@ several times in one function."""
 import dataclasses
 import re
 
+GONE = "there is no such mutant any more"
 HEADING = re.compile(r"(src/[^\s:]+)(?::\d+)? (.+?)(?: #(\d+))?$")
 
 
@@ -51,16 +52,26 @@ def _entry(path, block):
     return Entry((file, function, old, new, int(occurrence or 1)), reason, number)
 
 
+def resolved(entries, known):
+    """The mutants that a list names, and what there is to say of the entries whose mutant is gone."""
+    found = [known[entry.key] for entry in entries if entry.key in known]
+    return found, [f"{_place(entry)}: {GONE}" for entry in entries if entry.key not in known]
+
+
 def problems(entries, known):
     """What is wrong with a list of equivalents: entries without a reason, twice, or that are no mutants any more."""
     found, seen = [], set()
     for entry in entries:
-        place = f"line {entry.line}: {entry.key[0]} {entry.key[1]}"
+        place = _place(entry)
         if not entry.reason:
             found.append(f"{place}: no reason is given")
         if entry.key in seen:
             found.append(f"{place}: listed twice")
         if entry.key not in known:
-            found.append(f"{place}: there is no such mutant any more")
+            found.append(f"{place}: {GONE}")
         seen.add(entry.key)
     return found
+
+
+def _place(entry):
+    return f"line {entry.line}: {entry.key[0]} {entry.key[1]}"

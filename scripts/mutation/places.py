@@ -133,8 +133,13 @@ def _is_watched(node):
 def watchable(scope, source):
     if not scope.body or scope.constant:
         return []
-    return [(node.start, syntax.end_of_statement(source, node), syntax.stands_alone(node))
-            for node in scope.body.walk() if node.kind != "MACRO" and _is_watched(node)]
+    found = {}
+    for node in scope.body.walk():
+        end = syntax.end_of_statement(source, node)
+        # What a macro makes is watched where its semicolon stands behind it; all of it begins at one place.
+        if _is_watched(node) and (node.kind != "MACRO" or end != node.end):
+            found[node.start] = (node.start, end, syntax.stands_alone(node))
+    return list(found.values())
 
 
 def vars_of(mutant):

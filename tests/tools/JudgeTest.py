@@ -1,12 +1,13 @@
 """Which tests judge a mutant, what their outcome means, and how it is told."""
 import pathlib
+import threading
 import time
 import unittest
 from unittest import mock
 
 from support import a_mutant
 
-from mutation import cases, choose, judge, reach, report, sandbox, schemata
+from mutation import cases, choose, gate, judge, reach, report, sandbox, schemata
 
 
 def case(name, folder="gp"):
@@ -49,15 +50,15 @@ class Choosing(unittest.TestCase):
 
 
 class Judging(unittest.TestCase):
-    def judged(self, outcomes, chosen=None):
-        """The verdict where each test's runs with the mutant end as told, and pass without it."""
+    def judged(self, outcomes, chosen=None, unchanged=sandbox.Outcome(sandbox.PASSED, 0.1)):
+        """The verdict where each test's runs with the mutant end as told, and without it as is told of all."""
         told = []
         runs = {name: iter(results) for name, results in outcomes.items()}
 
         def run(run_case, limit, replaced, variables):
-            number = dict(variables)[schemata.VARIABLE]
-            result = next(runs[run_case.name], sandbox.PASSED) if number and run_case.name in runs else sandbox.PASSED
-            return sandbox.Outcome(result, 0.1)
+            if not dict(variables)[schemata.VARIABLE]:
+                return unchanged
+            return sandbox.Outcome(next(runs.get(run_case.name, iter(())), sandbox.PASSED), 0.1)
 
         twins = mock.Mock()
         twins.are_one_program.return_value = False
@@ -72,6 +73,51 @@ class Judging(unittest.TestCase):
 
     def test_takes_a_time_out_for_a_kill(self):
         self.assertEqual(self.judged({"App.Test": [sandbox.TIMED_OUT] * 2}).result, judge.KILLED)
+
+    def test_does_not_believe_a_time_out_that_does_not_come_again(self):
+        verdict = self.judged({"App.Test": [sandbox.TIMED_OUT, sandbox.PASSED]})
+        self.assertEqual((verdict.result, verdict.unsteady), (judge.SURVIVED, ("App.Test",)))
+
+    def test_does_not_believe_a_time_out_where_the_unchanged_program_runs_out_of_time_too(self):
+        verdict = self.judged({"App.Test": [sandbox.TIMED_OUT] * 3}, unchanged=sandbox.Outcome(sandbox.TIMED_OUT, 5))
+        self.assertEqual((verdict.result, verdict.unsteady), (judge.SURVIVED, ("App.Test",)))
+
+    def test_does_not_believe_a_time_out_where_the_unchanged_program_comes_near_to_one(self):
+        near = sandbox.Outcome(sandbox.PASSED, 0.6 * chooser().limit(APP))
+        verdict = self.judged({"App.Test": [sandbox.TIMED_OUT] * 2}, unchanged=near)
+        self.assertEqual((verdict.result, verdict.unsteady), (judge.SURVIVED, ("App.Test",)))
+
+    def test_confirms_a_time_out_behind_a_failure(self):
+        near = sandbox.Outcome(sandbox.PASSED, 0.6 * chooser().limit(APP))
+        outcomes = {"App.Test": [sandbox.FAILED, sandbox.TIMED_OUT, sandbox.TIMED_OUT]}
+        self.assertEqual(self.judged(outcomes).result, judge.KILLED)
+        self.assertEqual(self.judged(outcomes, unchanged=near).result, judge.SURVIVED)
+
+    def test_tries_a_time_out_again_with_no_run_beside_it(self):
+        judging = judge.Judge(pathlib.Path("/"), None, chooser(), mock.Mock(), 2, time.monotonic() + 60, lambda _: None)
+        alone = []
+
+        def run(run_case, *_):
+            if run_case == APP:
+                alone.append(judging._gate.is_taken_by_one())
+            return sandbox.Outcome(sandbox.TIMED_OUT if run_case == APP else sandbox.PASSED, 0.1)
+
+        with mock.patch.object(sandbox, "run", run):
+            judging._judge((), 1, a_mutant())
+        self.assertEqual(alone, [False, True, True])
+
+    def test_asks_the_program_of_every_day_about_a_time_out_of_a_mutant_that_was_built_alone(self):
+        told, unchanged = [], []
+        judging = judge.Judge(pathlib.Path("/"), None, chooser(), mock.Mock(), 1, time.monotonic() + 60, told.append)
+
+        def run(run_case, limit, replaced, variables):
+            if not replaced:
+                unchanged.append(run_case.name)
+            return sandbox.Outcome(sandbox.TIMED_OUT if replaced and run_case == APP else sandbox.PASSED, 0.1)
+
+        with mock.patch.object(sandbox, "run", run):
+            judging._judge([("program", "changed")], 0, a_mutant())
+        self.assertEqual((told[0].result, unchanged), (judge.KILLED, ["App.Test"]))
 
     def test_does_not_believe_a_failure_that_does_not_come_again(self):
         verdict = self.judged({"Quick.Test": [sandbox.FAILED, sandbox.PASSED]})
@@ -99,6 +145,38 @@ class Judging(unittest.TestCase):
         with mock.patch.object(sandbox, "run", run), mock.patch.object(time, "monotonic", clock):
             judging._judge((), 1, a_mutant())
         self.assertEqual((ran, told[0].result), (["Quick.Test"], judge.NOT_JUDGED))
+
+
+class Gate(unittest.TestCase):
+    def test_lets_nobody_begin_beside_one_that_is_alone_or_waits_to_be(self):
+        entered, may_leave, order = threading.Event(), threading.Event(), []
+        passage = gate.Gate()
+
+        def alone():
+            with passage.alone():
+                entered.set()
+                may_leave.wait(10)
+                order.append("alone")
+
+        def beside():
+            with passage.beside_others():
+                order.append("another")
+
+        threads = [threading.Thread(target=alone), threading.Thread(target=beside)]
+        with passage.beside_others():
+            threads[0].start()
+            while not passage.is_wanted_by_one():
+                time.sleep(0.001)
+            threads[1].start()
+            self.assertFalse(entered.is_set())
+            order.append("first")
+        self.assertTrue(entered.wait(10))
+        self.assertTrue(passage.is_taken_by_one())
+        may_leave.set()
+        for thread in threads:
+            thread.join(10)
+        self.assertEqual(order, ["first", "alone", "another"])
+        self.assertFalse(passage.is_wanted_by_one())
 
 
 class Errors(unittest.TestCase):

@@ -50,6 +50,12 @@ class Lists(unittest.TestCase):
     def test_are_stale_when_the_function_is_gone(self):
         self.assertIn("there is no such mutant any more", problems(entry(a_mutant()), [a_mutant(function="g()")])[0])
 
+    def test_tell_what_is_gone_and_go_on_with_the_rest(self):
+        second = a_mutant(function="g()")
+        text = entry(a_mutant(), reason="") + "\n" + entry(second, reason="")
+        found, gone = lists.resolved(read(text), {second.key: second})
+        self.assertEqual((found, gone), ([second], ["line 1: src/gp/Example.cpp f(): there is no such mutant any more"]))
+
     def test_need_a_reason(self):
         self.assertIn("no reason is given", problems(entry(a_mutant(), reason=""), [a_mutant()])[0])
 

@@ -8,6 +8,7 @@ import unittest
 from support import PROLOGUE, a_mutant, mutants, needs_clang, operators, places, syntax
 
 from mutation import schemata
+from mutation.mutant import line_and_column
 
 PROGRAM = b"int f() { return 1; }\nint main() { return f(); }\n"
 
@@ -60,11 +61,22 @@ class Probes(unittest.TestCase):
 int main(int count, char**) { return f(count); }
 """
 
-    def reached_lines(self, wanted, arguments=()):
+    MACROS = """#define COUNT(a) ++(a)
+#define ONCE(a) do { ++(a); } while (false)
+int main(int count, char**) {
+    int other = 0;
+    COUNT(other);
+    if (count == 1) ONCE(other);
+    else ONCE(count);
+    return other;
+}
+"""
+
+    def reached_lines(self, wanted, arguments=(), source=SOURCE):
         """The lines whose statements a run notes; `wanted` is its status."""
         with tempfile.TemporaryDirectory() as folder:
             path = pathlib.Path(folder, "plain.cpp")
-            path.write_text(self.SOURCE)
+            path.write_text(source)
             source, scopes = syntax.scopes(str(path), ["-std=c++17"])
             statements = [place for scope in scopes for place in places.watchable(scope, source)]
             program = compiled(folder, schemata.with_probes(source, statements, 0))
@@ -79,6 +91,21 @@ int main(int count, char**) { return f(count); }
         self.assertEqual(self.reached_lines(5), [2, 12])
         self.assertEqual(self.reached_lines(0, ["x"]), [2, 3, 4, 5, 6, 8, 10, 12])
         self.assertEqual(self.reached_lines(0, ["x", "y"]), [2, 3, 5, 6, 8, 10, 12])
+
+    def test_note_statements_that_a_macro_makes(self):
+        self.assertEqual(self.reached_lines(2, source=self.MACROS), [4, 5, 6, 8])
+        self.assertEqual(self.reached_lines(1, ["x"], source=self.MACROS), [4, 5, 6, 7, 8])
+
+    def test_watch_the_statement_of_every_mutant(self):
+        text = "#define ONCE(a) do { ++(a); } while (false)\nvoid example() {\n    ONCE(a);\n    first();\n    if (ready) ONCE(b);\n}\n"
+        with tempfile.TemporaryDirectory() as folder:
+            path = pathlib.Path(folder, "Example.cpp")
+            path.write_text(PROLOGUE + text)
+            source, scopes = syntax.scopes(str(path), ["-std=c++17"])
+        watched = {line_and_column(source, place[0]) for scope in scopes for place in places.watchable(scope, source)}
+        found = places.mutants_of("src/gp/Example.cpp", source, scopes)
+        self.assertEqual([(" ".join(mutant.old), mutant.statement in watched) for mutant in found if mutant.operator == "drop"],
+                         [("ONCE(a);", True), ("first();", True), ("if (ready) ONCE(b);", True)])
 
 
 @needs_clang
