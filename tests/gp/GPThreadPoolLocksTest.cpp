@@ -2,6 +2,7 @@
 
 #include "gp/GPThreadPool.h"
 
+#include "support/AllocationCounter.h"
 #include "support/Await.h"
 #include "support/LockCounter.h"
 #include "support/Sanitizers.h"
@@ -51,6 +52,7 @@ private:
 
 testsupport::LockCounter* locksOfAdder = nullptr;
 std::vector<long> heldInside;
+const testsupport::AllocationCounter* allocationsOfAdder = nullptr;
 
 void noteHeld(void*) { heldInside.push_back(locksOfAdder->held()); }
 
@@ -65,6 +67,20 @@ TEST(GPThreadPoolLocks, WhileAllAreWaitedForAnOperationRunsWithThePoolsLockHeld)
 
     EXPECT_EQ(heldInside, (std::vector<long>{1, 1}));
     EXPECT_EQ(locks.held(), 0);
+}
+
+void noteLeft(void* left) { *static_cast<long*>(left) = allocationsOfAdder->left(); }
+
+TEST(GPThreadPoolLocks, WhileAllAreWaitedForAnOperationIsGivenBackBehindItsRun) {
+    if (testsupport::sanitized) GTEST_SKIP() << "the checkers have an allocator of their own";
+    BusyPool busy(2, 1);
+    long inside = 0;
+    const testsupport::AllocationCounter allocations;
+    allocationsOfAdder = &allocations;
+
+    busy.pool.addOperation(noteLeft, &inside);
+
+    EXPECT_GT(inside, allocations.left());
 }
 
 TEST(GPThreadPoolLocks, WhileAllAreWaitedForTheWholeQueueIsWorkedOffAndNoThreadMade) {

@@ -2,6 +2,7 @@
 
 #include "gp/GPLog.h"
 
+#include "support/AllocationCounter.h"
 #include "support/FileCalls.h"
 #include "support/LockCounter.h"
 #include "support/Sanitizers.h"
@@ -101,6 +102,8 @@ TEST_F(GPLogLocks, TheLockIsMadeOnce) {
         return locks.count();
     };
     const long before = locksOfALine();
+    const testsupport::AllocationCounter allocations;
     makeLogThreadSafe();
+    EXPECT_EQ(allocations.count(), 0) << "another lock would let a line by that the first one holds up";
     EXPECT_EQ(locksOfALine(), before);
 }
