@@ -3,6 +3,7 @@
 #include "agent/AgentFrames.h"
 #include "agent/OstComm.h"
 #include "config/Configuration.h"
+#include "gp/GPLog.h"
 #include "gp/GPMutex.h"
 #include "gp/GPString.h"
 #include "gp/Owned.h"
@@ -175,6 +176,22 @@ TEST_F(OstCommLocks, TheSocketIsNotOpenedAgainInTheMiddleOfAFrame) {
     clock.advanceSeconds(1);
     EXPECT_TRUE(heldUp.someoneWaits());
     EXPECT_EQ(world.names.asked().size(), asked);
+}
+
+TEST_F(OstCommLocks, TheLinkCountsAsOpenBehindTheLineThatSaysSoNotBefore) {
+    makeLogThreadSafe();
+    const GPMutex* logLock = locksTakenBy([] { logs("line"); }).back();
+    std::vector<bool> opened;
+    const testsupport::BeforeRelease written(logLock, [&] {
+        if (world.log.messages().back().rfind("OstComm socket opened", 0) == 0)
+            opened.push_back(link->isOpened());
+    });
+
+    link->ReConnect();
+
+    ASSERT_FALSE(opened.empty());
+    EXPECT_FALSE(opened.front());
+    EXPECT_TRUE(link->isOpened());
 }
 
 TEST_F(OstCommLocks, TheDnsRequestTakesNoLock) {

@@ -169,6 +169,16 @@ TEST_F(KernelListenerSetUp, TheInboundListenerHandsTheExtensionItsLogLevel) {
     EXPECT_TRUE(log_.holds("FernhillKernel Log Level set to 3 (result=0)"));
 }
 
+TEST_F(KernelListenerSetUp, FromLogLevel1OnTheLogLevelIsToldOf) {
+    Configuration::setKernelLogLevel(1);
+
+    const int control = start(true);
+
+    sendRecord(control, record_);
+    ASSERT_TRUE(receiveResult(control));
+    EXPECT_TRUE(log_.holds("FernhillKernel Log Level set to 1 (result=0)"));
+}
+
 TEST_F(KernelListenerSetUp, WhenVerboseTheSetUpIsToldOf) {
     Configuration::setVerboseMode(true);
 

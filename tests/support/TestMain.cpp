@@ -1,5 +1,6 @@
 #include "support/ParentDeath.h"
 #include "support/RefusingServices.h"
+#include "support/WholeRun.h"
 
 #include <gtest/gtest.h>
 
@@ -22,5 +23,6 @@ int main(int argc, char** argv) {
     testsupport::endForksWithTheirParents();
     testsupport::installRefusingServices();
     testing::InitGoogleTest(&argc, argv);
+    const testsupport::WholeRun run;
     return RUN_ALL_TESTS();
 }

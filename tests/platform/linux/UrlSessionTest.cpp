@@ -2,6 +2,7 @@
 
 #include "support/AnswerServer.h"
 #include "support/Await.h"
+#include "support/LockCounter.h"
 #include "support/LoopbackPeer.h"
 #include "support/ManualClock.h"
 #include "support/NetworkNamespace.h"
@@ -16,6 +17,7 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
@@ -353,6 +355,21 @@ TEST_F(UrlSessionTest, TheMainLoopSeesATaskThatEndedJustBefore) {
     const auto begin = std::chrono::steady_clock::now();
     session.runMainLoop(1);
     EXPECT_LT(std::chrono::steady_clock::now() - begin, testsupport::patience);
+}
+
+TEST_F(UrlSessionTest, ATaskTellsOfItsEndUnderALockSoThatNoMainLoopMissesIt) {
+    if (testsupport::sanitized) GTEST_SKIP() << "the checkers need the place of the lock functions";
+    ManualClock::installed().setEventWait(10 * testsupport::patienceMicroseconds, false);
+    static std::atomic<int> locked{0};
+    // Made on the task's thread, which counts until its end.
+    session.downloadTask("ul", [](const UrlTaskResult&) {
+        auto* locks = new testsupport::LockCounter;
+        locks->behindEachLock([] { ++locked; });
+    });
+
+    session.runMainLoop(1);
+
+    EXPECT_EQ(locked, 1);
 }
 
 TEST_F(UrlSessionTest, TheMainLoopRunsNoLongerThanItIsToldTo) {
