@@ -251,6 +251,8 @@ TEST_F(DnsTables, AHostElementWithChildrenHasNoTextAndIsSkipped) {
     givenName("safe.test", "192.0.2.1");
     setRemaps({"<name>one.test,safe.test</name>", "two.test,safe.test"});
     EXPECT_EQ(remaps(), Rows{"two.test,safe.test"});
+    const auto asked = names.asked();
+    EXPECT_EQ(std::count(asked.begin(), asked.end(), ""), 0) << "it names no host to look up";
 }
 
 TEST_F(DnsTables, ARowWhoseRedirectHostDoesNotResolveIsSkippedSilently) {

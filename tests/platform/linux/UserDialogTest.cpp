@@ -23,6 +23,7 @@
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
+#include <fcntl.h>
 #include <filesystem>
 #include <future>
 #include <iterator>
@@ -271,6 +272,19 @@ TEST_F(UserDialogTest, WithoutAConnectionToItsHelperThereIsNoProgram) {
         ASSERT_TRUE(testsupport::failSystemCall(SYS_socketpair, EMFILE, AF_UNIX));
         ManualClock::installed().setEventWait(100000, false);
         EXPECT_EQ(showAndWait(60), platform::notificationCancelResponse);
+    }));
+    EXPECT_FALSE(std::filesystem::exists(folder.file("run")));
+}
+
+TEST_F(UserDialogTest, WithoutAWayForTheAnswerThereIsNoProgramNorADescriptorLeft) {
+    installProgram("zenity", "touch " + folder.file("run") + "\n");
+    EXPECT_TRUE(testsupport::passesInChild([this] {
+        ASSERT_TRUE(testsupport::failSystemCall(SYS_pipe2, EMFILE, O_CLOEXEC, 1));
+        ManualClock::installed().setEventWait(20000, false);
+        EXPECT_EQ(showAndWait(60), platform::notificationCancelResponse);
+        const auto before = testsupport::descriptorsOf(getpid());
+        EXPECT_EQ(showAndWait(60), platform::notificationCancelResponse);
+        EXPECT_EQ(testsupport::descriptorsOf(getpid()).size(), before.size());
     }));
     EXPECT_FALSE(std::filesystem::exists(folder.file("run")));
 }
