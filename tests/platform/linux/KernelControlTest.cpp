@@ -188,7 +188,9 @@ TEST_F(KernelControlSockets, AnAnswerThatIsNoneFailsTheCall) {
     asked();
 
     answerOption("");
+    errno = 0;
     EXPECT_EQ(-1, control_.setOption(socket, 70, &level, sizeof level));
+    EXPECT_EQ(EPROTO, errno);
     asked();
 }
 
