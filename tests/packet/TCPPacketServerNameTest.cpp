@@ -3,11 +3,10 @@
 #include "config/Configuration.h"
 #include "support/CapturedLog.h"
 #include "support/ClientHelloBuilder.h"
+#include "support/GuardedBytes.h"
 #include "support/ScratchRoot.h"
 
-#include <cstring>
 #include <gtest/gtest.h>
-#include <memory>
 
 using testsupport::ClientHelloBuilder;
 
@@ -15,13 +14,12 @@ namespace {
 
 constexpr int capacity = 255;
 
-// What sslDomain says of exactly these bytes. The copy has no room behind, so that a read beyond is noticed.
+// What sslDomain says of exactly these bytes. A read beyond them is noticed.
 struct Reading {
     explicit Reading(const std::string& bytes, int room = capacity) {
-        const auto copy = std::make_unique<unsigned char[]>(bytes.size());
-        std::memcpy(copy.get(), bytes.data(), bytes.size());
+        const testsupport::GuardedBytes copy(bytes);
         std::string out(static_cast<std::size_t>(room), '~');
-        found = sslDomain(copy.get(), static_cast<int>(bytes.size()), out.data(), room);
+        found = sslDomain(copy.data(), static_cast<int>(bytes.size()), out.data(), room);
         untouched = out.find_first_not_of('~') == std::string::npos;
         name = untouched ? "" : out.c_str();
     }

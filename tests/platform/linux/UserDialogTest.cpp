@@ -114,6 +114,12 @@ TEST_F(UserDialogTest, TheProgramIsEndedByTheSignalsThatItsCallerKeepsAway) {
     }
 }
 
+TEST_F(UserDialogTest, TheProgramHasNoSignalBlocked) {
+    installProgram("zenity", "grep SigBlk /proc/$$/status >" + folder.file("mask") + "; exit 0\n");
+    EXPECT_EQ(showAndWait(60), platform::notificationDefaultResponse);
+    EXPECT_EQ(testsupport::readAll(folder.file("mask")), "SigBlk:\t0000000000000000\n");
+}
+
 TEST_F(UserDialogTest, TheProgramIsGivenTheTextsOfTheDictionary) {
     EXPECT_EQ(platform::dialogCommand("/bin/zenity", question),
               (Words{"/bin/zenity", "--question", "--no-markup", "--title=Header", "--text=Message",
