@@ -181,17 +181,17 @@ TEST_F(OstCommLocks, TheSocketIsNotOpenedAgainInTheMiddleOfAFrame) {
 TEST_F(OstCommLocks, TheLinkCountsAsOpenBehindTheLineThatSaysSoNotBefore) {
     makeLogThreadSafe();
     const GPMutex* logLock = locksTakenBy([] { logs("line"); }).back();
+    const auto lines = [this] { return world.log.countContaining("OstComm socket opened"); };
+    const int before = lines();
     std::vector<bool> opened;
     const testsupport::BeforeRelease written(logLock, [&] {
-        if (world.log.messages().back().rfind("OstComm socket opened", 0) == 0)
-            opened.push_back(link->isOpened());
+        if (lines() > before) opened.push_back(link->isOpened());
     });
 
     link->ReConnect();
 
     ASSERT_FALSE(opened.empty());
     EXPECT_FALSE(opened.front());
-    EXPECT_TRUE(link->isOpened());
 }
 
 TEST_F(OstCommLocks, TheDnsRequestTakesNoLock) {

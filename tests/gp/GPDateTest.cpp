@@ -267,6 +267,10 @@ TEST_F(GPDateTest, AFullTextGivesDateAndClockTime) {
     EXPECT_EQ(read("2019-02-15T10:30:59.5"), "2019-02-15 10:30:59");
 }
 
+TEST_F(GPDateTest, TheClockTimeIsSetFromTheHourOnSoThatTooManySecondsMakeAMinute) {
+    EXPECT_EQ(read("2019-02-15T10:59:75"), "2019-02-15 11:00:15");
+}
+
 TEST_F(GPDateTest, ATextThatEndsInZIsReadAsLocalTimeWithoutCorrection) {
     inZone("EST5");
     const auto date = Owned<GPDate>::adopt(GPDate::dateFromString("2019-02-15T10:30:00Z"));

@@ -191,6 +191,21 @@ TEST(GPThread, AMadeKeyIsNeverZeroThoughTheSystemHandsZeroOut) {
               "key holds");
 }
 
+TEST(GPThread, WithNoKeyLeftNothingIsStoredAndNoKeyOfAnotherGivenUp) {
+    if (testsupport::sanitized) GTEST_SKIP() << "the checkers need keys of their own";
+    EXPECT_EQ(testsupport::answerOfChild([] {
+                  pthread_key_t last{};
+                  while (pthread_key_create(&last, nullptr) == 0) {
+                  }
+                  unsigned long key = 0;
+                  GPThread::addLocalThreadValue(key, nullptr);
+                  const bool stillNone = pthread_key_create(&last, nullptr) != 0;
+                  return std::string(key == 0 ? "no key, " : "key, ") +
+                         (stillNone ? "none left" : "one left");
+              }),
+              "no key, none left");
+}
+
 TEST(GPThread, EachThreadHasAValueOfItsOwn) {
     unsigned long key = 0;
     GPObject value;

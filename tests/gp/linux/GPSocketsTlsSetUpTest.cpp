@@ -12,10 +12,12 @@
 namespace {
 
 std::string calls;
+platform::SSLContextRef ofHandshake = nullptr;
+platform::SSLContextRef released = nullptr;
 
 } // namespace
 
-// The tests are linked with --wrap of both.
+// The tests are linked with --wrap of all.
 extern "C" {
 
 platform::OSStatus
@@ -31,15 +33,23 @@ __wrap__ZN8platform24SSLSetProtocolVersionMinEPNS_10SSLContextEi(platform::SSLCo
 }
 
 platform::OSStatus __wrap__ZN8platform12SSLHandshakeEPNS_10SSLContextE(platform::SSLContextRef context) {
+    ofHandshake = context;
     if (calls.find("handshake") == std::string::npos) calls += "handshake ";
     return __real__ZN8platform12SSLHandshakeEPNS_10SSLContextE(context);
+}
+
+void __real__ZN8platform17SSLReleaseContextEPNS_10SSLContextE(platform::SSLContextRef context);
+
+void __wrap__ZN8platform17SSLReleaseContextEPNS_10SSLContextE(platform::SSLContextRef context) {
+    released = context;
+    __real__ZN8platform17SSLReleaseContextEPNS_10SSLContextE(context);
 }
 
 } // extern "C"
 
 namespace {
 
-TEST(GPSocketsTlsSetUp, AnyVersionIsTakenAndThatSaidBeforeTheHandshake) {
+TEST(GPSocketsTlsSetUp, AnyVersionIsTakenAndThatSaidBeforeTheHandshakeAndTheContextReleasedAtTheEnd) {
     testsupport::Peer mine, peer;
     testsupport::connectedPair(mine, peer);
     peer.close(); // ends the handshake
@@ -50,6 +60,7 @@ TEST(GPSocketsTlsSetUp, AnyVersionIsTakenAndThatSaidBeforeTheHandshake) {
 
     EXPECT_EQ(calls, "least version 6 handshake ");
     socket.closeSSLConnection();
+    EXPECT_EQ(released, ofHandshake);
 }
 
 } // namespace

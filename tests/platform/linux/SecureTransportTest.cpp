@@ -190,6 +190,18 @@ TEST_F(SecureTransport, AReadWithNothingThereWouldBlock) {
     write("\n");
 }
 
+TEST_F(SecureTransport, AReadOfOneByteGivesIt) {
+    TlsServer server(certificate_, [](SSL* session) {
+        testsupport::tlsSend(session, "a");
+        testsupport::tlsReadUntil(session, "\n");
+    });
+    connect(server);
+    ASSERT_EQ(shakeHands(), noErr);
+    EXPECT_EQ(read(1), noErr);
+    EXPECT_EQ(text_, "a");
+    write("\n");
+}
+
 TEST_F(SecureTransport, AReadOfMoreThanIsThereGivesWhatIsThereAndWouldBlock) {
     TlsServer server(certificate_, [](SSL* session) {
         testsupport::tlsSend(session, "abc");
