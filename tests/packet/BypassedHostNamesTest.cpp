@@ -89,10 +89,13 @@ TEST(BypassedHostNames, WhenVerboseTheHostAndTheReasonAreLogged) {
     isBypassed("http://captive.apple.com/x");
     isBypassed("http://eu.captive.apple.com/x");
     isBypassed("http://www.example.org:81/x");
+    isBypassed("http://x/y");
 
     EXPECT_TRUE(log.holds("inBypassedHostNames parsed host: captive.apple.com"));
     EXPECT_TRUE(log.holds("inBypassedHostNames bypassing host: captive.apple.com"));
     EXPECT_TRUE(log.holds("inBypassedHostNames bypassing host(end): eu.captive.apple.com"));
     EXPECT_TRUE(log.holds("inBypassedHostNames parsed host: www.example.org:81"));
+    EXPECT_TRUE(log.holds("inBypassedHostNames parsed host: x"))
+        << "a host of one letter ends at its path too";
     EXPECT_EQ(log.countContaining("bypassing"), 2);
 }
