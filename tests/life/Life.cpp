@@ -8,10 +8,8 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cstring>
 #include <stdexcept>
-#include <thread>
 
 namespace life {
 namespace {
@@ -39,7 +37,7 @@ std::string addressText(int family, const void* address) {
 }
 
 // An inbound packet of a record's connection with a single byte.
-Packet probeOf(const ConnectionEnds& ends) {
+Packet dataFor(const ConnectionEnds& ends) {
     const std::uint32_t source = htonl(ends.src), destination = htonl(ends.dst);
     const std::string bytes = (ends.ipv6 ? testsupport::PacketBuilder::ipv6()
                                                .from(addressText(AF_INET6, &ends.dstIpv6), ends.dstPort)
@@ -54,9 +52,9 @@ Packet probeOf(const ConnectionEnds& ends) {
 
 } // namespace
 
-Life::Life(Scene& scene, std::uint64_t seed, std::int64_t now, bool plain)
-    : scene_(scene), draw_(seed), plain_(plain), now_(now), connectionsMade_(plain ? firstOfAMorning : 0),
-      questionsDue_(scene.agent().counters().questions) {}
+Life::Life(Scene& scene, std::uint64_t seed, std::int64_t now, int calmThreads, bool plain)
+    : scene_(scene), draw_(seed), calmThreads_(calmThreads), plain_(plain), now_(now),
+      connectionsMade_(plain ? firstOfAMorning : 0), questionsDue_(scene.agent().counters().questions) {}
 
 void Life::fail(const std::string& what) const {
     throw std::runtime_error(fmt::format("record {}, played time {} s: {}\n{}", happenings_.records,
@@ -71,7 +69,8 @@ void Life::burst(long packets) {
         if (connections_.empty() || choice < 10) {
             open(drawKind());
         } else if (choice < 20 && !plain_) {
-            present(draw_.oneIn(2) ? Direction::in : Direction::out, strayBytes(draw_));
+            const Packet bytes = strayBytes(draw_);
+            present(draw_.oneIn(2) ? Direction::in : Direction::out, bytes);
         } else {
             const auto& connection = connections_[static_cast<std::size_t>(
                 draw_.below(static_cast<std::int64_t>(connections_.size())))];
@@ -110,21 +109,23 @@ void Life::openForCertain(const std::string& kind) {
     }
 }
 
-Answer Life::presentUnchecked(Direction direction, const Packet& packet) {
+void Life::present(Direction direction, const Packet& packet) {
     ++happenings_.records;
+    const auto expectation = model_.take(direction, packet, now_);
     const auto result = scene_.extension().present(direction, packet, patienceMilliseconds);
     if (!result) fail("the daemon gave no result");
     Answer answer{result->result, result->urlSeen, ""};
     answer.redirect.assign(result->redirectUrl, strnlen(result->redirectUrl, sizeof result->redirectUrl));
-    return answer;
-}
-
-void Life::present(Direction direction, const Packet& packet) {
-    const auto expectation = model_.take(direction, packet, now_);
-    const Answer answer = presentUnchecked(direction, packet);
-    if (keepsAnswers_) answers_.push_back(answer);
+    note(answer);
     check(expectation.answer, answer, direction, packet);
     if (expectation.question) follow(*expectation.question);
+}
+
+void Life::note(const Answer& answer) {
+    if (keepsAnswers_) answers_.push_back(answer);
+    constexpr std::uint64_t factor = 0x100000001b3; // FNV-1a
+    for (const char byte : textOf(answer))
+        happenings_.results = (happenings_.results ^ static_cast<unsigned char>(byte)) * factor;
 }
 
 // An answer that comes at once is waited for.
@@ -139,7 +140,7 @@ void Life::follow(const Question& question) {
     if (kind == "slow")
         takeSlow(question);
     else
-        awaitResolved(question);
+        awaitAnswered(question.url);
     awaitEffect(kind);
 }
 
@@ -152,9 +153,6 @@ void Life::awaitEffect(const std::string& kind) {
     if (kind == "closing" || kind == "opening") {
         blockOnFailure_ = kind == "closing";
         scene_.awaitBlockOnFailure(blockOnFailure_);
-        // A setting that was so before shows nothing, and its thread may come behind that of the next one. Each late
-        // answer has a thread that waits for it.
-        scene_.awaitThreads(calmThreads_ + static_cast<int>(late_.size()));
         ++happenings_.pushes;
     }
 }
@@ -181,7 +179,7 @@ void Life::takeSlow(const Question& question) {
     const auto slow = scene_.agent().takeSlow();
     if (slow.size() != 1) fail(fmt::format("{} slow answers where one was due", slow.size()));
     ++happenings_.slow;
-    late_.push_back({now_ + 1 + draw_.below(longestLateness), slow[0], question});
+    late_.push_back({now_ + 1 + draw_.below(longestLateness), slow[0], question.url});
 }
 
 void Life::answerDue(std::int64_t time) {
@@ -193,29 +191,21 @@ void Life::answerDue(std::int64_t time) {
         late_.erase(next);
         setClock(late.due);
         scene_.agent().sendSlow(late.answer);
-        awaitResolved(late.question);
+        awaitAnswered(late.url);
     }
 }
 
-// Until the answer has been taken in the connection's inbound packets are dropped, and not afterwards.
-void Life::awaitResolved(const Question& question) {
-    const auto limit = std::chrono::steady_clock::now() + std::chrono::milliseconds(patienceMilliseconds);
-    while (std::chrono::steady_clock::now() < limit) {
-        const auto* open = model_.openRecord(question.url);
-        if (!open) fail("an open record has gone: " + question.url);
-        const Packet probe = probeOf(open->ends);
-        const int number = open->number;
-        const auto expectation = model_.take(Direction::in, probe, now_);
-        const Answer answer = presentUnchecked(Direction::in, probe);
-        if (expectation.record == number && answer.result != resultDrop) {
-            resolve(question.url);
-            check(model_.answerOf(Direction::in, number), answer, Direction::in, probe);
-            return;
-        }
-        check(expectation.answer, answer, Direction::in, probe);
-        std::this_thread::sleep_for(std::chrono::microseconds(20));
-    }
-    fail("an answer was not taken in: " + question.url);
+// Until the thread that asked has ended, behind all that the answer changes; each late answer has one that waits. No
+// packet may look for it before: each takes out records whose time is over, so that their number would change the year,
+// an older record of the connection may speak for it, and one that comes between an answer and its redirect passes.
+void Life::awaitAnswered(const std::string& url) {
+    if (!scene_.waitForThreads(calmThreads_ + static_cast<int>(late_.size())))
+        fail("an answer was not taken in: " + url);
+    const auto* open = model_.openRecord(url);
+    if (!open) fail("an open record has gone: " + url);
+    const Packet data = dataFor(open->ends);
+    resolve(url);
+    present(Direction::in, data);
 }
 
 void Life::resolve(const std::string& url) {

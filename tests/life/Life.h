@@ -25,12 +25,14 @@ struct Happenings {
     long pushes = 0;
     long reconnects = 0;
     long jumps = 0;
+    std::uint64_t results = 0; // of all packets, in one number
 };
 
 class Life {
 public:
-    // `now` is the scene's time. `plain` leaves out what reads bytes of earlier packets: IPv6 and stray bytes.
-    Life(Scene& scene, std::uint64_t seed, std::int64_t now, bool plain);
+    // `now` is the scene's time, `calmThreads` how many threads the daemon has while nothing is under way. `plain` leaves
+    // out what reads bytes of earlier packets: IPv6 and stray bytes.
+    Life(Scene& scene, std::uint64_t seed, std::int64_t now, int calmThreads, bool plain);
 
     // Presents so many packets, a few milliseconds apart, and waits for all that is due.
     void burst(long packets);
@@ -47,13 +49,10 @@ public:
     // Presents bytes that nothing knows until no record is left.
     void forgetRecords();
 
-    // How many threads the daemon has while nothing is under way; before a setting is pushed.
-    void setCalmThreads(int threads) { calmThreads_ = threads; }
-
     std::int64_t now() const { return now_; }
     const Happenings& happenings() const { return happenings_; }
 
-    // The results of all packets but those that look whether an answer has come, once they are kept.
+    // The results of all packets, once they are kept.
     void keepAnswers() { keepsAnswers_ = true; }
     const std::vector<Answer>& answers() const { return answers_; }
 
@@ -61,14 +60,14 @@ private:
     struct Late {
         std::int64_t due;
         lab::PolicyAgent::SlowAnswer answer;
-        Question question;
+        std::string url;
     };
 
     std::string drawKind();
     bool open(const std::string& kind);
     void openForCertain(const std::string& kind);
     void present(lab::Direction direction, const Packet& packet);
-    Answer presentUnchecked(lab::Direction direction, const Packet& packet);
+    void note(const Answer& answer);
     void check(const Answer& expected, const Answer& answer, lab::Direction direction,
                const Packet& packet) const;
     void follow(const Question& question);
@@ -76,7 +75,7 @@ private:
     void awaitQuestions(const std::string& url, long count);
     void takeSlow(const Question& question);
     void answerDue(std::int64_t time);
-    void awaitResolved(const Question& question);
+    void awaitAnswered(const std::string& url);
     void resolve(const std::string& url);
     void setClock(std::int64_t time);
     void logIn();
@@ -85,13 +84,13 @@ private:
 
     Scene& scene_;
     Draw draw_;
+    const int calmThreads_;
     const bool plain_;
     PlainDaemon model_;
     std::int64_t now_;
     long connectionsMade_; // which names their hosts
     long questionsDue_;
     bool blockOnFailure_ = false;
-    int calmThreads_ = 0;
     std::deque<Connection> connections_;
     std::deque<Late> late_;
     std::set<std::string> retried_;

@@ -34,27 +34,19 @@ PlainDaemon::Expectation PlainDaemon::take(lab::Direction direction, const std::
 
     const int number = records_.find(ends, now);
     if (number >= 0) {
-        if (const auto answer = answerOfRecord(direction, start, number)) return {*answer, number, {}};
+        if (const auto answer = answerOfRecord(direction, start, number)) return {*answer, {}};
     }
-    if (direction == lab::Direction::in) return {{}, number, {}};
-    Expectation expectation = takeUrl(start, now);
-    expectation.record = number;
-    return expectation;
+    return direction == lab::Direction::in ? Expectation{} : takeUrl(start, now);
 }
 
 // Nothing for a redirect that does not fit.
 std::optional<Answer> PlainDaemon::answerOfRecord(lab::Direction direction, char* packet, int number) const {
-    const testsupport::PlainRecords::Record& met = *record(number);
+    const testsupport::PlainRecords::Record& met = record(number);
     if (!met.resolved) return Answer{direction == lab::Direction::in ? resultDrop : resultHold, 0, ""};
     if (!met.redirected) return Answer{resultPass, 1, ""};
     if (met.https || TCPPacket::redirectPacket(packet, met.redirect.c_str()))
         return Answer{resultRedirect, 0, met.redirect};
     return {};
-}
-
-Answer PlainDaemon::answerOf(lab::Direction direction, int number) {
-    char* packet = buffers_[direction == lab::Direction::in ? 0 : 1].data();
-    return answerOfRecord(direction, packet, number).value_or(Answer{});
 }
 
 PlainDaemon::Expectation PlainDaemon::takeUrl(char* packet, std::int64_t now) {
@@ -67,18 +59,17 @@ PlainDaemon::Expectation PlainDaemon::takeUrl(char* packet, std::int64_t now) {
         records_.create(ConnectionEnds(packet), url->cstr(), https, now);
         number = created_++;
     }
-    return {{resultHold, 1, ""}, -1, Question{url->cstr(), number}};
+    return {{resultHold, 1, ""}, Question{url->cstr(), number}};
 }
 
 void PlainDaemon::resolve(const std::string& url, const char* redirect, int seconds, std::int64_t now) {
     records_.resolve(url, redirect, seconds, now);
 }
 
-const testsupport::PlainRecords::Record* PlainDaemon::record(int number) const {
+// That of a number which has just been found.
+const testsupport::PlainRecords::Record& PlainDaemon::record(int number) const {
     const auto& all = records_.records();
-    const auto at =
-        std::find_if(all.begin(), all.end(), [=](const auto& one) { return one.number == number; });
-    return at == all.end() ? nullptr : &*at;
+    return *std::find_if(all.begin(), all.end(), [=](const auto& one) { return one.number == number; });
 }
 
 const testsupport::PlainRecords::Record* PlainDaemon::openRecord(const std::string& url) const {

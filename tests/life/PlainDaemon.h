@@ -37,24 +37,14 @@ class PlainDaemon {
 public:
     struct Expectation {
         Answer answer;
-        int record = -1; // which one the packet has met
         std::optional<Question> question;
     };
 
     // Takes the packet in at this time, in microseconds.
     Expectation take(lab::Direction direction, const std::vector<char>& packet, std::int64_t now);
 
-    // What the record of that number answers to the packet that was taken in last from this direction.
-    Answer answerOf(lab::Direction direction, int number);
-
     // The agent's answer to a question has been taken in.
     void resolve(const std::string& url, const char* redirect, int seconds, std::int64_t now);
-
-    // Takes a record out at once; nothing happens for one that has gone.
-    void remove(int number) { records_.remove(number); }
-
-    // Null for one that has gone.
-    const testsupport::PlainRecords::Record* record(int number) const;
 
     // The oldest open record of the URL, or null.
     const testsupport::PlainRecords::Record* openRecord(const std::string& url) const;
@@ -63,6 +53,7 @@ public:
 
 private:
     std::optional<Answer> answerOfRecord(lab::Direction direction, char* packet, int number) const;
+    const testsupport::PlainRecords::Record& record(int number) const;
     Expectation takeUrl(char* packet, std::int64_t now);
 
     testsupport::PlainRecords records_;

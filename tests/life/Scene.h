@@ -40,8 +40,8 @@ public:
     void awaitLogon();
     void awaitBlockOnFailure(bool on);
 
-    // Waits until the daemon has at most so many threads: what was begun has then ended. Throws as above.
-    void awaitThreads(int most);
+    // Waits until the daemon has at most so many threads: what was begun has then ended. False when that does not come.
+    bool waitForThreads(int most);
 
     void logOut() { console_.seat(0); }
 

@@ -24,8 +24,8 @@ constexpr long moreKilobytes = 1024;
 constexpr long descriptorsOfALink = 3;
 
 // Answers to the same packets, whoever lived before. Nothing in them reads what an earlier packet has left.
-std::vector<Answer> liveMorning(Scene& scene, std::int64_t now) {
-    Life morning(scene, 4711, now, true);
+std::vector<Answer> liveMorning(Scene& scene, std::int64_t now, int calmThreads) {
+    Life morning(scene, 4711, now, calmThreads, true);
     morning.keepAnswers();
     morning.burst(morningRecords);
     return morning.answers();
@@ -41,20 +41,12 @@ void liveDay(Life& life, Draw& draw, std::int64_t dawn, long records) {
     }
 }
 
-} // namespace
-
-Year liveYear(const YearOptions& options) {
-    const std::int64_t end = start + (options.days + 2) * daySeconds * second;
-    std::vector<Answer> fresh;
-    {
-        Scene scene(end);
-        fresh = liveMorning(scene, end);
-    }
+// The year of one daemon, and the answers of the morning behind it.
+Year liveAllDays(const YearOptions& options, std::int64_t end, std::vector<Answer>& morning) {
     Scene scene(start);
     Draw draw(options.seed);
-    Life life(scene, options.seed, start, false);
     const Holdings dawn = scene.holdings(0, 0);
-    life.setCalmThreads(dawn.threads);
+    Life life(scene, options.seed, start, dawn.threads, false);
     Year year{{dawn, life.happenings()}};
     for (int day = 0; day < options.days; ++day) {
         liveDay(life, draw, start + day * daySeconds * second, options.records / options.days);
@@ -65,10 +57,21 @@ Year liveYear(const YearOptions& options) {
     life.pushBlockOnFailure(false);
     life.forgetRecords();
     scene.clock().set(end);
-    if (liveMorning(scene, end) != fresh)
-        throw std::runtime_error("the morning's answers differ from those of a daemon that has just started");
+    morning = liveMorning(scene, end, dawn.threads);
     if (!scene.extension().hasOnlyAnswered())
         throw std::runtime_error("the daemon has sent results that nobody waited for");
+    return year;
+}
+
+} // namespace
+
+Year liveYear(const YearOptions& options) {
+    const std::int64_t end = start + (options.days + 2) * daySeconds * second;
+    std::vector<Answer> morning;
+    const Year year = liveAllDays(options, end, morning);
+    Scene fresh(end);
+    if (liveMorning(fresh, end, year.front().holdings.threads) != morning)
+        throw std::runtime_error("the morning's answers differ from those of a daemon that has just started");
     return year;
 }
 

@@ -32,20 +32,22 @@ void tell(std::uint64_t seed, const life::Year& year) {
     const life::Evening& last = year.back();
     const life::Happenings& all = last.happenings;
     fmt::print("seed {}: {} days, {} records, {} questions ({} blocked, {} slow), {} logins, {} changes of "
-               "addresses, {} pushes, {} reconnects, {} clocks set: all as the rules say; {} to {} KB, "
-               "{} threads, {} descriptors\n",
+               "addresses, {} pushes, {} reconnects, {} clocks set: all as the rules say, results {:016x}; "
+               "{} to {} KB, {} threads, {} descriptors\n",
                seed, year.size() - 1, all.records, all.questions, all.blocked, all.slow, all.logins,
-               all.addressChanges, all.pushes, all.reconnects, all.jumps,
+               all.addressChanges, all.pushes, all.reconnects, all.jumps, all.results,
                year.front().holdings.residentKilobytes, last.holdings.residentKilobytes,
                last.holdings.threads, last.holdings.descriptors);
 }
 
-int live(const life::YearOptions& options, const std::string& csv) {
+int live(const life::YearOptions& options, const std::string& csv, bool twice) {
     try {
         lab::enterPrivateNetwork();
         const life::Year year = life::liveYear(options);
         if (!csv.empty()) writeEvenings(csv, year);
         life::checkHoldings(year);
+        if (twice && life::liveYear(options).back().happenings.results != year.back().happenings.results)
+            throw std::runtime_error("the same seed has played another year");
         tell(options.seed, year);
         return 0;
     } catch (const std::exception& error) {
@@ -74,6 +76,8 @@ int main(int count, char** words) {
         ->capture_default_str();
     app.add_option("--csv", csv, "write what the daemon has at the end of each of the first year's days")
         ->type_name("FILE");
+    bool twice = false;
+    app.add_flag("--twice", twice, "live each year a second time, with the same results");
     CLI11_PARSE(app, count, words);
 
     int failed = 0;
@@ -81,7 +85,7 @@ int main(int count, char** words) {
          ++options.seed) {
         std::fflush(nullptr);
         const pid_t child = fork();
-        if (child == 0) std::exit(live(options, csv));
+        if (child == 0) std::exit(live(options, csv, twice));
         csv.clear(); // the first year's alone
         int status = 0;
         if (waitpid(child, &status, 0) != child || status != 0) ++failed;
