@@ -69,11 +69,19 @@ std::string textOf(const std::string& path) {
     return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
 }
 
-Holdings holdingsOf(const std::string& process) {
+// The number behind that word in the process's status, which is gone with the process.
+long statusOf(const std::string& process, const std::string& word) {
     const std::string status = textOf(process + "/status");
-    const auto resident = status.find("VmRSS:");
-    return {resident == std::string::npos ? 0 : std::atol(status.c_str() + resident + 6),
-            entriesOf(process + "/task"), entriesOf(process + "/fd")};
+    const auto place = status.find(word);
+    if (place == std::string::npos) throw std::runtime_error("the daemon has gone");
+    return std::atol(status.c_str() + place + word.size());
+}
+
+// Not the entries of the folder of threads: where one ends during the reading, another is left out.
+int threadsOf(const std::string& process) { return static_cast<int>(statusOf(process, "Threads:")); }
+
+Holdings holdingsOf(const std::string& process) {
+    return {statusOf(process, "VmRSS:"), threadsOf(process), entriesOf(process + "/fd")};
 }
 
 // A program that is there, as on a Mac, and has nothing to tell.
@@ -128,8 +136,8 @@ void Scene::awaitBlockOnFailure(bool on) {
 }
 
 bool Scene::waitForThreads(int most) {
-    const std::string tasks = "/proc/" + std::to_string(daemon_.pid()) + "/task";
-    return comesTrue([&] { return entriesOf(tasks) <= most; },
+    const std::string process = "/proc/" + std::to_string(daemon_.pid());
+    return comesTrue([&] { return threadsOf(process) <= most; },
                      std::chrono::milliseconds(patienceMilliseconds), shortGlance);
 }
 
