@@ -13,7 +13,7 @@ struct SlotOptions {
     long operations = 1000000;
     long questions = 1000000;
 
-    // For tests: under which numbers the agent takes and answers questions, and how long a slot that should live may
+    // For tests: under which numbers the agent takes and answers questions, and how long each slot that should live may
     // take to show it, and a request that was answered to be released.
     PolicyAgent::NumberOf numberOf;
     int patienceMilliseconds = 10000;
