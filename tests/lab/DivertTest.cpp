@@ -2,6 +2,7 @@
 
 #include "lab/LiveTraffic.h"
 #include "support/Eventually.h"
+#include "support/FixedPorts.h"
 
 #include <signal.h>
 #include <unistd.h>
@@ -300,6 +301,7 @@ TEST_F(DivertTest, OptionsThatContradictEachOtherAreRefused) {
 TEST_F(DivertTest, WithoutRootItSaysSoInOneLine) {
     writeAll(policy_, "allow *\n");
     fs::permissions(folder_.path(), fs::perms::all);
+    testsupport::claimFixedPorts(); // while root: another user can be refused a network, and root's lock
     ASSERT_EQ(setuid(65534), 0);
     const LabRun run = runLab({"divert", "--policy", policy_, "--", "true"});
     EXPECT_EQ(run.status, 2);
