@@ -90,11 +90,8 @@ protected:
         return bytes;
     }
 
-    long queryThreads() const {
-        const auto threads = daemon->threads().living();
-        return std::count_if(threads.begin(), threads.end(),
-                             [](const auto& thread) { return thread.function == "workThread"; });
-    }
+    long queryThreads() const { return threadsThatRun("workThread"); }
+    long readers() const { return threadsThatRun("responseThread"); }
 
     // How many descriptors the daemon has, or how many of a kind.
     long descriptors(const std::string& kind = "") const {
@@ -108,5 +105,11 @@ protected:
     std::int64_t now = 1794635810LL * 1000000; // 2026-11-14 05:56:50 UTC
 
 private:
+    long threadsThatRun(const std::string& function) const {
+        const auto threads = daemon->threads().living();
+        return std::count_if(threads.begin(), threads.end(),
+                             [&](const auto& thread) { return thread.function == function; });
+    }
+
     static constexpr unsigned agentPort = 3456;
 };
