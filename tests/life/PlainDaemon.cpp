@@ -34,9 +34,12 @@ PlainDaemon::Expectation PlainDaemon::take(lab::Direction direction, const std::
 
     const int number = records_.find(ends, now);
     if (number >= 0) {
-        if (const auto answer = answerOfRecord(direction, start, number)) return {*answer, {}};
+        if (const auto answer = answerOfRecord(direction, start, number)) return {*answer, number, {}};
     }
-    return direction == lab::Direction::in ? Expectation{} : takeUrl(start, now);
+    if (direction == lab::Direction::in) return {{}, number, {}};
+    Expectation expectation = takeUrl(start, now);
+    expectation.record = number;
+    return expectation;
 }
 
 // Nothing for a redirect that does not fit.
@@ -59,7 +62,7 @@ PlainDaemon::Expectation PlainDaemon::takeUrl(char* packet, std::int64_t now) {
         records_.create(ConnectionEnds(packet), url->cstr(), https, now);
         number = created_++;
     }
-    return {{resultHold, 1, ""}, Question{url->cstr(), number}};
+    return {{resultHold, 1, ""}, -1, Question{url->cstr(), number}};
 }
 
 void PlainDaemon::resolve(const std::string& url, const char* redirect, int seconds, std::int64_t now) {

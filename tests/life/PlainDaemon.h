@@ -37,6 +37,7 @@ class PlainDaemon {
 public:
     struct Expectation {
         Answer answer;
+        int record = -1; // which one the packet has met
         std::optional<Question> question;
     };
 
@@ -45,6 +46,9 @@ public:
 
     // The agent's answer to a question has been taken in.
     void resolve(const std::string& url, const char* redirect, int seconds, std::int64_t now);
+
+    // Takes a record out at once; nothing happens for one that has gone.
+    void remove(int number) { records_.remove(number); }
 
     // The oldest open record of the URL, or null.
     const testsupport::PlainRecords::Record* openRecord(const std::string& url) const;

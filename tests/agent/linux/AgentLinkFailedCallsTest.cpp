@@ -19,6 +19,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <filesystem>
 #include <functional>
@@ -66,6 +67,11 @@ long openOfKind(const std::string& kind) {
                          [&](const auto& entry) { return entry.second.rfind(kind, 0) == 0; });
 }
 
+struct Question {
+    std::atomic<const GPSockets*> socket{nullptr}; // that it goes out on
+    std::promise<std::string> answer;
+};
+
 // A process with the link of its own. This thread only looks on.
 class Link {
 public:
@@ -78,11 +84,13 @@ public:
     // Asks on a thread of its own: the answer, or the name of the state that keeps it away for good.
     std::string ask(const std::string& about) {
         const int built = timesBuilt();
-        auto answer = std::make_shared<std::promise<std::string>>();
-        std::future<std::string> result = answer->get_future();
-        std::thread([answer, url = "http://" + about + "/"]() mutable {
-            const auto reply = Owned<GPString>::adopt(OstComm::Instance()->getPolicyCommand(url.data(), 1));
-            answer->set_value(reply ? reply->cstr() : "(null)");
+        const auto question = std::make_shared<Question>();
+        std::future<std::string> result = question->answer.get_future();
+        std::thread([question, url = "http://" + about + "/"]() mutable {
+            OstComm* const link = OstComm::Instance();
+            question->socket = agentLink.socket();
+            const auto reply = Owned<GPString>::adopt(link->getPolicyCommand(url.data(), 1));
+            question->answer.set_value(reply ? reply->cstr() : "(null)");
         }).detach();
         std::string wait;
         const bool settled = eventually([&] {
@@ -91,9 +99,16 @@ public:
             return !wait.empty();
         });
         EXPECT_TRUE(settled) << "neither an answer nor a state that a rule describes";
-        if (wait.empty()) return settled ? result.get() : "hung";
-        ++waiting_;
-        return wait;
+        if (!wait.empty()) {
+            ++waiting_;
+            return wait;
+        }
+        const std::string text = settled ? result.get() : "hung";
+        // The wake-up comes in front of the new link: a question that goes out on the old one in between is lost, by rule.
+        if (text == wokenByReconnect) {
+            EXPECT_TRUE(eventually([&] { return agentLink.socket() != question->socket; }));
+        }
+        return text;
     }
 
     // Asks for a push and waits until a thread has taken the frame, or could not be started: then it stays in the table.
