@@ -25,15 +25,16 @@ void addConfigured(const std::string& path, int depth, std::vector<std::string>&
     std::ifstream file(path);
     for (std::string line; depth < deepestInclusion && std::getline(file, line);) {
         std::istringstream words(line.substr(0, line.find('#')));
-        std::string first, pattern;
+        std::string first;
         words >> first;
-        if (first == "include")
-            while (words >> pattern)
+        if (first == "include") {
+            for (std::string pattern; words >> pattern;)
                 for (const std::string& included :
                      filesLike(pattern.front() == '/' ? pattern : "/etc/" + pattern))
                     addConfigured(included, depth + 1, folders);
-        else if (!first.empty() && first.front() == '/')
+        } else if (!first.empty() && first.front() == '/') {
             folders.push_back(first);
+        }
     }
 }
 
