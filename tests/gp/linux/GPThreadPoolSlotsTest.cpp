@@ -13,6 +13,7 @@
 #include <filesystem>
 #include <fstream>
 #include <future>
+#include <list>
 #include <string>
 #include <thread>
 #include <unistd.h>
@@ -73,7 +74,8 @@ struct Waiting {
 // How many slots of the pool still run operations: so many can be under way at once. What waits takes no time from what
 // is still to begin.
 int liveSlots(GPThreadPool& pool, int expected) {
-    auto& waiting = *new Waiting; // which an operation of a lost slot never meets
+    static auto& all = *new std::list<Waiting>; // kept, for an operation that comes late
+    Waiting& waiting = all.emplace_back();
     for (int i = 0; i < expected; ++i)
         pool.addOperation(
             [](void* held) {
