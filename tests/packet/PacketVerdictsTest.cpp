@@ -7,7 +7,6 @@
 #include "packet/HijackPacket.h"
 #include "support/Eventually.h"
 #include "support/LockCounter.h"
-#include "support/Objects.h"
 #include "support/Sanitizers.h"
 #include "support/VerdictWorld.h"
 
