@@ -20,7 +20,7 @@ public:
     PlayedClock(const PlayedClock&) = delete;
     PlayedClock& operator=(const PlayedClock&) = delete;
 
-    // The memory that the time lies in, as a 64-bit number; it stays the clock's.
+    // The memory that the time lies in, as a 64-bit number, for reading only; it stays the clock's.
     int memory() const { return memory_; }
 
     // Sets the played time, in microseconds since the epoch.

@@ -13,6 +13,7 @@
 #include <gtest/gtest.h>
 
 #include <netinet/in.h>
+#include <sys/mman.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -48,6 +49,18 @@ TEST(PlayedClock, IsSharedWithProcessesThatAreForkedAfterwards) {
               }),
               "5");
     EXPECT_EQ(clock.microseconds(), 7);
+}
+
+TEST(PlayedClock, IsNeitherSetNorCutShortThroughItsMemory) {
+    PlayedClock clock;
+    clock.set(5);
+    const std::int64_t other = 7;
+
+    EXPECT_LT(ftruncate(clock.memory(), 0), 0);
+    EXPECT_LT(pwrite(clock.memory(), &other, sizeof other, 0), 0);
+    EXPECT_EQ(mmap(nullptr, sizeof other, PROT_READ | PROT_WRITE, MAP_SHARED, clock.memory(), 0), MAP_FAILED);
+    clock.set(6);
+    EXPECT_EQ(clock.microseconds(), 6);
 }
 
 TEST(PlayedClock, ASleepEndsWhenItsTimeHasBeenPlayed) {
