@@ -10,6 +10,7 @@
 #include <sched.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -39,8 +40,19 @@ bool isRightOfADaemon(int capability) {
     return false;
 }
 
+// Those that may be inherited come to root's programs beside what bounds the rest.
+void giveInheritableRightsUp() {
+    __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
+    __user_cap_data_struct rights[_LINUX_CAPABILITY_U32S_3] = {};
+    require(syscall(SYS_capget, &header, rights) == 0, "the rights of root");
+    for (__user_cap_data_struct& half : rights)
+        half.inheritable = 0;
+    require(syscall(SYS_capset, &header, rights) == 0, "the rights of root");
+}
+
 // For the program and all that it starts, setuid programs included.
 void giveRightsUp() {
+    giveInheritableRightsUp();
     for (int capability = 0; prctl(PR_CAPBSET_READ, capability) >= 0; ++capability)
         if (!isRightOfADaemon(capability))
             require(prctl(PR_CAPBSET_DROP, capability) == 0, "the rights of root");

@@ -58,14 +58,18 @@ void writeWhole(const fs::path& file, const std::string& text) {
     require(static_cast<bool>(std::ofstream(file) << text << std::flush), file);
 }
 
+void limit(int tree, std::uint64_t attributes, const std::string& name) {
+    mount_attr wanted{};
+    wanted.attr_set = attributes;
+    require(mount_setattr(tree, "", AT_EMPTY_PATH | AT_RECURSIVE, &wanted, sizeof wanted) == 0, name);
+}
+
 // Shows a file or folder, with all that is mounted in it, at another place, which must be one of the same kind.
 void show(int what, int place, const std::string& name, std::uint64_t attributes) {
     const Descriptor tree = required(
         Descriptor(open_tree(what, "", OPEN_TREE_CLONE | OPEN_TREE_CLOEXEC | AT_RECURSIVE | AT_EMPTY_PATH)),
         name);
-    mount_attr wanted{};
-    wanted.attr_set = attributes;
-    require(mount_setattr(tree, "", AT_EMPTY_PATH | AT_RECURSIVE, &wanted, sizeof wanted) == 0, name);
+    limit(tree, attributes, name);
     require(move_mount(tree, "", place, "", MOVE_MOUNT_F_EMPTY_PATH | MOVE_MOUNT_T_EMPTY_PATH) == 0, name);
 }
 
@@ -237,14 +241,17 @@ void makeView(const RootFolder& root, const std::string& program, const std::vec
 void enterView(const RootFolder& root, const std::string& program,
                const std::vector<std::string>& libraries) {
     require(mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0, "/");
+    const Descriptor machine = found("/");
     const std::string view = placeOfView();
     makeView(root, program, libraries, view);
     require(chdir(view.c_str()) == 0, view);
     // The machine's folders are gone for good, but where its root is no mount of its own, as in a chroot.
-    if (syscall(SYS_pivot_root, ".", ".") == 0)
+    if (syscall(SYS_pivot_root, ".", ".") == 0) {
+        limit(machine, forReading, "/"); // a program that the view covers still leads to its own file there
         require(umount2(".", MNT_DETACH) == 0, "/");
-    else
+    } else {
         require(chroot(".") == 0, view);
+    }
     require(chdir("/") == 0, "/");
 }
 

@@ -1,11 +1,15 @@
 // Replays with a build of the daemon that the lab is given in place of its own.
 
 #include "lab/LabGivenProgram.h"
+#include "lab/Namespaces.h"
 
 #include <gtest/gtest.h>
 
+#include <linux/capability.h>
 #include <sched.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -66,6 +70,34 @@ TEST_F(GivenProgram, HasFewOfRootsRightsAndNoneOfTheLabsThings) {
           "/var/run/fernhill: nosuid nodev\n", "/proc: nosuid nodev\n", "/tmp holds 64 MB\n",
           "/run holds 64 MB\n", "/dev/shm holds 64 MB\n"})
         EXPECT_NE(run.err.find(line), std::string::npos) << line << "is missing in:\n" << run.err;
+}
+
+TEST_F(GivenProgram, InheritsNoneOfTheLabsRights) {
+    if (getuid() != 0) GTEST_SKIP() << "only root has rights that a program could inherit";
+    __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
+    __user_cap_data_struct rights[2] = {};
+    ASSERT_EQ(syscall(SYS_capget, &header, rights), 0);
+    for (__user_cap_data_struct& half : rights)
+        half.inheritable = half.permitted;
+    ASSERT_EQ(syscall(SYS_capset, &header, rights), 0);
+    const LabRun run = replay({"--program", onlooker_});
+
+    for (const char* line : {"CapInh:\t0000000000000000\n", "CapPrm:\t00000000000004fb\n"})
+        EXPECT_NE(run.err.find(line), std::string::npos) << line << "is missing in:\n" << run.err;
+}
+
+TEST_F(GivenProgram, CannotWriteToItsFileWhereItsFolderIsNotShown) {
+    const std::string volume = "/usr/local/bin", program = volume + "/unruly";
+    ASSERT_TRUE(lab::unshareAsRoot(CLONE_NEWNS));
+    ASSERT_EQ(mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
+    ASSERT_EQ(mount("volume", volume.c_str(), "tmpfs", 0, nullptr), 0);
+    fs::copy(unruly_, program);
+    setenv("OSTLER_UNRULY", "writes to itself", 1);
+    const LabRun run = replay({"--program", program});
+
+    EXPECT_NE(run.err.find("Read-only file system\n"), std::string::npos) << run.err;
+    EXPECT_TRUE(readAll(program) == readAll(unruly_)) << "it has been written to";
+    umount2(volume.c_str(), MNT_DETACH);
 }
 
 TEST_F(GivenProgram, FindsItsLibraryBelowTmp) {

@@ -79,7 +79,7 @@ int main(int count, char** words) {
         tellWhetherWritable(file);
     tellAddress("localhost");
     tellAddress("host-without-an-address.example");
-    tellLinesOf("/proc/self/status", {"Uid:", "CapPrm:", "CapEff:", "CapBnd:", "NoNewPrivs:"});
+    tellLinesOf("/proc/self/status", {"Uid:", "CapInh:", "CapPrm:", "CapEff:", "CapBnd:", "NoNewPrivs:"});
     tellProcesses();
     tellDescriptors();
     tellWhetherAllowed("mount", mount("none", "/tmp", "tmpfs", 0, nullptr) == 0);

@@ -30,6 +30,14 @@ void leaveADaemon() {
     linger();
 }
 
+// By the name that leads to its file from everywhere, when it runs no more.
+void writeToItself() {
+    const int itself = open("/proc/self/exe", O_RDONLY);
+    char command[64];
+    std::snprintf(command, sizeof command, "echo more >> /proc/self/fd/%d", itself);
+    execl("/bin/sh", "sh", "-c", command, nullptr);
+}
+
 // Not to be stopped with their parent, and never at rest.
 void leaveWriters() {
     for (int writer = 0; writer < 2; ++writer) {
@@ -51,6 +59,7 @@ int main() {
     if (!asked) return 0;
     if (std::strcmp(asked, "leaves a child") == 0) leaveAChild();
     if (std::strcmp(asked, "leaves a daemon") == 0) leaveADaemon();
+    if (std::strcmp(asked, "writes to itself") == 0) writeToItself();
     if (std::strcmp(asked, "leaves writers") == 0) {
         leaveWriters();
         linger();
