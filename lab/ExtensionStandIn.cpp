@@ -7,6 +7,7 @@
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -51,6 +52,15 @@ bool waitReadable(int descriptor, int milliseconds) {
     return poll(&waiting, 1, milliseconds) == 1;
 }
 
+// False with EAGAIN when whoever is to read it has made no room in that time.
+bool sendWithin(int channel, const char* bytes, std::size_t count, int milliseconds) {
+    if (send(channel, bytes, count, MSG_NOSIGNAL | MSG_DONTWAIT) >= 0) return true;
+    if (errno != EAGAIN || milliseconds <= 0) return false;
+    const timeval limit = {milliseconds / 1000, milliseconds % 1000 * 1000L};
+    return setsockopt(channel, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit) == 0 &&
+           send(channel, bytes, count, MSG_NOSIGNAL) >= 0;
+}
+
 } // namespace
 
 ExtensionStandIn::ExtensionStandIn(std::string root, std::int32_t version)
@@ -90,18 +100,19 @@ std::optional<sysctl_result> ExtensionStandIn::present(Direction direction, cons
     const std::size_t room = largestRecord - recordHeaderSize;
     record.insert(record.end(), packet.begin(),
                   packet.begin() + static_cast<std::ptrdiff_t>(std::min(packet.size(), room)));
-    if (!sendRecord(channel, record, form)) {
-        connected_ = false;
+    if (!sendRecord(channel, record, form, milliseconds)) {
+        if (errno != EAGAIN) connected_ = false;
         return {};
     }
     return awaitResult(channel, id, milliseconds);
 }
 
-bool ExtensionStandIn::sendRecord(int channel, const std::vector<char>& record, RecordForm form) {
+bool ExtensionStandIn::sendRecord(int channel, const std::vector<char>& record, RecordForm form,
+                                  int milliseconds) {
     const std::size_t first = form == RecordForm::whole ? record.size() : recordHeaderSize;
-    if (send(channel, record.data(), first, MSG_NOSIGNAL) < 0) return false;
+    if (!sendWithin(channel, record.data(), first, milliseconds)) return false;
     return first == record.size() ||
-           send(channel, record.data() + first, record.size() - first, MSG_NOSIGNAL) >= 0;
+           sendWithin(channel, record.data() + first, record.size() - first, milliseconds);
 }
 
 bool ExtensionStandIn::sendBytes(Direction direction, const std::vector<char>& bytes) {
@@ -120,7 +131,7 @@ std::optional<sysctl_result> ExtensionStandIn::awaitAnyResult(Direction directio
 std::optional<sysctl_result> ExtensionStandIn::awaitResult(int channel, std::uint64_t id, int milliseconds) {
     using std::chrono::steady_clock;
     const auto limit = steady_clock::now() + std::chrono::milliseconds(milliseconds);
-    for (;;) {
+    do {
         const auto left =
             std::chrono::duration_cast<std::chrono::milliseconds>(limit - steady_clock::now()).count();
         if (!waitReadable(channel, static_cast<int>(std::max<std::int64_t>(left, 0)))) return {};
@@ -132,7 +143,8 @@ std::optional<sysctl_result> ExtensionStandIn::awaitResult(int channel, std::uin
         std::memcpy(&answered, &result.packetId, sizeof answered);
         if (answered == id) return result;
         hasStrays_ = true;
-    }
+    } while (steady_clock::now() < limit);
+    return {};
 }
 
 bool ExtensionStandIn::hasOnlyAnswered() const {

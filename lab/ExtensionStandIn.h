@@ -63,7 +63,7 @@ public:
     std::vector<int> descriptors() const;
 
 private:
-    static bool sendRecord(int channel, const std::vector<char>& record, RecordForm form);
+    static bool sendRecord(int channel, const std::vector<char>& record, RecordForm form, int milliseconds);
     std::optional<sysctl_result> awaitResult(int channel, std::uint64_t id, int milliseconds);
     void serveOptions();
     void answerOption(int client) const;

@@ -9,10 +9,14 @@
 
 #include <gtest/gtest.h>
 
+#include <linux/sockios.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <string>
 #include <thread>
@@ -177,6 +181,35 @@ TEST_F(ExtensionStandInTest, AnAnswerThatComesTooLateIsPassedOver) {
     daemon.join();
     ASSERT_TRUE(result.has_value());
     EXPECT_EQ(result->result, 3);
+    EXPECT_TRUE(extension_.connected());
+}
+
+TEST_F(ExtensionStandInTest, ADaemonThatAnswersWithoutEndIsNotListenedToSoLong) {
+    connectBoth();
+    for (int i = 0; i < 20; ++i)
+        answer(in_, std::string(sizeof sysctl_result::packetId, 'x'), 1);
+    EXPECT_FALSE(extension_.present(Direction::in, packet, 0).has_value());
+
+    int unread = 0;
+    ASSERT_EQ(ioctl(in_, SIOCOUTQ, &unread), 0);
+    EXPECT_GT(unread, 0);
+}
+
+TEST_F(ExtensionStandInTest, ADaemonThatReadsNothingIsNotWaitedForWithoutEnd) {
+    connectBoth();
+    std::atomic<bool> over{false};
+    std::thread reader([&] {
+        const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(3);
+        while (!over && std::chrono::steady_clock::now() < limit)
+            std::this_thread::yield();
+        EXPECT_TRUE(over) << "the daemon has had to read";
+        while (!over)
+            receive(in_);
+    });
+    for (int i = 0; i < 20; ++i)
+        EXPECT_FALSE(extension_.present(Direction::in, std::vector<char>(60000), 1));
+    over = true;
+    reader.join();
     EXPECT_TRUE(extension_.connected());
 }
 
