@@ -126,6 +126,22 @@ TEST_F(RefusedProgram, HasAnInterpreterThatIsNotHere) {
                   "it, or give a build for x86-64 Linux");
 }
 
+TEST_F(RefusedProgram, HasAnInterpreterThatIsAFolderOrHasNoWholePath) {
+    const std::string usual = "/lib64/ld-linux-x86-64.so.2";
+    std::string folder = "usr", relative = "interpreter";
+    folder.insert(0, usual.size() - folder.size(), '/');
+    relative.resize(usual.size(), '-');
+    fs::current_path(folder_.path());
+    fs::copy(fernhill_, relative);
+    for (const std::string& interpreter : {folder, relative}) {
+        std::string bytes = readAll(fernhill_);
+        bytes.replace(bytes.find(usual), usual.size(), interpreter);
+        expectRefused(program(bytes),
+                      "its interpreter \"" + interpreter +
+                          "\" cannot be run here; install it, or give a build for x86-64 Linux");
+    }
+}
+
 TEST_F(RefusedProgram, IsLinkedWithoutLibraries) {
     std::string bytes = readAll(fernhill_);
     Elf64_Ehdr header;
