@@ -232,7 +232,7 @@ void makeView(const RootFolder& root, const std::string& program, const std::vec
     for (const NeededFile& library : files)
         if (!showNeeded(top, library))
             throw std::runtime_error(
-                fmt::format("{}: the program needs it and cannot see it there; move it below /usr or /opt",
+                fmt::format("{}: the program needs it and cannot see it there; move it below /opt",
                             library.path.string()));
 }
 
@@ -245,7 +245,7 @@ void enterView(const RootFolder& root, const std::string& program,
     const std::string view = placeOfView();
     makeView(root, program, libraries, view);
     require(chdir(view.c_str()) == 0, view);
-    // The machine's folders are gone for good, but where its root is no mount of its own, as in a chroot.
+    // The machine's folders are gone for good, but where its root is the kernel's first file system, which stays.
     if (syscall(SYS_pivot_root, ".", ".") == 0) {
         limit(machine, forReading, "/"); // a program that the view covers still leads to its own file there
         require(umount2(".", MNT_DETACH) == 0, "/");
