@@ -85,11 +85,14 @@ TEST_F(AbandonedFolder, IsNoneOfAnotherNameOrOrigin) {
     const std::string other = folder_.file("fernhill-backup");
     writeAll(other + "/mine", "kept");
     fs::create_directory_symlink(other, folder_.file("fernhill-linked"));
-    writeAll(folder_.file("fernhill-longer-name/.of-fernhill-lab"), "");
+    const std::string longer = folder_.file("fernhill-longer-name");
+    writeAll(longer + "/.of-fernhill-lab", "");
+    for (const std::string& path : {other, longer})
+        ASSERT_EQ(chmod(path.c_str(), 0700), 0);
     const lab::RootFolder next("");
 
     EXPECT_EQ(readAll(other + "/mine"), "kept");
-    EXPECT_TRUE(fs::exists(folder_.file("fernhill-longer-name")));
+    EXPECT_TRUE(fs::exists(longer));
 }
 
 TEST_F(AbandonedFolder, OfAnotherUserStays) {
