@@ -112,6 +112,27 @@ TEST_F(LibrariesOfAProgram, MayNotBeNamedFromAFolderThatItDoesNotRunIn) {
         "/; link it with a library that has a name (-soname)");
 }
 
+TEST_F(LibrariesOfAProgram, MayBeNamedByAWholePathWhereThereIsNothing) {
+    expectRefused(borrowerOf("/tmp/lab_absent.so"),
+                  "its library /tmp/lab_absent.so is not there; install it");
+}
+
+TEST_F(LibrariesOfAProgram, CannotBeShownWhereTheViewHasAFolderOfTheLabs) {
+    const std::string volume = "/usr/local/bin", library = volume + "/liblab_borrowed.so";
+    ASSERT_TRUE(lab::unshareAsRoot(CLONE_NEWNS));
+    ASSERT_EQ(mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
+    ASSERT_EQ(mount("volume", volume.c_str(), "tmpfs", 0, nullptr), 0);
+    fs::copy(borrowed_, library);
+    setenv("LD_LIBRARY_PATH", volume.c_str(), 1);
+    const LabRun run = replay({"--program", borrower_});
+
+    EXPECT_EQ(run.status, 1);
+    EXPECT_NE(run.err.find(library + ": the program needs it and cannot see it there; move it below /opt\n"),
+              std::string::npos)
+        << run.err;
+    umount2(volume.c_str(), MNT_DETACH);
+}
+
 TEST_F(LibrariesOfAProgram, ArePassedOverWhereTheyAreOfAnotherMachine) {
     std::string bytes = readAll(borrowed_);
     bytes[offsetof(Elf64_Ehdr, e_machine)] = static_cast<char>(EM_AARCH64);

@@ -12,6 +12,7 @@
 #include <cstddef>
 #include <cstring>
 #include <filesystem>
+#include <functional>
 #include <string>
 
 namespace {
@@ -38,6 +39,19 @@ protected:
         std::string bytes = readAll(fernhill_);
         std::memcpy(&bytes[offset], &number, sizeof number);
         return program(bytes);
+    }
+
+    // Changes the segments of this type in the bytes of a build.
+    static void change(std::string& bytes, Elf64_Word type, const std::function<void(Elf64_Phdr&)>& how) {
+        Elf64_Ehdr header;
+        std::memcpy(&header, bytes.data(), sizeof header);
+        for (int i = 0; i < header.e_phnum; ++i) {
+            Elf64_Phdr segment;
+            char* const place = &bytes[header.e_phoff + i * sizeof segment];
+            std::memcpy(&segment, place, sizeof segment);
+            if (segment.p_type == type) how(segment);
+            std::memcpy(place, &segment, sizeof segment);
+        }
     }
 
     void expectRefused(const std::string& path, const std::string& reason) {
@@ -144,17 +158,30 @@ TEST_F(RefusedProgram, HasAnInterpreterThatIsAFolderOrHasNoWholePath) {
 
 TEST_F(RefusedProgram, IsLinkedWithoutLibraries) {
     std::string bytes = readAll(fernhill_);
-    Elf64_Ehdr header;
-    std::memcpy(&header, bytes.data(), sizeof header);
-    for (int i = 0; i < header.e_phnum; ++i) {
-        Elf64_Phdr segment;
-        char* const place = &bytes[header.e_phoff + i * sizeof segment];
-        std::memcpy(&segment, place, sizeof segment);
-        if (segment.p_type == PT_INTERP) segment.p_type = PT_NULL;
-        std::memcpy(place, &segment, sizeof segment);
-    }
+    change(bytes, PT_INTERP, [](Elf64_Phdr& segment) { segment.p_type = PT_NULL; });
     expectRefused(program(bytes),
                   "it is linked without libraries, so no library can play its clock; link it with them");
+}
+
+TEST_F(RefusedProgram, HasASegmentWithoutRoomForItsBytes) {
+    std::string bytes = readAll(fernhill_);
+    change(bytes, PT_LOAD, [](Elf64_Phdr& segment) { segment.p_memsz = segment.p_filesz - 1; });
+    expectRefused(program(bytes),
+                  "it is damaged (a segment has no room for its bytes); build or copy it again");
+}
+
+TEST_F(RefusedProgram, HasItsLibrariesNamesNowhere) {
+    std::string bytes = readAll(fernhill_);
+    change(bytes, PT_DYNAMIC, [&bytes](const Elf64_Phdr& segment) {
+        for (Elf64_Off place = segment.p_offset;; place += sizeof(Elf64_Dyn)) {
+            Elf64_Dyn entry;
+            std::memcpy(&entry, &bytes[place], sizeof entry);
+            if (entry.d_tag == DT_STRTAB) entry.d_un.d_ptr = Elf64_Addr{1} << 40;
+            std::memcpy(&bytes[place], &entry, sizeof entry);
+            if (entry.d_tag == DT_STRTAB) return;
+        }
+    });
+    expectRefused(program(bytes), "it is damaged (a name lies nowhere in it); build or copy it again");
 }
 
 TEST_F(RefusedProgram, LacksALibrary) {
