@@ -60,12 +60,19 @@ void PolicyAgent::listen() {
     wakeUp_ = eventfd(0, EFD_CLOEXEC);
 }
 
-void PolicyAgent::start() { thread_ = std::thread(&PolicyAgent::serve, this); }
+void PolicyAgent::start() {
+    stopping_ = false;
+    thread_ = std::thread(&PolicyAgent::serve, this);
+}
 
 void PolicyAgent::stop() {
     if (thread_.joinable()) {
-        const std::uint64_t one = 1;
-        if (write(wakeUp_, &one, sizeof one) == sizeof one) thread_.join();
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            stopping_ = true;
+        }
+        wake();
+        thread_.join();
     }
     closeLink();
     closeRetired();
@@ -100,6 +107,7 @@ void PolicyAgent::sendSlow(const SlowAnswer& answer) {
     sendFrame(policyFrame, answer.sequence, "{}");
     ++counters_.answers;
     changed_.notify_all();
+    wake();
 }
 
 void PolicyAgent::answerDeferred() {
@@ -108,24 +116,31 @@ void PolicyAgent::answerDeferred() {
     counters_.deferred = 0;
     for (const auto& [sequence, url] : std::exchange(deferred_, {})) {
         answer(sequence, url);
-        if (link_ < 0) break; // the others went with the link
+        if (link_ < 0 || closesWhenSent_) break; // the others went with the link
     }
     changed_.notify_all();
+    wake();
 }
 
 void PolicyAgent::serve() {
     for (;;) {
         int link;
+        bool owes;
         {
             std::lock_guard<std::mutex> lock(mutex_);
+            if (stopping_) return;
             closeRetired();
+            sendUnsent();
             link = link_;
+            owes = !unsent_.empty();
         }
+        const short wanted = owes ? POLLOUT : POLLIN;
         pollfd waiting[] = {
-            {wakeUp_, POLLIN, 0}, {linkListener_, POLLIN, 0}, {pageListener_, POLLIN, 0}, {link, POLLIN, 0}};
+            {wakeUp_, POLLIN, 0}, {linkListener_, POLLIN, 0}, {pageListener_, POLLIN, 0}, {link, wanted, 0}};
         if (poll(waiting, 4, ownTime_ ? 10 : -1) < 0 && errno != EINTR) return;
-        if (waiting[0].revents) return;
-        if (waiting[3].revents) readLink(link);
+        std::uint64_t wakings = 0;
+        if (waiting[0].revents && read(wakeUp_, &wakings, sizeof wakings) < 0) return;
+        if (waiting[3].revents && !owes) readLink(link);
         if (waiting[1].revents) acceptLink();
         if (waiting[2].revents) servePage();
         if (ownTime_) sendDueSlow();
@@ -159,7 +174,7 @@ void PolicyAgent::readLink(int link) {
     }
     received_.add(buffer, static_cast<std::size_t>(count));
     AgentFrame frame;
-    while (link_ >= 0) {
+    while (link_ >= 0 && !closesWhenSent_) {
         const auto found = received_.next(frame);
         if (found == AgentFrameReader::Found::noFrame) closeLink();
         if (found != AgentFrameReader::Found::frame) return;
@@ -192,7 +207,8 @@ bool PolicyAgent::answeredByConduct(std::uint32_t sequence, const std::string& u
     if (!conduct) return false;
     ++counters_.questions;
     sendBytes(conduct->bytes);
-    if (conduct->closes) closeLink();
+    closesWhenSent_ = conduct->closes && link_ >= 0;
+    sendUnsent();
     return true;
 }
 
@@ -246,8 +262,25 @@ void PolicyAgent::sendFrame(std::uint32_t type, std::uint32_t sequence, const st
 }
 
 void PolicyAgent::sendBytes(const std::string& bytes) {
-    if (link_ < 0) return;
-    if (send(link_, bytes.data(), bytes.size(), MSG_NOSIGNAL) < 0) closeLink();
+    if (link_ < 0 || closesWhenSent_) return;
+    unsent_ += bytes;
+    sendUnsent();
+}
+
+void PolicyAgent::sendUnsent() {
+    while (link_ >= 0 && !unsent_.empty()) {
+        const ssize_t count = send(link_, unsent_.data(), unsent_.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+        if (count < 0 && errno == EAGAIN) return;
+        if (count < 0) return closeLink();
+        unsent_.erase(0, static_cast<std::size_t>(count));
+    }
+    if (closesWhenSent_) closeLink();
+}
+
+// The serving thread looks at all anew.
+void PolicyAgent::wake() const {
+    const std::uint64_t one = 1;
+    if (write(wakeUp_, &one, sizeof one) < 0) return; // it has been woken, and not looked yet
 }
 
 void PolicyAgent::sendDueSlow() {
@@ -270,6 +303,8 @@ void PolicyAgent::closeLink() {
         retired_.push_back(link_);
     }
     link_ = -1;
+    unsent_.clear();
+    closesWhenSent_ = false;
     counters_.linked = false;
     counters_.deferred = 0;
     deferred_.clear();

@@ -2,7 +2,8 @@
 
 // The stand-in agent: TCP 127.0.0.1:3456 with the agent's frames, and the block page on port 6543. A thread of
 // its own serves both; a policy decides the answers. The counters say what has happened on the link, so that
-// a replay can wait until every question has had its chance.
+// a replay can wait until every question has had its chance. Nobody waits for a program that takes no answers: it is
+// read no more until it does.
 
 #include "agent/OstComm.h"
 #include "lab/AgentFrame.h"
@@ -43,7 +44,8 @@ public:
     PolicyAgent(const PolicyAgent&) = delete;
     PolicyAgent& operator=(const PolicyAgent&) = delete;
 
-    // What a test sends in place of the policy's answer: any bytes, and whether the link is closed behind them.
+    // What a test sends in place of the policy's answer: any bytes, and whether the link is closed behind them, once
+    // they have been taken.
     struct Conduct {
         std::string bytes;
         bool closes = false;
@@ -116,6 +118,8 @@ private:
     void answer(std::uint32_t sequence, const std::string& url);
     bool answeredByConduct(std::uint32_t sequence, const std::string& url);
     void sendBytes(const std::string& bytes);
+    void sendUnsent();
+    void wake() const;
     void sendFrame(std::uint32_t type, std::uint32_t sequence, const std::string& body);
     void sendDueSlow();
     void closeLink();
@@ -138,6 +142,9 @@ private:
     std::vector<std::pair<std::uint32_t, std::string>> deferred_;
     std::uint32_t nextSequence_ = 0x80000000;
     int link_ = -1;
+    std::string unsent_;          // what the link has had no room for
+    bool closesWhenSent_ = false; // nothing more is read or sent then
+    bool stopping_ = false;
     std::vector<int> retired_; // links that have ended, for the serving thread to close
     long links_ = 0;           // how many there have been
 

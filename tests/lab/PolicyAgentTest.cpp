@@ -12,6 +12,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <future>
 #include <memory>
 #include <string>
 #include <vector>
@@ -300,6 +301,48 @@ TEST_F(PolicyAgentTest, TheLinkCountsAsLinkedFromItsLogonToItsEnd) {
     client_->ask(1, "http://a/");
     EXPECT_EQ(client_->frame(), "closed");
     EXPECT_FALSE(agent_->counters().linked);
+}
+
+TEST_F(PolicyAgentTest, ALinkThatTakesNoAnswersKeepsNobodyWaitingAndGetsThemAllLater) {
+    constexpr std::uint32_t count = 3000;
+    const std::string page = "http://page/" + std::string(4000, 'x');
+    start("block * " + page);
+    for (std::uint32_t number = 1; number <= count; ++number)
+        client_->ask(number, "http://a/");
+    auto seen = std::async(std::launch::async, [this] {
+        return agent_->waitUntil([](const auto& counters) { return counters.questions >= count; }, 50);
+    });
+    if (seen.wait_for(testsupport::patience) != std::future_status::ready) {
+        client_.reset(); // which frees whoever waits
+        FAIL() << "who asks after the counters waits for the link";
+    }
+    EXPECT_FALSE(seen.get()) << "it has been read on";
+    for (std::uint32_t number = 1; number <= count; ++number)
+        ASSERT_EQ(client_->frame(), "1 " + std::to_string(number) + " {\"redirect\":\"" + page + "\"}");
+}
+
+TEST_F(PolicyAgentTest, ALinkThatTakesNoAnswersIsReplacedByTheNext) {
+    start("block * http://page/" + std::string(4000, 'x'));
+    for (std::uint32_t number = 1; number <= 3000; ++number)
+        client_->ask(number, "http://a/");
+    ASSERT_TRUE(awaitQuestions(1));
+    Client second(PolicyAgent::linkPort);
+    second.ask(7, "http://a/");
+    EXPECT_EQ(second.frame().substr(0, 4), "1 7 ");
+}
+
+TEST_F(PolicyAgentTest, WhatComesInPlaceOfAnAnswerIsTakenWholeBeforeTheLinkIsClosed) {
+    const std::string bytes(20000000, 'x');
+    testsupport::claimFixedPorts();
+    agent_ = std::make_unique<PolicyAgent>(Policy::parse("", "policy"), false);
+    agent_->setConduct([&](std::uint32_t, const std::string&) { return PolicyAgent::Conduct{bytes, true}; });
+    agent_->listen();
+    agent_->start();
+    client_ = std::make_unique<Client>(PolicyAgent::linkPort);
+    client_->ask(1, "http://a/");
+    client_->ask(2, "http://a/");
+    EXPECT_TRUE(client_->rest() == bytes);
+    EXPECT_EQ(agent_->counters().questions, 1);
 }
 
 TEST_F(PolicyAgentTest, TheBlockPageIsServedOnItsPort) {
