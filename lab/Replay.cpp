@@ -3,6 +3,7 @@
 #include "filter/FilterQuery.h"
 
 #include <algorithm>
+#include <chrono>
 #include <limits>
 
 namespace lab {
@@ -12,9 +13,8 @@ constexpr int tcp = 6;
 constexpr std::int64_t second = 1000000;
 constexpr int mostRetries = 8;
 
-// Real milliseconds that the daemon has for an answer, and for a query's way there and back.
+// Real milliseconds that the daemon has for an answer.
 constexpr int answerMilliseconds = 30000;
-constexpr int settleMilliseconds = 30000;
 
 // A connection without packets for that long is reported and forgotten.
 constexpr std::int64_t idleLimit = 300 * second;
@@ -197,25 +197,33 @@ std::optional<sysctl_result> Replay::present(PlayedPacket& played) {
 // Waits until every question has arrived and every answer has been taken. At most FilterQuery::queryThreads questions
 // are open at a time, the others wait inside the daemon.
 void Replay::settle() {
-    for (bool quiet = false; !quiet;) {
-        const PolicyAgent::Counters seen = awaitQuestions();
-        if (seen.pushes > pushesTaken_ || seen.deferred) {
-            pushesTaken_ = seen.pushes;
-            if (!daemon_.waitForSettings(pushesTaken_, settleMilliseconds)) ++totals_.unsettled;
-            agent_.answerDeferred();
-            continue;
-        }
-        if (!daemon_.waitForResolved(seen.answers - lostAnswers_, settleMilliseconds)) {
-            lostAnswers_ = seen.answers - daemon_.resolved();
-            ++totals_.unsettled;
-        }
-        quiet = agent_.counters().answers == seen.answers;
-    }
+    using std::chrono::steady_clock;
+    const auto limit = steady_clock::now() + std::chrono::milliseconds(patience_);
+    bool quiet = settleOnce();
+    while (!quiet && steady_clock::now() < limit)
+        quiet = settleOnce();
+    if (!quiet) ++totals_.unsettled;
     noteQuestions();
     for (PolicyAgent::SlowAnswer& answer : agent_.takeSlow()) {
         const std::int64_t due = now_ + std::int64_t{answer.milliseconds} * 1000;
         events_.push({due, ++eventOrder_, nullptr, std::move(answer)});
     }
+}
+
+// False where more has come meanwhile.
+bool Replay::settleOnce() {
+    const PolicyAgent::Counters seen = awaitQuestions();
+    if (seen.pushes > pushesTaken_ || seen.deferred) {
+        pushesTaken_ = seen.pushes;
+        if (!daemon_.waitForSettings(pushesTaken_, patience_)) ++totals_.unsettled;
+        agent_.answerDeferred();
+        return false;
+    }
+    if (!daemon_.waitForResolved(seen.answers - lostAnswers_, patience_)) {
+        lostAnswers_ = seen.answers - daemon_.resolved();
+        ++totals_.unsettled;
+    }
+    return agent_.counters().answers == seen.answers;
 }
 
 // Waits until every question that can be with the agent has come there, or a push has gone out.
@@ -231,7 +239,7 @@ PolicyAgent::Counters Replay::awaitQuestions() {
             return (counters.drops == 0 || counters.linked) && come >= queries_ - lostQuestions_ - inside &&
                    (counters.deferred || counters.repeats == counters.retriesSent);
         },
-        settleMilliseconds);
+        patience_);
     if (arrived) return seen;
     ++totals_.unsettled;
     lostQuestions_ = queries_ - inside - (seen.questions - seen.repeats);

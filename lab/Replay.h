@@ -42,6 +42,10 @@ public:
     // Before playing; the watch outlives this.
     void setWatch(ReplayWatch* watch) { watch_ = watch; }
 
+    // Before playing: the real milliseconds for each step of a query's way to the agent and back, and for all of them
+    // where a program keeps asking.
+    void setPatience(int milliseconds) { patience_ = milliseconds; }
+
     // Plays one capture to its end, the last held packet included. Once the daemon has gone, the packets that
     // are left are only reported; the answer is then false.
     bool play(const std::string& path, const CaptureFacts& facts);
@@ -74,6 +78,7 @@ private:
     std::optional<sysctl_result> present(PlayedPacket& played);
     void hold(const ConnectionPointer& connection);
     void settle();
+    bool settleOnce();
     PolicyAgent::Counters awaitQuestions();
     void noteQuestions();
     void count(const std::optional<sysctl_result>& result);
@@ -88,6 +93,7 @@ private:
     TableReport& table_;
     std::FILE* asked_;
     ReplayWatch* watch_ = nullptr;
+    int patience_ = 30000;
 
     std::int64_t now_ = 0;
     std::int64_t start_ = 0;
