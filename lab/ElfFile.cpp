@@ -159,7 +159,9 @@ void readLibraryNames(const Reader& reader, const Segments& segments, ElfFile& f
         if (entry.d_tag == DT_RUNPATH) file.pathForItself = textOf(entry);
         if (entry.d_tag == DT_SONAME) file.name = textOf(entry);
     }
-    file.looksBesideItself = (file.pathForAll + file.pathForItself).find("ORIGIN") != std::string::npos;
+    const auto namesOrigin = [](const std::string& text) { return text.find("ORIGIN") != std::string::npos; };
+    file.looksBesideItself = namesOrigin(file.pathForAll) || namesOrigin(file.pathForItself) ||
+                             std::any_of(file.needed.begin(), file.needed.end(), namesOrigin);
 }
 
 ElfFile faulty(const std::string& fault) {

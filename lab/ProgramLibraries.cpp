@@ -20,8 +20,10 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// Builds of the daemon have some dozens.
+// Builds of the daemon have some dozens of libraries, each with some dozens of names and folders.
 constexpr std::size_t mostLibraries = 512;
+constexpr std::size_t mostLooks = std::size_t{1} << 18;
+constexpr std::size_t mostText = std::size_t{1} << 24;
 
 // One whose way to look for libraries is known.
 bool isOfGlibc(const std::string& interpreter) {
@@ -34,9 +36,13 @@ public:
 
     // The paths of all libraries, each once.
     std::vector<std::string> libraries() {
-        for (std::size_t i = 0; i < loaded_.size(); ++i)
-            for (const std::string& name : std::vector<std::string>(loaded_[i].file.needed))
-                if (names_.insert(name).second) load(name, i);
+        for (std::size_t i = 0; i < loaded_.size(); ++i) {
+            const std::vector<std::string> folders = foldersFor(i);
+            for (const std::string& needed : std::vector<std::string>(loaded_[i].file.needed)) {
+                const std::string name = withOrigin(needed, originOf(i));
+                if (names_.insert(name).second) load(name, i, folders);
+            }
+        }
         std::vector<std::string> paths;
         for (std::size_t i = 1; i < loaded_.size(); ++i)
             paths.push_back(loaded_[i].path);
@@ -48,18 +54,36 @@ private:
         std::string path;
         ElfFile file;
         std::size_t by; // the first that names it; the program names itself
+        std::vector<std::string> foldersForAll;
+        std::vector<std::string> foldersForItself;
     };
 
     void add(const std::string& path, ElfFile file, std::size_t by) {
+        const std::string origin = fs::path(path).parent_path();
+        std::vector<std::string> forAll = foldersOf(file.pathForAll, origin);
+        std::vector<std::string> forItself = foldersOf(file.pathForItself, origin);
+        for (const auto* texts : {&file.needed, &forAll, &forItself})
+            for (const std::string& text : *texts)
+                text_ += text.size();
+        if (text_ > mostText)
+            throw InputError(program_ + ": its libraries have more names and folders than any build's");
         if (!file.name.empty()) names_.insert(file.name);
-        loaded_.push_back({path, std::move(file), by});
+        loaded_.push_back({path, std::move(file), by, std::move(forAll), std::move(forItself)});
     }
 
-    void load(const std::string& name, std::size_t by) {
+    void countLooks(std::size_t more) {
+        looks_ += more;
+        if (looks_ > mostLooks)
+            throw InputError(program_ +
+                             ": its libraries are to be looked for in more folders than any build's");
+    }
+
+    void load(const std::string& name, std::size_t by, const std::vector<std::string>& folders) {
         if (loaded_.size() > mostLibraries)
             throw InputError(program_ + ": it has more libraries than any build");
         if (name.find('/') != std::string::npos) return loadPath(name, by);
-        for (const std::string& folder : foldersFor(by)) {
+        for (const std::string& folder : folders) {
+            countLooks(1);
             const std::string path = fs::path(folder) / name;
             if (access(path.c_str(), R_OK) == 0 && loadIfFits(path, by)) return;
         }
@@ -69,6 +93,11 @@ private:
     }
 
     void loadPath(const std::string& name, std::size_t by) {
+        if (name.front() == '$')
+            throw InputError(
+                fmt::format("{}: its library {} begins with a word that the lab does not know; link "
+                            "it with a library that has a name (-soname)",
+                            program_, name));
         if (name.front() != '/')
             throw InputError(
                 fmt::format("{}: its library {} is named from the folder where it runs, which in the lab "
@@ -88,20 +117,20 @@ private:
         return true;
     }
 
-    std::vector<std::string> foldersFor(std::size_t by) const {
+    // In their order, each once.
+    std::vector<std::string> foldersFor(std::size_t by) {
         std::vector<std::string> folders;
-        const auto append = [&folders](const std::vector<std::string>& more) {
-            folders.insert(folders.end(), more.begin(), more.end());
+        std::set<std::string> listed;
+        const auto append = [&](const std::vector<std::string>& more) {
+            countLooks(more.size());
+            for (const std::string& folder : more)
+                if (listed.insert(folder).second) folders.push_back(folder);
         };
         if (loaded_[by].file.pathForItself.empty())
             for (const std::size_t i : wayFrom(by))
-                if (loaded_[i].file.pathForItself.empty())
-                    append(foldersOf(loaded_[i].file.pathForAll, originOf(i)));
-        const char* named = std::getenv("LD_LIBRARY_PATH");
-        std::string list = named ? named : "";
-        std::replace(list.begin(), list.end(), ';', ':');
-        append(foldersOf(list, originOf(0)));
-        append(foldersOf(loaded_[by].file.pathForItself, originOf(by)));
+                if (loaded_[i].file.pathForItself.empty()) append(loaded_[i].foldersForAll);
+        append(named_);
+        append(loaded_[by].foldersForItself);
         append(systems_);
         return folders;
     }
@@ -116,10 +145,20 @@ private:
 
     std::string originOf(std::size_t i) const { return fs::path(loaded_[i].path).parent_path(); }
 
+    static std::vector<std::string> namedFolders(const std::string& origin) {
+        const char* named = std::getenv("LD_LIBRARY_PATH");
+        std::string list = named ? named : "";
+        std::replace(list.begin(), list.end(), ';', ':');
+        return foldersOf(list, origin);
+    }
+
     const std::string program_;
+    const std::vector<std::string> named_ = namedFolders(fs::path(program_).parent_path());
     const std::vector<std::string> systems_ = systemsLibraryFolders();
     std::vector<Loaded> loaded_;
     std::set<std::string> names_;
+    std::size_t looks_ = 0; // in how many folders it has looked
+    std::size_t text_ = 0;  // how long all names and folders are
 };
 
 } // namespace
