@@ -11,6 +11,8 @@
 #include "lab/WorldAnswers.h"
 #include "platform/HostPaths.h"
 
+#include <fmt/format.h>
+
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
@@ -53,11 +55,16 @@ DaemonRun::~DaemonRun() { stop(); }
 void DaemonRun::start(const std::vector<int>& foreign) {
     int output[2];
     if (pipe2(output, O_CLOEXEC) != 0) throw std::runtime_error("no pipe for the daemon's output");
+    int refusal[2];
+    if (pipe2(refusal, O_CLOEXEC | O_NONBLOCK) != 0)
+        throw std::runtime_error("no pipe for a program's refusal");
+    refusal_ = Descriptor(refusal[0]);
+    const Descriptor told(refusal[1]);
     const ProgramFormat format = programFormat(program_);
     const auto run = [&](bool separate) {
         close(output[0]);
         takeOutput(output[1], foreign);
-        if (format == ProgramFormat::elf) runSystemProgram(separate);
+        if (format == ProgramFormat::elf) runSystemProgram(separate, told);
         runDaemon();
     };
     if (program_.empty())
@@ -81,16 +88,30 @@ void DaemonRun::takeOutput(int output, const std::vector<int>& foreign) {
     setsid();
 }
 
-void DaemonRun::runSystemProgram(bool separate) {
-    if (!separate) {
-        std::fprintf(
-            stderr, "a program of this system needs namespaces of mounts, processes and IPC: %s\n",
-            errno == ENOSPC
-                ? "all that user.max_*_namespaces allows are in use; raise it with sysctl"
-                : (std::string(std::strerror(errno)) + "; run the lab as root, or allow them").c_str());
-        _exit(cannotRun);
-    }
+void DaemonRun::becomeProgramOfThisSystem(bool separate) const {
+    if (!separate)
+        throw std::runtime_error(fmt::format(
+            "a program of this system needs namespaces of mounts, processes and IPC: {}",
+            errno == ENOSPC ? "all that user.max_*_namespaces allows are in use; raise it with sysctl"
+                            : std::string(std::strerror(errno)) + "; run the lab as root, or allow them"));
     becomeSystemProgram(program_, root_, {"fernhill", "-logecho"}, clock_ ? clock_->memory() : -1);
+}
+
+void DaemonRun::runSystemProgram(bool separate, int refusal) const {
+    try {
+        becomeProgramOfThisSystem(separate);
+    } catch (const std::exception& error) {
+        const std::string words = error.what();
+        _exit(write(refusal, words.data(), words.size()) < 0 ? 1 : cannotRun);
+    }
+    _exit(cannotRun);
+}
+
+std::string DaemonRun::refusal() const {
+    std::string words(65536, '\0');
+    const ssize_t count = read(refusal_, words.data(), words.size());
+    words.resize(count > 0 ? static_cast<std::size_t>(count) : 0);
+    return words;
 }
 
 void DaemonRun::runDaemon() {

@@ -3,6 +3,7 @@
 // The daemon under test: the shipped program in a forked child, under a scratch root and on a played clock or
 // the machine's own, its output read line by line.
 
+#include "lab/Descriptor.h"
 #include "lab/PlayedClock.h"
 #include "lab/ProcessSpace.h"
 #include "lab/RootFolder.h"
@@ -44,6 +45,12 @@ public:
     // How the daemon has ended: "status 1", "signal 9"; empty while it runs.
     const std::string& ending() const { return ending_; }
 
+    // The given program, if any.
+    const std::string& program() const { return program_; }
+
+    // Why a given program was not run, once it has ended; empty when it was.
+    std::string refusal() const;
+
     bool running();
     pid_t pid();
 
@@ -59,7 +66,8 @@ public:
 
 private:
     static void takeOutput(int output, const std::vector<int>& foreign);
-    [[noreturn]] void runSystemProgram(bool separate);
+    void becomeProgramOfThisSystem(bool separate) const;
+    [[noreturn]] void runSystemProgram(bool separate, int refusal) const;
     [[noreturn]] void runDaemon();
     void send(int signal);
     void endNow();
@@ -73,7 +81,8 @@ private:
     PlayedClock* const clock_;
     const std::string program_;
     const std::function<void()> surroundings_;
-    int ended_ = -1; // a pidfd of the daemon
+    int ended_ = -1;     // a pidfd of the daemon
+    Descriptor refusal_; // what a program of this system that was not run leaves
     std::thread reader_;
 
     std::mutex life_;    // guards the three below, once the daemon has been started

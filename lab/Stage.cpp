@@ -1,5 +1,7 @@
 #include "lab/Stage.h"
 
+#include <fmt/format.h>
+
 #include <utility>
 
 namespace lab {
@@ -36,6 +38,9 @@ bool Stage::raise(bool withAgent) {
     for (int waited = 0; waited < startMilliseconds && daemon.running(); waited += glanceMilliseconds) {
         if (extension.waitForDaemon(glanceMilliseconds)) return true;
     }
+    const std::string refusal = daemon.refusal();
+    if (!refusal.empty())
+        throw InputError(fmt::format("{}: it cannot be run: {}", daemon.program(), refusal));
     return false;
 }
 

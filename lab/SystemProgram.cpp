@@ -14,7 +14,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <stdexcept>
@@ -26,8 +25,6 @@ namespace lab {
 const int systemProgramNamespaces = CLONE_NEWNS | CLONE_NEWIPC;
 
 namespace {
-
-constexpr int cannotRun = 99;
 
 void require(bool done, const std::string& what) {
     if (!done) throw std::system_error(errno, std::generic_category(), what);
@@ -107,21 +104,16 @@ void becomeSystemProgram(const std::string& program, const RootFolder& root,
     for (const std::string& word : words)
         pointers.push_back(const_cast<char*>(word.c_str()));
     pointers.push_back(nullptr);
-    try {
-        Descriptor before(open(program.c_str(), O_RDONLY | O_CLOEXEC));
-        require(before >= 0, program);
-        const bool looksBesideItself = readElf(program).looksBesideItself;
-        enterView(root, program, librariesOf(program));
-        const Descriptor file = programInView(program, std::move(before), looksBesideItself);
-        giveDescriptorsUp(clock);
-        giveRightsUp();
-        setSurroundings(clock);
-        fexecve(file, pointers.data(), environ);
-        throw std::system_error(errno, std::generic_category(), program);
-    } catch (const std::exception& error) {
-        std::fprintf(stderr, "%s\n", error.what());
-        _exit(cannotRun);
-    }
+    Descriptor before(open(program.c_str(), O_RDONLY | O_CLOEXEC));
+    require(before >= 0, program);
+    const bool looksBesideItself = readElf(program).looksBesideItself;
+    enterView(root, program, librariesOf(program));
+    const Descriptor file = programInView(program, std::move(before), looksBesideItself);
+    giveDescriptorsUp(clock);
+    giveRightsUp();
+    setSurroundings(clock);
+    fexecve(file, pointers.data(), environ);
+    throw std::system_error(errno, std::generic_category(), program);
 }
 
 } // namespace lab

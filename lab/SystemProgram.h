@@ -18,8 +18,8 @@ extern const int systemProgramNamespaces;
 // the played clock's memory, or -1 for the machine's own time. What it writes elsewhere than below the root's /Library,
 // /var/run/fernhill, /usr/local/bin, /usr/local/etc and /system goes with it. It holds no other descriptor of this
 // process but standard output and error, no terminal, and of root's rights those over files, owners and its own
-// processes. When it cannot be run, the process says so on standard error and ends with status 99. To be called in a
-// process with one thread.
+// processes. Throws when it cannot be run; the process is good for nothing else then. To be called in a process with
+// one thread.
 [[noreturn]] void becomeSystemProgram(const std::string& program, const RootFolder& root,
                                       const std::vector<std::string>& words, int clock);
 

@@ -29,9 +29,14 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr unsigned long plain = MS_NOSUID | MS_NODEV;
-constexpr std::uint64_t forReading = MOUNT_ATTR_RDONLY | MOUNT_ATTR_NOSUID | MOUNT_ATTR_NODEV;
-constexpr std::uint64_t forWriting = MOUNT_ATTR_NOSUID | MOUNT_ATTR_NODEV;
-constexpr std::uint64_t asDevice = MOUNT_ATTR_RDONLY | MOUNT_ATTR_NOSUID | MOUNT_ATTR_NOEXEC;
+
+// Of names in a file of hosts.
+constexpr std::size_t longestHosts = std::size_t{1} << 20;
+
+// The machine's own mounts are for reading only by then.
+constexpr mount_attr forReading = {MOUNT_ATTR_RDONLY | MOUNT_ATTR_NOSUID | MOUNT_ATTR_NODEV, 0, 0, 0};
+constexpr mount_attr forWriting = {MOUNT_ATTR_NOSUID | MOUNT_ATTR_NODEV, MOUNT_ATTR_RDONLY, 0, 0};
+constexpr mount_attr asDevice = {MOUNT_ATTR_RDONLY | MOUNT_ATTR_NOSUID | MOUNT_ATTR_NOEXEC, 0, 0, 0};
 
 void require(bool done, const std::string& what) {
     if (!done) throw std::system_error(errno, std::generic_category(), what);
@@ -58,14 +63,13 @@ void writeWhole(const fs::path& file, const std::string& text) {
     require(static_cast<bool>(std::ofstream(file) << text << std::flush), file);
 }
 
-void limit(int tree, std::uint64_t attributes, const std::string& name) {
-    mount_attr wanted{};
-    wanted.attr_set = attributes;
+void limit(int tree, const mount_attr& attributes, const std::string& name) {
+    mount_attr wanted = attributes;
     require(mount_setattr(tree, "", AT_EMPTY_PATH | AT_RECURSIVE, &wanted, sizeof wanted) == 0, name);
 }
 
 // Shows a file or folder, with all that is mounted in it, at another place, which must be one of the same kind.
-void show(int what, int place, const std::string& name, std::uint64_t attributes) {
+void show(int what, int place, const std::string& name, const mount_attr& attributes) {
     const Descriptor tree = required(
         Descriptor(open_tree(what, "", OPEN_TREE_CLONE | OPEN_TREE_CLOEXEC | AT_RECURSIVE | AT_EMPTY_PATH)),
         name);
@@ -73,12 +77,12 @@ void show(int what, int place, const std::string& name, std::uint64_t attributes
     require(move_mount(tree, "", place, "", MOVE_MOUNT_F_EMPTY_PATH | MOVE_MOUNT_T_EMPTY_PATH) == 0, name);
 }
 
-void showFolder(const fs::path& from, const fs::path& place, std::uint64_t attributes) {
+void showFolder(const fs::path& from, const fs::path& place, const mount_attr& attributes) {
     fs::create_directory(place);
     show(found(from), found(place), place, attributes);
 }
 
-void showFile(int file, const fs::path& place, std::uint64_t attributes) {
+void showFile(int file, const fs::path& place, const mount_attr& attributes) {
     writeWhole(place, "");
     show(file, found(place), place, attributes);
 }
@@ -106,8 +110,11 @@ std::string hostsOf(int root) {
     if (file < 0) throw std::runtime_error(fmt::format("etc/hosts: {}", faultBelow(errno)));
     std::string text;
     char buffer[4096];
-    for (ssize_t count; (count = read(file, buffer, sizeof buffer)) > 0;)
+    for (ssize_t count; (count = read(file, buffer, sizeof buffer)) > 0;) {
         text.append(buffer, static_cast<std::size_t>(count));
+        if (text.size() > longestHosts)
+            throw std::runtime_error("etc/hosts: it is longer than a megabyte; give another folder");
+    }
     return text;
 }
 
@@ -144,11 +151,15 @@ void makeProcesses(const fs::path& view) {
     show(found("/proc"), found(view / "proc"), "/proc", forReading);
 }
 
-// The root's folder in place of the machine's, where there is one.
-void showRoots(int root, int view, const std::string& folder) {
+// The root's folder in place of the machine's, where there is one. A root below that would have its sockets' place made
+// in itself.
+void showRoots(int root, const std::string& rootPath, int view, const std::string& folder) {
     const Descriptor own = openBelow(root, folder, O_PATH | O_DIRECTORY, Links::refused);
     if (own < 0 && errno == ENOENT) return;
     require(own >= 0, folder);
+    if ((rootPath + "/").rfind("/" + folder + "/", 0) == 0)
+        throw std::runtime_error(fmt::format(
+            "{}: a program in the lab has a folder of the lab's there; give another folder", rootPath));
     show(own, required(makeFolderBelow(view, folder, Links::followed), folder), folder, forWriting);
 }
 
@@ -223,7 +234,7 @@ void makeView(const RootFolder& root, const std::string& program, const std::vec
     makeDevices(view);
     makeProcesses(view);
     for (const char* own : {"Library", "system", "usr/local/bin", "usr/local/etc"})
-        showRoots(folder, top, own);
+        showRoots(folder, root.path(), top, own);
     showSockets(folder, root.path(), top);
     show(required(openBelow(folder, "bin", O_PATH | O_DIRECTORY, Links::refused), "bin"),
          found(view / "run/fernhill-lab/bin"), "bin", forReading);
@@ -236,22 +247,31 @@ void makeView(const RootFolder& root, const std::string& program, const std::vec
                             library.path.string()));
 }
 
+// Nothing that is mounted here is seen elsewhere, and nothing of the machine can be written to: a program that the view
+// covers still leads to its own file there.
+void makeMountsOwn() {
+    if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
+        if (errno != EINVAL) throw std::system_error(errno, std::generic_category(), "/");
+        throw std::runtime_error(
+            "the lab runs in a chroot whose folder is no mount, so that it can give no program a "
+            "view of its own; mount that folder at its own place (mount --bind)");
+    }
+    limit(found("/"), {MOUNT_ATTR_RDONLY, 0, 0, 0}, "/");
+}
+
 } // namespace
 
 void enterView(const RootFolder& root, const std::string& program,
                const std::vector<std::string>& libraries) {
-    require(mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0, "/");
-    const Descriptor machine = found("/");
+    makeMountsOwn();
     const std::string view = placeOfView();
     makeView(root, program, libraries, view);
     require(chdir(view.c_str()) == 0, view);
     // The machine's folders are gone for good, but where its root is the kernel's first file system, which stays.
-    if (syscall(SYS_pivot_root, ".", ".") == 0) {
-        limit(machine, forReading, "/"); // a program that the view covers still leads to its own file there
+    if (syscall(SYS_pivot_root, ".", ".") == 0)
         require(umount2(".", MNT_DETACH) == 0, "/");
-    } else {
+    else
         require(chroot(".") == 0, view);
-    }
     require(chdir("/") == 0, "/");
 }
 

@@ -126,10 +126,9 @@ TEST_F(LibrariesOfAProgram, CannotBeShownWhereTheViewHasAFolderOfTheLabs) {
     setenv("LD_LIBRARY_PATH", volume.c_str(), 1);
     const LabRun run = replay({"--program", borrower_});
 
-    EXPECT_EQ(run.status, 1);
-    EXPECT_NE(run.err.find(library + ": the program needs it and cannot see it there; move it below /opt\n"),
-              std::string::npos)
-        << run.err;
+    EXPECT_EQ(run.status, 2);
+    EXPECT_EQ(run.err, "fernhill-lab: " + borrower_ + ": it cannot be run: " + library +
+                           ": the program needs it and cannot see it there; move it below /opt\n");
     umount2(volume.c_str(), MNT_DETACH);
 }
 
@@ -164,6 +163,24 @@ TEST_F(LibrariesOfAProgram, LieBesideItOnAVolumeOfItsOwn) {
     fs::copy(borrowed_, volume + "/liblab_borrowed.so");
 
     expectBorrowed(volume + "/neighbour");
+    umount2(volume.c_str(), MNT_DETACH);
+}
+
+TEST_F(LibrariesOfAProgram, AreNotLookedForBesideItWhereTheViewHasAFolderOfTheLabs) {
+    const std::string volume = "/usr/local/bin", program = volume + "/neighbour";
+    ASSERT_TRUE(lab::unshareAsRoot(CLONE_NEWNS));
+    ASSERT_EQ(mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
+    ASSERT_EQ(mount("volume", volume.c_str(), "tmpfs", 0, nullptr), 0);
+    fs::copy(neighbour_, program);
+    fs::copy(borrowed_, library_);
+    setenv("LD_LIBRARY_PATH", folder_.path().c_str(), 1);
+    const LabRun run = replay({"--program", program});
+
+    EXPECT_EQ(run.status, 2);
+    EXPECT_EQ(run.err,
+              "fernhill-lab: " + program + ": it cannot be run: " + program +
+                  ": it looks for libraries beside itself, where a program in the lab has a folder of the "
+                  "lab's; move it below /opt\n");
     umount2(volume.c_str(), MNT_DETACH);
 }
 

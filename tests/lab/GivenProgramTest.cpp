@@ -170,11 +170,11 @@ TEST_F(GivenProgram, IsNotRunWithoutTheNamespacesThatAreAllInUse) {
     if (readAll("/proc/sys/user/max_ipc_namespaces") != "0\n") GTEST_SKIP() << "no limit can be set";
     const LabRun run = replay({"--program", onlooker_});
 
-    EXPECT_EQ(run.status, 1);
-    EXPECT_NE(run.err.find("a program of this system needs namespaces of mounts, processes and IPC: all that "
-                           "user.max_*_namespaces allows are in use; raise it with sysctl\n"),
-              std::string::npos)
-        << run.err;
+    EXPECT_EQ(run.status, 2);
+    EXPECT_EQ(run.err,
+              "fernhill-lab: " + onlooker_ +
+                  ": it cannot be run: a program of this system needs namespaces of mounts, processes and "
+                  "IPC: all that user.max_*_namespaces allows are in use; raise it with sysctl\n");
 }
 
 TEST_F(GivenProgram, ThatIsSetuidRunsAsItsUserAtThePlayedTime) {

@@ -1,0 +1,123 @@
+// Where a given program's view can be made, and what of the machine and of a kept root it is made from.
+
+#include "lab/SystemView.h"
+
+#include "lab/LabGivenProgram.h"
+#include "lab/Namespaces.h"
+#include "lab/RootFolder.h"
+
+#include <gtest/gtest.h>
+
+#include <linux/filter.h>
+#include <linux/seccomp.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstddef>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <string>
+
+namespace {
+
+namespace fs = std::filesystem;
+
+using labtest::GivenProgram;
+using labtest::LabRun;
+using testsupport::readAll;
+using testsupport::writeAll;
+
+class ViewOfAProgram : public GivenProgram {
+protected:
+    void SetUp() override {
+        GivenProgram::SetUp();
+        if (IsSkipped()) return;
+        ASSERT_TRUE(lab::unshareAsRoot(CLONE_NEWNS));
+        ASSERT_EQ(mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
+    }
+
+    void mountVolume() { ASSERT_EQ(mount("volume", volume_.c_str(), "tmpfs", 0, nullptr), 0); }
+
+    const std::string volume_ = "/usr/local/bin";
+};
+
+// As where the machine's root is the kernel's first file system.
+void refuseOtherRoots() {
+    sock_filter steps[] = {
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_pivot_root, 0, 1),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EINVAL),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+    };
+    const sock_fprog filter = {4, steps};
+    ASSERT_EQ(prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0), 0);
+    ASSERT_EQ(prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter), 0);
+}
+
+TEST_F(ViewOfAProgram, LeavesTheMachineUnwrittenWhereItsRootStays) {
+    mountVolume();
+    const std::string program = volume_ + "/unruly";
+    fs::copy(unruly_, program);
+    refuseOtherRoots();
+    setenv("OSTLER_UNRULY", "writes to itself", 1);
+    const LabRun run = replay({"--program", program});
+
+    EXPECT_NE(run.err.find("Read-only file system\n"), std::string::npos) << run.err;
+    EXPECT_TRUE(readAll(program) == readAll(unruly_)) << "it has been written to";
+    const LabRun other = replay({"--program", onlooker_});
+    for (const char* line : {"/Library/Logs/of-the-onlooker: written\n", "/dev/null: seen\n",
+                             "/usr/of-the-onlooker: Read-only file system\n"})
+        EXPECT_NE(other.err.find(line), std::string::npos) << line << "is missing in:\n" << other.err;
+}
+
+TEST_F(ViewOfAProgram, CannotBeMadeInAChrootWhoseFolderIsNoMount) {
+    const lab::RootFolder root("");
+    const std::string words = folder_.file("words");
+    const pid_t child = fork();
+    if (child == 0) {
+        std::ofstream told(words);
+        if (chroot(folder_.path().c_str()) != 0) _exit(1);
+        try {
+            lab::enterView(root, onlooker_, {});
+        } catch (const std::exception& error) {
+            told << error.what() << std::flush;
+        }
+        _exit(0);
+    }
+    ASSERT_EQ(waitpid(child, nullptr, 0), child);
+    EXPECT_EQ(readAll(words),
+              "the lab runs in a chroot whose folder is no mount, so that it can give no program a "
+              "view of its own; mount that folder at its own place (mount --bind)");
+}
+
+TEST_F(ViewOfAProgram, HasNoNamesFromAFileWithoutEnd) {
+    const std::string root = folder_.file("root");
+    fs::create_directories(root + "/etc");
+    writeAll(root + "/etc/hosts", "");
+    fs::resize_file(root + "/etc/hosts", std::uintmax_t{1} << 40);
+    const LabRun run = replay({"--root", root, "--program", onlooker_});
+
+    EXPECT_EQ(run.status, 2);
+    EXPECT_EQ(run.err,
+              "fernhill-lab: " + onlooker_ +
+                  ": it cannot be run: etc/hosts: it is longer than a megabyte; give another folder\n");
+}
+
+TEST_F(ViewOfAProgram, IsNotMadeOfARootThatItWouldCoverWithItself) {
+    mountVolume();
+    const std::string root = volume_ + "/kept";
+    const LabRun run = replay({"--root", root, "--program", onlooker_});
+
+    EXPECT_EQ(run.status, 2);
+    EXPECT_EQ(run.err, "fernhill-lab: " + onlooker_ + ": it cannot be run: " + root +
+                           ": a program in the lab has a folder of the lab's there; give another folder\n");
+    EXPECT_TRUE(fs::is_empty(root + "/usr/local/bin"));
+}
+
+} // namespace
