@@ -149,6 +149,23 @@ TEST_F(AbandonedFolder, IsWaitedForWhileAnotherLabLooksAtIt) {
     other.join();
 }
 
+TEST_F(AbandonedFolder, ThatAnotherProcessAlwaysTakesANewOneForIsNotMadeForEver) {
+    const std::function<void(const std::string&)> removed = [&](const std::string& path) {
+        fs::remove(path);
+        meanwhile = removed;
+    };
+    meanwhile = removed;
+    std::string refusal;
+    try {
+        const lab::RootFolder root("");
+    } catch (const lab::InputError& error) {
+        refusal = error.what();
+    }
+    EXPECT_EQ(refusal, fs::canonical(folder_.path()).string() +
+                           ": no scratch folder can be made there (another process removes it); name another "
+                           "folder in TMPDIR");
+}
+
 TEST_F(AbandonedFolder, IsStillOneWhenItsRemovalHasNotComeToItsEnd) {
     const pid_t child = fork();
     if (child == 0) {
