@@ -81,6 +81,13 @@ bool isFirstOfItsNamespace(const fs::path& process) {
     return false;
 }
 
+// Before such a process there is one that makes its namespace, and ends.
+bool makesANamespace(const fs::path& process) {
+    std::error_code gone;
+    return fs::read_symlink(process / "ns/pid", gone) !=
+           fs::read_symlink(process / "ns/pid_for_children", gone);
+}
+
 pid_t awaitChild(pid_t parent, const std::function<bool(const fs::path&)>& counts) {
     const auto limit = std::chrono::steady_clock::now() + testsupport::patience;
     while (std::chrono::steady_clock::now() < limit) {
@@ -103,7 +110,8 @@ pid_t awaitChildOf(pid_t parent) {
 }
 
 pid_t awaitDaemonOf(pid_t lab) {
-    return awaitChild(lab, [](const fs::path& child) { return !isFirstOfItsNamespace(child); });
+    return awaitChild(
+        lab, [](const fs::path& child) { return !isFirstOfItsNamespace(child) && !makesANamespace(child); });
 }
 
 std::vector<std::string> linesOf(const std::string& text) {

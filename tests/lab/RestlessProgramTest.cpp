@@ -98,7 +98,7 @@ TEST(AReplay, EndsWithAProgramThatAsksWithoutEnd) {
     lab::JsonReport json("");
     lab::TableReport table(nullptr);
     lab::Replay replay(extension, agent, program, clock, json, table, nullptr);
-    replay.setPatience(20);
+    replay.setPatience(300);
 
     EXPECT_TRUE(replay.play(folder.file("made.pcap"), lab::survey(folder.file("made.pcap"))));
     EXPECT_EQ(replay.totals().unanswered, 0);
