@@ -8,7 +8,7 @@ def watched_file(file):
 
 class Chooser:
     def __init__(self, cases, reached, rest):
-        self._cases = [case for case in cases if case.name not in reached.failing]
+        self._cases = [case for case in cases if case.name not in reached.failing | reached.unseen]
         self._names = {case.name: case for case in self._cases}
         self._reached = reached
         self._rest = rest
@@ -32,6 +32,10 @@ class Chooser:
         """What has killed neighbours comes first, then the folder's own, then what is quick."""
         return (-self._kills.get((mutant.file, case.name), 0), case.folder != mutant.folder,
                 self._reached.seconds.get(case.name, 1.0), case.name)
+
+    def lacks_some(self):
+        """Whether there was no time to learn what some of the tests reach."""
+        return bool(self._reached.unseen)
 
     def note_kill(self, mutant, case):
         key = (mutant.file, case.name)

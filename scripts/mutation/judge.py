@@ -4,10 +4,9 @@ import dataclasses
 import queue
 import re
 import threading
-import time
 from concurrent.futures import ThreadPoolExecutor
 
-from mutation import sandbox, schemata
+from mutation import bounded, sandbox, schemata
 from mutation.gate import Gate
 from mutation.mutant import apply
 
@@ -47,27 +46,33 @@ class Judge:
         alone = [mutant for mutant in mutants if not mutant.body]
         for batch in _batches([mutant for mutant in mutants if mutant.body]):
             alone += self._together(batch)
+        alone.sort(key=_is_in_header)
         with ThreadPoolExecutor(self._jobs) as pool:
             list(pool.map(self._judge_alone, alone))
 
     def _together(self, mutants):
         """Judges mutants that share a build; the ones that must be built alone are given back."""
         tree = self._tree_at("shared")
-        numbered, alone = self._built(tree, dict(enumerate(mutants, 1)))
+        numbered, alone = dict(enumerate(mutants, 1)), []
+        try:
+            self._build(tree, numbered, alone)
+        except bounded.OutOfTime:
+            for mutant in numbered.values():
+                self._tell(Verdict(mutant, NOT_JUDGED))
+            return alone
         self._fit = {}
-        replaced = tree.replaced(tree.programs({mutant.file for mutant in numbered.values()}))
+        replaced = tree.replaced(self._needed(tree, numbered.values()))
         with ThreadPoolExecutor(self._jobs) as pool:
             list(pool.map(lambda item: self._judge(replaced, item[0], item[1]), numbered.items()))
         return alone
 
-    def _built(self, tree, numbered):
+    def _build(self, tree, numbered, alone):
         """Takes out what does not compile until the rest does."""
-        alone = []
         while numbered:
             texts = {file: schemata.with_mutants((self._root / file).read_bytes(), inside)
                      for file, inside in _by_file(numbered).items()}
             tree.write({file: text.content for file, text in texts.items()})
-            output = tree.make()
+            output = tree.make(self._needed(tree, numbered.values()))
             if not output:
                 break
             wrong = _numbers_with_errors(output, tree, texts)
@@ -77,22 +82,24 @@ class Judge:
                 files = {file for file in texts if f"{file}.o" in output or f"/{file}:" in output} or set(texts)
                 for number in [number for number, mutant in numbered.items() if mutant.file in files]:
                     alone.append(numbered.pop(number))
-        return numbered, alone
+
+    def _needed(self, tree, mutants):
+        """The programs that judging these mutants takes."""
+        cases = {case for mutant in mutants for case in self._chooser.tests(mutant)}
+        return tree.needed_programs({mutant.file for mutant in mutants}, cases)
 
     def _judge_alone(self, mutant):
-        if time.monotonic() > self._deadline:
-            self._tell(Verdict(mutant, NOT_JUDGED))
-            return
         place = self._places.get()
         try:
             self._judge_in(self._tree_at(place), mutant)
+        except bounded.OutOfTime:
+            self._tell(Verdict(mutant, NOT_JUDGED))
         finally:
             self._places.put(place)
 
     def _judge_in(self, tree, mutant):
         tree.write({mutant.file: apply((self._root / mutant.file).read_bytes(), mutant.edits)})
-        needed = {case.program for case in self._chooser.tests(mutant)}
-        programs = [name for name in tree.programs({mutant.file}) if name in needed or not name.startswith("tests/")]
+        programs = self._needed(tree, [mutant])
         with self._gate.beside_others():
             output = tree.make(programs)
         if output:
@@ -103,19 +110,25 @@ class Judge:
     def _judge(self, replaced, number, mutant):
         unsteady, count = [], 0
         for case in self._chooser.tests(mutant):
-            if time.monotonic() > self._deadline:
+            count += 1
+            try:
+                said = self._said_by(case, replaced, number)
+            except bounded.OutOfTime:
                 self._tell(Verdict(mutant, NOT_JUDGED))
                 return
-            count += 1
-            said = self._said_by(case, replaced, number)
             if said == UNSTEADY:
                 unsteady.append(case.name)
             elif said == KILLED:
                 self._chooser.note_kill(mutant, case)
                 self._tell(Verdict(mutant, KILLED, case.name, count, tuple(unsteady)))
                 return
-        same = self._twins.are_one_program(mutant)
-        self._tell(Verdict(mutant, SAME if same else SURVIVED, "", count, tuple(unsteady)))
+        self._tell(Verdict(mutant, self._unnoticed(mutant), "", count, tuple(unsteady)))
+
+    def _unnoticed(self, mutant):
+        """What a mutant is that no test has noticed."""
+        if self._twins.are_one_program(mutant):
+            return SAME
+        return NOT_JUDGED if self._chooser.lacks_some() else SURVIVED
 
     def _said_by(self, case, replaced, number):
         """What one test says of a mutant. One that fails by chance kills nothing."""
@@ -140,7 +153,13 @@ class Judge:
         return KILLED if swift else UNSTEADY
 
     def _run(self, case, replaced, number):
-        return sandbox.run(case, self._chooser.limit(case), replaced, [(schemata.VARIABLE, number)])
+        """One run of one test. A run that the end of the time cuts short says nothing of the mutant."""
+        limit = self._chooser.limit(case)
+        left = bounded.left(self._deadline)
+        outcome = sandbox.run(case, min(limit, left), replaced, [(schemata.VARIABLE, number)]) if left else None
+        if not outcome or (outcome.result == sandbox.TIMED_OUT and left < limit):
+            raise bounded.OutOfTime(case.name)
+        return outcome
 
     def _is_fit(self, replaced, case):
         if case.name not in self._fit:
@@ -152,8 +171,18 @@ class Judge:
             self._told(verdict)
 
 
+def _is_in_header(mutant):
+    return mutant.file.endswith(".h")
+
+
 def _batches(mutants):
-    """Parts in which no function is there too often."""
+    """Parts in which no function is there too often. Those of headers, for which much is built, come last."""
+    sources = [mutant for mutant in mutants if not _is_in_header(mutant)]
+    headers = [mutant for mutant in mutants if _is_in_header(mutant)]
+    return _parts(sources) + _parts(headers)
+
+
+def _parts(mutants):
     batches, counts = [], collections.Counter()
     for mutant in mutants:
         place = (mutant.file, mutant.body)

@@ -19,7 +19,8 @@ HEADING = re.compile(r"(src/[^\s:]+)(?::\d+)? (.+?)(?: #(\d+))?$")
 class Entry:
     key: tuple
     reason: str
-    line: int  # of the list
+    line: int  # of the list, where it begins
+    end: int   # where it ends
 
 
 class ListError(Exception):
@@ -49,13 +50,20 @@ def _entry(path, block):
         raise ListError(f"{path}:{number}: no place and change")
     file, function, occurrence = heading.groups()
     reason = " ".join(line.strip() for _, line in block[1:] if not line.startswith(("- ", "+ ")))
-    return Entry((file, function, old, new, int(occurrence or 1)), reason, number)
+    return Entry((file, function, old, new, int(occurrence or 1)), reason, number, block[-1][0])
 
 
 def resolved(entries, known):
     """The mutants that a list names, and what there is to say of the entries whose mutant is gone."""
     found = [known[entry.key] for entry in entries if entry.key in known]
     return found, [f"{_place(entry)}: {GONE}" for entry in entries if entry.key not in known]
+
+
+def touched(entries, own_lines, changed, existing):
+    """The entries that a change may have made wrong: it touches them, or their file, or has taken that away."""
+    return [entry for entry in entries
+            if entry.key[0] in changed or entry.key[0] not in existing
+            or not own_lines.isdisjoint(range(entry.line, entry.end + 1))]
 
 
 def problems(entries, known):

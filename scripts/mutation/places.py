@@ -3,29 +3,35 @@ import hashlib
 import json
 import pathlib
 import shlex
-from concurrent.futures import ProcessPoolExecutor
+from concurrent.futures import ProcessPoolExecutor, TimeoutError
 
-from mutation import operators, syntax
+from mutation import bounded, operators, syntax
 from mutation.mutant import Edit, Mutant, changed_lines, line_and_column
 
 # A change of these files may change what is found.
 OWN_CODE = [pathlib.Path(__file__).with_name(name) for name in ("places.py", "operators.py", "syntax.py", "mutant.py")]
 
 
+def is_judged(file):
+    """Whether mutants are made of a file: what a Mac alone compiles is not built here."""
+    parts = pathlib.PurePath(file).parts
+    return parts[0] == "src" and parts[-1].endswith((".h", ".cpp")) and "macos" not in parts[2:3]
+
+
 class Sources:
     """The files of src/ that are compiled on this system, and how clang reads them."""
 
-    def __init__(self, root, build, cache, jobs):
+    def __init__(self, root, build, cache, jobs, deadline=bounded.FOREVER):
         self.root = pathlib.Path(root)
+        self._deadline = deadline
         self._arguments = _compile_arguments(self.root, build)
         self._cache = pathlib.Path(cache)
         self._jobs = jobs
 
     def files(self, folders=None):
         """All files, or those of some folders, as paths relative to the project."""
-        own = [path.relative_to(self.root) for path in sorted((self.root / "src").rglob("*"))
-               if path.suffix in (".h", ".cpp")]
-        return [str(path) for path in own if path.parts[2] != "macos" and (not folders or path.parts[1] in folders)]
+        own = [path.relative_to(self.root) for path in sorted((self.root / "src").rglob("*"))]
+        return [str(path) for path in own if is_judged(path) and (not folders or path.parts[1] in folders)]
 
     def mutants(self, files):
         """The mutants of these files."""
@@ -40,12 +46,19 @@ class Sources:
 
     def _all(self, files):
         missing = [file for file in files if not self._kept(file).exists()]
+        try:
+            self._read_anew(missing)
+        except TimeoutError:
+            raise bounded.OutOfTime("clang's tree") from None
+        return [_read(json.loads(self._kept(file).read_text())) for file in files]
+
+    def _read_anew(self, files):
         with ProcessPoolExecutor(self._jobs) as pool:
-            for file, found in zip(missing, pool.map(_find, [str(self.root)] * len(missing), missing,
-                                                     [self.arguments(file) for file in missing])):
+            for file, found in zip(files, pool.map(_find, [str(self.root)] * len(files), files,
+                                                   [self.arguments(file) for file in files],
+                                                   timeout=bounded.left(self._deadline))):
                 self._kept(file).parent.mkdir(parents=True, exist_ok=True)
                 self._kept(file).write_text(json.dumps(found))
-        return [_read(json.loads(self._kept(file).read_text())) for file in files]
 
     def _kept(self, file):
         digest = hashlib.sha256(file.encode() + (self.root / file).read_bytes())

@@ -4,22 +4,25 @@ import hashlib
 import json
 import pathlib
 import tempfile
+import time
 from concurrent.futures import ThreadPoolExecutor
 
-from mutation import sandbox, schemata
+from mutation import bounded, sandbox, schemata
 from mutation.mutant import line_and_column
 
 LIMIT = 60  # seconds for one test
+BESIDE = 2  # tests for each job: much of a test is waiting
 
 
 class Map:
     """Reached statements of the files that were looked at, and what each test needs when nothing is changed."""
 
-    def __init__(self, reached, names, seconds, failing):
+    def __init__(self, reached, names, seconds, failing, unseen=frozenset()):
         self._reached = {file: {place: [names[index] for index in indices] for place, indices in places.items()}
                          for file, places in reached.items()}
         self.seconds = seconds   # test -> seconds
         self.failing = failing   # tests that fail with nothing changed, and judge nothing
+        self.unseen = unseen     # tests that there was no time for
 
     def tests(self, file, statement):
         """The tests that reach the statement; None where the map cannot tell."""
@@ -32,22 +35,25 @@ class Map:
         return {name for names in self._reached.get(file, {}).values() for name in names}
 
 
-def of(files, sources, cases, tree, kept, jobs, say):
-    """The map for these files, from the last run where it is still true."""
+def of(files, sources, cases, tree, kept, jobs, say, deadline=bounded.FOREVER):
+    """The map for these files, from the last run where it is still true. Behind the deadline no test begins."""
     digest = _digest(sources.root, cases)
     stored = _stored(kept, digest)
     hashes = {file: hashlib.sha256((sources.root / file).read_bytes()).hexdigest() for file in files}
+    unseen = set()
     missing = [file for file in files if stored["hashes"].get(file) != hashes[file]]
     if missing:
-        say(f"coverage map: all tests over {len(missing)} files")
-        made = _make(missing, sources, cases, tree, jobs)
+        say(f"coverage map: {len(cases)} tests over {len(missing)} files")
+        made = _make(missing, sources, cases, tree, jobs, deadline)
         stored["hashes"].update({file: hashes[file] for file in missing})
         stored["reached"].update(made["reached"])
         stored.update(seconds=made["seconds"], failing=made["failing"])
-        kept.parent.mkdir(parents=True, exist_ok=True)
-        kept.write_text(json.dumps(stored))
+        unseen.update(made["unseen"])
+        if not unseen:
+            kept.parent.mkdir(parents=True, exist_ok=True)
+            kept.write_text(json.dumps(stored))
     wanted = {file: stored["reached"][file] for file in files}
-    return Map(wanted, [case.name for case in cases], stored["seconds"], set(stored["failing"]))
+    return Map(wanted, [case.name for case in cases], stored["seconds"], set(stored["failing"]), frozenset(unseen))
 
 
 def _stored(kept, digest):
@@ -68,7 +74,7 @@ def _digest(root, cases):
     return digest.hexdigest()
 
 
-def _make(files, sources, cases, tree, jobs):
+def _make(files, sources, cases, tree, jobs, deadline):
     statements, changed, first = sources.statements(files), {}, {}
     numbered = []  # the statement of each number
     for file in files:
@@ -78,27 +84,33 @@ def _make(files, sources, cases, tree, jobs):
     if len(numbered) > schemata.STATEMENTS:
         raise RuntimeError(f"{len(numbered)} statements, and the map has room for {schemata.STATEMENTS}")
     tree.write(changed)
-    output = tree.make()
+    programs = tree.needed_programs(changed, cases)
+    output = tree.make(programs)
     if output:
         raise RuntimeError(f"the copy with notes of reached statements does not build:\n{output[-3000:]}")
-    replaced = tree.replaced(tree.programs(changed))
+    replaced = tree.replaced(programs)
 
     reached = {file: {} for file in files}  # indices of the cases
-    seconds, failing = {}, []
-    with ThreadPoolExecutor(jobs) as pool:
-        results = pool.map(lambda case: _watched(case, replaced, tree.directory), cases)
+    seconds, failing, unseen = {}, [], []
+    with ThreadPoolExecutor(BESIDE * jobs) as pool:
+        results = pool.map(lambda case: _watched(case, replaced, tree.directory, deadline), cases)
         for index, (outcome, found) in enumerate(results):
+            if not outcome:
+                unseen.append(cases[index].name)
+                continue
             seconds[cases[index].name] = outcome.seconds
             if outcome.result != sandbox.PASSED:
                 failing.append(cases[index].name)
             for number in found:
                 file, place = numbered[number]
                 reached[file].setdefault(place, []).append(index)
-    return {"reached": reached, "seconds": seconds, "failing": failing}
+    return {"reached": reached, "seconds": seconds, "failing": failing, "unseen": unseen}
 
 
-def _watched(case, replaced, folder):
+def _watched(case, replaced, folder, deadline):
     """Runs a test, once more where it fails, and tells the numbers of the statements that it reached."""
+    if time.monotonic() > deadline:
+        return None, []
     for _ in range(2):
         with tempfile.NamedTemporaryFile(prefix="reached-", dir=folder) as file:
             file.truncate(schemata.STATEMENTS)

@@ -8,7 +8,7 @@ import shlex
 import shutil
 import subprocess
 
-from mutation import schemata
+from mutation import bounded, schemata
 
 
 class Build:
@@ -58,10 +58,11 @@ class Build:
 class Tree:
     """One folder with a changed copy of src/ and the programs made of it."""
 
-    def __init__(self, build, directory, jobs):
+    def __init__(self, build, directory, jobs, deadline=bounded.FOREVER):
         self.build = build
         self.directory = pathlib.Path(directory)
         self._jobs = jobs
+        self._deadline = deadline
         self.directory.mkdir(parents=True, exist_ok=True)
 
     def write(self, changed):
@@ -83,12 +84,17 @@ class Tree:
         archives = self._stale_archives(stale)
         return [name for name, words in self.build.programs.items() if set(words) & (stale | archives)]
 
+    def needed_programs(self, changed, cases):
+        """Those of a change's programs that these cases run, and what is no program of tests: any of them may run it."""
+        own = {case.program for case in cases}
+        return [name for name in self.programs(changed) if name in own or not name.endswith("_tests")]
+
     def make(self, programs=None):
         """Builds these programs, or all. The failed edges' output, empty after success."""
         targets = [str(self.program(name)) for name in programs] if programs is not None else []
-        done = subprocess.run(["ninja", "-C", str(self.directory), "-j", str(self._jobs), "-k", "0", *targets],
-                              capture_output=True, text=True)
-        return "" if done.returncode == 0 else done.stdout + done.stderr
+        words = ["ninja", "-C", str(self.directory), "-j", str(self._jobs), "-k", "0", *targets]
+        status, output = bounded.run(words, self._deadline)
+        return output if status else ""
 
     def program(self, name):
         return self.directory / "bin" / name

@@ -7,7 +7,7 @@ from unittest import mock
 
 from support import a_mutant
 
-from mutation import cases, choose, gate, judge, reach, report, sandbox, schemata
+from mutation import bounded, cases, choose, gate, judge, reach, report, sandbox, schemata
 
 
 def case(name, folder="gp"):
@@ -18,10 +18,11 @@ QUICK, SLOW, OTHER, APP = case("Quick.Test"), case("Slow.Test"), case("Other.Tes
 ALL = [QUICK, SLOW, OTHER, APP]
 
 
-def chooser(reached=("Quick.Test", "Slow.Test", "App.Test"), rest=False, failing=()):
+def chooser(reached=("Quick.Test", "Slow.Test", "App.Test"), rest=False, failing=(), unseen=()):
     seconds = {"Quick.Test": 0.1, "Slow.Test": 2.0, "Other.Test": 0.1, "App.Test": 0.01}
     indices = [index for index, known in enumerate(ALL) if known.name in reached]
-    found = reach.Map({"src/gp/Example.cpp": {"1:11": indices}}, [known.name for known in ALL], seconds, set(failing))
+    found = reach.Map({"src/gp/Example.cpp": {"1:11": indices}}, [known.name for known in ALL], seconds, set(failing),
+                      frozenset(unseen))
     return choose.Chooser(ALL, found, rest)
 
 
@@ -41,6 +42,9 @@ class Choosing(unittest.TestCase):
 
     def test_leaves_out_what_fails_with_nothing_changed(self):
         self.assertEqual(chooser(failing=["Quick.Test"]).tests(a_mutant()), [SLOW, APP])
+
+    def test_leaves_out_what_nobody_knows_the_reach_of(self):
+        self.assertEqual(chooser(unseen=["Quick.Test"]).tests(a_mutant()), [SLOW, APP])
 
     def test_has_nobody_for_a_statement_that_no_test_reaches(self):
         self.assertEqual(chooser(reached=()).tests(a_mutant()), [])
@@ -133,18 +137,48 @@ class Judging(unittest.TestCase):
             (), 1, a_mutant())
         self.assertEqual(told[0].result, judge.NOT_JUDGED)
 
-    def test_is_over_between_two_tests_of_one_mutant(self):
+    def judged_at(self, clock, result=sandbox.PASSED):
+        """The verdict where the time ends at 1 and each run ends so, and the runs with their limits."""
         told, ran = [], []
-        clock = mock.Mock(side_effect=[0, 2])
 
-        def run(run_case, *_):
-            ran.append(run_case.name)
-            return sandbox.Outcome(sandbox.PASSED, 0.1)
+        def run(run_case, limit, *_):
+            ran.append((run_case.name, limit))
+            return sandbox.Outcome(result, 0.1)
 
         judging = judge.Judge(pathlib.Path("/"), None, chooser(), mock.Mock(), 1, 1, told.append)
-        with mock.patch.object(sandbox, "run", run), mock.patch.object(time, "monotonic", clock):
+        with mock.patch.object(sandbox, "run", run), mock.patch.object(time, "monotonic", mock.Mock(side_effect=clock)):
             judging._judge((), 1, a_mutant())
-        self.assertEqual((ran, told[0].result), (["Quick.Test"], judge.NOT_JUDGED))
+        return told[0].result, ran
+
+    def test_is_over_between_two_tests_of_one_mutant(self):
+        self.assertEqual(self.judged_at([0, 2]), (judge.NOT_JUDGED, [("Quick.Test", 1)]))
+
+    def test_takes_no_run_that_the_end_of_the_time_cuts_short_for_a_time_out(self):
+        self.assertEqual(self.judged_at([0.5], sandbox.TIMED_OUT), (judge.NOT_JUDGED, [("Quick.Test", 0.5)]))
+
+    def test_lets_nothing_survive_where_there_was_no_time_to_see_what_all_tests_reach(self):
+        self.assertEqual(self.judged({}, chooser(unseen=["Other.Test"])).result, judge.NOT_JUDGED)
+        killed = self.judged({"Slow.Test": [sandbox.FAILED] * 2}, chooser(unseen=["Other.Test"]))
+        self.assertEqual(killed.result, judge.KILLED)
+
+    def test_has_no_verdict_on_mutants_whose_build_the_end_of_the_time_cuts_short(self):
+        told, tree = [], mock.Mock()
+        tree.make.side_effect = bounded.OutOfTime("ninja")
+        judging = judge.Judge(pathlib.Path("/"), lambda _: tree, chooser(), mock.Mock(), 1, bounded.FOREVER, told.append)
+        alone = type(a_mutant())(**{**vars(a_mutant()), "body": None})
+        with mock.patch.object(pathlib.Path, "read_bytes", lambda _: b"int f() { return 1; }"):
+            judging.all([a_mutant(), alone])
+        self.assertEqual([verdict.result for verdict in told], [judge.NOT_JUDGED] * 2)
+
+    def test_builds_what_is_in_headers_last(self):
+        order = []
+        judging = judge.Judge(pathlib.Path("/"), None, chooser(), mock.Mock(), 1, bounded.FOREVER, None)
+        judging._judge_alone = lambda mutant: order.append(mutant.file)
+        judging._together = lambda batch: order.extend(mutant.file for mutant in batch) or []
+        for body in ((8, 21), None):
+            judging.all([type(a_mutant())(**{**vars(a_mutant(file=file)), "body": body})
+                         for file in ("src/gp/A.h", "src/gp/B.cpp")])
+        self.assertEqual(order, ["src/gp/B.cpp", "src/gp/A.h"] * 2)
 
 
 class Gate(unittest.TestCase):

@@ -38,7 +38,7 @@ def run_over(*listed):
         path = pathlib.Path(folder, "list")
         path.write_text("\n\n".join("\n".join([heading(mutant), *diff(mutant)]) for mutant in listed) + "\n")
         stack.enter_context(mock.patch("sys.argv", ["mutants", "--list", str(path)]))
-        for name, value in (("everyday_build", lambda: True), ("judged", kill_all), ("EQUIVALENTS", pathlib.Path(folder, "none"))):
+        for name, value in (("made", lambda *_: True), ("judged", kill_all), ("EQUIVALENTS", pathlib.Path(folder, "none"))):
             stack.enter_context(mock.patch.object(script, name, value))
         stack.enter_context(mock.patch.object(script.sandbox, "available", lambda: True))
         sources = mock.Mock()

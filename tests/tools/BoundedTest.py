@@ -1,0 +1,140 @@
+"""Commands that end with the time of a run, what is known of tests until then, and which folders' tests are asked."""
+import pathlib
+import tempfile
+import time
+import unittest
+from unittest import mock
+
+from support import a_mutant
+
+from mutation import bounded, cases, judge, reach, rounds, sandbox, tree
+
+
+def case(name, folder):
+    return cases.Case(name, ("program",), (), "/", folder, f"tests/{folder}_tests")
+
+
+OWN, APP, OTHER = case("Own.Test", "gp"), case("App.Test", "app"), case("Other.Test", "dns")
+CODE = b"int f() { return 1; }"
+
+
+class Commands(unittest.TestCase):
+    def test_say_their_status_and_all_they_print(self):
+        status, output = bounded.run(["sh", "-c", "echo one; echo two >&2; exit 3"], bounded.FOREVER)
+        self.assertEqual((status, sorted(output.split())), (3, ["one", "two"]))
+
+    def test_end_with_the_time_and_so_does_what_they_have_started(self):
+        with tempfile.TemporaryDirectory() as folder:
+            note = pathlib.Path(folder, "number")
+            with self.assertRaises(bounded.OutOfTime):
+                bounded.run(["sh", "-c", f"sleep 600 & echo $! > {note}; wait"], time.monotonic() + 1)
+            child = int(note.read_text())
+        ends = time.monotonic() + 20
+        while pathlib.Path(f"/proc/{child}").exists() and time.monotonic() < ends:
+            if pathlib.Path(f"/proc/{child}/stat").read_text().split()[2] == "Z":
+                break  # its new parent has not looked yet
+            time.sleep(0.01)
+        self.assertLess(time.monotonic(), ends)
+
+    def test_have_no_time_behind_the_deadline(self):
+        self.assertEqual(bounded.left(time.monotonic() - 1), 0.0)
+
+
+class Maps(unittest.TestCase):
+    """What the tests reach of one file, of which the tests' build is only played."""
+
+    def setUp(self):
+        folder = tempfile.TemporaryDirectory()
+        self.addCleanup(folder.cleanup)
+        self.root = pathlib.Path(folder.name)
+        (self.root / "src").mkdir()
+        (self.root / "src/A.cpp").write_bytes(CODE)
+        self.kept = self.root / "map.json"
+        self.sources = mock.Mock(root=self.root)
+        self.sources.statements.return_value = {"src/A.cpp": [(10, 19, False)]}
+        self.tree = mock.Mock(directory=self.root)
+        self.tree.make.return_value = ""
+
+    def made(self, deadline, clock):
+        """The map where the clock shows this ahead of each test; all pass and reach all."""
+
+        def run(_, __, ___, variables, ____):
+            pathlib.Path(dict(variables)["OSTLER_REACHED"]).write_bytes(b"\1")
+            return sandbox.Outcome(sandbox.PASSED, 0.1)
+
+        with mock.patch.object(sandbox, "run", run), mock.patch.object(reach, "BESIDE", 1), \
+                mock.patch.object(time, "monotonic", mock.Mock(side_effect=clock)):
+            return reach.of(["src/A.cpp"], self.sources, [OWN, APP], self.tree, self.kept, 1, lambda _: None, deadline)
+
+    def test_of_all_tests_are_kept(self):
+        found = self.made(1, [0, 0])
+        self.assertEqual((found.tests("src/A.cpp", (1, 11)), found.unseen), (["Own.Test", "App.Test"], set()))
+        self.assertTrue(self.kept.exists())
+
+    def test_that_the_time_did_not_suffice_for_name_the_tests_that_are_missing_and_are_not_kept(self):
+        found = self.made(1, [0, 2])
+        self.assertEqual((found.tests("src/A.cpp", (1, 11)), found.unseen), (["Own.Test"], {"App.Test"}))
+        self.assertFalse(self.kept.exists())
+
+    def test_build_what_their_tests_run_and_no_more(self):
+        self.made(1, [0, 0])
+        self.tree.needed_programs.assert_called_once_with({"src/A.cpp": mock.ANY}, [OWN, APP])
+        self.tree.make.assert_called_once_with(self.tree.needed_programs.return_value)
+
+
+class Programs(unittest.TestCase):
+    def test_are_those_of_the_tests_and_what_tests_may_run(self):
+        build = mock.Mock(read_by={"src/gp/A.cpp": {"A.o"}}, objects={"A.o": None}, archives={"core.a": ["A.o"]})
+        build.programs = {name: ["core.a"] for name in ("tests/gp_tests", "tests/dns_tests", "tests/helper", "src/fernhill")}
+        build.programs["tests/other_helper"] = ["other.a"]
+        with tempfile.TemporaryDirectory() as folder:
+            found = tree.Tree(build, folder, 1).needed_programs({"src/gp/A.cpp"}, [OWN])
+        self.assertEqual(found, ["tests/gp_tests", "tests/helper", "src/fernhill"])
+
+
+class Rounds(unittest.TestCase):
+    """One mutant of gp; the tests' outcomes are told and nothing is built."""
+
+    def judged(self, noticed_by, left=1e6, reached=(OWN, APP, OTHER), fails_far=None):
+        """Its result, and the names of the tests that were asked about, round by round."""
+        asked, mutant = [], a_mutant()
+
+        def of(files, sources, known, *_):
+            asked.append([one.name for one in known])
+            if len(asked) == 2 and fails_far:
+                raise fails_far
+            indices = [index for index, one in enumerate(known) if one in reached]
+            return reach.Map({mutant.file: {"1:11": indices}}, [one.name for one in known], {}, set())
+
+        def all_of(judging, mutants):
+            for one in mutants:
+                names = [found.name for found in judging._chooser.tests(one)]
+                judging._tell(judge.Verdict(one, judge.KILLED if noticed_by in names else judge.SURVIVED))
+
+        sources = mock.Mock(root=pathlib.Path("/"))
+        sources.files.return_value = [mutant.file]
+        place = rounds.Place(sources, mock.Mock(objects={}), pathlib.Path("/"), 1, bounded.FOREVER, False, lambda _: None)
+        with mock.patch.object(reach, "of", of), mock.patch.object(judge.Judge, "all", all_of), \
+                mock.patch.object(rounds.tree, "Tree"), mock.patch.object(bounded, "left", lambda _: left), \
+                mock.patch("builtins.print") as printed:
+            verdicts = rounds.near_and_far(place, [APP, OTHER, OWN], [mutant])
+        self.assertEqual(len(verdicts), 1)
+        self.assertEqual(printed.called, verdicts[0].result == judge.SURVIVED)
+        return verdicts[0].result, asked
+
+    def test_ask_the_folders_own_tests_and_then_those_of_app(self):
+        self.assertEqual(self.judged("App.Test"), (judge.KILLED, [["Own.Test", "App.Test"]]))
+
+    def test_ask_the_others_about_what_those_let_pass(self):
+        self.assertEqual(self.judged("Other.Test"), (judge.KILLED, [["Own.Test", "App.Test"], ["Other.Test"]]))
+
+    def test_have_a_survivor_where_nobody_notices(self):
+        self.assertEqual(self.judged("nobody"), (judge.SURVIVED, [["Own.Test", "App.Test"], ["Other.Test"]]))
+
+    def test_have_a_survivor_where_no_time_is_left_for_the_others(self):
+        self.assertEqual(self.judged("Other.Test", left=10), (judge.SURVIVED, [["Own.Test", "App.Test"]]))
+        self.assertEqual(self.judged("Other.Test", fails_far=bounded.OutOfTime("ninja"))[0], judge.SURVIVED)
+
+
+if __name__ == "__main__":
+    unittest.main()
