@@ -107,6 +107,17 @@ TEST(AgentFrames, AFrameThatIsNotWholeYetNeedsMore) {
     EXPECT_EQ(stepOf(""), AgentFrameStep::end);
 }
 
+TEST(AgentFrames, WhatIsNotReadLeavesTheCallersFrameEmptyAsItWas) {
+    AgentFrame frame;
+    std::string body;
+    ASSERT_EQ(read(AgentStandIn::frame(1, 7, "{}").substr(0, 13), 0, frame, body), AgentFrameStep::needMore);
+    EXPECT_EQ(frame.type, 0u);
+    EXPECT_EQ(frame.sequence, 0u);
+    EXPECT_EQ(frame.body, nullptr);
+    EXPECT_EQ(frame.bodyLength, 0u);
+    EXPECT_EQ(frame.next, 0u);
+}
+
 TEST(AgentFrames, ALengthOfZeroIsReadOnceAndEndsTheBytesHeld) {
     AgentFrame frame;
     std::string body;

@@ -2,6 +2,7 @@
 
 #include "gp/GPArray.h"
 
+#include "gp/GPMutex.h"
 #include "support/ForkedChild.h"
 #include "support/Objects.h"
 
@@ -10,10 +11,27 @@
 #include <thread>
 #include <vector>
 
+using testsupport::comesToItsEnd;
 using testsupport::neverEnds;
 using testsupport::TrackedObject;
 
 namespace {
+
+// Retains an array in its own destructor, and holds a lock meanwhile that stands where the last one was freed.
+class LateOwner : public GPObject {
+public:
+    explicit LateOwner(GPArray& array) : array_(array) {}
+    ~LateOwner() override {
+        auto* const lock = new GPMutex();
+        lock->lock();
+        array_.safeRetain();
+        lock->unlock();
+        lock->release();
+    }
+
+private:
+    GPArray& array_;
+};
 
 class GPArrayLocksTest : public testing::Test {
 protected:
@@ -128,6 +146,18 @@ TEST_F(GPArrayLocksTest, GuardedReleaseOfTheLastReferenceDestroysOnce) {
     EXPECT_EQ(destroyed, 0);
     guarded->release();
     EXPECT_EQ(destroyed, 1);
+}
+
+TEST_F(GPArrayLocksTest, AnElementThatRetainsTheArrayWhileItIsDestroyedTakesNoLockOfIt) {
+    EXPECT_TRUE(comesToItsEnd([] {
+        auto* guarded = new GPArray();
+        auto* entry = new LateOwner(*guarded);
+        guarded->addObject(entry);
+        entry->release();
+        guarded->safeRetain();
+        guarded->release();
+        guarded->release();
+    }));
 }
 
 TEST_F(GPArrayLocksTest, UnguardedReleaseIsThatOfEveryObject) {

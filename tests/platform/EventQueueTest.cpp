@@ -10,6 +10,7 @@
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
@@ -239,6 +240,25 @@ TEST_F(EventQueue, OneWaitBringsAsManyEventsAsThereIsRoomFor) {
     ASSERT_EQ(kevent(queue_, nullptr, events.data(), 5, 5), 2);
     EXPECT_EQ(events[0].data + events[1].data, 5);
     EXPECT_EQ(kevent(queue_, nullptr, events.data(), 0, 0), 0) << "no room, no wait";
+}
+
+TEST_F(EventQueue, OneLookBringsSixtyFourEventsAtMostAndTheNextOneTheRest) {
+    constexpr int ready = 65;
+    std::vector<KEvent> events(ready + 5);
+    std::vector<int> descriptors;
+    for (int i = 0; i < ready; ++i) {
+        int ends[2];
+        ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
+        descriptors.insert(descriptors.end(), {ends[0], ends[1]});
+        ASSERT_EQ(write(ends[1], "a", 1), 1);
+        const KEvent wanted = change(ends[0], EVFILT_READ, EV_ADD | EV_CLEAR);
+        ASSERT_EQ(kevent(queue_, &wanted, nullptr, 0, 5), 0);
+    }
+
+    EXPECT_EQ(kevent(queue_, nullptr, events.data(), ready + 5, 5), 64);
+    EXPECT_EQ(kevent(queue_, nullptr, events.data(), ready + 5, 5), 1);
+    for (const int descriptor : descriptors)
+        close(descriptor);
 }
 
 TEST_F(EventQueue, ANegativeLimitIsRefused) {

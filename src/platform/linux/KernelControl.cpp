@@ -59,7 +59,7 @@ int connectTo(int socket, const std::string& path) {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     if (path.size() >= sizeof address.sun_path) return failWith(ENAMETOOLONG);
-    std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
+    path.copy(address.sun_path, path.size());
     const auto* general = reinterpret_cast<const sockaddr*>(&address);
     return ::connect(socket, general, sizeof address);
 }

@@ -5,9 +5,12 @@
 
 #include "platform/HostPaths.h"
 #include "support/ScratchRoot.h"
+#include "support/TemporaryFolder.h"
 
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -17,6 +20,8 @@
 #include <filesystem>
 #include <string>
 #include <thread>
+
+using testsupport::TemporaryFolder;
 
 namespace {
 
@@ -38,6 +43,17 @@ std::string receiveMessage(int socket) {
     return size < 0 ? "(failed)" : std::string(message, static_cast<std::size_t>(size));
 }
 
+// A socket that is connected to one that listens at this path.
+int connectedTo(const std::string& path) {
+    listenAt(path);
+    const int end = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
+    EXPECT_EQ(0, connect(end, reinterpret_cast<sockaddr*>(&address), sizeof address));
+    return end;
+}
+
 class KernelControlSockets : public testing::Test {
 protected:
     // Connects the daemon's end of the inbound control.
@@ -55,6 +71,8 @@ protected:
         if (options_ < 0)
             options_ = listenAt(std::string(platform::HostPaths::inboundControlSocket()) + ".options");
         extension_ = std::thread([this, answer] {
+            pollfd waiting = {options_, POLLIN, 0};
+            poll(&waiting, 1, -1); // so that the caller's socket is there before this end of it
             const int call = accept(options_, nullptr, nullptr);
             asked_ = receiveMessage(call);
             send(call, answer.data(), answer.size(), MSG_NOSIGNAL);
@@ -192,6 +210,40 @@ TEST_F(KernelControlSockets, AnAnswerThatIsNoneFailsTheCall) {
     EXPECT_EQ(-1, control_.setOption(socket, 70, &level, sizeof level));
     EXPECT_EQ(EPROTO, errno);
     asked();
+}
+
+TEST_F(KernelControlSockets, AnOptionCallMayBeDescriptor0) {
+    const int socket = connected();
+    options_ = listenAt(std::string(platform::HostPaths::inboundControlSocket()) + ".options");
+    const int kept = fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 3);
+    close(STDIN_FILENO);
+    const std::int32_t level = 7;
+    answerOption(bytes({0, 0, 0, 0, 0, 0, 0, 0}));
+
+    const int result = control_.setOption(socket, 70, &level, sizeof level);
+
+    EXPECT_EQ(0, result);
+    EXPECT_EQ(-1, fcntl(STDIN_FILENO, F_GETFD)) << "the call's socket is left open";
+    if (result != 0) shutdown(options_, SHUT_RDWR); // nobody has called
+    asked();
+    if (kept >= 0) dup2(kept, STDIN_FILENO);
+}
+
+TEST_F(KernelControlSockets, TheLongestPathOfAnOptionsSocketIsThatOfTheSystem) {
+    const TemporaryFolder folder;
+    const std::string suffix = ".options";
+    const std::size_t room = sizeof(sockaddr_un::sun_path) - 1;
+    const std::size_t length = room - suffix.size() - folder.path().size() - 1;
+    const std::int32_t level = 7;
+    const std::string path = folder.file(std::string(length, 'n'));
+    options_ = listenAt(path + suffix);
+    answerOption(bytes({0, 0, 0, 0, 0, 0, 0, 0}));
+    EXPECT_EQ(0, control_.setOption(connectedTo(path), 70, &level, sizeof level)) << path + suffix;
+    asked();
+
+    const std::string longer = folder.file(std::string(length + 1, 'n'));
+    EXPECT_EQ(-1, control_.setOption(connectedTo(longer), 70, &level, sizeof level));
+    EXPECT_EQ(ENAMETOOLONG, errno);
 }
 
 TEST_F(KernelControlSockets, WithoutAnOptionsSocketOrAConnectionTheCallFails) {
