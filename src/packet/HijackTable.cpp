@@ -7,27 +7,12 @@
 #include "packet/ConnectionEnds.h"
 
 #include <cstddef>
-#include <cstring>
 #include <limits>
 
 namespace {
 
 constexpr std::size_t cacheLine = 64;
 constexpr std::int64_t endOfList = std::numeric_limits<std::int64_t>::max();
-
-// Folds the 128-bit product of two words into one.
-std::uint64_t mixed(std::uint64_t a, std::uint64_t b) {
-    const unsigned __int128 product = static_cast<unsigned __int128>(a) * b;
-    return static_cast<std::uint64_t>(product) ^ static_cast<std::uint64_t>(product >> 64);
-}
-
-constexpr std::uint64_t oddConstant = 0x9e3779b97f4a7c15;
-
-std::uint64_t wordAt(const void* bytes) {
-    std::uint64_t word;
-    std::memcpy(&word, bytes, sizeof word);
-    return word;
-}
 
 // Where a record's time ends that began at `start`. At a limit of the clock's range it ends there.
 std::int64_t endOf(std::int64_t start, int timeout) {
@@ -39,43 +24,26 @@ std::int64_t endOf(std::int64_t start, int timeout) {
 
 } // namespace
 
-HijackTable::HijackTable() : list_(new GPList) {
-    // Addresses and the time of day are nothing that the sender of a packet or of a URL knows.
-    seed_ = mixed(reinterpret_cast<std::uintptr_t>(list_) ^ oddConstant,
-                  static_cast<std::uint64_t>(GPTimer::getClockTime()) | 1);
-    otherSeed_ = mixed(seed_ ^ oddConstant, reinterpret_cast<std::uintptr_t>(this) | 1);
-}
-
-// Both factors hide behind a seed: an address that made one of them 0 would take the rest out of the hash.
-std::uint64_t HijackTable::hashOfEnd(unsigned address, const in6_addr& addressIpv6, int port) const {
-    const std::uint64_t own = static_cast<std::uint64_t>(address) << 32 | static_cast<unsigned>(port);
-    const std::uint64_t half = mixed(own ^ seed_, wordAt(addressIpv6.s6_addr) ^ otherSeed_);
-    return mixed(half ^ seed_, wordAt(addressIpv6.s6_addr + 8) ^ otherSeed_);
-}
+// Addresses and the time of day are nothing that the sender of a packet or of a URL knows.
+HijackTable::HijackTable()
+    : list_(new GPList),
+      hashes_(reinterpret_cast<std::uintptr_t>(list_), static_cast<std::uint64_t>(GPTimer::getClockTime()),
+              reinterpret_cast<std::uintptr_t>(this)) {}
 
 // The sum makes both directions of a connection one key.
 std::uint64_t HijackTable::hashOf(const ConnectionEnds& ends) const {
-    return hashOfEnd(ends.src, ends.srcIpv6, ends.srcPort) + hashOfEnd(ends.dst, ends.dstIpv6, ends.dstPort);
+    return hashes_.ofEnd(ends.src, ends.srcIpv6, ends.srcPort) +
+           hashes_.ofEnd(ends.dst, ends.dstIpv6, ends.dstPort);
 }
 
 std::uint64_t HijackTable::hashOf(const HijackPacket* record) const {
-    return hashOfEnd(record->srcAddress_, record->srcAddressIpv6_, record->srcPort_) +
-           hashOfEnd(record->dstAddress_, record->dstAddressIpv6_, record->dstPort_);
-}
-
-std::uint64_t HijackTable::hashOf(const char* url) const {
-    std::size_t left = std::strlen(url);
-    std::uint64_t hash = mixed(left ^ seed_, oddConstant);
-    for (; left >= sizeof hash; left -= sizeof hash, url += sizeof hash)
-        hash = mixed(hash ^ wordAt(url), seed_);
-    std::uint64_t rest = 0;
-    std::memcpy(&rest, url, left);
-    return mixed(hash ^ rest, seed_);
+    return hashes_.ofEnd(record->srcAddress_, record->srcAddressIpv6_, record->srcPort_) +
+           hashes_.ofEnd(record->dstAddress_, record->dstAddressIpv6_, record->dstPort_);
 }
 
 void HijackTable::add(HijackPacket* record) {
     const std::uint64_t hashOfConnection = hashOf(record);
-    const std::uint64_t hashOfUrl = hashOf(record->URL());
+    const std::uint64_t hashOfUrl = hashes_.ofUrl(record->URL());
     connections_.prefetch(hashOfConnection);
     open_.prefetch(hashOfUrl);
     list_->addObject(record);
@@ -218,7 +186,8 @@ void HijackTable::unlist(HijackPacket* record) {
 
 HijackPacket* HijackTable::oldestOpen(const char* url) const {
     if (!url) return nullptr;
-    return open_.first(hashOf(url), [url](const HijackPacket* other) { return other->url_->isEqual(url); });
+    return open_.first(hashes_.ofUrl(url),
+                       [url](const HijackPacket* other) { return other->url_->isEqual(url); });
 }
 
 void HijackTable::resolved(HijackPacket* record) {

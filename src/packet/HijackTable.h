@@ -10,6 +10,7 @@
 
 #include "gp/GPList.h"
 #include "packet/HijackPacket.h"
+#include "packet/RecordHashes.h"
 #include "packet/RecordIndex.h"
 #include "packet/RecordOrder.h"
 
@@ -55,10 +56,8 @@ private:
     void putBack();
     void unlist(HijackPacket* record);
 
-    std::uint64_t hashOfEnd(unsigned address, const in6_addr& addressIpv6, int port) const;
     std::uint64_t hashOf(const ConnectionEnds& ends) const;
     std::uint64_t hashOf(const HijackPacket* record) const;
-    std::uint64_t hashOf(const char* url) const;
 
     GPList* list_;
     // The plain and the TLS records of a connection are two groups, so that no packet passes by those that ignore it.
@@ -78,6 +77,5 @@ private:
     HijackPacket* lastSetAside_ = nullptr; // if there is one
 
     std::int64_t nextOrder_ = 0;
-    std::uint64_t seed_; // of the hashes
-    std::uint64_t otherSeed_;
+    const RecordHashes hashes_;
 };
