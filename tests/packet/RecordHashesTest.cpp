@@ -67,3 +67,14 @@ TEST(RecordHashes, EachSeedMakesOtherHashes) {
     EXPECT_EQ(ends.size(), 4u);
     EXPECT_EQ(urls.size(), 3u);
 }
+
+TEST(RecordHashes, AreFoldedProductsOfWhatTellsRecordsApartAndTheSeeds) {
+    // The numbers come from the same steps in Python, whose integers have no end.
+    const RecordHashes seeded(0x1111, 0x2222, 0x3334);
+    in6_addr address;
+    for (int place = 0; place < 16; ++place)
+        address.s6_addr[place] = static_cast<unsigned char>(place + 1);
+    EXPECT_EQ(seeded.ofEnd(0xc0000201, address, 443), 0x45f5a3496e39983cu);
+    EXPECT_EQ(seeded.ofUrl("https://host.example/p"), 0x396b8ce45f42f93au);
+    EXPECT_EQ(seeded.ofUrl("12345678"), 0x9599700a7128ce49u);
+}
