@@ -218,6 +218,8 @@ TEST_F(DaemonDescriptorFaults, ALinkThatIsLostWithoutADescriptorIsDeadAndPagesPa
     allowDescriptors(none);
     agent->closeConnection();
     EXPECT_TRUE(comesToPass(page));
+    // A question that was on its way passes its page before the reader has tried for a link.
+    EXPECT_TRUE(eventually([&] { return readers() == 0; }));
     allowDescriptors(enough);
     EXPECT_TRUE(comesToPass(page + 1));
     EXPECT_TRUE(daemon->awaitLog("OstComm getPolicyCommand no socket."));
