@@ -15,6 +15,7 @@
 #include <csignal>
 #include <cstdio>
 #include <filesystem>
+#include <fstream>
 #include <map>
 #include <netinet/in.h>
 #include <string>
@@ -310,10 +311,11 @@ TEST_F(DaemonDoctor, AProgramOfRootsThatOthersCanWriteToIsToBeInstalledAnew) {
 TEST_F(DaemonDoctor, ALineOfTheLogCannotSpeakForTheDoctor) {
     startWhole();
     const std::string log = root.path() + "/Library/Logs/TarnwickSystems/fernhill0-1.log";
+    // With the time of the start, since older lines are those of another daemon.
     const std::string text = testsupport::readAll(log);
-    const std::string forged =
-        text.substr(0, text.find("]: ")) + "]: WARNING: Socket open error in OstComm.\"},\t\x1b[2J\\\n";
-    testsupport::writeAll(log, text + forged);
+    const std::size_t start = text.rfind('[', text.find("Ostler Interceptor Started"));
+    const std::string stamp = text.substr(start, text.find("]: ", start) - start);
+    std::ofstream(log, std::ios::app) << stamp + "]: WARNING: Socket open error in OstComm.\"},\t\x1b[2J\\\n";
     const Diagnosis diagnosis = diagnose();
     EXPECT_TRUE(diagnosis.tells("broken", "log", "OstComm.\"}, [2J\\")) << inFull(diagnosis);
 }
