@@ -82,13 +82,9 @@ GPMap* readAttributes(std::string_view text) {
     if (found.size() > 1) keepLastOfEachName(found);
     auto* attributes = new GPMap(pieces);
     for (const NamedText& attribute : found)
-        attributes->setNewObject(new GPString(withoutQuotes(attribute.value).c_str()),
+        attributes->setNewObject(GPString::of(withoutQuotes(attribute.value)),
                                  std::string(attribute.name).c_str());
     return attributes;
-}
-
-GPString* copyOf(const char* text, std::size_t length) {
-    return new GPString(text, static_cast<int>(length));
 }
 
 // The name in a tag, which starts with one character that is skipped and ends with ">": up to a blank, if it has one.
@@ -224,7 +220,7 @@ GPDOMElement* GPDOMElement::parseElement(const char* tag, std::size_t length) {
     auto* element = new GPDOMElement;
     element->children = new GPArray;
     const std::string_view name = nameOf(tag, length);
-    element->name = copyOf(name.data(), name.size());
+    element->name = GPString::of(name);
     const auto* blank = static_cast<const char*>(std::memchr(tag, ' ', length));
     if (!blank) return element;
     const auto nameEnd = static_cast<std::size_t>(blank - tag);
@@ -265,7 +261,7 @@ private:
         if (nameOf(&text_[open_ + 1], position_ - open_ - 1) == current_->name->cstr() &&
             current_->children->count() == 0) {
             const auto from = static_cast<std::size_t>(current_->valueStart);
-            current_->value = copyOf(&text_[from], open_ - from);
+            current_->value = GPString::of({&text_[from], open_ - from});
         }
         // Names are not compared: an end tag of another name closes a level just as well.
         current_ = current_->parent;
@@ -393,7 +389,7 @@ GPString* GPDOMElement::convertToString(bool pretty, const char* doctype, bool s
     TreeWriter writer(pretty, shortClose);
     if (doctype) writer.text = documentHead(doctype);
     writer.write(this);
-    return new GPString(writer.text.c_str());
+    return GPString::of(writer.text);
 }
 
 GPString* GPDOMElement::convertToPlist(bool pretty) {

@@ -11,8 +11,13 @@
 #include <cstdlib>
 #include <cstring>
 #include <limits>
+#include <new>
 #include <string>
 #include <string_view>
+
+#ifdef __SANITIZE_ADDRESS__
+#include <sanitizer/asan_interface.h>
+#endif
 
 namespace {
 
@@ -27,6 +32,8 @@ char* copyOf(const char* text, std::size_t length) {
 }
 
 char* copyOf(const char* text) { return text ? copyOf(text, std::strlen(text)) : copyOf("", 0); }
+
+std::string_view textOrEmpty(const char* text) { return text ? text : ""; }
 
 char* joined(const char* first, const char* second, std::size_t secondLength) {
     const std::size_t firstLength = std::strlen(first);
@@ -92,15 +99,15 @@ void replacedPieces(std::string_view text, std::string_view from, std::string_vi
 
 } // namespace
 
-GPString::GPString() : text_(copyOf("", 0)), staticMark_(0) {}
+GPString::GPString() : text_(copyOf("", 0)) {}
 
 GPString::GPString(std::nullptr_t) : GPString() {}
 
-GPString::GPString(const GPString* text) : text_(copyOf(text ? text->text_ : nullptr)), staticMark_(0) {}
+GPString::GPString(const GPString* text) : text_(copyOf(text ? text->text_ : nullptr)) {}
 
-GPString::GPString(const char* text) : text_(copyOf(text)), staticMark_(0) {}
+GPString::GPString(const char* text) : text_(copyOf(text)) {}
 
-GPString::GPString(const char* text, int len) : staticMark_(0) {
+GPString::GPString(const char* text, int len) {
     if (text && len < 0) {
         text_ = const_cast<char*>(text);
     } else {
@@ -108,9 +115,35 @@ GPString::GPString(const char* text, int len) : staticMark_(0) {
     }
 }
 
-GPString::GPString(char character) : text_(copyOf(&character, character ? 1 : 0)), staticMark_(0) {}
+GPString::GPString(char character) : text_(copyOf(&character, character ? 1 : 0)) {}
 
-GPString::~GPString() { delete[] text_; }
+GPString::GPString(char* text, TextBehindObject) noexcept : text_(text), isTextBehindObject_(true) {}
+
+GPString::~GPString() { deleteText(); }
+
+void GPString::deleteText() {
+    if (!isTextBehindObject_) {
+        delete[] text_;
+        return;
+    }
+#ifdef __SANITIZE_ADDRESS__
+    // The memory stays, but whoever still reads this text is to be told.
+    ASAN_POISON_MEMORY_REGION(text_, std::strlen(text_) + 1);
+#endif
+}
+
+GPString* GPString::withRoomFor(std::size_t length) {
+    void* const memory = ::operator new(sizeof(GPString) + length + 1);
+    return ::new (memory) GPString(static_cast<char*>(memory) + sizeof(GPString), TextBehindObject());
+}
+
+GPString* GPString::of(std::string_view first, std::string_view second, std::string_view third) {
+    GPString* const string = withRoomFor(first.size() + second.size() + third.size());
+    char* end = std::copy(first.begin(), first.end(), string->text_);
+    end = std::copy(second.begin(), second.end(), end);
+    *std::copy(third.begin(), third.end(), end) = '\0';
+    return string;
+}
 
 GPString* GPString::className() { return string(className_); }
 
@@ -121,12 +154,12 @@ const char* GPString::GPStringClassName() { return className_; }
 GPString* GPString::string(std::nullptr_t) { return string(static_cast<const char*>(nullptr)); }
 
 GPString* GPString::string(const char* text) {
-    return static_cast<GPString*>((new GPString(text))->autorelease());
+    return static_cast<GPString*>(of(textOrEmpty(text))->autorelease());
 }
 
 GPString* GPString::string(const GPString* text) { return string(text->text_); }
 
-GPString* GPString::staticstring(const char* text) { return (new GPString(text))->makestatic(); }
+GPString* GPString::staticstring(const char* text) { return of(textOrEmpty(text))->makestatic(); }
 
 GPString* GPString::absorbe(char* text) { return new GPString(text, -1); }
 
@@ -185,11 +218,12 @@ int GPString::skipws() const { return skipws(0); }
 
 int GPString::skipws(int from) const { return static_cast<int>(::skipws(text_ + from) - text_); }
 
-GPString* GPString::copy() const { return new GPString(this); }
+GPString* GPString::copy() const { return of(text_); }
 
 GPString* GPString::take(char* text) {
-    delete[] text_;
+    deleteText();
     text_ = text;
+    isTextBehindObject_ = false;
     return this;
 }
 
@@ -321,7 +355,7 @@ GPArray* GPString::split(const char* separator) const {
     auto pieces = Owned<GPArray>::adopt(new GPArray());
     const std::string_view text(text_);
     const auto add = [&pieces](std::string_view piece) {
-        auto string = Owned<GPString>::adopt(new GPString(piece.data(), static_cast<int>(piece.size())));
+        auto string = Owned<GPString>::adopt(GPString::of(piece));
         pieces->addObject(string.get());
     };
     const std::string_view between(separator);
@@ -347,7 +381,7 @@ GPString* GPString::join(GPArray* array, const char* separator) {
         if (index > 0) text += separator;
         text += static_cast<GPString*>(array->objectAtIndex(index))->text_;
     }
-    return new GPString(text.c_str());
+    return of(text);
 }
 
 GPString* GPString::join(GPArray* array, const GPString* separator) { return join(array, separator->text_); }

@@ -4,12 +4,17 @@
 // allocates anew, so the class is not meant for building long text in a loop. No encoding is assumed;
 // characters are classed as in the C locale.
 //
+// The makers put the object and its first text into one piece of memory; a constructor's text and every changed text
+// are pieces of their own.
+//
 // Owned like any GPObject. A string belongs to one thread at a time, or to a lock of its owner's.
 
 #include "gp/GPObject.h"
 
 #include <cstddef>
 #include <cstdint>
+#include <new>
+#include <string_view>
 
 class GPArray;
 
@@ -32,6 +37,9 @@ public:
     GPString* className() override;
     const char* cclassName() override;
     static const char* GPStringClassName();
+
+    // A new string of up to three texts, one behind the other; owned by the caller.
+    static GPString* of(std::string_view first, std::string_view second = {}, std::string_view third = {});
 
     // A new string, autoreleased. The char form takes null for empty text, the other one reads unchecked.
     static GPString* string(std::nullptr_t);
@@ -138,12 +146,24 @@ public:
     static GPString* join(GPArray* array, const char* separator);
     static GPString* join(GPArray* array, const GPString* separator);
 
+    // The global ones, but for the size that a delete would tell: a maker's piece of memory is larger than the object.
+    static void* operator new(std::size_t size) { return ::operator new(size); }
+    static void operator delete(void* memory) { ::operator delete(memory); }
+
 private:
+    struct TextBehindObject {};
+    GPString(char* text, TextBehindObject) noexcept;
+
+    // A new string in one piece of memory with room for a text of that length, which the caller writes.
+    static GPString* withRoomFor(std::size_t length);
+
     // Takes `text` over in place of the present buffer.
     GPString* take(char* text);
+    void deleteText();
 
     char* text_;
-    std::uint8_t staticMark_;
+    std::uint8_t staticMark_ = 0;
+    bool isTextBehindObject_ = false;
 };
 
 // Where `needle` stands in `hay`, or null. With `fromEnd` the answer points at the last character of the match,

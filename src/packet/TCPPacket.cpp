@@ -137,6 +137,17 @@ std::string_view from(std::string_view text, std::string_view word) {
     return at == std::string_view::npos ? std::string_view() : text.substr(at);
 }
 
+// The first "GET " among the first bytes of a text, or null. The text has room for these bytes, wherever it ends.
+const char* findGet(const char* text) {
+    constexpr std::size_t farthest = 30;
+    constexpr std::string_view word = "GET ";
+    if (std::memcmp(text, word.data(), word.size()) == 0) return text;
+    // Most packets have not even the letter, and then the text's end is nothing to look for.
+    if (!std::memchr(text, word[0], farthest)) return nullptr;
+    const std::string_view found = from({text, strnlen(text, farthest)}, word);
+    return found.empty() ? nullptr : found.data();
+}
+
 // Where a header line ends: at its CR LF or, if none follows in the whole text, at its line feed.
 std::size_t lineEnd(std::string_view text) {
     const std::size_t end = text.find("\r\n");
@@ -146,15 +157,6 @@ std::size_t lineEnd(std::string_view text) {
 // A text from a place in it to its end.
 std::string_view rest(const char* begin, const char* end) {
     return {begin, static_cast<std::size_t>(end - begin)};
-}
-
-// A new string of three texts, with one buffer made once.
-GPString* joined(std::string_view first, std::string_view second, std::string_view third = {}) {
-    auto* text = new char[first.size() + second.size() + third.size() + 1];
-    char* end = std::copy(first.begin(), first.end(), text);
-    end = std::copy(second.begin(), second.end(), end);
-    *std::copy(third.begin(), third.end(), end) = 0;
-    return GPString::absorbe(text);
 }
 
 // The destination address alone, owned by the caller. Apart from its only caller, which without these variables has
@@ -239,16 +241,14 @@ GPString* TCPPacket::formatIpAddressIpv6(in6_addr address) {
 
 GPString* TCPPacket::httpURL(char* packet) {
     const char* const start = payload(packet);
-    constexpr std::size_t farthestGet = 30;
-    const std::string_view beginning = from({start, strnlen(start, farthestGet)}, "GET ");
-    if (beginning.empty()) return nullptr;
+    const char* const beginning = findGet(start);
+    if (!beginning) return nullptr;
     // The text ends at its first zero byte. A negative payload size puts that of payload() in front of it.
     const auto room = static_cast<std::size_t>(packet + packetRoom - start);
     const auto* const end = static_cast<const char*>(std::memchr(start, 0, room));
     if (!end) return nullptr;
 
-    // NOLINTNEXTLINE(bugprone-suspicious-stringview-data-usage): the text behind it, up to its end
-    const std::string_view request = from(rest(beginning.data(), end), "/");
+    const std::string_view request = from(rest(beginning, end), "/");
     if (request.empty()) return nullptr;
     const std::size_t pathLength = request.find(" HTTP");
     if (pathLength == std::string_view::npos) return nullptr;
@@ -260,7 +260,7 @@ GPString* TCPPacket::httpURL(char* packet) {
     const std::size_t hostLength = lineEnd(host);
     if (hostLength == std::string_view::npos || hostLength < 1) return nullptr;
 
-    return joined("http://", host.substr(0, hostLength), request.substr(0, pathLength));
+    return GPString::of("http://", host.substr(0, hostLength), request.substr(0, pathLength));
 }
 
 GPString* TCPPacket::httpsURL(char* packet) {
@@ -273,7 +273,7 @@ GPString* TCPPacket::httpsURL(char* packet) {
     if (name.offset == ServerNamePlace::nowhere) return nullptr;
     const char* const text = data + name.offset;
     const std::size_t length = strnlen(text, static_cast<std::size_t>(name.length));
-    if (length > 0) return joined("https://", {text, length});
+    if (length > 0) return GPString::of("https://", {text, length});
     return bareDestination(packet);
 }
 

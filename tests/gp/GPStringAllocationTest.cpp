@@ -1,9 +1,12 @@
 // A change of the text costs one allocation.
 
 #include "gp/GPString.h"
+#include "gp/Owned.h"
 #include "support/AllocationCounter.h"
 
 #include <gtest/gtest.h>
+
+#include <string>
 
 namespace {
 
@@ -15,7 +18,54 @@ long allocationsOf(const char* text, Change change) {
     return allocations.count();
 }
 
+template <class Make>
+long allocationsOfMaking(Make make) {
+    const testsupport::AllocationCounter allocations;
+    const auto string = Owned<GPString>::adopt(make());
+    return allocations.count();
+}
+
 } // namespace
+
+TEST(GPStringAllocations, AMakersStringIsOnePieceOfMemory) {
+    const std::string longText(1000, 'x');
+    const GPString other("other");
+    EXPECT_EQ(allocationsOfMaking([&] { return GPString::of("https://", "www.example.org"); }), 1);
+    EXPECT_EQ(allocationsOfMaking([&] { return GPString::of(longText, longText, longText); }), 1);
+    EXPECT_EQ(allocationsOfMaking([&] { return GPString::staticstring("text"); }), 1);
+    EXPECT_EQ(allocationsOfMaking([&] { return GPString::string("text"); }), 1);
+    EXPECT_EQ(allocationsOfMaking([&] { return other.copy(); }), 1);
+}
+
+TEST(GPStringAllocations, AMakersStringLeavesNothingBehindOnceItHasChanged) {
+    const testsupport::AllocationCounter allocations;
+    for (const char* text : {"", "text", "a text that no small room holds, whatever its size may be"}) {
+        const auto string = Owned<GPString>::adopt(GPString::of(text));
+        string->append("more")->append("still more");
+    }
+    EXPECT_EQ(allocations.left(), 0);
+}
+
+TEST(GPStringAllocations, TheCheckerSeesWhoReadsBeyondAMakersText) {
+#ifdef __SANITIZE_ADDRESS__
+    const auto string = Owned<GPString>::adopt(GPString::of("text of", " two"));
+    const volatile char* const text = string->cstr();
+    EXPECT_DEATH(static_cast<void>(text[string->length() + 1]), "heap-buffer-overflow");
+#else
+    GTEST_SKIP() << "an address checker alone sees it";
+#endif
+}
+
+TEST(GPStringAllocations, TheCheckerSeesWhoReadsAMakersTextThatHasChanged) {
+#ifdef __SANITIZE_ADDRESS__
+    const auto string = Owned<GPString>::adopt(GPString::of("text"));
+    const volatile char* const before = string->cstr();
+    string->append("more");
+    EXPECT_DEATH(static_cast<void>(before[0]), "use-after-poison");
+#else
+    GTEST_SKIP() << "an address checker alone sees it";
+#endif
+}
 
 TEST(GPStringAllocations, AChangeOfTheTextCostsOne) {
     const GPString other("other");

@@ -51,6 +51,28 @@ TEST(GPString, MakerStringOfNullIsAnEmptyStringAndNoNullObject) {
     EXPECT_STREQ(GPString::string(noText)->cstr(), "");
 }
 
+TEST(GPString, OfPutsTextsOneBehindTheOther) {
+    const auto one = Owned<GPString>::adopt(GPString::of("one"));
+    const auto three = Owned<GPString>::adopt(GPString::of("one", "", "three"));
+    const auto empty = Owned<GPString>::adopt(GPString::of(""));
+
+    EXPECT_STREQ(one->cstr(), "one");
+    EXPECT_STREQ(three->cstr(), "onethree");
+    EXPECT_STREQ(empty->cstr(), "");
+    EXPECT_EQ(references(one.get()), 1);
+}
+
+TEST(GPString, AMakersStringChangesLikeAnyOther) {
+    const auto string = Owned<GPString>::adopt(GPString::of("a-b"));
+    const auto shorter = Owned<GPString>::adopt(GPString::of("  text  "));
+
+    EXPECT_STREQ(string->append("-c")->cstr(), "a-b-c");
+    EXPECT_STREQ(string->subString(2)->cstr(), "b-c");
+    EXPECT_STREQ(string->reset("other")->append(" text")->cstr(), "other text");
+    EXPECT_STREQ(shorter->trim()->uppercase()->cstr(), "TEXT");
+    EXPECT_STREQ(shorter->append(shorter->cstr())->cstr(), "TEXTTEXT");
+}
+
 TEST(GPString, CopiesTextStringsAndCharacters) {
     GPString text("abc");
     GPString copy(&text);
