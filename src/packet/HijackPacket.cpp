@@ -4,7 +4,6 @@
 #include "gp/GPLog.h"
 #include "gp/GPMutex.h"
 #include "gp/GPString.h"
-#include "gp/GPTimer.h"
 #include "gp/ThreadSafety.h"
 #include "packet/HijackTable.h"
 
@@ -40,16 +39,13 @@ const char* textOrNull(const char* text) { return text ? text : "null"; }
 } // namespace
 
 HijackPacket::HijackPacket(const ConnectionEnds& ends, const char* url, bool https)
-    : url_(new GPString(url)), https_(https), srcAddress_(ends.src), dstAddress_(ends.dst),
+    : url_(GPString::of(url ? url : "")), https_(https), srcAddress_(ends.src), dstAddress_(ends.dst),
       srcAddressIpv6_(ends.srcIpv6), dstAddressIpv6_(ends.dstIpv6), srcPort_(ends.srcPort),
-      dstPort_(ends.dstPort), timeout_(https ? tlsLife : plainLife), timer_(new GPTimer) {
-    timer_->start();
-}
+      dstPort_(ends.dstPort), timeout_(https ? tlsLife : plainLife), timer_(true) {}
 
 HijackPacket::~HijackPacket() {
     url_->release();
     if (GPString* redirect = redirect_.load(std::memory_order_acquire)) redirect->release();
-    timer_->release();
 }
 
 bool HijackPacket::create(char* packet, const char* url, bool https) {
@@ -131,10 +127,10 @@ bool HijackPacket::resolve(const char* url, const char* redirect, int timeoutSec
 
     // In this order: a packet whose check falls between the two stores passes, which is accepted.
     record->resolved_.store(true, std::memory_order_relaxed);
-    if (redirect) record->redirect_.store(new GPString(redirect), std::memory_order_release);
+    if (redirect) record->redirect_.store(GPString::of(redirect), std::memory_order_release);
     if (timeoutSeconds > 0) {
         record->timeout_.store(static_cast<int>(timeoutSeconds * 1000000LL), std::memory_order_relaxed);
-        record->timer_->restart();
+        record->timer_.restart();
     }
     table->resolved(record);
     lock.unlock();

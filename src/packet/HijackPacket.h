@@ -9,6 +9,7 @@
 
 #include "gp/GPList.h"
 #include "gp/GPObject.h"
+#include "gp/GPTimer.h"
 #include "packet/ConnectionEnds.h"
 #include "packet/RecordIndex.h"
 #include "packet/RecordOrder.h"
@@ -18,7 +19,6 @@
 #include <netinet/in.h>
 
 class GPString;
-class GPTimer;
 
 class HijackPacket : public GPObject {
 public:
@@ -103,7 +103,8 @@ private:
     std::atomic<bool> resolved_{false};
     std::atomic<int> timeout_;
 
-    GPTimer* timer_; // guarded by the list's lock
+    GPTimer
+        timer_; // guarded by the list's lock; no object of its own, which would be one more piece of memory
 
     // The table's, guarded by the list's lock.
     std::int64_t end_ = 0;   // of the record's time, microseconds since the epoch

@@ -58,7 +58,7 @@ void HijackTable::add(HijackPacket* record) {
     const auto records = static_cast<std::size_t>(list_->count());
     running_.makeRoom(records);
     over_.makeRoom(records);
-    record->end_ = endOf(record->timer_->startedTime(), record->getTimeout());
+    record->end_ = endOf(record->timer_.startedTime(), record->getTimeout());
     running_.add(record, record->end_);
 }
 
@@ -148,7 +148,6 @@ void HijackTable::fetchBehind(const HijackPacket* record) const {
     if (!next && !running_.isEmpty()) next = running_.first();
     if (!next) return;
     __builtin_prefetch(next->url_);
-    __builtin_prefetch(next->timer_);
     __builtin_prefetch(next->place_);
     connections_.prefetch(next->inConnections_.hash);
     const HijackPacket* const second = next->wasOver_ ? over_.behind(next) : running_.behind(next);
@@ -192,7 +191,7 @@ HijackPacket* HijackTable::oldestOpen(const char* url) const {
 
 void HijackTable::resolved(HijackPacket* record) {
     open_.remove(record);
-    record->end_ = endOf(record->timer_->startedTime(), record->getTimeout());
+    record->end_ = endOf(record->timer_.startedTime(), record->getTimeout());
     run(record);
 }
 

@@ -76,6 +76,19 @@ TEST_F(PacketAllocation, TheCounterSeesNewAndMalloc) {
     EXPECT_GT(allocations.count(), before);
 }
 
+TEST_F(PacketAllocation, ARecordIsThreePiecesOfMemoryWithItsUrlAndItsPlaceInTheList) {
+    PacketBuffer packet = get().build();
+    const auto create = [&packet] {
+        HijackPacket::create(packet.packet(), "http://www.example.org/", false);
+    };
+    // The table has room for several more records by then.
+    for (int i = 0; i < 6; ++i)
+        create();
+    const AllocationCounter allocations;
+    create();
+    EXPECT_EQ(allocations.count(), 3);
+}
+
 TEST_F(PacketAllocation, APacketWithAUrlAllocates) { EXPECT_GT(allocationsOutbound(get(), verdictHold), 0); }
 
 TEST_F(PacketAllocation, PacketsWithoutAUrlAllocateNothing) {
