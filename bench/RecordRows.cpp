@@ -7,6 +7,9 @@
 #include "packet/TCPPacket.h"
 #include "support/PacketBuilder.h"
 
+#include <malloc.h>
+
+#include <limits>
 #include <memory>
 #include <vector>
 
@@ -94,8 +97,13 @@ private:
     PacketBuffer stranger_ = testsupport::PacketBuilder::ipv4().build();
 };
 
+// A batch's packets come and go between the steps, which the daemon's one buffer does not: their memory stays, lest the
+// next batch has the system clear fresh pages and the steps find an emptied cache.
+void keepMemory() { mallopt(M_TRIM_THRESHOLD, std::numeric_limits<int>::max()); }
+
 Worker::Work populationOf(long count, long rounds) {
     becomeDaemon();
+    keepMemory();
     const auto population = std::make_shared<Population>(count);
     return [population, rounds](int which) { return population->run(which, rounds); };
 }
