@@ -39,6 +39,7 @@ using Main = int (*)(int, char**, char**, char**);
 
 std::vector<std::uint8_t> readFile(const std::string& path) {
     std::ifstream file(path, std::ios::binary);
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): the C library of Linux keeps the text for each thread
     if (!file) throw std::runtime_error(std::strerror(errno));
     return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
 }

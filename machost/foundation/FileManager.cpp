@@ -68,7 +68,8 @@ signed char removeItem(ObjectRef, Selector, const void* url, ObjectRef* wanted) 
     if (!isThere(host)) return refuse(ENOENT, path, wanted);
     std::error_code error;
     fs::remove_all(host, error);
-    return error ? refuse(error.value(), path, wanted) : 1;
+    if (error) return refuse(error.value(), path, wanted);
+    return 1;
 }
 
 // To another volume a file is copied; what was copied in part goes again.
@@ -90,7 +91,8 @@ signed char moveItem(ObjectRef, Selector, const void* from, const void* to, Obje
     std::error_code error;
     fs::rename(hostSource, hostTarget, error);
     const int number = error.value() == EXDEV ? moveAcross(hostSource, hostTarget) : error.value();
-    return number ? refuse(number, target, wanted) : 1;
+    if (number != 0) return refuse(number, target, wanted);
+    return 1;
 }
 
 } // namespace

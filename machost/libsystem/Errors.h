@@ -23,6 +23,7 @@ class ErrorScope {
 public:
     ErrorScope() { errno = 0; }
     ~ErrorScope() {
+        // NOLINTNEXTLINE(clang-analyzer-unix.Errno): a call that did not fail and set it has left a number to nobody
         if (errno != 0) programError() = macError(errno);
     }
     ErrorScope(const ErrorScope&) = delete;

@@ -64,6 +64,7 @@ public:
         for (auto entry = ends_.rbegin(); entry != ends_.rend(); ++entry) {
             if (entry->first != child) continue;
             char word = 0, last = 0;
+            // NOLINTNEXTLINE(clang-analyzer-unix.BlockInCriticalSection): a pipe that is read without waiting
             while (read(entry->second, &word, 1) == 1)
                 last = word;
             return last == ExecSign::trying;
@@ -90,6 +91,16 @@ bool isMachO(const std::string& path) {
     return file && magic == format::magic64;
 }
 
+// This system runs these instead of this process, if it can.
+int execute(const std::string& path, std::vector<std::string>& words) {
+    std::vector<char*> pointers;
+    pointers.reserve(words.size() + 1);
+    for (std::string& word : words)
+        pointers.push_back(word.data());
+    pointers.push_back(nullptr);
+    return execv(path.c_str(), pointers.data());
+}
+
 // A program of the Mac runs as this one does: under machost, in the same world.
 int executeMachO(const std::string& path, char* const* arguments) {
     std::vector<std::string> words = {"machost"};
@@ -104,11 +115,7 @@ int executeMachO(const std::string& path, char* const* arguments) {
     words.push_back(path);
     for (int i = 1; arguments[0] && arguments[i]; ++i)
         words.emplace_back(arguments[i]);
-    std::vector<char*> pointers;
-    for (std::string& word : words)
-        pointers.push_back(word.data());
-    pointers.push_back(nullptr);
-    return execv("/proc/self/exe", pointers.data());
+    return execute("/proc/self/exe", words);
 }
 
 // A word for a tool of this machine: where the root has such a file, or its folder, that is what is meant. Other words
@@ -140,11 +147,7 @@ int executeTool(const std::string& path, char* const* arguments) {
     std::vector<std::string> words;
     for (int i = 0; arguments[i]; ++i)
         words.push_back(i > 0 ? told(arguments[i]) : arguments[i]);
-    std::vector<char*> pointers;
-    for (std::string& word : words)
-        pointers.push_back(word.data());
-    pointers.push_back(nullptr);
-    return execv(path.c_str(), pointers.data());
+    return execute(path, words);
 }
 
 int playedExecv(const char* path, char* const* arguments) {
@@ -164,7 +167,8 @@ pid_t playedFork() {
     const ErrorScope scope;
     prepareForks();
     int ends[2];
-    if (pipe2(ends, O_CLOEXEC) != 0) return -1;
+    // Read without waiting: a child of the child's may hold it open, and what a child that has gone wrote is there.
+    if (pipe2(ends, O_CLOEXEC | O_NONBLOCK) != 0) return -1;
     const pid_t child = fork();
     if (child == 0) {
         close(ends[0]);

@@ -13,12 +13,9 @@ namespace {
 // The same even for a text that does not fit: as much of it as does, and ERANGE.
 int playedStrerror(int number, char* room, std::size_t size) {
     const char* known = macErrorText(number);
-    char unknown[40];
-    if (!known) std::snprintf(unknown, sizeof unknown, "Unknown error: %d", number);
-    const char* text = known ? known : unknown;
-    if (size == 0) return ERANGE;
-    std::snprintf(room, size, "%s", text);
-    if (std::strlen(text) >= size) return ERANGE;
+    const int length = known ? std::snprintf(room, size, "%s", known)
+                             : std::snprintf(room, size, "Unknown error: %d", number);
+    if (static_cast<std::size_t>(length) >= size) return ERANGE;
     return known ? 0 : EINVAL;
 }
 

@@ -53,6 +53,11 @@ int playedNanosleep(const mac::Time* length, mac::Time* left) {
     return 0;
 }
 
+char* playedAsctime(const tm* time, char* room) {
+    const ErrorScope scope;
+    return asctime_r(time, room); // NOLINT(bugprone-unsafe-functions): the room that the program gave it
+}
+
 double playedDifftime(std::int64_t end, std::int64_t start) { return std::difftime(end, start); }
 
 } // namespace
@@ -70,7 +75,7 @@ const ImportTable& timeImports() {
         function("_gmtime_r", translated<&gmtime_r>, zone),
         function("_mktime", translated<&std::mktime>, zone),
         function("_ctime_r", translated<&ctime_r>, zone),
-        function("_asctime_r", translated<&asctime_r>, "asctime.c of Libc"),
+        function("_asctime_r", playedAsctime, "asctime.c of Libc"),
         function("_strftime", &std::strftime, "strftime.c of Libc"),
     };
     return table;

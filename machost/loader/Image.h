@@ -36,6 +36,7 @@ public:
     template <class Record>
     Record* records(std::uint64_t address, std::uint64_t count = 1,
                     std::int32_t protection = format::protectionRead) const {
+        // NOLINTNEXTLINE(bugprone-sizeof-expression): a record may be a pointer
         require(address, sizeof(Record), count, protection);
         return at<Record>(address);
     }

@@ -104,7 +104,7 @@ const void* emptyCache[2];
 ObjectRef answerInit(ObjectRef self, Selector) { return self; }
 const void* answerClass(ObjectRef self, Selector) { return isClass(self) ? self : classOf(self); }
 signed char answerIsKind(ObjectRef self, Selector, const Class* kind) {
-    return kind && isKindOf(self, *kind);
+    return kind && isKindOf(self, *kind) ? 1 : 0;
 }
 
 const PlayedClass& objectClass() {

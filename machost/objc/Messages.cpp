@@ -80,6 +80,7 @@ const void* implementationOf(const void* receiver, Selector selector) {
     const void* call = findImplementation(receiver, selector);
     if (call) return call;
     const bool ofClass = isClass(receiver);
+    // NOLINTNEXTLINE(clang-analyzer-core.NonNullParamChecker): an object has a class
     endUnplayed(ofClass ? *static_cast<const Class*>(receiver) : *classOf(receiver), ofClass, selector);
 }
 

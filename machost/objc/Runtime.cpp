@@ -128,12 +128,12 @@ struct Pointers {
 // The pointers of a section, whichever of the data segments it lies in.
 template <class Pointer>
 Pointers<Pointer> pointersOf(const Image& image, const char* section) {
+    constexpr auto protection = std::is_const_v<Pointer> ? format::protectionRead : format::protectionWrite;
     for (const char* segment : {"__DATA", "__DATA_CONST"})
-        if (const Section* found = image.file().section(segment, section))
-            return {image.records<Pointer>(found->address, found->size / sizeof(Pointer),
-                                           std::is_const_v<Pointer> ? format::protectionRead
-                                                                    : format::protectionWrite),
-                    found->size / sizeof(Pointer)};
+        if (const Section* found = image.file().section(segment, section)) {
+            const std::uint64_t count = found->size / sizeof(void*);
+            return {image.records<Pointer>(found->address, count, protection), count};
+        }
     return {};
 }
 

@@ -45,6 +45,7 @@ ObjectRef valueObject(const std::string& value) {
 
 ObjectRef arrayOf(const std::vector<Held>& objects) {
     std::vector<const void*> pointers;
+    pointers.reserve(objects.size());
     for (const Held& object : objects)
         pointers.push_back(object.get());
     return cf::makeArray(pointers);
@@ -52,6 +53,7 @@ ObjectRef arrayOf(const std::vector<Held>& objects) {
 
 ObjectRef textArray(const std::vector<std::string>& texts) {
     std::vector<Held> objects;
+    objects.reserve(texts.size());
     for (const std::string& text : texts)
         objects.push_back(Held::adopt(valueObject(text)));
     return arrayOf(objects);
@@ -59,6 +61,7 @@ ObjectRef textArray(const std::vector<std::string>& texts) {
 
 ObjectRef recordArray(const world::DirectoryRecords& records) {
     std::vector<Held> objects;
+    objects.reserve(records.size());
     for (const Record& record : records)
         objects.push_back(Held::adopt(createObject<Record>(recordClass, record)));
     return objc::autorelease(arrayOf(objects));

@@ -145,12 +145,11 @@ std::optional<std::string> seatUser() {
 // The played watch, if the world plays it; else null with `real` set, or null with an error.
 std::unique_ptr<Watch> playedWatch(const char* topic, const std::string& name, bool& real, int& error) {
     Line line({topic, name});
-    const auto answer = line.next();
-    const Answer::Kind kind = Answer::kindOf(answer);
-    real = kind == Answer::real;
+    const Answer answer = Answer::of(line.next());
+    real = answer.kind == Answer::real;
     if (real) return nullptr;
-    if (kind == Answer::yes) return std::make_unique<PlayedWatch>(std::move(line));
-    error = answer->size() > 1 ? static_cast<int>(numberIn((*answer)[1], 0, INT_MAX)) : 0;
+    if (answer.kind == Answer::yes) return std::make_unique<PlayedWatch>(std::move(line));
+    error = answer.words.empty() ? 0 : static_cast<int>(numberIn(answer.words[0], 0, INT_MAX));
     return nullptr;
 }
 

@@ -71,6 +71,7 @@ void resetSignals() {
         signal(number, SIG_DFL);
     sigset_t none;
     sigemptyset(&none);
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): the forked child has this one thread
     sigprocmask(SIG_SETMASK, &none, nullptr);
 }
 

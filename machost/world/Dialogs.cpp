@@ -17,9 +17,9 @@ public:
     explicit PlayedDialog(Line line) : line_(std::move(line)) {}
 
     unsigned long awaitAnswer() override {
-        const auto answer = line_.next();
-        if (Answer::kindOf(answer) != Answer::yes) return cancelled;
-        return static_cast<unsigned long>(numberIn(answer->size() > 1 ? (*answer)[1] : "", 0));
+        const Answer answer = Answer::of(line_.next());
+        if (answer.kind != Answer::yes) return cancelled;
+        return static_cast<unsigned long>(numberIn(answer.words.empty() ? "" : answer.words[0], 0));
     }
 
     void cancel() override { line_.hangUp(); }
@@ -60,8 +60,7 @@ std::unique_ptr<Dialog> showDialog(double seconds, unsigned long flags,
     for (const auto& [key, text] : texts)
         question.insert(question.end(), {key, text});
     Line line(question);
-    const auto answer = line.next();
-    const Answer::Kind kind = Answer::kindOf(answer);
+    const Answer::Kind kind = Answer::of(line.next()).kind;
     if (kind == Answer::real) {
         auto dialog = showOnDesktop(seconds, texts);
         return dialog ? std::move(dialog) : std::make_unique<UnseenDialog>(seconds);

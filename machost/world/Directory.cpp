@@ -12,12 +12,12 @@ using Conversation = std::shared_ptr<Line>;
 // The answer's words behind "yes"; false with the problem behind "no".
 bool told(Line& line, const Words& question, Words& answer, std::string& problem) {
     line.tell(question);
-    const auto words = line.next();
-    if (Answer::kindOf(words) != Answer::yes) {
-        problem = words && words->size() > 1 ? (*words)[1] : "the directory has gone";
+    Answer reply = Answer::of(line.next());
+    if (reply.kind != Answer::yes) {
+        problem = reply.words.empty() ? "the directory has gone" : reply.words[0];
         return false;
     }
-    answer.assign(words->begin() + 1, words->end());
+    answer = std::move(reply.words);
     return true;
 }
 
@@ -93,12 +93,11 @@ private:
 // The played node; else null, with `real` set where nobody plays the directory.
 DirectoryNodeRef playedNode(const Words& question, bool& real, std::string& problem) {
     const auto line = std::make_shared<Line>(question);
-    const auto answer = line->next();
-    const Answer::Kind kind = Answer::kindOf(answer);
-    real = kind == Answer::real;
+    const Answer answer = Answer::of(line->next());
+    real = answer.kind == Answer::real;
     if (real) return nullptr;
-    if (kind == Answer::yes) return std::make_shared<PlayedNode>(line);
-    problem = answer->size() > 1 ? (*answer)[1] : "";
+    if (answer.kind == Answer::yes) return std::make_shared<PlayedNode>(line);
+    problem = answer.words.empty() ? "" : answer.words[0];
     return nullptr;
 }
 

@@ -120,12 +120,12 @@ void transferReally(const Transfer& asked, const std::function<void(const Transf
     if (!path.empty()) unlink(path.c_str());
 }
 
-Transferred playedResult(const Words& answer) {
+Transferred playedResult(const Answer& answer) {
     Transferred result;
-    if (answer.size() < 4 || answer[0] != "yes") return {0, {}, errorUnknown, "unknown error"};
-    result.status = numberIn(answer[1], 0);
-    result.file = answer[2];
-    result.problem = answer[3];
+    if (answer.kind == Answer::no || answer.words.size() < 3) return {0, {}, errorUnknown, "unknown error"};
+    result.status = numberIn(answer.words[0], 0);
+    result.file = answer.words[1];
+    result.problem = answer.words[2];
     if (!result.problem.empty()) result.error = errorUnknown;
     return result;
 }
@@ -134,9 +134,9 @@ Transferred playedResult(const Words& answer) {
 
 void transfer(const Transfer& asked, const std::function<void(const Transferred&)>& take) {
     Line line({"url", asked.method, asked.url, asked.data});
-    const auto answer = line.next();
-    if (Answer::kindOf(answer) == Answer::real) return transferReally(asked, take);
-    take(playedResult(*answer));
+    const Answer answer = Answer::of(line.next());
+    if (answer.kind == Answer::real) return transferReally(asked, take);
+    take(playedResult(answer));
     line.hangUp(); // whoever plays it takes the file away then
 }
 

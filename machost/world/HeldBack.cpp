@@ -70,8 +70,7 @@ void awaitRelease(int descriptor, const std::shared_ptr<HeldBack>& held) {
 bool connectLate(int descriptor, const sockaddr_storage& address, socklen_t length,
                  const std::function<void(int error)>& released) {
     Line line(questionOf(address));
-    const auto answer = line.next();
-    if (Answer::kindOf(answer) != Answer::yes) return false;
+    if (Answer::of(line.next()).kind != Answer::yes) return false;
     auto held = std::make_shared<HeldBack>(HeldBack{std::move(line), address, length, released});
     {
         const std::lock_guard<std::mutex> guard(table().lock);

@@ -124,22 +124,14 @@ void Line::hangUp() const {
     if (open()) shutdown(descriptor_, SHUT_RDWR);
 }
 
-Answer::Kind Answer::kindOf(const std::optional<Words>& words) {
-    if (!words) return real;
+Answer Answer::of(const std::optional<Words>& words) {
+    if (!words) return {};
     const std::string word = words->empty() ? "" : words->front();
-    if (word == "real") return real;
-    if (word == "yes") return yes;
-    if (word == "no") return no;
-    endOverNonsense(word);
+    if (word == "real") return {};
+    if (word != "yes" && word != "no") endOverNonsense(word);
+    return {word == "yes" ? yes : no, {words->begin() + 1, words->end()}};
 }
 
-Answer ask(const Words& question) {
-    Line line(question);
-    const std::optional<Words> words = line.next();
-    Answer answer;
-    answer.kind = Answer::kindOf(words);
-    if (answer.kind != Answer::real) answer.words.assign(words->begin() + 1, words->end());
-    return answer;
-}
+Answer ask(const Words& question) { return Answer::of(Line(question).next()); }
 
 } // namespace machost::world

@@ -55,8 +55,8 @@ private:
 struct Answer {
     enum Kind { real, yes, no };
 
-    // What the first word says. A world that has gone plays nothing.
-    static Kind kindOf(const std::optional<Words>& words);
+    // What a line answered. A world that has gone plays nothing.
+    static Answer of(const std::optional<Words>& words);
 
     Kind kind = real;
     Words words; // behind the first

@@ -6,11 +6,13 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <csignal>
 #include <functional>
 #include <thread>
@@ -103,6 +105,29 @@ TEST_F(Forks, LetTheProgramsOwnHandlersCallTheSystem) {
     int status = -1;
     waitpid(child, &status, 0);
     EXPECT_EQ(status, 0);
+}
+
+// Whoever holds a child's sign open may be waiting for its parent.
+TEST_F(Forks, TellThatAChildHasCalledExecWhileItsOwnChildLives) {
+    alarm(patience);
+    signal(SIGCHLD, SIG_IGN);
+    const pid_t child = played<pid_t()>("_fork")();
+    if (child == 0) {
+        char word = 0;
+        if (fork() == 0) {
+            prctl(PR_SET_PDEATHSIG, 0);
+            close(ends[1]);
+            _exit(write(ends[0], "x", 1) == 1 && read(ends[0], &word, 1) == 0 ? 0 : 1);
+        }
+        if (read(ends[1], &word, 1) != 1) _exit(1);
+        char program[] = "/bin/true";
+        char* const words[] = {program, nullptr};
+        played<int(const char*, char* const*)>("_execv")(program, words);
+        _exit(1);
+    }
+    waitpid(child, nullptr, 0); // until it has gone: nobody asks for its status
+    EXPECT_EQ(played<int(pid_t, pid_t)>("_setpgid")(child, child), -1);
+    EXPECT_EQ(programError(), EACCES);
 }
 
 TEST_F(Forks, HandDownNoKernelQueue) {
