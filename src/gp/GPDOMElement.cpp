@@ -72,16 +72,15 @@ int forEachPiece(std::string_view text, Take take) {
 
 // Attributes are split at blanks alone, so a value that holds a blank is cut there.
 GPMap* readAttributes(std::string_view text) {
-    std::vector<NamedText> found;
+    LastOfEachName found;
     const int pieces = forEachPiece(text, [&found](std::string_view piece) {
         const auto equals = piece.find('=');
         if (equals == std::string_view::npos || equals == 0) return;
-        found.push_back({piece.substr(0, equals), piece.substr(equals + 1)});
+        found.add({piece.substr(0, equals), piece.substr(equals + 1)});
     });
     if (pieces == 0) return nullptr;
-    if (found.size() > 1) keepLastOfEachName(found);
     auto* attributes = new GPMap(pieces);
-    for (const NamedText& attribute : found)
+    for (const NamedText& attribute : found.take())
         attributes->setNewObject(GPString::of(withoutQuotes(attribute.value)),
                                  std::string(attribute.name).c_str());
     return attributes;
@@ -295,7 +294,7 @@ private:
         if (current_)
             current_->children->addObject(element);
         else
-            unattached_.push_back(std::move(owner));
+            unattached_ = std::move(owner);
     }
 
     const std::string text_;
@@ -303,7 +302,8 @@ private:
     std::size_t position_ = 0;
     GPDOMElement* root_ = nullptr;
     GPDOMElement* current_ = nullptr;
-    std::vector<Owned<GPDOMElement>> unattached_; // further top-level elements, which are not returned
+    // The newest further top-level element, which is not returned. Nothing is open in those before it.
+    Owned<GPDOMElement> unattached_;
 };
 
 GPDOMElement* GPDOMElement::parse(const char* text) { return text ? Scanner(text).run() : nullptr; }

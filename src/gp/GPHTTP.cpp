@@ -75,9 +75,9 @@ int statusCode(std::string_view answer, int code) {
     return static_cast<int>(std::strtol(digits.c_str(), nullptr, 10));
 }
 
-// The headers of the block, up to one whose value cannot be taken. The block ends with a carriage return.
+// The headers of the block, the last of each name, up to one whose value cannot be taken. The block ends with a carriage return.
 std::vector<NamedText> readHeaders(std::string_view block) {
-    std::vector<NamedText> headers;
+    LastOfEachName headers;
     const auto lastLineFeed = block.rfind('\n');
     auto lineEnd = block.find('\n');
     while (lineEnd != npos) {
@@ -90,10 +90,10 @@ std::vector<NamedText> readHeaders(std::string_view block) {
         // line that ends before that place ends the reading.
         const auto value = colon + 2;
         if (lineEnd < value) break;
-        headers.push_back(
+        headers.add(
             {trimmed(block.substr(place, colon - place)), trimmed(block.substr(value, lineEnd - value + 1))});
     }
-    return headers;
+    return headers.take();
 }
 
 } // namespace
@@ -290,9 +290,7 @@ bool GPHTTP::parseAnswer(std::string_view answer, int& code, GPMap& headers) {
     code = statusCode(answer, code);
     const auto blockEnd = answer.find(headerEnd);
     if (blockEnd == npos) return false;
-    auto found = readHeaders(answer.substr(0, blockEnd + 1));
-    keepLastOfEachName(found);
-    for (const NamedText& header : found)
+    for (const NamedText& header : readHeaders(answer.substr(0, blockEnd + 1)))
         headers.setNewObject(new GPString(header.value.data(), static_cast<int>(header.value.size())),
                              std::string(header.name).c_str());
     return true;

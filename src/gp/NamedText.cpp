@@ -1,6 +1,8 @@
 #include "gp/NamedText.h"
 
+#include <algorithm>
 #include <set>
+#include <utility>
 
 void keepLastOfEachName(std::vector<NamedText>& texts) {
     // A tree and no hash table: whoever writes the names can choose them to collide.
@@ -11,4 +13,15 @@ void keepLastOfEachName(std::vector<NamedText>& texts) {
         if (later.insert(text->name).second) *--kept = *text;
     }
     texts.erase(texts.begin(), kept);
+}
+
+std::vector<NamedText> LastOfEachName::take() {
+    if (texts_.size() > 1) keepLastOfEachName(texts_);
+    return std::move(texts_);
+}
+
+// So seldom that names which differ cost a third more than at the end alone.
+void LastOfEachName::makeRoom() {
+    keepLastOfEachName(texts_);
+    most_ = std::max(most_, 4 * texts_.size());
 }

@@ -3,6 +3,7 @@
 // Names with their values as a foreign text lists them. Whoever fills a map from them takes the repeated names out
 // here first: a map walks its chains for each name, and nobody is to make these long from outside.
 
+#include <cstddef>
 #include <string_view>
 #include <vector>
 
@@ -15,3 +16,21 @@ struct NamedText {
 // Takes out each entry whose name comes again further on. The others keep their order. No choice of names makes
 // this slow.
 void keepLastOfEachName(std::vector<NamedText>& texts);
+
+// Gathers entries and keeps the last of each name, without room for all that have gone.
+class LastOfEachName {
+public:
+    void add(const NamedText& text) {
+        if (texts_.size() == most_) makeRoom();
+        texts_.push_back(text);
+    }
+
+    // What keepLastOfEachName leaves of all that were added. Once, at the end.
+    std::vector<NamedText> take();
+
+private:
+    void makeRoom();
+
+    std::vector<NamedText> texts_;
+    std::size_t most_ = 1024;
+};

@@ -1,0 +1,62 @@
+#include "gp/NamedText.h"
+
+#include "gp/GPHTTP.h"
+#include "gp/GPMap.h"
+#include "gp/GPString.h"
+#include "gp/Owned.h"
+#include "support/AllocationCounter.h"
+
+#include <gtest/gtest.h>
+
+#include <cstddef>
+#include <random>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace {
+
+using Pairs = std::vector<std::pair<std::string, std::string>>;
+
+Pairs pairsOf(const std::vector<NamedText>& texts) {
+    Pairs pairs;
+    for (const NamedText& text : texts)
+        pairs.emplace_back(text.name, text.value);
+    return pairs;
+}
+
+} // namespace
+
+TEST(LastOfEachName, LeavesWhatIsLeftOfAllOfThemTogether) {
+    std::mt19937 random(20190215);
+    for (const std::size_t names : {1, 3, 300, 1500, 20000})
+        for (const int count : {0, 1, 1024, 1025, 12000}) {
+            std::vector<std::string> words;
+            for (int i = 0; i < count; ++i)
+                words.push_back(std::to_string(random() % names));
+            std::vector<NamedText> all;
+            LastOfEachName gathered;
+            for (std::size_t i = 0; i < words.size(); ++i) {
+                all.push_back({words[i], words[words.size() - 1 - i]});
+                gathered.add(all.back());
+            }
+            keepLastOfEachName(all);
+            EXPECT_EQ(pairsOf(gathered.take()), pairsOf(all)) << count << " of " << names << " names";
+        }
+}
+
+TEST(LastOfEachName, TakesNoRoomForHeadersThatOthersReplace) {
+    std::string lines;
+    for (int i = 0; i < 50000; ++i)
+        lines += i % 2 ? "a: 1\r\n" : "b: 2\r\n";
+    const std::string answer = "HTTP/1.1 200 OK\r\n" + lines + "\r\n";
+    const auto headers = Owned<GPMap>::adopt(new GPMap);
+    int code = 0;
+
+    const testsupport::AllocationCounter memory;
+    ASSERT_TRUE(GPHTTP::parseAnswer(answer, code, *headers));
+
+    EXPECT_LE(memory.bytes(), 200000);
+    EXPECT_EQ(headers->count(), 2);
+    EXPECT_STREQ(static_cast<GPString*>(headers->objectForKey("a"))->cstr(), "1");
+}
