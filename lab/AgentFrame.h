@@ -68,8 +68,10 @@ private:
     std::string held_;
 };
 
-// Binds the socket to that port of the loopback address and listens. False, with errno set, when that fails.
+// Binds the socket to that port of the loopback address and listens. False, with errno set, when that fails; for no
+// socket as it was.
 inline bool listenOnLoopback(int socket, int port) {
+    if (socket < 0) return false;
     const int on = 1;
     setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
     sockaddr_in address{};

@@ -30,12 +30,14 @@ std::vector<std::size_t> firstOfEachKind(const std::vector<ConnectionRow>& rows)
     for (std::size_t i = 0; i < rows.size(); ++i)
         ++kinds.try_emplace(kindOf(rows[i].connection), Kind{i, 0}).first->second.count;
     std::vector<Kind> order;
+    order.reserve(kinds.size());
     for (const auto& [name, kind] : kinds)
         order.push_back(kind);
     std::sort(order.begin(), order.end(), [](const Kind& one, const Kind& other) {
         return one.count != other.count ? one.count < other.count : one.first < other.first;
     });
     std::vector<std::size_t> places;
+    places.reserve(order.size());
     for (const Kind& kind : order)
         places.push_back(kind.first);
     return places;
@@ -60,6 +62,7 @@ std::vector<ConnectionRow> chosenRows(std::vector<ConnectionRow> rows, std::size
     for (std::size_t i = 0; i < wanted; ++i)
         places.insert(others[i * others.size() / wanted]);
     std::vector<ConnectionRow> chosen;
+    chosen.reserve(places.size());
     for (const std::size_t place : places)
         chosen.push_back(std::move(rows[place]));
     return chosen;

@@ -274,6 +274,7 @@ int explain(const ExplainOptions& options) {
         throw std::runtime_error("this build of the lab cannot look into the daemon");
     Policy policy = Policy::load(options.policy);
     std::vector<Range> wanted;
+    wanted.reserve(options.packets.size());
     for (const std::string& packet : options.packets)
         wanted.push_back(rangeOf(packet));
     const CaptureFacts facts = survey(options.capture);

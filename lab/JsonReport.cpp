@@ -68,9 +68,13 @@ std::size_t JsonReport::reserve() {
 void JsonReport::fill(const PlayedPacket& played, const std::optional<sysctl_result>& result) {
     if (!file_) return;
     rows_[played.row - firstRow_] = jsonRow(played, result);
-    for (; !rows_.empty() && rows_.front(); rows_.pop_front(), ++firstRow_) {
-        std::fputs(rows_.front()->c_str(), file_);
+    while (!rows_.empty()) {
+        const std::optional<std::string>& row = rows_.front();
+        if (!row) return;
+        std::fputs(row->c_str(), file_);
         std::fputc('\n', file_);
+        rows_.pop_front();
+        ++firstRow_;
     }
 }
 

@@ -107,6 +107,7 @@ void becomeMacProgram(const std::string& program, const std::string& root,
     all.push_back(program);
     all.insert(all.end(), words.begin() + 1, words.end());
     std::vector<char*> pointers;
+    pointers.reserve(all.size() + 1);
     for (std::string& word : all)
         pointers.push_back(word.data());
     pointers.push_back(nullptr);

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cmath>
 #include <cstdio>
 
 namespace lab {
@@ -18,7 +19,7 @@ constexpr std::size_t longestBar = 40;
 constexpr std::size_t shortestBar = 5;
 
 std::string timeLeft(double seconds) {
-    const long whole = static_cast<long>(seconds + 0.5);
+    const long whole = std::lround(seconds);
     if (whole < 60) return fmt::format("{} s left", whole);
     return fmt::format("{}:{:02} min left", whole / 60, whole % 60);
 }

@@ -101,6 +101,7 @@ void giveDescriptorsUp(int clock) {
 void becomeSystemProgram(const std::string& program, const RootFolder& root,
                          const std::vector<std::string>& words, int clock) {
     std::vector<char*> pointers;
+    pointers.reserve(words.size() + 1);
     for (const std::string& word : words)
         pointers.push_back(const_cast<char*>(word.c_str()));
     pointers.push_back(nullptr);

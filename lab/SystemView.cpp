@@ -179,6 +179,7 @@ struct NeededFile {
 
 std::vector<NeededFile> filesOf(const std::vector<std::string>& paths) {
     std::vector<NeededFile> files;
+    files.reserve(paths.size());
     for (const std::string& path : paths)
         files.push_back({path, found(path)});
     return files;

@@ -56,7 +56,7 @@ std::vector<std::string> wrapped(const std::string& text, std::size_t width) {
 
 std::size_t widthOf(std::FILE* stream, std::size_t otherwise) {
     const char* columns = std::getenv("COLUMNS");
-    if (const int number = columns ? std::atoi(columns) : 0; number > 0)
+    if (const long number = columns ? std::strtol(columns, nullptr, 10) : 0; number > 0)
         return static_cast<std::size_t>(number);
     winsize size{};
     if (ioctl(fileno(stream), TIOCGWINSZ, &size) == 0 && size.ws_col > 0) return size.ws_col;
@@ -142,6 +142,7 @@ std::string TextTable::text(std::size_t width, std::size_t indent, bool colours)
     const bool headed = std::any_of(headings_.begin(), headings_.end(),
                                     [](const std::string& heading) { return !heading.empty(); });
     std::vector<Cell> heading;
+    heading.reserve(headings_.size());
     for (const std::string& word : headings_)
         heading.push_back({word, Colour::faint});
     if (headed) print(heading);

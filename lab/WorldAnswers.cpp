@@ -17,6 +17,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <future>
@@ -40,10 +41,12 @@ void answerHost(int connection, const Words& question) {
     say(connection, answer);
 }
 
+std::int64_t numberIn(const std::string& word) { return std::strtoll(word.c_str(), nullptr, 10); }
+
 // Entries go as pairs of hexadecimal digits.
 void answerInterfaces(int connection, const Words&) {
     platform::InterfaceEntries& service = platform::interfaceEntries();
-    constexpr std::size_t mostBytes = 16 * 1024;
+    constexpr std::size_t mostBytes = std::size_t{16} * 1024;
     std::string entries(mostBytes, '\0');
     int length = static_cast<int>(entries.size());
     const int socket = service.open();
@@ -90,7 +93,7 @@ void answerNow(int connection, const Words&) {
 // Whole seconds go as seconds, as the program asked for them.
 void answerSleep(int connection, const Words& question) {
     if (isRealClock()) return say(connection, {"real"});
-    const long long length = std::atoll(question[1].c_str());
+    const std::int64_t length = numberIn(question[1]);
     if (length % 1000000 == 0 && length > 0)
         platform::clock().sleepSeconds(static_cast<unsigned>(length / 1000000));
     else
@@ -100,7 +103,7 @@ void answerSleep(int connection, const Words& question) {
 
 void answerEventLimit(int connection, const Words& question) {
     if (isRealClock()) return say(connection, {"real"});
-    const int seconds = std::atoi(question[1].c_str());
+    const auto seconds = static_cast<int>(numberIn(question[1]));
     say(connection, {"yes", std::to_string(platform::clock().eventWaitLimit(seconds))});
 }
 
@@ -215,7 +218,7 @@ std::function<void(int, std::uint64_t)> threadObserver;
 
 void noteThread(int connection, const Words& question) {
     if (!threadObserver) return say(connection, {"real"});
-    threadObserver(std::atoi(question[1].c_str()), std::strtoull(question[2].c_str(), nullptr, 10));
+    threadObserver(static_cast<int>(numberIn(question[1])), std::strtoull(question[2].c_str(), nullptr, 10));
     say(connection, {"yes"});
 }
 
@@ -232,7 +235,7 @@ bool isReleased() {
 
 // The second word comes when the connection is let go.
 void answerConnect(int connection, const Words& question) {
-    if (std::atoi(question[2].c_str()) != heldPort.port || isReleased()) return say(connection, {"no"});
+    if (numberIn(question[2]) != heldPort.port || isReleased()) return say(connection, {"no"});
     say(connection, {"yes"});
     pollfd waited[] = {{heldPort.released, POLLIN, 0}, {connection, POLLRDHUP, 0}};
     poll(waited, 2, -1);

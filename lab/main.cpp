@@ -250,6 +250,7 @@ CLI::App* addDivert(CLI::App& app, lab::DivertOptions& options, std::string& blo
 
 } // namespace
 
+// NOLINTNEXTLINE(bugprone-exception-escape): memory alone fails before its options are known
 int main(int argc, char** argv) {
     CLI::App app("The Ostler Interceptor's lab");
     app.require_subcommand(1);

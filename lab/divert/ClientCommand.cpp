@@ -42,6 +42,7 @@ std::vector<std::string> shell() {
 ClientCommand::ClientCommand(const std::vector<std::string>& words, bool hasTerminal) {
     std::vector<std::string> all = words.empty() ? shell() : words;
     std::vector<char*> pointers;
+    pointers.reserve(all.size() + 1);
     for (std::string& word : all)
         pointers.push_back(word.data());
     pointers.push_back(nullptr);

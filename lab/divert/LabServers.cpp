@@ -101,6 +101,7 @@ void playFile(const std::string& path, const std::string& text) {
 
 bool connects(int port) {
     const int client = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (client < 0) return false;
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_port = htons(static_cast<std::uint16_t>(port));

@@ -47,6 +47,7 @@ private:
 
 [[noreturn]] void become(const std::vector<std::string>& words) {
     std::vector<char*> pointers;
+    pointers.reserve(words.size() + 1);
     for (const std::string& word : words)
         pointers.push_back(const_cast<char*>(word.c_str()));
     pointers.push_back(nullptr);
@@ -80,8 +81,10 @@ pid_t startHelper(const std::vector<std::string>& words, const std::string& outp
     if (child < 0) throw UnavailableError(fmt::format("{}: {}", words[0], std::strerror(errno)));
     if (child > 0) return child;
     setsid();
-    dup2(open("/dev/null", O_RDONLY), STDIN_FILENO);
+    const int nothing = open("/dev/null", O_RDONLY);
     const int file = open(output.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    if (nothing < 0 || file < 0) _exit(notStarted);
+    dup2(nothing, STDIN_FILENO);
     dup2(file, STDOUT_FILENO);
     dup2(file, STDERR_FILENO);
     become(words);

@@ -28,7 +28,7 @@ constexpr std::int64_t haste = 10;
     setvbuf(stdout, nullptr, _IOLBF, 0);
     const char* number = std::getenv("OSTLER_PLAYED_CLOCK");
     if (!number) return;
-    const int descriptor = std::atoi(number);
+    const int descriptor = static_cast<int>(std::strtol(number, nullptr, 10));
     void* memory = mmap(nullptr, sizeof *played, PROT_READ, MAP_SHARED, descriptor, 0);
     if (memory == MAP_FAILED) std::abort();
     played = static_cast<const std::atomic<std::int64_t>*>(memory);

@@ -10,6 +10,7 @@
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/syscall.h>
+#include <sys/wait.h>
 
 #include <cerrno>
 #include <chrono>
@@ -89,6 +90,14 @@ TEST_F(DivertMachineTest, AServerThatIsNotInstalledIsNamedAtOnce) {
 TEST_F(DivertMachineTest, AServerThatEndsIsToldWithWhatItSaid) {
     playTool("dnsmasq", "echo; echo 'dnsmasq: it is not allowed here' >&2; exit 5\n");
     expectOneLine(run(), "divert: dnsmasq does not serve: dnsmasq: it is not allowed here");
+}
+
+// Its words would stand among the lab's own.
+TEST(DivertHelperTest, AHelperWithoutItsFileIsNotStarted) {
+    const pid_t helper = lab::startHelper({"true"}, "/nonexistent/file");
+    int status = 0;
+    EXPECT_EQ(waitpid(helper, &status, 0), helper);
+    EXPECT_EQ(WEXITSTATUS(status), 127);
 }
 
 TEST_F(DivertMachineTest, AServerThatEndsWithoutAWordIsToldSo) {
