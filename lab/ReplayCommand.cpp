@@ -4,6 +4,7 @@
 #include "lab/ConnectionRows.h"
 #include "lab/CsvFile.h"
 #include "lab/HtmlReport.h"
+#include "lab/OneProcessor.h"
 #include "lab/PrivateNetwork.h"
 #include "lab/Replay.h"
 #include "lab/Stage.h"
@@ -66,6 +67,7 @@ int replay(const ReplayOptions& options) {
     Policy policy = Policy::load(options.policy);
     const PolicyFacts rules{options.policy, policy.ruleCount(), options.blockOnFailure};
     std::vector<CaptureFacts> facts;
+    facts.reserve(options.captures.size());
     for (const std::string& capture : options.captures)
         facts.push_back(survey(capture));
     JsonReport json(options.json);
@@ -74,6 +76,7 @@ int replay(const ReplayOptions& options) {
                       !options.report.empty() || !options.csv.empty());
 
     enterPrivateNetwork();
+    shareOneProcessor();
     const int logLevel = verdictLogLevel | (policy.pushes().empty() ? 0 : agentLogLevel);
     Stage stage(options.root, std::move(policy), firstTime(facts), checkedProgram(options.program));
     stage.root.configure(options.blockOnFailure, logLevel);
