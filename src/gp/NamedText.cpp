@@ -4,6 +4,12 @@
 #include <set>
 #include <utility>
 
+namespace {
+
+constexpr std::size_t mostWithoutIndex = 1024;
+
+} // namespace
+
 void keepLastOfEachName(std::vector<NamedText>& texts) {
     // A tree and no hash table: whoever writes the names can choose them to collide.
     std::set<std::string_view> later;
@@ -15,13 +21,47 @@ void keepLastOfEachName(std::vector<NamedText>& texts) {
     texts.erase(texts.begin(), kept);
 }
 
+void LastOfEachName::add(const NamedText& text) {
+    if (!places_.empty()) return addIndexed(text);
+    texts_.push_back(text);
+    if (texts_.size() == mostWithoutIndex) beginIndex();
+}
+
 std::vector<NamedText> LastOfEachName::take() {
-    if (texts_.size() > 1) keepLastOfEachName(texts_);
+    if (!places_.empty()) {
+        dropReplaced();
+    } else if (texts_.size() > 1) {
+        keepLastOfEachName(texts_);
+    }
     return std::move(texts_);
 }
 
-// So seldom that names which differ cost a third more than at the end alone.
-void LastOfEachName::makeRoom() {
-    keepLastOfEachName(texts_);
-    most_ = std::max(most_, 4 * texts_.size());
+void LastOfEachName::beginIndex() {
+    for (const NamedText& text : std::exchange(texts_, {}))
+        addIndexed(text);
+}
+
+void LastOfEachName::addIndexed(const NamedText& text) {
+    const auto [place, isNew] = places_.try_emplace(text.name, texts_.size());
+    if (!isNew) {
+        isReplaced_[place->second] = true;
+        place->second = texts_.size();
+        ++replaced_;
+    }
+    texts_.push_back(text);
+    isReplaced_.push_back(false);
+    // As many go as stay, so that all of these walks together are short.
+    if (replaced_ >= std::max(mostWithoutIndex, places_.size())) dropReplaced();
+}
+
+void LastOfEachName::dropReplaced() {
+    std::size_t kept = 0;
+    for (std::size_t i = 0; i < texts_.size(); ++i) {
+        if (isReplaced_[i]) continue;
+        if (replaced_ > 0) places_[texts_[i].name] = kept;
+        texts_[kept++] = texts_[i];
+    }
+    texts_.resize(kept);
+    isReplaced_.assign(kept, false);
+    replaced_ = 0;
 }

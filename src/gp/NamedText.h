@@ -4,6 +4,7 @@
 // here first: a map walks its chains for each name, and nobody is to make these long from outside.
 
 #include <cstddef>
+#include <map>
 #include <string_view>
 #include <vector>
 
@@ -20,17 +21,19 @@ void keepLastOfEachName(std::vector<NamedText>& texts);
 // Gathers entries and keeps the last of each name, without room for all that have gone.
 class LastOfEachName {
 public:
-    void add(const NamedText& text) {
-        if (texts_.size() == most_) makeRoom();
-        texts_.push_back(text);
-    }
+    void add(const NamedText& text);
 
     // What keepLastOfEachName leaves of all that were added. Once, at the end.
     std::vector<NamedText> take();
 
 private:
-    void makeRoom();
+    void beginIndex();
+    void addIndexed(const NamedText& text);
+    void dropReplaced();
 
     std::vector<NamedText> texts_;
-    std::size_t most_ = 1024;
+    // Of texts with very many entries only: where the last of each name is, and which entries a later one replaces.
+    std::map<std::string_view, std::size_t> places_;
+    std::vector<bool> isReplaced_;
+    std::size_t replaced_ = 0;
 };
