@@ -36,7 +36,8 @@ int listenAt(const std::string& path) {
     std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
     unlink(path.c_str());
     const int listener = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
-    if (listener < 0 || bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
+    if (listener < 0) throw std::runtime_error(fmt::format("{}: {}", path, std::strerror(errno)));
+    if (bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
         ::listen(listener, 16) != 0) {
         const int error = errno;
         close(listener);

@@ -30,6 +30,13 @@ bool isOfGlibc(const std::string& interpreter) {
     return fs::path(interpreter).filename().string().rfind("ld-linux", 0) == 0;
 }
 
+std::vector<std::string> foldersOfTheEnvironment(const std::string& origin) {
+    const char* named = std::getenv("LD_LIBRARY_PATH");
+    std::string list = named ? named : "";
+    std::replace(list.begin(), list.end(), ';', ':');
+    return foldersOf(list, origin);
+}
+
 class Search {
 public:
     explicit Search(const std::string& program) : program_(program) { add(program, readElf(program), 0); }
@@ -145,15 +152,8 @@ private:
 
     std::string originOf(std::size_t i) const { return fs::path(loaded_[i].path).parent_path(); }
 
-    static std::vector<std::string> namedFolders(const std::string& origin) {
-        const char* named = std::getenv("LD_LIBRARY_PATH");
-        std::string list = named ? named : "";
-        std::replace(list.begin(), list.end(), ';', ':');
-        return foldersOf(list, origin);
-    }
-
     const std::string program_;
-    const std::vector<std::string> named_ = namedFolders(fs::path(program_).parent_path());
+    const std::vector<std::string> named_ = foldersOfTheEnvironment(fs::path(program_).parent_path());
     const std::vector<std::string> systems_ = systemsLibraryFolders();
     std::vector<Loaded> loaded_;
     std::set<std::string> names_;

@@ -128,7 +128,8 @@ struct Pointers {
 // The pointers of a section, whichever of the data segments it lies in.
 template <class Pointer>
 Pointers<Pointer> pointersOf(const Image& image, const char* section) {
-    constexpr auto protection = std::is_const_v<Pointer> ? format::protectionRead : format::protectionWrite;
+    constexpr bool isRead = std::is_const_v<Pointer>;
+    constexpr auto protection = isRead ? format::protectionRead : format::protectionWrite;
     for (const char* segment : {"__DATA", "__DATA_CONST"})
         if (const Section* found = image.file().section(segment, section)) {
             const std::uint64_t count = found->size / sizeof(void*);
