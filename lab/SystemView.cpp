@@ -13,7 +13,6 @@
 
 #include <cerrno>
 #include <cstddef>
-#include <cstdint>
 #include <filesystem>
 #include <fstream>
 #include <stdexcept>

@@ -7,7 +7,6 @@
 #include "gp/Owned.h"
 #include "platform/ByteOrder.h"
 
-#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
