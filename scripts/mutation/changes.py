@@ -12,18 +12,31 @@ HOURS = 4  # longer than one change takes from its first commit to its last
 NOTHING = "4b825dc642cb6eb9a060e54bf8d69288fbee4904"  # the tree without a file, which every repository knows
 
 
-def lines_since(root, commit, *paths):
-    """For each file below the paths the lines that the work tree has and the commit has not."""
-    diff = _git(root, "diff", "--unified=0", "--no-color", "--no-ext-diff", commit, "--", *paths)
-    found, file = {}, None
+# What a user's own settings must not change.
+PLAIN = ("--unified=0", "--inter-hunk-context=0", "--no-color", "--no-ext-diff", "--no-textconv", "--find-renames",
+         "--src-prefix=a/", "--dst-prefix=b/")
+
+
+def lines_since(root, commit, *paths, gaps=False):
+    """For each file below the paths the lines that the work tree has and the commit has not; none for a file that only
+    lost some. With `gaps` the lines at either side of lost ones are taken too."""
+    found, file = _lines_unknown_to_git(root, *paths), None
+    diff = _git(root, "diff", *PLAIN, commit, "--", *paths)
     for line in diff.splitlines():
         if line.startswith("+++ "):
             file = line[6:] if line.startswith("+++ b/") else None
         hunk = re.match(r"@@ -\S+ \+(\d+)(?:,(\d+))? @@", line)
         if hunk and file:
             first, count = int(hunk.group(1)), int(hunk.group(2) or 1)
-            found.setdefault(file, set()).update(range(first, first + count))
+            last = first + (count or 2 * gaps)
+            found.setdefault(file, set()).update(range(first, last))
     return found
+
+
+def _lines_unknown_to_git(root, *paths):
+    """All lines of the files that nobody has added yet."""
+    names = _git(root, "ls-files", "--others", "--exclude-standard", "--", *paths).splitlines()
+    return {name: set(range(1, len(pathlib.Path(root, name).read_bytes().splitlines()) + 1)) for name in names}
 
 
 def sources_since(root, commit, *folders):
@@ -51,12 +64,10 @@ def last_landed(root):
     back that far, all that there is has changed."""
     head = _git(root, "rev-parse", "HEAD").strip()
     target = _commit(root, "origin/HEAD") or _commit(root, "origin/main") or _commit(root, "origin/master")
-    if target:
-        base = _git(root, "merge-base", target, head).strip()
-        if base != head:
-            return base, "where origin is"
-    note = pathlib.Path(root, NOTE)
-    noted = _commit(root, note.read_text().strip()) if note.exists() else None
+    base = _common_ancestor(root, target, head) if target else None
+    if base and base != head:
+        return base, "where origin is"
+    noted = _noted(root)
     if noted and _is_ancestor(root, noted, head):
         return noted, f"as {NOTE} says"
     why = f"{NOTE} names no commit of this history"
@@ -72,12 +83,26 @@ def _commit(root, name):
     return done.stdout.strip() or None
 
 
+def _noted(root):
+    """The commit that the note names by its id; a name that moves says nothing of what has landed."""
+    note = pathlib.Path(root, NOTE)
+    text = note.read_text().strip() if note.exists() else ""
+    return _commit(root, text) if re.fullmatch("[0-9a-f]{40,64}", text) else None
+
+
+def _common_ancestor(root, one, other):
+    """None where the clone does not reach back to it."""
+    done = subprocess.run(["git", "-C", str(root), "merge-base", one, other], capture_output=True, text=True)
+    return done.stdout.strip() or None
+
+
 def _is_ancestor(root, old, new):
     return subprocess.run(["git", "-C", str(root), "merge-base", "--is-ancestor", old, new]).returncode == 0
 
 
 def _git(root, *words):
-    return subprocess.run(["git", "-C", str(root), *words], check=True, capture_output=True, text=True).stdout
+    return subprocess.run(["git", "-C", str(root), "-c", "core.quotePath=false", *words], check=True, capture_output=True,
+                          text=True).stdout
 
 
 if __name__ == "__main__":

@@ -60,10 +60,11 @@ def resolved(entries, known):
 
 
 def touched(entries, own_lines, changed, existing):
-    """The entries that a change may have made wrong: it touches them, or their file, or has taken that away."""
+    """The entries that a change may have made wrong: it touches them, or what is listed twice with them, or their
+    file, or has taken that away."""
+    own = {entry.key for entry in entries if not own_lines.isdisjoint(range(entry.line, entry.end + 1))}
     return [entry for entry in entries
-            if entry.key[0] in changed or entry.key[0] not in existing
-            or not own_lines.isdisjoint(range(entry.line, entry.end + 1))]
+            if entry.key in own or entry.key[0] in changed or entry.key[0] not in existing]
 
 
 def problems(entries, known):

@@ -40,6 +40,33 @@ class Changes(unittest.TestCase):
         self.commit("src/gp/A.cpp", "one\n")
         self.assertEqual(changes.lines_since(self.root, first, "src").get("src/gp/A.cpp", set()), set())
 
+    def test_name_files_that_only_lost_lines_with_the_places_of_the_gaps_where_they_are_asked_for(self):
+        first = self.commit("list", "one\ntwo\nthree\n")
+        self.commit("list", "one\nthree\n")
+        self.assertEqual(changes.lines_since(self.root, first, "list"), {"list": set()})
+        self.assertEqual(changes.lines_since(self.root, first, "list", gaps=True), {"list": {1, 2}})
+
+    def test_are_the_same_whatever_the_users_own_settings_are(self):
+        first = self.commit("src/gp/A.cpp", "one\n")
+        for setting, value in (("diff.noprefix", "true"), ("diff.mnemonicPrefix", "true"), ("diff.renames", "copies"),
+                               ("diff.interHunkContext", "9"), ("core.quotePath", "true")):
+            git(self.root, "config", setting, value)
+        self.commit("src/gp/A.cpp", "0\none\n")
+        self.commit("src/gp/B\u00e4r.cpp", "0\none\n")
+        self.assertEqual(changes.lines_since(self.root, first, "src"), {"src/gp/A.cpp": {1}, "src/gp/B\u00e4r.cpp": {1, 2}})
+
+    def test_count_files_that_git_has_not_heard_of(self):
+        first = self.commit("src/gp/A.cpp", "one\n")
+        (self.root / "src/gp/B.cpp").write_text("one\ntwo\n")
+        (self.root / "C.cpp").write_text("one\n")
+        self.assertEqual(changes.lines_since(self.root, first, "src"), {"src/gp/B.cpp": {1, 2}})
+
+    def test_of_a_file_that_moved_are_those_that_came(self):
+        first = self.commit("src/gp/A.cpp", "".join(f"{number}\n" for number in range(20)))
+        (self.root / "src/gp/A.cpp").unlink()
+        self.commit("src/gp/B.cpp", "".join(f"{number}\n" for number in range(21)))
+        self.assertEqual(changes.lines_since(self.root, first, "src"), {"src/gp/B.cpp": {21}})
+
     def test_show_in_the_files_that_they_touch_the_most_changed_first(self):
         first = self.commit("src/gp/A.cpp", "one\n")
         self.commit("src/gp/A.cpp", "one\ntwo\n")
@@ -99,6 +126,30 @@ class Changes(unittest.TestCase):
         git(self.root, "checkout", "-q", "main")
         self.commit(changes.NOTE, aside + "\n", "2020-01-02T00:00:00Z")
         self.assertEqual(changes.last_landed(self.root), (old, ".ci/landed names no commit of this history: the commits of 4 hours"))
+
+    def test_believe_no_note_but_the_id_of_a_commit(self):
+        old = self.commit("a", "1", "2020-01-01T00:00:00Z")
+        self.commit(changes.NOTE, "HEAD\n", "2020-01-02T00:00:00Z")
+        self.assertEqual(changes.last_landed(self.root)[0], old)
+
+    def test_begin_with_the_note_where_the_clone_does_not_reach_back_to_where_origin_is(self):
+        landed = self.commit("a", "1")
+        self.commit(changes.NOTE, landed + "\n")
+        git(self.root, "checkout", "-q", "--orphan", "elsewhere")
+        stranger = self.commit("c", "3")
+        git(self.root, "checkout", "-q", "main")
+        git(self.root, "update-ref", "refs/remotes/origin/main", stranger)
+        self.assertEqual(changes.last_landed(self.root), (landed, "as .ci/landed says"))
+
+    def test_begin_where_the_change_left_the_branch_that_it_was_merged_with(self):
+        self.commit("a", "1")
+        git(self.root, "checkout", "-q", "-b", "change")
+        self.commit("b", "2")
+        git(self.root, "checkout", "-q", "main")
+        landed = self.commit("c", "3")
+        git(self.root, "update-ref", "refs/remotes/origin/main", landed)
+        git(self.root, "merge", "-q", "--no-ff", "-m", "both", "change")
+        self.assertEqual(changes.last_landed(self.root), (landed, "where origin is"))
 
     def test_begin_with_the_last_hours_where_nothing_is_known(self):
         old = self.commit("a", "1", "2020-01-01T00:00:00Z")

@@ -63,6 +63,11 @@ class Lists(unittest.TestCase):
         twice = entry(a_mutant()) + "\n" + entry(a_mutant())
         self.assertEqual(problems(twice, [a_mutant()]), ["line 6: src/gp/Example.cpp f(): listed twice"])
 
+    def test_name_nothing_twice_in_the_part_that_a_change_touches_either(self):
+        twice = read(entry(a_mutant()) + "\n" + entry(a_mutant(function="g()")) + "\n" + entry(a_mutant()))
+        touched = lists.touched(twice, {11}, set(), {a_mutant().file})
+        self.assertEqual([found.line for found in touched], [1, 11])
+
     def test_may_have_comments_and_line_numbers(self):
         text = "# a comment\n\n# constant; 3 tests passed\n" + entry(a_mutant())
         self.assertIn("Example.cpp:1 f()", text)
