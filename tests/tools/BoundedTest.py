@@ -1,5 +1,6 @@
 """Commands that end with the time of a run, what is known of tests until then, and which folders' tests are asked."""
 import pathlib
+import subprocess
 import tempfile
 import time
 import unittest
@@ -28,7 +29,33 @@ class Commands(unittest.TestCase):
             note = pathlib.Path(folder, "number")
             with self.assertRaises(bounded.OutOfTime):
                 bounded.run(["sh", "-c", f"sleep 600 & echo $! > {note}; wait"], time.monotonic() + 1)
-            child = int(note.read_text())
+            self.assert_ends(int(note.read_text()))
+
+    def test_take_along_what_has_a_process_group_of_its_own_as_a_compiler_below_ninja_has(self):
+        with tempfile.TemporaryDirectory() as folder:
+            pathlib.Path(folder, "build.ninja").write_text(
+                "rule run\n  command = trap '' TERM; sleep 600 & echo $$! > number; wait; wait\nbuild a: run\nbuild b: run\n")
+            with self.assertRaises(bounded.OutOfTime):
+                bounded.run(["ninja", "-C", folder, "a"], time.monotonic() + 1)
+            self.assert_ends(int(pathlib.Path(folder, "number").read_text()))
+
+    def test_are_asked_kindly_first_so_that_they_leave_no_half_of_a_file(self):
+        with tempfile.TemporaryDirectory() as folder:
+            pathlib.Path(folder, "build.ninja").write_text(
+                "rule run\n  command = echo half > $out; exec sleep 600\nbuild whole: run\n")
+            with self.assertRaises(bounded.OutOfTime):
+                bounded.run(["ninja", "-C", folder], time.monotonic() + 1)
+            self.assertFalse(pathlib.Path(folder, "whole").exists())
+
+    def test_are_not_begun_behind_the_deadline(self):
+        with mock.patch.object(subprocess, "Popen", side_effect=AssertionError("begun")), \
+                self.assertRaises(bounded.OutOfTime):
+            bounded.run(["true"], time.monotonic() - 1)
+
+    def test_may_print_what_is_no_text(self):
+        self.assertEqual(bounded.run(["printf", r"a\377b"], bounded.FOREVER), (0, "a\N{REPLACEMENT CHARACTER}b"))
+
+    def assert_ends(self, child):
         ends = time.monotonic() + 20
         while pathlib.Path(f"/proc/{child}").exists() and time.monotonic() < ends:
             if pathlib.Path(f"/proc/{child}/stat").read_text().split()[2] == "Z":
