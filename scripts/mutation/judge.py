@@ -38,7 +38,7 @@ class Judge:
         self._places = queue.Queue()  # the trees for mutants that are built alone
         for number in range(jobs):
             self._places.put(f"alone-{number}")
-        self._fit = {}             # test -> whether it passes in the shared build with nothing changed
+        self._fit = {}             # (in a shared build, test) -> whether it passes there with nothing changed
         self._gate = Gate()
 
     def all(self, mutants):
@@ -69,6 +69,8 @@ class Judge:
     def _build(self, tree, numbered, alone):
         """Takes out what does not compile until the rest does."""
         while numbered:
+            if not bounded.left(self._deadline):
+                raise bounded.OutOfTime("build")
             texts = {file: schemata.with_mutants((self._root / file).read_bytes(), inside)
                      for file, inside in _by_file(numbered).items()}
             tree.write({file: text.content for file, text in texts.items()})
@@ -98,6 +100,8 @@ class Judge:
             self._places.put(place)
 
     def _judge_in(self, tree, mutant):
+        if not bounded.left(self._deadline):
+            raise bounded.OutOfTime("build")
         tree.write({mutant.file: apply((self._root / mutant.file).read_bytes(), mutant.edits)})
         programs = self._needed(tree, [mutant])
         with self._gate.beside_others():
@@ -108,21 +112,22 @@ class Judge:
         self._judge(tree.replaced(programs), 0, mutant)
 
     def _judge(self, replaced, number, mutant):
+        try:
+            self._tell(self._verdict(replaced, number, mutant))
+        except bounded.OutOfTime:
+            self._tell(Verdict(mutant, NOT_JUDGED))
+
+    def _verdict(self, replaced, number, mutant):
         unsteady, count = [], 0
         for case in self._chooser.tests(mutant):
             count += 1
-            try:
-                said = self._said_by(case, replaced, number)
-            except bounded.OutOfTime:
-                self._tell(Verdict(mutant, NOT_JUDGED))
-                return
+            said = self._said_by(case, replaced, number)
             if said == UNSTEADY:
                 unsteady.append(case.name)
             elif said == KILLED:
                 self._chooser.note_kill(mutant, case)
-                self._tell(Verdict(mutant, KILLED, case.name, count, tuple(unsteady)))
-                return
-        self._tell(Verdict(mutant, self._unnoticed(mutant), "", count, tuple(unsteady)))
+                return Verdict(mutant, KILLED, case.name, count, tuple(unsteady))
+        return Verdict(mutant, self._unnoticed(mutant), "", count, tuple(unsteady))
 
     def _unnoticed(self, mutant):
         """What a mutant is that no test has noticed."""
@@ -139,7 +144,7 @@ class Judge:
                 if result == sandbox.PASSED:
                     return UNSTEADY
             if result == sandbox.FAILED:
-                return KILLED if number == 0 or self._is_fit(replaced, case) else SURVIVED
+                return KILLED if self._is_fit(replaced if number else (), case) else SURVIVED
         return SURVIVED if result == sandbox.PASSED else self._said_alone_by(case, replaced, number)
 
     def _said_alone_by(self, case, replaced, number):
@@ -162,9 +167,10 @@ class Judge:
         return outcome
 
     def _is_fit(self, replaced, case):
-        if case.name not in self._fit:
-            self._fit[case.name] = self._run(case, replaced, 0).result == sandbox.PASSED
-        return self._fit[case.name]
+        key = (bool(replaced), case.name)
+        if key not in self._fit:
+            self._fit[key] = self._run(case, replaced, 0).result == sandbox.PASSED
+        return self._fit[key]
 
     def _tell(self, verdict):
         with self._lock:

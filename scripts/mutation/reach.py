@@ -4,7 +4,6 @@ import hashlib
 import json
 import pathlib
 import tempfile
-import time
 from concurrent.futures import ThreadPoolExecutor
 
 from mutation import bounded, sandbox, schemata
@@ -36,7 +35,7 @@ class Map:
 
 
 def of(files, sources, cases, tree, kept, jobs, say, deadline=bounded.FOREVER):
-    """The map for these files, from the last run where it is still true. Behind the deadline no test begins."""
+    """The map for these files, from the last run where it is still true. Behind the deadline no test runs."""
     digest = _digest(sources.root, cases)
     stored = _stored(kept, digest)
     hashes = {file: hashlib.sha256((sources.root / file).read_bytes()).hexdigest() for file in files}
@@ -108,14 +107,18 @@ def _make(files, sources, cases, tree, jobs, deadline):
 
 
 def _watched(case, replaced, folder, deadline):
-    """Runs a test, once more where it fails, and tells the numbers of the statements that it reached."""
-    if time.monotonic() > deadline:
-        return None, []
+    """Runs a test, once more where it fails, and tells the numbers of the statements that it reached; nothing where the
+    deadline comes first."""
     for _ in range(2):
+        left = bounded.left(deadline)
+        if not left:
+            return None, []
         with tempfile.NamedTemporaryFile(prefix="reached-", dir=folder) as file:
             file.truncate(schemata.STATEMENTS)
-            outcome = sandbox.run(case, LIMIT, replaced, [(schemata.MAP_FILE, file.name)], [file.name])
+            outcome = sandbox.run(case, min(LIMIT, left), replaced, [(schemata.MAP_FILE, file.name)], [file.name])
             found = [index for index, byte in enumerate(pathlib.Path(file.name).read_bytes()) if byte]
+        if outcome.result == sandbox.TIMED_OUT and left < LIMIT:
+            return None, []
         if outcome.result == sandbox.PASSED:
             break
     return outcome, found

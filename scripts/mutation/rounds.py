@@ -92,5 +92,5 @@ def _chooser(place, cases, mutants, kept, map_ends):
 
 def _judge(place, chooser, mutants, told):
     place.say("mutants")
-    judge.Judge(place.sources.root, place.tree, chooser, twins.Twins(place.build), place.jobs, place.deadline,
-                told).all(mutants)
+    judge.Judge(place.sources.root, place.tree, chooser, twins.Twins(place.build, place.deadline),
+                place.jobs, place.deadline, told).all(mutants)

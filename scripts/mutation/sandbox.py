@@ -15,6 +15,10 @@ MEMORY = 4 << 30
 FILE_SIZE = 3 << 30
 
 
+class NotBegun(Exception):
+    """A test whose program did not run, be it for its walls; that says nothing of the program."""
+
+
 @dataclasses.dataclass(frozen=True)
 class Outcome:
     result: str
@@ -46,6 +50,8 @@ def run(case, limit, replaced=(), variables=(), writable=()):
                                start_new_session=True)
     try:
         output, _ = process.communicate(timeout=limit)
+        if process.returncode and output.startswith((b"bwrap: ", b"prlimit: ")):
+            raise NotBegun(f"{case.name}: {output.decode(errors='replace').strip()}")
         result = PASSED if process.returncode == 0 else FAILED
     except subprocess.TimeoutExpired:
         os.killpg(process.pid, signal.SIGKILL)  # which takes all of its world along

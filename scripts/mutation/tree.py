@@ -11,6 +11,15 @@ import subprocess
 from mutation import bounded, schemata
 
 
+# What the compiler or the linker have against a text, and what they say where the machine is to blame.
+REFUSED = re.compile(r"^\S+?:\d+:(\d+:)? (fatal )?error: |undefined reference to ", re.M)
+NOT_ITS_FAULT = re.compile(r"No space left on device|Killed signal|internal compiler error")
+
+
+class NotBuilt(Exception):
+    """A build that failed, and not for the sake of what is built."""
+
+
 class Build:
     """What an everyday build consists of: how each object is made of what, each archive, each program."""
 
@@ -94,6 +103,8 @@ class Tree:
         targets = [str(self.program(name)) for name in programs] if programs is not None else []
         words = ["ninja", "-C", str(self.directory), "-j", str(self._jobs), "-k", "0", *targets]
         status, output = bounded.run(words, self._deadline)
+        if status and (not REFUSED.search(output) or NOT_ITS_FAULT.search(output)):
+            raise NotBuilt(f"the build in {self.directory} ends with {status}:\n{output[-3000:]}")
         return output if status else ""
 
     def program(self, name):

@@ -1,14 +1,16 @@
 """Tells a mutant that is the same program: the optimizing compiler makes the same object of both texts."""
 import pathlib
-import subprocess
 import tempfile
 
+from mutation import bounded
 from mutation.mutant import apply
+from mutation.tree import NotBuilt
 
 
 class Twins:
-    def __init__(self, build):
+    def __init__(self, build, deadline=bounded.FOREVER):
         self._build = build
+        self._deadline = deadline
         self._words = {str(pathlib.Path(source)): words for words, source in build.objects.values()}
 
     def are_one_program(self, mutant):
@@ -27,6 +29,8 @@ class Twins:
             words[words.index("-o") + 1] = str(target)
             words[words.index("-c") + 1] = str(source)
             # Quoted includes that stand beside the file are found where it was.
-            subprocess.run([*words, "-O2", "-w", "-iquote", str(path.parent)], cwd=self._build.directory, check=True,
-                           capture_output=True)
+            status, output = bounded.run([*words, "-O2", "-w", "-iquote", str(path.parent)], self._deadline,
+                                         self._build.directory)
+            if status:
+                raise NotBuilt(f"{path} does not compile once more:\n{output[-3000:]}")
             return target.read_bytes()

@@ -8,7 +8,8 @@ from unittest import mock
 
 from support import a_mutant
 
-from mutation import bounded, cases, judge, reach, rounds, sandbox, tree
+from mutation import bounded, cases, judge, reach, rounds, sandbox, tree, twins
+from mutation.mutant import Edit
 
 
 def case(name, folder):
@@ -103,6 +104,18 @@ class Maps(unittest.TestCase):
         self.assertEqual((found.tests("src/A.cpp", (1, 11)), found.unseen), (["Own.Test"], {"App.Test"}))
         self.assertFalse(self.kept.exists())
 
+    def test_stop_a_test_when_their_time_is_over_and_count_it_among_the_missing(self):
+        limits = []
+
+        def run(_, limit, *__):
+            limits.append(limit)
+            return sandbox.Outcome(sandbox.TIMED_OUT, limit)
+
+        with mock.patch.object(sandbox, "run", run), mock.patch.object(bounded, "left", lambda _: 5), \
+                mock.patch.object(reach, "BESIDE", 1):
+            found = reach.of(["src/A.cpp"], self.sources, [OWN], self.tree, self.kept, 1, lambda _: None, 5)
+        self.assertEqual((limits, found.unseen, found.failing), ([5], {"Own.Test"}, set()))
+
     def test_build_what_their_tests_run_and_no_more(self):
         self.made(1, [0, 0])
         self.tree.needed_programs.assert_called_once_with({"src/A.cpp": mock.ANY}, [OWN, APP])
@@ -117,6 +130,69 @@ class Programs(unittest.TestCase):
         with tempfile.TemporaryDirectory() as folder:
             found = tree.Tree(build, folder, 1).needed_programs({"src/gp/A.cpp"}, [OWN])
         self.assertEqual(found, ["tests/gp_tests", "tests/helper", "src/fernhill"])
+
+
+class Copies(unittest.TestCase):
+    """What a build of changed sources says. Only the compiler's word shows that a mutant is no program."""
+
+    def made(self, status, output):
+        with tempfile.TemporaryDirectory() as folder, mock.patch.object(bounded, "run", lambda *_: (status, output)):
+            return tree.Tree(mock.Mock(), folder, 1).make([])
+
+    def test_say_nothing_where_they_are_built(self):
+        self.assertEqual(self.made(0, "[1/1] a.o"), "")
+
+    def test_tell_what_the_compiler_and_the_linker_have_against_a_mutant(self):
+        for line in ("/c/A.cpp:4:2: error: no such name", "/c/A.cpp:4:2: fatal error: too deep",
+                     "ld: A.o: in function `f': undefined reference to `g'"):
+            self.assertEqual(self.made(1, line), line)
+
+    def test_are_no_builds_of_the_mutant_where_the_machine_is_to_blame(self):
+        for status, output in ((1, "/c/A.cpp:4:2: fatal error: error writing to /tmp/A.s: No space left on device"),
+                               (1, "g++: fatal error: Killed signal terminated program cc1plus"), (-9, ""),
+                               (1, "ninja: error: loading 'build.ninja': No such file or directory")):
+            with self.assertRaises(tree.NotBuilt):
+                self.made(status, output)
+
+
+class Twins(unittest.TestCase):
+    def setUp(self):
+        folder = tempfile.TemporaryDirectory()
+        self.addCleanup(folder.cleanup)
+        self.root = pathlib.Path(folder.name)
+        self.mutant = a_mutant()
+        self.source = self.root / self.mutant.file
+        self.source.parent.mkdir(parents=True)
+        self.source.write_bytes(CODE)
+
+    def twins(self, deadline=bounded.FOREVER):
+        words = ["c++", "-o", "A.o", "-c", str(self.source)]
+        return twins.Twins(mock.Mock(root=self.root, directory=self.root, objects={"A.o": (words, str(self.source))}), deadline)
+
+    def test_are_told_by_what_the_compiler_makes(self):
+        found, same = self.twins(), type(self.mutant)(**{**vars(self.mutant), "edits": (Edit(17, 18, "2 - 1"),)})
+        self.assertEqual([found.are_one_program(mutant) for mutant in (self.mutant, same)], [False, True])
+
+    def test_are_not_sought_behind_the_deadline(self):
+        with self.assertRaises(bounded.OutOfTime):
+            self.twins(time.monotonic() - 1).are_one_program(self.mutant)
+
+
+@unittest.skipUnless(sandbox.available(), "bubblewrap cannot make its namespaces here")
+class Walls(unittest.TestCase):
+    def outcome(self, command, replaced=()):
+        return sandbox.run(cases.Case("A.Test", command, (), "/", "gp", command[0]), 20, replaced)
+
+    def test_let_a_test_pass_and_fail(self):
+        self.assertEqual([self.outcome((name,)).result for name in ("true", "false")], [sandbox.PASSED, sandbox.FAILED])
+
+    def test_that_cannot_be_put_up_are_no_failure_of_a_test(self):
+        with self.assertRaises(sandbox.NotBegun):
+            self.outcome(("true",), [("/usr/bin/true", "/nonexistent/program")])
+
+    def test_around_no_program_are_no_failure_of_a_test(self):
+        with self.assertRaises(sandbox.NotBegun):
+            self.outcome(("/nonexistent/program",))
 
 
 class Rounds(unittest.TestCase):

@@ -123,6 +123,24 @@ class Judging(unittest.TestCase):
             judging._judge([("program", "changed")], 0, a_mutant())
         self.assertEqual((told[0].result, unchanged), (judge.KILLED, ["App.Test"]))
 
+    def judged_alone(self, unchanged):
+        """The verdict on a mutant that was built alone, where a test fails with it, and so without it."""
+        told, judging = [], None
+
+        def run(run_case, limit, replaced, variables):
+            return sandbox.Outcome(sandbox.FAILED if replaced and run_case == APP else unchanged, 0.1)
+
+        twins = mock.Mock()
+        twins.are_one_program.return_value = False
+        judging = judge.Judge(pathlib.Path("/"), None, chooser(), twins, 1, time.monotonic() + 60, told.append)
+        with mock.patch.object(sandbox, "run", run):
+            judging._judge([("program", "changed")], 0, a_mutant())
+        return told[0].result
+
+    def test_believes_a_failure_of_a_mutant_that_was_built_alone_where_the_program_of_every_day_passes(self):
+        self.assertEqual(self.judged_alone(sandbox.PASSED), judge.KILLED)
+        self.assertEqual(self.judged_alone(sandbox.FAILED), judge.SURVIVED)
+
     def test_does_not_believe_a_failure_that_does_not_come_again(self):
         verdict = self.judged({"Quick.Test": [sandbox.FAILED, sandbox.PASSED]})
         self.assertEqual((verdict.result, verdict.unsteady), (judge.SURVIVED, ("Quick.Test",)))
@@ -160,6 +178,20 @@ class Judging(unittest.TestCase):
         self.assertEqual(self.judged({}, chooser(unseen=["Other.Test"])).result, judge.NOT_JUDGED)
         killed = self.judged({"Slow.Test": [sandbox.FAILED] * 2}, chooser(unseen=["Other.Test"]))
         self.assertEqual(killed.result, judge.KILLED)
+
+    def test_has_no_verdict_where_the_time_is_over_before_it_is_known_whether_both_are_one_program(self):
+        told, twins = [], mock.Mock()
+        twins.are_one_program.side_effect = bounded.OutOfTime("c++")
+        judging = judge.Judge(pathlib.Path("/"), None, chooser(reached=()), twins, 1, bounded.FOREVER, told.append)
+        judging._judge((), 1, a_mutant())
+        self.assertEqual(told[0].result, judge.NOT_JUDGED)
+
+    def test_writes_and_builds_nothing_behind_the_deadline(self):
+        told, tree = [], mock.Mock()
+        judging = judge.Judge(pathlib.Path("/"), lambda _: tree, chooser(), mock.Mock(), 1, time.monotonic() - 1, told.append)
+        judging.all([a_mutant(), type(a_mutant())(**{**vars(a_mutant()), "body": None})])
+        self.assertEqual([verdict.result for verdict in told], [judge.NOT_JUDGED] * 2)
+        self.assertEqual((tree.write.called, tree.make.called), (False, False))
 
     def test_has_no_verdict_on_mutants_whose_build_the_end_of_the_time_cuts_short(self):
         told, tree = [], mock.Mock()
