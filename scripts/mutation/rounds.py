@@ -6,6 +6,7 @@ import time
 from mutation import bounded, choose, judge, reach, report, tree, twins
 
 FAR_LEAST = 60  # seconds; with less left the tests of other folders are not asked
+FAR_MOST = 210  # seconds that are kept for them; of a shorter time a third
 
 
 @dataclasses.dataclass(frozen=True)
@@ -38,8 +39,8 @@ def one(place, cases, mutants):
 
 
 def near_and_far(place, cases, mutants):
-    """The verdicts of the tests of the mutants' folders and of app, and of the other tests where those pass: but for
-    their sake no mutant goes unjudged that has survived the first."""
+    """The verdicts of the tests of the mutants' folders and of app, and of the other tests where those pass. Time is kept
+    for the others; where it does not suffice, what has survived the first has survived."""
     folders = {mutant.folder for mutant in mutants} | {"app"}
     near = [case for case in cases if case.folder in folders]
     far = [case for case in cases if case.folder not in folders]
@@ -54,24 +55,28 @@ def near_and_far(place, cases, mutants):
             verdicts[verdict.mutant] = verdict
 
     near.sort(key=lambda case: (case.folder == "app", case.name))
-    chooser = _chooser(place, near, mutants, "map-near.json", _half_way(place.deadline))
-    _judge(place, chooser, mutants, told)
+    chooser = _chooser(place, near, mutants, "map-near.json", _on_the_way(place.deadline, 1 / 2))
+    kept = min(FAR_MOST, bounded.left(place.deadline) / 3) if far else 0
+    _judge(dataclasses.replace(place, deadline=place.deadline - kept), chooser, mutants, told)
     survivors = [verdict.mutant for verdict in verdicts.values() if verdict.result == judge.SURVIVED]
     if survivors and far and bounded.left(place.deadline) > FAR_LEAST:
         place.say(f"{len(survivors)} survived the tests of {', '.join(sorted(folders))}; the others' turn")
         try:
-            chooser = _chooser(place, far, survivors, "map-far.json", _half_way(place.deadline))
+            chooser = _chooser(place, far, survivors, "map-far.json", _on_the_way(place.deadline, 3 / 4))
             _judge(place, chooser, [mutant for mutant in survivors if chooser.tests(mutant)], told_of_survivor)
         except bounded.OutOfTime:
             place.say("no time for the tests of other folders")
+    elif survivors and far:
+        place.say(f"{len(survivors)} survived; no time for the tests of other folders")
     for mutant in survivors:
         if verdicts[mutant].result == judge.SURVIVED:
             print(report.survivor(verdicts[mutant]), flush=True)
     return list(verdicts.values())
 
 
-def _half_way(deadline):
-    return time.monotonic() + bounded.left(deadline) / 2
+def _on_the_way(deadline, part):
+    """When this part of the time until the deadline is over."""
+    return time.monotonic() + part * bounded.left(deadline)
 
 
 def _say_progress(place, verdicts, mutants):

@@ -6,6 +6,7 @@ import os
 import pathlib
 import signal
 import subprocess
+import threading
 import time
 
 PASSED, FAILED, TIMED_OUT = "passed", "failed", "timed out"
@@ -13,6 +14,7 @@ PASSED, FAILED, TIMED_OUT = "passed", "failed", "timed out"
 # Bounds above what any test needs; one makes an empty file of 2 GiB.
 MEMORY = 4 << 30
 FILE_SIZE = 3 << 30
+KEPT = 1 << 16  # bytes of what a test says; a changed program may say it without end
 
 
 class NotBegun(Exception):
@@ -46,18 +48,36 @@ def run(case, limit, replaced=(), variables=(), writable=()):
         words += ["--setenv", name, str(value)]
     words += ["--chdir", case.directory, "prlimit", f"--data={MEMORY}", f"--fsize={FILE_SIZE}", *case.command]
     started = time.monotonic()
+    status, output = _run(words, limit)
+    if status and output.startswith(("bwrap: ", "prlimit: ")):
+        raise NotBegun(f"{case.name}: {output.strip()}")
+    result = TIMED_OUT if status is None else FAILED if status else PASSED
+    return Outcome(result, time.monotonic() - started, output)
+
+
+def _run(words, limit):
+    """A command's status, None where the time was over, and the beginning of what it said."""
     process = subprocess.Popen(words, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
                                start_new_session=True)
+    said = []
+    reader = threading.Thread(target=lambda: said.append(_beginning(process.stdout)))
+    reader.start()
     try:
-        output, _ = process.communicate(timeout=limit)
-        if process.returncode and output.startswith((b"bwrap: ", b"prlimit: ")):
-            raise NotBegun(f"{case.name}: {output.decode(errors='replace').strip()}")
-        result = PASSED if process.returncode == 0 else FAILED
+        status = process.wait(limit)
     except subprocess.TimeoutExpired:
         os.killpg(process.pid, signal.SIGKILL)  # which takes all of its world along
-        output, _ = process.communicate()
-        result = TIMED_OUT
-    return Outcome(result, time.monotonic() - started, output.decode(errors="replace"))
+        process.wait()
+        status = None
+    reader.join()
+    return status, said[0].decode(errors="replace")
+
+
+def _beginning(stream):
+    with stream:
+        kept = stream.read(KEPT)
+        while stream.read1(KEPT):
+            pass
+    return kept
 
 
 def _walls():

@@ -180,11 +180,16 @@ class Twins(unittest.TestCase):
 
 @unittest.skipUnless(sandbox.available(), "bubblewrap cannot make its namespaces here")
 class Walls(unittest.TestCase):
-    def outcome(self, command, replaced=()):
-        return sandbox.run(cases.Case("A.Test", command, (), "/", "gp", command[0]), 20, replaced)
+    def outcome(self, command, replaced=(), limit=20):
+        return sandbox.run(cases.Case("A.Test", command, (), "/", "gp", command[0]), limit, replaced)
 
     def test_let_a_test_pass_and_fail(self):
         self.assertEqual([self.outcome((name,)).result for name in ("true", "false")], [sandbox.PASSED, sandbox.FAILED])
+
+    def test_keep_the_beginning_of_what_a_program_says_without_end(self):
+        outcome = self.outcome(("yes", "endless"), limit=1)
+        self.assertEqual((outcome.result, outcome.output[:16]), (sandbox.TIMED_OUT, "endless\nendless\n"))
+        self.assertLessEqual(len(outcome.output), sandbox.KEPT)
 
     def test_that_cannot_be_put_up_are_no_failure_of_a_test(self):
         with self.assertRaises(sandbox.NotBegun):
@@ -201,6 +206,7 @@ class Rounds(unittest.TestCase):
     def judged(self, noticed_by, left=1e6, reached=(OWN, APP, OTHER), fails_far=None):
         """Its result, and the names of the tests that were asked about, round by round."""
         asked, mutant = [], a_mutant()
+        self.ends = []  # of the rounds
 
         def of(files, sources, known, *_):
             asked.append([one.name for one in known])
@@ -210,6 +216,7 @@ class Rounds(unittest.TestCase):
             return reach.Map({mutant.file: {"1:11": indices}}, [one.name for one in known], {}, set())
 
         def all_of(judging, mutants):
+            self.ends.append(judging._deadline)
             for one in mutants:
                 names = [found.name for found in judging._chooser.tests(one)]
                 judging._tell(judge.Verdict(one, judge.KILLED if noticed_by in names else judge.SURVIVED))
@@ -230,6 +237,11 @@ class Rounds(unittest.TestCase):
 
     def test_ask_the_others_about_what_those_let_pass(self):
         self.assertEqual(self.judged("Other.Test"), (judge.KILLED, [["Own.Test", "App.Test"], ["Other.Test"]]))
+
+    def test_leave_time_for_the_others(self):
+        for left, kept in ((660, rounds.FAR_MOST), (300, 100)):
+            self.judged("Other.Test", left=left)
+            self.assertEqual([bounded.FOREVER - end for end in self.ends], [kept, 0])
 
     def test_have_a_survivor_where_nobody_notices(self):
         self.assertEqual(self.judged("nobody"), (judge.SURVIVED, [["Own.Test", "App.Test"], ["Other.Test"]]))
