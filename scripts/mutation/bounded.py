@@ -20,6 +20,11 @@ def left(deadline):
     return min(max(deadline - time.monotonic(), 0.0), LONGEST)
 
 
+def end_when_asked():
+    """Lets the request to end a run end what it has started, as a key on the terminal does."""
+    signal.signal(signal.SIGTERM, signal.default_int_handler)
+
+
 def run(words, deadline, cwd=None):
     """A command's exit status and all that it prints."""
     if not left(deadline):

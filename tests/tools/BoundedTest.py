@@ -1,12 +1,13 @@
 """Commands that end with the time of a run, what is known of tests until then, and which folders' tests are asked."""
 import pathlib
 import subprocess
+import sys
 import tempfile
 import time
 import unittest
 from unittest import mock
 
-from support import a_mutant
+from support import ROOT, a_mutant
 
 from mutation import bounded, cases, judge, reach, rounds, sandbox, tree, twins
 from mutation.mutant import Edit
@@ -47,6 +48,21 @@ class Commands(unittest.TestCase):
             with self.assertRaises(bounded.OutOfTime):
                 bounded.run(["ninja", "-C", folder], time.monotonic() + 1)
             self.assertFalse(pathlib.Path(folder, "whole").exists())
+
+    def test_end_with_a_run_that_is_asked_to(self):
+        with tempfile.TemporaryDirectory() as folder:
+            note = pathlib.Path(folder, "number")
+            words = f"sleep 600 & echo $! > {note}.new; mv {note}.new {note}; wait"
+            text = ("from mutation import bounded; bounded.end_when_asked(); "
+                    f"bounded.run(['sh', '-c', {words!r}], bounded.FOREVER)")
+            asked = subprocess.Popen([sys.executable, "-c", text], cwd=ROOT / "scripts", stderr=subprocess.DEVNULL)
+            ends = time.monotonic() + 20
+            while not note.exists() and time.monotonic() < ends:
+                time.sleep(0.01)
+            child = int(note.read_text())
+            asked.terminate()
+            self.assertNotEqual(asked.wait(20), 0)
+            self.assert_ends(child)
 
     def test_are_not_begun_behind_the_deadline(self):
         with mock.patch.object(subprocess, "Popen", side_effect=AssertionError("begun")), \
