@@ -39,8 +39,8 @@ def one(place, cases, mutants):
 
 
 def near_and_far(place, cases, mutants):
-    """The verdicts of the tests of the mutants' folders and of app, and of the other tests where those pass. Time is kept
-    for the others; where it does not suffice, what has survived the first has survived."""
+    """The verdicts of the tests of the mutants' folders and of app, and of the other tests where those pass. Time is
+    kept for the others; where it does not suffice, what has survived the first has survived."""
     folders = {mutant.folder for mutant in mutants} | {"app"}
     near = [case for case in cases if case.folder in folders]
     far = [case for case in cases if case.folder not in folders]

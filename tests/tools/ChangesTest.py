@@ -51,9 +51,9 @@ class Changes(unittest.TestCase):
         for setting, value in (("diff.noprefix", "true"), ("diff.mnemonicPrefix", "true"), ("diff.renames", "copies"),
                                ("diff.interHunkContext", "9"), ("core.quotePath", "true")):
             git(self.root, "config", setting, value)
-        self.commit("src/gp/A.cpp", "0\none\n")
+        self.commit("src/gp/A.cpp", "0\none\n2\n")
         self.commit("src/gp/B\u00e4r.cpp", "0\none\n")
-        self.assertEqual(changes.lines_since(self.root, first, "src"), {"src/gp/A.cpp": {1}, "src/gp/B\u00e4r.cpp": {1, 2}})
+        self.assertEqual(changes.lines_since(self.root, first, "src"), {"src/gp/A.cpp": {1, 3}, "src/gp/B\u00e4r.cpp": {1, 2}})
 
     def test_count_files_that_git_has_not_heard_of(self):
         first = self.commit("src/gp/A.cpp", "one\n")
