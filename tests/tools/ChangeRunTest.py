@@ -7,7 +7,7 @@ import unittest
 from unittest import mock
 
 from ListedRunTest import tool
-from support import a_mutant, git, needs_clang
+from support import a_mutant, git, needs_clang, needs_git
 
 from mutation import bounded, judge
 from mutation.mutant import diff, heading
@@ -23,6 +23,7 @@ def entry(mutant):
 
 
 @needs_clang
+@needs_git
 class RunsOverAChange(unittest.TestCase):
     def setUp(self):
         folder = tempfile.TemporaryDirectory()

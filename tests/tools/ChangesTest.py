@@ -3,11 +3,12 @@ import pathlib
 import tempfile
 import unittest
 
-from support import git
+from support import git, needs_git
 
 from mutation import changes
 
 
+@needs_git
 class Changes(unittest.TestCase):
     def setUp(self):
         folder = tempfile.TemporaryDirectory()

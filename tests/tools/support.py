@@ -1,5 +1,6 @@
 """What the tests of the tools share."""
 import pathlib
+import shutil
 import subprocess
 import sys
 import tempfile
@@ -16,6 +17,7 @@ except ImportError:
 from mutation.mutant import Edit, Mutant, changed_lines  # noqa: E402
 
 needs_clang = unittest.skipUnless(places, "clang's Python bindings are not installed")
+needs_git = unittest.skipUnless(shutil.which("git"), "git is not installed, which nobody needs who unpacks an archive")
 
 PROLOGUE = """
 struct GPMutex { void lock(); void unlock(); };
