@@ -73,8 +73,10 @@ std::vector<ConnectionRow> played(const std::string& capture, const CaptureFacts
     const bool alive = engine.play(capture, facts);
     table.end();
     stage.daemon.stop();
-    if (!alive || engine.totals().unanswered)
-        throw InputError(fmt::format("{}: the daemon has ended ({})", capture, stage.daemon.ending()));
+    if (!alive) throw InputError(fmt::format("{}: {}", capture, engine.fault()));
+    if (engine.totals().unanswered)
+        throw InputError(fmt::format("{}: the daemon left {} packets without an answer", capture,
+                                     engine.totals().unanswered));
     return table.rows();
 }
 

@@ -2,6 +2,8 @@
 
 #include "filter/FilterQuery.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <chrono>
 #include <limits>
@@ -13,8 +15,8 @@ constexpr int tcp = 6;
 constexpr std::int64_t second = 1000000;
 constexpr int mostRetries = 8;
 
-// Real milliseconds that the daemon has for an answer.
-constexpr int answerMilliseconds = 30000;
+// With so many packets in a row unanswered a daemon hangs: each costs the whole of its time.
+constexpr int mostUnanswered = 3;
 
 // A connection without packets for that long is reported and forgotten.
 constexpr std::int64_t idleLimit = 300 * second;
@@ -49,6 +51,15 @@ bool Replay::play(const std::string& path, const CaptureFacts& facts) {
     totals_.records += capture.position();
     totals_.playedMicroseconds += now_ - start_;
     return !daemonGone_;
+}
+
+std::string Replay::fault() const {
+    if (hangs_)
+        return fmt::format(
+            "the daemon runs and has left {} packets in a row without an answer, so no more are "
+            "presented; see meanwhile what its threads wait in (gdb -p)",
+            mostUnanswered);
+    return daemonGone_ ? fmt::format("the daemon has ended ({})", daemon_.ending()) : "";
 }
 
 void Replay::moveTime(std::int64_t time) {
@@ -185,10 +196,12 @@ std::optional<sysctl_result> Replay::present(PlayedPacket& played) {
     const Direction direction = played.outbound ? Direction::out : Direction::in;
     ++played.presented;
     ++totals_.presented;
-    auto result = extension_.present(direction, played.packet.bytes, answerMilliseconds);
+    auto result = extension_.present(direction, played.packet.bytes, patience_);
+    unanswered_ = result ? 0 : unanswered_ + 1;
     if (!result) {
         ++totals_.unanswered;
-        daemonGone_ = !daemon_.running() || !extension_.connected();
+        hangs_ = unanswered_ == mostUnanswered && daemon_.running() && extension_.connected();
+        daemonGone_ = hangs_ || !daemon_.running() || !extension_.connected();
     }
     if (watch_) watch_->presented(played, now_ - start_, result);
     return result;
@@ -199,12 +212,18 @@ std::optional<sysctl_result> Replay::present(PlayedPacket& played) {
 void Replay::settle() {
     using std::chrono::steady_clock;
     const auto limit = steady_clock::now() + std::chrono::milliseconds(patience_);
+    const long before = totals_.unsettled;
     bool quiet = settleOnce();
     while (!quiet && steady_clock::now() < limit)
         quiet = settleOnce();
-    if (!quiet) ++totals_.unsettled;
+    if (!quiet && totals_.unsettled == before) ++totals_.unsettled;
     noteQuestions();
     for (PolicyAgent::SlowAnswer& answer : agent_.takeSlow()) {
+        if (slowAnswers_ == queries_) {
+            ++totals_.unsettled; // more than the daemon can have asked
+            continue;
+        }
+        ++slowAnswers_;
         const std::int64_t due = now_ + std::int64_t{answer.milliseconds} * 1000;
         events_.push({due, ++eventOrder_, nullptr, std::move(answer)});
     }

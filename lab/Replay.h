@@ -14,6 +14,8 @@
 #include <map>
 #include <memory>
 #include <queue>
+#include <string>
+#include <vector>
 
 namespace lab {
 
@@ -42,13 +44,16 @@ public:
     // Before playing; the watch outlives this.
     void setWatch(ReplayWatch* watch) { watch_ = watch; }
 
-    // Before playing: the real milliseconds for each step of a query's way to the agent and back, and for all of them
-    // where a program keeps asking.
+    // Before playing: the real milliseconds for a packet's answer, for each step of a query's way to the agent and
+    // back, and for all of them where a program keeps asking.
     void setPatience(int milliseconds) { patience_ = milliseconds; }
 
-    // Plays one capture to its end, the last held packet included. Once the daemon has gone, the packets that
+    // Plays one capture to its end, the last held packet included. Once the daemon has gone, or hangs, the packets that
     // are left are only reported; the answer is then false.
     bool play(const std::string& path, const CaptureFacts& facts);
+
+    // Why packets were only reported, once the daemon has been stopped; empty where all were presented.
+    std::string fault() const;
 
     const Totals& totals() const { return totals_; }
 
@@ -107,7 +112,10 @@ private:
     long pushesTaken_ = 0;
     long lostQuestions_ = 0;
     long lostAnswers_ = 0;
-    bool daemonGone_ = false;
+    long slowAnswers_ = 0; // that have been, or are, due at a played time
+    int unanswered_ = 0;   // packets since the last answer
+    bool hangs_ = false;
+    bool daemonGone_ = false; // or hangs
     Totals totals_;
 };
 

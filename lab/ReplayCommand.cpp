@@ -102,8 +102,7 @@ int replay(const ReplayOptions& options) {
     writeReports(options, table, engine.totals());
     stage.daemon.stop();
     if (!alive)
-        fmt::print(stderr, "fernhill-lab: the daemon has ended ({}); it wrote:\n{}\n", stage.daemon.ending(),
-                   stage.root.outputTail());
+        fmt::print(stderr, "fernhill-lab: {}; it wrote:\n{}\n", engine.fault(), stage.root.outputTail());
     return engine.totals().unanswered == 0 && alive ? 0 : 1;
 }
 
