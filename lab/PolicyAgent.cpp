@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <cstddef>
 #include <cstring>
 #include <utility>
 
@@ -20,6 +21,9 @@ namespace {
 
 constexpr char hostLookupError[] = R"({"error":"TW Host lookup timeout"})";
 constexpr char nonsense[] = "<<<this is no answer>>>";
+
+// Connections of browsers that have not asked yet.
+constexpr std::size_t mostPages = 32;
 
 constexpr char blockPage[] = "<!doctype html><title>Blocked</title><h1>This page is blocked</h1>\n";
 
@@ -76,6 +80,8 @@ void PolicyAgent::stop() {
     }
     closeLink();
     closeRetired();
+    while (!pages_.empty())
+        closePage(pages_.front());
     for (int* descriptor : {&linkListener_, &pageListener_, &wakeUp_}) {
         if (*descriptor >= 0) close(*descriptor);
         *descriptor = -1;
@@ -135,14 +141,18 @@ void PolicyAgent::serve() {
             owes = !unsent_.empty();
         }
         const short wanted = owes ? POLLOUT : POLLIN;
-        pollfd waiting[] = {
+        std::vector<pollfd> waiting = {
             {wakeUp_, POLLIN, 0}, {linkListener_, POLLIN, 0}, {pageListener_, POLLIN, 0}, {link, wanted, 0}};
-        if (poll(waiting, 4, ownTime_ ? 10 : -1) < 0 && errno != EINTR) return;
+        for (const int page : pages_)
+            waiting.push_back({page, POLLIN, 0});
+        if (poll(waiting.data(), waiting.size(), ownTime_ ? 10 : -1) < 0 && errno != EINTR) return;
         std::uint64_t wakings = 0;
         if (waiting[0].revents && read(wakeUp_, &wakings, sizeof wakings) < 0) return;
         if (waiting[3].revents && !owes) readLink(link);
         if (waiting[1].revents) acceptLink();
-        if (waiting[2].revents) servePage();
+        for (std::size_t i = 4; i < waiting.size(); ++i)
+            if (waiting[i].revents) servePage(waiting[i].fd);
+        if (waiting[2].revents) acceptPage();
         if (ownTime_) sendDueSlow();
     }
 }
@@ -248,7 +258,8 @@ void PolicyAgent::answer(std::uint32_t sequence, const std::string& url) {
                 slow_.push_back({sequence, url, decision.milliseconds, links_});
             break;
         case Action::drop:
-            closeLink();
+            closesWhenSent_ = link_ >= 0; // behind the answers before
+            sendUnsent();
             ++counters_.answers;
             ++counters_.drops;
             break;
@@ -280,7 +291,7 @@ void PolicyAgent::sendUnsent() {
 // The serving thread looks at all anew.
 void PolicyAgent::wake() const {
     const std::uint64_t one = 1;
-    if (write(wakeUp_, &one, sizeof one) < 0) return; // it has been woken, and not looked yet
+    if (write(wakeUp_, &one, sizeof one) < 0) return; // nobody serves
 }
 
 void PolicyAgent::sendDueSlow() {
@@ -288,12 +299,15 @@ void PolicyAgent::sendDueSlow() {
     const std::int64_t now = realMilliseconds();
     const auto due = std::stable_partition(timedSlow_.begin(), timedSlow_.end(),
                                            [now](const auto& entry) { return entry.first <= now; });
-    for (auto entry = timedSlow_.begin(); entry != due; ++entry) {
-        sendFrame(policyFrame, entry->second.sequence, "{}");
+    // Taken out first: a link that fails takes what still waits with it.
+    const std::vector<TimedAnswer> leaving(timedSlow_.begin(), due);
+    timedSlow_.erase(timedSlow_.begin(), due);
+    for (const auto& [time, answer] : leaving) {
+        if (link_ < 0) break;
+        sendFrame(policyFrame, answer.sequence, "{}");
         ++counters_.answers;
     }
-    if (due != timedSlow_.begin()) changed_.notify_all();
-    timedSlow_.erase(timedSlow_.begin(), due);
+    if (!leaving.empty()) changed_.notify_all();
 }
 
 void PolicyAgent::closeLink() {
@@ -316,19 +330,28 @@ void PolicyAgent::closeRetired() {
         close(link);
 }
 
-void PolicyAgent::servePage() {
-    const int client = accept4(pageListener_, nullptr, nullptr, SOCK_CLOEXEC);
-    if (client < 0) return;
+void PolicyAgent::acceptPage() {
+    const int page = accept4(pageListener_, nullptr, nullptr, SOCK_CLOEXEC);
+    if (page < 0) return;
+    pages_.push_back(page);
+    if (pages_.size() > mostPages) closePage(pages_.front());
+}
+
+void PolicyAgent::servePage(int page) {
     char request[4096];
-    pollfd readable{client, POLLIN, 0};
-    if (poll(&readable, 1, 1000) == 1 && recv(client, request, sizeof request, 0) > 0) {
-        const std::string page =
+    if (recv(page, request, sizeof request, 0) > 0) {
+        const std::string text =
             fmt::format("HTTP/1.1 200 OK\r\nContent-Type: text/html\r\nContent-Length: {}\r\n"
                         "Connection: close\r\n\r\n{}",
                         std::strlen(blockPage), blockPage);
-        send(client, page.data(), page.size(), MSG_NOSIGNAL);
+        send(page, text.data(), text.size(), MSG_NOSIGNAL);
     }
-    close(client);
+    closePage(page);
+}
+
+void PolicyAgent::closePage(int page) {
+    close(page);
+    pages_.erase(std::find(pages_.begin(), pages_.end(), page));
 }
 
 } // namespace lab

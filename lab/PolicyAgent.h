@@ -111,6 +111,8 @@ public:
     }
 
 private:
+    using TimedAnswer = std::pair<std::int64_t, SlowAnswer>; // with the real milliseconds at which it leaves
+
     void serve();
     void acceptLink();
     void readLink(int link);
@@ -124,7 +126,9 @@ private:
     void sendDueSlow();
     void closeLink();
     void closeRetired();
-    void servePage();
+    void acceptPage();
+    void servePage(int page);
+    void closePage(int page);
 
     Policy policy_;
     const bool ownTime_;
@@ -137,7 +141,7 @@ private:
     std::vector<Question> questions_;
     std::map<std::string, int> repeatsDue_;
     std::deque<SlowAnswer> slow_;
-    std::deque<std::pair<std::int64_t, SlowAnswer>> timedSlow_;
+    std::deque<TimedAnswer> timedSlow_;
     bool deferring_ = false;
     std::vector<std::pair<std::uint32_t, std::string>> deferred_;
     std::uint32_t nextSequence_ = 0x80000000;
@@ -151,6 +155,7 @@ private:
     int linkListener_ = -1;
     int pageListener_ = -1;
     int wakeUp_ = -1;
+    std::vector<int> pages_; // connections at which nothing has been asked, oldest first
     AgentFrameReader received_;
     std::thread thread_;
 };

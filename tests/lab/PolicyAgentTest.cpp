@@ -1,6 +1,7 @@
 #include "lab/PolicyAgent.h"
 
 #include "platform/ByteOrder.h"
+#include "support/Eventually.h"
 #include "support/FixedPorts.h"
 #include "support/Patience.h"
 
@@ -15,6 +16,7 @@
 #include <future>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -32,7 +34,9 @@ public:
         address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
         EXPECT_EQ(connect(socket_, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
     }
-    ~Client() { close(socket_); }
+    ~Client() {
+        if (socket_ >= 0) close(socket_);
+    }
     Client(const Client&) = delete;
     Client& operator=(const Client&) = delete;
 
@@ -58,6 +62,13 @@ public:
                                  received_.substr(12, length - 12);
         received_.erase(0, length);
         return text;
+    }
+
+    // Ends the link at once, unread bytes and all.
+    void reset() {
+        const linger atOnce{1, 0};
+        setsockopt(socket_, SOL_SOCKET, SO_LINGER, &atOnce, sizeof atOnce);
+        close(std::exchange(socket_, -1));
     }
 
     // All bytes up to the end of the link.
@@ -180,6 +191,22 @@ TEST_F(PolicyAgentTest, DropClosesTheLinkInsteadOfAnsweringAndTakesTheNextLink) 
     EXPECT_EQ(client_->frame(), "1 2 {}");
 }
 
+TEST_F(PolicyAgentTest, DropClosesTheLinkBehindTheAnswersThatItHasNoRoomFor) {
+    constexpr std::uint32_t count = 500;
+    start("drop http://z/\nblock * http://page/" + std::string(40000, 'x'));
+    std::string questions;
+    for (std::uint32_t number = 1; number <= count; ++number)
+        questions += lab::agentFrame(1, number, R"({"url":"http://a/"})");
+    client_->send(questions + lab::agentFrame(1, count + 1, R"({"url":"http://z/"})"));
+    ASSERT_TRUE(agent_->waitUntil([](const auto& counters) { return counters.answers > count; },
+                                  testsupport::patienceMilliseconds));
+    for (std::uint32_t number = 1; number <= count; ++number) {
+        const std::string beginning = "1 " + std::to_string(number) + " {";
+        ASSERT_EQ(client_->frame().substr(0, beginning.size()), beginning);
+    }
+    EXPECT_EQ(client_->frame(), "closed");
+}
+
 TEST_F(PolicyAgentTest, ASlowAnswerWaitsUntilItsTimeHasBeenPlayed) {
     start("slow 700 http://a/");
     client_->ask(1, "http://a/");
@@ -200,6 +227,31 @@ TEST_F(PolicyAgentTest, InItsOwnTimeASlowAnswerLeavesByItself) {
     client_->ask(1, "http://a/");
     EXPECT_EQ(client_->frame(), "1 1 {}");
     EXPECT_TRUE(agent_->takeSlow().empty());
+}
+
+TEST_F(PolicyAgentTest, SlowAnswersThatAreDueGoWithALinkThatIsReset) {
+    constexpr std::uint32_t count = 100;
+    const std::string url = "http://" + std::string(50, 'a') + "/";
+    testsupport::claimFixedPorts();
+    agent_ =
+        std::make_unique<PolicyAgent>(Policy::parse("slow 0 *" + std::string(50, 'a') + "*", "policy"), true);
+    agent_->setNumbers([this](std::uint32_t sequence) {
+        if (sequence == count) client_->reset(); // before the answers that are due leave
+        return sequence;
+    });
+    agent_->listen();
+    agent_->start();
+    client_ = std::make_unique<Client>(PolicyAgent::linkPort);
+    std::string questions;
+    for (std::uint32_t number = 1; number <= count; ++number)
+        questions += lab::agentFrame(1, number, "{\"url\":\"" + url + "\"}");
+    client_->send(questions);
+    ASSERT_TRUE(awaitQuestions(count));
+
+    client_ = std::make_unique<Client>(PolicyAgent::linkPort);
+    client_->ask(7, "http://b/");
+    EXPECT_EQ(client_->frame(), "1 7 {}");
+    EXPECT_LT(agent_->counters().answers, count);
 }
 
 TEST_F(PolicyAgentTest, APushFollowsEachLogon) {
@@ -352,6 +404,26 @@ TEST_F(PolicyAgentTest, TheBlockPageIsServedOnItsPort) {
     const std::string page = browser.rest();
     EXPECT_EQ(page.rfind("HTTP/1.1 200 OK\r\n", 0), 0u) << page;
     EXPECT_NE(page.find("This page is blocked"), std::string::npos);
+}
+
+TEST_F(PolicyAgentTest, ABrowserThatAsksNothingKeepsNoOtherWaiting) {
+    start("allow *");
+    Client silent(PolicyAgent::pagePort);
+    Client browser(PolicyAgent::pagePort);
+    browser.send("GET / HTTP/1.1\r\n\r\n");
+    EXPECT_NE(browser.rest().find("This page is blocked"), std::string::npos);
+    EXPECT_TRUE(silent.quiet()) << "the end of it has been waited for";
+}
+
+TEST_F(PolicyAgentTest, NoMoreBrowsersThatAskNothingAreKeptThanAnyoneHas) {
+    start("allow *");
+    Client first(PolicyAgent::pagePort);
+    std::vector<std::unique_ptr<Client>> others;
+    for (int i = 0; i < 64; ++i)
+        others.push_back(std::make_unique<Client>(PolicyAgent::pagePort));
+    EXPECT_TRUE(testsupport::eventually([&] { return !first.quiet(); })) << "it has not been closed";
+    others.back()->send("GET / HTTP/1.1\r\n\r\n");
+    EXPECT_NE(others.back()->rest().find("This page is blocked"), std::string::npos);
 }
 
 TEST_F(PolicyAgentTest, APortThatIsTakenIsAnErrorThatNamesIt) {
