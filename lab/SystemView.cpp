@@ -32,9 +32,8 @@ constexpr unsigned long plain = MS_NOSUID | MS_NODEV;
 // Of names in a file of hosts.
 constexpr std::size_t longestHosts = std::size_t{1} << 20;
 
-// The machine's own mounts are for reading only by then.
 constexpr mount_attr forReading = {MOUNT_ATTR_RDONLY | MOUNT_ATTR_NOSUID | MOUNT_ATTR_NODEV, 0, 0, 0};
-constexpr mount_attr forWriting = {MOUNT_ATTR_NOSUID | MOUNT_ATTR_NODEV, MOUNT_ATTR_RDONLY, 0, 0};
+constexpr mount_attr asItIs = {MOUNT_ATTR_NOSUID | MOUNT_ATTR_NODEV, 0, 0, 0};
 constexpr mount_attr asDevice = {MOUNT_ATTR_RDONLY | MOUNT_ATTR_NOSUID | MOUNT_ATTR_NOEXEC, 0, 0, 0};
 
 void require(bool done, const std::string& what) {
@@ -64,16 +63,29 @@ void writeWhole(const fs::path& file, const std::string& text) {
 
 void limit(int tree, const mount_attr& attributes, const std::string& name) {
     mount_attr wanted = attributes;
-    require(mount_setattr(tree, "", AT_EMPTY_PATH | AT_RECURSIVE, &wanted, sizeof wanted) == 0, name);
+    const bool done = mount_setattr(tree, "", AT_EMPTY_PATH | AT_RECURSIVE, &wanted, sizeof wanted) == 0;
+    if (!done && errno == ENOSYS)
+        throw std::runtime_error("this kernel cannot show a program the machine for reading only (it has no "
+                                 "mount_setattr); take Linux 5.12 or a later one");
+    require(done, name);
 }
 
-// Shows a file or folder, with all that is mounted in it, at another place, which must be one of the same kind.
-void show(int what, int place, const std::string& name, const mount_attr& attributes) {
-    const Descriptor tree = required(
+// A file or folder, with all that is mounted in it as it is now, for another place.
+Descriptor cloned(int what, const std::string& name, const mount_attr& attributes) {
+    Descriptor tree = required(
         Descriptor(open_tree(what, "", OPEN_TREE_CLONE | OPEN_TREE_CLOEXEC | AT_RECURSIVE | AT_EMPTY_PATH)),
         name);
     limit(tree, attributes, name);
+    return tree;
+}
+
+// The place must be one of the same kind.
+void attach(int tree, int place, const std::string& name) {
     require(move_mount(tree, "", place, "", MOVE_MOUNT_F_EMPTY_PATH | MOVE_MOUNT_T_EMPTY_PATH) == 0, name);
+}
+
+void show(int what, int place, const std::string& name, const mount_attr& attributes) {
+    attach(cloned(what, name, attributes), place, name);
 }
 
 void showFolder(const fs::path& from, const fs::path& place, const mount_attr& attributes) {
@@ -103,16 +115,17 @@ void showMachine(const fs::path& view) {
     }
 }
 
-std::string hostsOf(int root) {
+std::string hostsOf(int root, const std::string& rootPath) {
     const Descriptor file = openFileBelow(root, "etc/hosts", O_RDONLY);
     if (file < 0 && errno == ENOENT) return "127.0.0.1 localhost\n::1 localhost\n";
-    if (file < 0) throw std::runtime_error(fmt::format("etc/hosts: {}", faultBelow(errno)));
+    if (file < 0) throw std::runtime_error(fmt::format("{}/etc/hosts: {}", rootPath, faultBelow(errno)));
     std::string text;
     char buffer[4096];
     for (ssize_t count; (count = read(file, buffer, sizeof buffer)) > 0;) {
         text.append(buffer, static_cast<std::size_t>(count));
         if (text.size() > longestHosts)
-            throw std::runtime_error("etc/hosts: it is longer than a megabyte; give another folder");
+            throw std::runtime_error(
+                fmt::format("{}/etc/hosts: it is longer than a megabyte; give another folder", rootPath));
     }
     return text;
 }
@@ -150,25 +163,48 @@ void makeProcesses(const fs::path& view) {
     show(found("/proc"), found(view / "proc"), "/proc", forReading);
 }
 
-// The root's folder in place of the machine's, where there is one. A root below that would have its sockets' place made
-// in itself.
-void showRoots(int root, const std::string& rootPath, int view, const std::string& folder) {
-    const Descriptor own = openBelow(root, folder, O_PATH | O_DIRECTORY, Links::refused);
-    if (own < 0 && errno == ENOENT) return;
-    require(own >= 0, folder);
-    if ((rootPath + "/").rfind("/" + folder + "/", 0) == 0)
+// A folder of the root for its place in the view.
+struct RootsTree {
+    std::string place;
+    Descriptor tree;
+};
+
+// A root below would have its sockets' place made in itself.
+void refuseBelow(const std::string& rootPath, const std::string& folder) {
+    if ((rootPath + "/").rfind(folder + "/", 0) == 0)
         throw std::runtime_error(fmt::format(
             "{}: a program in the lab has a folder of the lab's there; give another folder", rootPath));
-    show(own, required(makeFolderBelow(view, folder, Links::followed), folder), folder, forWriting);
 }
 
-// At their fixed place, and at the one that their own addresses name, by which the daemon finds the options.
-void showSockets(int root, const std::string& rootPath, int view) {
-    const std::string sockets = "/var/run/fernhill";
-    const Descriptor own =
-        required(openBelow(root, sockets.substr(1), O_PATH | O_DIRECTORY, Links::refused), sockets);
-    for (const std::string& place : {sockets, rootPath + sockets})
-        show(own, required(makeFolderBelow(view, place, Links::followed), place), place, forWriting);
+// What the program can write to, as far as the machine lets it: taken before the machine is made for reading only. The
+// sockets lie at their fixed place, and at the one that their own addresses name, by which the daemon finds the options.
+std::vector<RootsTree> treesOf(int root, const std::string& rootPath) {
+    std::vector<RootsTree> trees;
+    const auto add = [&](const std::string& folder, const std::string& place) {
+        const Descriptor own = openBelow(root, folder, O_PATH | O_DIRECTORY, Links::refused);
+        if (own < 0 && errno == ENOENT) return;
+        if (own < 0) throw std::runtime_error(fmt::format("{}/{}: {}", rootPath, folder, faultBelow(errno)));
+        if (place == "/" + folder) refuseBelow(rootPath, place);
+        trees.push_back({place, cloned(own, fmt::format("{}/{}", rootPath, folder), asItIs)});
+    };
+    refuseBelow(rootPath, "/run/fernhill");
+    for (const char* folder : {"Library", "system", "usr/local/bin", "usr/local/etc"})
+        add(folder, std::string("/") + folder);
+    const std::string sockets = "var/run/fernhill";
+    for (const std::string& place : {"/" + sockets, rootPath + "/" + sockets})
+        add(sockets, place);
+    return trees;
+}
+
+void showRoots(const RootsTree& own, int view) {
+    const Descriptor place = makeFolderBelow(view, own.place, Links::followed);
+    if (place < 0 && errno == EROFS)
+        throw std::runtime_error(
+            fmt::format("this machine has no folder {}, in whose place the program is to "
+                        "see the lab's; make it (mkdir -p)",
+                        own.place));
+    require(place >= 0, own.place);
+    attach(own.tree, place, own.place);
 }
 
 struct NeededFile {
@@ -216,13 +252,12 @@ bool showNeeded(int view, const NeededFile& needed) {
 // In place of a folder of the machine that the view does not show.
 fs::path placeOfView() { return fs::is_directory("/run") ? "/run" : "/tmp"; }
 
-void makeView(const RootFolder& root, const std::string& program, const std::vector<std::string>& libraries,
-              const fs::path& view) {
-    const Descriptor folder = found(root.path());
+void makeView(const RootFolder& root, int folder, const std::vector<RootsTree>& trees,
+              const std::string& program, const std::vector<std::string>& libraries, const fs::path& view) {
     const Descriptor playedTime = found(OSTLER_PLAYED_TIME_PATH);
     const std::vector<NeededFile> files = filesOf(libraries);
     const NeededFile programFile{program, found(program)};
-    const std::string hosts = hostsOf(folder);
+    const std::string hosts = hostsOf(folder, root.path());
     mountMemory(view, "0755");
     const Descriptor top = found(view);
     showMachine(view);
@@ -233,9 +268,8 @@ void makeView(const RootFolder& root, const std::string& program, const std::vec
     makeEtc(view, hosts);
     makeDevices(view);
     makeProcesses(view);
-    for (const char* own : {"Library", "system", "usr/local/bin", "usr/local/etc"})
-        showRoots(folder, root.path(), top, own);
-    showSockets(folder, root.path(), top);
+    for (const RootsTree& own : trees)
+        showRoots(own, top);
     show(required(openBelow(folder, "bin", O_PATH | O_DIRECTORY, Links::refused), "bin"),
          found(view / "run/fernhill-lab/bin"), "bin", forReading);
     showFile(playedTime, view / fs::path(viewsPlayedTime).relative_path(), forReading);
@@ -247,8 +281,7 @@ void makeView(const RootFolder& root, const std::string& program, const std::vec
                             library.path.string()));
 }
 
-// Nothing that is mounted here is seen elsewhere, and nothing of the machine can be written to: a program that the view
-// covers still leads to its own file there.
+// Nothing that is mounted here is seen elsewhere.
 void makeMountsOwn() {
     if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
         if (errno != EINVAL) throw std::system_error(errno, std::generic_category(), "/");
@@ -256,7 +289,6 @@ void makeMountsOwn() {
             "the lab runs in a chroot whose folder is no mount, so that it can give no program a "
             "view of its own; mount that folder at its own place (mount --bind)");
     }
-    limit(found("/"), {MOUNT_ATTR_RDONLY, 0, 0, 0}, "/");
 }
 
 } // namespace
@@ -264,8 +296,12 @@ void makeMountsOwn() {
 void enterView(const RootFolder& root, const std::string& program,
                const std::vector<std::string>& libraries) {
     makeMountsOwn();
+    const Descriptor folder = found(root.path());
+    const std::vector<RootsTree> trees = treesOf(folder, root.path());
+    // A program that the view covers still leads to its own file in the machine.
+    limit(found("/"), {MOUNT_ATTR_RDONLY, 0, 0, 0}, "/");
     const std::string view = placeOfView();
-    makeView(root, program, libraries, view);
+    makeView(root, folder, trees, program, libraries, view);
     require(chdir(view.c_str()) == 0, view);
     // The machine's folders are gone for good, but where its root is the kernel's first file system, which stays.
     if (syscall(SYS_pivot_root, ".", ".") == 0)

@@ -47,12 +47,12 @@ protected:
     const std::string volume_ = "/usr/local/bin";
 };
 
-// As where the machine's root is the kernel's first file system.
-void refuseOtherRoots() {
+// For this process and all that it starts.
+void refuse(unsigned call, unsigned error) {
     sock_filter steps[] = {
         BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
-        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_pivot_root, 0, 1),
-        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EINVAL),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, call, 0, 1),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | error),
         BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
     };
     const sock_fprog filter = {4, steps};
@@ -64,7 +64,7 @@ TEST_F(ViewOfAProgram, LeavesTheMachineUnwrittenWhereItsRootStays) {
     mountVolume();
     const std::string program = volume_ + "/unruly";
     fs::copy(unruly_, program);
-    refuseOtherRoots();
+    refuse(SYS_pivot_root, EINVAL); // as where the machine's root is the kernel's first file system
     setenv("OSTLER_UNRULY", "writes to itself", 1);
     const LabRun run = replay({"--program", program});
 
@@ -104,20 +104,59 @@ TEST_F(ViewOfAProgram, HasNoNamesFromAFileWithoutEnd) {
     const LabRun run = replay({"--root", root, "--program", onlooker_});
 
     EXPECT_EQ(run.status, 2);
+    EXPECT_EQ(run.err, "fernhill-lab: " + onlooker_ + ": it cannot be run: " + root +
+                           "/etc/hosts: it is longer than a megabyte; give another folder\n");
+}
+
+TEST_F(ViewOfAProgram, HasForReadingOnlyWhatTheMachineHasSoInAKeptRoot) {
+    const std::string root = folder_.file("root"), logs = root + "/Library/Logs";
+    fs::create_directories(logs);
+    ASSERT_EQ(mount(logs.c_str(), logs.c_str(), nullptr, MS_BIND, nullptr), 0);
+    ASSERT_EQ(mount(nullptr, logs.c_str(), nullptr, MS_BIND | MS_REMOUNT | MS_RDONLY, nullptr), 0);
+    const LabRun run = replay({"--root", root, "--program", onlooker_});
+
+    EXPECT_NE(run.err.find("/Library/Logs/of-the-onlooker: Read-only file system\n"), std::string::npos)
+        << run.err;
+    EXPECT_TRUE(fs::is_empty(logs));
+    umount2(logs.c_str(), MNT_DETACH);
+}
+
+TEST_F(ViewOfAProgram, CannotBeMadeByAKernelThatCannotMakeMountsReadOnly) {
+    refuse(SYS_mount_setattr, ENOSYS);
+    const LabRun run = replay({"--program", onlooker_});
+
+    EXPECT_EQ(run.status, 2);
+    EXPECT_EQ(run.err, "fernhill-lab: " + onlooker_ +
+                           ": it cannot be run: this kernel cannot show a program the machine for reading "
+                           "only (it has no mount_setattr); take Linux 5.12 or a later one\n");
+}
+
+TEST_F(ViewOfAProgram, CannotBeMadeOfAMachineWithoutAFolderForItsPrograms) {
+    ASSERT_EQ(mount("empty", "/usr/local", "tmpfs", MS_RDONLY, nullptr), 0);
+    const LabRun run = replay({"--program", onlooker_});
+
+    EXPECT_EQ(run.status, 2);
     EXPECT_EQ(run.err,
               "fernhill-lab: " + onlooker_ +
-                  ": it cannot be run: etc/hosts: it is longer than a megabyte; give another folder\n");
+                  ": it cannot be run: this machine has no folder /usr/local/bin, in whose place the "
+                  "program is to see the lab's; make it (mkdir -p)\n");
+    umount2("/usr/local", MNT_DETACH);
 }
 
 TEST_F(ViewOfAProgram, IsNotMadeOfARootThatItWouldCoverWithItself) {
     mountVolume();
-    const std::string root = volume_ + "/kept";
-    const LabRun run = replay({"--root", root, "--program", onlooker_});
+    ASSERT_EQ(mount("run", "/run", "tmpfs", 0, nullptr), 0);
+    for (const std::string& root : {volume_ + "/kept", std::string("/run/fernhill/kept")}) {
+        const LabRun run = replay({"--root", root, "--program", onlooker_});
 
-    EXPECT_EQ(run.status, 2);
-    EXPECT_EQ(run.err, "fernhill-lab: " + onlooker_ + ": it cannot be run: " + root +
-                           ": a program in the lab has a folder of the lab's there; give another folder\n");
-    EXPECT_TRUE(fs::is_empty(root + "/usr/local/bin"));
+        EXPECT_EQ(run.status, 2);
+        EXPECT_EQ(run.err,
+                  "fernhill-lab: " + onlooker_ + ": it cannot be run: " + root +
+                      ": a program in the lab has a folder of the lab's there; give another folder\n");
+        EXPECT_TRUE(fs::is_empty(root + "/usr/local/bin"));
+        EXPECT_FALSE(fs::exists(root + "/var/run/fernhill/kept"));
+    }
+    umount2("/run", MNT_DETACH);
 }
 
 } // namespace
