@@ -44,6 +44,18 @@ bool isLogLine(const std::string& line, const char* beginning) {
     return text != std::string::npos && line.compare(text + 3, std::strlen(beginning), beginning) == 0;
 }
 
+struct Pipe {
+    Descriptor reading;
+    Descriptor writing;
+};
+
+Pipe pipeFor(const char* what, int flags) {
+    int ends[2];
+    if (pipe2(ends, O_CLOEXEC | flags) != 0)
+        throw std::runtime_error(fmt::format("no pipe for {}: {}", what, std::strerror(errno)));
+    return {Descriptor(ends[0]), Descriptor(ends[1])};
+}
+
 } // namespace
 
 DaemonRun::DaemonRun(const RootFolder& root, PlayedClock* clock, std::string program,
@@ -53,53 +65,47 @@ DaemonRun::DaemonRun(const RootFolder& root, PlayedClock* clock, std::string pro
 DaemonRun::~DaemonRun() { stop(); }
 
 void DaemonRun::start(const std::vector<int>& foreign) {
-    int output[2];
-    if (pipe2(output, O_CLOEXEC) != 0) throw std::runtime_error("no pipe for the daemon's output");
-    int refusal[2];
-    if (pipe2(refusal, O_CLOEXEC | O_NONBLOCK) != 0)
-        throw std::runtime_error("no pipe for a program's refusal");
-    refusal_ = Descriptor(refusal[0]);
-    const Descriptor told(refusal[1]);
     const ProgramFormat format = programFormat(program_);
-    const auto run = [&](bool separate) {
-        close(output[0]);
-        takeOutput(output[1], foreign);
-        if (format == ProgramFormat::elf) runSystemProgram(separate, told);
+    Pipe output = pipeFor("the daemon's output", 0), told;
+    if (format == ProgramFormat::elf) told = pipeFor("a program's refusal", O_NONBLOCK);
+    const auto run = [&](int reason) {
+        output.reading = Descriptor();
+        takeOutput(std::exchange(output.writing, Descriptor()), foreign);
+        if (format == ProgramFormat::elf) runSystemProgram(reason, told.writing);
         runDaemon();
     };
     if (program_.empty())
-        pid_ = forkFollower([&] { run(false); });
+        pid_ = forkFollower([&] { run(0); });
     else
         pid_ = space_.start(format == ProgramFormat::elf ? systemProgramNamespaces : 0, run);
-    close(output[1]);
+    refusal_ = std::move(told.reading);
     ended_ = static_cast<int>(syscall(SYS_pidfd_open, pid_, 0));
-    reader_ = std::thread(&DaemonRun::readOutput, this, output[0]);
+    reader_ = std::thread(&DaemonRun::readOutput, this, std::move(output.reading));
 }
 
-void DaemonRun::takeOutput(int output, const std::vector<int>& foreign) {
+void DaemonRun::takeOutput(Descriptor output, const std::vector<int>& foreign) {
     for (int descriptor : foreign)
-        close(descriptor);
+        if (descriptor >= 0) close(descriptor);
     dup2(output, STDOUT_FILENO);
     dup2(output, STDERR_FILENO);
-    close(output);
     setvbuf(stdout, nullptr, _IOLBF, 0);
     EndingSignals::release();
     // Keys of the terminal are for the lab, which takes the daemon with it.
     setsid();
 }
 
-void DaemonRun::becomeProgramOfThisSystem(bool separate) const {
-    if (!separate)
+void DaemonRun::becomeProgramOfThisSystem(int reason) const {
+    if (reason)
         throw std::runtime_error(fmt::format(
             "a program of this system needs namespaces of mounts, processes and IPC: {}",
-            errno == ENOSPC ? "all that user.max_*_namespaces allows are in use; raise it with sysctl"
-                            : std::string(std::strerror(errno)) + "; run the lab as root, or allow them"));
+            reason == ENOSPC ? "all that user.max_*_namespaces allows are in use; raise it with sysctl"
+                             : std::string(std::strerror(reason)) + "; run the lab as root, or allow them"));
     becomeSystemProgram(program_, root_, {"fernhill", "-logecho"}, clock_ ? clock_->memory() : -1);
 }
 
-void DaemonRun::runSystemProgram(bool separate, int refusal) const {
+void DaemonRun::runSystemProgram(int reason, int refusal) const {
     try {
-        becomeProgramOfThisSystem(separate);
+        becomeProgramOfThisSystem(reason);
     } catch (const std::exception& error) {
         const std::string words = error.what();
         _exit(write(refusal, words.data(), words.size()) < 0 ? 1 : cannotRun);
@@ -211,7 +217,7 @@ bool DaemonRun::waitFor(const long& number, long count, int milliseconds) {
 
 // Until nobody can write any more or the daemon has ended: what a process that it leaves behind still writes is not
 // waited for.
-void DaemonRun::readOutput(int output) {
+void DaemonRun::readOutput(const Descriptor& output) {
     OutputFile file(root_.openOutput());
     OutputLines lines([this](const std::string& line) { takeLine(line); });
     std::vector<char> buffer(65536);
@@ -231,7 +237,6 @@ void DaemonRun::readOutput(int output) {
     if (ioctl(output, FIONREAD, &left) != 0) left = 0;
     for (std::size_t count = 1; left > 0 && count > 0; left -= static_cast<int>(count))
         count = take(static_cast<std::size_t>(left));
-    close(output);
     std::lock_guard<std::mutex> lock(mutex_);
     silent_ = true;
     changed_.notify_all();

@@ -65,14 +65,14 @@ public:
     bool waitForSettings(long count, int milliseconds);
 
 private:
-    static void takeOutput(int output, const std::vector<int>& foreign);
-    void becomeProgramOfThisSystem(bool separate) const;
-    [[noreturn]] void runSystemProgram(bool separate, int refusal) const;
+    static void takeOutput(Descriptor output, const std::vector<int>& foreign);
+    void becomeProgramOfThisSystem(int reason) const;
+    [[noreturn]] void runSystemProgram(int reason, int refusal) const;
     [[noreturn]] void runDaemon();
     void send(int signal);
     void endNow();
     void killAndBury();
-    void readOutput(int output);
+    void readOutput(const Descriptor& output);
     void takeLine(const std::string& line);
     bool waitFor(const long& number, long count, int milliseconds);
     void noteEnding(int status);

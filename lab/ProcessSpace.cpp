@@ -61,15 +61,14 @@ bool leaveNamespaces(int kinds) {
 }
 
 [[noreturn]] void makeSpace(int kinds, const Pipe& lifeLine, const Pipe& report,
-                            const std::function<void(bool separate)>& run) {
+                            const std::function<void(int reason)>& run) {
     close(lifeLine.writing);
     close(report.reading);
     if (!leaveNamespaces(kinds)) {
         const int reason = errno;
         close(lifeLine.reading);
         close(report.writing);
-        errno = reason;
-        run(false);
+        run(reason);
         _exit(cannotRun);
     }
     Made made{forkSibling(), -1};
@@ -78,7 +77,7 @@ bool leaveNamespaces(int kinds) {
     if (made.program == 0) {
         close(lifeLine.reading);
         close(report.writing);
-        run(true);
+        run(0);
         _exit(cannotRun);
     }
     const bool told = write(report.writing, &made, sizeof made) == sizeof made;
@@ -101,7 +100,7 @@ pid_t forkFollower(const std::function<void()>& run) {
 
 ProcessSpace::~ProcessSpace() { end(); }
 
-pid_t ProcessSpace::start(int kinds, const std::function<void(bool separate)>& run) {
+pid_t ProcessSpace::start(int kinds, const std::function<void(int reason)>& run) {
     const Pipe lifeLine, report;
     const pid_t maker = forkFollower([&] { makeSpace(kinds, lifeLine, report, run); });
     close(lifeLine.reading);

@@ -21,9 +21,9 @@ public:
     ProcessSpace& operator=(const ProcessSpace&) = delete;
 
     // Forks a child of this process, to be waited for as any other, that calls `run` in a space of its own and in new
-    // namespaces of these kinds (CLONE_NEWNS, ...); with false and errno in a plain follower where the system grants
-    // none. `run` does not return. To be called once, while the process has one thread.
-    pid_t start(int kinds, const std::function<void(bool separate)>& run);
+    // namespaces of these kinds (CLONE_NEWNS, ...), with 0; in a plain follower, with the error's number, where the
+    // system grants none. `run` does not return. To be called once, while the process has one thread.
+    pid_t start(int kinds, const std::function<void(int reason)>& run);
 
     // Kills what is left in the space and waits until it has gone. The child must have been waited for.
     void end();

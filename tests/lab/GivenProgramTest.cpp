@@ -1,7 +1,10 @@
 // Replays with a build of the daemon that the lab is given in place of its own.
 
+#include "lab/DaemonRun.h"
 #include "lab/LabGivenProgram.h"
 #include "lab/Namespaces.h"
+#include "lab/RootFolder.h"
+#include "support/Eventually.h"
 
 #include <gtest/gtest.h>
 
@@ -159,22 +162,38 @@ TEST_F(GivenProgram, IsNotRunInARootWithALinkInIt) {
     EXPECT_TRUE(fs::is_empty(elsewhere));
 }
 
-TEST_F(GivenProgram, IsNotRunWithoutTheNamespacesThatAreAllInUse) {
+// False where no limit can be set.
+bool allowNoMoreNamespaces() {
     const std::string user = "0 " + std::to_string(getuid()) + " 1",
                       group = "0 " + std::to_string(getgid()) + " 1";
-    if (unshare(CLONE_NEWUSER) != 0) GTEST_SKIP() << "this user may have no namespace of users";
+    if (unshare(CLONE_NEWUSER) != 0) return false;
     writeAll("/proc/self/setgroups", "deny");
     writeAll("/proc/self/uid_map", user);
     writeAll("/proc/self/gid_map", group);
     writeAll("/proc/sys/user/max_ipc_namespaces", "0");
-    if (readAll("/proc/sys/user/max_ipc_namespaces") != "0\n") GTEST_SKIP() << "no limit can be set";
+    return readAll("/proc/sys/user/max_ipc_namespaces") == "0\n";
+}
+
+constexpr char noNamespaces[] =
+    "a program of this system needs namespaces of mounts, processes and IPC: all that "
+    "user.max_*_namespaces allows are in use; raise it with sysctl";
+
+TEST_F(GivenProgram, IsNotRunWithoutTheNamespacesThatAreAllInUse) {
+    if (!allowNoMoreNamespaces()) GTEST_SKIP() << "this user can set no limit of namespaces";
     const LabRun run = replay({"--program", onlooker_});
 
     EXPECT_EQ(run.status, 2);
-    EXPECT_EQ(run.err,
-              "fernhill-lab: " + onlooker_ +
-                  ": it cannot be run: a program of this system needs namespaces of mounts, processes and "
-                  "IPC: all that user.max_*_namespaces allows are in use; raise it with sysctl\n");
+    EXPECT_EQ(run.err, "fernhill-lab: " + onlooker_ + ": it cannot be run: " + noNamespaces + "\n");
+}
+
+TEST_F(GivenProgram, IsRefusedForItsOwnReasonWhateverTheLabHasNotOpened) {
+    if (!allowNoMoreNamespaces()) GTEST_SKIP() << "this user can set no limit of namespaces";
+    const lab::RootFolder root("");
+    lab::DaemonRun run(root, nullptr, onlooker_);
+    run.start({-1});
+    ASSERT_TRUE(testsupport::eventually([&] { return !run.running(); }));
+
+    EXPECT_EQ(run.refusal(), noNamespaces);
 }
 
 TEST_F(GivenProgram, ThatIsSetuidRunsAsItsUserAtThePlayedTime) {
