@@ -145,6 +145,10 @@ std::vector<Elf64_Dyn> dynamicEntries(const Reader& reader, const Segments& segm
 
 void readLibraryNames(const Reader& reader, const Segments& segments, ElfFile& file) {
     const std::vector<Elf64_Dyn> entries = dynamicEntries(reader, segments);
+    if (entries.size() == mostEntries) {
+        file.fault = "it names more of libraries than any build; give a build of the daemon";
+        return;
+    }
     std::optional<std::uint64_t> texts;
     for (const Elf64_Dyn& entry : entries)
         if (entry.d_tag == DT_STRTAB) texts = offsetOf(segments, entry.d_un.d_ptr);

@@ -30,6 +30,13 @@ bool isOfGlibc(const std::string& interpreter) {
     return fs::path(interpreter).filename().string().rfind("ld-linux", 0) == 0;
 }
 
+// Of the interpreter's, beside $ORIGIN.
+bool hasUnknownWord(const std::string& path) {
+    for (const char* word : {"$LIB", "${LIB}", "$PLATFORM", "${PLATFORM}"})
+        if (path.find(word) != std::string::npos) return true;
+    return false;
+}
+
 std::vector<std::string> foldersOfTheEnvironment(const std::string& origin) {
     const char* named = std::getenv("LD_LIBRARY_PATH");
     std::string list = named ? named : "";
@@ -73,7 +80,9 @@ private:
             for (const std::string& text : *texts)
                 text_ += text.size();
         if (text_ > mostText)
-            throw InputError(program_ + ": its libraries have more names and folders than any build's");
+            throw InputError(program_ +
+                             ": its libraries have more names and folders than any build's; give a build "
+                             "of the daemon");
         if (!file.name.empty()) names_.insert(file.name);
         loaded_.push_back({path, std::move(file), by, std::move(forAll), std::move(forItself)});
     }
@@ -82,12 +91,13 @@ private:
         looks_ += more;
         if (looks_ > mostLooks)
             throw InputError(program_ +
-                             ": its libraries are to be looked for in more folders than any build's");
+                             ": its libraries are to be looked for in more folders than any build's; name "
+                             "fewer in LD_LIBRARY_PATH, or where it is linked (-rpath)");
     }
 
     void load(const std::string& name, std::size_t by, const std::vector<std::string>& folders) {
         if (loaded_.size() > mostLibraries)
-            throw InputError(program_ + ": it has more libraries than any build");
+            throw InputError(program_ + ": it has more libraries than any build; give a build of the daemon");
         if (name.find('/') != std::string::npos) return loadPath(name, by);
         for (const std::string& folder : folders) {
             countLooks(1);
@@ -110,7 +120,13 @@ private:
                 fmt::format("{}: its library {} is named from the folder where it runs, which in the lab "
                             "is /; link it with a library that has a name (-soname)",
                             program_, name));
-        if (access(name.c_str(), R_OK) != 0 || !loadIfFits(name, by))
+        const bool loaded = access(name.c_str(), R_OK) == 0 && loadIfFits(name, by);
+        if (!loaded && hasUnknownWord(name))
+            throw InputError(
+                fmt::format("{}: its library {} has a word in its path that the lab does not know; "
+                            "link it with a library that has a name (-soname)",
+                            program_, name));
+        if (!loaded)
             throw InputError(fmt::format("{}: its library {} is not there; install it", program_, name));
     }
 

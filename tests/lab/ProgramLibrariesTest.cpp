@@ -71,14 +71,25 @@ TEST_F(ProgramLibraries, AreNotLookedForInMoreFoldersThanAnyBuilds) {
             folders += "/" + std::to_string(i * 300 + j) + ":";
         return folders;
     });
-    EXPECT_EQ(refusal(), "its libraries are to be looked for in more folders than any build's");
+    EXPECT_EQ(refusal(), "its libraries are to be looked for in more folders than any build's; name fewer "
+                         "in LD_LIBRARY_PATH, or where it is linked (-rpath)");
+}
+
+TEST_F(ProgramLibraries, AreNotLookedForInMoreFoldersThanAnybodyNames) {
+    std::string folders;
+    for (int j = 0; j < 2000; ++j)
+        folders += "/" + std::to_string(j) + ":";
+    setenv("LD_LIBRARY_PATH", folders.c_str(), 1);
+    writeChain(200, [](int) { return ""; });
+    EXPECT_EQ(refusal(), "its libraries are to be looked for in more folders than any build's; name fewer "
+                         "in LD_LIBRARY_PATH, or where it is linked (-rpath)");
 }
 
 TEST_F(ProgramLibraries, AreNoMoreThanAnyBuilds) {
     writeChain(512, [](int) { return ""; });
     EXPECT_EQ(lab::librariesOf(program_).size(), 513u);
     writeChain(513, [](int) { return ""; });
-    EXPECT_EQ(refusal(), "it has more libraries than any build");
+    EXPECT_EQ(refusal(), "it has more libraries than any build; give a build of the daemon");
 }
 
 TEST_F(ProgramLibraries, HaveNoMoreNamesThanAnyBuilds) {
@@ -95,7 +106,20 @@ TEST_F(ProgramLibraries, HaveNoMoreNamesThanAnyBuilds) {
         library.needs(std::string(4000, 'x'));
     for (int i = 0; i < 5; ++i)
         library.writeLibrary(folder_.file("lib" + std::to_string(i) + ".so"));
-    EXPECT_EQ(refusal(), "its libraries have more names and folders than any build's");
+    EXPECT_EQ(refusal(),
+              "its libraries have more names and folders than any build's; give a build of the daemon");
+}
+
+TEST_F(ProgramLibraries, MayNotNameMoreThanTheLabReads) {
+    ElfBuilder library;
+    library.needs("libabsent.so");
+    for (int i = 0; i < 5000; ++i)
+        library.pathForItself("/");
+    library.writeLibrary(folder_.file("libfirst.so"));
+    ElfBuilder().needs("libfirst.so").pathForItself(folder_.path()).writeProgram(program_);
+    EXPECT_EQ(refusal(), "its library " + folder_.file("libfirst.so") +
+                             " cannot be loaded: it names more of libraries than any build; give a build of "
+                             "the daemon");
 }
 
 TEST_F(ProgramLibraries, MayBeNamedFromTheFolderOfWhoNeedsThem) {
@@ -116,6 +140,12 @@ TEST_F(ProgramLibraries, MayNotBeNamedByOtherWordsOfTheInterpreter) {
     EXPECT_EQ(refusal(),
               "its library $LIB/libfirst.so begins with a word that the lab does not know; link it with "
               "a library that has a name (-soname)");
+    for (const std::string& name : Paths{"/opt/$LIB/libfirst.so", "/opt/${PLATFORM}/libfirst.so"}) {
+        ElfBuilder().needs(name).writeProgram(program_);
+        EXPECT_EQ(refusal(), "its library " + name +
+                                 " has a word in its path that the lab does not know; link it with a library "
+                                 "that has a name (-soname)");
+    }
 }
 
 TEST(FoldersOfLibraries, AreWhatAFileNamesAndThoseThatItIncludesFromItsFolder) {
