@@ -52,13 +52,25 @@ bool waitReadable(int descriptor, int milliseconds) {
     return poll(&waiting, 1, milliseconds) == 1;
 }
 
-// False with EAGAIN when whoever is to read it has made no room in that time.
-bool sendWithin(int channel, const char* bytes, std::size_t count, int milliseconds) {
-    if (send(channel, bytes, count, MSG_NOSIGNAL | MSG_DONTWAIT) >= 0) return true;
-    if (errno != EAGAIN || milliseconds <= 0) return false;
-    const timeval limit = {milliseconds / 1000, milliseconds % 1000 * 1000L};
-    return setsockopt(channel, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit) == 0 &&
-           send(channel, bytes, count, MSG_NOSIGNAL) >= 0;
+int millisecondsUntil(std::chrono::steady_clock::time_point limit) {
+    const auto left =
+        std::chrono::duration_cast<std::chrono::milliseconds>(limit - std::chrono::steady_clock::now());
+    return static_cast<int>(std::max<std::int64_t>(left.count(), 0));
+}
+
+// False with EAGAIN when whoever is to read it has made no room by then.
+bool sendBefore(std::chrono::steady_clock::time_point limit, int channel, const char* bytes,
+                std::size_t count) {
+    int flags = MSG_NOSIGNAL | MSG_DONTWAIT;
+    while (send(channel, bytes, count, flags) < 0) {
+        const int left = millisecondsUntil(limit);
+        if (errno != EINTR && (errno != EAGAIN || left == 0)) return false;
+        const timeval time = {left / 1000, left % 1000 * 1000L};
+        // No time at all would be all the time.
+        flags = left == 0 ? MSG_NOSIGNAL | MSG_DONTWAIT : MSG_NOSIGNAL;
+        if (setsockopt(channel, SOL_SOCKET, SO_SNDTIMEO, &time, sizeof time) != 0) return false;
+    }
+    return true;
 }
 
 } // namespace
@@ -100,19 +112,18 @@ std::optional<sysctl_result> ExtensionStandIn::present(Direction direction, cons
     const std::size_t room = largestRecord - recordHeaderSize;
     record.insert(record.end(), packet.begin(),
                   packet.begin() + static_cast<std::ptrdiff_t>(std::min(packet.size(), room)));
-    if (!sendRecord(channel, record, form, milliseconds)) {
+    const Time limit = std::chrono::steady_clock::now() + std::chrono::milliseconds(milliseconds);
+    if (!sendRecord(channel, record, form, limit)) {
         if (errno != EAGAIN) connected_ = false;
         return {};
     }
-    return awaitResult(channel, id, milliseconds);
+    return awaitResult(channel, id, limit);
 }
 
-bool ExtensionStandIn::sendRecord(int channel, const std::vector<char>& record, RecordForm form,
-                                  int milliseconds) {
+bool ExtensionStandIn::sendRecord(int channel, const std::vector<char>& record, RecordForm form, Time limit) {
     const std::size_t first = form == RecordForm::whole ? record.size() : recordHeaderSize;
-    if (!sendWithin(channel, record.data(), first, milliseconds)) return false;
-    return first == record.size() ||
-           sendWithin(channel, record.data() + first, record.size() - first, milliseconds);
+    if (!sendBefore(limit, channel, record.data(), first)) return false;
+    return first == record.size() || sendBefore(limit, channel, record.data() + first, record.size() - first);
 }
 
 bool ExtensionStandIn::sendBytes(Direction direction, const std::vector<char>& bytes) {
@@ -128,13 +139,9 @@ std::optional<sysctl_result> ExtensionStandIn::awaitAnyResult(Direction directio
 }
 
 // Records that come too late for an earlier packet are passed over.
-std::optional<sysctl_result> ExtensionStandIn::awaitResult(int channel, std::uint64_t id, int milliseconds) {
-    using std::chrono::steady_clock;
-    const auto limit = steady_clock::now() + std::chrono::milliseconds(milliseconds);
+std::optional<sysctl_result> ExtensionStandIn::awaitResult(int channel, std::uint64_t id, Time limit) {
     do {
-        const auto left =
-            std::chrono::duration_cast<std::chrono::milliseconds>(limit - steady_clock::now()).count();
-        if (!waitReadable(channel, static_cast<int>(std::max<std::int64_t>(left, 0)))) return {};
+        if (!waitReadable(channel, millisecondsUntil(limit))) continue; // the time is over, or a signal came
         sysctl_result result{};
         const ssize_t count = recv(channel, &result, sizeof result, 0);
         if (count <= 0) connected_ = false;
@@ -143,7 +150,7 @@ std::optional<sysctl_result> ExtensionStandIn::awaitResult(int channel, std::uin
         std::memcpy(&answered, &result.packetId, sizeof answered);
         if (answered == id) return result;
         hasStrays_ = true;
-    } while (steady_clock::now() < limit);
+    } while (std::chrono::steady_clock::now() < limit);
     return {};
 }
 

@@ -6,6 +6,7 @@
 #include "packet/SysctlResult.h"
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -63,8 +64,10 @@ public:
     std::vector<int> descriptors() const;
 
 private:
-    static bool sendRecord(int channel, const std::vector<char>& record, RecordForm form, int milliseconds);
-    std::optional<sysctl_result> awaitResult(int channel, std::uint64_t id, int milliseconds);
+    using Time = std::chrono::steady_clock::time_point;
+
+    static bool sendRecord(int channel, const std::vector<char>& record, RecordForm form, Time limit);
+    std::optional<sysctl_result> awaitResult(int channel, std::uint64_t id, Time limit);
     void serveOptions();
     void answerOption(int client) const;
 

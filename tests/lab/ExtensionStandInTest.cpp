@@ -10,8 +10,11 @@
 #include <gtest/gtest.h>
 
 #include <linux/sockios.h>
+#include <poll.h>
+#include <signal.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -208,6 +211,50 @@ TEST_F(ExtensionStandInTest, ADaemonThatReadsNothingIsNotWaitedForWithoutEnd) {
     });
     for (int i = 0; i < 20; ++i)
         EXPECT_FALSE(extension_.present(Direction::in, std::vector<char>(60000), 1));
+    over = true;
+    reader.join();
+    EXPECT_TRUE(extension_.connected());
+}
+
+std::atomic<int> signals{0};
+
+// Each millisecond, for whatever call this process waits in.
+class Alarms {
+public:
+    Alarms() {
+        struct sigaction noted {};
+        noted.sa_handler = [](int) { ++signals; };
+        sigaction(SIGALRM, &noted, &before_);
+        const itimerval often{{0, 1000}, {0, 1000}};
+        setitimer(ITIMER_REAL, &often, nullptr);
+    }
+    ~Alarms() {
+        const itimerval none{};
+        setitimer(ITIMER_REAL, &none, nullptr);
+        sigaction(SIGALRM, &before_, nullptr);
+    }
+    Alarms(const Alarms&) = delete;
+    Alarms& operator=(const Alarms&) = delete;
+
+private:
+    struct sigaction before_ {};
+};
+
+TEST_F(ExtensionStandInTest, ASignalIsTakenForNoEndOfTheDaemon) {
+    connectBoth();
+    const std::vector<char> large(60000);
+    for (int i = 0; i < 20; ++i)
+        EXPECT_FALSE(extension_.present(Direction::in, large, 0));
+    std::atomic<bool> over{false};
+    std::thread reader([&] {
+        const Alarms alarms;
+        while (signals < 20 && !over)
+            std::this_thread::yield();
+        pollfd waiting{in_, POLLIN, 0};
+        while (!over)
+            if (poll(&waiting, 1, 10) == 1) answer(in_, receive(in_), 0);
+    });
+    EXPECT_TRUE(extension_.present(Direction::in, large, testsupport::patienceMilliseconds));
     over = true;
     reader.join();
     EXPECT_TRUE(extension_.connected());
