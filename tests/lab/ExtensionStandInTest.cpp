@@ -248,11 +248,18 @@ TEST_F(ExtensionStandInTest, ASignalIsTakenForNoEndOfTheDaemon) {
     std::atomic<bool> over{false};
     std::thread reader([&] {
         const Alarms alarms;
-        while (signals < 20 && !over)
-            std::this_thread::yield();
+        const auto awaitMore = [&] {
+            for (const int seen = signals; signals < seen + 20 && !over;)
+                std::this_thread::yield();
+        };
+        awaitMore(); // it waits for room, and then for the answer
         pollfd waiting{in_, POLLIN, 0};
-        while (!over)
-            if (poll(&waiting, 1, 10) == 1) answer(in_, receive(in_), 0);
+        while (!over) {
+            if (poll(&waiting, 1, 10) != 1) continue;
+            const std::string record = receive(in_);
+            awaitMore();
+            answer(in_, record, 0);
+        }
     });
     EXPECT_TRUE(extension_.present(Direction::in, large, testsupport::patienceMilliseconds));
     over = true;
