@@ -81,7 +81,7 @@ pid_t startHelper(const std::vector<std::string>& words, const std::string& outp
     if (child < 0) throw UnavailableError(fmt::format("{}: {}", words[0], std::strerror(errno)));
     if (child > 0) return child;
     setsid();
-    const int nothing = open("/dev/null", O_RDONLY);
+    const int nothing = open("/dev/null", O_RDONLY | O_CLOEXEC);
     const int file = open(output.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
     if (nothing < 0 || file < 0) _exit(notStarted);
     dup2(nothing, STDIN_FILENO);

@@ -11,7 +11,6 @@
 #include <sys/mount.h>
 #include <sys/stat.h>
 
-#include <chrono>
 #include <cstddef>
 #include <cstdio>
 #include <cstdlib>
@@ -84,12 +83,10 @@ TEST(LibrariesOfABuild, AreThoseThatItsInterpreterNames) {
 TEST_F(LibrariesOfAProgram, AreNoneThatAuditItsLoadingOutsideOfTheView) {
     const std::string trace = folder_.file("audited");
     setenv("OSTLER_AUDITED", trace.c_str(), 1);
-    const auto began = std::chrono::steady_clock::now();
     const LabRun run = replay({"--program", audited_});
 
     EXPECT_NE(run.err.find("word -logecho\n"), std::string::npos) << run.err;
     EXPECT_FALSE(fs::exists(trace)) << "it has run outside";
-    EXPECT_LT(std::chrono::steady_clock::now() - began, std::chrono::seconds(10));
 }
 
 TEST_F(LibrariesOfAProgram, AreNotLookedForInFoldersThatAreNotWhole) {

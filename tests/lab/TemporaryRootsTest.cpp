@@ -4,6 +4,7 @@
 #include "lab/Namespaces.h"
 #include "lab/Policy.h"
 #include "lab/RootFolder.h"
+#include "support/Eventually.h"
 #include "support/TemporaryFolder.h"
 
 #include <gtest/gtest.h>
@@ -17,9 +18,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <optional>
 #include <string>
@@ -30,12 +31,23 @@ namespace {
 
 namespace fs = std::filesystem;
 
+using testsupport::eventually;
 using testsupport::readAll;
 using testsupport::TemporaryFolder;
 using testsupport::writeAll;
 
 // What happens, once, behind the making of a temporary folder.
 std::function<void(const std::string&)> meanwhile;
+
+// Whether this process does, as the system tells.
+bool waitsForALock() {
+    std::ifstream locks("/proc/locks");
+    const std::string process = " " + std::to_string(getpid()) + " ";
+    for (std::string line; std::getline(locks, line);)
+        if (line.find("-> FLOCK") != std::string::npos && line.find(process) != std::string::npos)
+            return true;
+    return false;
+}
 
 } // namespace
 
@@ -140,7 +152,7 @@ TEST_F(AbandonedFolder, IsWaitedForWhileAnotherLabLooksAtIt) {
         const int folder = open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
         ASSERT_EQ(flock(folder, LOCK_EX), 0);
         other = std::thread([folder] {
-            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+            EXPECT_TRUE(eventually(waitsForALock));
             close(folder);
         });
     };
