@@ -249,7 +249,7 @@ bool showNeeded(int view, const NeededFile& needed) {
     return true;
 }
 
-// In place of a folder of the machine that the view does not show.
+// In place of a folder of the machine that the view does not show: the view lies in it.
 fs::path placeOfView() { return fs::is_directory("/run") ? "/run" : "/tmp"; }
 
 void makeView(const RootFolder& root, int folder, const std::vector<RootsTree>& trees,
@@ -258,6 +258,7 @@ void makeView(const RootFolder& root, int folder, const std::vector<RootsTree>& 
     const std::vector<NeededFile> files = filesOf(libraries);
     const NeededFile programFile{program, found(program)};
     const std::string hosts = hostsOf(folder, root.path());
+    mountMemory(view.parent_path(), "0755");
     mountMemory(view, "0755");
     const Descriptor top = found(view);
     showMachine(view);
@@ -300,15 +301,15 @@ void enterView(const RootFolder& root, const std::string& program,
     const std::vector<RootsTree> trees = treesOf(folder, root.path());
     // A program that the view covers still leads to its own file in the machine.
     limit(found("/"), {MOUNT_ATTR_RDONLY, 0, 0, 0}, "/");
-    const std::string view = placeOfView();
-    makeView(root, folder, trees, program, libraries, view);
-    require(chdir(view.c_str()) == 0, view);
+    const fs::path place = placeOfView();
+    const std::string name = "view";
+    makeView(root, folder, trees, program, libraries, place / name);
+    require(chdir(place.c_str()) == 0, place);
     // The machine's folders are gone for good, but where its root is the kernel's first file system, which stays.
-    if (syscall(SYS_pivot_root, ".", ".") == 0)
-        require(umount2(".", MNT_DETACH) == 0, "/");
-    else
-        require(chroot(".") == 0, view);
-    require(chdir("/") == 0, "/");
+    if (syscall(SYS_pivot_root, ".", ".") == 0) require(umount2(".", MNT_DETACH) == 0, "/");
+    // In a chroot no program makes a namespace of users, where it would have all rights, and could mount the machine's
+    // control groups.
+    require(chroot(name.c_str()) == 0 && chdir("/") == 0, name);
 }
 
 } // namespace lab

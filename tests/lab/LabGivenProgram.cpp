@@ -41,11 +41,23 @@ LabRun GivenProgram::replay(const std::vector<std::string>& options,
     return runLab(arguments, meanwhile);
 }
 
+namespace {
+
+// By the path that the process itself sees, whose root lies in the folder of a view.
+std::string programOf(const fs::path& process) {
+    std::error_code gone;
+    const std::string root = fs::read_symlink(process / "root", gone);
+    const std::string program = fs::read_symlink(process / "exe", gone);
+    return root.size() > 1 && program.rfind(root + "/", 0) == 0 ? program.substr(root.size()) : program;
+}
+
+} // namespace
+
 int processesOf(const std::string& program) {
     int count = 0;
     std::error_code gone;
     for (const fs::directory_entry& entry : fs::directory_iterator("/proc", gone))
-        count += fs::read_symlink(entry.path() / "exe", gone) == program;
+        count += programOf(entry.path()) == program;
     return count;
 }
 

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <netdb.h>
+#include <sched.h>
 #include <sys/mount.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
@@ -89,4 +90,6 @@ int main(int count, char** words) {
     for (const char* folder : {"/usr", "/tmp", "/Library", "/var/run/fernhill", "/proc", "/run", "/dev/shm"})
         tellFlags(folder);
     std::printf("preload %s\n", std::getenv("LD_PRELOAD") ? "seen" : "unseen");
+    // The last, since it is another process with all rights there when it may.
+    tellWhetherAllowed("users of its own", unshare(CLONE_NEWUSER) == 0);
 }
