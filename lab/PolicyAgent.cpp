@@ -19,6 +19,9 @@
 namespace lab {
 namespace {
 
+// Of questions that wait: some hundred thousand of a daemon's.
+constexpr std::size_t mostKept = std::size_t{1} << 24;
+
 constexpr char hostLookupError[] = R"({"error":"TW Host lookup timeout"})";
 constexpr char nonsense[] = "<<<this is no answer>>>";
 
@@ -97,13 +100,16 @@ PolicyAgent::Counters PolicyAgent::counters() {
 
 std::vector<Question> PolicyAgent::takeQuestions() {
     std::lock_guard<std::mutex> lock(mutex_);
-    return std::exchange(questions_, {});
+    std::vector<Question> taken = std::exchange(questions_, {});
+    countKept();
+    return taken;
 }
 
 std::vector<PolicyAgent::SlowAnswer> PolicyAgent::takeSlow() {
     std::lock_guard<std::mutex> lock(mutex_);
     std::vector<SlowAnswer> taken(slow_.begin(), slow_.end());
     slow_.clear();
+    countKept();
     return taken;
 }
 
@@ -124,6 +130,7 @@ void PolicyAgent::answerDeferred() {
         answer(sequence, url);
         if (link_ < 0 || closesWhenSent_) break; // the others went with the link
     }
+    countKept();
     changed_.notify_all();
     wake();
 }
@@ -132,6 +139,7 @@ void PolicyAgent::serve() {
     for (;;) {
         int link;
         bool owes;
+        bool full;
         {
             std::lock_guard<std::mutex> lock(mutex_);
             if (stopping_) return;
@@ -139,10 +147,13 @@ void PolicyAgent::serve() {
             sendUnsent();
             link = link_;
             owes = !unsent_.empty();
+            full = kept_ > mostKept && !owes;
         }
         const short wanted = owes ? POLLOUT : POLLIN;
-        std::vector<pollfd> waiting = {
-            {wakeUp_, POLLIN, 0}, {linkListener_, POLLIN, 0}, {pageListener_, POLLIN, 0}, {link, wanted, 0}};
+        std::vector<pollfd> waiting = {{wakeUp_, POLLIN, 0},
+                                       {linkListener_, POLLIN, 0},
+                                       {pageListener_, POLLIN, 0},
+                                       {full ? -1 : link, wanted, 0}};
         for (const int page : pages_)
             waiting.push_back({page, POLLIN, 0});
         if (poll(waiting.data(), waiting.size(), ownTime_ ? 10 : -1) < 0 && errno != EINTR) return;
@@ -205,6 +216,7 @@ void PolicyAgent::handleFrame(const AgentFrame& frame) {
     const std::uint32_t number = numberOf_ ? numberOf_(frame.sequence) : frame.sequence;
     if (frame.type == policyFrame && deferring_) {
         deferred_.emplace_back(number, urlOf(frame.body));
+        kept_ += frame.bytes.size();
         ++counters_.deferred;
     } else if (frame.type == policyFrame) {
         answer(number, urlOf(frame.body));
@@ -231,6 +243,7 @@ void PolicyAgent::answer(std::uint32_t sequence, const std::string& url) {
     ++counters_.questions;
     if (repeated) ++counters_.repeats;
     questions_.push_back({url, decision, repeated});
+    kept_ += sizeof(Question) + url.size();
 
     switch (decision.action) {
         case Action::allow:
@@ -251,6 +264,7 @@ void PolicyAgent::answer(std::uint32_t sequence, const std::string& url) {
             sendFrame(policyFrame, sequence, hostLookupError);
             break;
         case Action::slow:
+            kept_ += sizeof(SlowAnswer) + url.size();
             if (ownTime_)
                 timedSlow_.push_back(
                     {realMilliseconds() + decision.milliseconds, {sequence, url, 0, links_}});
@@ -307,7 +321,24 @@ void PolicyAgent::sendDueSlow() {
         sendFrame(policyFrame, answer.sequence, "{}");
         ++counters_.answers;
     }
-    if (!leaving.empty()) changed_.notify_all();
+    if (leaving.empty()) return;
+    countKept();
+    changed_.notify_all();
+}
+
+// The serving thread reads on where there is room again.
+void PolicyAgent::countKept() {
+    const bool wasFull = kept_ > mostKept;
+    kept_ = 0;
+    for (const Question& question : questions_)
+        kept_ += sizeof question + question.url.size();
+    for (const SlowAnswer& answer : slow_)
+        kept_ += sizeof answer + answer.url.size();
+    for (const auto& [due, answer] : timedSlow_)
+        kept_ += sizeof answer + answer.url.size();
+    for (const auto& [sequence, url] : deferred_)
+        kept_ += agentFrameHeaderSize + url.size();
+    if (wasFull && kept_ <= mostKept) wake();
 }
 
 void PolicyAgent::closeLink() {
@@ -323,6 +354,7 @@ void PolicyAgent::closeLink() {
     counters_.deferred = 0;
     deferred_.clear();
     timedSlow_.clear();
+    countKept();
 }
 
 void PolicyAgent::closeRetired() {

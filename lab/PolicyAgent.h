@@ -3,7 +3,7 @@
 // The stand-in agent: TCP 127.0.0.1:3456 with the agent's frames, and the block page on port 6543. A thread of
 // its own serves both; a policy decides the answers. The counters say what has happened on the link, so that
 // a replay can wait until every question has had its chance. Nobody waits for a program that takes no answers: it is
-// read no more until it does.
+// read no more until it does; nor is one whose questions nobody has taken yet, beyond what there is room for.
 
 #include "agent/OstComm.h"
 #include "lab/AgentFrame.h"
@@ -11,6 +11,7 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <cstddef>
 #include <cstdint>
 #include <deque>
 #include <functional>
@@ -124,6 +125,7 @@ private:
     void wake() const;
     void sendFrame(std::uint32_t type, std::uint32_t sequence, const std::string& body);
     void sendDueSlow();
+    void countKept();
     void closeLink();
     void closeRetired();
     void acceptPage();
@@ -144,6 +146,7 @@ private:
     std::deque<TimedAnswer> timedSlow_;
     bool deferring_ = false;
     std::vector<std::pair<std::uint32_t, std::string>> deferred_;
+    std::size_t kept_ = 0; // bytes of the questions that wait to be taken or answered
     std::uint32_t nextSequence_ = 0x80000000;
     int link_ = -1;
     std::string unsent_;          // what the link has had no room for

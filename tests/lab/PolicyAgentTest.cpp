@@ -13,6 +13,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <future>
 #include <memory>
 #include <string>
@@ -381,6 +382,29 @@ TEST_F(PolicyAgentTest, ALinkThatTakesNoAnswersIsReplacedByTheNext) {
     Client second(PolicyAgent::linkPort);
     second.ask(7, "http://a/");
     EXPECT_EQ(second.frame().substr(0, 4), "1 7 ");
+}
+
+TEST_F(PolicyAgentTest, QuestionsThatNobodyTakesAreReadOnlyUpToALimit) {
+    constexpr long count = 60;
+    for (const char* policy : {"allow *", "slow 1000 *", "push {}"}) {
+        start(policy);
+        client_->logOn();
+        auto asked = std::async(std::launch::async, [this] {
+            for (std::uint32_t number = 1; number <= count; ++number)
+                client_->ask(number, std::string(1000000, 'x'));
+        });
+        const auto all = [](const auto& counters) { return counters.questions + counters.deferred >= count; };
+        EXPECT_FALSE(agent_->waitUntil(all, 500)) << policy << ": they have all been read";
+        const auto limit = std::chrono::steady_clock::now() + testsupport::patience;
+        while (!agent_->waitUntil(all, 1) && std::chrono::steady_clock::now() < limit) {
+            agent_->takeQuestions();
+            agent_->takeSlow();
+            if (agent_->counters().deferred > 0) agent_->answerDeferred();
+        }
+        EXPECT_TRUE(agent_->waitUntil(all, 0)) << policy << ": they are not read on";
+        agent_.reset(); // which frees whoever still asks
+        asked.wait();
+    }
 }
 
 TEST_F(PolicyAgentTest, WhatComesInPlaceOfAnAnswerIsTakenWholeBeforeTheLinkIsClosed) {
