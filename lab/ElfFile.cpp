@@ -30,11 +30,14 @@ constexpr const char* buildForThisMachine = "give a build for x86-64 Linux";
 // Of a regular file; any other holds nothing.
 class Reader {
 public:
-    explicit Reader(const std::string& path)
-        : file_(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC)) {
+    explicit Reader(const std::string& path) {
+        const Descriptor found(open(path.c_str(), O_PATH | O_CLOEXEC));
         struct stat entry {};
-        regular_ = file_ >= 0 && fstat(file_, &entry) == 0 && S_ISREG(entry.st_mode);
-        if (regular_) size_ = static_cast<std::uint64_t>(entry.st_size);
+        regular_ = found >= 0 && fstat(found, &entry) == 0 && S_ISREG(entry.st_mode);
+        if (!regular_) return; // to open a device may set it going
+        file_ = Descriptor(
+            open(fmt::format("/proc/self/fd/{}", static_cast<int>(found)).c_str(), O_RDONLY | O_CLOEXEC));
+        size_ = static_cast<std::uint64_t>(entry.st_size);
     }
 
     bool isRegular() const { return regular_; }

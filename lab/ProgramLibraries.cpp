@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstddef>
 #include <cstdlib>
 #include <filesystem>
@@ -46,7 +47,10 @@ std::vector<std::string> foldersOfTheEnvironment(const std::string& origin) {
 
 class Search {
 public:
-    explicit Search(const std::string& program) : program_(program) { add(program, readElf(program), 0); }
+    Search(const std::string& program, std::chrono::milliseconds patience)
+        : program_(program), limit_(std::chrono::steady_clock::now() + patience) {
+        add(program, readElf(program), 0);
+    }
 
     // The paths of all libraries, each once.
     std::vector<std::string> libraries() {
@@ -95,12 +99,18 @@ private:
                              "fewer in LD_LIBRARY_PATH, or where it is linked (-rpath)");
     }
 
+    void countTime() const {
+        if (std::chrono::steady_clock::now() >= limit_)
+            throw InputError(program_ + ": its libraries take longer to be found than any build's");
+    }
+
     void load(const std::string& name, std::size_t by, const std::vector<std::string>& folders) {
         if (loaded_.size() > mostLibraries)
             throw InputError(program_ + ": it has more libraries than any build; give a build of the daemon");
         if (name.find('/') != std::string::npos) return loadPath(name, by);
         for (const std::string& folder : folders) {
             countLooks(1);
+            countTime();
             const std::string path = fs::path(folder) / name;
             if (access(path.c_str(), R_OK) == 0 && loadIfFits(path, by)) return;
         }
@@ -131,6 +141,7 @@ private:
     }
 
     bool loadIfFits(const std::string& path, std::size_t by) {
+        countTime();
         ElfFile file = readElfLibrary(path);
         if (file.foreign) return false;
         if (!file.fault.empty())
@@ -169,6 +180,7 @@ private:
     std::string originOf(std::size_t i) const { return fs::path(loaded_[i].path).parent_path(); }
 
     const std::string program_;
+    const std::chrono::steady_clock::time_point limit_;
     const std::vector<std::string> named_ = foldersOfTheEnvironment(fs::path(program_).parent_path());
     const std::vector<std::string> systems_ = systemsLibraryFolders();
     std::vector<Loaded> loaded_;
@@ -179,10 +191,10 @@ private:
 
 } // namespace
 
-std::vector<std::string> librariesOf(const std::string& program) {
+std::vector<std::string> librariesOf(const std::string& program, std::chrono::milliseconds patience) {
     std::vector<std::string> files = {readElf(program).interpreter};
     if (!isOfGlibc(files.front())) return files;
-    for (const std::string& library : Search(program).libraries())
+    for (const std::string& library : Search(program, patience).libraries())
         files.push_back(library);
     return files;
 }

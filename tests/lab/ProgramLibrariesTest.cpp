@@ -2,6 +2,7 @@
 
 #include "lab/ProgramLibraries.h"
 
+#include "lab/Descriptor.h"
 #include "lab/LabElfBuilder.h"
 #include "lab/LibraryFolders.h"
 #include "lab/Policy.h"
@@ -9,7 +10,13 @@
 
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+#include <sys/inotify.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <functional>
@@ -28,9 +35,9 @@ class ProgramLibraries : public testing::Test {
 protected:
     void SetUp() override { unsetenv("LD_LIBRARY_PATH"); }
 
-    std::string refusal() const {
+    std::string refusal(std::chrono::milliseconds patience = lab::searchPatience) const {
         try {
-            lab::librariesOf(program_);
+            lab::librariesOf(program_, patience);
             return "";
         } catch (const lab::InputError& error) {
             const std::string words = error.what(), beginning = program_ + ": ";
@@ -120,6 +127,26 @@ TEST_F(ProgramLibraries, MayNotNameMoreThanTheLabReads) {
     EXPECT_EQ(refusal(), "its library " + folder_.file("libfirst.so") +
                              " cannot be loaded: it names more of libraries than any build; give a build of "
                              "the daemon");
+}
+
+TEST_F(ProgramLibraries, AreNotLookedForLongerThanAnyBuilds) {
+    writeChain(3, [](int) { return ""; });
+    EXPECT_EQ(lab::librariesOf(program_).size(), 4u);
+    EXPECT_EQ(refusal(std::chrono::seconds(0)), "its libraries take longer to be found than any build's");
+}
+
+TEST_F(ProgramLibraries, AreNotOpenedWhereTheyAreNoFiles) {
+    const std::string pipe = folder_.file("pipe");
+    ASSERT_EQ(mkfifo(pipe.c_str(), 0700), 0);
+    ElfBuilder().needs(pipe).writeProgram(program_);
+    const lab::Descriptor openings(inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
+    ASSERT_GE(inotify_add_watch(openings, pipe.c_str(), IN_OPEN), 0);
+    EXPECT_EQ(refusal(), "its library " + pipe + " cannot be loaded: it is no regular file");
+
+    char event[512];
+    EXPECT_EQ(read(openings, event, sizeof event), -1) << "it has been opened";
+    close(open(pipe.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    EXPECT_GT(read(openings, event, sizeof event), 0) << "an opening is not seen";
 }
 
 TEST_F(ProgramLibraries, MayBeNamedFromTheFolderOfWhoNeedsThem) {
