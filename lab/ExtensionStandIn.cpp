@@ -1,5 +1,6 @@
 #include "lab/ExtensionStandIn.h"
 
+#include "lab/Policy.h"
 #include "platform/ByteOrder.h"
 
 #include <fmt/format.h>
@@ -33,7 +34,9 @@ int listenAt(const std::string& path) {
     if (path.size() >= sizeof address.sun_path)
         throw std::runtime_error(fmt::format("{}: too long for a socket's name", path));
     std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
-    unlink(path.c_str());
+    if (unlink(path.c_str()) != 0 && errno != ENOENT)
+        throw InputError(
+            fmt::format("{}: {}; remove it, or give another folder", path, std::strerror(errno)));
     const int listener = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
     if (listener < 0) throw std::runtime_error(fmt::format("{}: {}", path, std::strerror(errno)));
     if (bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||

@@ -2,10 +2,12 @@
 
 #include "lab/LabCaptures.h"
 #include "lab/LabStage.h"
+#include "lab/Policy.h"
 #include "lab/RootFolder.h"
 #include "platform/HostPaths.h"
 #include "platform/KernelControl.h"
 #include "support/Patience.h"
+#include "support/TemporaryFolder.h"
 
 #include <gtest/gtest.h>
 
@@ -21,6 +23,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <filesystem>
 #include <string>
 #include <thread>
 #include <vector>
@@ -282,6 +285,19 @@ TEST_F(ExtensionStandInTest, ADaemonThatDoesNotComeIsNotWaitedForWithoutEnd) {
 TEST(ExtensionStandIn, ARootThatIsTooLongForASocketsNameIsAnError) {
     ExtensionStandIn extension("/" + std::string(100, 'r'));
     EXPECT_THROW(extension.listen(), std::runtime_error);
+}
+
+TEST(ExtensionStandIn, AFolderInPlaceOfASocketIsRefusedWithTheWayOut) {
+    const testsupport::TemporaryFolder root;
+    const std::string place = root.file("var/run/fernhill/twFernhill_outkext.options");
+    std::filesystem::create_directories(place);
+    ExtensionStandIn extension(root.path());
+    try {
+        extension.listen();
+        ADD_FAILURE() << "it is taken for a socket";
+    } catch (const lab::InputError& error) {
+        EXPECT_EQ(error.what(), place + ": Is a directory; remove it, or give another folder");
+    }
 }
 
 TEST(ExtensionStandIn, TheDaemonAnswersARecordThatComesInTwoMessages) {
