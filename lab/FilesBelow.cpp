@@ -1,5 +1,6 @@
 #include "lab/FilesBelow.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <linux/openat2.h>
 #include <sys/stat.h>
@@ -9,7 +10,10 @@
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
+#include <memory>
+#include <string>
 #include <utility>
+#include <vector>
 
 namespace lab {
 
@@ -43,6 +47,63 @@ Descriptor makeFolderBelow(int folder, const std::string& path, Links links) {
         made = std::move(next);
     }
     return made;
+}
+
+namespace {
+
+// A folder on the way down, without its files.
+struct Emptied {
+    std::string name;
+    std::vector<std::string> folders; // that are still to be removed from it
+    bool stays;
+};
+
+Emptied withoutFiles(int folder, const std::string& name, const std::string& but = "") {
+    Emptied emptied{name, {}, false};
+    const std::unique_ptr<DIR, int (*)(DIR*)> entries(
+        fdopendir(openat(folder, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC)), closedir);
+    while (const dirent* const entry = entries ? readdir(entries.get()) : nullptr) {
+        const std::string inside = entry->d_name;
+        if (inside == "." || inside == ".." || inside == but) continue;
+        if (unlinkat(folder, inside.c_str(), 0) == 0) continue;
+        if (errno == EISDIR)
+            emptied.folders.push_back(inside);
+        else
+            emptied.stays = true;
+    }
+    return emptied;
+}
+
+Descriptor openedForRemoval(int folder, const std::string& name) {
+    Descriptor found(openat(folder, name.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    chmod(("/proc/self/fd/" + std::to_string(found)).c_str(),
+          0700); // where it cannot be, opening it may fail
+    return Descriptor(openat(found, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+}
+
+} // namespace
+
+// Holds one folder open at a time, since there may be more of them below each other than a process may hold.
+bool removeAllIn(Descriptor folder, const std::string& but) {
+    std::vector<Emptied> way = {withoutFiles(folder, "", but)};
+    while (folder >= 0) {
+        if (!way.back().folders.empty()) {
+            const std::string name = way.back().folders.back();
+            way.back().folders.pop_back();
+            Descriptor next = openedForRemoval(folder, name);
+            way.back().stays |= next < 0;
+            if (next < 0) continue;
+            way.push_back(withoutFiles(next, name));
+            folder = std::move(next);
+            continue;
+        }
+        if (way.size() == 1) return !way.back().stays;
+        const std::string done = way.back().name;
+        way.pop_back();
+        folder = Descriptor(openat(folder, "..", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+        way.back().stays |= unlinkat(folder, done.c_str(), AT_REMOVEDIR) != 0;
+    }
+    return false;
 }
 
 std::string faultBelow(int reason) {

@@ -117,16 +117,7 @@ Descriptor makeTemporaryRoot(std::string& path, std::size_t longest) {
 }
 
 void removeTemporaryRoot(const std::string& path) {
-    std::error_code ignored;
-    bool empty = true;
-    for (fs::directory_iterator entry(path, ignored), end; !ignored && entry != end;
-         entry.increment(ignored)) {
-        if (entry->path().filename() == marker) continue;
-        std::error_code stays;
-        fs::remove_all(entry->path(), stays);
-        empty = empty && !stays;
-    }
-    if (!empty) return;
+    if (!removeAllIn(opened(path), marker)) return;
     const std::string mark = path + "/" + marker;
     unlink(mark.c_str());
     if (rmdir(path.c_str()) != 0) // somebody has put something there meanwhile

@@ -1,6 +1,7 @@
 // Temporary folders of labs, and what becomes of those whose lab was killed.
 
 #include "lab/ConfigCheck.h"
+#include "lab/Descriptor.h"
 #include "lab/Namespaces.h"
 #include "lab/Policy.h"
 #include "lab/RootFolder.h"
@@ -14,6 +15,7 @@
 #include <signal.h>
 #include <sys/file.h>
 #include <sys/mount.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -200,6 +202,42 @@ TEST_F(AbandonedFolder, IsStillOneWhenItsRemovalHasNotComeToItsEnd) {
     const lab::RootFolder next("");
 
     EXPECT_FALSE(fs::exists(path));
+}
+
+TEST_F(AbandonedFolder, GoesThoughItHasMoreFoldersInEachOtherThanMayBeOpen) {
+    const std::string path = abandoned();
+    lab::Descriptor folder(open((path + "/Library/Logs").c_str(), O_PATH | O_CLOEXEC));
+    for (int i = 0; i < 300; ++i) {
+        ASSERT_EQ(mkdirat(folder, "deeper", 0700), 0);
+        folder = lab::Descriptor(openat(folder, "deeper", O_PATH | O_CLOEXEC));
+    }
+    rlimit before{};
+    getrlimit(RLIMIT_NOFILE, &before);
+    const rlimit fewer = {64, before.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &fewer);
+    { const lab::RootFolder next(""); }
+    setrlimit(RLIMIT_NOFILE, &before);
+
+    EXPECT_FALSE(fs::exists(path));
+}
+
+TEST_F(AbandonedFolder, GoesThoughItsUserMayNotLookIntoItsFolders) {
+    const pid_t child = fork();
+    if (child == 0) {
+        if (getuid() == 0 && (chown(folder_.path().c_str(), 65534, 65534) != 0 || setuid(65534) != 0))
+            _exit(77);
+        {
+            const lab::RootFolder root("");
+            fs::create_directories(root.path() + "/Library/Logs/closed/inner");
+            chmod((root.path() + "/Library/Logs/closed").c_str(), 0);
+            chmod((root.path() + "/Library/Logs").c_str(), 0500);
+        }
+        _exit(fs::is_empty(folder_.path()) ? 0 : 1);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    if (status == 77 << 8) GTEST_SKIP() << "this user cannot become another";
+    EXPECT_EQ(status, 0) << "the folder is still there";
 }
 
 TEST_F(AbandonedFolder, IsNoneOfACheckThatIsAskedToEnd) {
