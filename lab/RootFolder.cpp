@@ -3,6 +3,7 @@
 #include "lab/FilesBelow.h"
 #include "lab/Policy.h"
 #include "lab/TemporaryRoots.h"
+#include "lab/Terminal.h"
 
 #include <fmt/format.h>
 
@@ -90,7 +91,10 @@ std::string RootFolder::outputTail() const {
     const ssize_t count =
         pread(file, text.data(), text.size(), entry.st_size > tail ? entry.st_size - tail : 0);
     text.resize(count > 0 ? static_cast<std::size_t>(count) : 0);
-    return text;
+    std::string shown;
+    for (const char byte : text)
+        shown += byte == '\n' || byte == '\t' ? std::string(1, byte) : printable({byte});
+    return shown;
 }
 
 void RootFolder::configure(bool blockOnFailure, int logLevel) const {

@@ -32,7 +32,7 @@ public:
     // Opens it anew for writing; none when that fails.
     Descriptor openOutput() const;
 
-    // The last lines of that output.
+    // The last lines of that output, without what would steer a terminal.
     std::string outputTail() const;
 
     // Writes the daemon's configuration file. Throws InputError.

@@ -172,6 +172,12 @@ TEST(RootFolder, TheOutputsTailIsItsLast2000Bytes) {
     EXPECT_EQ(root.outputTail(), std::string(1997, 'a') + "end");
 }
 
+TEST(RootFolder, TheOutputsTailSteersNoTerminal) {
+    const RootFolder root("");
+    testsupport::writeAll(root.output(), "a\x1b[31m\tb\r\n");
+    EXPECT_EQ(root.outputTail(), "a?[31m\tb?\n");
+}
+
 TEST(WorldServer, TakesThePlaceOfWhatAKilledProcessOfTheSameNumberLeftBehind) {
     const testsupport::TemporaryFolder folder;
     testsupport::writeAll(folder.file("world"), "");
