@@ -71,6 +71,21 @@ TEST_F(ProgramLibraries, AreLookedForOnceInAFolderThatIsNamedOften) {
     EXPECT_EQ(lab::librariesOf(program_).size(), 201u);
 }
 
+// In front of the only one that has them stands the same one, named by each library on the way.
+TEST_F(ProgramLibraries, AreLookedForOnceInAFolderThatManyLibrariesName) {
+    constexpr int count = 511;
+    for (int i = 0; i <= count; ++i) {
+        ElfBuilder file;
+        if (i < count) file.needs("lib" + std::to_string(i + 1) + ".so");
+        file.pathForAll(i == 0 ? "/:" + folder_.path() : "/");
+        if (i == 0)
+            file.writeProgram(program_);
+        else
+            file.writeLibrary(folder_.file("lib" + std::to_string(i) + ".so"));
+    }
+    EXPECT_EQ(lab::librariesOf(program_).size(), count + 1u);
+}
+
 TEST_F(ProgramLibraries, AreNotLookedForInMoreFoldersThanAnyBuilds) {
     writeChain(200, [](int i) {
         std::string folders;
