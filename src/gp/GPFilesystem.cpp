@@ -282,9 +282,7 @@ const char* GPFilesystem::lastComponent() {
     const int slash = path_->find("/", true);
     if (slash == 0) return nullptr;
     // Never released, which keeps the text valid.
-    GPString* component = path_->copy();
-    component->subString(slash + 1);
-    return component->cstr();
+    return GPString::of(path_->cstr() + slash + 1)->cstr();
 }
 
 const char* GPFilesystem::name() { return lastComponent(); }

@@ -4,8 +4,9 @@
 // allocates anew, so the class is not meant for building long text in a loop. No encoding is assumed;
 // characters are classed as in the C locale.
 //
-// The makers put the object and its first text into one piece of memory; a constructor's text and every changed text
-// are pieces of their own.
+// All makers but absorbe and format put the object and its first text into one piece of memory; a constructor's text
+// and every changed text are pieces of their own. That first text takes its room as long as the object lives, also once
+// it has changed: what is kept of a long text is made of that part, and not cut out of a copy.
 //
 // Owned like any GPObject. A string belongs to one thread at a time, or to a lock of its owner's.
 

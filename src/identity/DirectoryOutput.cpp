@@ -4,6 +4,7 @@
 #include "gp/GPString.h"
 #include "gp/Owned.h"
 
+#include <cstddef>
 #include <cstdio>
 #include <cstring>
 
@@ -11,11 +12,10 @@ namespace {
 
 int lengthOf(const char* text) { return static_cast<int>(std::strlen(text)); }
 
-// A copy of the bytes from `start` up to but not including `end`.
+// The bytes from `start` up to but not including `end`, which both lie in the text. No copy that is cut, since that
+// would keep the room of a whole output for as long as an answer of few letters is known.
 GPString* piece(const GPString* text, int start, int end) {
-    GPString* copy = text->copy();
-    copy->subString(start, end);
-    return copy;
+    return GPString::of({text->cstr() + start, static_cast<std::size_t>(end - start)});
 }
 
 // The trimmed piece; null if it would end before it starts, which a mark that was not found does.
