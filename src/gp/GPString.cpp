@@ -15,7 +15,16 @@
 #include <string>
 #include <string_view>
 
-#ifdef __SANITIZE_ADDRESS__
+// Each compiler says in its own way that it builds for an address checker.
+#if defined(__SANITIZE_ADDRESS__)
+#define OSTLER_ADDRESSES_CHECKED
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define OSTLER_ADDRESSES_CHECKED
+#endif
+#endif
+
+#ifdef OSTLER_ADDRESSES_CHECKED
 #include <sanitizer/asan_interface.h>
 #endif
 
@@ -126,7 +135,7 @@ void GPString::deleteText() {
         delete[] text_;
         return;
     }
-#ifdef __SANITIZE_ADDRESS__
+#ifdef OSTLER_ADDRESSES_CHECKED
     // The memory stays, but whoever still reads this text is to be told.
     ASAN_POISON_MEMORY_REGION(text_, std::strlen(text_) + 1);
 #endif

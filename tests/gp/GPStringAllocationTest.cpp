@@ -3,9 +3,11 @@
 #include "gp/GPString.h"
 #include "gp/Owned.h"
 #include "support/AllocationCounter.h"
+#include "support/Sanitizers.h"
 
 #include <gtest/gtest.h>
 
+#include <cstddef>
 #include <string>
 
 namespace {
@@ -25,6 +27,13 @@ long allocationsOfMaking(Make make) {
     return allocations.count();
 }
 
+template <class Make>
+std::size_t bytesOfMaking(Make make) {
+    const testsupport::AllocationCounter allocations;
+    const auto string = Owned<GPString>::adopt(make());
+    return static_cast<std::size_t>(allocations.bytes());
+}
+
 } // namespace
 
 TEST(GPStringAllocations, AMakersStringIsOnePieceOfMemory) {
@@ -37,6 +46,20 @@ TEST(GPStringAllocations, AMakersStringIsOnePieceOfMemory) {
     EXPECT_EQ(allocationsOfMaking([&] { return other.copy(); }), 1);
 }
 
+TEST(GPStringAllocations, AMakersStringHasRoomForItsTextAndNoMore) {
+    const std::string longText(1000, 'x');
+    EXPECT_EQ(bytesOfMaking([] { return GPString::of(""); }), sizeof(GPString) + 1);
+    EXPECT_EQ(bytesOfMaking([] { return GPString::of("a", "bc", "def"); }), sizeof(GPString) + 7);
+    EXPECT_EQ(bytesOfMaking([&] { return GPString::of(longText, longText); }), sizeof(GPString) + 2001);
+}
+
+TEST(GPStringAllocations, AConstructorsTextHasRoomForItselfAndNoMore) {
+    EXPECT_EQ(bytesOfMaking([] { return new GPString; }), sizeof(GPString) + 1);
+    EXPECT_EQ(bytesOfMaking([] { return new GPString('a'); }), sizeof(GPString) + 2);
+    EXPECT_EQ(bytesOfMaking([] { return new GPString('\0'); }), sizeof(GPString) + 1);
+    EXPECT_EQ(bytesOfMaking([] { return new GPString("text", 2); }), sizeof(GPString) + 3);
+}
+
 TEST(GPStringAllocations, AMakersStringLeavesNothingBehindOnceItHasChanged) {
     const testsupport::AllocationCounter allocations;
     for (const char* text : {"", "text", "a text that no small room holds, whatever its size may be"}) {
@@ -47,7 +70,7 @@ TEST(GPStringAllocations, AMakersStringLeavesNothingBehindOnceItHasChanged) {
 }
 
 TEST(GPStringAllocations, TheCheckerSeesWhoReadsBeyondAMakersText) {
-#ifdef __SANITIZE_ADDRESS__
+#ifdef OSTLER_ADDRESSES_CHECKED
     const auto string = Owned<GPString>::adopt(GPString::of("text of", " two"));
     const volatile char* const text = string->cstr();
     EXPECT_DEATH(static_cast<void>(text[string->length() + 1]), "heap-buffer-overflow");
@@ -57,7 +80,7 @@ TEST(GPStringAllocations, TheCheckerSeesWhoReadsBeyondAMakersText) {
 }
 
 TEST(GPStringAllocations, TheCheckerSeesWhoReadsAMakersTextThatHasChanged) {
-#ifdef __SANITIZE_ADDRESS__
+#ifdef OSTLER_ADDRESSES_CHECKED
     const auto string = Owned<GPString>::adopt(GPString::of("text"));
     const volatile char* const before = string->cstr();
     string->append("more");

@@ -7,14 +7,20 @@
 #if __has_feature(thread_sanitizer)
 #define OSTLER_THREADS_CHECKED
 #endif
+#if __has_feature(address_sanitizer)
+#define OSTLER_ADDRESSES_CHECKED
+#endif
 #if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer) || __has_feature(memory_sanitizer)
 #define OSTLER_SANITIZED
 #endif
 #elif defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 #define OSTLER_SANITIZED
 #endif
-#ifdef __SANITIZE_THREAD__
+#if defined(__SANITIZE_THREAD__) && !defined(OSTLER_THREADS_CHECKED)
 #define OSTLER_THREADS_CHECKED
+#endif
+#if defined(__SANITIZE_ADDRESS__) && !defined(OSTLER_ADDRESSES_CHECKED)
+#define OSTLER_ADDRESSES_CHECKED
 #endif
 
 namespace testsupport {
