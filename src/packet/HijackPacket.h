@@ -103,8 +103,8 @@ private:
     std::atomic<bool> resolved_{false};
     std::atomic<int> timeout_;
 
-    GPTimer
-        timer_; // guarded by the list's lock; no object of its own, which would be one more piece of memory
+    // Guarded by the list's lock. No object of its own, which would be one more piece of memory.
+    GPTimer timer_;
 
     // The table's, guarded by the list's lock.
     std::int64_t end_ = 0;   // of the record's time, microseconds since the epoch

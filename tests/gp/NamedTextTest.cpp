@@ -45,6 +45,20 @@ TEST(LastOfEachName, LeavesWhatIsLeftOfAllOfThemTogether) {
         }
 }
 
+TEST(LastOfEachName, IsTheLastWhereItStandsAndNamesOfAnotherCaseAreOthers) {
+    for (const int between : {0, 1, 3000}) {
+        Pairs expected{{"name", "2"}};
+        for (int i = 0; i < between; ++i)
+            expected.emplace_back(std::to_string(i), "x");
+        expected.emplace_back("Name", "3");
+        LastOfEachName gathered;
+        gathered.add({"Name", "1"});
+        for (const auto& [name, value] : expected)
+            gathered.add({name, value});
+        EXPECT_EQ(pairsOf(gathered.take()), expected) << between << " between";
+    }
+}
+
 TEST(LastOfEachName, TakesNoRoomForHeadersThatOthersReplace) {
     std::string lines;
     for (int i = 0; i < 50000; ++i)
