@@ -29,7 +29,7 @@ void LastOfEachName::add(const NamedText& text) {
 
 std::vector<NamedText> LastOfEachName::take() {
     if (!places_.empty()) {
-        dropReplaced();
+        if (replaced_ > 0) dropReplaced();
     } else if (texts_.size() > 1) {
         keepLastOfEachName(texts_);
     }
@@ -58,7 +58,7 @@ void LastOfEachName::dropReplaced() {
     std::size_t kept = 0;
     for (std::size_t i = 0; i < texts_.size(); ++i) {
         if (isReplaced_[i]) continue;
-        if (replaced_ > 0) places_[texts_[i].name] = kept;
+        places_[texts_[i].name] = kept;
         texts_[kept++] = texts_[i];
     }
     texts_.resize(kept);

@@ -134,6 +134,13 @@ TEST(GPDOMElementParse, AnAttributeIsSplitAtItsFirstEqualsSign) {
     EXPECT_EQ(attribute(root.get(), "url"), "x?y=z");
 }
 
+TEST(GPDOMElementParse, AnAttributeThatComesAgainHasItsLastValue) {
+    auto root = parsed("<a b='1' c='2' b='3'>");
+    EXPECT_EQ(root->attributes->count(), 2);
+    EXPECT_EQ(attribute(root.get(), "b"), "3");
+    EXPECT_EQ(attribute(root.get(), "c"), "2");
+}
+
 TEST(GPDOMElementParse, AttributesWithoutAnyEqualsSignGiveAnEmptyMap) {
     auto root = parsed("<a alone>");
     ASSERT_NE(root->attributes, nullptr);

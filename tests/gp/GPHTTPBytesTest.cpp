@@ -72,6 +72,11 @@ TEST_F(GPHTTPHeaders, ARepeatedNameKeepsItsLastValue) {
     EXPECT_EQ(header("A"), "2");
 }
 
+TEST_F(GPHTTPHeaders, StandBehindTheFirstLineFeedAlsoWhereItIsTheFirstByte) {
+    EXPECT_TRUE(parse("\nA: 1\r\n\r\n"));
+    EXPECT_EQ(header("A"), "1");
+}
+
 TEST_F(GPHTTPHeaders, ALineWithoutAColonBelongsToTheNextName) {
     EXPECT_TRUE(parse("HTTP/1.1 200 OK\r\nnonsense\r\nA: 1\r\n\r\n"));
     EXPECT_EQ(header("nonsense\r\nA"), "1");

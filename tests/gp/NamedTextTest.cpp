@@ -59,6 +59,23 @@ TEST(LastOfEachName, IsTheLastWhereItStandsAndNamesOfAnotherCaseAreOthers) {
     }
 }
 
+TEST(LastOfEachName, OfManyNamesThatAllComeAgainCostsNoWalkForEach) {
+    constexpr int count = 200000;
+    std::vector<std::string> names;
+    for (int i = 0; i < count; ++i)
+        names.push_back(std::to_string(i));
+    LastOfEachName gathered;
+    for (const char* value : {"1", "2", "3"})
+        for (const std::string& name : names)
+            gathered.add({name, value});
+
+    const std::vector<NamedText> left = gathered.take();
+    ASSERT_EQ(left.size(), names.size());
+    EXPECT_EQ(left.front().name, "0");
+    EXPECT_EQ(left.front().value, "3");
+    EXPECT_EQ(left.back().name, names.back());
+}
+
 TEST(LastOfEachName, TakesNoRoomForHeadersThatOthersReplace) {
     std::string lines;
     for (int i = 0; i < 50000; ++i)
