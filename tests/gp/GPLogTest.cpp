@@ -1,6 +1,7 @@
 #include "gp/GPLog.h"
 
 #include "gp/GPFilesystem.h"
+#include "platform/Clock.h"
 #include "platform/ThreadNumber.h"
 #include "support/ManualClock.h"
 #include "support/TemporaryFolder.h"
@@ -9,8 +10,10 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdint>
 #include <cstdlib>
 #include <ctime>
+#include <limits>
 #include <string>
 #include <thread>
 #include <unistd.h>
@@ -21,6 +24,16 @@ namespace {
 using testsupport::ManualClock;
 using testsupport::readAll;
 using testsupport::writeAll;
+
+// Stands at a second whose year no number of a calendar holds.
+class EndOfTime final : public platform::Clock {
+public:
+    std::int64_t microseconds() override { return std::numeric_limits<std::int64_t>::max(); }
+    std::time_t seconds() override { return std::numeric_limits<std::time_t>::max(); }
+    void sleepMicroseconds(unsigned) override {}
+    void sleepSeconds(unsigned) override {}
+    std::int64_t eventWaitLimit(int) override { return 0; }
+};
 
 // The log of this process, with its files in a folder of the test's own and the clock's local time universal.
 class GPLogTest : public testing::Test {
@@ -84,6 +97,22 @@ TEST_F(GPLogTest, EachLineHasTheTimeOfItsOwnSecondWhereverTheClockIsSet) {
     for (std::size_t at = lines.find(":56:"); at != std::string::npos; at = lines.find(":56:", at + 1))
         seconds.push_back(lines.substr(at + 4, 2));
     EXPECT_EQ(seconds, (std::vector<std::string>{"50", "50", "51", "49"}));
+}
+
+TEST_F(GPLogTest, TheFirstLineOfAllHasItsTimeAlsoWhereThatIsZero) {
+    ManualClock::installed().set(0);
+    logs("x");
+    EXPECT_NE(content("fernhill0-1.log").find(" Thu Jan  1 00:00:00 1970]: x\n"), std::string::npos);
+}
+
+TEST_F(GPLogTest, ATimeOfNoYearIsLeftOutAndIsNotThatOfTheLineBefore) {
+    logs("x");
+    EndOfTime clock;
+    platform::clockService.install(clock);
+    logs("y");
+    platform::clockService.install(ManualClock::installed());
+    const std::string front = "[" + std::to_string(platform::threadNumber());
+    EXPECT_EQ(content("fernhill0-1.log"), record("x") + front + " ]: y\n");
 }
 
 TEST_F(GPLogTest, logfFormatsItsArguments) {

@@ -59,6 +59,18 @@ TEST(LastOfEachName, IsTheLastWhereItStandsAndNamesOfAnotherCaseAreOthers) {
     }
 }
 
+TEST(LastOfEachName, TakesOneRowOfRoomAloneForAShortList) {
+    std::vector<std::string> names;
+    for (int i = 0; i < 1000; ++i)
+        names.push_back(std::to_string(i));
+    LastOfEachName gathered;
+    const testsupport::AllocationCounter memory;
+    for (const std::string& name : names)
+        gathered.add({name, "value"});
+    EXPECT_LT(memory.count(), 20) << "an index has a piece for each name and a row beside the entries";
+    EXPECT_LE(memory.bytes(), static_cast<long>(2 * 1024 * sizeof(NamedText)));
+}
+
 TEST(LastOfEachName, OfManyNamesThatAllComeAgainCostsNoWalkForEach) {
     constexpr int count = 200000;
     std::vector<std::string> names;

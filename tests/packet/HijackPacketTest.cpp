@@ -233,6 +233,15 @@ TEST_F(HijackPacketTest, ARecordThatNoWalkHasReachedLivesAgainWhenTheClockIsSetB
     EXPECT_NE(find(request(50002)), nullptr);
 }
 
+TEST_F(HijackPacketTest, ARecordIsPurgedInItsTurnAlsoBeforeTheClocksZero) {
+    ManualClock::installed().set(-60000000);
+    ASSERT_TRUE(create(request()));
+    advance(30000001);
+
+    EXPECT_EQ(find(request()), nullptr);
+    EXPECT_FALSE(HijackPacket::resolve(url, nullptr));
+}
+
 TEST_F(HijackPacketTest, ARecordLivesOnAtTheEndOfTheClocksRange) {
     constexpr std::int64_t endOfTime = std::numeric_limits<std::int64_t>::max();
     ManualClock::installed().set(endOfTime - 10);

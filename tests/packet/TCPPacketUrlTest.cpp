@@ -169,6 +169,10 @@ TEST(TCPPacketUrl, AnEmptyNameOrOneThatBeginsWithAZeroByteGivesTheBareDestinatio
     EXPECT_EQ(httpsUrlOf(ClientHelloBuilder().serverName(std::string("\0abc", 4)).build()), "93.184.216.34");
 }
 
+TEST(TCPPacketUrl, AServerNameMayHaveOneLetter) {
+    EXPECT_EQ(httpsUrlOf(ClientHelloBuilder().serverName("a").build()), "https://a");
+}
+
 TEST(TCPPacketUrl, AServerNameOf254BytesIsTakenAndOneOf255IsNot) {
     EXPECT_EQ(httpsUrlOf(ClientHelloBuilder().serverName(std::string(254, 'a')).build()),
               "https://" + std::string(254, 'a'));

@@ -1,5 +1,7 @@
 #include "platform/HostPaths.h"
 
+#include "support/GuardedBytes.h"
+
 #include <gtest/gtest.h>
 
 #include <string>
@@ -75,6 +77,14 @@ TEST(HostPaths, ARootOfSixtyBytesIsTaken) {
 
     EXPECT_TRUE(HostPaths::setRoot(root.c_str()));
     EXPECT_EQ(root + "/Library/twsys", HostPaths::settingsDirectory());
+}
+
+TEST(HostPaths, NothingBehindTheTextOfARootIsRead) {
+    const std::string root = "/tmp/scratch";
+    const testsupport::GuardedBytes text(root + '\0');
+
+    EXPECT_TRUE(HostPaths::setRoot(reinterpret_cast<const char*>(text.data())));
+    EXPECT_EQ(root, HostPaths::root());
 }
 
 TEST(HostPaths, ALongerRootIsRefusedAndChangesNothing) {
