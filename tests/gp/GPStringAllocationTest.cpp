@@ -69,6 +69,17 @@ TEST(GPStringAllocations, AMakersStringLeavesNothingBehindOnceItHasChanged) {
     EXPECT_EQ(allocations.left(), 0);
 }
 
+TEST(GPStringAllocations, AConstructorsStringLeavesNothingBehind) {
+    const testsupport::AllocationCounter allocations;
+    {
+        const GPString empty, letter('a'), start("text", 2), taken(new char[1](), -1);
+        GPString text("text");
+        const GPString copy(&text);
+        text.append("more");
+    }
+    EXPECT_EQ(allocations.left(), 0);
+}
+
 TEST(GPStringAllocations, TheCheckerSeesWhoReadsBeyondAMakersText) {
 #ifdef OSTLER_ADDRESSES_CHECKED
     const auto string = Owned<GPString>::adopt(GPString::of("text of", " two"));
