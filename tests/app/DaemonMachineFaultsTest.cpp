@@ -1,5 +1,6 @@
 // The daemon on a machine that has run out of disk, descriptors or threads, or whose folders are not what they were.
 
+#include "app/Daemon.h"
 #include "app/FaultsWorld.h"
 #include "support/Sanitizers.h"
 #include "support/ShippedProgram.h"
@@ -141,9 +142,9 @@ protected:
 
     static void refuseThreads(bool refuse) { refusal->inForce = refuse; }
 
-    // Whether the daemon has come, or comes, to a start that is refused.
-    static bool hasBeenRefused() {
-        return eventually([] { return refusal->refused > 0; });
+    // Whether the daemon has come, or comes, to a start of this thread that is refused.
+    static bool hasBeenRefused(void* (*function)(void*)) {
+        return eventually([function] { return refusal->hasMet(function); });
     }
 
 private:
@@ -255,8 +256,8 @@ TEST_F(DaemonThreadFaults, WithThirtyQuestionsWithoutAThreadNothingIsAskedAnyMor
 TEST_F(DaemonThreadFaults, AUserWhoComesMeanwhileIsStoredAndNotReported) {
     refuseThreads(true);
     daemon->changeConsoleUser("bob");
-    EXPECT_TRUE(hasBeenRefused());
-    EXPECT_TRUE(eventually([&] { return stores("bob"); }));
+    EXPECT_TRUE(hasBeenRefused(setUserLogonThread));
+    EXPECT_TRUE(stores("bob"));
     refuseThreads(false);
     daemon->changeConsoleUser("carol");
     EXPECT_NE(agent->awaitFrame(3).body.find("carol"), std::string::npos);

@@ -5,7 +5,10 @@
 
 #include <pthread.h> // IWYU pragma: keep (pthread_t)
 
+#include <algorithm>
+#include <array>
 #include <atomic>
+#include <cstddef>
 
 namespace testsupport {
 
@@ -17,8 +20,19 @@ void playThreadStarts(ThreadStart start);
 
 // Threads cannot be had while it is in force, as on a machine that has none left.
 struct ThreadRefusal {
+    using Function = void* (*)(void*);
+
     std::atomic<bool> inForce{false};
-    std::atomic<int> refused{0}; // how many starts have met it
+    std::atomic<std::size_t> refused{0};               // how many starts have met it
+    std::array<std::atomic<Function>, 64> functions{}; // of the first of them
+
+    void meet(Function function) {
+        const std::size_t number = refused++;
+        if (number < functions.size()) functions[number] = function;
+    }
+    bool hasMet(Function function) const {
+        return std::find(functions.begin(), functions.end(), function) != functions.end();
+    }
 };
 
 // From now on; whoever plays the starts plays those that it lets through. It may lie in memory that processes share.

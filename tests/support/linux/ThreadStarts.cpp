@@ -35,7 +35,7 @@ int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, v
                           void* argument) {
     testsupport::ThreadRefusal* refusal = testsupport::inUse;
     if (refusal && refusal->inForce) {
-        ++refusal->refused;
+        refusal->meet(function);
         return EAGAIN;
     }
     const testsupport::ThreadStart play = testsupport::played;
