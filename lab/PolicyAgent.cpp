@@ -311,11 +311,12 @@ void PolicyAgent::wake() const {
 void PolicyAgent::sendDueSlow() {
     std::lock_guard<std::mutex> lock(mutex_);
     const std::int64_t now = realMilliseconds();
-    const auto due = std::stable_partition(timedSlow_.begin(), timedSlow_.end(),
-                                           [now](const auto& entry) { return entry.first <= now; });
     // Taken out first: a link that fails takes what still waits with it.
-    const std::vector<TimedAnswer> leaving(timedSlow_.begin(), due);
-    timedSlow_.erase(timedSlow_.begin(), due);
+    std::deque<TimedAnswer> leaving = std::exchange(timedSlow_, {});
+    const auto later = std::stable_partition(leaving.begin(), leaving.end(),
+                                             [now](const auto& entry) { return entry.first <= now; });
+    timedSlow_.assign(later, leaving.end());
+    leaving.erase(later, leaving.end());
     for (const auto& [time, answer] : leaving) {
         if (link_ < 0) break;
         sendFrame(policyFrame, answer.sequence, "{}");
