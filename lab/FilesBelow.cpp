@@ -59,10 +59,16 @@ struct Emptied {
 };
 
 Emptied withoutFiles(int folder, const std::string& name, const std::string& but = "") {
-    Emptied emptied{name, {}, false};
-    const std::unique_ptr<DIR, int (*)(DIR*)> entries(
-        fdopendir(openat(folder, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC)), closedir);
-    while (const dirent* const entry = entries ? readdir(entries.get()) : nullptr) {
+    Emptied emptied{name, {}, true};
+    const int listed = openat(folder, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (listed < 0) return emptied;
+    const std::unique_ptr<DIR, int (*)(DIR*)> entries(fdopendir(listed), closedir);
+    if (!entries) {
+        close(listed);
+        return emptied;
+    }
+    emptied.stays = false;
+    while (const dirent* const entry = readdir(entries.get())) {
         const std::string inside = entry->d_name;
         if (inside == "." || inside == ".." || inside == but) continue;
         if (unlinkat(folder, inside.c_str(), 0) == 0) continue;
@@ -86,7 +92,7 @@ Descriptor openedForRemoval(int folder, const std::string& name) {
 // Holds one folder open at a time, since there may be more of them below each other than a process may hold.
 bool removeAllIn(Descriptor folder, const std::string& but) {
     std::vector<Emptied> way = {withoutFiles(folder, "", but)};
-    while (folder >= 0) {
+    for (;;) {
         if (!way.back().folders.empty()) {
             const std::string name = way.back().folders.back();
             way.back().folders.pop_back();
@@ -97,13 +103,13 @@ bool removeAllIn(Descriptor folder, const std::string& but) {
             folder = std::move(next);
             continue;
         }
-        if (way.size() == 1) return !way.back().stays;
+        if (way.size() == 1) return folder >= 0 && !way.back().stays;
         const std::string done = way.back().name;
         way.pop_back();
         folder = Descriptor(openat(folder, "..", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+        if (folder < 0) return false;
         way.back().stays |= unlinkat(folder, done.c_str(), AT_REMOVEDIR) != 0;
     }
-    return false;
 }
 
 std::string faultBelow(int reason) {

@@ -312,11 +312,15 @@ void PolicyAgent::sendDueSlow() {
     std::lock_guard<std::mutex> lock(mutex_);
     const std::int64_t now = realMilliseconds();
     // Taken out first: a link that fails takes what still waits with it.
-    std::deque<TimedAnswer> leaving = std::exchange(timedSlow_, {});
-    const auto later = std::stable_partition(leaving.begin(), leaving.end(),
-                                             [now](const auto& entry) { return entry.first <= now; });
-    timedSlow_.assign(later, leaving.end());
-    leaving.erase(later, leaving.end());
+    std::vector<TimedAnswer> leaving;
+    std::deque<TimedAnswer> staying;
+    for (TimedAnswer& entry : timedSlow_) {
+        if (entry.first <= now)
+            leaving.push_back(std::move(entry));
+        else
+            staying.push_back(std::move(entry));
+    }
+    timedSlow_ = std::move(staying);
     for (const auto& [time, answer] : leaving) {
         if (link_ < 0) break;
         sendFrame(policyFrame, answer.sequence, "{}");
