@@ -9,6 +9,7 @@
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
+#include <cstdio>
 #include <cstdlib>
 #include <limits>
 #include <set>
@@ -252,7 +253,7 @@ std::string explanationText(const PacketStory& story, const std::string& capture
     if (story.presentations.empty())
         return text +
                "It was not shown to the daemon: its connection was redirected before, which ends it, or the "
-               "daemon had gone.\n";
+               "daemon had gone, or answered no more.\n";
     std::string repeated;
     for (std::size_t place = 0; place < story.presentations.size(); ++place) {
         if (isAsBefore(story, place)) {
@@ -295,6 +296,8 @@ int explain(const ExplainOptions& options) {
     engine.setWatch(&explainer);
     const bool alive = engine.play(options.capture, facts);
     stage.daemon.stop();
+    if (!alive)
+        fmt::print(stderr, "fernhill-lab: {}; it wrote:\n{}\n", engine.fault(), stage.root.outputTail());
 
     const std::map<long, PacketStory> stories = explainer.finish(facts.firstTime);
     if (stories.empty())

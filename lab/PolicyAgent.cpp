@@ -62,6 +62,7 @@ PolicyAgent::PolicyAgent(Policy policy, bool ownTime) : policy_(std::move(policy
 PolicyAgent::~PolicyAgent() { stop(); }
 
 void PolicyAgent::listen() {
+    std::lock_guard<std::mutex> lock(mutex_);
     linkListener_ = listenOn(linkPort);
     pageListener_ = listenOn(pagePort);
     wakeUp_ = eventfd(0, EFD_CLOEXEC);
@@ -81,6 +82,7 @@ void PolicyAgent::stop() {
         wake();
         thread_.join();
     }
+    std::lock_guard<std::mutex> lock(mutex_);
     closeLink();
     closeRetired();
     while (!pages_.empty())
@@ -147,7 +149,8 @@ void PolicyAgent::serve() {
             sendUnsent();
             link = link_;
             owes = !unsent_.empty();
-            full = kept_ > mostKept && !owes;
+            // A live run takes questions when connections end, which the pages that wait for answers would not let.
+            full = kept_ > mostKept && !owes && !ownTime_;
         }
         const short wanted = owes ? POLLOUT : POLLIN;
         std::vector<pollfd> waiting = {{wakeUp_, POLLIN, 0},

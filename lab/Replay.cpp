@@ -196,7 +196,7 @@ std::optional<sysctl_result> Replay::present(PlayedPacket& played) {
     const Direction direction = played.outbound ? Direction::out : Direction::in;
     ++played.presented;
     ++totals_.presented;
-    auto result = extension_.present(direction, played.packet.bytes, patience_);
+    auto result = extension_.present(direction, played.packet.bytes, answerPatience_);
     unanswered_ = result ? 0 : unanswered_ + 1;
     if (!result) {
         ++totals_.unanswered;

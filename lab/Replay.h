@@ -44,9 +44,12 @@ public:
     // Before playing; the watch outlives this.
     void setWatch(ReplayWatch* watch) { watch_ = watch; }
 
-    // Before playing: the real milliseconds for a packet's answer, for each step of a query's way to the agent and
-    // back, and for all of them where a program keeps asking.
-    void setPatience(int milliseconds) { patience_ = milliseconds; }
+    // Before playing: the real milliseconds for each step of a query's way to the agent and back, and for all of them
+    // where a program keeps asking; and those for a packet's answer.
+    void setPatience(int milliseconds, int forAnswer) {
+        patience_ = milliseconds;
+        answerPatience_ = forAnswer;
+    }
 
     // Plays one capture to its end, the last held packet included. Once the daemon has gone, or hangs, the packets that
     // are left are only reported; the answer is then false.
@@ -99,6 +102,7 @@ private:
     std::FILE* asked_;
     ReplayWatch* watch_ = nullptr;
     int patience_ = 30000;
+    int answerPatience_ = 30000;
 
     std::int64_t now_ = 0;
     std::int64_t start_ = 0;

@@ -234,6 +234,7 @@ public:
     ~Alarms() {
         const itimerval none{};
         setitimer(ITIMER_REAL, &none, nullptr);
+        signal(SIGALRM, SIG_IGN); // one that is still on its way is taken back
         sigaction(SIGALRM, &before_, nullptr);
     }
     Alarms(const Alarms&) = delete;

@@ -13,6 +13,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <future>
 #include <memory>
@@ -405,6 +406,40 @@ TEST_F(PolicyAgentTest, QuestionsThatNobodyTakesAreReadOnlyUpToALimit) {
         agent_.reset(); // which frees whoever still asks
         asked.wait();
     }
+}
+
+// The checks for threads see it if what is taken is not guarded.
+TEST_F(PolicyAgentTest, QuestionsAreTakenWhileItIsStoppedAndStartedAnew) {
+    start("allow *");
+    std::atomic<bool> over{false};
+    auto taker = std::async(std::launch::async, [&] {
+        long taken = 0;
+        while (!over)
+            taken += static_cast<long>(agent_->takeQuestions().size());
+        return taken;
+    });
+    for (std::uint32_t round = 1; round <= 10; ++round) {
+        client_->ask(round, "http://a/");
+        EXPECT_EQ(client_->frame(), "1 " + std::to_string(round) + " {}");
+        agent_->stop();
+        agent_->listen();
+        agent_->start();
+        client_ = std::make_unique<Client>(PolicyAgent::linkPort);
+    }
+    over = true;
+    EXPECT_EQ(taker.get() + static_cast<long>(agent_->takeQuestions().size()), 10);
+}
+
+TEST_F(PolicyAgentTest, InALiveRunQuestionsAreReadHoweverManyHaveNotBeenTaken) {
+    constexpr long count = 20;
+    start("allow *", true);
+    auto asked = std::async(std::launch::async, [this] {
+        for (std::uint32_t number = 1; number <= count; ++number)
+            client_->ask(number, std::string(1000000, 'x'));
+    });
+    EXPECT_TRUE(awaitQuestions(count));
+    agent_.reset(); // which frees whoever still asks
+    asked.wait();
 }
 
 TEST_F(PolicyAgentTest, WhatComesInPlaceOfAnAnswerIsTakenWholeBeforeTheLinkIsClosed) {

@@ -6,6 +6,7 @@
 #include "lab/LabElfBuilder.h"
 #include "lab/LibraryFolders.h"
 #include "lab/Policy.h"
+#include "support/Patience.h"
 #include "support/TemporaryFolder.h"
 
 #include <gtest/gtest.h>
@@ -35,7 +36,7 @@ class ProgramLibraries : public testing::Test {
 protected:
     void SetUp() override { unsetenv("LD_LIBRARY_PATH"); }
 
-    std::string refusal(std::chrono::milliseconds patience = lab::searchPatience) const {
+    std::string refusal(std::chrono::milliseconds patience = testsupport::patience) const {
         try {
             lab::librariesOf(program_, patience);
             return "";
@@ -68,7 +69,7 @@ TEST_F(ProgramLibraries, AreLookedForOnceInAFolderThatIsNamedOften) {
     for (int i = 0; i < 1900; ++i)
         often += "/:";
     writeChain(200, [&](int) { return often; });
-    EXPECT_EQ(lab::librariesOf(program_).size(), 201u);
+    EXPECT_EQ(lab::librariesOf(program_, testsupport::patience).size(), 201u);
 }
 
 // In front of the only one that has them stands the same one, named by each library on the way.
@@ -83,7 +84,7 @@ TEST_F(ProgramLibraries, AreLookedForOnceInAFolderThatManyLibrariesName) {
         else
             file.writeLibrary(folder_.file("lib" + std::to_string(i) + ".so"));
     }
-    EXPECT_EQ(lab::librariesOf(program_).size(), count + 1u);
+    EXPECT_EQ(lab::librariesOf(program_, testsupport::patience).size(), count + 1u);
 }
 
 TEST_F(ProgramLibraries, AreNotLookedForInMoreFoldersThanAnyBuilds) {
@@ -109,7 +110,7 @@ TEST_F(ProgramLibraries, AreNotLookedForInMoreFoldersThanAnybodyNames) {
 
 TEST_F(ProgramLibraries, AreNoMoreThanAnyBuilds) {
     writeChain(512, [](int) { return ""; });
-    EXPECT_EQ(lab::librariesOf(program_).size(), 513u);
+    EXPECT_EQ(lab::librariesOf(program_, testsupport::patience).size(), 513u);
     writeChain(513, [](int) { return ""; });
     EXPECT_EQ(refusal(), "it has more libraries than any build; give a build of the daemon");
 }
@@ -122,7 +123,7 @@ TEST_F(ProgramLibraries, HaveNoMoreNamesThanAnyBuilds) {
         library.writeLibrary(folder_.file("lib" + std::to_string(i) + ".so"));
     }
     program.writeProgram(program_);
-    EXPECT_EQ(lab::librariesOf(program_).size(), 6u);
+    EXPECT_EQ(lab::librariesOf(program_, testsupport::patience).size(), 6u);
 
     for (int i = 0; i < 1000; ++i)
         library.needs(std::string(4000, 'x'));
@@ -146,7 +147,7 @@ TEST_F(ProgramLibraries, MayNotNameMoreThanTheLabReads) {
 
 TEST_F(ProgramLibraries, AreNotLookedForLongerThanAnyBuilds) {
     writeChain(3, [](int) { return ""; });
-    EXPECT_EQ(lab::librariesOf(program_).size(), 4u);
+    EXPECT_EQ(lab::librariesOf(program_, testsupport::patience).size(), 4u);
     EXPECT_EQ(refusal(std::chrono::seconds(0)), "its libraries take longer to be found than any build's");
 }
 
@@ -168,7 +169,7 @@ TEST_F(ProgramLibraries, MayBeNamedFromTheFolderOfWhoNeedsThem) {
     ElfBuilder().needs("$ORIGIN/libraries/libfirst.so").writeProgram(program_);
     ElfBuilder().needs("${ORIGIN}/libsecond.so").writeLibrary(folder_.file("libraries/libfirst.so"));
     ElfBuilder().writeLibrary(folder_.file("libraries/libsecond.so"));
-    const Paths files = lab::librariesOf(program_);
+    const Paths files = lab::librariesOf(program_, testsupport::patience);
     EXPECT_EQ(Paths(files.begin() + 1, files.end()),
               (Paths{folder_.file("libraries/libfirst.so"), folder_.file("libraries/libsecond.so")}));
 

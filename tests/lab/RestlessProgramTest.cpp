@@ -99,7 +99,8 @@ enum class Asks { always, afterEachAnswer };
 class ARestlessProgram : public testing::Test {
 protected:
     // Plays a small capture before such a program, under these rules.
-    void replay(const std::string& policy, const std::function<void()>& conduct) {
+    void replay(const std::string& policy, const std::function<void()>& conduct,
+                int forAnswer = testsupport::patienceMilliseconds) {
         labtest::useRealServices();
         const lab::RootFolder root("");
         lab::PlayedClock clock;
@@ -118,7 +119,7 @@ protected:
         lab::JsonReport json("");
         lab::TableReport table(nullptr);
         lab::Replay replay(extension, agent, program, clock, json, table, nullptr);
-        replay.setPatience(300);
+        replay.setPatience(300, forAnswer);
         play(replay, program);
         running_ = program.running();
         program.stop();
@@ -167,7 +168,7 @@ TEST_F(ARestlessProgram, HasAsManySlowAnswersAsItHasHeldPackets) {
 }
 
 TEST_F(ARestlessProgram, ThatAnswersNothingIsPresentedThreePackets) {
-    replay("allow *", hang);
+    replay("allow *", hang, 100);
     EXPECT_EQ(totals_.unanswered, 3);
     EXPECT_EQ(totals_.presented, 3);
     EXPECT_EQ(totals_.notPresented, 3);
@@ -177,16 +178,19 @@ TEST_F(ARestlessProgram, ThatAnswersNothingIsPresentedThreePackets) {
 }
 
 TEST_F(ARestlessProgram, ThatAnswersEveryThirdPacketIsPresentedThemAll) {
-    replay("allow *", [] {
-        const int controls[] = {connectedTo(1), connectedTo(2)};
-        connectedToAgent();
-        for (int i = 0;;) {
-            pollfd waiting[] = {{controls[0], POLLIN, 0}, {controls[1], POLLIN, 0}};
-            if (poll(waiting, 2, -1) < 0) _exit(1);
-            for (int side = 0; side < 2; ++side)
-                if (waiting[side].revents) passEveryThird(controls[side], ++i);
-        }
-    });
+    replay(
+        "allow *",
+        [] {
+            const int controls[] = {connectedTo(1), connectedTo(2)};
+            connectedToAgent();
+            for (int i = 0;;) {
+                pollfd waiting[] = {{controls[0], POLLIN, 0}, {controls[1], POLLIN, 0}};
+                if (poll(waiting, 2, -1) < 0) _exit(1);
+                for (int side = 0; side < 2; ++side)
+                    if (waiting[side].revents) passEveryThird(controls[side], ++i);
+            }
+        },
+        1000);
     EXPECT_EQ(totals_.unanswered, 4);
     EXPECT_EQ(totals_.notPresented, 0);
     EXPECT_EQ(fault_, "");

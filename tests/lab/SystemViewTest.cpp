@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
 #include <sched.h>
@@ -112,7 +113,8 @@ TEST_F(ViewOfAProgram, HasForReadingOnlyWhatTheMachineHasSoInAKeptRoot) {
     const std::string root = folder_.file("root"), logs = root + "/Library/Logs";
     fs::create_directories(logs);
     ASSERT_EQ(mount(logs.c_str(), logs.c_str(), nullptr, MS_BIND, nullptr), 0);
-    ASSERT_EQ(mount(nullptr, logs.c_str(), nullptr, MS_BIND | MS_REMOUNT | MS_RDONLY, nullptr), 0);
+    mount_attr forReading{MOUNT_ATTR_RDONLY, 0, 0, 0};
+    ASSERT_EQ(mount_setattr(AT_FDCWD, logs.c_str(), 0, &forReading, sizeof forReading), 0);
     const LabRun run = replay({"--root", root, "--program", onlooker_});
 
     EXPECT_NE(run.err.find("/Library/Logs/of-the-onlooker: Read-only file system\n"), std::string::npos)
