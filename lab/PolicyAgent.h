@@ -3,7 +3,8 @@
 // The stand-in agent: TCP 127.0.0.1:3456 with the agent's frames, and the block page on port 6543. A thread of
 // its own serves both; a policy decides the answers. The counters say what has happened on the link, so that
 // a replay can wait until every question has had its chance. Nobody waits for a program that takes no answers: it is
-// read no more until it does; nor is one whose questions nobody has taken yet, beyond what there is room for.
+// read no more until it does; nor, but in a live run, is one whose questions nobody has taken yet, beyond what there is
+// room for.
 
 #include "agent/OstComm.h"
 #include "lab/AgentFrame.h"
