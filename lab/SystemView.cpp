@@ -191,8 +191,8 @@ std::vector<RootsTree> treesOf(int root, const std::string& rootPath) {
     for (const char* folder : {"Library", "system", "usr/local/bin", "usr/local/etc"})
         add(folder, std::string("/") + folder);
     const std::string sockets = "var/run/fernhill";
-    for (const std::string& place : {"/" + sockets, rootPath + "/" + sockets})
-        add(sockets, place);
+    add(sockets, "/" + sockets);
+    add(sockets, fmt::format("{}/{}", rootPath, sockets));
     return trees;
 }
 
