@@ -56,8 +56,8 @@ bool Replay::play(const std::string& path, const CaptureFacts& facts) {
 std::string Replay::fault() const {
     if (hangs_)
         return fmt::format(
-            "the daemon runs and has left {} packets in a row without an answer, so no more are "
-            "presented; see meanwhile what its threads wait in (gdb -p)",
+            "the daemon left {} packets in a row without an answer, so no more were presented; play it "
+            "again and see, before it ends, what its threads wait in (gdb -p)",
             mostUnanswered);
     return daemonGone_ ? fmt::format("the daemon has ended ({})", daemon_.ending()) : "";
 }

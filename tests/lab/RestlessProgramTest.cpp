@@ -173,8 +173,8 @@ TEST_F(ARestlessProgram, ThatAnswersNothingIsPresentedThreePackets) {
     EXPECT_EQ(totals_.presented, 3);
     EXPECT_EQ(totals_.notPresented, 3);
     EXPECT_TRUE(running_);
-    EXPECT_EQ(fault_, "the daemon runs and has left 3 packets in a row without an answer, so no more are "
-                      "presented; see meanwhile what its threads wait in (gdb -p)");
+    EXPECT_EQ(fault_, "the daemon left 3 packets in a row without an answer, so no more were presented; "
+                      "play it again and see, before it ends, what its threads wait in (gdb -p)");
 }
 
 TEST_F(ARestlessProgram, ThatAnswersEveryThirdPacketIsPresentedThemAll) {
