@@ -12,6 +12,7 @@ struct LdapLibrary {
     SharedLibrary library{OSTLER_LDAP_LIBRARY};
     LibraryFunction<decltype(ldap_initialize)> initialize{library, "ldap_initialize"};
     LibraryFunction<decltype(ldap_set_option)> setOption{library, "ldap_set_option"};
+    LibraryFunction<decltype(ber_sockbuf_ctrl)> controlSocket{library, "ber_sockbuf_ctrl"};
     LibraryFunction<decltype(ldap_unbind_ext_s)> unbind{library, "ldap_unbind_ext_s"};
     LibraryFunction<decltype(ldap_search_ext_s)> search{library, "ldap_search_ext_s"};
     LibraryFunction<decltype(ldap_err2string)> errorText{library, "ldap_err2string"};

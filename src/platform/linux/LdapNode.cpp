@@ -4,6 +4,7 @@
 #include "platform/linux/LdapWords.h"
 
 #include <strings.h>
+#include <sys/socket.h>
 
 #include <algorithm>
 #include <cctype>
@@ -16,8 +17,10 @@
 namespace platform {
 namespace {
 
-constexpr timeval connectTimeout = {10, 0};
-constexpr timeval searchTimeout = {30, 0};
+constexpr timeval readTimeout = {1, 0};
+
+// What one message of the server, an entry with all its values, may have in bytes.
+constexpr ber_len_t messageLimit = 64 * 1024 * 1024;
 
 // What the library hands out is given back to it.
 struct Unbind {
@@ -58,14 +61,33 @@ std::string lowercase(std::string text) {
     return text;
 }
 
-Connection connectTo(const LdapLibrary* ldap, const std::string& uri, int& status) {
+// Called by the library for a connection that stands, before TLS. The library sets memory aside for a message by the
+// length in its head, and looks at the time only when a read gives up; in a handshake even then only if it is asynchronous.
+int limitConnection(LDAP* connection, Sockbuf* socket, LDAPURLDesc*, sockaddr*, ldap_conncb* self) {
+    const auto* ldap = static_cast<const LdapLibrary*>(self->lc_arg);
+    ber_len_t limit = messageLimit;
+    ldap->controlSocket(socket, LBER_SB_OPT_SET_MAX_INCOMING, &limit);
+    int descriptor = -1;
+    ldap->controlSocket(socket, LBER_SB_OPT_GET_FD, &descriptor);
+    setsockopt(descriptor, SOL_SOCKET, SO_RCVTIMEO, &readTimeout, sizeof readTimeout);
+    const int on = 1;
+    ldap->setOption(connection, LDAP_OPT_CONNECT_ASYNC, &on);
+    return 0;
+}
+
+void forgetConnection(LDAP*, Sockbuf*, ldap_conncb*) {}
+
+Connection connectTo(const LdapLibrary* ldap, const LdapSettings& settings, int& status) {
     LDAP* connection = nullptr;
-    status = ldap->initialize(&connection, uri.c_str());
+    status = ldap->initialize(&connection, settings.uri.c_str());
     if (status != LDAP_SUCCESS) return Connection(nullptr, {ldap});
     const int version = LDAP_VERSION3;
+    const timeval connectTimeout = {settings.connectSeconds, 0};
     ldap->setOption(connection, LDAP_OPT_PROTOCOL_VERSION, &version);
     ldap->setOption(connection, LDAP_OPT_NETWORK_TIMEOUT, &connectTimeout);
     ldap->setOption(connection, LDAP_OPT_REFERRALS, LDAP_OPT_OFF);
+    static ldap_conncb callbacks = {limitConnection, forgetConnection, const_cast<LdapLibrary*>(ldap)};
+    ldap->setOption(connection, LDAP_OPT_CONNECT_CB, &callbacks);
     return Connection(connection, {ldap});
 }
 
@@ -167,9 +189,9 @@ bool LdapNode::find(const DirectoryQueryTerms& terms, DirectoryRecords& records,
     if (!ldap) return false;
 
     int status = LDAP_SUCCESS;
-    const Connection connection = connectTo(ldap, settings_.uri, status);
+    const Connection connection = connectTo(ldap, settings_, status);
     LDAPMessage* answer = nullptr;
-    timeval timeout = searchTimeout;
+    timeval timeout = {settings_.answerSeconds, 0};
     if (connection)
         status = ldap->search(connection.get(), settings_.base.c_str(), LDAP_SCOPE_SUBTREE, filter.c_str(),
                               attributes, 0, nullptr, nullptr, &timeout, sizeLimit(terms), &answer);

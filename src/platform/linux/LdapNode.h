@@ -14,6 +14,8 @@ namespace platform {
 struct LdapSettings {
     std::string uri;
     std::string base;
+    int connectSeconds = 10; // how long a search waits for a server to let it connect, and again for TLS
+    int answerSeconds = 30;  // and for its answer
 };
 
 // The URI and BASE lines of a settings file in the form of ldap.conf; nothing without both of them.
@@ -26,8 +28,8 @@ public:
     // "/LDAPv3/" and the host of the first URI, with its port if that is there.
     std::string name() const;
 
-    // Blocks for at most ten seconds for each server that does not let it connect, and half a minute for the
-    // answer.
+    // Blocks for as long as the settings say, for each server that does not let it connect and for the answer. A message of
+    // more than 64 MB ends the search.
     bool find(const DirectoryQueryTerms& terms, DirectoryRecords& records,
               DirectoryError& error) const override;
 

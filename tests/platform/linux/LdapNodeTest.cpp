@@ -1,9 +1,11 @@
 #include "platform/linux/LdapNode.h"
 
 #include "support/Await.h"
+#include "support/LoopbackPeer.h"
 #include "support/ProcessDescriptors.h"
 #include "support/Sanitizers.h"
 #include "support/TemporaryFolder.h"
+#include "support/TlsServer.h"
 
 #include <gtest/gtest.h>
 
@@ -24,6 +26,58 @@ std::string settingsIn(const std::string& content) {
     testsupport::writeAll(folder.file("ldap.conf"), content);
     const auto settings = readLdapSettings(folder.file("ldap.conf"));
     return settings ? settings->uri + "|" + settings->base : "(none)";
+}
+
+// A field of an answer: its kind, its length in the four bytes' form, and what it holds.
+std::string field(int kind, const std::string& content, std::size_t length) {
+    std::string head = {static_cast<char>(kind), static_cast<char>(0x84)};
+    for (const int shift : {24, 16, 8, 0})
+        head += static_cast<char>(length >> shift);
+    return head + content;
+}
+std::string field(int kind, const std::string& content) { return field(kind, content, content.size()); }
+
+std::string message(int kind, const std::string& content) {
+    return field(0x30, field(2, "\1") + field(kind, content));
+}
+
+const std::string lastMessage = message(0x65, field(10, std::string(1, '\0')) + field(4, "") + field(4, ""));
+
+std::string entryOfAlice(const std::string& value) {
+    const std::string attribute = field(0x30, field(4, "description") + field(0x31, field(4, value)));
+    return message(0x64, field(4, "uid=alice") + field(0x30, attribute));
+}
+
+// The error's text of a search there, "" when it went well.
+std::string search(const LdapSettings& settings, DirectoryRecords& records) {
+    DirectoryQueryTerms terms;
+    terms.recordType = kODRecordTypeUsers;
+    terms.attribute = kODAttributeTypeRecordName;
+    terms.queryValue = "alice";
+    terms.returnAttributes = kODAttributeTypeAllAttributes;
+    DirectoryError error;
+    const bool whole = LdapNode(settings).find(terms, records, error);
+    EXPECT_EQ(whole, error.description.empty());
+    return error.description;
+}
+
+std::string local(const char* scheme, int port) {
+    return std::string(scheme) + "://127.0.0.1:" + std::to_string(port);
+}
+
+// The same of a search whose server answers this and leaves the connection open.
+std::string searchAnswered(const std::string& answer, DirectoryRecords& records, int seconds = 30,
+                           const char* scheme = "ldap") {
+    testsupport::LoopbackListener listener;
+    testsupport::Peer server;
+    std::thread serving([&] {
+        server = listener.accept();
+        server.read(1);
+        server.send(answer);
+    });
+    const std::string error = search({local(scheme, listener.port()), "dc=x", seconds, seconds}, records);
+    serving.join();
+    return error;
 }
 
 std::string nameOf(const char* uri) { return LdapNode({uri, "dc=x"}).name(); }
@@ -99,4 +153,55 @@ TEST(LdapNode, NamesTheLibraryThatCannotBeLoaded) {
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
     EXPECT_FALSE(platform::LdapNode({"ldap://127.0.0.1:1", "dc=example"}).find(terms, records, error));
     EXPECT_EQ(error.description.find("libldap"), std::string::npos) << error.description;
+}
+
+TEST(LdapNode, EndsAtAMessageThatIsSaidToBeLongerThan64MB) {
+    constexpr std::size_t limit = 64 * 1024 * 1024;
+    DirectoryRecords records;
+    EXPECT_EQ(searchAnswered(field(0x30, "", 0x7FFFFFFF), records), "Can't contact LDAP server");
+    EXPECT_EQ(searchAnswered(field(0x30, "", limit + 1), records), "Can't contact LDAP server");
+    EXPECT_TRUE(records.empty());
+}
+
+TEST(LdapNode, ReadsAnEntryOf60MB) {
+    const std::string value(60 * 1024 * 1024, 'v');
+    DirectoryRecords records;
+    EXPECT_EQ(searchAnswered(entryOfAlice(value) + lastMessage, records), "");
+    ASSERT_EQ(records.size(), 1u);
+    DirectoryDetails details;
+    DirectoryError error;
+    ASSERT_TRUE(records[0]->recordDetailsForAttributes({"dsAttrTypeNative:description"}, details, error));
+    EXPECT_TRUE(details["dsAttrTypeNative:description"] == std::vector<std::string>{value});
+}
+
+TEST(LdapNode, IsReadOverTls) {
+    setenv("LDAPTLS_REQCERT", "never", 1);
+    const testsupport::Certificate certificate("localhost");
+    testsupport::TlsServer server(certificate, [](SSL* session) {
+        testsupport::tlsReadUntil(session, "alice");
+        testsupport::tlsSend(session, entryOfAlice(std::string(100000, 'v')));
+        testsupport::tlsSend(session, lastMessage);
+    });
+    DirectoryRecords records;
+    EXPECT_EQ(search({local("ldaps", server.port()), "dc=x"}, records), "");
+    EXPECT_TRUE(server.finish());
+    ASSERT_EQ(records.size(), 1u);
+    EXPECT_EQ(records[0]->description(), "uid=alice");
+}
+
+TEST(LdapNode, WaitsForAnAnswerOnlySoLongWhereverItStops) {
+    EXPECT_EQ(LdapSettings{}.answerSeconds, 30);
+    for (const std::string& answer :
+         {std::string(), std::string("\x30"), field(0x30, "", 1000), field(0x30, "\2\1\1", 1000)}) {
+        DirectoryRecords records;
+        EXPECT_EQ(searchAnswered(answer, records, 1), "Timed out") << answer.size();
+    }
+}
+
+TEST(LdapNode, WaitsForTlsOnlySoLongWhereverItStops) {
+    EXPECT_EQ(LdapSettings{}.connectSeconds, 10);
+    for (const std::string& answer : {std::string(), std::string("\x16\3\3")}) {
+        DirectoryRecords records;
+        EXPECT_EQ(searchAnswered(answer, records, 1, "ldaps"), "Can't contact LDAP server") << answer.size();
+    }
 }
