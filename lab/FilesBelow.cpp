@@ -56,10 +56,19 @@ struct Emptied {
     std::string name;
     std::vector<std::string> folders; // that are still to be removed from it
     bool stays;
+    dev_t volume;
+    ino_t number;
 };
 
+bool isStill(const Emptied& emptied, int folder) {
+    struct stat entry {};
+    return fstat(folder, &entry) == 0 && entry.st_dev == emptied.volume && entry.st_ino == emptied.number;
+}
+
 Emptied withoutFiles(int folder, const std::string& name, const std::string& but = "") {
-    Emptied emptied{name, {}, true};
+    struct stat itself {};
+    fstat(folder, &itself);
+    Emptied emptied{name, {}, true, itself.st_dev, itself.st_ino};
     const int listed = openat(folder, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (listed < 0) return emptied;
     const std::unique_ptr<DIR, int (*)(DIR*)> entries(fdopendir(listed), closedir);
@@ -89,7 +98,8 @@ Descriptor openedForRemoval(int folder, const std::string& name) {
 
 } // namespace
 
-// Holds one folder open at a time, since there may be more of them below each other than a process may hold.
+// Holds one folder open at a time, since there may be more of them below each other than a process may hold. The way
+// back up is gone when somebody has moved a folder meanwhile: where that lies now, nothing is the lab's.
 bool removeAllIn(Descriptor folder, const std::string& but) {
     std::vector<Emptied> way = {withoutFiles(folder, "", but)};
     for (;;) {
@@ -107,7 +117,7 @@ bool removeAllIn(Descriptor folder, const std::string& but) {
         const std::string done = way.back().name;
         way.pop_back();
         folder = Descriptor(openat(folder, "..", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-        if (folder < 0) return false;
+        if (folder < 0 || !isStill(way.back(), folder)) return false;
         way.back().stays |= unlinkat(folder, done.c_str(), AT_REMOVEDIR) != 0;
     }
 }
