@@ -2,6 +2,8 @@
 
 #include "lab/Namespaces.h"
 
+#include <fmt/format.h>
+
 #include <fcntl.h>
 #include <sched.h>
 #include <signal.h>
@@ -12,7 +14,9 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <stdexcept>
+#include <utility>
 
 namespace lab {
 namespace {
@@ -22,12 +26,14 @@ constexpr int cannotRun = 99;
 struct Pipe {
     Pipe() {
         int ends[2];
-        if (pipe2(ends, O_CLOEXEC) != 0) throw std::runtime_error("no pipe for the program's processes");
-        reading = ends[0];
-        writing = ends[1];
+        if (pipe2(ends, O_CLOEXEC) != 0)
+            throw std::runtime_error(
+                fmt::format("no pipe for the program's processes: {}", std::strerror(errno)));
+        reading = Descriptor(ends[0]);
+        writing = Descriptor(ends[1]);
     }
-    int reading;
-    int writing;
+    Descriptor reading;
+    Descriptor writing;
 };
 
 struct Made {
@@ -60,14 +66,14 @@ bool leaveNamespaces(int kinds) {
     return unshare(CLONE_NEWPID) == 0;
 }
 
-[[noreturn]] void makeSpace(int kinds, const Pipe& lifeLine, const Pipe& report,
+[[noreturn]] void makeSpace(int kinds, Pipe& lifeLine, Pipe& report,
                             const std::function<void(int reason)>& run) {
-    close(lifeLine.writing);
-    close(report.reading);
+    lifeLine.writing = Descriptor();
+    report.reading = Descriptor();
     if (!leaveNamespaces(kinds)) {
         const int reason = errno;
-        close(lifeLine.reading);
-        close(report.writing);
+        lifeLine.reading = Descriptor();
+        report.writing = Descriptor();
         run(reason);
         _exit(cannotRun);
     }
@@ -75,8 +81,8 @@ bool leaveNamespaces(int kinds) {
     if (made.first == 0) keepSpace(lifeLine.reading);
     if (made.first > 0) made.program = forkSibling();
     if (made.program == 0) {
-        close(lifeLine.reading);
-        close(report.writing);
+        lifeLine.reading = Descriptor();
+        report.writing = Descriptor();
         run(0);
         _exit(cannotRun);
     }
@@ -101,27 +107,21 @@ pid_t forkFollower(const std::function<void()>& run) {
 ProcessSpace::~ProcessSpace() { end(); }
 
 pid_t ProcessSpace::start(int kinds, const std::function<void(int reason)>& run) {
-    const Pipe lifeLine, report;
+    Pipe lifeLine, report;
     const pid_t maker = forkFollower([&] { makeSpace(kinds, lifeLine, report, run); });
-    close(lifeLine.reading);
-    close(report.writing);
+    lifeLine.reading = Descriptor();
+    report.writing = Descriptor();
     Made made{};
-    const bool separate = read(report.reading, &made, sizeof made) == sizeof made;
-    close(report.reading);
-    if (!separate) {
-        close(lifeLine.writing);
-        return maker;
-    }
+    if (read(report.reading, &made, sizeof made) != sizeof made) return maker;
     waitpid(maker, nullptr, 0);
-    lifeLine_ = lifeLine.writing;
+    lifeLine_ = std::move(lifeLine.writing);
     first_ = made.first;
     if (made.program < 0) throw std::runtime_error("no process for the daemon");
     return made.program;
 }
 
 void ProcessSpace::end() {
-    if (lifeLine_ >= 0) close(lifeLine_);
-    lifeLine_ = -1;
+    lifeLine_ = Descriptor();
     if (first_ > 0) waitpid(first_, nullptr, 0);
     first_ = -1;
 }

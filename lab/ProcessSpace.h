@@ -4,6 +4,8 @@
 // is the lab's. When the space is ended, or the lab itself ends, killed or not, the kernel kills all that is in it, with
 // what has gone into the background.
 
+#include "lab/Descriptor.h"
+
 #include <functional>
 #include <sys/types.h>
 
@@ -29,7 +31,7 @@ public:
     void end();
 
 private:
-    int lifeLine_ = -1;
+    Descriptor lifeLine_;
     pid_t first_ = -1;
 };
 

@@ -4,12 +4,12 @@
 
 #include "lab/RootFolder.h"
 #include "support/Eventually.h"
+#include "support/FewDescriptors.h"
 #include "support/Sanitizers.h"
 
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
-#include <sys/resource.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -27,24 +27,6 @@ std::string openDescriptors() {
         if (fcntl(i, F_GETFD) >= 0) numbers += std::to_string(i) + " ";
     return numbers;
 }
-
-// Leaves room for so many more descriptors than there are.
-class FewDescriptors {
-public:
-    explicit FewDescriptors(rlim_t more) {
-        const int lowest = fcntl(STDIN_FILENO, F_DUPFD, 0);
-        close(lowest);
-        getrlimit(RLIMIT_NOFILE, &before_);
-        const rlimit few{static_cast<rlim_t>(lowest) + more, before_.rlim_max};
-        setrlimit(RLIMIT_NOFILE, &few);
-    }
-    ~FewDescriptors() { setrlimit(RLIMIT_NOFILE, &before_); }
-    FewDescriptors(const FewDescriptors&) = delete;
-    FewDescriptors& operator=(const FewDescriptors&) = delete;
-
-private:
-    rlimit before_{};
-};
 
 TEST(ARunOfTheDaemon, GivesItNoDescriptorOfTheLabs) {
     const lab::RootFolder root("");
@@ -64,17 +46,17 @@ TEST(ARunOfTheDaemon, ThatHasNoPipesSaysWhyAndKeepsNone) {
     if (testsupport::sanitized) GTEST_SKIP() << "a checker needs descriptors of its own";
     const lab::RootFolder root("");
     const std::string before = openDescriptors();
-    for (const rlim_t room : {0, 2}) {
+    for (const rlim_t room : {0, 2, 4, 6}) {
         lab::DaemonRun run(root, nullptr, OSTLER_BINARY_DIR "/tests/lab_onlooker");
         try {
-            const FewDescriptors few(room + 1); // one to look into the program with
+            const testsupport::FewDescriptors few(room + 1); // one to look into the program with
             run.start({});
             FAIL() << "no error";
         } catch (const std::runtime_error& error) {
             EXPECT_NE(std::string(error.what()).find(std::strerror(EMFILE)), std::string::npos)
-                << error.what();
+                << room << ": " << error.what();
         }
-        EXPECT_EQ(openDescriptors(), before);
+        EXPECT_EQ(openDescriptors(), before) << room;
     }
 }
 
