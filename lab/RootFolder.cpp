@@ -16,6 +16,7 @@
 #include <cstring>
 #include <filesystem>
 #include <system_error>
+#include <utility>
 
 namespace lab {
 namespace {
@@ -91,10 +92,7 @@ std::string RootFolder::outputTail() const {
     const ssize_t count =
         pread(file, text.data(), text.size(), entry.st_size > tail ? entry.st_size - tail : 0);
     text.resize(count > 0 ? static_cast<std::size_t>(count) : 0);
-    std::string shown;
-    for (const char byte : text)
-        shown += byte == '\n' || byte == '\t' ? std::string(1, byte) : printable({byte});
-    return shown;
+    return printable(std::move(text), "\n\t");
 }
 
 void RootFolder::configure(bool blockOnFailure, int logLevel) const {

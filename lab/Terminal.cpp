@@ -52,6 +52,28 @@ std::vector<std::string> wrapped(const std::string& text, std::size_t width) {
     return lines;
 }
 
+// Bytes of the character that begins there in UTF-8; 1 where none does.
+std::size_t characterLength(const std::string& text, std::size_t start) {
+    const auto byte = [&](std::size_t i) {
+        return start + i < text.size() ? static_cast<unsigned char>(text[start + i]) : 0U;
+    };
+    const unsigned first = byte(0);
+    const std::size_t length = first >= 0xc2 && first < 0xe0   ? 2
+                               : first >= 0xe0 && first < 0xf0 ? 3
+                               : first >= 0xf0 && first < 0xf5 ? 4
+                                                               : 1;
+    for (std::size_t i = 1; i < length; ++i)
+        if ((byte(i) & 0xc0) != 0x80) return 1;
+    const bool longerThanNeeded = (first == 0xe0 && byte(1) < 0xa0) || (first == 0xf0 && byte(1) < 0x90);
+    return longerThanNeeded ? 1 : length;
+}
+
+// Those from 0x80 on, by which a terminal is steered too.
+bool isUpperControl(char byte) {
+    const auto value = static_cast<unsigned char>(byte);
+    return value >= 0x80 && value < 0xa0;
+}
+
 } // namespace
 
 std::size_t widthOf(std::FILE* stream, std::size_t otherwise) {
@@ -80,9 +102,15 @@ std::string shortened(const std::string& text, std::size_t width) {
     return width <= 3 ? text.substr(0, width) : text.substr(0, width - 3) + "...";
 }
 
-std::string printable(std::string text) {
-    for (char& byte : text) {
-        if (static_cast<unsigned char>(byte) < 0x20 || byte == 0x7f) byte = '?';
+std::string printable(std::string text, const std::string& but) {
+    for (std::size_t i = 0; i < text.size();) {
+        const std::size_t length = characterLength(text, i);
+        const auto first = static_cast<unsigned char>(text[i]);
+        const bool lower = first < 0x20 || first == 0x7f;
+        const bool upper =
+            length == 1 ? isUpperControl(text[i]) : first == 0xc2 && isUpperControl(text[i + 1]);
+        if ((lower && but.find(text[i]) == std::string::npos) || upper) text.replace(i, length, length, '?');
+        i += length;
     }
     return text;
 }

@@ -20,9 +20,12 @@ bool showsColours(std::FILE* stream);
 // The text in that colour, or as it is.
 std::string coloured(const std::string& text, Colour colour, bool wanted);
 
-// Cut to a width, "..." at its end; bytes that a terminal should not see are replaced.
+// Cut to a width, "..." at its end.
 std::string shortened(const std::string& text, std::size_t width);
-std::string printable(std::string text);
+
+// Bytes that a terminal should not see are replaced, but for those of `but`: control characters, also those that UTF-8
+// has two bytes for, and the bytes that are one by themselves outside of UTF-8.
+std::string printable(std::string text, const std::string& but = "");
 
 // A table of some columns. The last one is wrapped into what is left, the others are cut where the line would be too
 // short.

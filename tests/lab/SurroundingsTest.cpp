@@ -176,6 +176,9 @@ TEST(RootFolder, TheOutputsTailSteersNoTerminal) {
     const RootFolder root("");
     testsupport::writeAll(root.output(), "a\x1b[31m\tb\r\n");
     EXPECT_EQ(root.outputTail(), "a?[31m\tb?\n");
+    testsupport::writeAll(root.output(), "a\xc2\x9b"
+                                         "31m\tb\n");
+    EXPECT_EQ(root.outputTail(), "a??31m\tb\n");
 }
 
 TEST(WorldServer, TakesThePlaceOfWhatAKilledProcessOfTheSameNumberLeftBehind) {

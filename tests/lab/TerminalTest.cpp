@@ -53,6 +53,32 @@ TEST(TextTable, WhatATerminalShouldNotSeeIsReplaced) {
     EXPECT_EQ(table.text(80, 0, false), "a?[2Jb\n");
 }
 
+TEST(Printable, IsNoControlCharacterOfUtf8) {
+    for (int byte = 0x80; byte < 0xc0; ++byte) {
+        const std::string text = std::string("\xc2") + static_cast<char>(byte);
+        EXPECT_EQ(lab::printable("a" + text + "b"), byte < 0xa0 ? "a??b" : "a" + text + "b") << byte;
+    }
+}
+
+TEST(Printable, AreTheLettersOfUtf8ThatHaveSuchBytes) {
+    for (const std::string letters : {"\xc3\x9b", "\xe2\x82\xac", "\xf0\x9f\x98\x80", "\xf4\x80\x80\x80"})
+        EXPECT_EQ(lab::printable(letters + letters), letters + letters);
+}
+
+TEST(Printable, AreNoControlBytesOutsideOfUtf8) {
+    EXPECT_EQ(lab::printable("a\x9b\xa0"), "a?\xa0");
+    EXPECT_EQ(lab::printable("\xc3"), "\xc3");
+    EXPECT_EQ(lab::printable("\xe0\x9b\xa0"), "\xe0?\xa0");
+    EXPECT_EQ(lab::printable("\xf0\x8f\xa0\xa0"), "\xf0?\xa0\xa0");
+    for (const std::string beginning : {"\xc0", "\xe0", "\xf0", "\xf5\xa0\xa0", "\xff"})
+        EXPECT_EQ(lab::printable(beginning + "\x9b["), beginning + "?[");
+}
+
+TEST(Printable, AreTheCharactersThatAreNamed) {
+    EXPECT_EQ(lab::printable("a\n\r\tb\x7f", "\n\t"), "a\n?\tb?");
+    EXPECT_EQ(lab::printable(std::string("a\0b", 3), "\n\t"), "a?b");
+}
+
 TEST(Terminal, ColumnsRulesTheWidth) {
     setenv("COLUMNS", "77", 1);
     EXPECT_EQ(lab::widthOf(stdout), 77u);
