@@ -74,9 +74,7 @@ std::vector<ConnectionRow> played(const std::string& capture, const CaptureFacts
     table.end();
     stage.daemon.stop();
     if (!alive) throw InputError(fmt::format("{}: {}", capture, engine.fault()));
-    if (engine.totals().unanswered)
-        throw InputError(fmt::format("{}: the daemon left {} packets without an answer", capture,
-                                     engine.totals().unanswered));
+    requireAnswers(capture, policyFile, engine.totals());
     return table.rows();
 }
 
@@ -171,6 +169,15 @@ void printText(const Comparison& comparison, const CompareOptions& options) {
 }
 
 } // namespace
+
+void requireAnswers(const std::string& capture, const std::string& policy, const Totals& totals) {
+    if (totals.unanswered == 0) return;
+    throw InputError(
+        fmt::format("{}: under {} the daemon left {} packets without an answer, so nothing can be "
+                    "compared; replay the capture with that policy and --json FILE, where their "
+                    "results are null",
+                    capture, policy, totals.unanswered));
+}
 
 void compareRows(Comparison& comparison, const std::string& capture, const std::vector<ConnectionRow>& before,
                  const std::vector<ConnectionRow>& after) {

@@ -3,6 +3,7 @@
 // `fernhill-lab compare`: plays captures under two policies and says what the second one changes.
 
 #include "lab/ConnectionRows.h"
+#include "lab/TableReport.h"
 
 #include <cstddef>
 #include <map>
@@ -51,6 +52,9 @@ struct Comparison {
 // Adds one capture's rows under both policies. Connections are the same by their ends and the time of their first packet.
 void compareRows(Comparison& comparison, const std::string& capture, const std::vector<ConnectionRow>& before,
                  const std::vector<ConnectionRow>& after);
+
+// Throws InputError where packets of a capture have had no answer under that policy.
+void requireAnswers(const std::string& capture, const std::string& policy, const Totals& totals);
 
 // Prints the differences: 0 without one, else 1. Throws InputError, also where a daemon fails.
 int compare(const CompareOptions& options);

@@ -101,7 +101,10 @@ private:
 
     void countTime() const {
         if (std::chrono::steady_clock::now() >= limit_)
-            throw InputError(program_ + ": its libraries take longer to be found than any build's");
+            throw InputError(program_ +
+                             ": its libraries take longer to be found than any build's; name fewer "
+                             "folders in LD_LIBRARY_PATH, or give a build whose libraries lie on "
+                             "this machine's own volumes");
     }
 
     void load(const std::string& name, std::size_t by, const std::vector<std::string>& folders) {

@@ -69,6 +69,20 @@ TEST(CompareRows, ALongerHoldIsADifferenceWithoutAnotherVerdict) {
     EXPECT_TRUE(comparison.changes.empty());
 }
 
+TEST(CompareRows, AreNoneWhereADaemonHasLeftPacketsWithoutAnAnswer) {
+    lab::Totals totals;
+    EXPECT_NO_THROW(lab::requireAnswers("one.pcap", "a.policy", totals));
+    totals.unanswered = 2;
+    try {
+        lab::requireAnswers("one.pcap", "a.policy", totals);
+        FAIL() << "no error";
+    } catch (const lab::InputError& error) {
+        EXPECT_STREQ(error.what(), "one.pcap: under a.policy the daemon left 2 packets without an answer, so "
+                                   "nothing can be compared; replay the capture with that policy and --json "
+                                   "FILE, where their results are null");
+    }
+}
+
 TEST(CompareRows, AConnectionOfOneSideAloneIsADifference) {
     const Comparison comparison = compared({}, {asked(1, Action::allow)});
     ASSERT_EQ(comparison.differences.size(), 1u);
