@@ -168,9 +168,10 @@ void Policy::addLine(const std::string& line, const std::string& place) {
         throw InputError(fmt::format("{}: a rule '{}' reads: {} {}PATTERN{}", place, shape->word, shape->word,
                                      shape->numberFirst ? "NUMBER " : "",
                                      shape->redirectLast ? " REDIRECT-URL" : ""));
-    Rule rule{shape->action, parts[shape->numberFirst ? 2 : 1], "", 0, line, {}};
+    Rule rule{parts[shape->numberFirst ? 2 : 1], {shape->action, "", 0, line}, 0, {}};
     if (shape->numberFirst) rule.number = wholeNumber(parts[1], place);
-    if (shape->redirectLast) rule.redirect = parts[2];
+    if (shape->action == Action::slow) rule.decision.milliseconds = rule.number;
+    if (shape->redirectLast) rule.decision.redirect = parts[2];
     rules_.push_back(std::move(rule));
 }
 
@@ -183,13 +184,14 @@ std::vector<std::string> Policy::hosts() const {
     return {hosts.begin(), hosts.end()};
 }
 
-Decision Policy::decide(const std::string& url) {
+const Decision& Policy::decide(const std::string& url) {
     for (Rule& rule : rules_) {
         if (!matches(rule.pattern, url)) continue;
-        if (rule.action == Action::retry && rule.asked[url]++ >= rule.number) continue;
-        return {rule.action, rule.redirect, rule.action == Action::slow ? rule.number : 0, rule.text};
+        if (rule.decision.action == Action::retry && rule.asked[url]++ >= rule.number) continue;
+        return rule.decision;
     }
-    return {};
+    static const Decision none;
+    return none;
 }
 
 } // namespace lab

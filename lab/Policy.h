@@ -38,8 +38,9 @@ public:
     // Reads the text of a policy; `name` stands for the file in errors. Throws InputError.
     static Policy parse(const std::string& text, const std::string& name);
 
-    // Decides one question. A `retry` rule counts its questions for each URL.
-    Decision decide(const std::string& url);
+    // Decides one question. A `retry` rule counts its questions for each URL. The policy, or what it is moved into, has
+    // the decision as long as it lives.
+    const Decision& decide(const std::string& url);
 
     // Bodies of the configuration frames: the JSON of the policy with a comma behind the value of each key, as
     // the daemon needs it, and an "update_url", empty where the policy names none: what the daemon logs of
@@ -53,11 +54,9 @@ public:
 
 private:
     struct Rule {
-        Action action;
         std::string pattern;
-        std::string redirect;
+        Decision decision;
         long number = 0;
-        std::string text;
         std::map<std::string, long> asked;
     };
 

@@ -22,6 +22,9 @@ namespace {
 // Of questions that wait: some hundred thousand of a daemon's.
 constexpr std::size_t mostKept = std::size_t{1} << 24;
 
+// Before another try to accept a connection when that has failed: nobody tells when descriptors are free again.
+constexpr int restMilliseconds = 100;
+
 constexpr char hostLookupError[] = R"({"error":"TW Host lookup timeout"})";
 constexpr char nonsense[] = "<<<this is no answer>>>";
 
@@ -29,6 +32,13 @@ constexpr char nonsense[] = "<<<this is no answer>>>";
 constexpr std::size_t mostPages = 32;
 
 constexpr char blockPage[] = "<!doctype html><title>Blocked</title><h1>This page is blocked</h1>\n";
+
+std::size_t roomOf(const Question& question) { return sizeof question + question.url.size(); }
+
+std::size_t roomOf(const PolicyAgent::SlowAnswer& answer) { return sizeof answer + answer.url.size(); }
+
+// Of a question that is still to be answered.
+std::size_t roomOf(const std::string& url) { return agentFrameHeaderSize + url.size(); }
 
 std::int64_t realMilliseconds() {
     return std::chrono::duration_cast<std::chrono::milliseconds>(
@@ -149,17 +159,18 @@ void PolicyAgent::serve() {
             sendUnsent();
             link = link_;
             owes = !unsent_.empty();
-            // A live run takes questions when connections end, which the pages that wait for answers would not let.
-            full = kept_ > mostKept && !owes && !ownTime_;
+            full = isFull() && !owes;
         }
+        const bool rests = realMilliseconds() < acceptsAt_;
         const short wanted = owes ? POLLOUT : POLLIN;
         std::vector<pollfd> waiting = {{wakeUp_, POLLIN, 0},
-                                       {linkListener_, POLLIN, 0},
-                                       {pageListener_, POLLIN, 0},
+                                       {rests ? -1 : linkListener_, POLLIN, 0},
+                                       {rests ? -1 : pageListener_, POLLIN, 0},
                                        {full ? -1 : link, wanted, 0}};
         for (const int page : pages_)
             waiting.push_back({page, POLLIN, 0});
-        if (poll(waiting.data(), waiting.size(), ownTime_ ? 10 : -1) < 0 && errno != EINTR) return;
+        const int patience = ownTime_ ? 10 : rests ? restMilliseconds : -1;
+        if (poll(waiting.data(), waiting.size(), patience) < 0 && errno != EINTR) return;
         std::uint64_t wakings = 0;
         if (waiting[0].revents && read(wakeUp_, &wakings, sizeof wakings) < 0) return;
         if (waiting[3].revents && !owes) readLink(link);
@@ -171,8 +182,14 @@ void PolicyAgent::serve() {
     }
 }
 
+int PolicyAgent::acceptAt(int listener) {
+    const int accepted = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+    if (accepted < 0) acceptsAt_ = realMilliseconds() + restMilliseconds;
+    return accepted;
+}
+
 void PolicyAgent::acceptLink() {
-    const int accepted = accept4(linkListener_, nullptr, nullptr, SOCK_CLOEXEC);
+    const int accepted = acceptAt(linkListener_);
     if (accepted < 0) return;
     // Small answers leave at once, though the one before is not acknowledged yet.
     const int on = 1;
@@ -219,7 +236,7 @@ void PolicyAgent::handleFrame(const AgentFrame& frame) {
     const std::uint32_t number = numberOf_ ? numberOf_(frame.sequence) : frame.sequence;
     if (frame.type == policyFrame && deferring_) {
         deferred_.emplace_back(number, urlOf(frame.body));
-        kept_ += frame.bytes.size();
+        kept_ += roomOf(deferred_.back().second);
         ++counters_.deferred;
     } else if (frame.type == policyFrame) {
         answer(number, urlOf(frame.body));
@@ -242,11 +259,10 @@ void PolicyAgent::answer(std::uint32_t sequence, const std::string& url) {
     const auto due = repeatsDue_.find(url);
     const bool repeated = due != repeatsDue_.end();
     if (repeated && --due->second == 0) repeatsDue_.erase(due);
-    const Decision decision = policy_.decide(url);
+    const Decision& decision = policy_.decide(url);
     ++counters_.questions;
     if (repeated) ++counters_.repeats;
-    questions_.push_back({url, decision, repeated});
-    kept_ += sizeof(Question) + url.size();
+    keep({url, decision, repeated});
 
     switch (decision.action) {
         case Action::allow:
@@ -267,12 +283,7 @@ void PolicyAgent::answer(std::uint32_t sequence, const std::string& url) {
             sendFrame(policyFrame, sequence, hostLookupError);
             break;
         case Action::slow:
-            kept_ += sizeof(SlowAnswer) + url.size();
-            if (ownTime_)
-                timedSlow_.push_back(
-                    {realMilliseconds() + decision.milliseconds, {sequence, url, 0, links_}});
-            else
-                slow_.push_back({sequence, url, decision.milliseconds, links_});
+            keepSlow({sequence, url, decision.milliseconds, links_});
             break;
         case Action::drop:
             closesWhenSent_ = link_ >= 0; // behind the answers before
@@ -284,6 +295,28 @@ void PolicyAgent::answer(std::uint32_t sequence, const std::string& url) {
             break;
     }
 }
+
+// In a live run they are taken when connections end, which the pages that wait for answers would not let: there it reads
+// on and leaves out what there is no room for.
+void PolicyAgent::keep(Question question) {
+    if (ownTime_ && kept_ > mostKept) {
+        ++counters_.untold;
+        return;
+    }
+    kept_ += roomOf(question);
+    questions_.push_back(std::move(question));
+}
+
+void PolicyAgent::keepSlow(SlowAnswer answer) {
+    (ownTime_ ? keptTimed_ : kept_) += roomOf(answer);
+    if (ownTime_)
+        timedSlow_.emplace_back(realMilliseconds() + answer.milliseconds, std::move(answer));
+    else
+        slow_.push_back(std::move(answer));
+}
+
+// In a live run of slow answers alone, which leave by themselves.
+bool PolicyAgent::isFull() const { return (ownTime_ ? keptTimed_ : kept_) > mostKept; }
 
 void PolicyAgent::sendFrame(std::uint32_t type, std::uint32_t sequence, const std::string& body) {
     sendBytes(agentFrame(type, sequence, body));
@@ -336,17 +369,17 @@ void PolicyAgent::sendDueSlow() {
 
 // The serving thread reads on where there is room again.
 void PolicyAgent::countKept() {
-    const bool wasFull = kept_ > mostKept;
-    kept_ = 0;
+    const bool wasFull = isFull();
+    kept_ = keptTimed_ = 0;
     for (const Question& question : questions_)
-        kept_ += sizeof question + question.url.size();
+        kept_ += roomOf(question);
     for (const SlowAnswer& answer : slow_)
-        kept_ += sizeof answer + answer.url.size();
+        kept_ += roomOf(answer);
     for (const auto& [due, answer] : timedSlow_)
-        kept_ += sizeof answer + answer.url.size();
+        keptTimed_ += roomOf(answer);
     for (const auto& [sequence, url] : deferred_)
-        kept_ += agentFrameHeaderSize + url.size();
-    if (wasFull && kept_ <= mostKept) wake();
+        kept_ += roomOf(url);
+    if (wasFull && !isFull()) wake();
 }
 
 void PolicyAgent::closeLink() {
@@ -371,7 +404,7 @@ void PolicyAgent::closeRetired() {
 }
 
 void PolicyAgent::acceptPage() {
-    const int page = accept4(pageListener_, nullptr, nullptr, SOCK_CLOEXEC);
+    const int page = acceptAt(pageListener_);
     if (page < 0) return;
     pages_.push_back(page);
     if (pages_.size() > mostPages) closePage(pages_.front());

@@ -3,8 +3,8 @@
 // The stand-in agent: TCP 127.0.0.1:3456 with the agent's frames, and the block page on port 6543. A thread of
 // its own serves both; a policy decides the answers. The counters say what has happened on the link, so that
 // a replay can wait until every question has had its chance. Nobody waits for a program that takes no answers: it is
-// read no more until it does; nor, but in a live run, is one whose questions nobody has taken yet, beyond what there is
-// room for.
+// read no more until it does; nor is one whose questions nobody has taken yet, beyond what there is room for. In a live
+// run such questions are answered and left out.
 
 #include "agent/OstComm.h"
 #include "lab/AgentFrame.h"
@@ -26,10 +26,11 @@
 
 namespace lab {
 
-// One question about a URL, as the agent saw it.
+// One question about a URL, as the agent saw it, which has its decision as long as it lives: the words of a rule are not
+// kept for each question.
 struct Question {
     std::string url;
-    Decision decision;
+    const Decision& decision;
     bool repeated = false; // asked again after a host-lookup error
 };
 
@@ -82,6 +83,7 @@ public:
         long drops = 0;       // of these, links closed instead of an answer
         long pushes = 0;      // configuration frames sent
         long deferred = 0;    // questions that wait, not counted above
+        long untold = 0;      // of the questions, those left out of what takeQuestions hands over
         bool linked = false;  // a logon has come on the link that is open
     };
     Counters counters();
@@ -116,11 +118,15 @@ private:
     using TimedAnswer = std::pair<std::int64_t, SlowAnswer>; // with the real milliseconds at which it leaves
 
     void serve();
+    int acceptAt(int listener);
     void acceptLink();
     void readLink(int link);
     void handleFrame(const AgentFrame& frame);
     void answer(std::uint32_t sequence, const std::string& url);
     bool answeredByConduct(std::uint32_t sequence, const std::string& url);
+    void keep(Question question);
+    void keepSlow(SlowAnswer answer);
+    bool isFull() const;
     void sendBytes(const std::string& bytes);
     void sendUnsent();
     void wake() const;
@@ -147,7 +153,8 @@ private:
     std::deque<TimedAnswer> timedSlow_;
     bool deferring_ = false;
     std::vector<std::pair<std::uint32_t, std::string>> deferred_;
-    std::size_t kept_ = 0; // bytes of the questions that wait to be taken or answered
+    std::size_t kept_ = 0;      // bytes of the questions that wait to be taken or answered
+    std::size_t keptTimed_ = 0; // and of the slow answers that leave by themselves
     std::uint32_t nextSequence_ = 0x80000000;
     int link_ = -1;
     std::string unsent_;          // what the link has had no room for
@@ -159,7 +166,8 @@ private:
     int linkListener_ = -1;
     int pageListener_ = -1;
     int wakeUp_ = -1;
-    std::vector<int> pages_; // connections at which nothing has been asked, oldest first
+    std::int64_t acceptsAt_ = 0; // real milliseconds; no connection is accepted before
+    std::vector<int> pages_;     // connections at which nothing has been asked, oldest first
     AgentFrameReader received_;
     std::thread thread_;
 };

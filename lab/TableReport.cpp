@@ -170,6 +170,13 @@ void TableReport::liveSummary(const Totals& totals, const std::string& root) {
         totals.connections, totals.presented, totals.unanswered, totals.passed, totals.dropped,
         totals.redirected, totals.heldToTheEnd);
     printAnswers(totals);
+    if (totals.untold)
+        fmt::print(
+            out_,
+            "It was asked {} times more than it keeps until connections end (16 MB): those questions were "
+            "answered,\nand no row has them. See in the daemon's log why it asks so often (--root DIR "
+            "--log 65).\n",
+            totals.untold);
     if (!root.empty()) fmt::print(out_, "The daemon's files, its log and its output are in {}.\n", root);
     std::fflush(out_);
 }

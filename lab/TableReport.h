@@ -28,7 +28,8 @@ struct Totals {
     long heldToTheEnd = 0;
     long notPresented = 0; // behind a redirect, or after the daemon's end
     long connections = 0;
-    long asked = 0; // questions to the agent, repetitions included
+    long asked = 0;  // questions to the agent, repetitions included
+    long untold = 0; // of a live run's, those that no row has
     std::map<Action, long> answers;
     std::map<std::string, long> redirects; // connections by their redirect URL
     long unsettled = 0;                    // waits for the agent link that ran out

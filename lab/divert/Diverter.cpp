@@ -230,6 +230,7 @@ void Diverter::finish() {
     connections_.sweep(microseconds(), true);
     takeQuestions();
     totals_.connections = connections_.count();
+    totals_.untold = agent_.counters().untold;
 }
 
 Totals Diverter::totals() {

@@ -2,8 +2,10 @@
 
 #include "platform/ByteOrder.h"
 #include "support/Eventually.h"
+#include "support/FewDescriptors.h"
 #include "support/FixedPorts.h"
 #include "support/Patience.h"
+#include "support/Sanitizers.h"
 
 #include <gtest/gtest.h>
 
@@ -13,6 +15,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <future>
@@ -494,6 +497,94 @@ TEST_F(PolicyAgentTest, APortThatIsTakenIsAnErrorThatNamesIt) {
     } catch (const lab::InputError& error) {
         EXPECT_STREQ(error.what(),
                      "127.0.0.1:3456: Address already in use (is an agent or another lab running?)");
+    }
+}
+
+TEST_F(PolicyAgentTest, TheWordsOfARuleAreKeptOnceForAllItsQuestions) {
+    start("block * http://page/" + std::string(1000, 'x'));
+    for (std::uint32_t number = 1; number <= 2; ++number)
+        client_->ask(number, "http://a/");
+    ASSERT_TRUE(awaitQuestions(2));
+    const auto questions = agent_->takeQuestions();
+    EXPECT_EQ(questions.at(0).decision.redirect, "http://page/" + std::string(1000, 'x'));
+    EXPECT_EQ(questions.at(0).decision.redirect.data(), questions.at(1).decision.redirect.data());
+    EXPECT_EQ(questions.at(0).decision.rule.data(), questions.at(1).decision.rule.data());
+}
+
+TEST_F(PolicyAgentTest, InALiveRunQuestionsThatThereIsNoRoomForAreAnsweredAndLeftOut) {
+    start("allow *", true);
+    const auto ask = [this](std::uint32_t first, std::uint32_t last) {
+        for (std::uint32_t number = first; number <= last; ++number) {
+            client_->ask(number, std::string(1000000, 'x'));
+            ASSERT_EQ(client_->frame(), "1 " + std::to_string(number) + " {}");
+        }
+    };
+    ask(1, 20);
+    EXPECT_EQ(agent_->counters().questions, 20);
+    EXPECT_EQ(agent_->counters().untold, 3);
+    EXPECT_EQ(agent_->takeQuestions().size(), 17u);
+    ask(21, 22);
+    EXPECT_EQ(agent_->counters().untold, 3);
+    EXPECT_EQ(agent_->takeQuestions().size(), 2u);
+}
+
+TEST_F(PolicyAgentTest, InALiveRunNoMoreSlowAnswersWaitThanThereIsRoomFor) {
+    constexpr long count = 30;
+    start("slow 300 *", true);
+    auto asked = std::async(std::launch::async, [this] {
+        for (std::uint32_t number = 1; number <= count; ++number)
+            client_->ask(number, std::string(1000000, 'x'));
+    });
+    long most = 0;
+    EXPECT_TRUE(agent_->waitUntil(
+        [&](const auto& counters) {
+            most = std::max(most, counters.questions - counters.answers);
+            return counters.answers == count;
+        },
+        testsupport::patienceMilliseconds))
+        << "they are not read on";
+    EXPECT_LE(most, 17);
+    agent_.reset(); // which frees whoever still asks
+    asked.wait();
+}
+
+// How often no connection could be accepted.
+std::atomic<int> refusals{0};
+
+} // namespace
+
+extern "C" int __real_accept4(int listener, sockaddr* address, socklen_t* length, int flags);
+extern "C" int __wrap_accept4(int listener, sockaddr* address, socklen_t* length, int flags) {
+    const int accepted = __real_accept4(listener, address, length, flags);
+    if (accepted < 0) ++refusals;
+    return accepted;
+}
+
+namespace {
+
+TEST_F(PolicyAgentTest, AConnectionThatNoDescriptorIsLeftForIsTriedNowAndThenUntilThereIsOne) {
+    if (testsupport::sanitized) GTEST_SKIP() << "a checker needs descriptors of its own";
+    start("allow *");
+    client_->ask(1, "http://a/");
+    EXPECT_EQ(client_->frame(), "1 1 {}");
+    std::unique_ptr<Client> other;
+    for (const int port : {PolicyAgent::linkPort, PolicyAgent::pagePort}) {
+        {
+            const testsupport::FewDescriptors few(1); // for the client's end
+            refusals = 0;
+            const auto since = std::chrono::steady_clock::now();
+            other = std::make_unique<Client>(port);
+            EXPECT_TRUE(testsupport::eventually([] { return refusals >= 4; }));
+            EXPECT_GE(std::chrono::steady_clock::now() - since, std::chrono::milliseconds(250))
+                << port << ": it is tried without a pause";
+        }
+        other->send(port == PolicyAgent::linkPort ? lab::agentFrame(1, 2, R"({"url":"http://a/"})")
+                                                  : "GET / HTTP/1.1\r\n\r\n");
+        if (port == PolicyAgent::linkPort)
+            EXPECT_EQ(other->frame(), "1 2 {}");
+        else
+            EXPECT_NE(other->rest().find("This page is blocked"), std::string::npos);
+        other.reset();
     }
 }
 

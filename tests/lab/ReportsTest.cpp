@@ -277,6 +277,21 @@ TEST_F(TableReportTest, TheSummaryCountsPacketsAnswersAndRedirects) {
         EXPECT_NE(output.find(part), std::string::npos) << part << "\n" << output;
 }
 
+TEST_F(TableReportTest, TheSummaryOfALiveRunSaysWhichQuestionsNoRowHas) {
+    lab::Totals totals;
+    totals.asked = 3;
+    report_.liveSummary(totals, "");
+    EXPECT_EQ(text().find("no row has them"), std::string::npos) << text();
+    totals.untold = 2;
+    report_.liveSummary(totals, "");
+    EXPECT_NE(
+        text().find("asked 2 times more than it keeps until connections end (16 MB): those questions were "
+                    "answered,\nand no row has them. See in the daemon's log why it asks so often (--root "
+                    "DIR --log 65).\n"),
+        std::string::npos)
+        << text();
+}
+
 TEST(TableReport, WithoutAFileNothingIsWritten) {
     lab::TableReport report(nullptr);
     testing::internal::CaptureStdout();
