@@ -9,6 +9,9 @@ import time
 FOREVER = 1e9  # a deadline that never comes
 GRACE = 3.0  # seconds that a command has to end by itself
 LONGEST = 86400.0  # seconds; what the system takes for a time-out has bounds
+LOOK = 0.2  # seconds between two looks whether the run has been asked to end
+
+_asked = False  # to end the run
 
 
 class OutOfTime(Exception):
@@ -16,13 +19,33 @@ class OutOfTime(Exception):
 
 
 def left(deadline):
-    """Seconds until a deadline of the monotonic clock, at least 0."""
-    return min(max(deadline - time.monotonic(), 0.0), LONGEST)
+    """Seconds until a deadline of the monotonic clock, at least 0. None are left of a run that was asked to end."""
+    return 0.0 if _asked else min(max(deadline - time.monotonic(), 0.0), LONGEST)
 
 
 def end_when_asked():
-    """Lets the request to end a run end what it has started, as a key on the terminal does."""
-    signal.signal(signal.SIGTERM, signal.default_int_handler)
+    """Lets the request to end a run, and the key on the terminal, end what it has started, on whichever thread."""
+    for number in (signal.SIGTERM, signal.SIGINT):
+        signal.signal(number, _end_all)
+
+
+def _end_all(number, frame):
+    global _asked
+    _asked = True
+    signal.default_int_handler(number, frame)
+
+
+def was_asked():
+    """Whether the run has been asked to end."""
+    return _asked
+
+
+def waited(wait, deadline, name):
+    """What a process's wait or communicate answers. Signals come to the main thread alone, so the others look."""
+    while some := min(left(deadline), LOOK):
+        with contextlib.suppress(subprocess.TimeoutExpired):
+            return wait(timeout=some)
+    raise OutOfTime(name)
 
 
 def run(words, deadline, cwd=None):
@@ -32,10 +55,10 @@ def run(words, deadline, cwd=None):
     process = subprocess.Popen(words, cwd=cwd, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,
                                errors="replace", start_new_session=True)
     try:
-        output, _ = process.communicate(timeout=left(deadline))
-    except BaseException as wrong:
+        output, _ = waited(process.communicate, deadline, words[0])
+    except BaseException:
         _end(process)
-        raise OutOfTime(words[0]) if isinstance(wrong, subprocess.TimeoutExpired) else wrong
+        raise
     return process.returncode, output
 
 

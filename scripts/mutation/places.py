@@ -1,6 +1,7 @@
 """Finds the mutants of source files, and the statements that the coverage map knows."""
 import hashlib
 import json
+import multiprocessing
 import pathlib
 import shlex
 from concurrent.futures import ProcessPoolExecutor, TimeoutError
@@ -54,11 +55,16 @@ class Sources:
 
     def _read_anew(self, files):
         with ProcessPoolExecutor(self._jobs) as pool:
-            for file, found in zip(files, pool.map(_find, [str(self.root)] * len(files), files,
-                                                   [self.arguments(file) for file in files],
-                                                   timeout=bounded.left(self._deadline))):
-                self._kept(file).parent.mkdir(parents=True, exist_ok=True)
-                self._kept(file).write_text(json.dumps(found))
+            try:
+                for file, found in zip(files, pool.map(_find, [str(self.root)] * len(files), files,
+                                                       [self.arguments(file) for file in files],
+                                                       timeout=bounded.left(self._deadline))):
+                    self._kept(file).parent.mkdir(parents=True, exist_ok=True)
+                    self._kept(file).write_text(json.dumps(found))
+            except BaseException:
+                for process in multiprocessing.active_children():
+                    process.kill()  # or the pool waits for what each is reading
+                raise
 
     def _kept(self, file):
         digest = hashlib.sha256(file.encode() + (self.root / file).read_bytes())

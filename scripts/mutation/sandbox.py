@@ -1,6 +1,7 @@
 """Runs one test behind bubblewrap. A changed program runs with the rights of the tests, and nobody knows what the
 change makes it do: so it sees the machine read-only, has a temporary folder, a network and process numbers of its
 own, and whatever it leaves behind ends with it."""
+import contextlib
 import dataclasses
 import os
 import pathlib
@@ -8,6 +9,8 @@ import signal
 import subprocess
 import threading
 import time
+
+from mutation import bounded
 
 PASSED, FAILED, TIMED_OUT = "passed", "failed", "timed out"
 
@@ -63,10 +66,13 @@ def _run(words, limit):
     reader = threading.Thread(target=lambda: said.append(_beginning(process.stdout)))
     reader.start()
     try:
-        status = process.wait(limit)
-    except subprocess.TimeoutExpired:
-        os.killpg(process.pid, signal.SIGKILL)  # which takes all of its world along
+        status = bounded.waited(process.wait, time.monotonic() + limit, words[-1])
+    except BaseException as wrong:
+        with contextlib.suppress(ProcessLookupError):
+            os.killpg(process.pid, signal.SIGKILL)  # which takes all of its world along
         process.wait()
+        if bounded.was_asked() or not isinstance(wrong, bounded.OutOfTime):
+            raise  # that says nothing of the program
         status = None
     reader.join()
     return status, said[0].decode(errors="replace")

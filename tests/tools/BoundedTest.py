@@ -1,5 +1,10 @@
 """Commands that end with the time of a run, what is known of tests until then, and which folders' tests are asked."""
+import contextlib
+import functools
+import json
+import os
 import pathlib
+import signal
 import subprocess
 import sys
 import tempfile
@@ -7,7 +12,7 @@ import time
 import unittest
 from unittest import mock
 
-from support import ROOT, a_mutant
+from support import ROOT, a_mutant, needs_clang
 
 from mutation import bounded, cases, judge, reach, rounds, sandbox, tree, twins
 from mutation.mutant import Edit
@@ -15,6 +20,13 @@ from mutation.mutant import Edit
 
 def case(name, folder):
     return cases.Case(name, ("program",), (), "/", folder, f"tests/{folder}_tests")
+
+
+def comes_true(condition):
+    ends = time.monotonic() + 20
+    while not condition() and time.monotonic() < ends:
+        time.sleep(0.01)
+    return condition()
 
 
 OWN, APP, OTHER = case("Own.Test", "gp"), case("App.Test", "app"), case("Other.Test", "dns")
@@ -32,17 +44,12 @@ class Commands(unittest.TestCase):
 
     def out_of_time(self, words, note):
         """Runs a command whose time is over as soon as the note is there."""
+        ends = time.monotonic() + 20
 
-        class Stopped(subprocess.Popen):
-            def communicate(self, text=None, timeout=None):
-                ends = time.monotonic() + 20
-                while timeout is not None and not (note.exists() and note.read_text()) and time.monotonic() < ends:
-                    time.sleep(0.01)
-                if timeout is not None:
-                    raise subprocess.TimeoutExpired(self.args, timeout)
-                return super().communicate(text)
+        def left(_):
+            return 0.0 if (note.exists() and note.read_text()) or time.monotonic() > ends else 0.01
 
-        with self.assertRaises(bounded.OutOfTime), mock.patch.object(subprocess, "Popen", Stopped):
+        with self.assertRaises(bounded.OutOfTime), mock.patch.object(bounded, "left", left):
             bounded.run(words, bounded.FOREVER)
 
     def test_take_along_what_they_have_started(self):
@@ -66,21 +73,6 @@ class Commands(unittest.TestCase):
             self.out_of_time(["ninja", "-C", folder], pathlib.Path(folder, "whole"))
             self.assertFalse(pathlib.Path(folder, "whole").exists())
 
-    def test_end_with_a_run_that_is_asked_to(self):
-        with tempfile.TemporaryDirectory() as folder:
-            note = pathlib.Path(folder, "number")
-            words = f"sleep 600 & echo $! > {note}.new; mv {note}.new {note}; wait"
-            text = ("from mutation import bounded; bounded.end_when_asked(); "
-                    f"bounded.run(['sh', '-c', {words!r}], bounded.FOREVER)")
-            asked = subprocess.Popen([sys.executable, "-c", text], cwd=ROOT / "scripts", stderr=subprocess.DEVNULL)
-            ends = time.monotonic() + 20
-            while not note.exists() and time.monotonic() < ends:
-                time.sleep(0.01)
-            child = int(note.read_text())
-            asked.terminate()
-            self.assertNotEqual(asked.wait(20), 0)
-            self.assert_ends(child)
-
     def test_are_not_begun_behind_the_deadline(self):
         with mock.patch.object(subprocess, "Popen", side_effect=AssertionError("begun")), \
                 self.assertRaises(bounded.OutOfTime):
@@ -99,6 +91,78 @@ class Commands(unittest.TestCase):
 
     def test_have_no_time_behind_the_deadline(self):
         self.assertEqual(bounded.left(time.monotonic() - 1), 0.0)
+
+
+class Ends(unittest.TestCase):
+    """Of runs that are asked to end, wherever their threads are."""
+
+    def setUp(self):
+        self.seconds = f"600.{os.getpid()}"  # by which what a run has started is known
+
+    def started(self):
+        """The processes that the run has started."""
+        found = []
+        for path in pathlib.Path("/proc").glob("[0-9]*/cmdline"):
+            with contextlib.suppress(FileNotFoundError, ProcessLookupError):
+                if path.read_bytes().split(b"\0")[:2] == [b"sleep", self.seconds.encode()]:
+                    found.append(int(path.parent.name))
+        return found
+
+    def assert_ends(self, text, count=2, number=signal.SIGTERM):
+        """Has a run that starts so many processes end, and all of them with it."""
+        begin = "import pathlib; from concurrent.futures import ThreadPoolExecutor; from unittest import mock\n" \
+                "from mutation import bounded, cases, judge, reach, sandbox\nbounded.end_when_asked()\n"
+        asked = subprocess.Popen([sys.executable, "-c", begin + text], cwd=ROOT / "scripts", stderr=subprocess.DEVNULL)
+        try:
+            self.assertTrue(comes_true(lambda: len(self.started()) == count))
+            asked.send_signal(number)
+            self.assertNotEqual(asked.wait(20), 0)
+            self.assertTrue(comes_true(lambda: not self.started()))
+        finally:
+            asked.kill()
+            asked.wait()
+            for process in self.started():
+                os.kill(process, signal.SIGKILL)
+
+    def test_are_those_of_a_command(self):
+        self.assert_ends(f"bounded.run(['sh', '-c', 'sleep {self.seconds} & wait'], bounded.FOREVER)", 1)
+
+    def test_are_those_of_commands_on_threads(self):
+        text = f"run = lambda _: bounded.run(['sleep', '{self.seconds}'], bounded.FOREVER)\n" \
+               "with ThreadPoolExecutor(2) as pool:\n    list(pool.map(run, range(9)))"
+        for number in (signal.SIGTERM, signal.SIGINT):
+            self.assert_ends(text, number=number)
+
+    @unittest.skipUnless(sandbox.available(), "bubblewrap cannot make its namespaces here")
+    def test_are_those_of_tests_that_judge_on_threads_and_they_say_nothing_of_the_mutants(self):
+        text = f"case = cases.Case('A.Test', ('sleep', '{self.seconds}'), (), '/', 'gp', 'sleep')\n" \
+               "chooser = mock.Mock(); chooser.tests.return_value = [case] * 3; chooser.limit.return_value = 500\n" \
+               "told = lambda verdict: verdict.result == judge.NOT_JUDGED or print(verdict.result)\n" \
+               "judging = judge.Judge(pathlib.Path('/'), None, chooser, None, 2, bounded.FOREVER, told)\n" \
+               "with ThreadPoolExecutor(2) as pool:\n" \
+               "    list(pool.map(lambda number: judging._judge((), number, None), range(1, 9)))"
+        with tempfile.TemporaryFile() as said, mock.patch.object(
+                subprocess, "Popen", functools.partial(subprocess.Popen, stdout=said)):
+            self.assert_ends(text)
+            said.seek(0)
+            self.assertEqual(said.read(), b"")
+
+    @needs_clang
+    def test_are_those_of_sources_that_are_read(self):
+        with tempfile.TemporaryDirectory() as folder:
+            root = pathlib.Path(folder)
+            (root / "src").mkdir()
+            for name in "ABC":
+                (root / f"src/{name}.cpp").write_bytes(CODE)
+            entry = {"file": str(root / "src/A.cpp"), "command": "c++ -c A.cpp"}
+            (root / "compile_commands.json").write_text(json.dumps([entry]))
+            self.assert_ends(
+                "import subprocess\nfrom mutation import places\n"
+                f"def _find(*_): subprocess.run(['sleep', '{self.seconds}'], preexec_fn=die_with_parent)\n"
+                "def die_with_parent(): import ctypes; ctypes.CDLL(None).prctl(1, 9)\n"
+                "_find.__module__, places._find = 'mutation.places', _find\n"
+                f"places.Sources({folder!r}, {folder!r}, {folder + '/kept'!r}, 2)._read_anew("
+                "['src/A.cpp', 'src/B.cpp', 'src/C.cpp'])")
 
 
 class Maps(unittest.TestCase):
