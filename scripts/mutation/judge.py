@@ -38,7 +38,8 @@ class Judge:
         self._places = queue.Queue()  # the trees for mutants that are built alone
         for number in range(jobs):
             self._places.put(f"alone-{number}")
-        self._fit = {}             # (in a shared build, test) -> whether it passes there with nothing changed
+        self._fit = {}             # (in a shared build, test) -> how it ends there with nothing changed
+        self.unsteady = set()      # tests that failed once and passed once with nothing changed
         self._gate = Gate()
 
     def all(self, mutants):
@@ -144,8 +145,17 @@ class Judge:
                 if result == sandbox.PASSED:
                     return UNSTEADY
             if result == sandbox.FAILED:
-                return KILLED if self._is_fit(replaced if number else (), case) else SURVIVED
+                return self._said_by_failing(case, replaced, number)
         return SURVIVED if result == sandbox.PASSED else self._said_alone_by(case, replaced, number)
+
+    def _said_by_failing(self, case, replaced, number):
+        """What a test says that failed twice. One that fails by chance with nothing changed must fail once more."""
+        unchanged = self._unchanged(replaced if number else (), case)
+        if unchanged == sandbox.FAILED:
+            return SURVIVED
+        if unchanged == UNSTEADY and self._run(case, replaced, number).result != sandbox.FAILED:
+            return UNSTEADY
+        return KILLED
 
     def _said_alone_by(self, case, replaced, number):
         """What a test says that ran out of time. That may be the machine's doing: so it runs again beside no other,
@@ -166,10 +176,16 @@ class Judge:
             raise bounded.OutOfTime(case.name)
         return outcome
 
-    def _is_fit(self, replaced, case):
+    def _unchanged(self, replaced, case):
+        """How a test ends with nothing changed. It fails where it fails twice."""
         key = (bool(replaced), case.name)
         if key not in self._fit:
-            self._fit[key] = self._run(case, replaced, 0).result == sandbox.PASSED
+            passed = [self._run(case, replaced, 0).result == sandbox.PASSED]
+            if not passed[0]:
+                passed.append(self._run(case, replaced, 0).result == sandbox.PASSED)
+            self._fit[key] = sandbox.PASSED if all(passed) else UNSTEADY if any(passed) else sandbox.FAILED
+        if self._fit[key] == UNSTEADY:
+            self.unsteady.add(case.name)
         return self._fit[key]
 
     def _tell(self, verdict):

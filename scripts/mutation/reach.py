@@ -16,12 +16,13 @@ BESIDE = 2  # tests for each job: much of a test is waiting
 class Map:
     """Reached statements of the files that were looked at, and what each test needs when nothing is changed."""
 
-    def __init__(self, reached, names, seconds, failing, unseen=frozenset()):
+    def __init__(self, reached, names, seconds, failing, unseen=frozenset(), unsteady=frozenset()):
         self._reached = {file: {place: [names[index] for index in indices] for place, indices in places.items()}
                          for file, places in reached.items()}
         self.seconds = seconds   # test -> seconds
         self.failing = failing   # tests that fail with nothing changed, and judge nothing
         self.unseen = unseen     # tests that there was no time for
+        self.unsteady = unsteady  # tests that failed once and passed once as the map was made
 
     def tests(self, file, statement):
         """The tests that reach the statement; None where the map cannot tell."""
@@ -39,7 +40,7 @@ def of(files, sources, cases, tree, kept, jobs, say, deadline=bounded.FOREVER):
     digest = _digest(sources.root, cases)
     stored = _stored(kept, digest)
     hashes = {file: hashlib.sha256((sources.root / file).read_bytes()).hexdigest() for file in files}
-    unseen = set()
+    unseen, unsteady = set(), set()
     missing = [file for file in files if stored["hashes"].get(file) != hashes[file]]
     if missing:
         say(f"coverage map: {len(cases)} tests over {len(missing)} files")
@@ -48,11 +49,13 @@ def of(files, sources, cases, tree, kept, jobs, say, deadline=bounded.FOREVER):
         stored["reached"].update(made["reached"])
         stored.update(seconds=made["seconds"], failing=made["failing"])
         unseen.update(made["unseen"])
+        unsteady.update(made["unsteady"])
         if not unseen:
             kept.parent.mkdir(parents=True, exist_ok=True)
             kept.write_text(json.dumps(stored))
     wanted = {file: stored["reached"][file] for file in files}
-    return Map(wanted, [case.name for case in cases], stored["seconds"], set(stored["failing"]), frozenset(unseen))
+    return Map(wanted, [case.name for case in cases], stored["seconds"], set(stored["failing"]), frozenset(unseen),
+               frozenset(unsteady))
 
 
 def _stored(kept, digest):
@@ -90,35 +93,37 @@ def _make(files, sources, cases, tree, jobs, deadline):
     replaced = tree.replaced(programs)
 
     reached = {file: {} for file in files}  # indices of the cases
-    seconds, failing, unseen = {}, [], []
+    seconds, failing, unseen, unsteady = {}, [], [], []
     with ThreadPoolExecutor(BESIDE * jobs) as pool:
         results = pool.map(lambda case: _watched(case, replaced, tree.directory, deadline), cases)
-        for index, (outcome, found) in enumerate(results):
+        for index, (outcome, found, failures) in enumerate(results):
             if not outcome:
                 unseen.append(cases[index].name)
                 continue
             seconds[cases[index].name] = outcome.seconds
             if outcome.result != sandbox.PASSED:
                 failing.append(cases[index].name)
+            elif failures:
+                unsteady.append(cases[index].name)
             for number in found:
                 file, place = numbered[number]
                 reached[file].setdefault(place, []).append(index)
-    return {"reached": reached, "seconds": seconds, "failing": failing, "unseen": unseen}
+    return {"reached": reached, "seconds": seconds, "failing": failing, "unseen": unseen, "unsteady": unsteady}
 
 
 def _watched(case, replaced, folder, deadline):
-    """Runs a test, once more where it fails, and tells the numbers of the statements that it reached; nothing where the
-    deadline comes first."""
-    for _ in range(2):
+    """Runs a test, once more where it fails, and tells the numbers of the statements that it reached, and how many runs
+    failed before; nothing where the deadline comes first."""
+    for failures in range(2):
         left = bounded.left(deadline)
         if not left:
-            return None, []
+            return None, [], failures
         with tempfile.NamedTemporaryFile(prefix="reached-", dir=folder) as file:
             file.truncate(schemata.STATEMENTS)
             outcome = sandbox.run(case, min(LIMIT, left), replaced, [(schemata.MAP_FILE, file.name)], [file.name])
             found = [index for index, byte in enumerate(pathlib.Path(file.name).read_bytes()) if byte]
         if outcome.result == sandbox.TIMED_OUT and left < LIMIT:
-            return None, []
+            return None, [], failures
         if outcome.result == sandbox.PASSED:
             break
-    return outcome, found
+    return outcome, found, failures

@@ -88,6 +88,7 @@ def _chooser(place, cases, mutants, kept, map_ends):
     files = sorted({choose.watched_file(mutant.file) for mutant in mutants} & set(place.sources.files()))
     reached = reach.of(files, place.sources, cases, place.tree("map"), place.directory / kept, place.jobs, place.say,
                        map_ends)
+    _name_unsteady(reached.unsteady)
     for name in sorted(reached.failing):
         place.say(f"fails with nothing changed, and judges nothing: {name}")
     if reached.unseen:
@@ -97,5 +98,12 @@ def _chooser(place, cases, mutants, kept, map_ends):
 
 def _judge(place, chooser, mutants, told):
     place.say("mutants")
-    judge.Judge(place.sources.root, place.tree, chooser, twins.Twins(place.build, place.deadline),
-                place.jobs, place.deadline, told).all(mutants)
+    judging = judge.Judge(place.sources.root, place.tree, chooser, twins.Twins(place.build, place.deadline),
+                          place.jobs, place.deadline, told)
+    judging.all(mutants)
+    _name_unsteady(judging.unsteady)
+
+
+def _name_unsteady(names):
+    for name in sorted(names):
+        print(f"UNSTEADY, failed once and passed once with nothing changed: {name}", flush=True)

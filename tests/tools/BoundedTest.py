@@ -201,6 +201,16 @@ class Maps(unittest.TestCase):
         self.assertEqual((found.tests("src/A.cpp", (1, 11)), found.unseen), (["Own.Test"], {"App.Test"}))
         self.assertFalse(self.kept.exists())
 
+    def test_name_a_test_that_failed_once_and_passed_once(self):
+        results = iter([sandbox.FAILED, sandbox.PASSED])
+
+        def run(_, __, ___, variables, ____):
+            return sandbox.Outcome(next(results), 0.1)
+
+        with mock.patch.object(sandbox, "run", run), mock.patch.object(reach, "BESIDE", 1):
+            found = reach.of(["src/A.cpp"], self.sources, [OWN], self.tree, self.kept, 1, lambda _: None)
+        self.assertEqual((found.unsteady, found.failing), ({"Own.Test"}, set()))
+
     def test_stop_a_test_when_their_time_is_over_and_count_it_among_the_missing(self):
         limits = []
 
@@ -300,6 +310,8 @@ class Walls(unittest.TestCase):
 class Rounds(unittest.TestCase):
     """One mutant of gp; the tests' outcomes are told and nothing is built."""
 
+    unsteady = frozenset()  # what failed once and passed once with nothing changed
+
     def judged(self, noticed_by, left=1e6, reached=(OWN, APP, OTHER), fails_far=None):
         """Its result, and the names of the tests that were asked about, round by round."""
         asked, mutant = [], a_mutant()
@@ -313,6 +325,7 @@ class Rounds(unittest.TestCase):
             return reach.Map({mutant.file: {"1:11": indices}}, [one.name for one in known], {}, set())
 
         def all_of(judging, mutants):
+            judging.unsteady.update(self.unsteady)
             self.ends.append(judging._deadline)
             for one in mutants:
                 names = [found.name for found in judging._chooser.tests(one)]
@@ -326,11 +339,18 @@ class Rounds(unittest.TestCase):
                 mock.patch("builtins.print") as printed:
             verdicts = rounds.near_and_far(place, [APP, OTHER, OWN], [mutant])
         self.assertEqual(len(verdicts), 1)
-        self.assertEqual(printed.called, verdicts[0].result == judge.SURVIVED)
+        self.printed = [call.args[0] for call in printed.call_args_list]
+        told = [line for line in self.printed if not line.startswith("UNSTEADY")]
+        self.assertEqual(bool(told), verdicts[0].result == judge.SURVIVED)
         return verdicts[0].result, asked
 
     def test_ask_the_folders_own_tests_and_then_those_of_app(self):
         self.assertEqual(self.judged("App.Test"), (judge.KILLED, [["Own.Test", "App.Test"]]))
+
+    def test_name_the_tests_that_were_unsteady(self):
+        self.unsteady = {"Own.Test"}
+        self.judged("App.Test")
+        self.assertEqual(self.printed, ["UNSTEADY, failed once and passed once with nothing changed: Own.Test"])
 
     def test_ask_the_others_about_what_those_let_pass(self):
         self.assertEqual(self.judged("Other.Test"), (judge.KILLED, [["Own.Test", "App.Test"], ["Other.Test"]]))

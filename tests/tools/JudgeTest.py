@@ -123,6 +123,36 @@ class Judging(unittest.TestCase):
             judging._judge([("program", "changed")], 0, a_mutant())
         self.assertEqual((told[0].result, unchanged), (judge.KILLED, ["App.Test"]))
 
+    def judged_unsteadily(self, changed, unchanged):
+        """The verdicts on two mutants where the test's runs with the mutants and without one end so; what was unsteady."""
+        told, judging = [], None
+        runs = {True: iter(changed), False: iter(unchanged)}
+
+        def run(run_case, limit, replaced, variables):
+            result = next(runs[bool(dict(variables)[schemata.VARIABLE])]) if run_case == APP else sandbox.PASSED
+            return sandbox.Outcome(result, 0.1)
+
+        twins = mock.Mock()
+        twins.are_one_program.return_value = False
+        judging = judge.Judge(pathlib.Path("/"), None, chooser(), twins, 1, time.monotonic() + 60, told.append)
+        with mock.patch.object(sandbox, "run", run):
+            for number in (1, 2):
+                judging._judge((), number, a_mutant())
+        return [verdict.result for verdict in told], judging.unsteady
+
+    def test_lets_one_failure_with_nothing_changed_spoil_no_kill_and_names_the_test(self):
+        failed, passed = sandbox.FAILED, sandbox.PASSED
+        self.assertEqual(self.judged_unsteadily([failed] * 6, [failed, passed]), ([judge.KILLED] * 2, {"App.Test"}))
+
+    def test_wants_a_third_failure_of_a_test_that_fails_by_chance(self):
+        failed, passed = sandbox.FAILED, sandbox.PASSED
+        self.assertEqual(self.judged_unsteadily([failed, failed, passed] * 2, [failed, passed]),
+                         ([judge.SURVIVED] * 2, {"App.Test"}))
+
+    def test_believes_no_test_that_fails_twice_with_nothing_changed_nor_calls_it_unsteady(self):
+        failed = sandbox.FAILED
+        self.assertEqual(self.judged_unsteadily([failed] * 4, [failed] * 2), ([judge.SURVIVED] * 2, set()))
+
     def judged_alone(self, unchanged):
         """The verdict on a mutant that was built alone, where a test fails with it, and so without it."""
         told, judging = [], None
