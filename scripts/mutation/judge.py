@@ -226,7 +226,7 @@ def _by_file(numbered):
 def _numbers_with_errors(output, tree, texts):
     """The mutants in whose lines the compiler found errors."""
     found = set()
-    for path, line in re.findall(r"^(\S+?):(\d+):\d+: (?:fatal )?error:", output, re.M):
+    for path, line in re.findall(r"^(.+?):(\d+):\d+: (?:fatal )?error:", output, re.M):
         for file, text in texts.items():
             if path.endswith(file) and str(tree.directory) in path:
                 found |= {number for number, first, last in text.lines if first <= int(line) <= last}

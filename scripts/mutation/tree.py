@@ -12,7 +12,7 @@ from mutation import bounded, schemata
 
 
 # What the compiler or the linker have against a text, and what they say where the machine is to blame.
-REFUSED = re.compile(r"^\S+?:\d+:(\d+:)? (fatal )?error: |undefined reference to ", re.M)
+REFUSED = re.compile(r"^.+?:\d+:(\d+:)? (fatal )?error: |undefined reference to ", re.M)
 NOT_ITS_FAULT = re.compile(r"No space left on device|Killed signal|internal compiler error")
 
 
@@ -131,8 +131,9 @@ class Tree:
         new = {name: str(self.directory / "obj" / name) for name in stale}
         new.update({name: str(self.directory / "lib" / name) for name in archives})
         place = lambda name: new.get(name) or str(build / name)
-        lines = ["rule run", f"  command = cd {build} && $words", "  description = $out",
-                 "rule pack", f"  command = cd {build} && rm -f $out && ar qcsT $out $in", "  description = $out"]
+        enter = "cd " + _in_command(build)
+        lines = ["rule run", f"  command = {enter} && $words", "  description = $out",
+                 "rule pack", f"  command = {enter} && rm -f $out && ar qcsT $out $in", "  description = $out"]
 
         switch = str(self.directory / "obj/switch.o")
         compiler = next(iter(self.build.objects.values()))[0]
@@ -146,7 +147,7 @@ class Tree:
         for name in sorted(archives):
             members = [place(member) for member in self.build.archives[name]]
             members += [switch] if name == "src/libostler_core.a" else []
-            lines.append(f"build {new[name]}: pack {' '.join(members)}")
+            lines.append(f"build {_as_path(new[name])}: pack {' '.join(map(_as_path, members))}")
         for name, words in self.build.programs.items():
             if not set(words) & (stale | archives):
                 continue
@@ -173,8 +174,18 @@ class Tree:
 
 def _edge(target, words, inputs):
     pathlib.Path(target).parent.mkdir(parents=True, exist_ok=True)
-    escaped = " ".join(shlex.quote(word) for word in words).replace("$", "$$")
-    return [f"build {target}: run {' '.join(inputs)}", f"  words = {escaped}"]
+    return [f"build {_as_path(target)}: run {' '.join(map(_as_path, inputs))}",
+            f"  words = {' '.join(map(_in_command, words))}"]
+
+
+def _as_path(path):
+    """A path as a line of ninja's that names files has it."""
+    return re.sub(r"([$ :])", r"$\1", str(path))
+
+
+def _in_command(word):
+    """A word as ninja hands it to the shell."""
+    return shlex.quote(str(word)).replace("$", "$$")
 
 
 def _write(path, content):

@@ -4,6 +4,7 @@ import functools
 import json
 import os
 import pathlib
+import shutil
 import signal
 import subprocess
 import sys
@@ -14,7 +15,7 @@ from unittest import mock
 
 from support import ROOT, a_mutant, needs_clang
 
-from mutation import bounded, cases, judge, reach, rounds, sandbox, tree, twins
+from mutation import bounded, cases, judge, reach, rounds, sandbox, schemata, tree, twins
 from mutation.mutant import Edit
 
 
@@ -260,6 +261,45 @@ class Copies(unittest.TestCase):
                                (1, "ninja: error: loading 'build.ninja': No such file or directory")):
             with self.assertRaises(tree.NotBuilt):
                 self.made(status, output)
+
+
+@unittest.skipUnless(shutil.which("cmake") and shutil.which("ninja"), "cmake and ninja are not installed")
+class Paths(unittest.TestCase):
+    """Of a project whose folder has what ninja and the shell take to mean more."""
+
+    LISTS = """cmake_minimum_required(VERSION 3.20)
+project(example CXX)
+add_library(ostler_core STATIC src/A.cpp)
+set_target_properties(ostler_core PROPERTIES ARCHIVE_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/src)
+add_executable(main main.cpp)
+target_link_libraries(main ostler_core)
+"""
+
+    def setUp(self):
+        folder = tempfile.TemporaryDirectory()
+        self.addCleanup(folder.cleanup)
+        self.root = pathlib.Path(folder.name, "two words, one $sign")
+        (self.root / "src").mkdir(parents=True)
+        (self.root / "src/A.cpp").write_bytes(CODE)
+        (self.root / "main.cpp").write_text("int f(); int main() { return f(); }")
+        (self.root / "CMakeLists.txt").write_text(self.LISTS)
+        build = self.root / "build"
+        for words in (["-S", self.root, "-B", build, "-G", "Ninja", "-DCMAKE_EXPORT_COMPILE_COMMANDS=ON"], ["--build", build]):
+            subprocess.run(["cmake", *words], check=True, capture_output=True)
+        self.tree = tree.Tree(tree.Build(self.root, build), self.root / "build/own tree", 1)
+
+    def made(self, text):
+        self.tree.write({"src/A.cpp": text})
+        return self.tree.make(["main"])
+
+    def test_are_built_with_a_change(self):
+        self.assertEqual(self.made(b"int f() { return 7; }"), "")
+        self.assertEqual(subprocess.run([self.tree.program("main")]).returncode, 7)
+
+    def test_do_not_hide_whose_error_the_compiler_tells(self):
+        output = self.made(b"\nint f() { return nothing; }")
+        texts = {"src/A.cpp": schemata.Text(b"", ((1, 1, 1), (2, 2, 2)))}
+        self.assertEqual(judge._numbers_with_errors(output, self.tree, texts), {2})
 
 
 class Twins(unittest.TestCase):
