@@ -6,6 +6,7 @@
 #include "lab/RootFolder.h"
 #include "platform/HostPaths.h"
 #include "platform/KernelControl.h"
+#include "support/Eventually.h"
 #include "support/Patience.h"
 #include "support/TemporaryFolder.h"
 
@@ -21,7 +22,6 @@
 
 #include <atomic>
 #include <cerrno>
-#include <chrono>
 #include <cstring>
 #include <filesystem>
 #include <string>
@@ -154,7 +154,9 @@ TEST_F(ExtensionStandInTest, AHeaderAloneComesInFrontOfItsPacket) {
         body = receive(in_);
         answer(in_, header, 0);
     });
-    EXPECT_TRUE(extension_.present(Direction::in, packet, 5000, RecordForm::headerFirst).has_value());
+    EXPECT_TRUE(
+        extension_.present(Direction::in, packet, testsupport::patienceMilliseconds, RecordForm::headerFirst)
+            .has_value());
     daemon.join();
     EXPECT_EQ(header.size(), 24u);
     EXPECT_EQ(body, "packet");
@@ -205,10 +207,7 @@ TEST_F(ExtensionStandInTest, ADaemonThatReadsNothingIsNotWaitedForWithoutEnd) {
     connectBoth();
     std::atomic<bool> over{false};
     std::thread reader([&] {
-        const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(3);
-        while (!over && std::chrono::steady_clock::now() < limit)
-            std::this_thread::yield();
-        EXPECT_TRUE(over) << "the daemon has had to read";
+        EXPECT_TRUE(testsupport::eventually([&] { return over.load(); })) << "the daemon has had to read";
         while (!over)
             receive(in_);
     });
@@ -305,8 +304,8 @@ TEST(ExtensionStandIn, TheDaemonAnswersARecordThatComesInTwoMessages) {
     labtest::LabStage stage("allow *");
     stage.raise();
     const std::string get = labtest::Talk(47000).out(labtest::pushAck, labtest::get("www.example.org"));
-    const auto result =
-        stage.extension().present(Direction::out, {get.begin(), get.end()}, 5000, RecordForm::headerFirst);
+    const auto result = stage.extension().present(Direction::out, {get.begin(), get.end()},
+                                                  testsupport::patienceMilliseconds, RecordForm::headerFirst);
     ASSERT_TRUE(result.has_value());
     EXPECT_EQ(result->result, labtest::hold);
     EXPECT_EQ(result->urlSeen, 1);

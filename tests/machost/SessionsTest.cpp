@@ -5,14 +5,14 @@
 #include "machost/objc/Messages.h"
 #include "machost/objc/Pools.h"
 #include "machost/objects/Object.h"
+#include "support/Eventually.h"
+#include "support/Patience.h"
 
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <condition_variable>
 #include <mutex>
 #include <string>
-#include <thread>
 
 namespace {
 
@@ -58,14 +58,12 @@ protected:
 
     // Whether all objects have gone, or come to do so.
     static bool allGone() {
-        for (int tries = 0; tries < 500; ++tries) {
+        return testsupport::eventually([] {
             testing::internal::CaptureStderr();
             const int left = machost::reportLeaks();
             testing::internal::GetCapturedStderr();
-            if (left == 0) return true;
-            std::this_thread::sleep_for(std::chrono::milliseconds(5));
-        }
-        return false;
+            return left == 0;
+        });
     }
 };
 
@@ -88,7 +86,7 @@ TEST_F(Sessions, ThatAreInvalidatedGoWithTheirLastTask) {
         send<void>(session, "finishTasksAndInvalidate");
     }
     std::unique_lock<std::mutex> guard(lock);
-    EXPECT_TRUE(called.wait_for(guard, std::chrono::seconds(5), [] { return toldCode != 0; }));
+    EXPECT_TRUE(called.wait_for(guard, testsupport::patience, [] { return toldCode != 0; }));
     EXPECT_EQ(toldCode, -1002);
     EXPECT_TRUE(allGone());
 }
