@@ -9,6 +9,7 @@ import signal
 import subprocess
 import sys
 import tempfile
+import threading
 import time
 import unittest
 from unittest import mock
@@ -325,6 +326,25 @@ class Twins(unittest.TestCase):
             self.twins(time.monotonic() - 1).are_one_program(self.mutant)
 
 
+class Noted:
+    """A program's output, and whether its beginning has been read."""
+
+    def __init__(self, stream, is_read):
+        self._stream, self._is_read = stream, is_read
+        self.read1 = stream.read1
+
+    def __enter__(self):
+        return self._stream.__enter__()
+
+    def __exit__(self, *wrong):
+        return self._stream.__exit__(*wrong)
+
+    def read(self, size):
+        found = self._stream.read(size)
+        self._is_read.set()
+        return found
+
+
 @unittest.skipUnless(sandbox.available(), "bubblewrap cannot make its namespaces here")
 class Walls(unittest.TestCase):
     def outcome(self, command, replaced=(), limit=20):
@@ -334,7 +354,10 @@ class Walls(unittest.TestCase):
         self.assertEqual([self.outcome((name,)).result for name in ("true", "false")], [sandbox.PASSED, sandbox.FAILED])
 
     def test_keep_the_beginning_of_what_a_program_says_without_end(self):
-        outcome = self.outcome(("yes", "endless"), limit=1)
+        beginning, read = sandbox._beginning, threading.Event()
+        noted = mock.patch.object(sandbox, "_beginning", lambda stream: beginning(Noted(stream, read)))
+        with noted, mock.patch.object(bounded, "left", lambda _: 0.0 if read.is_set() else 0.01):
+            outcome = self.outcome(("yes", "endless"))
         self.assertEqual((outcome.result, outcome.output[:16]), (sandbox.TIMED_OUT, "endless\nendless\n"))
         self.assertLessEqual(len(outcome.output), sandbox.KEPT)
 
