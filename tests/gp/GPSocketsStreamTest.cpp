@@ -54,14 +54,15 @@ protected:
         ManualClock::installed().setEventWait(realMicroseconds, movesTime);
     }
 
-    // Sends until the connection takes no more, nor comes to do so: what is on its way makes room when it arrives.
+    // Sends until the connection takes no more, nor comes to do so: what is on its way makes room when it arrives, of which
+    // a system may tell 200 ms later.
     void fillTheConnection() {
         const std::string block(65536, 'x');
         pollfd room{descriptor_, POLLOUT, 0};
         do {
             while (socket_.send(block.data(), static_cast<int>(block.size())))
                 filled_ += block.size();
-        } while (poll(&room, 1, 100) > 0);
+        } while (poll(&room, 1, 500) > 0);
     }
 
     // Until what the peer sent or did has arrived.
