@@ -24,7 +24,7 @@ struct Proof {
         lab::SlotOptions options;
         options.questions = 50;
         options.operations = 0;
-        options.patienceMilliseconds = 500;
+        options.patienceMilliseconds = 3000; // one wait of each proof is in vain
         options.numberOf = [change, come = 0](std::uint32_t number) mutable {
             return ++come == 10 ? number + change : number;
         };
