@@ -276,18 +276,19 @@ add_executable(main main.cpp)
 target_link_libraries(main ostler_core)
 """
 
-    def setUp(self):
+    @classmethod
+    def setUpClass(cls):
         folder = tempfile.TemporaryDirectory()
-        self.addCleanup(folder.cleanup)
-        self.root = pathlib.Path(folder.name, "two words, one $sign")
-        (self.root / "src").mkdir(parents=True)
-        (self.root / "src/A.cpp").write_bytes(CODE)
-        (self.root / "main.cpp").write_text("int f(); int main() { return f(); }")
-        (self.root / "CMakeLists.txt").write_text(self.LISTS)
-        build = self.root / "build"
-        for words in (["-S", self.root, "-B", build, "-G", "Ninja", "-DCMAKE_EXPORT_COMPILE_COMMANDS=ON"], ["--build", build]):
+        cls.addClassCleanup(folder.cleanup)
+        root = pathlib.Path(folder.name, "two words, one $sign")
+        (root / "src").mkdir(parents=True)
+        (root / "src/A.cpp").write_bytes(CODE)
+        (root / "main.cpp").write_text("int f(); int main() { return f(); }")
+        (root / "CMakeLists.txt").write_text(cls.LISTS)
+        build = root / "build"
+        for words in (["-S", root, "-B", build, "-G", "Ninja", "-DCMAKE_EXPORT_COMPILE_COMMANDS=ON"], ["--build", build]):
             subprocess.run(["cmake", *words], check=True, capture_output=True)
-        self.tree = tree.Tree(tree.Build(self.root, build), self.root / "build/own tree", 1)
+        cls.tree = tree.Tree(tree.Build(root, build), root / "build/own tree", 1)
 
     def made(self, text):
         self.tree.write({"src/A.cpp": text})
