@@ -8,6 +8,7 @@
 #include "platform/HostPaths.h"
 #include "support/Await.h"
 #include "support/DnsWorld.h"
+#include "support/FixedNames.h"
 #include "support/TestChild.h"
 
 #include <arpa/inet.h>
@@ -111,6 +112,15 @@ TEST_F(DnsTables, IsSslIpKnowsTheAddressesOfAllRedirectHostsInHostOrder) {
     EXPECT_FALSE(DNSPacket::isSslIp(0x7826efd8)) << "network order";
     EXPECT_FALSE(isSslIp("216.239.38.121"));
     EXPECT_FALSE(DNSPacket::isSslIp(0));
+}
+
+TEST_F(DnsTables, ARedirectHostWithAnAddressOfAnotherSizeCountsAsOneWithoutAny) {
+    givenTables();
+    testsupport::FixedNames odd({std::string(16, '\x01')});
+    odd.install();
+    setRemaps({"www.alder.test,safe.alder.test"});
+    EXPECT_EQ(redirectOf("www.alder.test"), "(none)");
+    EXPECT_EQ(sorted(remaps()), builtInRows);
 }
 
 TEST_F(DnsTables, IsSslIpBesideReplacementsOfTheTables) {

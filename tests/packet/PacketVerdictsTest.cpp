@@ -101,6 +101,16 @@ TEST_F(PacketVerdicts, OutboundWithoutACurrentServerRunsTheEvaluatorsAndPasses) 
     EXPECT_FALSE(hasRecord(get()));
 }
 
+TEST_F(PacketVerdicts, OutboundWithoutACurrentServerPassesSilentlyUnlessVerbose) {
+    Configuration::removeAllServers(false);
+    Configuration::resetCurrentServer();
+    const auto before = log.messages().size();
+
+    EXPECT_EQ(outbound(get()), verdictPass);
+
+    EXPECT_EQ(log.messages().size(), before);
+}
+
 TEST_F(PacketVerdicts, UnusablePacketsPass) {
     EXPECT_EQ(outbound(PacketBuilder::ipv4().udp().payload(getRequest())), verdictPass);
     EXPECT_EQ(outbound(get().sizeReadAs(39)), verdictPass);

@@ -33,6 +33,23 @@ bool isAny(const Record*) { return true; }
 
 } // namespace
 
+TEST(RecordIndex, WithoutAnyGroupThereIsNoneToAsk) {
+    const Index index;
+    EXPECT_EQ(index.first(7, isAny), nullptr);
+}
+
+TEST(RecordIndex, OfGroupsInOnePlaceOfTheTableThatOfTheHashAloneIsAsked) {
+    Index index;
+    Record records[2];
+    constexpr std::uint64_t placesOfATable = 1 << 20;
+    index.add(&records[0], 7, isAny);
+    index.add(&records[1], 7 + placesOfATable, isAny);
+    EXPECT_EQ(index.first(7, isAny), &records[0]);
+    EXPECT_EQ(index.first(7 + placesOfATable, isAny), &records[1]);
+    EXPECT_EQ(index.first(7 + 2 * placesOfATable, isAny), nullptr);
+    EXPECT_EQ(index.first(7, [](const Record*) { return false; }), nullptr);
+}
+
 TEST(RecordIndex, GroupsThatComeAndGoTakeNoMoreRoom) {
     Index index;
     Record record;

@@ -3,6 +3,7 @@
 #include "config/Configuration.h"
 #include "packet/SysctlResult.h"
 #include "support/CapturedLog.h"
+#include "support/FixedNames.h"
 #include "support/PlayedNames.h"
 #include "support/ScratchRoot.h"
 
@@ -89,6 +90,19 @@ TEST_F(RedirectData, TheIPv6AddressIsStoredAndTheLastOneStays) {
     EXPECT_EQ(result.redirectAddress, 0u);
 }
 
+TEST_F(RedirectData, AddressesOfAnotherSizeArePassedOver) {
+    const std::string ipv4 = "\xc6\x33\x64\x07", ipv6(16, '\x20');
+    testsupport::FixedNames odd({ipv6, ipv4, ipv6, std::string(2, '\x30')});
+    odd.install();
+
+    fill("http://block.example/");
+    EXPECT_EQ(result.redirectAddress, inet_addr("198.51.100.7"));
+    EXPECT_EQ(address6(), "::");
+
+    fill("http://block.example/", true);
+    EXPECT_EQ(address6(), "2020:2020:2020:2020:2020:2020:2020:2020");
+}
+
 TEST_F(RedirectData, TheLocalBlockPageIsLookedUpWithItsPortAndGetsNoAddress) {
     names.answer("localhost", AF_INET, {"127.0.0.1"});
 
@@ -153,6 +167,13 @@ TEST_F(RedirectData, APrintedAddressThatFitsIsWrittenBackOverTheHostInsideTheFie
     EXPECT_EQ(field(), "http://2001:db8::7");
     EXPECT_STREQ(result.redirectUrl + 19, "0:0:0:0:7/page");
     EXPECT_TRUE(log.holds("[0xabc] Ipv6 has address  2001:db8::7\n"));
+}
+
+TEST_F(RedirectData, AnAddressThatIsWrittenBackIsLoggedAtLevel64Alone) {
+    fill("http://2001:0db8:0:0:0:0:0:7/page", true);
+
+    EXPECT_EQ(address6(), "2001:db8::7");
+    EXPECT_TRUE(log.messages().empty());
 }
 
 TEST_F(RedirectData, APrintedAddressAsLongAsTheHostHasNoRoomForItsZeroAndIsNotWritten) {

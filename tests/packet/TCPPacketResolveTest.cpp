@@ -1,6 +1,7 @@
 #include "packet/TCPPacket.h"
 
 #include "config/Configuration.h"
+#include "support/FixedNames.h"
 #include "support/PlayedNames.h"
 #include "support/SettingsWorld.h"
 
@@ -36,6 +37,12 @@ TEST_F(TCPPacketResolve, ReportsAFailureWhenVerbose) {
 TEST_F(TCPPacketResolve, AnAnswerWithoutAnyAddressCountsAsNone) {
     names.answer("empty.example", AF_INET, {});
     EXPECT_EQ(TCPPacket::resolve("empty.example"), 0u);
+}
+
+TEST_F(TCPPacketResolve, AnAddressOfAnotherSizeCountsAsNone) {
+    testsupport::FixedNames odd({std::string(16, '\x01')});
+    odd.install();
+    EXPECT_EQ(TCPPacket::resolve("odd.example"), 0u);
 }
 
 } // namespace
