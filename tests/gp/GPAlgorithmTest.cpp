@@ -200,6 +200,11 @@ TEST(GPAlgorithmBase64, ReadsUpToTheEqualsSign) {
     EXPECT_EQ(decoded("+/+/"), "\xfb\xff\xbf");
 }
 
+TEST(GPAlgorithmBase64, PassesOverTheCharactersAroundItsAlphabet) {
+    for (const char outside : {'@', '[', '`', '{', ':', '*', ',', '.', '-', '_'})
+        EXPECT_EQ(decoded(std::string("TW") + outside + "Fu"), "Man") << outside;
+}
+
 TEST(GPAlgorithmBase64, AGroupCutWithoutAnEqualsSignIsDropped) {
     EXPECT_EQ(decoded("TWFuTWE"), "Man");
     EXPECT_EQ(decoded("TWFuT"), "Man");

@@ -142,6 +142,28 @@ TEST_F(GPFilesystemObjectTest, AListTakesTheEntriesAsAnArrayDoes) {
     EXPECT_EQ(found->count(), 2);
 }
 
+TEST_F(GPFilesystemObjectTest, AListChoosesItsEntriesAsAnArrayDoes) {
+    fileWith("sub/b", "x");
+    nameADirectoryHere("sub");
+    const auto listedIn = [this](const char* path, bool recursive, GPFileSearchType type) {
+        auto* found = new GPList;
+        kept().push_back(found);
+        getDirectoryFiles(path, found, recursive, type);
+        Names names;
+        for (found->firstObject(); GPObject* entry = found->currentObject(); found->nextObject())
+            names.push_back(
+                std::string(static_cast<GPFilesystem*>(entry)->fullPath()).substr(folder().size() + 1));
+        std::sort(names.begin(), names.end());
+        return names;
+    };
+    EXPECT_EQ(listedIn(folder().c_str(), true, GPFileSearchAll), (Names{"elsewhere", "sub", "sub/b"}));
+    EXPECT_EQ(listedIn(folder().c_str(), false, GPFileSearchAll), (Names{"elsewhere", "sub"}));
+    EXPECT_EQ(listedIn(folder().c_str(), true, GPFileSearchFiles), (Names{"elsewhere", "sub/b"}));
+    EXPECT_EQ(listedIn(folder().c_str(), true, GPFileSearchDirectories), Names{"sub"});
+    EXPECT_EQ(listedIn(at("none").c_str(), true, GPFileSearchAll), Names{});
+    EXPECT_EQ(listedIn(nullptr, true, GPFileSearchAll), Names{});
+}
+
 TEST_F(GPFilesystemObjectTest, AnObjectKeepsACopyOfItsPath) {
     std::string path = "/some/where";
     GPFilesystem file(path.c_str());

@@ -6,6 +6,7 @@
 #include "gp/GPString.h"
 #include "gp/Owned.h"
 #include "support/TemporaryFolder.h"
+#include "support/TestChild.h"
 
 #include <gtest/gtest.h>
 
@@ -282,6 +283,7 @@ TEST_F(GPFilesystemTest, fileModeGivesTheModeBitsThatSetFileModeSets) {
     EXPECT_EQ(fileMode(file.c_str()), 0640);
     EXPECT_EQ(fileMode(at("none").c_str()), 0);
     EXPECT_FALSE(setFileMode(at("none").c_str(), 0640));
+    EXPECT_FALSE(setFileMode(nullptr, 0640));
 }
 
 TEST_F(GPFilesystemTest, createDirMakesOneLevelWithTheMode775) {
@@ -292,6 +294,7 @@ TEST_F(GPFilesystemTest, createDirMakesOneLevelWithTheMode775) {
     EXPECT_TRUE(isDirectory(at("d").c_str()));
     EXPECT_FALSE(createDir(at("d").c_str()));
     EXPECT_FALSE(createDir(at("x/y").c_str()));
+    EXPECT_FALSE(createDir(nullptr));
 }
 
 TEST_F(GPFilesystemTest, deleteDirRemovesAnEmptyDirectory) {
@@ -301,6 +304,7 @@ TEST_F(GPFilesystemTest, deleteDirRemovesAnEmptyDirectory) {
     deleteFile(at("d/a").c_str());
     EXPECT_TRUE(deleteDir(at("d").c_str()));
     EXPECT_FALSE(ifExist(at("d").c_str()));
+    EXPECT_FALSE(deleteDir(nullptr));
 }
 
 // --- the process
@@ -333,6 +337,17 @@ TEST_F(GPFilesystemTest, TheUserAndDocumentDirectoriesComeFromTheAccount) {
     const std::string home = account->pw_dir;
     EXPECT_EQ(getUserDirectory(), home);
     EXPECT_EQ(getDocDirectory(), home + "/Documents");
+}
+
+TEST_F(GPFilesystemTest, TheUserDirectoryOfAUserWithoutAnAccountIsEmpty) {
+    if (getuid() != 0) GTEST_SKIP() << "needs to become another user";
+    constexpr uid_t nobodys = 64999;
+    if (getpwuid(nobodys)) GTEST_SKIP() << "this number has an account here";
+    EXPECT_TRUE(testsupport::passesInChild([] {
+        ASSERT_EQ(setuid(nobodys), 0);
+        EXPECT_STREQ(getUserDirectory(), "");
+        EXPECT_STREQ(getDocDirectory(), "/Documents");
+    }));
 }
 
 TEST_F(GPFilesystemTest, getTempDirectoryWithTMPDIRUnsetIsTmp) {

@@ -1,6 +1,7 @@
 #include "gp/GPSockets.h"
 
 #include "support/CapturedLog.h"
+#include "support/FixedNames.h"
 #include "support/LoopbackPeer.h"
 #include "support/ManualClock.h"
 #include "support/Patience.h"
@@ -17,6 +18,7 @@
 #include <csignal>
 #include <cstring>
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -72,6 +74,8 @@ TEST(GPSockets, SetServerReplacesTheCopy) {
     EXPECT_STREQ(socket.server(), "second");
     socket.setServer(socket.server());
     EXPECT_STREQ(socket.server(), "second");
+    socket.setServer(nullptr);
+    EXPECT_EQ(socket.server(), nullptr);
 }
 
 TEST(GPSockets, SetPort443TurnsTlsOnAndSetPort80TurnsItOffAlsoAfterSetUseSSL) {
@@ -112,6 +116,18 @@ TEST_F(GPSocketsClient, OpenConnectionToAnUnknownNameFailsWithALogLine) {
     EXPECT_FALSE(socket.openConnection());
     EXPECT_TRUE(log_.holds("socket openConnection gethostbyname2 fail"));
     EXPECT_EQ(socket.IPAddress(), nullptr);
+}
+
+TEST_F(GPSocketsClient, OpenConnectionToANameWithoutAWholeAddressFailsWithALogLine) {
+    for (const auto& addresses : {std::vector<std::string>{}, std::vector<std::string>{"\x7f\x01\x01"}}) {
+        testsupport::FixedNames names(addresses);
+        names.install();
+        GPSockets socket(listener_.port(), "agent.test");
+        EXPECT_FALSE(socket.openConnection());
+        EXPECT_EQ(log_.messages().back(), "socket openConnection gethostbyname2 fail");
+        EXPECT_EQ(socket.IPAddress(), nullptr);
+        names_.install();
+    }
 }
 
 TEST_F(GPSocketsClient, OpenConnectionStoresTheNumericTextOfThePeer) {
@@ -239,6 +255,20 @@ TEST_F(GPSocketsClient, GetIPAddressOfANameIsTrueButDoesNotGiveTheNamesAddress) 
     EXPECT_TRUE(GPSockets::getIPAddress("digits.test", reinterpret_cast<sockaddr*>(&record), 1));
     EXPECT_EQ(ntohl(record.sin_addr.s_addr), 1234u);
     EXPECT_FALSE(GPSockets::getIPAddress("nobody.test", reinterpret_cast<sockaddr*>(&record), 1));
+}
+
+TEST_F(GPSocketsClient, GetIPAddressLooksUpWhateverDoesNotBeginWithADigit) {
+    sockaddr_in record{};
+    EXPECT_FALSE(GPSockets::getIPAddress("-1.2.3.4", reinterpret_cast<sockaddr*>(&record), 1));
+    EXPECT_EQ(names_.asked(), std::vector<std::string>{"-1.2.3.4"});
+}
+
+TEST_F(GPSocketsClient, GetIPAddressOfANameWithoutAnyAddressIsFalse) {
+    testsupport::FixedNames none({});
+    none.install();
+    sockaddr_in record{};
+    EXPECT_FALSE(GPSockets::getIPAddress("agent.test", reinterpret_cast<sockaddr*>(&record), 1));
+    names_.install();
 }
 
 } // namespace

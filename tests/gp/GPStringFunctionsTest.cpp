@@ -98,6 +98,8 @@ TEST(StringFunctions, ReverseSwapsFromTheTwoEnds) {
 
 TEST(StringFunctions, Base10OfNoTextIsZero) { EXPECT_EQ(base10(nullptr), 0); }
 
+TEST(StringFunctions, Base16OfNoTextIsZero) { EXPECT_EQ(base16(nullptr), 0u); }
+
 TEST(StringFunctions, Base10TakesAMinusAndNoPlus) {
     EXPECT_EQ(base10("42"), 42);
     EXPECT_EQ(base10(" \t-42x"), -42);

@@ -15,6 +15,12 @@ TEST(GPTimer, MadeWithTrueStartsNow) {
     EXPECT_EQ(timer.startedTime(), ManualClock::start);
 }
 
+TEST(GPTimer, MadeWithFalseDoesNotStart) {
+    GPTimer timer(false);
+    EXPECT_EQ(timer.startedTime(), GPTimer().startedTime());
+    EXPECT_NE(timer.startedTime(), ManualClock::start);
+}
+
 TEST(GPTimer, ElapsedTimeCountsMicrosecondsFromTheStart) {
     GPTimer timer;
     timer.start();
