@@ -6,6 +6,7 @@
 #include "support/TestChild.h"
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 
 #include <chrono>
 #include <csignal>
@@ -133,6 +134,34 @@ TEST(ShellCommand, TheKeyboardsSignalsAreHeededAgainWhenTheLastCommandHasEnded) 
         struct sigaction now {};
         sigaction(SIGINT, nullptr, &now);
         EXPECT_EQ(now.sa_handler, SIG_DFL);
+    }));
+}
+
+TEST(ShellCommand, TheKeyboardsSignalsThatItsCallerIgnoresDoNothingToACommand) {
+    testsupport::TemporaryFolder folder;
+    EXPECT_TRUE(passesInChild([&] {
+        for (int ignored : {SIGINT, SIGQUIT})
+            signal(ignored, SIG_IGN);
+        platform::runShellCommand(
+            ("kill -INT $$; kill -QUIT $$; echo > '" + folder.file("on") + "'").c_str());
+    }));
+    EXPECT_TRUE(exists(folder.file("on")));
+}
+
+TEST(ShellCommand, ThatCannotBeForkedLeavesTheKeyboardsSignalsAsTheyWere) {
+    if (getuid() != 0) GTEST_SKIP() << "needs a user of its own to count processes for";
+    EXPECT_TRUE(passesInChild([] {
+        heedTheKeyboard();
+        const auto lonelyUser = static_cast<uid_t>(60000 + getpid() % 5000);
+        const rlimit none = {0, 0};
+        ASSERT_EQ(setuid(lonelyUser), 0);
+        ASSERT_EQ(setrlimit(RLIMIT_NPROC, &none), 0);
+        platform::runShellCommand("exit 0");
+        for (int signal : {SIGINT, SIGQUIT}) {
+            struct sigaction now {};
+            sigaction(signal, nullptr, &now);
+            EXPECT_EQ(now.sa_handler, SIG_DFL);
+        }
     }));
 }
 

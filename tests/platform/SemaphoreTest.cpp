@@ -61,3 +61,5 @@ TEST(Semaphore, AWaitOutlivesTheSignalsThatInterruptIt) {
     EXPECT_FALSE(early);
     platform::semaphoreRelease(semaphore);
 }
+
+TEST(Semaphore, ThatWouldBeginBelowZeroIsNone) { EXPECT_EQ(platform::semaphoreCreate(-1), nullptr); }

@@ -2,12 +2,15 @@
 // cannot tell these from children that never called exec.
 
 #include "platform/ChildExec.h"
+#include "support/Sanitizers.h"
+#include "support/TestChild.h"
 #include "support/WaitingChild.h"
 
 #include <gtest/gtest.h>
 
 #include <csignal>
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -73,6 +76,29 @@ TEST(ChildExecPipe, ALookGivesTheWritingEndBackAndTheEndOfTheSignTheOther) {
     { ExecSign unused; }
     EXPECT_EQ(openDescriptors(), before);
     waitpid(child, nullptr, 0);
+}
+
+TEST(ChildExecPipe, WithoutADescriptorForTheSignTheProcessGroupAloneTells) {
+    if (testsupport::sanitized) GTEST_SKIP() << "the checkers need descriptors of their own";
+    EXPECT_TRUE(testsupport::passesInChild([] {
+        rlimit before{};
+        ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
+        const rlimit none = {0, before.rlim_max};
+        ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+        ExecSign sign;
+        ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
+        const pid_t child = fork();
+        if (child == 0) {
+            sign.execFailed();
+            for (;;)
+                pause();
+        }
+        EXPECT_EQ(sign.look(child), ExecState::notYet);
+        EXPECT_EQ(getpgid(child), child);
+        kill(child, SIGKILL);
+        waitpid(child, nullptr, 0);
+        EXPECT_EQ(sign.look(child), ExecState::ended);
+    }));
 }
 
 TEST(ChildExecPipe, AChildWhoseExecFailedAndThatWasNotReapedIsNeverExecuted) {

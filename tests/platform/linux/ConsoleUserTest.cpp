@@ -125,6 +125,15 @@ TEST(ConsoleUser, OfThisSystemMayHaveAnEarlySession) {
     }));
 }
 
+TEST(ConsoleUser, OfThisSystemIsNobodyInASessionOfNoKind) {
+    expectPassed(overEmptyRun([] {
+        startLoginManager();
+        sitDown(0);
+        writeFile("/run/systemd/sessions/c0", "UID=0\nACTIVE=1\n");
+        EXPECT_EQ(consoleName(), "(nobody)");
+    }));
+}
+
 TEST(ConsoleUser, OfThisSystemIsNobodyAtALogInScreen) {
     expectPassed(overEmptyRun([] {
         startLoginManager();

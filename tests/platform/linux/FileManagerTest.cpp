@@ -6,6 +6,7 @@
 #include "support/TestChild.h"
 
 #include <gtest/gtest.h>
+#include <utility>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -213,4 +214,45 @@ TEST_F(FileManagerTest, AMoveToAnotherVolumeThatFailsLeavesTheSourceAndNoTarget)
     EXPECT_FALSE(move(other.file("a"), folder.file("b")).done);
     EXPECT_TRUE(fs::exists(other.file("a/b")));
     EXPECT_FALSE(fs::exists(folder.file("b")));
+}
+
+TEST_F(FileManagerTest, AFailureHasTheCodeOfTheSystemsError) {
+    const std::string source = folder.file("a");
+    writeAll(source, "text");
+    const std::pair<int, long> codes[] = {{EPERM, platform::fileWriteNoPermissionError},
+                                          {ENOTDIR, platform::fileNoSuchFileError},
+                                          {ENOTEMPTY, platform::fileWriteFileExistsError},
+                                          {EROFS, platform::fileWriteVolumeReadOnlyError},
+                                          {EIO, platform::fileWriteUnknownError}};
+    for (const auto& [error, code] : codes) {
+        EXPECT_TRUE(testsupport::passesInChild([&, error = error, code = code] {
+            const auto argument = reinterpret_cast<std::uintptr_t>(source.c_str());
+            ASSERT_TRUE(testsupport::failSystemCall(SYS_rename, error, static_cast<unsigned>(argument)));
+            expectFailure(move(source, folder.file("b")), code);
+        })) << error;
+    }
+}
+
+TEST_F(FileManagerTest, AMoveToAnotherVolumeLeavesWhatAppearsAtItsTargetMeanwhile) {
+    setenv("TMPDIR", "/dev/shm", 1);
+    const TemporaryFolder other;
+    if (volumeOf(other.path()) == volumeOf(folder.path())) GTEST_SKIP() << "this machine has one volume";
+    const std::string target = folder.file("b");
+    writeAll(other.file("a"), "text");
+    writeAll(target, "of another");
+    EXPECT_TRUE(testsupport::passesInChild([&] {
+        // As if it were not there yet when the move looks for it.
+        const auto argument = static_cast<unsigned>(reinterpret_cast<std::uintptr_t>(target.c_str()));
+        ASSERT_TRUE(testsupport::failSystemCall(SYS_newfstatat, ENOENT, argument, 1));
+        expectFailure(move(other.file("a"), target), platform::fileWriteFileExistsError);
+    }));
+    EXPECT_EQ(readAll(target), "of another");
+    EXPECT_EQ(readAll(other.file("a")), "text");
+}
+
+TEST_F(FileManagerTest, AMoveToAnotherVolumeEndsWithAFileThatHoldsLessThanItSays) {
+    const char* shorter = "/sys/kernel/uevent_seqnum"; // 4096 bytes by its size, and a number
+    if (!fs::exists(shorter) || readAll(shorter).size() >= 4096) GTEST_SKIP() << "there is no such file here";
+    EXPECT_TRUE(testsupport::passesInChild([&] { EXPECT_FALSE(move(shorter, folder.file("b")).done); }));
+    EXPECT_FALSE(fs::exists(folder.file("b"))) << "its source cannot be removed";
 }

@@ -1,6 +1,8 @@
 #include "platform/HostName.h"
 
 #include "support/NetworkNamespace.h"
+#include "support/TestChild.h"
+#include "support/TracedCalls.h"
 
 #include <gtest/gtest.h>
 
@@ -8,6 +10,9 @@
 #include <sched.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
+#include <optional>
+#include <string>
 
 namespace {
 
@@ -39,4 +44,23 @@ TEST(HomeDirectory, OfThisSystemIsTheAccountsAndNotTheEnvironments) {
     const passwd* account = getpwuid(geteuid());
     if (!account) GTEST_SKIP() << "this user has no account";
     EXPECT_EQ(system().homeDirectory(), account->pw_dir);
+}
+
+TEST(HostName, OfThisSystemIsNoneWhereTheKernelDoesNotTell) {
+    if (!testsupport::canFailCalls())
+        GTEST_SKIP() << "no child can be traced here, or a checker needs its calls";
+    std::optional<std::string> name;
+    const long failures = testsupport::failEachCallOf([] {}, [&] { name = system().currentHostName(); },
+                                                      [&] { EXPECT_NE(name.value_or("none"), ""); });
+    EXPECT_EQ(failures, 1);
+}
+
+TEST(HomeDirectory, OfAUserWithoutAnAccountIsTheRoot) {
+    if (getuid() != 0) GTEST_SKIP() << "needs to become another user";
+    EXPECT_TRUE(testsupport::passesInChild([] {
+        constexpr uid_t nobodys = 64999;
+        if (getpwuid(nobodys)) return; // somebody's here
+        ASSERT_EQ(setuid(nobodys), 0);
+        EXPECT_EQ(system().homeDirectory(), "/");
+    }));
 }

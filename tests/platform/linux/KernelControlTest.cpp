@@ -4,8 +4,10 @@
 #include "platform/KernelControl.h"
 
 #include "platform/HostPaths.h"
+#include "support/ProcessDescriptors.h"
 #include "support/ScratchRoot.h"
 #include "support/TemporaryFolder.h"
+#include "support/TracedCalls.h"
 
 #include <gtest/gtest.h>
 
@@ -18,6 +20,7 @@
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
+#include <set>
 #include <string>
 #include <thread>
 
@@ -253,4 +256,26 @@ TEST_F(KernelControlSockets, WithoutAnOptionsSocketOrAConnectionTheCallFails) {
 
     EXPECT_EQ(-1, control_.setOption(control_.open(), 70, &level, sizeof level));
     EXPECT_EQ(ENOTCONN, errno);
+}
+
+TEST_F(KernelControlSockets, AnOptionCallThatTheSystemRefusesFailsAndKeepsNoDescriptor) {
+    if (!testsupport::canFailCalls())
+        GTEST_SKIP() << "no child can be traced here, or a checker needs its calls";
+    const long failures = testsupport::failEachCall([this] {
+        std::filesystem::remove_all(root_.path() + "/var/run"); // the sockets of the run before
+        const int socket = connected();
+        answerOption(bytes({0, 0, 0, 0, 0, 0, 0, 0}));
+        const std::int32_t level = 7;
+        const auto before = testsupport::descriptorsOf(getpid());
+        testsupport::beginCalls();
+        const int result = control_.setOption(socket, 70, &level, sizeof level);
+        const int error = errno;
+        testsupport::endCalls();
+        if (result != 0) shutdown(options_, SHUT_RDWR); // nobody may have called
+        asked();
+        const std::set<int> expected = {EMFILE, ENOTCONN, ECONNREFUSED, ECONNRESET};
+        EXPECT_TRUE(result == 0 || (result == -1 && expected.count(error) == 1)) << error;
+        EXPECT_EQ(testsupport::descriptorsOf(getpid()), before);
+    });
+    EXPECT_GE(failures, 5); // the control's name, a socket, its connection, and a message each way
 }

@@ -161,6 +161,14 @@ TEST(LocalAccounts, AreFoundInTheirGroups) {
     }));
 }
 
+TEST(LocalAccounts, AreFoundUpToTheLimitOfGroupsToo) {
+    const std::string groups = "root:x:0:\nsales:x:1001:alice\nstaff:x:50:alice\n";
+    expectPassed(onMachineWith(accounts, groups, [] {
+        EXPECT_EQ(namesOf(find(kODRecordTypeGroups, kODAttributeTypeGroupMembership, "alice", 1)),
+                  Names{"sales"});
+    }));
+}
+
 TEST(LocalAccounts, MayHaveLongEntries) {
     const std::string longName(5000, 'n');
     expectPassed(onMachineWith("root:x:0:0:" + longName + ":/root:/bin/sh\n", "root:x:0:\n", [&] {

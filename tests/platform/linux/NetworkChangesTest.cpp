@@ -2,11 +2,15 @@
 
 #include "platform/NetworkChanges.h"
 #include "support/Patience.h"
+#include "support/TracedCalls.h"
 
 #include "support/ManualClock.h"
 #include "support/NetworkNamespace.h"
 
+#include <cerrno>
 #include <gtest/gtest.h>
+#include <linux/netlink.h>
+#include <linux/rtnetlink.h>
 
 #include <arpa/inet.h>
 #include <linux/ipv6.h>
@@ -147,6 +151,55 @@ TEST(NetworkChanges, OfThisSystemCallBackWhenMessagesWereLost) {
     const int status = inNamespace(loseMessages);
     if (status == noNamespace) GTEST_SKIP() << "no network namespace can be made here";
     EXPECT_EQ(status, 0);
+}
+
+int watchOtherMessages() {
+    const int socket = dup(0);
+    close(socket); // the lowest number, which the watch gets
+    platform::NetworkChanges& system = platform::systemNetworkChanges();
+    int error = -1;
+    auto* watch = system.create(
+        "name", [] { _exit(4); }, error);
+    if (!watch) return 1;
+    struct {
+        nlmsghdr header;
+        ifinfomsg links;
+    } request{};
+    request.header.nlmsg_len = sizeof request;
+    request.header.nlmsg_type = RTM_GETLINK;
+    request.header.nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
+    if (send(socket, &request, sizeof request, 0) != sizeof request) return 2;
+    system.run(watch);
+    char more = 0;
+    const bool hadLinks = recv(socket, &more, 1, MSG_DONTWAIT) == 1; // the dump's end behind them
+    system.release(watch);
+    return hadLinks ? 0 : 3;
+}
+
+TEST(NetworkChanges, OfThisSystemStaySilentAboutOtherMessages) {
+    const int status = inNamespace(watchOtherMessages);
+    if (status == noNamespace) GTEST_SKIP() << "no network namespace can be made here";
+    EXPECT_EQ(status, 0);
+}
+
+TEST(NetworkChanges, OfThisSystemThatCannotBeWatchedTellTheErrorAndLeaveNoDescriptor) {
+    if (!testsupport::canFailCalls())
+        GTEST_SKIP() << "no child can be traced here, or a checker needs its calls";
+    int error = 0;
+    platform::NetworkChanges::Watch* watch = nullptr;
+    const long failures =
+        testsupport::failEachCallOf([] {},
+                                    [&] {
+                                        watch = platform::systemNetworkChanges().create(
+                                            "name", [] {}, error);
+                                        if (watch) platform::systemNetworkChanges().release(watch);
+                                    },
+                                    [&] {
+                                        const bool isTold =
+                                            watch ? error == 0 : error == EMFILE || error == EADDRINUSE;
+                                        EXPECT_TRUE(isTold) << error;
+                                    });
+    EXPECT_GE(failures, 2);
 }
 
 int watchOverAClosedSocket() {

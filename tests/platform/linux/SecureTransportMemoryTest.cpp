@@ -3,11 +3,14 @@
 #include "platform/SecureTransport.h"
 
 #include "support/AllocationCounter.h"
+#include "support/ForkedChild.h"
 #include "support/Sanitizers.h"
+#include "support/TestChild.h"
 
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <string>
 
 namespace {
 
@@ -38,4 +41,35 @@ TEST(SecureTransportMemory, WithoutRoomForItsSessionOrTheTransportThereIsNoConte
         EXPECT_EQ(context, nullptr) << "allocation " << number << " of " << all;
         SSLReleaseContext(context);
     }
+}
+
+TEST(SecureTransportMemory, WithoutRoomForItselfOrItsSettingsThereIsNoContext) {
+    if (testsupport::sanitized) GTEST_SKIP() << "the checkers have an allocator of their own";
+    SSLReleaseContext(create()); // what the library makes once
+    for (long number : {1, 2}) {
+        testsupport::failAllocation(number);
+        EXPECT_EQ(create(), nullptr) << "allocation " << number;
+        EXPECT_TRUE(testsupport::allocationFailed());
+    }
+    SSLContextRef context = create();
+    EXPECT_NE(context, nullptr);
+    SSLReleaseContext(context);
+}
+
+TEST(SecureTransportMemory, WithoutRoomForTheTransportOfAllThereIsNoContextForTheLifeOfTheProcess) {
+    if (testsupport::sanitized) GTEST_SKIP() << "the checkers have an allocator of their own";
+    setenv("SSL_CERT_FILE", "/nonexistent", 1);
+    const long all = std::stol(testsupport::answerOfChild([] {
+        const testsupport::AllocationCounter allocations;
+        create();
+        return std::to_string(allocations.count());
+    }));
+    int without = 0;
+    for (long number = all - 7; number <= all; ++number) {
+        without += testsupport::answerOfChild([number]() -> std::string {
+                       testsupport::failAllocation(number);
+                       return create() || !testsupport::allocationFailed() || create() ? "made" : "none";
+                   }) == "none";
+    }
+    EXPECT_GE(without, 1) << "what all contexts share is made once, or never";
 }

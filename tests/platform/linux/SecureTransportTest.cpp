@@ -125,6 +125,22 @@ TEST_F(SecureTransport, TakesAnyVersionAsTheLowest) {
     EXPECT_EQ(SSLSetProtocolVersionMin(context(), kSSLProtocolAll), noErr);
 }
 
+TEST_F(SecureTransport, TakesNoLowestVersionButThatOfAll) {
+    EXPECT_EQ(SSLSetProtocolVersionMin(context(), kSSLProtocolAll + 1), errSSLProtocol);
+}
+
+TEST_F(SecureTransport, AnAnswerThatIsNoneIsAFailureOfTheProtocolThoughNothingCanBeSaidOfIt) {
+    Peer other;
+    testsupport::connectedPair(connection_, other);
+    wire_.descriptor = connection_.descriptor();
+    ASSERT_EQ(SSLHandshake(context()), errSSLWouldBlock);
+    wire_.isFull = true;
+    other.send(
+        std::string("\x16\x03\x03\x00\x04\x0e\x00\x00\x00", 9)); // the end of a hello in the place of one
+    EXPECT_EQ(SSLHandshake(context()), errSSLProtocol);
+    EXPECT_EQ(SSLHandshake(context()), errSSLClosedAbort);
+}
+
 TEST_F(SecureTransport, ManyContextsUseUpNoNumbersOfTheLibrary) {
     SSLReleaseContext(SSLCreateContext(kSSLClientSide, kSSLStreamType));
     const int before = BIO_get_new_index();

@@ -86,3 +86,10 @@ TEST(SharedLibrary, AFunctionThatIsNotThereIsNamed) {
     EXPECT_EQ(platform::loadedFunctions<MathematicsWithAGap>(error), nullptr);
     EXPECT_NE(error.find("unheard_of"), std::string::npos) << error;
 }
+
+TEST(SharedLibrary, OfTwoFunctionsThatAreNotThereTheFirstIsNamed) {
+    SharedLibrary library("libm.so.6");
+    const LibraryFunction<Root> first(library, "unheard_of"), second(library, "unknown_too");
+    EXPECT_NE(library.error().find("unheard_of"), std::string::npos) << library.error();
+    EXPECT_EQ(library.error().find("unknown_too"), std::string::npos) << library.error();
+}

@@ -137,6 +137,13 @@ TEST_F(SystemDirectory, ANodeOfAnotherNameOrTypeIsNotThere) {
     EXPECT_EQ(error.description, "no node of this type");
 }
 
+TEST_F(SystemDirectory, ANodeOfAnotherServerThanTheSettingsNameIsNotThere) {
+    givenSettings("URI ldap://ldap.example.com\nBASE dc=x\n");
+    DirectoryError error;
+    EXPECT_EQ(system().nodeWithName("/LDAPv3/other.example.com", error), nullptr);
+    EXPECT_EQ(error.description, "no node /LDAPv3/other.example.com");
+}
+
 TEST_F(SystemDirectory, AQueryNeedsANodeAndAKnownMatch) {
     DirectoryQueryTerms wanted = terms(kODRecordTypeUsers, kODAttributeTypeRecordName, "root");
     EXPECT_EQ(found(nullptr, wanted), Names{"no query: no node to query"});

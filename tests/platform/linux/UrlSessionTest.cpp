@@ -278,6 +278,19 @@ TEST_F(UrlSessionTest, WithoutATemporaryDirectoryThereIsNoFile) {
     expectNoResponse(download("http://127.0.0.1:1/p.dmg"));
 }
 
+TEST_F(UrlSessionTest, WithoutATemporaryDirectoryOfTheEnvironmentTheFileLiesInTheSystems) {
+    for (const char* set : {"", static_cast<const char*>(nullptr)}) {
+        if (set)
+            setenv("TMPDIR", set, 1);
+        else
+            unsetenv("TMPDIR");
+        AnswerServer server({answer("200 OK", "", "the package")});
+        const Ended ended = download(server.url("/p.dmg"));
+        EXPECT_EQ(ended.result.location.rfind("/tmp/fernhill-download-", 0), 0u) << ended.result.location;
+        EXPECT_EQ(ended.content, "the package");
+    }
+}
+
 TEST_F(UrlSessionTest, AFullDiskGivesTheStatusAndAnErrorButNoFile) {
     // The first body breaks off at a write, the second only when the file is closed.
     for (const std::size_t size : {200000u, 5000u}) {

@@ -338,3 +338,67 @@ TEST_F(UserDialogTest, NullIsAllowedEverywhere) {
     dialogs.cancel(nullptr);
     dialogs.release(nullptr);
 }
+
+TEST_F(UserDialogTest, AWaylandDisplayAloneIsOneToo) {
+    installProgram("zenity", "exit 0\n");
+    unsetenv("DISPLAY");
+    setenv("WAYLAND_DISPLAY", "wayland-0", 1);
+    EXPECT_EQ(platform::findDialogProgram(), folder.file("zenity"));
+}
+
+TEST_F(UserDialogTest, WithoutAPathTheProgramIsSoughtInTheSystemsFolders) {
+    const auto found = [] { return platform::findDialogProgram(); };
+    setenv("PATH", "/usr/bin:/bin", 1);
+    const std::string expected = found();
+    setenv("PATH", folder.path().c_str(), 1);
+    installProgram("zenity", "exit 0\n");
+    ASSERT_EQ(found(), folder.file("zenity"));
+    unsetenv("PATH");
+    EXPECT_EQ(found(), expected);
+}
+
+TEST_F(UserDialogTest, AProgramWithAShortNameIsNoKdialog) {
+    EXPECT_EQ(platform::dialogCommand("/z", question)[1], "--question");
+}
+
+TEST_F(UserDialogTest, ATimeoutIsAtLeastASecondAndAtMostAMillion) {
+    setenv("PATH", folder.path().c_str(), 1);
+    ManualClock& clock = ManualClock::installed();
+    clock.setEventWait(0, true);
+    const auto secondsOf = [&](double timeout) {
+        const auto start = clock.microseconds();
+        EXPECT_EQ(showAndWait(timeout), platform::notificationCancelResponse);
+        return (clock.microseconds() - start) / 1000000;
+    };
+    EXPECT_EQ(secondsOf(0.25), 1);
+    EXPECT_EQ(secondsOf(90), 90);
+    EXPECT_EQ(secondsOf(2e9), 1000000);
+}
+
+TEST_F(UserDialogTest, WithoutAHelperThereIsNoProgramNorADescriptorLeft) {
+    if (getuid() != 0) GTEST_SKIP() << "needs a user of its own to count processes for";
+    installProgram("zenity", "exit 0\n");
+    chmod(folder.path().c_str(), 0755);
+    EXPECT_TRUE(testsupport::passesInChild([this] {
+        const auto lonelyUser = static_cast<uid_t>(60000 + getpid() % 5000);
+        const rlimit own = {ownThreads(), ownThreads()};
+        ASSERT_EQ(setgid(lonelyUser), 0);
+        ASSERT_EQ(setuid(lonelyUser), 0);
+        ASSERT_EQ(setrlimit(RLIMIT_NPROC, &own), 0);
+        ManualClock::installed().setEventWait(20000, false);
+        EXPECT_EQ(showAndWait(60), platform::notificationCancelResponse);
+        const auto before = testsupport::descriptorsOf(getpid());
+        EXPECT_EQ(showAndWait(60), platform::notificationCancelResponse);
+        EXPECT_EQ(testsupport::descriptorsOf(getpid()), before);
+    }));
+}
+
+TEST_F(UserDialogTest, AHelperThatIsKilledIsADialogThatWasCancelled) {
+    installProgram("zenity", tellsItsHelper + "exec sleep 60\n");
+    platform::UserNotification* dialog = dialogs.create(0, 1, question);
+    kill(awaitHelper(), SIGKILL);
+    unsigned long flags = 99;
+    EXPECT_TRUE(dialogs.receiveResponse(dialog, flags));
+    EXPECT_EQ(flags, platform::notificationCancelResponse);
+    dialogs.release(dialog);
+}
