@@ -143,15 +143,19 @@ public:
 private:
     int timesBuilt() const { return world_.log.countContaining("OstComm socket opened"); }
 
+    // Whether a question is under way beside those that wait for good.
+    bool isFiled() const { return agentLink.responses().count() > (hasFrameInFront_ ? 1 : 0) + waiting_; }
+
     // The state that keeps a question waiting which was asked when the link had been built so many times.
     std::string endlessWait(const Question& question, int built) const {
         // The question is filed, so its thread will start no other.
-        const int filed = agentLink.responses().count();
-        if (filed <= (hasFrameInFront_ ? 1 : 0) + waiting_) return "";
+        if (!isFiled()) return "";
         // A link that was made anew has woken it, though it may not have run since.
         const bool goesOutHere = agentLink.socket() == question.socket;
-        if (goesOutHere && agentLink.isOpened() && !agentLink.isBeingRead() && threads() == 2 + waiting_)
-            return nobodyReads;
+        const bool seemsUnread =
+            goesOutHere && agentLink.isOpened() && !agentLink.isBeingRead() && threads() == 2 + waiting_;
+        // A thread that ends while the system lists them cuts the list short: that of a question that was answered.
+        if (seemsUnread && isFiled() && !agentLink.isBeingRead()) return nobodyReads;
         if (hasFrameInFront_ && timesBuilt() > built) return hidden;
         return "";
     }
