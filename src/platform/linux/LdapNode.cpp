@@ -19,8 +19,8 @@ namespace {
 
 constexpr timeval readTimeout = {1, 0};
 
-// What one message of the server, an entry with all its values, may have in bytes.
-constexpr ber_len_t messageLimit = 64 * 1024 * 1024;
+// What one message of the server, an entry with all its values, may have: 64 MB.
+constexpr ber_len_t messageLimit = 1 << 26;
 
 // What the library hands out is given back to it.
 struct Unbind {
