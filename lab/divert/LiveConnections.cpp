@@ -1,6 +1,7 @@
 #include "lab/divert/LiveConnections.h"
 
 #include <algorithm>
+#include <iterator>
 #include <vector>
 
 namespace lab {
@@ -11,6 +12,9 @@ constexpr std::int64_t second = 1000000;
 // A connection without packets is forgotten after that long, one that is over rather sooner.
 constexpr std::int64_t idleLimit = 300 * second;
 constexpr std::int64_t overLimit = 10 * second;
+
+// Of questions that no packet's result has spoken of yet.
+constexpr std::size_t mostEarly = 1000;
 
 void moveUp(std::uint32_t& number, std::uint32_t to) {
     if (isBehind(to, number)) number = to;
@@ -60,12 +64,20 @@ void LiveConnections::passed(LiveConnection& connection, const TcpSegment& segme
 void LiveConnections::asked(const LiveConnectionPointer& connection, const std::string& url) {
     connection->facts.queries.push_back({url, {}, 0, false});
     unanswered_[url].push_back({connection, connection->facts.queries.size() - 1});
+    for (auto question = early_.begin(); question != early_.end();)
+        question = question->url == url && give(*question) ? early_.erase(question) : std::next(question);
 }
 
 void LiveConnections::take(const Question& question) {
+    if (give(question)) return;
+    early_.push_back(question);
+    if (early_.size() > mostEarly) early_.pop_front();
+}
+
+bool LiveConnections::give(const Question& question) {
     auto& from = question.repeated ? retried_ : unanswered_;
     const auto entry = from.find(question.url);
-    if (entry == from.end()) return;
+    if (entry == from.end()) return false;
     const Place place = entry->second.front();
     entry->second.pop_front();
     if (entry->second.empty()) from.erase(entry);
@@ -74,6 +86,7 @@ void LiveConnections::take(const Question& question) {
     query.decision = question.decision;
     query.answered = true;
     if (question.decision.action == Action::retry) retried_[question.url].push_back(place);
+    return true;
 }
 
 // What is held can still go on when both sides have closed: its sender repeats it.

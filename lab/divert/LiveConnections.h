@@ -9,6 +9,7 @@
 
 #include <deque>
 #include <functional>
+#include <list>
 #include <map>
 #include <memory>
 #include <string>
@@ -48,7 +49,7 @@ public:
     // A question about the URL belongs to the connection.
     void asked(const LiveConnectionPointer& connection, const std::string& url);
 
-    // What the agent has decided.
+    // What the agent has decided. It may be asked before the packet's result has said so: such a question waits for that.
     void take(const Question& question);
 
     void endIfOver(LiveConnection& connection);
@@ -62,12 +63,14 @@ public:
 private:
     using Place = std::pair<LiveConnectionPointer, std::size_t>;
 
+    bool give(const Question& question);
     void end(LiveConnection& connection);
 
     const std::function<void(const LiveConnection&)> ended_;
     std::map<ConnectionKey, LiveConnectionPointer> connections_;
     std::map<std::string, std::deque<Place>> unanswered_; // by URL
     std::map<std::string, std::deque<Place>> retried_;
+    std::list<Question> early_;
     long count_ = 0;
 };
 

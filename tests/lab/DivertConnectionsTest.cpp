@@ -134,6 +134,31 @@ TEST_F(DivertConnectionsTest, AnAnswerBelongsToTheOldestConnectionThatAskedForTh
     EXPECT_TRUE(second->facts.queries[0].answered);
 }
 
+TEST_F(DivertConnectionsTest, AnAnswerThatIsTakenBeforeThePacketsResultWaitsForIt) {
+    const lab::Decision again{lab::Action::retry, "", 0, ""}, blocked{lab::Action::block, "", 0, ""};
+    connections_.take({"http://other/", again, false});
+    connections_.take({"http://a/", again, false});
+    connections_.take({"http://a/", blocked, true});
+    const auto connection = shakeHands();
+    connections_.asked(connection, "http://a/");
+    EXPECT_TRUE(connection->facts.queries[0].answered);
+    EXPECT_EQ(connection->facts.queries[0].retries, 1);
+    EXPECT_EQ(connection->facts.queries[0].decision.action, lab::Action::block);
+    connections_.asked(connection, "http://a/");
+    EXPECT_FALSE(connection->facts.queries[1].answered) << "each is given once";
+}
+
+TEST_F(DivertConnectionsTest, AThousandAnswersWaitForTheirPacketsResult) {
+    const lab::Decision allowed;
+    for (int i = 0; i <= 1000; ++i)
+        connections_.take({"http://" + std::to_string(i), allowed, false});
+    const auto connection = shakeHands();
+    connections_.asked(connection, "http://0");
+    connections_.asked(connection, "http://1");
+    EXPECT_FALSE(connection->facts.queries[0].answered);
+    EXPECT_TRUE(connection->facts.queries[1].answered);
+}
+
 TEST_F(DivertConnectionsTest, WhatIsStillHeldWhenItIsForgottenWasHeldToTheEnd) {
     const auto connection = shakeHands();
     connection->facts.held = true;
