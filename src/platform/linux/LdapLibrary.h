@@ -13,6 +13,8 @@ struct LdapLibrary {
     LibraryFunction<decltype(ldap_initialize)> initialize{library, "ldap_initialize"};
     LibraryFunction<decltype(ldap_set_option)> setOption{library, "ldap_set_option"};
     LibraryFunction<decltype(ber_sockbuf_ctrl)> controlSocket{library, "ber_sockbuf_ctrl"};
+    LibraryFunction<decltype(ber_sockbuf_add_io)> addLayer{library, "ber_sockbuf_add_io"};
+    LibraryFunction<decltype(ldap_connect)> connect{library, "ldap_connect"};
     LibraryFunction<decltype(ldap_unbind_ext_s)> unbind{library, "ldap_unbind_ext_s"};
     LibraryFunction<decltype(ldap_search_ext_s)> search{library, "ldap_search_ext_s"};
     LibraryFunction<decltype(ldap_err2string)> errorText{library, "ldap_err2string"};

@@ -8,6 +8,8 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <map>
 #include <memory>
@@ -61,10 +63,49 @@ std::string lowercase(std::string text) {
     return text;
 }
 
-// Called by the library for a connection that stands, before TLS. The library sets memory aside for a message by the
-// length in its head, and looks at the time only when a read gives up; in a handshake even then only if it is asynchronous.
+using Clock = std::chrono::steady_clock;
+
+// What holds for a connection from when it stands, before TLS. It outlives the connection.
+struct Limits {
+    explicit Limits(const LdapLibrary* functions, const LdapSettings& settings);
+
+    const LdapLibrary* ldap;
+    std::chrono::seconds patience; // with what comes next: TLS, then the answer
+    Clock::time_point end{};       // of it
+    ldap_conncb callbacks;
+
+    void begin() { end = Clock::now() + patience; }
+};
+
+int setUpReads(Sockbuf_IO_Desc* layer, void* limits) {
+    layer->sbiod_pvt = limits;
+    return 0;
+}
+
+// A TLS library reads on until it has a whole record, however slowly that comes. The second more lets the library be the
+// one to say that the time is over where it looks at it.
+ber_slen_t readInTime(Sockbuf_IO_Desc* layer, void* bytes, ber_len_t length) {
+    if (Clock::now() < static_cast<Limits*>(layer->sbiod_pvt)->end + std::chrono::seconds(1))
+        return LBER_SBIOD_READ_NEXT(layer, bytes, length);
+    errno = ETIMEDOUT;
+    return -1;
+}
+
+ber_slen_t writeOn(Sockbuf_IO_Desc* layer, void* bytes, ber_len_t length) {
+    return LBER_SBIOD_WRITE_NEXT(layer, bytes, length);
+}
+
+int controlNext(Sockbuf_IO_Desc* layer, int option, void* argument) {
+    return LBER_SBIOD_CTRL_NEXT(layer, option, argument);
+}
+
+Sockbuf_IO timedReads = {setUpReads, nullptr, controlNext, readInTime, writeOn, nullptr};
+
+// The library sets memory aside for a message by the length in its head, and looks at the time only when a read gives
+// up; in a handshake even then only if it is asynchronous.
 int limitConnection(LDAP* connection, Sockbuf* socket, LDAPURLDesc*, sockaddr*, ldap_conncb* self) {
-    const auto* ldap = static_cast<const LdapLibrary*>(self->lc_arg);
+    auto* limits = static_cast<Limits*>(self->lc_arg);
+    const LdapLibrary* ldap = limits->ldap;
     ber_len_t limit = messageLimit;
     ldap->controlSocket(socket, LBER_SB_OPT_SET_MAX_INCOMING, &limit);
     int descriptor = -1;
@@ -72,23 +113,46 @@ int limitConnection(LDAP* connection, Sockbuf* socket, LDAPURLDesc*, sockaddr*, 
     setsockopt(descriptor, SOL_SOCKET, SO_RCVTIMEO, &readTimeout, sizeof readTimeout);
     const int on = 1;
     ldap->setOption(connection, LDAP_OPT_CONNECT_ASYNC, &on);
-    return 0;
+    limits->begin();
+    constexpr int belowTls = (LBER_SBIOD_LEVEL_PROVIDER + LBER_SBIOD_LEVEL_TRANSPORT) / 2;
+    return ldap->addLayer(socket, &timedReads, belowTls, limits);
 }
 
 void forgetConnection(LDAP*, Sockbuf*, ldap_conncb*) {}
 
-Connection connectTo(const LdapLibrary* ldap, const LdapSettings& settings, int& status) {
-    LDAP* connection = nullptr;
-    status = ldap->initialize(&connection, settings.uri.c_str());
-    if (status != LDAP_SUCCESS) return Connection(nullptr, {ldap});
+Limits::Limits(const LdapLibrary* functions, const LdapSettings& settings)
+    : ldap(functions), patience(settings.connectSeconds), callbacks{limitConnection, forgetConnection, this} {
+}
+
+Connection connectTo(const std::string& uri, const LdapSettings& settings, Limits& limits, int& status) {
+    const LdapLibrary* ldap = limits.ldap;
+    LDAP* made = nullptr;
+    status = ldap->initialize(&made, uri.c_str());
+    Connection connection(made, {ldap});
+    if (status != LDAP_SUCCESS) return connection;
     const int version = LDAP_VERSION3;
     const timeval connectTimeout = {settings.connectSeconds, 0};
-    ldap->setOption(connection, LDAP_OPT_PROTOCOL_VERSION, &version);
-    ldap->setOption(connection, LDAP_OPT_NETWORK_TIMEOUT, &connectTimeout);
-    ldap->setOption(connection, LDAP_OPT_REFERRALS, LDAP_OPT_OFF);
-    static ldap_conncb callbacks = {limitConnection, forgetConnection, const_cast<LdapLibrary*>(ldap)};
-    ldap->setOption(connection, LDAP_OPT_CONNECT_CB, &callbacks);
-    return Connection(connection, {ldap});
+    ldap->setOption(made, LDAP_OPT_PROTOCOL_VERSION, &version);
+    ldap->setOption(made, LDAP_OPT_NETWORK_TIMEOUT, &connectTimeout);
+    ldap->setOption(made, LDAP_OPT_TIMEOUT, &connectTimeout); // for the answer to StartTLS
+    ldap->setOption(made, LDAP_OPT_REFERRALS, LDAP_OPT_OFF);
+    ldap->setOption(made, LDAP_OPT_CONNECT_CB, &limits.callbacks);
+    status = ldap->connect(made);
+    if (status != LDAP_SUCCESS) connection.reset();
+    return connection;
+}
+
+// To the first server that lets it. Each has a connection of its own: the library goes on to the next one of a list with
+// the TLS session in which the one before has stopped.
+Connection connectToAny(const LdapSettings& settings, Limits& limits, int& status) {
+    Connection connection(nullptr, {limits.ldap});
+    std::size_t start = 0;
+    while (!connection && (start = settings.uri.find_first_not_of(", \t", start)) != std::string::npos) {
+        const std::size_t end = std::min(settings.uri.find_first_of(", \t", start), settings.uri.size());
+        connection = connectTo(settings.uri.substr(start, end - start), settings, limits, status);
+        start = end;
+    }
+    return connection;
 }
 
 std::vector<std::string> valuesOf(const LdapLibrary* ldap, LDAP* connection, LDAPMessage* message,
@@ -188,10 +252,13 @@ bool LdapNode::find(const DirectoryQueryTerms& terms, DirectoryRecords& records,
     const LdapLibrary* ldap = loadedFunctions<LdapLibrary>(error.description);
     if (!ldap) return false;
 
-    int status = LDAP_SUCCESS;
-    const Connection connection = connectTo(ldap, settings_, status);
+    int status = LDAP_PARAM_ERROR; // without a server
+    Limits limits(ldap, settings_);
+    const Connection connection = connectToAny(settings_, limits, status);
     LDAPMessage* answer = nullptr;
     timeval timeout = {settings_.answerSeconds, 0};
+    limits.patience = std::chrono::seconds(settings_.answerSeconds);
+    limits.begin();
     if (connection)
         status = ldap->search(connection.get(), settings_.base.c_str(), LDAP_SCOPE_SUBTREE, filter.c_str(),
                               attributes, 0, nullptr, nullptr, &timeout, sizeLimit(terms), &answer);

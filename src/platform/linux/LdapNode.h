@@ -14,7 +14,7 @@ namespace platform {
 struct LdapSettings {
     std::string uri;
     std::string base;
-    int connectSeconds = 10; // how long a search waits for a server to let it connect, and again for TLS
+    int connectSeconds = 10; // how long a search waits for a server to let it connect, and again for TLS with it
     int answerSeconds = 30;  // and for its answer
 };
 
@@ -28,8 +28,8 @@ public:
     // "/LDAPv3/" and the host of the first URI, with its port if that is there.
     std::string name() const;
 
-    // Blocks for as long as the settings say, for each server that does not let it connect and for the answer. A message of
-    // more than 64 MB ends the search.
+    // Asks the first server of the URI line that lets it connect. Blocks for as long as the settings say, for each server
+    // that does not and for the answer. A message of more than 64 MB ends the search.
     bool find(const DirectoryQueryTerms& terms, DirectoryRecords& records,
               DirectoryError& error) const override;
 

@@ -10,8 +10,10 @@
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <thread>
 #include <unistd.h>
@@ -19,6 +21,9 @@
 using namespace platform;
 
 namespace {
+
+// The library reads it once, when the first of these tests needs it.
+[[maybe_unused]] const int anyCertificateWillDo = setenv("LDAPTLS_REQCERT", "never", 1);
 
 // The settings in a file of this content, "uri|base"; "(none)" without any.
 std::string settingsIn(const std::string& content) {
@@ -78,6 +83,18 @@ std::string searchAnswered(const std::string& answer, DirectoryRecords& records,
     const std::string error = search({local(scheme, listener.port()), "dc=x", seconds, seconds}, records);
     serving.join();
     return error;
+}
+
+// Sends a record of TLS, of that kind, so slowly that the client never waits a second for a byte. Whether the client
+// has closed its end before the tests' patience was over.
+bool isLeftWhileARecordComes(int connection, char kind) {
+    const std::string head = {kind, 3, 3, 0x40, 0};
+    send(connection, head.data(), head.size(), MSG_NOSIGNAL);
+    return testsupport::comesTrue([&] {
+        send(connection, "x", 1, MSG_NOSIGNAL);
+        pollfd end = {connection, POLLRDHUP, 0};
+        return poll(&end, 1, 10) == 1;
+    });
 }
 
 std::string nameOf(const char* uri) { return LdapNode({uri, "dc=x"}).name(); }
@@ -175,7 +192,6 @@ TEST(LdapNode, ReadsAnEntryOf60MB) {
 }
 
 TEST(LdapNode, IsReadOverTls) {
-    setenv("LDAPTLS_REQCERT", "never", 1);
     const testsupport::Certificate certificate("localhost");
     testsupport::TlsServer server(certificate, [](SSL* session) {
         testsupport::tlsReadUntil(session, "alice");
@@ -204,4 +220,67 @@ TEST(LdapNode, WaitsForTlsOnlySoLongWhereverItStops) {
         DirectoryRecords records;
         EXPECT_EQ(searchAnswered(answer, records, 1, "ldaps"), "Can't contact LDAP server") << answer.size();
     }
+}
+
+TEST(LdapNode, AsksTheNextServerWhereTlsWithOneStops) {
+    const testsupport::Certificate certificate("localhost");
+    testsupport::TlsServer good(certificate, [](SSL* session) {
+        testsupport::tlsReadUntil(session, "alice");
+        testsupport::tlsSend(session, entryOfAlice("second") + lastMessage);
+    });
+    const testsupport::LoopbackListener stopped; // where the system alone takes the connection
+    DirectoryRecords records;
+    EXPECT_EQ(
+        search({local("ldaps", stopped.port()) + " " + local("ldaps", good.port()), "dc=x", 3}, records), "");
+    EXPECT_EQ(records.size(), 1u);
+    EXPECT_TRUE(good.finish());
+}
+
+TEST(LdapNode, AsksAPlainServerBehindOneWhoseTlsStops) {
+    const testsupport::LoopbackListener stopped;
+    testsupport::LoopbackListener good;
+    std::thread serving([&] {
+        testsupport::Peer server = good.accept();
+        server.readUntil("alice");
+        server.send(entryOfAlice("second") + lastMessage);
+        server.readAll();
+    });
+    DirectoryRecords records;
+    EXPECT_EQ(search({local("ldaps", stopped.port()) + "," + local("ldap", good.port()), "dc=x", 1}, records),
+              "");
+    EXPECT_EQ(records.size(), 1u);
+    serving.join();
+}
+
+TEST(LdapNode, WaitsOnlySoLongForAServerToLetItStartTls) {
+    const testsupport::LoopbackListener stopped;
+    const std::string uri = local("ldap", stopped.port()) + "/????" + "!StartTLS";
+    DirectoryRecords records;
+    EXPECT_EQ(search({uri, "dc=x", 1, 1}, records), "Can't contact LDAP server");
+}
+
+TEST(LdapNode, WaitsForTlsOnlySoLongHoweverSlowlyARecordComes) {
+    testsupport::LoopbackListener listener;
+    bool left = false;
+    std::thread serving([&] {
+        const testsupport::Peer server = listener.accept();
+        left = isLeftWhileARecordComes(server.descriptor(), 0x16);
+    });
+    DirectoryRecords records;
+    EXPECT_EQ(search({local("ldaps", listener.port()), "dc=x", 1, 1}, records), "Can't contact LDAP server");
+    serving.join();
+    EXPECT_TRUE(left);
+}
+
+TEST(LdapNode, WaitsForAnAnswerOnlySoLongHoweverSlowlyARecordComes) {
+    const testsupport::Certificate certificate("localhost");
+    bool left = false;
+    testsupport::TlsServer server(certificate, [&](SSL* session) {
+        testsupport::tlsReadUntil(session, "alice");
+        left = isLeftWhileARecordComes(SSL_get_fd(session), 0x17);
+    });
+    DirectoryRecords records;
+    EXPECT_EQ(search({local("ldaps", server.port()), "dc=x", 5, 1}, records), "Can't contact LDAP server");
+    EXPECT_TRUE(server.finish());
+    EXPECT_TRUE(left);
 }
