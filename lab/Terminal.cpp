@@ -37,13 +37,20 @@ const char* codeOf(Colour colour) {
     return "";
 }
 
+// The last place up to there where no character of UTF-8 is cut: its other bytes may steer a terminal by themselves.
+std::size_t cutUpTo(const std::string& text, std::size_t place) {
+    for (std::size_t back = 0; back < 4 && back < place; ++back)
+        if ((static_cast<unsigned char>(text[place - back]) & 0xc0) != 0x80) return place - back;
+    return place;
+}
+
 // The text in lines of at most that width, broken at blanks where there are any.
 std::vector<std::string> wrapped(const std::string& text, std::size_t width) {
     std::vector<std::string> lines;
     std::string rest = text;
     while (rest.size() > width) {
         std::size_t end = rest.rfind(' ', width);
-        if (end == std::string::npos || end == 0) end = width;
+        if (end == std::string::npos || end == 0) end = cutUpTo(rest, width);
         lines.push_back(rest.substr(0, end));
         rest.erase(0, end);
         rest.erase(0, rest.find_first_not_of(' '));
@@ -99,7 +106,8 @@ std::string coloured(const std::string& text, Colour colour, bool wanted) {
 
 std::string shortened(const std::string& text, std::size_t width) {
     if (text.size() <= width) return text;
-    return width <= 3 ? text.substr(0, width) : text.substr(0, width - 3) + "...";
+    return width <= 3 ? text.substr(0, cutUpTo(text, width))
+                      : text.substr(0, cutUpTo(text, width - 3)) + "...";
 }
 
 std::string printable(std::string text, const std::string& but) {

@@ -53,6 +53,19 @@ TEST(TextTable, WhatATerminalShouldNotSeeIsReplaced) {
     EXPECT_EQ(table.text(80, 0, false), "a?[2Jb\n");
 }
 
+TEST(TextTable, NoLetterOfUtf8IsCutInTwo) {
+    const std::string letter = "\xc3\x9b"; // whose last byte steers a terminal
+    for (const std::size_t before : {23u, 24u}) {
+        TextTable table({""});
+        table.add({{std::string(before, 'x') + letter + "[2J"}});
+        const std::string text = table.text(before + 1, 0, false);
+        EXPECT_EQ(text, std::string(before, 'x') + "\n" + letter + "[2J\n");
+    }
+    EXPECT_EQ(lab::shortened("ab" + letter + "cdef", 6), "ab...");
+    EXPECT_EQ(lab::shortened(letter + letter, 3), letter);
+    EXPECT_EQ(lab::shortened(std::string(8, '\xa0'), 6), "\xa0\xa0\xa0...");
+}
+
 TEST(Printable, IsNoControlCharacterOfUtf8) {
     for (int byte = 0x80; byte < 0xc0; ++byte) {
         const std::string text = std::string("\xc2") + static_cast<char>(byte);

@@ -14,8 +14,9 @@ namespace platform {
 struct LdapSettings {
     std::string uri;
     std::string base;
-    int connectSeconds = 10; // how long a search waits for a server to let it connect, and again for TLS with it
-    int answerSeconds = 30;  // and for its answer
+    int connectSeconds =
+        10; // how long a search waits for a server to let it connect, and again for TLS with it
+    int answerSeconds = 30; // and for its answer
 };
 
 // The URI and BASE lines of a settings file in the form of ldap.conf; nothing without both of them.
