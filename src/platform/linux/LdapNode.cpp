@@ -72,6 +72,7 @@ struct Limits {
     const LdapLibrary* ldap;
     std::chrono::seconds patience; // with what comes next: TLS, then the answer
     Clock::time_point end{};       // of it
+    ber_slen_t bytesLeft;          // of all that the server may say
     ldap_conncb callbacks;
 
     void begin() { end = Clock::now() + patience; }
@@ -84,11 +85,15 @@ int setUpReads(Sockbuf_IO_Desc* layer, void* limits) {
 
 // A TLS library reads on until it has a whole record, however slowly that comes. The second more lets the library be the
 // one to say that the time is over where it looks at it.
-ber_slen_t readInTime(Sockbuf_IO_Desc* layer, void* bytes, ber_len_t length) {
-    if (Clock::now() < static_cast<Limits*>(layer->sbiod_pvt)->end + std::chrono::seconds(1))
-        return LBER_SBIOD_READ_NEXT(layer, bytes, length);
-    errno = ETIMEDOUT;
-    return -1;
+ber_slen_t readWithinLimits(Sockbuf_IO_Desc* layer, void* bytes, ber_len_t length) {
+    auto* limits = static_cast<Limits*>(layer->sbiod_pvt);
+    if (Clock::now() >= limits->end + std::chrono::seconds(1) || limits->bytesLeft <= 0) {
+        errno = ETIMEDOUT;
+        return -1;
+    }
+    const ber_slen_t got = LBER_SBIOD_READ_NEXT(layer, bytes, length);
+    if (got > 0) limits->bytesLeft -= got;
+    return got;
 }
 
 ber_slen_t writeOn(Sockbuf_IO_Desc* layer, void* bytes, ber_len_t length) {
@@ -99,7 +104,7 @@ int controlNext(Sockbuf_IO_Desc* layer, int option, void* argument) {
     return LBER_SBIOD_CTRL_NEXT(layer, option, argument);
 }
 
-Sockbuf_IO timedReads = {setUpReads, nullptr, controlNext, readInTime, writeOn, nullptr};
+Sockbuf_IO limitedReads = {setUpReads, nullptr, controlNext, readWithinLimits, writeOn, nullptr};
 
 // The library sets memory aside for a message by the length in its head, and looks at the time only when a read gives
 // up; in a handshake even then only if it is asynchronous.
@@ -115,14 +120,14 @@ int limitConnection(LDAP* connection, Sockbuf* socket, LDAPURLDesc*, sockaddr*, 
     ldap->setOption(connection, LDAP_OPT_CONNECT_ASYNC, &on);
     limits->begin();
     constexpr int belowTls = (LBER_SBIOD_LEVEL_PROVIDER + LBER_SBIOD_LEVEL_TRANSPORT) / 2;
-    return ldap->addLayer(socket, &timedReads, belowTls, limits);
+    return ldap->addLayer(socket, &limitedReads, belowTls, limits);
 }
 
 void forgetConnection(LDAP*, Sockbuf*, ldap_conncb*) {}
 
 Limits::Limits(const LdapLibrary* functions, const LdapSettings& settings)
-    : ldap(functions), patience(settings.connectSeconds), callbacks{limitConnection, forgetConnection, this} {
-}
+    : ldap(functions), patience(settings.connectSeconds),
+      bytesLeft(settings.answerBytes), callbacks{limitConnection, forgetConnection, this} {}
 
 Connection connectTo(const std::string& uri, const LdapSettings& settings, Limits& limits, int& status) {
     const LdapLibrary* ldap = limits.ldap;

@@ -14,9 +14,9 @@ namespace platform {
 struct LdapSettings {
     std::string uri;
     std::string base;
-    int connectSeconds =
-        10; // how long a search waits for a server to let it connect, and again for TLS with it
-    int answerSeconds = 30; // and for its answer
+    int connectSeconds = 10;    // how long a search waits for a server to let it connect, and again for TLS
+    int answerSeconds = 30;     // and for its answer
+    long answerBytes = 1 << 28; // that the server may say in all: the library keeps it in memory
 };
 
 // The URI and BASE lines of a settings file in the form of ldap.conf; nothing without both of them.
@@ -30,7 +30,8 @@ public:
     std::string name() const;
 
     // Asks the first server of the URI line that lets it connect. Blocks for as long as the settings say, for each server
-    // that does not and for the answer. A message of more than 64 MB ends the search.
+    // that does not and for the answer. A message of more than 64 MB ends the search, as does a longer
+    // answer than the settings allow.
     bool find(const DirectoryQueryTerms& terms, DirectoryRecords& records,
               DirectoryError& error) const override;
 

@@ -72,7 +72,7 @@ std::string local(const char* scheme, int port) {
 
 // The same of a search whose server answers this and leaves the connection open.
 std::string searchAnswered(const std::string& answer, DirectoryRecords& records, int seconds = 30,
-                           const char* scheme = "ldap") {
+                           const char* scheme = "ldap", long bytes = LdapSettings{}.answerBytes) {
     testsupport::LoopbackListener listener;
     testsupport::Peer server;
     std::thread serving([&] {
@@ -80,7 +80,8 @@ std::string searchAnswered(const std::string& answer, DirectoryRecords& records,
         server.read(1);
         server.send(answer);
     });
-    const std::string error = search({local(scheme, listener.port()), "dc=x", seconds, seconds}, records);
+    const std::string error =
+        search({local(scheme, listener.port()), "dc=x", seconds, seconds, bytes}, records);
     serving.join();
     return error;
 }
@@ -178,6 +179,20 @@ TEST(LdapNode, EndsAtAMessageThatIsSaidToBeLongerThan64MB) {
     EXPECT_EQ(searchAnswered(field(0x30, "", 0x7FFFFFFF), records), "Can't contact LDAP server");
     EXPECT_EQ(searchAnswered(field(0x30, "", limit + 1), records), "Can't contact LDAP server");
     EXPECT_TRUE(records.empty());
+}
+
+TEST(LdapNode, EndsAtAnAnswerThatIsLongerInAllThanTheSettingsAllow) {
+    EXPECT_EQ(LdapSettings{}.answerBytes, 256 * 1024 * 1024);
+    std::string answer;
+    for (int i = 0; i < 10; ++i)
+        answer += entryOfAlice(std::string(1000, 'v'));
+    answer += lastMessage;
+    const long length = static_cast<long>(answer.size());
+    DirectoryRecords records;
+    EXPECT_EQ(searchAnswered(answer, records, 30, "ldap", length), "");
+    EXPECT_EQ(records.size(), 10u);
+    EXPECT_EQ(searchAnswered(answer, records, 30, "ldap", length / 2), "Can't contact LDAP server");
+    EXPECT_EQ(records.size(), 10u);
 }
 
 TEST(LdapNode, ReadsAnEntryOf60MB) {
