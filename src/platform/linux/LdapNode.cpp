@@ -19,7 +19,8 @@
 namespace platform {
 namespace {
 
-constexpr timeval readTimeout = {1, 0};
+// After so long a read gives up, and the library looks at the time.
+constexpr std::chrono::seconds readTime(1);
 
 // What one message of the server, an entry with all its values, may have: 64 MB.
 constexpr ber_len_t messageLimit = 1 << 26;
@@ -65,6 +66,12 @@ std::string lowercase(std::string text) {
 
 using Clock = std::chrono::steady_clock;
 
+timeval timeOf(std::chrono::seconds seconds) {
+    timeval time{};
+    time.tv_sec = seconds.count();
+    return time;
+}
+
 // What holds for a connection from when it stands, before TLS. It outlives the connection.
 struct Limits {
     explicit Limits(const LdapLibrary* functions, const LdapSettings& settings);
@@ -83,11 +90,11 @@ int setUpReads(Sockbuf_IO_Desc* layer, void* limits) {
     return 0;
 }
 
-// A TLS library reads on until it has a whole record, however slowly that comes. The second more lets the library be the
-// one to say that the time is over where it looks at it.
+// A TLS library reads on until it has a whole record, however slowly that comes. One read's time more lets the library be
+// the one to say that the time is over where it looks at it.
 ber_slen_t readWithinLimits(Sockbuf_IO_Desc* layer, void* bytes, ber_len_t length) {
     auto* limits = static_cast<Limits*>(layer->sbiod_pvt);
-    if (Clock::now() >= limits->end + std::chrono::seconds(1) || limits->bytesLeft <= 0) {
+    if (Clock::now() >= limits->end + readTime || limits->bytesLeft <= 0) {
         errno = ETIMEDOUT;
         return -1;
     }
@@ -113,11 +120,11 @@ int limitConnection(LDAP* connection, Sockbuf* socket, LDAPURLDesc*, sockaddr*, 
     const LdapLibrary* ldap = limits->ldap;
     ber_len_t limit = messageLimit;
     ldap->controlSocket(socket, LBER_SB_OPT_SET_MAX_INCOMING, &limit);
-    int descriptor = -1;
+    ber_socket_t descriptor{};
     ldap->controlSocket(socket, LBER_SB_OPT_GET_FD, &descriptor);
+    const timeval readTimeout = timeOf(readTime);
     setsockopt(descriptor, SOL_SOCKET, SO_RCVTIMEO, &readTimeout, sizeof readTimeout);
-    const int on = 1;
-    ldap->setOption(connection, LDAP_OPT_CONNECT_ASYNC, &on);
+    ldap->setOption(connection, LDAP_OPT_CONNECT_ASYNC, self); // whatever is no null pointer means yes
     limits->begin();
     constexpr int belowTls = (LBER_SBIOD_LEVEL_PROVIDER + LBER_SBIOD_LEVEL_TRANSPORT) / 2;
     return ldap->addLayer(socket, &limitedReads, belowTls, limits);
@@ -136,7 +143,7 @@ Connection connectTo(const std::string& uri, const LdapSettings& settings, Limit
     Connection connection(made, {ldap});
     if (status != LDAP_SUCCESS) return connection;
     const int version = LDAP_VERSION3;
-    const timeval connectTimeout = {settings.connectSeconds, 0};
+    const timeval connectTimeout = timeOf(std::chrono::seconds(settings.connectSeconds));
     ldap->setOption(made, LDAP_OPT_PROTOCOL_VERSION, &version);
     ldap->setOption(made, LDAP_OPT_NETWORK_TIMEOUT, &connectTimeout);
     ldap->setOption(made, LDAP_OPT_TIMEOUT, &connectTimeout); // for the answer to StartTLS
@@ -153,7 +160,7 @@ Connection connectToAny(const LdapSettings& settings, Limits& limits, int& statu
     Connection connection(nullptr, {limits.ldap});
     std::size_t start = 0;
     while (!connection && (start = settings.uri.find_first_not_of(", \t", start)) != std::string::npos) {
-        const std::size_t end = std::min(settings.uri.find_first_of(", \t", start), settings.uri.size());
+        const std::size_t end = settings.uri.find_first_of(", \t", start);
         connection = connectTo(settings.uri.substr(start, end - start), settings, limits, status);
         start = end;
     }
@@ -261,9 +268,9 @@ bool LdapNode::find(const DirectoryQueryTerms& terms, DirectoryRecords& records,
     Limits limits(ldap, settings_);
     const Connection connection = connectToAny(settings_, limits, status);
     LDAPMessage* answer = nullptr;
-    timeval timeout = {settings_.answerSeconds, 0};
     limits.patience = std::chrono::seconds(settings_.answerSeconds);
     limits.begin();
+    timeval timeout = timeOf(limits.patience);
     if (connection)
         status = ldap->search(connection.get(), settings_.base.c_str(), LDAP_SCOPE_SUBTREE, filter.c_str(),
                               attributes, 0, nullptr, nullptr, &timeout, sizeLimit(terms), &answer);

@@ -206,6 +206,65 @@ TEST(LdapNode, ReadsAnEntryOf60MB) {
     EXPECT_TRUE(details["dsAttrTypeNative:description"] == std::vector<std::string>{value});
 }
 
+TEST(LdapNode, EndsAtALongAnswerThatComesByteByByte) {
+    testsupport::LoopbackListener listener;
+    bool left = false;
+    std::thread serving([&] {
+        const testsupport::Peer server = listener.accept();
+        left = isLeftWhileARecordComes(server.descriptor(), 0x16);
+    });
+    DirectoryRecords records;
+    EXPECT_EQ(search({local("ldaps", listener.port()), "dc=x", 1000, 1000, 30}, records),
+              "Can't contact LDAP server");
+    serving.join();
+    EXPECT_TRUE(left);
+}
+
+TEST(LdapNode, WaitsForAnAnswerLongerThanForAConnection) {
+    testsupport::LoopbackListener listener;
+    std::thread serving([&] {
+        testsupport::Peer server = listener.accept();
+        server.readUntil("alice");
+        // Longer than a connection may take, with a read's time more: the next one would fail.
+        pollfd nothing = {-1, 0, 0};
+        poll(&nothing, 1, 2500);
+        server.send(entryOfAlice("late") + lastMessage);
+    });
+    DirectoryRecords records;
+    EXPECT_EQ(search({local("ldap", listener.port()), "dc=x", 1, 30}, records), "");
+    EXPECT_EQ(records.size(), 1u);
+    serving.join();
+}
+
+TEST(LdapNode, AsksNoServerThatAnAnswerRefersTo) {
+    testsupport::LoopbackListener other;
+    const std::string referral = field(0xA3, field(4, local("ldap", other.port()) + "/dc=x"));
+    const std::string answer = message(0x65, field(10, "\x0a") + field(4, "") + field(4, "") + referral);
+    DirectoryRecords records;
+    EXPECT_EQ(searchAnswered(answer, records), "Referral");
+    pollfd asked = {other.descriptor(), POLLIN, 0};
+    EXPECT_EQ(poll(&asked, 1, 0), 0);
+}
+
+TEST(LdapNode, FailsWithoutAServer) {
+    DirectoryRecords records;
+    EXPECT_EQ(search({" , ", "dc=x"}, records), "Bad parameter to an ldap routine");
+}
+
+TEST(LdapNode, AsksTheServerBehindAnAddressThatIsNone) {
+    testsupport::LoopbackListener good;
+    std::thread serving([&] {
+        testsupport::Peer server = good.accept();
+        server.readUntil("alice");
+        server.send(entryOfAlice("second") + lastMessage);
+        server.readAll();
+    });
+    DirectoryRecords records;
+    EXPECT_EQ(search({"nowhere://x, " + local("ldap", good.port()), "dc=x"}, records), "");
+    EXPECT_EQ(records.size(), 1u);
+    serving.join();
+}
+
 TEST(LdapNode, IsReadOverTls) {
     const testsupport::Certificate certificate("localhost");
     testsupport::TlsServer server(certificate, [](SSL* session) {
