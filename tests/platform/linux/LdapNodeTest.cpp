@@ -327,10 +327,11 @@ TEST(LdapNode, AsksAPlainServerBehindOneWhoseTlsStops) {
 }
 
 TEST(LdapNode, WaitsOnlySoLongForAServerToLetItStartTls) {
-    const testsupport::LoopbackListener stopped;
+    testsupport::LoopbackListener stopped;
     const std::string uri = local("ldap", stopped.port()) + "/????" + "!StartTLS";
     DirectoryRecords records;
     EXPECT_EQ(search({uri, "dc=x", 1, 1}, records), "Can't contact LDAP server");
+    EXPECT_EQ(stopped.accept().read(1), "\x30"); // was asked
 }
 
 TEST(LdapNode, WaitsForTlsOnlySoLongHoweverSlowlyARecordComes) {
