@@ -175,6 +175,8 @@ TEST_F(DaemonDoctor, TheTableHasARowForEachFindingAndItsRemedyBelow) {
 TEST_F(DaemonDoctor, ItChangesNoFile) {
     startWhole();
     daemon->signal(SIGSTOP); // whose own log would go on
+    siginfo_t allThreadsStand{};
+    ASSERT_EQ(waitid(P_PID, static_cast<id_t>(daemon->process()), &allThreadsStand, WSTOPPED | WNOWAIT), 0);
     const auto before = stateOf(root.path());
     EXPECT_EQ(diagnose().status, 0);
     EXPECT_EQ(stateOf(root.path()), before);
