@@ -121,6 +121,7 @@ TEST_F(DnsTables, ARedirectHostWithAnAddressOfAnotherSizeCountsAsOneWithoutAny) 
     setRemaps({"www.alder.test,safe.alder.test"});
     EXPECT_EQ(redirectOf("www.alder.test"), "(none)");
     EXPECT_EQ(sorted(remaps()), builtInRows);
+    names.install();
 }
 
 TEST_F(DnsTables, IsSslIpBesideReplacementsOfTheTables) {
