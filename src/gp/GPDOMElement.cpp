@@ -220,22 +220,21 @@ GPDOMElement* GPDOMElement::parseElement(const char* tag, std::size_t length) {
     element->children = new GPArray;
     const std::string_view name = nameOf(tag, length);
     element->name = GPString::of(name);
-    const auto* blank = static_cast<const char*>(std::memchr(tag, ' ', length));
-    if (!blank) return element;
-    const auto nameEnd = static_cast<std::size_t>(blank - tag);
-    const std::size_t end = tag[length - 2] == '/' ? length - 2 : length - 1;
-    element->attributes = readAttributes({blank + 1, end - nameEnd - 1});
+    const char* const nameEnd = name.data() + name.size();
+    if (*nameEnd != ' ') return element;
+    const char* const end = tag + length - (tag[length - 2] == '/' ? 2 : 1);
+    element->attributes = readAttributes({nameEnd + 1, static_cast<std::size_t>(end - nameEnd) - 1});
     return element;
 }
 
 // The scan of one text: from angle bracket to angle bracket, with the element that is open at the moment.
 class GPDOMElement::Scanner {
 public:
-    explicit Scanner(const char* text) : text_(text) {}
+    explicit Scanner(const char* text) : text_(text), end_(text + std::strlen(text)) {}
 
     GPDOMElement* run() {
         while (findTag()) {
-            const char kind = text_[open_ + 1];
+            const char kind = open_[1];
             if (kind == '!' || kind == '?') continue;
             if (kind == '/')
                 readEndTag();
@@ -246,31 +245,37 @@ public:
     }
 
 private:
+    // The tag runs from `open_` to its ">", and `position_` is behind that.
     bool findTag() {
-        open_ = text_.find('<', position_);
-        if (open_ == std::string::npos) return false;
-        const std::size_t close = text_.find('>', open_);
-        if (close == std::string::npos) return false;
+        open_ = placeOf('<', position_);
+        const char* const close = open_ ? placeOf('>', open_) : nullptr;
+        if (!close) return false;
         position_ = close + 1;
         return true;
     }
 
+    const char* placeOf(char character, const char* from) const {
+        return static_cast<const char*>(std::memchr(from, character, static_cast<std::size_t>(end_ - from)));
+    }
+
+    std::size_t tagLength() const { return static_cast<std::size_t>(position_ - open_); }
+
     void readEndTag() {
         if (!current_) return;
-        if (nameOf(&text_[open_ + 1], position_ - open_ - 1) == current_->name->cstr() &&
-            current_->children->count() == 0) {
-            const auto from = static_cast<std::size_t>(current_->valueStart);
-            current_->value = GPString::of({&text_[from], open_ - from});
+        if (current_->children->count() == 0 &&
+            nameOf(open_ + 1, tagLength() - 1) == current_->name->cstr()) {
+            const char* const from = text_ + current_->valueStart;
+            current_->value = GPString::of({from, static_cast<std::size_t>(open_ - from)});
         }
         // Names are not compared: an end tag of another name closes a level just as well.
         current_ = current_->parent;
     }
 
     void readStartTag() {
-        GPDOMElement* element = parseElement(&text_[open_], position_ - open_);
-        element->valueStart = static_cast<std::int32_t>(position_);
+        GPDOMElement* element = parseElement(open_, tagLength());
+        element->valueStart = static_cast<std::int32_t>(position_ - text_);
         attach(element);
-        const bool isSelfClosed = text_[position_ - 2] == '/';
+        const bool isSelfClosed = position_[-2] == '/';
         if (!isSelfClosed) {
             current_ = element;
             return;
@@ -297,9 +302,10 @@ private:
             unattached_ = std::move(owner);
     }
 
-    const std::string text_;
-    std::size_t open_ = 0;
-    std::size_t position_ = 0;
+    const char* const text_;
+    const char* const end_;
+    const char* open_ = nullptr;
+    const char* position_ = text_;
     GPDOMElement* root_ = nullptr;
     GPDOMElement* current_ = nullptr;
     // The newest further top-level element, which is not returned. Nothing is open in those before it.
