@@ -81,8 +81,7 @@ GPMap* readAttributes(std::string_view text) {
     if (pieces == 0) return nullptr;
     auto* attributes = new GPMap(pieces);
     for (const NamedText& attribute : found.take())
-        attributes->setNewObject(GPString::of(withoutQuotes(attribute.value)),
-                                 std::string(attribute.name).c_str());
+        attributes->setNewObject(GPString::of(withoutQuotes(attribute.value)), attribute.name);
     return attributes;
 }
 

@@ -292,7 +292,7 @@ bool GPHTTP::parseAnswer(std::string_view answer, int& code, GPMap& headers) {
     if (blockEnd == npos) return false;
     for (const NamedText& header : readHeaders(answer.substr(0, blockEnd + 1)))
         headers.setNewObject(new GPString(header.value.data(), static_cast<int>(header.value.size())),
-                             std::string(header.name).c_str());
+                             header.name);
     return true;
 }
 

@@ -1,13 +1,11 @@
 #include "gp/GPMap.h"
 
-#include "gp/GPArray.h"
 #include "gp/GPList.h"
 #include "gp/GPLog.h"
 #include "gp/GPMutex.h"
 #include "gp/GPPair.h"
 #include "gp/GPString.h"
 #include "gp/Owned.h"
-#include "gp/TextCopy.h"
 
 #include <cstring>
 
@@ -18,7 +16,7 @@ constexpr int defaultBuckets = 10;
 
 GPPair* pairOf(GPObject* object) { return static_cast<GPPair*>(object); }
 
-GPList* bucketAt(GPArray* buckets, int index) { return static_cast<GPList*>(buckets->objectAtIndex(index)); }
+GPList* bucketAt(GPArray& buckets, int index) { return static_cast<GPList*>(buckets.objectAtIndex(index)); }
 
 // The bucket's pair with that key, with the bucket's cursor on it, or null.
 GPPair* pairWithKey(GPList* bucket, const char* key) {
@@ -41,28 +39,26 @@ std::uint32_t hashOf(const char* key, std::uint32_t capacity) {
 
 GPMap::GPMap() : GPMap(defaultBuckets) {}
 
-GPMap::GPMap(int buckets)
-    : buckets_(new GPArray(buckets)), count_(0), walkBucket_(0), walkPosition_(0), mutex_(nullptr) {
+GPMap::GPMap(int buckets) : buckets_(buckets), count_(0), walkBucket_(0), walkPosition_(0), mutex_(nullptr) {
     addBuckets(buckets);
 }
 
 GPMap::~GPMap() {
     if (mutex_) mutex_->release();
     mutex_ = nullptr;
-    for (int index = 0; index < buckets_->count(); ++index) {
+    for (int index = 0; index < buckets_.count(); ++index) {
         GPList* bucket = bucketAt(buckets_, index);
         for (GPPair* pair = pairOf(bucket->firstObject()); pair; pair = pairOf(bucket->nextObject())) {
             pair->releaseMapReference();
         }
         bucket->release();
     }
-    buckets_->release();
 }
 
 // Each bucket keeps the reference of its making besides the array's.
 void GPMap::addBuckets(int upTo) {
-    while (buckets_->count() < upTo) {
-        buckets_->addObject(new GPList());
+    while (buckets_.count() < upTo) {
+        buckets_.addObject(new GPList());
     }
 }
 
@@ -73,24 +69,24 @@ const char* GPMap::cclassName() { return className_; }
 const char* GPMap::GPMapClassName() { return className_; }
 
 GPList* GPMap::bucketForKey(const char* key) {
-    const auto capacity = static_cast<std::uint32_t>(buckets_->arraySpace());
+    const auto capacity = static_cast<std::uint32_t>(buckets_.arraySpace());
     return bucketAt(buckets_, static_cast<int>(hashOf(key, capacity) % capacity));
 }
 
 void GPMap::setObject(GPObject* value, const char* key) {
     if (!value || !key) return;
     // Copied first: the key may be the text of the very pair that goes.
-    char* ownKey = copyText(key);
-    removeObjectForKey(ownKey);
-    addPair(ownKey, value);
+    GPPair* pair = GPPair::of(key, value);
+    removeObjectForKey(pair->key());
+    addPair(pair);
 }
 
-void GPMap::setNewObject(GPObject* value, const char* key) { addPair(copyText(key), value); }
+void GPMap::setNewObject(GPObject* value, std::string_view key) { addPair(GPPair::of(key, value)); }
 
-void GPMap::addPair(char* ownKey, GPObject* value) {
+void GPMap::addPair(GPPair* pair) {
     GPMutexLock guard(mutex_);
     // The pair keeps the reference of its making besides the list's.
-    bucketForKey(ownKey)->addObject(new GPPair(ownKey, value));
+    bucketForKey(pair->key())->addObject(pair);
     ++count_;
 }
 
@@ -118,7 +114,7 @@ const char* GPMap::firstKey() {
     if (count_ == 0) return nullptr;
     walkBucket_ = 0;
     walkPosition_ = 0;
-    for (int index = 0; index < buckets_->count(); ++index) {
+    for (int index = 0; index < buckets_.count(); ++index) {
         bucketAt(buckets_, index)->firstObject();
     }
     guard.unlock();
@@ -127,7 +123,7 @@ const char* GPMap::firstKey() {
 
 const char* GPMap::nextKey() {
     GPMutexLock guard(mutex_);
-    for (; walkBucket_ < buckets_->count(); ++walkBucket_, walkPosition_ = 0) {
+    for (; walkBucket_ < buckets_.count(); ++walkBucket_, walkPosition_ = 0) {
         GPPair* pair = pairOf(bucketAt(buckets_, walkBucket_)->objectAtIndex(walkPosition_));
         if (!pair) continue;
         ++walkPosition_;
@@ -158,7 +154,7 @@ void GPMap::rebalance() {
     logs("GPMap::rebalance entry");
     auto pairs = Owned<GPArray>::adopt(new GPArray());
     lock();
-    for (int index = 0; index < buckets_->count(); ++index) {
+    for (int index = 0; index < buckets_.count(); ++index) {
         GPList* bucket = bucketAt(buckets_, index);
         for (GPObject* pair = bucket->firstObject(); pair; pair = bucket->nextObject()) {
             pairs->addObject(pair);
@@ -170,8 +166,8 @@ void GPMap::rebalance() {
     }
 
     GPMutexLock guard(mutex_);
-    buckets_->expandArray(buckets_->arraySpace() * 2);
-    addBuckets(buckets_->arraySpace());
+    buckets_.expandArray(buckets_.arraySpace() * 2);
+    addBuckets(buckets_.arraySpace());
     // The pairs come back without being counted and without the map's own reference.
     for (int index = 0; index < pairs->count(); ++index) {
         GPPair* pair = pairOf(pairs->objectAtIndex(index));

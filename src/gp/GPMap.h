@@ -5,14 +5,16 @@
 //
 // Not thread-safe, and reading moves cursors: whoever shares one locks for readers too.
 
+#include "gp/GPArray.h"
 #include "gp/GPObject.h"
 #include "gp/ThreadSafety.h"
 
 #include <cstdint>
+#include <string_view>
 
-class GPArray;
 class GPList;
 class GPMutex;
+class GPPair;
 class GPString;
 
 class GPMap : public GPObject {
@@ -32,9 +34,9 @@ public:
     // map. Nothing happens if either is null.
     void setObject(GPObject* value, const char* key);
 
-    // As above for a key that is not in the map, which is not looked for: it costs no walk of a chain. Neither may
-    // be null.
-    void setNewObject(GPObject* value, const char* key);
+    // As above for a key that is not in the map, which is not looked for: it costs no walk of a chain. The value must not be null, and
+    // the key ends at its first NUL.
+    void setNewObject(GPObject* value, std::string_view key);
 
     // Removes the entry and releases its value; nothing happens for an absent key.
     void removeObjectForKey(const char* key);
@@ -60,12 +62,12 @@ public:
     void rebalance();
 
 private:
-    // Takes over both.
-    void addPair(char* ownKey, GPObject* value);
+    // Takes over the reference of the pair's making.
+    void addPair(GPPair* pair);
     GPList* bucketForKey(const char* key) REQUIRES(mutex_);
     void addBuckets(int upTo) REQUIRES(mutex_);
 
-    GPArray* buckets_ GUARDED_BY(mutex_);
+    GPArray buckets_ GUARDED_BY(mutex_);
     std::int32_t count_ GUARDED_BY(mutex_);
     std::int32_t walkBucket_ GUARDED_BY(mutex_);
     std::int32_t walkPosition_ GUARDED_BY(mutex_);

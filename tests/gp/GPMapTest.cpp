@@ -10,6 +10,7 @@
 
 #include <cstring>
 #include <string>
+#include <string_view>
 #include <vector>
 
 using testsupport::neverEnds;
@@ -395,9 +396,11 @@ TEST(GPMap, OperationsOfASafeMapWaitForItsLock) {
     }));
 }
 
-TEST(GPPair, FreesItsKeyAndReleasesItsValue) {
+TEST(GPPair, CopiesItsKeyAndReleasesItsValue) {
     GPObject value;
-    auto* pair = new GPPair(strdup("key"), value.retain());
+    std::string key = "key of several";
+    auto* pair = GPPair::of(std::string_view(key).substr(0, 3), value.retain());
+    key.clear();
     EXPECT_STREQ(pair->key(), "key");
     EXPECT_EQ(pair->value(), &value);
     EXPECT_EQ(references(&value), 2);
@@ -409,7 +412,7 @@ TEST(GPPair, FreesItsKeyAndReleasesItsValue) {
 
 TEST(GPPair, GivesTheMapsReferenceBackOnce) {
     GPObject value;
-    auto* pair = new GPPair(strdup("key"), value.retain());
+    auto* pair = GPPair::of("key", value.retain());
     pair->retain();
 
     pair->releaseMapReference();
