@@ -9,14 +9,13 @@
 namespace {
 
 constexpr char className_[] = "GPArray";
-constexpr int defaultCapacity = 5;
 
 } // namespace
 
 GPArray::GPArray() : GPArray(defaultCapacity) {}
 
 GPArray::GPArray(int capacity)
-    : entries_(nullptr), count_(0), capacity_(capacity > 0 ? capacity : defaultCapacity), holdsValues_(0),
+    : entries_(ownRoom_), count_(0), capacity_(capacity > 0 ? capacity : defaultCapacity), holdsValues_(0),
       mutex_(nullptr), retainGuarded_(0), retainMutex_(nullptr) {}
 
 GPArray::~GPArray() {
@@ -29,7 +28,15 @@ GPArray::~GPArray() {
     for (int index = 0; !holdsValues_ && index < count(); ++index) {
         if (entries_[index]) static_cast<GPObject*>(entries_[index])->release();
     }
-    delete[] entries_;
+    giveBackRoom();
+}
+
+void** GPArray::roomFor(int capacity) {
+    return capacity <= defaultCapacity ? ownRoom_ : new void*[static_cast<std::size_t>(capacity)]();
+}
+
+void GPArray::giveBackRoom() {
+    if (entries_ != ownRoom_) delete[] entries_;
 }
 
 int GPArray::release() {
@@ -68,8 +75,8 @@ GPArray* GPArray::arrayWithObject(GPObject* object) {
 
 void GPArray::append(void* entry) {
     const int used = count_.load(std::memory_order_relaxed);
-    // Many arrays stay empty, as those of an element without children do.
-    if (!entries_) entries_ = new void*[static_cast<std::size_t>(capacity_)]();
+    // Large room is made for the first entry, since many arrays stay empty.
+    if (used == 0 && entries_ == ownRoom_) entries_ = roomFor(capacity_);
     if (capacity_ <= used && used >= 1) expandArray(used * 2);
     entries_[used] = entry;
     count_.store(used + 1, std::memory_order_release);
@@ -107,12 +114,13 @@ int GPArray::removeValue(void* value) NO_THREAD_SAFETY_ANALYSIS {
         return -1;
     }
 
-    void** fresh = new void*[static_cast<std::size_t>(capacity_)]();
+    // Where the array's own room serves, the entries behind the removed one move up in it.
+    void** fresh = roomFor(capacity_);
     const int used = count_.load(std::memory_order_relaxed);
     for (int index = 0, kept = 0; index < used; ++index) {
         if (index != found) fresh[kept++] = objectAtIndex(index);
     }
-    delete[] entries_;
+    if (fresh != entries_) giveBackRoom();
     entries_ = fresh;
     count_.store(used - 1, std::memory_order_release);
     // The lock is kept, on purpose; that is the known limit of a safe() array.
@@ -149,8 +157,8 @@ void GPArray::removeAllObjects() {
     count_.store(0, std::memory_order_release);
     capacity_ = defaultCapacity;
     holdsValues_ = 0;
-    delete[] entries_;
-    entries_ = nullptr;
+    giveBackRoom();
+    entries_ = ownRoom_;
 }
 
 GPObject* GPArray::objectAtIndex(int index) {
@@ -183,10 +191,12 @@ int GPArray::arraySpace() {
 // Takes no lock, by rule: an append of a safe() array calls it with the lock held.
 void GPArray::expandArray(int capacity) NO_THREAD_SAFETY_ANALYSIS {
     if (capacity <= capacity_) return;
-    void** larger = new void*[static_cast<std::size_t>(capacity)]();
-    std::copy(entries_, entries_ + count_.load(std::memory_order_relaxed), larger);
-    delete[] entries_;
-    entries_ = larger;
+    void** larger = roomFor(capacity);
+    if (larger != ownRoom_) {
+        std::copy(entries_, entries_ + count_.load(std::memory_order_relaxed), larger);
+        giveBackRoom();
+        entries_ = larger;
+    }
     capacity_ = capacity;
 }
 

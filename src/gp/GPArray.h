@@ -89,9 +89,15 @@ public:
     int safeRetain();
 
 private:
+    static constexpr int defaultCapacity = 5;
+
     void append(void* entry) REQUIRES(mutex_);
+    void** roomFor(int capacity);
+    void giveBackRoom();
     bool isIndex(int index) const { return index >= 0 && index < count_.load(std::memory_order_acquire); }
 
+    // Arrays of the default capacity or less, which are most, have their entries here.
+    void* ownRoom_[defaultCapacity];
     void** entries_; // read without the lock too
     // Stored after the slot it counts, so that a reader beside an append sees whole entries only.
     std::atomic<std::int32_t> count_;
