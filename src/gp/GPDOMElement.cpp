@@ -5,10 +5,12 @@
 #include "gp/GPString.h"
 #include "gp/NamedText.h"
 #include "gp/Owned.h"
+#include "gp/SharedPiece.h"
 
 #include <algorithm>
 #include <cstring>
 #include <iterator>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -213,19 +215,6 @@ GPDOMElement* GPDOMElement::createElement(const char* name, GPMap* attributes, c
     return element;
 }
 
-// `tag` starts with one character that is skipped and ends with ">".
-GPDOMElement* GPDOMElement::parseElement(const char* tag, std::size_t length) {
-    auto* element = new GPDOMElement;
-    element->children = new GPArray;
-    const std::string_view name = nameOf(tag, length);
-    element->name = GPString::of(name);
-    const char* const nameEnd = name.data() + name.size();
-    if (*nameEnd != ' ') return element;
-    const char* const end = tag + length - (tag[length - 2] == '/' ? 2 : 1);
-    element->attributes = readAttributes({nameEnd + 1, static_cast<std::size_t>(end - nameEnd) - 1});
-    return element;
-}
-
 // The scan of one text: from angle bracket to angle bracket, with the element that is open at the moment.
 class GPDOMElement::Scanner {
 public:
@@ -271,10 +260,14 @@ private:
     }
 
     void readStartTag() {
-        GPDOMElement* element = parseElement(open_, tagLength());
-        element->valueStart = static_cast<std::int32_t>(position_ - text_);
+        const std::string_view tag(open_, tagLength());
+        const bool isSelfClosed = tag[tag.size() - 2] == '/';
+        const std::int32_t valueStart = static_cast<std::int32_t>(position_ - text_);
+        const auto value = isSelfClosed ? std::nullopt : readValueAndEndTag(nameOf(tag.data(), tag.size()));
+        GPDOMElement* element = made(tag, value);
+        element->valueStart = valueStart;
         attach(element);
-        const bool isSelfClosed = position_[-2] == '/';
+        if (value) return;
         if (!isSelfClosed) {
             current_ = element;
             return;
@@ -285,6 +278,33 @@ private:
         // Behind a self-closed child the scanner goes one level higher than the element that
         // contains it. Readers search the whole tree and do not notice.
         if (current_ && current_->parent) current_ = current_->parent;
+    }
+
+    // Of an element without children: its text, if the very next tag is its end tag, which is then read as well.
+    std::optional<std::string_view> readValueAndEndTag(std::string_view name) {
+        const char* const next = placeOf('<', position_);
+        if (!next || next[1] != '/') return std::nullopt;
+        const char* const close = placeOf('>', next);
+        if (!close || nameOf(next + 1, static_cast<std::size_t>(close - next)) != name) return std::nullopt;
+        const char* const from = std::exchange(position_, close + 1);
+        return std::string_view(from, static_cast<std::size_t>(next - from));
+    }
+
+    // The element of a start tag. What every element has lies in one piece of memory with it.
+    static GPDOMElement* made(std::string_view tag, const std::optional<std::string_view>& value) {
+        const std::string_view name = nameOf(tag.data(), tag.size());
+        SharedPiece& piece =
+            *SharedPiece::withRoomFor(SharedPiece::sizeOf<GPDOMElement>() + SharedPiece::sizeOf<GPArray>() +
+                                      GPString::sizeIn(name) + (value ? GPString::sizeIn(*value) : 0));
+        auto* element = piece.make<GPDOMElement>();
+        element->children = piece.make<GPArray>();
+        element->name = GPString::in(piece, name);
+        if (value) element->value = GPString::in(piece, *value);
+        const std::size_t nameEnd = name.size() + 1;
+        if (tag[nameEnd] != ' ') return element;
+        const std::size_t end = tag.size() - (tag[tag.size() - 2] == '/' ? 2 : 1);
+        element->attributes = readAttributes(tag.substr(nameEnd + 1, end - nameEnd - 1));
+        return element;
     }
 
     // Takes over the caller's reference.

@@ -6,7 +6,6 @@
 
 #include "gp/GPObject.h"
 
-#include <cstddef>
 #include <cstdint>
 
 class GPArray;
@@ -77,12 +76,12 @@ public:
 
     ~GPDOMElement() override;
 
+protected:
+    GPDOMElement() = default;
+
 private:
     class Scanner;
 
-    GPDOMElement() = default;
-
-    static GPDOMElement* parseElement(const char* tag, std::size_t length);
     bool holds(GPDOMElement* element);
 
     // Who still holds an element behind a search in vain; the value counts their references.

@@ -1,7 +1,9 @@
 #include "gp/GPString.h"
 
 #include "gp/GPArray.h"
+#include "gp/GoneMemory.h"
 #include "gp/Owned.h"
+#include "gp/SharedPiece.h"
 #include "gp/TextSearch.h"
 
 #include <algorithm>
@@ -14,19 +16,6 @@
 #include <new>
 #include <string>
 #include <string_view>
-
-// Each compiler says in its own way that it builds for an address checker.
-#if defined(__SANITIZE_ADDRESS__)
-#define OSTLER_ADDRESSES_CHECKED
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer)
-#define OSTLER_ADDRESSES_CHECKED
-#endif
-#endif
-
-#ifdef OSTLER_ADDRESSES_CHECKED
-#include <sanitizer/asan_interface.h>
-#endif
 
 namespace {
 
@@ -131,14 +120,10 @@ GPString::GPString(char* text, TextBehindObject) noexcept : text_(text), isTextB
 GPString::~GPString() { deleteText(); }
 
 void GPString::deleteText() {
-    if (!isTextBehindObject_) {
+    if (isTextBehindObject_)
+        markGone(text_, std::strlen(text_) + 1);
+    else
         delete[] text_;
-        return;
-    }
-#ifdef OSTLER_ADDRESSES_CHECKED
-    // The memory stays, but whoever still reads this text is to be told.
-    ASAN_POISON_MEMORY_REGION(text_, std::strlen(text_) + 1);
-#endif
 }
 
 GPString* GPString::withRoomFor(std::size_t length) {
@@ -152,6 +137,16 @@ GPString* GPString::of(std::string_view first, std::string_view second, std::str
     end = std::copy(second.begin(), second.end(), end);
     *std::copy(third.begin(), third.end(), end) = '\0';
     return string;
+}
+
+std::size_t GPString::sizeIn(std::string_view text) {
+    return SharedPiece::sizeOf<GPString>() + SharedPiece::sizeOfText(text.size());
+}
+
+GPString* GPString::in(SharedPiece& piece, std::string_view text) {
+    char* const room = piece.roomForText(text.size());
+    *std::copy(text.begin(), text.end(), room) = '\0';
+    return piece.make<GPString>(room, TextBehindObject());
 }
 
 GPString* GPString::className() { return string(className_); }

@@ -18,6 +18,7 @@
 #include <string_view>
 
 class GPArray;
+class SharedPiece;
 
 class GPString : public GPObject {
 public:
@@ -41,6 +42,10 @@ public:
 
     // A new string of up to three texts, one behind the other; owned by the caller.
     static GPString* of(std::string_view first, std::string_view second = {}, std::string_view third = {});
+
+    // A new string inside a piece of memory that it shares, owned by the caller, and the room it takes there.
+    static GPString* in(SharedPiece& piece, std::string_view text);
+    static std::size_t sizeIn(std::string_view text);
 
     // A new string, autoreleased. The char form takes null for empty text, the other one reads unchecked.
     static GPString* string(std::nullptr_t);
@@ -151,10 +156,11 @@ public:
     static void* operator new(std::size_t size) { return ::operator new(size); }
     static void operator delete(void* memory) { ::operator delete(memory); }
 
-private:
+protected:
     struct TextBehindObject {};
     GPString(char* text, TextBehindObject) noexcept;
 
+private:
     // A new string in one piece of memory with room for a text of that length, which the caller writes.
     static GPString* withRoomFor(std::size_t length);
 
