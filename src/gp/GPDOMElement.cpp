@@ -72,26 +72,53 @@ int forEachPiece(std::string_view text, Take take) {
     return pieces + 1;
 }
 
-// Attributes are split at blanks alone, so a value that holds a blank is cut there.
-GPMap* readAttributes(std::string_view text) {
-    LastOfEachName found;
-    const int pieces = forEachPiece(text, [&found](std::string_view piece) {
-        const auto equals = piece.find('=');
-        if (equals == std::string_view::npos || equals == 0) return;
-        found.add({piece.substr(0, equals), piece.substr(equals + 1)});
-    });
-    if (pieces == 0) return nullptr;
-    auto* attributes = new GPMap(pieces);
-    for (const NamedText& attribute : found.take())
-        attributes->setNewObject(GPString::of(withoutQuotes(attribute.value)), attribute.name);
-    return attributes;
-}
+// The attributes of a tag, split at blanks alone, so that a value that holds a blank is cut there.
+class TagAttributes {
+public:
+    explicit TagAttributes(std::string_view text) {
+        LastOfEachName found;
+        pieces_ = forEachPiece(text, [&found](std::string_view piece) {
+            const auto equals = piece.find('=');
+            if (equals == std::string_view::npos || equals == 0) return;
+            found.add({piece.substr(0, equals), piece.substr(equals + 1)});
+        });
+        found_ = found.take();
+    }
+
+    // What the map and its values take of a piece of memory.
+    std::size_t size() const {
+        std::size_t sum = pieces_ > 0 ? SharedPiece::sizeOf<GPMap>() : 0;
+        for (const NamedText& attribute : found_)
+            sum += GPString::sizeIn(attribute.value);
+        return sum;
+    }
+
+    // Null when the text has no piece.
+    GPMap* mapIn(SharedPiece& memory) const {
+        if (pieces_ == 0) return nullptr;
+        auto* map = memory.make<GPMap>(pieces_);
+        for (const NamedText& attribute : found_)
+            map->setNewObject(GPString::in(memory, withoutQuotes(attribute.value)), attribute.name);
+        return map;
+    }
+
+private:
+    std::vector<NamedText> found_;
+    int pieces_ = 0;
+};
 
 // The name in a tag, which starts with one character that is skipped and ends with ">": up to a blank, if it has one.
 std::string_view nameOf(const char* tag, std::size_t length) {
     const auto* blank = static_cast<const char*>(std::memchr(tag, ' ', length));
     const char* const end = blank ? blank : tag + length - 1;
     return {tag + 1, static_cast<std::size_t>(end - tag) - 1};
+}
+
+// What stands between the blank behind the name and the tag's end.
+std::string_view behindName(std::string_view tag, std::size_t nameEnd) {
+    if (tag[nameEnd] != ' ') return {};
+    const std::size_t end = tag.size() - (tag[tag.size() - 2] == '/' ? 2 : 1);
+    return tag.substr(nameEnd + 1, end - nameEnd - 1);
 }
 
 bool isEmpty(GPString* text) { return !text || text->length() == 0; }
@@ -290,20 +317,18 @@ private:
         return std::string_view(from, static_cast<std::size_t>(next - from));
     }
 
-    // The element of a start tag. What every element has lies in one piece of memory with it.
+    // The element of a start tag. All that it has lies in one piece of memory with it.
     static GPDOMElement* made(std::string_view tag, const std::optional<std::string_view>& value) {
         const std::string_view name = nameOf(tag.data(), tag.size());
-        SharedPiece& piece =
-            *SharedPiece::withRoomFor(SharedPiece::sizeOf<GPDOMElement>() + SharedPiece::sizeOf<GPArray>() +
-                                      GPString::sizeIn(name) + (value ? GPString::sizeIn(*value) : 0));
+        const TagAttributes attributes(behindName(tag, name.size() + 1));
+        SharedPiece& piece = *SharedPiece::withRoomFor(
+            SharedPiece::sizeOf<GPDOMElement>() + SharedPiece::sizeOf<GPArray>() + GPString::sizeIn(name) +
+            attributes.size() + (value ? GPString::sizeIn(*value) : 0));
         auto* element = piece.make<GPDOMElement>();
         element->children = piece.make<GPArray>();
         element->name = GPString::in(piece, name);
+        element->attributes = attributes.mapIn(piece);
         if (value) element->value = GPString::in(piece, *value);
-        const std::size_t nameEnd = name.size() + 1;
-        if (tag[nameEnd] != ' ') return element;
-        const std::size_t end = tag.size() - (tag[tag.size() - 2] == '/' ? 2 : 1);
-        element->attributes = readAttributes(tag.substr(nameEnd + 1, end - nameEnd - 1));
         return element;
     }
 
