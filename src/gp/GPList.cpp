@@ -9,14 +9,9 @@ constexpr char className_[] = "GPList";
 
 } // namespace
 
-struct GPList::Node {
-    Node* next;
-    Node* previous;
-    void* value;
-};
-
 GPList::GPList()
-    : head_(nullptr), tail_(nullptr), cursor_(nullptr), count_(0), holdsValues_(0), mutex_(nullptr) {}
+    : ownNode_{}, head_(nullptr), tail_(nullptr), cursor_(nullptr), count_(0), holdsValues_(0),
+      mutex_(nullptr) {}
 
 GPList::~GPList() {
     if (mutex_) mutex_->release();
@@ -24,7 +19,7 @@ GPList::~GPList() {
     while (Node* node = head_) {
         head_ = node->next;
         if (!holdsValues_) static_cast<GPObject*>(node->value)->release();
-        delete node;
+        giveBack(node);
     }
 }
 
@@ -32,8 +27,21 @@ GPString* GPList::className() { return GPString::string(className_); }
 
 const char* GPList::cclassName() { return className_; }
 
+GPList::Node* GPList::newNode(Node* next, Node* previous, void* value) {
+    if (ownNode_.value) return new Node{next, previous, value};
+    ownNode_ = {next, previous, value};
+    return &ownNode_;
+}
+
+void GPList::giveBack(Node* node) {
+    if (node != &ownNode_)
+        delete node;
+    else
+        ownNode_.value = nullptr;
+}
+
 void GPList::append(void* value) {
-    Node* node = new Node{nullptr, tail_, value};
+    Node* node = newNode(nullptr, tail_, value);
     (tail_ ? tail_->next : head_) = node;
     tail_ = cursor_ = node;
     ++count_;
@@ -44,7 +52,7 @@ void GPList::unlink(Node* node) {
     (node->next ? node->next->previous : tail_) = node->previous;
     cursor_ = node->next;
     --count_;
-    delete node;
+    giveBack(node);
 }
 
 void GPList::addObject(GPObject* object) {
@@ -91,7 +99,7 @@ void GPList::insertValue(void* after, void* value) {
         anchor = anchor->next;
     }
     Node* next = anchor ? anchor->next : head_;
-    Node* node = new Node{next, anchor, value};
+    Node* node = newNode(next, anchor, value);
     (anchor ? anchor->next : head_) = node;
     (next ? next->previous : tail_) = node;
     cursor_ = node;

@@ -71,7 +71,11 @@ public:
 
     // The node that the cursor stands on, and the way back to it without a walk. A place is valid until its element
     // is removed.
-    struct Node;
+    struct Node {
+        Node* next;
+        Node* previous;
+        void* value;
+    };
     Node* place() const;
     void moveTo(Node* place);
 
@@ -85,10 +89,14 @@ public:
     void unlock() RELEASE(mutex_);
 
 private:
+    Node* newNode(Node* next, Node* previous, void* value) REQUIRES(mutex_);
+    void giveBack(Node* node) REQUIRES(mutex_);
     void append(void* value) REQUIRES(mutex_);
     void unlink(Node* node) REQUIRES(mutex_);
     bool looksEmpty() const;
 
+    // The node of a list with one entry, as the buckets of a map mostly are; free while its value is null.
+    Node ownNode_ GUARDED_BY(mutex_);
     Node* head_ GUARDED_BY(mutex_);
     Node* tail_ GUARDED_BY(mutex_);
     Node* cursor_ GUARDED_BY(mutex_);
