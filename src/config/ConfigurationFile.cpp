@@ -75,7 +75,7 @@ void addServers(GPDOMElement* root) {
         if (server)
             addRow(list.get(), "ServerName", "ServerType",
                    Owned<GPString>::adopt(
-                       new GPString(std::to_string(static_cast<int>(server->getServerType())).c_str())),
+                       GPString::of(std::to_string(static_cast<int>(server->getServerType())))),
                    server->getUrl());
     }
     root->addElement(list.get());

@@ -4,9 +4,10 @@
 #include "gp/GPString.h"
 #include "gp/GPTimer.h"
 
-FilterServer::FilterServer(const char* serverName) : name_(new GPString(serverName)), mutex_(new GPMutex) {}
+FilterServer::FilterServer(const char* serverName)
+    : name_(GPString::of(serverName ? serverName : "")), mutex_(new GPMutex) {}
 
-FilterServer::FilterServer(GPString* serverName) : name_(new GPString(serverName)), mutex_(new GPMutex) {}
+FilterServer::FilterServer(GPString* serverName) : FilterServer(serverName ? serverName->cstr() : nullptr) {}
 
 FilterServer::~FilterServer() {
     if (GPString* name = getName()) name->release();

@@ -234,11 +234,15 @@ GPDOMElement* GPDOMElement::createElement(const char* name, GPMap* attributes) {
 }
 
 GPDOMElement* GPDOMElement::createElement(const char* name, GPMap* attributes, const char* value) {
-    auto* element = new GPDOMElement;
-    element->name = new GPString(name);
+    const std::string_view nameText = name ? name : "";
+    SharedPiece& piece =
+        *SharedPiece::withRoomFor(SharedPiece::sizeOf<GPDOMElement>() + GPString::sizeIn(nameText) +
+                                  (value ? GPString::sizeIn(value) : 0));
+    auto* element = piece.make<GPDOMElement>();
+    element->name = GPString::in(piece, nameText);
     if (attributes) attributes->retain();
     element->attributes = attributes;
-    if (value) element->value = new GPString(value);
+    if (value) element->value = GPString::in(piece, value);
     return element;
 }
 
