@@ -5,6 +5,7 @@
 #include "gp/GPMap.h"
 #include "gp/GPString.h"
 #include "gp/Owned.h"
+#include "support/AllocationCounter.h"
 #include "support/Objects.h"
 
 #include <gtest/gtest.h>
@@ -62,6 +63,63 @@ TEST(GPDOMElementOwnership, ARetainedPartOfATreeOutlivesItWithAllThatIsBelow) {
     EXPECT_EQ(references(kept.get()), 1);
     ASSERT_NE(kept->findElement("c"), nullptr);
     EXPECT_STREQ(kept->findElement("c")->value->cstr(), "1");
+}
+
+TEST(GPDOMElementOwnership, EachPartOfAnElementCanOutliveAllOthers) {
+    const auto part = [](auto choose) {
+        auto root = parsed("<a><b c='1' d=2>text</b></a>");
+        auto kept = Owned<GPObject>::retain(choose(root->findElement("b")));
+        EXPECT_EQ(references(kept.get()), 2);
+        root = Element();
+        EXPECT_EQ(references(kept.get()), 1);
+        return kept;
+    };
+    const auto textOf = [](const Owned<GPObject>& kept) {
+        return static_cast<GPString*>(kept.get())->cstr();
+    };
+    EXPECT_STREQ(textOf(part([](GPDOMElement* b) { return b->name; })), "b");
+    EXPECT_STREQ(textOf(part([](GPDOMElement* b) { return b->value; })), "text");
+    EXPECT_STREQ(textOf(part([](GPDOMElement* b) { return b->attributes->objectForKey("d"); })), "2");
+
+    const auto map = part([](GPDOMElement* b) { return b->attributes; });
+    EXPECT_EQ(static_cast<GPMap*>(map.get())->count(), 2);
+    const auto array = part([](GPDOMElement* b) { return b->children; });
+    const auto child = created("c");
+    static_cast<GPArray*>(array.get())->addObject(child.get());
+    EXPECT_EQ(references(child.get()), 2);
+}
+
+TEST(GPDOMElementOwnership, PartsThatAreReplacedGoBeforeTheirElement) {
+    auto root = parsed("<a b='1'>text</a>");
+    root->name->release();
+    root->value->release();
+    root->attributes->release();
+    root->children->release();
+    root->name = new GPString("other");
+    root->value = nullptr;
+    root->attributes = nullptr;
+    root->children = new GPArray;
+    EXPECT_STREQ(Owned<GPString>::adopt(root->convertToString(false, nullptr, true))->cstr(), "<other/>\n");
+}
+
+TEST(GPDOMElementOwnership, AnElementThatGoesInPartsLeavesNothingBehind) {
+    const auto read = [] { return parsed("<a><b c='1' d=2>text</b><e/><f>1<!-- 2 --></f></a>"); };
+    read();
+    const testsupport::AllocationCounter allocations;
+    {
+        auto root = read();
+        auto value = Owned<GPString>::retain(root->findElement("b")->value);
+        auto array = Owned<GPArray>::retain(root->findElement("f")->children);
+        root = Element();
+    }
+    EXPECT_EQ(allocations.left(), 0);
+}
+
+TEST(GPDOMElementOwnership, AnElementWithATextIsOnePieceOfMemory) {
+    const testsupport::AllocationCounter allocations;
+    const auto root =
+        Element::adopt(GPDOMElement::parse("<name>host.example.org, which no small room holds</name>"));
+    EXPECT_EQ(allocations.count(), 1);
 }
 
 TEST(GPDOMElementOwnership, TheArrayOfFindElementsHoldsItsOwnReferences) {

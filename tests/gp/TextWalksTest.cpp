@@ -11,6 +11,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <random>
 #include <string>
 #include <utility>
@@ -93,6 +94,16 @@ Pairs pairsOf(GPMap* map) {
     return pairs;
 }
 
+std::string shown(GPDOMElement* element, GPDOMElement* parent) {
+    EXPECT_EQ(element->parent, parent);
+    std::string text = std::string("(") + element->name->cstr() + "=" +
+                       (element->value ? element->value->cstr() : "-") +
+                       plain::shownAttributes(element->attributes);
+    for (int i = 0; i < element->children->count(); ++i)
+        text += shown(static_cast<GPDOMElement*>(element->children->objectAtIndex(i)), element);
+    return text + ")";
+}
+
 } // namespace
 
 TEST_F(TextWalks, ASearchFindsEachPlaceOverlappingOnesIncluded) {
@@ -171,4 +182,22 @@ TEST_F(TextWalks, AttributesAreThoseOfThePlainWalkInTheSameOrder) {
         const auto element = Owned<GPDOMElement>::adopt(GPDOMElement::parse(("<e " + text + ">").c_str()));
         ASSERT_EQ(pairsOf(element->attributes), pairsOf(expected.get())) << text;
     }
+}
+
+TEST_F(TextWalks, ADocumentIsReadAsThePlainWalkReadsIt) {
+    int elements = 0;
+    for (int round = 0; round < 5 * rounds; ++round) {
+        const std::string text =
+            made({"<a>",      "<b>",       "</a>",     "</b>",  "<a/>", "<b c='1' d=\"2\">",
+                  "<a  c=1>", "<b c=1 />", "1",        " ",     "<",    ">",
+                  "/",        "</a >",     "</b c=2>", "<!-- ", "?>",   "<?",
+                  "</",       "<>",        "</>",      "< >",   "< />", "a",
+                  "\n"},
+                 14);
+        const auto root = Owned<GPDOMElement>::adopt(GPDOMElement::parse(text.c_str()));
+        const std::string expected = plain::readDocument(text);
+        ASSERT_EQ(root ? shown(root.get(), nullptr) : "nothing", expected) << text;
+        elements += static_cast<int>(std::count(expected.begin(), expected.end(), '('));
+    }
+    EXPECT_GT(elements, 2 * rounds) << "most texts have elements";
 }

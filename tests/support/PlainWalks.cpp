@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <deque>
 
 namespace testsupport::plain {
 namespace {
@@ -28,7 +29,85 @@ long long replacedSize(const std::string& text, const std::string& from, const s
     return size;
 }
 
+// An element as the rules tell of it.
+struct PlainElement {
+    std::string name;
+    std::string attributeText;
+    std::string value;
+    bool hasValue = false;
+    std::size_t valueStart = 0;
+    PlainElement* parent = nullptr;
+    std::vector<PlainElement*> children;
+};
+
+// A tag from the character in front of its name to its ">".
+PlainElement readTag(const std::string& tag) {
+    PlainElement element;
+    const auto blank = tag.find(' ');
+    element.name = blank == npos ? tag.substr(1, tag.size() - 2) : tag.substr(1, blank - 1);
+    if (blank == npos) return element;
+    const std::size_t end = tag.size() - (tag[tag.size() - 2] == '/' ? 2 : 1);
+    element.attributeText = end > blank + 1 ? tag.substr(blank + 1, end - blank - 1) : "";
+    return element;
+}
+
+std::string shown(const PlainElement& element) {
+    std::string text = "(" + element.name + "=" + (element.hasValue ? element.value : "-") +
+                       shownAttributes(Owned<GPMap>::adopt(readAttributes(element.attributeText)).get());
+    for (const PlainElement* child : element.children)
+        text += shown(*child);
+    return text + ")";
+}
+
 } // namespace
+
+std::string shownAttributes(GPMap* attributes) {
+    if (!attributes) return "";
+    std::string text = " {";
+    for (const char* key = attributes->firstKey(); key; key = attributes->nextKey())
+        text += std::string(key) + "=" + static_cast<GPString*>(attributes->objectForKey(key))->cstr() + ";";
+    return text + "}";
+}
+
+std::string readDocument(const std::string& text) {
+    std::deque<PlainElement> all;
+    PlainElement* root = nullptr;
+    PlainElement* current = nullptr;
+    for (std::size_t position = 0;;) {
+        const auto open = text.find('<', position);
+        const auto close = open == npos ? npos : text.find('>', open);
+        if (close == npos) break;
+        position = close + 1;
+        const char kind = text[open + 1];
+        if (kind == '!' || kind == '?') continue;
+        if (kind == '/') {
+            if (!current) continue;
+            const PlainElement end = readTag(text.substr(open + 1, position - open - 1));
+            if (end.name == current->name && current->children.empty()) {
+                current->value = text.substr(current->valueStart, open - current->valueStart);
+                current->hasValue = true;
+            }
+            current = current->parent;
+            continue;
+        }
+        PlainElement* element = &all.emplace_back(readTag(text.substr(open, position - open)));
+        element->valueStart = position;
+        if (!root) {
+            root = element;
+        } else {
+            element->parent = current;
+            if (current) current->children.push_back(element);
+        }
+        if (text[close - 1] != '/') {
+            current = element;
+            continue;
+        }
+        element->name.erase(std::remove(element->name.begin(), element->name.end(), '/'),
+                            element->name.end());
+        if (current && current->parent) current = current->parent;
+    }
+    return root ? shown(*root) : "nothing";
+}
 
 int find(const std::string& hay, const std::string& needle, bool fromEnd) {
     if (hay.empty()) return -1;

@@ -25,4 +25,11 @@ void readHeaders(std::string_view answer, GPMap& headers);
 // owns the result, which is null when there is no piece.
 GPMap* readAttributes(const std::string& text);
 
+// " {key=value;...}" in the order of the key walk; empty for null.
+std::string shownAttributes(GPMap* attributes);
+
+// What is read of a document's first element: each element as "(name=value attributes children)", with "-" for no value,
+// or "nothing".
+std::string readDocument(const std::string& text);
+
 } // namespace testsupport::plain
