@@ -72,6 +72,30 @@ int forEachPiece(std::string_view text, Take take) {
     return pieces + 1;
 }
 
+// The memory of an element and its parts: one piece for all, unless the texts are long. Each of those has a piece of its
+// own then, so that whoever keeps a small part does not keep much with it.
+class PartsMemory {
+public:
+    PartsMemory(std::size_t objects, std::size_t texts)
+        : textsFit_(texts <= mostText), piece_(*SharedPiece::withRoomFor(objects + (textsFit_ ? texts : 0))) {
+    }
+
+    template <class Object, class... Arguments>
+    Object* make(Arguments... arguments) {
+        return piece_.make<Object>(arguments...);
+    }
+
+    GPString* string(std::string_view text) {
+        return textsFit_ ? GPString::in(piece_, text) : GPString::of(text);
+    }
+
+private:
+    static constexpr std::size_t mostText = 1024;
+
+    const bool textsFit_;
+    SharedPiece& piece_;
+};
+
 // The attributes of a tag, split at blanks alone, so that a value that holds a blank is cut there.
 class TagAttributes {
 public:
@@ -85,20 +109,21 @@ public:
         found_ = found.take();
     }
 
-    // What the map and its values take of a piece of memory.
-    std::size_t size() const {
-        std::size_t sum = pieces_ > 0 ? SharedPiece::sizeOf<GPMap>() : 0;
+    // What the map takes of a piece of memory, and what its values take at most.
+    std::size_t mapSize() const { return pieces_ > 0 ? SharedPiece::sizeOf<GPMap>() : 0; }
+    std::size_t textSize() const {
+        std::size_t sum = 0;
         for (const NamedText& attribute : found_)
             sum += GPString::sizeIn(attribute.value);
         return sum;
     }
 
     // Null when the text has no piece.
-    GPMap* mapIn(SharedPiece& memory) const {
+    GPMap* mapIn(PartsMemory& memory) const {
         if (pieces_ == 0) return nullptr;
         auto* map = memory.make<GPMap>(pieces_);
         for (const NamedText& attribute : found_)
-            map->setNewObject(GPString::in(memory, withoutQuotes(attribute.value)), attribute.name);
+            map->setNewObject(memory.string(withoutQuotes(attribute.value)), attribute.name);
         return map;
     }
 
@@ -235,14 +260,13 @@ GPDOMElement* GPDOMElement::createElement(const char* name, GPMap* attributes) {
 
 GPDOMElement* GPDOMElement::createElement(const char* name, GPMap* attributes, const char* value) {
     const std::string_view nameText = name ? name : "";
-    SharedPiece& piece =
-        *SharedPiece::withRoomFor(SharedPiece::sizeOf<GPDOMElement>() + GPString::sizeIn(nameText) +
-                                  (value ? GPString::sizeIn(value) : 0));
-    auto* element = piece.make<GPDOMElement>();
-    element->name = GPString::in(piece, nameText);
+    PartsMemory memory(SharedPiece::sizeOf<GPDOMElement>(),
+                       GPString::sizeIn(nameText) + (value ? GPString::sizeIn(value) : 0));
+    auto* element = memory.make<GPDOMElement>();
+    element->name = memory.string(nameText);
     if (attributes) attributes->retain();
     element->attributes = attributes;
-    if (value) element->value = GPString::in(piece, value);
+    if (value) element->value = memory.string(value);
     return element;
 }
 
@@ -321,18 +345,18 @@ private:
         return std::string_view(from, static_cast<std::size_t>(next - from));
     }
 
-    // The element of a start tag. All that it has lies in one piece of memory with it.
+    // The element of a start tag.
     static GPDOMElement* made(std::string_view tag, const std::optional<std::string_view>& value) {
         const std::string_view name = nameOf(tag.data(), tag.size());
         const TagAttributes attributes(behindName(tag, name.size() + 1));
-        SharedPiece& piece = *SharedPiece::withRoomFor(
-            SharedPiece::sizeOf<GPDOMElement>() + SharedPiece::sizeOf<GPArray>() + GPString::sizeIn(name) +
-            attributes.size() + (value ? GPString::sizeIn(*value) : 0));
-        auto* element = piece.make<GPDOMElement>();
-        element->children = piece.make<GPArray>();
-        element->name = GPString::in(piece, name);
-        element->attributes = attributes.mapIn(piece);
-        if (value) element->value = GPString::in(piece, *value);
+        PartsMemory memory(
+            SharedPiece::sizeOf<GPDOMElement>() + SharedPiece::sizeOf<GPArray>() + attributes.mapSize(),
+            GPString::sizeIn(name) + attributes.textSize() + (value ? GPString::sizeIn(*value) : 0));
+        auto* element = memory.make<GPDOMElement>();
+        element->children = memory.make<GPArray>();
+        element->name = memory.string(name);
+        element->attributes = attributes.mapIn(memory);
+        if (value) element->value = memory.string(*value);
         return element;
     }
 

@@ -34,8 +34,8 @@ public:
     // map. Nothing happens if either is null.
     void setObject(GPObject* value, const char* key);
 
-    // As above for a key that is not in the map, which is not looked for: it costs no walk of a chain. The value must not be null, and
-    // the key ends at its first NUL.
+    // As above for a key that is not in the map, which is not looked for: it costs no walk of a chain. The value must
+    // not be null, and the key ends at its first NUL.
     void setNewObject(GPObject* value, std::string_view key);
 
     // Removes the entry and releases its value; nothing happens for an absent key.

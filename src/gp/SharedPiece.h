@@ -19,7 +19,8 @@ public:
         return (length + sizeof(void*)) / sizeof(void*) * sizeof(void*);
     }
 
-    // A new piece, which belongs to the objects that are then made in it: one at least, and all by one thread.
+    // A new piece, which belongs to the objects that are then made in it: one at least, all by one thread, and before
+    // the first of them goes.
     static SharedPiece* withRoomFor(std::size_t size);
 
     // A new object, whose last release gives back its share of the piece.
