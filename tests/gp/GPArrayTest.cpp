@@ -94,6 +94,22 @@ TEST_F(GPArrayTest, SecondElementGrowsCapacityOneToTwo) {
     EXPECT_EQ(one.objectAtIndex(1), &second);
 }
 
+TEST_F(GPArrayTest, RoomForTheCapacityIsThereFromTheFirstEntryAndAfterTheLastHasGone) {
+    for (const int capacity : {5, 6, 8, 20}) {
+        GPArray some(capacity);
+        for (int round = 0; round < 2; ++round) {
+            for (int index = 0; index < capacity; ++index)
+                some.addValue(&slots[index]);
+            EXPECT_EQ(some.arraySpace(), capacity);
+            for (int index = 0; index < capacity; ++index)
+                EXPECT_EQ(some.valueAtIndex(index), &slots[index]);
+            for (int index = capacity - 1; index >= 0; --index)
+                EXPECT_EQ(some.removeValue(&slots[index]), index);
+            EXPECT_EQ(some.count(), 0);
+        }
+    }
+}
+
 TEST_F(GPArrayTest, ExpandArrayOnlyEverRaisesTheCapacity) {
     addSlots(3);
     array.expandArray(5);
