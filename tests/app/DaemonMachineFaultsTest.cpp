@@ -137,7 +137,7 @@ protected:
     void SetUp() override {
         if (!testsupport::macProgram().empty())
             GTEST_SKIP() << "only this build's own threads can be refused";
-        startLinked();
+        startListening();
     }
 
     static void refuseThreads(bool refuse) { refusal->inForce = refuse; }
@@ -154,7 +154,7 @@ private:
 } // namespace
 
 TEST_F(DaemonDiskFaults, AFullDiskCostsTheLogAndTheSettingsOfThatTimeAndNothingElse) {
-    startLinked();
+    startListening();
     fillTheDisk();
     expectFilteringToGoOn("bob", page);
     freeTheDisk();
@@ -162,7 +162,7 @@ TEST_F(DaemonDiskFaults, AFullDiskCostsTheLogAndTheSettingsOfThatTimeAndNothingE
 }
 
 TEST_F(DaemonDiskFaults, AFileSystemThatIsReadOnlyCostsTheSame) {
-    startLinked();
+    startListening();
     EXPECT_TRUE(eventually([&] { return stores("alice"); }));
     makeTheDisk(false);
     expectFilteringToGoOn("bob", page);
@@ -194,7 +194,7 @@ TEST_F(DaemonMachineFaults, WithoutItsFoldersTheDaemonFilters) {
 }
 
 TEST_F(DaemonMachineFaults, ALogFolderThatVanishesCostsTheLogUntilSomebodyMakesIt) {
-    startLinked();
+    startListening();
     fs::remove_all(logs());
     expectFilteringToGoOn("bob", page);
     EXPECT_FALSE(fs::exists(logs()));
@@ -204,7 +204,7 @@ TEST_F(DaemonMachineFaults, ALogFolderThatVanishesCostsTheLogUntilSomebodyMakesI
 }
 
 TEST_F(DaemonDescriptorFaults, WithoutADescriptorTheLinkThatStandsGoesOn) {
-    startLinked();
+    startListening();
     expectAPageToPass(page - 1); // so that the reader has its queue
     allowDescriptors(none);
     expectFilteringToGoOn("bob", page);
@@ -214,7 +214,7 @@ TEST_F(DaemonDescriptorFaults, WithoutADescriptorTheLinkThatStandsGoesOn) {
 }
 
 TEST_F(DaemonDescriptorFaults, ALinkThatIsLostWithoutADescriptorIsDeadAndPagesPass) {
-    startLinked();
+    startListening();
     expectAPageToPass(page - 1); // so that the reader has its queue
     allowDescriptors(none);
     agent->closeConnection();

@@ -37,6 +37,13 @@ protected:
         ASSERT_TRUE(extension->waitForDaemon(testsupport::patienceMilliseconds));
     }
 
+    // The same with its start over: both listeners have what they ask the extension for at their beginning, each time
+    // over a connection of its own.
+    void startListening() {
+        startLinked();
+        ASSERT_TRUE(answersBothDirections());
+    }
+
     static std::vector<char> requestFrom(int port) {
         const std::string bytes = testsupport::PacketBuilder::ipv4()
                                       .from("10.0.0.2", port)
