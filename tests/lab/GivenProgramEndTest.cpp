@@ -143,6 +143,7 @@ TEST_F(EndOfAProgram, ByAProgramThatIsDeletedMeanwhileIsNone) {
 }
 
 TEST_F(EndOfAProgram, ComesWithTheSignalThatEndsTheLabAndLeavesNoFolder) {
+    signal(SIGHUP, SIG_DFL); // which nohup has ignored
     for (const int signal : {SIGTERM, SIGINT, SIGHUP}) {
         const LabRun run = killedBy(signal);
 

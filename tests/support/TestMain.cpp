@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
 
@@ -16,10 +17,18 @@ void chooseTemporaryFolder() {
     if (given && std::strlen(given) > longest) setenv("TMPDIR", "/tmp", 1);
 }
 
+// A script's shell has what it starts in the background ignore the keyboard's signals, and so would every program that a
+// test starts: no shell among them could trap one.
+void heedKeyboardSignals() {
+    for (int number : {SIGINT, SIGQUIT})
+        std::signal(number, SIG_DFL);
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
     chooseTemporaryFolder();
+    heedKeyboardSignals();
     testsupport::endForksWithTheirParents();
     testsupport::installRefusingServices();
     testing::InitGoogleTest(&argc, argv);
