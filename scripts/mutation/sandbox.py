@@ -87,8 +87,10 @@ def _beginning(stream):
 
 
 def _walls():
-    words = ["bwrap", "--ro-bind", "/", "/", "--dev", "/dev", "--proc", "/proc", "--tmpfs", "/tmp", "--tmpfs", "/var/tmp",
-             "--unshare-pid", "--unshare-net", "--unshare-ipc", "--die-with-parent", "--setenv", "TMPDIR", "/tmp"]
+    words = ["bwrap", "--ro-bind", "/", "/", "--dev", "/dev", "--proc", "/proc", "--unshare-pid", "--unshare-net",
+             "--unshare-ipc", "--die-with-parent", "--setenv", "TMPDIR", "/tmp"]
+    for folder in ("/tmp", "/var/tmp"):
+        words += ["--perms", "1777", "--tmpfs", folder]  # some tests go on as a user without rights
     if os.getuid() == 0:
         words += ["--cap-add", "ALL"]  # tests make namespaces of their own
     root = pathlib.Path(__file__).resolve().parent.parent.parent

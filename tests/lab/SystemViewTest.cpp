@@ -14,12 +14,14 @@
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstddef>
+#include <cstdint>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -101,7 +103,12 @@ TEST_F(ViewOfAProgram, HasNoNamesFromAFileWithoutEnd) {
     const std::string root = folder_.file("root");
     fs::create_directories(root + "/etc");
     writeAll(root + "/etc/hosts", "");
-    fs::resize_file(root + "/etc/hosts", std::uintmax_t{1} << 40);
+    // More than the lab has memory for, and no more than scripts/mutants lets a file have.
+    fs::resize_file(root + "/etc/hosts", std::uintmax_t{2} << 30);
+    rlimit memory{};
+    ASSERT_EQ(getrlimit(RLIMIT_DATA, &memory), 0);
+    memory.rlim_cur = 1 << 30;
+    ASSERT_EQ(setrlimit(RLIMIT_DATA, &memory), 0);
     const LabRun run = replay({"--root", root, "--program", onlooker_});
 
     EXPECT_EQ(run.status, 2);

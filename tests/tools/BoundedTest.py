@@ -354,6 +354,12 @@ class Walls(unittest.TestCase):
     def test_let_a_test_pass_and_fail(self):
         self.assertEqual([self.outcome((name,)).result for name in ("true", "false")], [sandbox.PASSED, sandbox.FAILED])
 
+    @unittest.skipUnless(os.getuid() == 0, "only the superuser becomes another user")
+    def test_let_a_user_without_rights_make_temporary_files(self):
+        for folder in ("/tmp", "/var/tmp"):
+            command = ("setpriv", "--reuid=65534", "--clear-groups", "mktemp", "-p", folder)
+            self.assertEqual(self.outcome(command).result, sandbox.PASSED)
+
     def test_keep_the_beginning_of_what_a_program_says_without_end(self):
         beginning, read = sandbox._beginning, threading.Event()
         noted = mock.patch.object(sandbox, "_beginning", lambda stream: beginning(Noted(stream, read)))
