@@ -18,6 +18,14 @@ namespace {
 // More than what the body waits for takes together, and less than a test is given.
 constexpr unsigned lifetime = 3 * patience.count();
 
+// For the report of a test of which nothing else may tell why it failed.
+void tellOfEnd(int status) {
+    if (WIFSIGNALED(status))
+        std::fprintf(stderr, "the test's child was ended by signal %d\n", WTERMSIG(status));
+    if (WIFEXITED(status))
+        std::fprintf(stderr, "the test's child ended with status %d\n", WEXITSTATUS(status));
+}
+
 } // namespace
 
 void endAfter(const std::function<void()>& body) {
@@ -38,7 +46,12 @@ bool passesInChild(const std::function<void()>& body) {
         endAfter(body);
     }
     int status = 0;
-    return child > 0 && waitpid(child, &status, 0) == child && WIFEXITED(status) && WEXITSTATUS(status) == 0;
+    if (child < 0 || waitpid(child, &status, 0) != child) {
+        std::perror("the test's child");
+        return false;
+    }
+    if (status != 0) tellOfEnd(status);
+    return status == 0;
 }
 
 EndlessChild::EndlessChild(const std::function<void()>& body) {
