@@ -20,7 +20,7 @@ void endCalls();
 struct TracedEnd {
     std::string call; // that one; empty when the body makes fewer
     bool passed = false;
-    std::string how;                  // of what did not pass: its status, its signal or that it hung
+    std::string how; // of what did not pass: its status, its signal, or the calls in which it hung
     std::map<std::string, long> made; // how many calls of each name, up to that one
 };
 

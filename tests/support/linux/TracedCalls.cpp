@@ -20,9 +20,12 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
+#include <fstream>
 #include <map>
 #include <optional>
 #include <set>
+#include <system_error>
 
 namespace testsupport {
 namespace {
@@ -124,6 +127,19 @@ const Call* failingCall(long number) {
     return sanitized ? nullptr : memoryCall(number); // a checker cannot go on without
 }
 
+// What each thread of a process does: the number of the call that it waits in, or that it runs.
+std::string callsUnderWay(pid_t process) {
+    std::string calls;
+    std::error_code gone;
+    for (const auto& thread :
+         std::filesystem::directory_iterator("/proc/" + std::to_string(process) + "/task", gone)) {
+        std::string call;
+        std::ifstream(thread.path() / "syscall") >> call;
+        calls += ' ' + call;
+    }
+    return calls;
+}
+
 // One child under the tracer.
 class Tracer {
 public:
@@ -153,6 +169,7 @@ public:
 private:
     void stopped(pid_t thread, int status) {
         const int signal = WSTOPSIG(status);
+        if (signal == SIGALRM) callsAtAlarm_ = callsUnderWay(child_);
         if (known_.insert(thread).second) { // a thread's, or the child's own, first stop
             if (thread == child_)
                 ptrace(PTRACE_SETOPTIONS, thread, nullptr,
@@ -238,7 +255,8 @@ private:
         } else {
             // Memory that runs out ends the process.
             end_.passed = WTERMSIG(status) == SIGABRT && error_ == ENOMEM;
-            end_.how = WTERMSIG(status) == SIGALRM ? "hung" : "signal " + std::to_string(WTERMSIG(status));
+            end_.how = WTERMSIG(status) == SIGALRM ? "hung, its threads in" + callsAtAlarm_
+                                                   : "signal " + std::to_string(WTERMSIG(status));
         }
     }
 
@@ -255,6 +273,7 @@ private:
     bool done_ = false;
     std::set<pid_t> known_;
     std::map<pid_t, bool> inside_;
+    std::string callsAtAlarm_;
     TracedEnd end_;
 };
 
