@@ -5,6 +5,7 @@
 #include "gp/GPList.h"
 #include "gp/GPMap.h"
 #include "gp/GPString.h"
+#include "support/AllocationCounter.h"
 #include "support/LockCounter.h"
 #include "support/Sanitizers.h"
 
@@ -220,6 +221,24 @@ TEST_F(ContainerLocks, ARebalanceTakesTheMapsLockToCollectThePairsForEachRemoval
     const long ofTheLog = locksOfARebalance(0, false);
     EXPECT_EQ(locksOfARebalance(0, true) - ofTheLog, 2);
     EXPECT_EQ(locksOfARebalance(3, true) - ofTheLog, 5);
+}
+
+TEST_F(ContainerLocks, ARebalanceMakesRoomBehindItsLastLock) {
+    if (testsupport::sanitized) GTEST_SKIP() << "a checker has the place of the lock functions";
+    GPMap map(3);
+    map.safe();
+    std::vector<long> made;
+    made.reserve(100);
+    const testsupport::AllocationCounter allocations;
+    testsupport::LockCounter locks;
+    locks.behindEachLock([&] { made.push_back(allocations.count()); });
+    locks.beforeEachUnlock([&] { made.push_back(allocations.count()); });
+    map.rebalance();
+    ASSERT_GE(made.size(), 4u);
+    // From the end: the map's last unlock, its lock, and the unlock in front of that.
+    const auto last = made.rbegin();
+    EXPECT_GT(last[0], last[1]);
+    EXPECT_EQ(last[1], last[2]);
 }
 
 // Looks into the container as it is retained.

@@ -398,3 +398,16 @@ TEST_F(GPListTest, CountTestOfPopTakesNoLock) {
     EXPECT_EQ(list.pop(), nullptr);
     list.unlock();
 }
+
+TEST_F(GPListTest, AnObjectThatWasInsertedGoesOutAgainFromItsPlace) {
+    fill(3);
+    list.insertObject(&a, &d); // in the middle
+    list.removeObject(&d);
+    EXPECT_EQ(forwards(), "abc");
+    list.insertObject(nullptr, &d); // in front
+    list.removeObject(&d);
+    EXPECT_EQ(forwards(), "abc");
+    list.insertObject(&c, &d); // behind the last
+    list.removeObject(&d);
+    EXPECT_EQ(forwards(), "abc");
+}

@@ -1,11 +1,14 @@
 #include "gp/GPMutex.h"
 
 #include "support/ForkedChild.h"
+#include "support/LockCounter.h"
+#include "support/Sanitizers.h"
 
 #include <gtest/gtest.h>
 
 #include <future>
 #include <thread>
+#include <vector>
 
 namespace {
 
@@ -65,6 +68,18 @@ TEST(GPMutex, UnlockLowersTheFlagBeforeItUnlocksSoTheNextHolderKeepsItsMark) {
         next.join();
     }
     EXPECT_EQ(lostMarks, 0);
+}
+
+TEST(GPMutex, TheFlagIsDownWhenTheMutexIsFreed) {
+    if (testsupport::sanitized) GTEST_SKIP() << "a checker has the place of the lock functions";
+    GPMutex mutex;
+    testsupport::LockCounter locks;
+    std::vector<bool> marks;
+    locks.behindEachLock([&] { marks.push_back(mutex.isLocked()); });
+    locks.beforeEachUnlock([&] { marks.push_back(mutex.isLocked()); });
+    mutex.lock();
+    mutex.unlock();
+    EXPECT_EQ(marks, (std::vector<bool>{false, false}));
 }
 
 TEST(GPMutexLock, HoldsTheMutexForItsScope) {
