@@ -317,12 +317,12 @@ private:
     void readStartTag() {
         const std::string_view tag(open_, tagLength());
         const bool isSelfClosed = tag[tag.size() - 2] == '/';
-        const std::int32_t valueStart = static_cast<std::int32_t>(position_ - text_);
-        const auto value = isSelfClosed ? std::nullopt : readValueAndEndTag(nameOf(tag.data(), tag.size()));
-        GPDOMElement* element = made(tag, value);
-        element->valueStart = valueStart;
+        const std::int32_t behindTag = static_cast<std::int32_t>(position_ - text_);
+        const auto content = isSelfClosed ? std::nullopt : readValueAndEndTag(nameOf(tag.data(), tag.size()));
+        GPDOMElement* element = made(tag, content);
+        element->valueStart = behindTag;
         attach(element);
-        if (value) return;
+        if (content) return;
         if (!isSelfClosed) {
             current_ = element;
             return;
@@ -336,11 +336,11 @@ private:
     }
 
     // Of an element without children: its text, if the very next tag is its end tag, which is then read as well.
-    std::optional<std::string_view> readValueAndEndTag(std::string_view name) {
+    std::optional<std::string_view> readValueAndEndTag(std::string_view opened) {
         const char* const next = placeOf('<', position_);
         if (!next || next[1] != '/') return std::nullopt;
         const char* const close = placeOf('>', next);
-        if (!close || nameOf(next + 1, static_cast<std::size_t>(close - next)) != name) return std::nullopt;
+        if (!close || nameOf(next + 1, static_cast<std::size_t>(close - next)) != opened) return std::nullopt;
         const char* const from = std::exchange(position_, close + 1);
         return std::string_view(from, static_cast<std::size_t>(next - from));
     }
