@@ -30,6 +30,9 @@ constexpr const char* marker = ".of-fernhill-lab";
 // How often another lab may take a folder for an abandoned one before it is locked.
 constexpr int mostAttempts = 100;
 
+// How often a folder is emptied into which somebody may still write, such as another thread of a lab that is ending.
+constexpr int mostRounds = 100;
+
 fs::path placeOfAll() {
     const char* named = std::getenv("TMPDIR");
     const std::string place = named && *named ? named : "/tmp";
@@ -99,6 +102,16 @@ Descriptor lockAndMark(const std::string& path, const std::string& place) {
     throw notThere(place, std::strerror(reason));
 }
 
+// One round. What is not removed, since somebody has put something there meanwhile, has its mark again.
+bool isRemoved(const std::string& path) {
+    if (!removeAllIn(opened(path), marker)) return false;
+    const std::string mark = path + "/" + marker;
+    unlink(mark.c_str());
+    if (rmdir(path.c_str()) == 0) return true;
+    Descriptor(open(mark.c_str(), O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
+    return false;
+}
+
 } // namespace
 
 Descriptor makeTemporaryRoot(std::string& path, std::size_t longest) {
@@ -117,11 +130,8 @@ Descriptor makeTemporaryRoot(std::string& path, std::size_t longest) {
 }
 
 void removeTemporaryRoot(const std::string& path) {
-    if (!removeAllIn(opened(path), marker)) return;
-    const std::string mark = path + "/" + marker;
-    unlink(mark.c_str());
-    if (rmdir(path.c_str()) != 0) // somebody has put something there meanwhile
-        Descriptor(open(mark.c_str(), O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
+    for (int round = 0; round < mostRounds; ++round)
+        if (isRemoved(path)) return;
 }
 
 } // namespace lab

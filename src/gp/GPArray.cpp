@@ -12,8 +12,9 @@ constexpr char className_[] = "GPArray";
 
 } // namespace
 
-GPArray::GPArray() : GPArray(defaultCapacity) {}
+GPArray::GPArray() : GPArray(defaultCapacity) {} // cppcheck-suppress uninitMemberVar // as below
 
+// cppcheck-suppress uninitMemberVar // an entry is written before the count tells of it
 GPArray::GPArray(int capacity)
     : entries_(ownRoom_), count_(0), capacity_(capacity > 0 ? capacity : defaultCapacity), holdsValues_(0),
       mutex_(nullptr), retainGuarded_(0), retainMutex_(nullptr) {}

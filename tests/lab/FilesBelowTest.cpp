@@ -1,6 +1,7 @@
 // The removal of a folder that others may still change, or whose rest this process cannot reach.
 
 #include "lab/FilesBelow.h"
+#include "lab/RootFolder.h"
 
 #include "support/Sanitizers.h"
 #include "support/TemporaryFolder.h"
@@ -88,6 +89,17 @@ TEST_F(RemovalOfAFolder, TakesNothingBesideAFolderThatIsMovedOutOfItMeanwhile) {
     EXPECT_EQ(readAll(elsewhere + "/one/mine"), "kept");
     EXPECT_EQ(readAll(elsewhere + "/other/mine"), "kept");
     EXPECT_TRUE(fs::exists(elsewhere + "/moved"));
+}
+
+TEST_F(RemovalOfAFolder, OfATemporaryRootTakesWhatIsWrittenIntoItMeanwhile) {
+    setenv("TMPDIR", folder_.path().c_str(), 1);
+    {
+        const lab::RootFolder root("");
+        writeAll(root.path() + "/Library/Logs/now", "");
+        meanwhile = [](const fs::path& folder) { writeAll(folder / "late", ""); };
+    }
+    EXPECT_FALSE(meanwhile);
+    EXPECT_TRUE(fs::is_empty(folder_.path()));
 }
 
 TEST_F(RemovalOfAFolder, IsNoneWhereItCannotBeListed) {
