@@ -108,7 +108,7 @@ bool isRemoved(const std::string& path) {
     const std::string mark = path + "/" + marker;
     unlink(mark.c_str());
     if (rmdir(path.c_str()) == 0) return true;
-    Descriptor(open(mark.c_str(), O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
+    const Descriptor again(open(mark.c_str(), O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
     return false;
 }
 
