@@ -11,7 +11,9 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <cstdio>
 #include <fstream>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -105,6 +107,22 @@ protected:
         const testsupport::DescriptorList open = testsupport::descriptorsOf(daemon->process());
         return std::count_if(open.begin(), open.end(),
                              [&](const auto& entry) { return entry.second.rfind(kind, 0) == 0; });
+    }
+
+    // How many sockets the daemon has that are none of this machine's own (those that an option call of the extension
+    // has for its time, say): its links to the agent, as long as nothing else asks the network.
+    long linkSockets() const {
+        std::set<std::string> local;
+        std::ifstream table("/proc/" + std::to_string(daemon->process()) + "/net/unix");
+        for (std::string line; std::getline(table, line);) {
+            char inode[32];
+            if (std::sscanf(line.c_str(), "%*s %*s %*s %*s %*s %*s %31s", inode) == 1)
+                local.insert("socket:[" + std::string(inode) + "]");
+        }
+        const testsupport::DescriptorList open = testsupport::descriptorsOf(daemon->process());
+        return std::count_if(open.begin(), open.end(), [&](const auto& entry) {
+            return entry.second.rfind("socket:", 0) == 0 && local.count(entry.second) == 0;
+        });
     }
 
     static constexpr std::int64_t haste = 1000;
