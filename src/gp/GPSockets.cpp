@@ -318,7 +318,7 @@ bool GPSockets::socketStream(bool read, GPData*& data, long& count) {
         if (event.ident != socket_) {
             if (!ended) continue;
             logf("EV_EOF error %d", errno);
-            error_ = EV_EOF;
+            setError(EV_EOF);
             return false;
         }
         if (read && event.filter == EVFILT_READ) return readWaiting(event.data, data, count);
@@ -342,7 +342,7 @@ bool GPSockets::readWaiting(std::int64_t waiting, GPData*& data, long& count) {
     if (count < 1) {
         // An orderly close sets no errno; it must not look like a quiet peer.
         // NOLINTNEXTLINE(clang-analyzer-unix.Errno)
-        error_ = errno != 0 ? errno : ECONNRESET;
+        setError(errno != 0 ? errno : ECONNRESET);
         return false;
     }
     if (data)

@@ -11,6 +11,7 @@
 
 #include <sys/socket.h>
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 
@@ -51,8 +52,8 @@ public:
     // The last recorded error; 0 means none. A time-out leaves it alone. A read that ends because the peer
     // closed or broke the connection always leaves it above 0: the errno of that read, or ECONNRESET where
     // an orderly close left errno at 0. So a reader may loop for as long as it is 0.
-    int error() const { return error_; }
-    void setError(int error) { error_ = error; }
+    int error() const { return error_.load(std::memory_order_relaxed); }
+    void setError(int error) { error_.store(error, std::memory_order_relaxed); }
 
     // Whether there is an event queue to wait with. False before the first read or write, when no queue could be made,
     // and behind one that met an error event, which closes the queue: a read that gave nothing has then not waited.
@@ -154,7 +155,7 @@ private:
     GPThreadPool* threadPool_ = nullptr;
     GPString* ipAddress_ = nullptr;
     bool useUDP_ = false;
-    int error_ = 0;
+    std::atomic<int> error_{0}; // two threads may read the agent's link
 
     // Whether `socket_` is still this object's to close: its number stays after the close, and by then can
     // belong to somebody else.

@@ -6,6 +6,7 @@
 #include "gp/GPString.h"
 #include "gp/Owned.h"
 #include "support/CapturedLog.h"
+#include "support/Eventually.h"
 #include "support/LoopbackPeer.h"
 #include "support/ManualClock.h"
 #include "support/Patience.h"
@@ -198,6 +199,14 @@ TEST(GPSockets, AReadEventWithNoBytesIsReadAsNothing) {
     EXPECT_EQ(socket.readData(count), nullptr);
     EXPECT_EQ(count, 0);
     EXPECT_NE(socket.error(), 0);
+}
+
+TEST_F(GPSocketsConnected, AnErrorThatOneThreadMeetsIsSeenByAnother) {
+    const auto reader = std::async(std::launch::async, [this] { readText(socket_); });
+    EXPECT_EQ(socket_.error(), 0);
+    peer_.close();
+    EXPECT_TRUE(testsupport::eventually([this] { return socket_.error() != 0; }));
+    reader.wait();
 }
 
 TEST_F(GPSocketsConnected, ASetErrorIsReadBack) {
