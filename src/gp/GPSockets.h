@@ -4,7 +4,8 @@
 // connections to a pool of threads. All waiting is done with an event queue of the object's own.
 //
 // An object belongs to one thread at a time and has no lock. Two threads may share one only if one of them
-// reads and the others do no more than `send`, under a lock of theirs.
+// reads and the others do no more than `send`, under a lock of theirs. Of the agent's link, a DNS request reads its answer
+// beside the reader, by rule; only the recorded error is made for that.
 
 #include "gp/GPObject.h"
 #include "platform/SecureTransport.h"
