@@ -121,6 +121,8 @@ int GPArray::removeValue(void* value) NO_THREAD_SAFETY_ANALYSIS {
     for (int index = 0, kept = 0; index < used; ++index) {
         if (index != found) fresh[kept++] = objectAtIndex(index);
     }
+    // removeAllObjects may be under way, and releases what it finds up to the last entry of its start.
+    fresh[used - 1] = nullptr;
     if (fresh != entries_) giveBackRoom();
     entries_ = fresh;
     count_.store(used - 1, std::memory_order_release);

@@ -10,8 +10,20 @@
 
 using testsupport::PoolScope;
 using testsupport::references;
+using testsupport::TrackedObject;
 
 namespace {
+
+// Takes another entry out of its array in its own destructor.
+class TakesAnotherAlong : public GPObject {
+public:
+    TakesAnotherAlong(GPArray& array, GPObject& other) : array_(array), other_(other) {}
+    ~TakesAnotherAlong() override { array_.removeObject(&other_); }
+
+private:
+    GPArray& array_;
+    GPObject& other_;
+};
 
 class GPArrayTest : public testing::Test {
 protected:
@@ -238,6 +250,24 @@ TEST_F(GPArrayTest, RemoveAllObjectsReleasesTheValuesOfAValueArray) {
 
     EXPECT_EQ(references(&first), 1);
     EXPECT_EQ(array.count(), 0);
+}
+
+TEST_F(GPArrayTest, RemoveAllObjectsReleasesEachOnceWhenOneThatGoesTakesAnotherAlong) {
+    first.retain();
+    for (int between = 0; between < 6; ++between) {
+        int destroyed = 0;
+        GPArray local;
+        local.addObject(Owned<GPObject>::adopt(new TakesAnotherAlong(local, first)).get());
+        for (int index = 0; index < between; ++index)
+            local.addObject(Owned<GPObject>::adopt(new TrackedObject(destroyed)).get());
+        local.addObject(&first);
+
+        local.removeAllObjects();
+
+        ASSERT_EQ(references(&first), 2) << between;
+        EXPECT_EQ(destroyed, between);
+        EXPECT_EQ(local.count(), 0);
+    }
 }
 
 TEST_F(GPArrayTest, AfterRemoveAllObjectsTheSpaceIsFiveAndTheValuesFlagIsClear) {
