@@ -63,6 +63,7 @@ TEST_F(DaemonAgentFaults, AnAgentThatIsRestartedUpToAThousandTimesIsFoundAgainEa
     const int restarts = testsupport::thorough() ? 1000 : 50;
     startListening();
     expectAPageToPass(page);
+    const long all = descriptors();
     const long queues = descriptors("anon_inode:");
     const long links = linkSockets();
     restartAgent();
@@ -77,6 +78,9 @@ TEST_F(DaemonAgentFaults, AnAgentThatIsRestartedUpToAThousandTimesIsFoundAgainEa
     EXPECT_TRUE(eventually([&] { return linkSockets() == links + restarts; })) << linkSockets() - links;
     EXPECT_TRUE(eventually([&] { return descriptors("anon_inode:") == queues + restarts * each; }))
         << descriptors("anon_inode:") - queues;
+    // Nothing else stays. What came and went as `all` were counted made them no fewer.
+    EXPECT_TRUE(eventually([&] { return descriptors() <= all + restarts * (1 + each); }))
+        << descriptors() - all;
     EXPECT_TRUE(eventually([&] { return queryThreads() == 0; }));
     daemon->signal(SIGTERM);
     EXPECT_EQ(daemon->awaitEnd(), 0);
