@@ -89,8 +89,12 @@ Emptied withoutFiles(int folder, const std::string& name, const std::string& but
     return emptied;
 }
 
+// None where something is mounted: that is somebody else's.
 Descriptor openedForRemoval(int folder, const std::string& name) {
-    Descriptor found(openat(folder, name.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    open_how how{};
+    how.flags = O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+    how.resolve = RESOLVE_NO_XDEV;
+    const Descriptor found(static_cast<int>(syscall(SYS_openat2, folder, name.c_str(), &how, sizeof how)));
     chmod(("/proc/self/fd/" + std::to_string(found)).c_str(),
           0700); // where it cannot be, opening it may fail
     return Descriptor(openat(found, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));

@@ -27,8 +27,8 @@ Descriptor makeFolderBelow(int folder, const std::string& path, Links links);
 // The words for errno behind one of these calls, with the way out.
 std::string faultBelow(int reason);
 
-// Removes all that is in the folder, but for one name, however deep it lies, also what its owner may not look into.
-// False where something else stays.
+// Removes all that is in the folder, but for one name, however deep it lies, also what its owner may not look into. What
+// is mounted there stays as it is. False where something but the name stays.
 bool removeAllIn(Descriptor folder, const std::string& but);
 
 } // namespace lab

@@ -9,6 +9,8 @@
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
+#include <sched.h>
+#include <sys/mount.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -89,6 +91,21 @@ TEST_F(RemovalOfAFolder, TakesNothingBesideAFolderThatIsMovedOutOfItMeanwhile) {
     EXPECT_EQ(readAll(elsewhere + "/one/mine"), "kept");
     EXPECT_EQ(readAll(elsewhere + "/other/mine"), "kept");
     EXPECT_TRUE(fs::exists(elsewhere + "/moved"));
+}
+
+TEST_F(RemovalOfAFolder, TakesNothingOfWhatIsMountedInIt) {
+    const std::string elsewhere = folder_.file("elsewhere"), place = root_ + "/place";
+    writeAll(elsewhere + "/mine", "kept");
+    fs::create_directories(place);
+    writeAll(root_ + "/now", "");
+    if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+        mount(elsewhere.c_str(), place.c_str(), nullptr, MS_BIND, nullptr) != 0)
+        GTEST_SKIP() << "a mount of one's own needs the superuser";
+
+    EXPECT_FALSE(removed());
+    EXPECT_TRUE(fs::exists(elsewhere + "/mine"));
+    EXPECT_FALSE(fs::exists(root_ + "/now"));
+    umount2(place.c_str(), MNT_DETACH);
 }
 
 TEST_F(RemovalOfAFolder, OfATemporaryRootTakesWhatIsWrittenIntoItMeanwhile) {
