@@ -248,16 +248,6 @@ TEST_F(OstCommLocks, WithAllOtherLogBitsOnCommandsAreNotTold) {
                             "OstComm setUserLogonCommand send success"}));
 }
 
-TEST_F(OstCommLocks, WithAllOtherLogBitsOnTheAnswerToADnsRequestIsNotTold) {
-    Configuration::setLogLevel(~1);
-    for (bool answered = false; !answered;) {
-        // The reader may be quicker; then it is asked again.
-        agent.sendBytes(AgentStandIn::frame(2, 900, "{dns}"));
-        answered = std::string(Owned<GPString>::adopt(link->getDNSRedirectsCommand())->cstr()) == "{dns}";
-    }
-    EXPECT_EQ(world.log.countContaining("getDNSRedirectsCommand"), 0);
-}
-
 TEST_F(OstCommReconnecting, TheLinkCountsAsClosedAndEveryCommandFailsAtOnceWithANumberDrawn) {
     EXPECT_FALSE(link->isOpened());
     const std::size_t before = lineCount();

@@ -307,6 +307,14 @@ TEST_F(OstCommTest, ADnsRequestTakesWhatFollowsTheFirstTwelveBytesOfTheAnswer) {
     EXPECT_TRUE(world.log.holds("OstComm getDNSRedirectsCommand response {\"dns\":1}"));
 }
 
+TEST_F(OstCommTest, WithAllOtherLogBitsOnTheAnswerToADnsRequestIsNotTold) {
+    OstComm& link = connectedWithoutReader();
+    Configuration::setLogLevel(~1);
+    agent().sendBytes(AgentStandIn::frame(2, 900, "{dns}"));
+    EXPECT_EQ(owned(link.getDNSRedirectsCommand()), "{dns}");
+    EXPECT_EQ(world.log.countContaining("getDNSRedirectsCommand"), 0);
+}
+
 TEST_F(OstCommTest, ADnsAnswerOfTwelveBytesOrFewerIsEmpty) {
     OstComm& link = connectedWithoutReader();
     agent().sendBytes("short");
