@@ -5,9 +5,12 @@
 #include "machost/corefoundation/Strings.h"
 #include "machost/world/Machine.h"
 
-#include <atomic>
+#include <unistd.h>
+
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <set>
 
 namespace machost::iokit {
 namespace {
@@ -21,24 +24,37 @@ const std::uint32_t masterPort = 0;
 constexpr std::uint32_t rootEntry = 0x707;
 constexpr std::int32_t done = 0, invalidName = 0x0f; // KERN_INVALID_NAME
 
-std::atomic<int> rootReferences{0};
+// The thread of each reference to the root. Guarded by lockObjects().
+std::multiset<pid_t>& rootReferences() {
+    static auto& one = *new std::multiset<pid_t>;
+    return one;
+}
+
+bool isHeld(std::uint32_t entry) {
+    const auto lock = lockObjects();
+    return entry == rootEntry && !rootReferences().empty();
+}
 
 std::uint32_t playedEntryFromPath(std::uint32_t, const char* path) {
     if (std::strcmp(path, "IOService:/") != 0) return 0;
-    ++rootReferences;
+    const auto lock = lockObjects();
+    rootReferences().insert(gettid());
     return rootEntry;
 }
 
 ObjectRef playedProperty(std::uint32_t entry, const void* key, const void*, std::uint32_t) {
-    if (entry != rootEntry || rootReferences <= 0 || !isString(key) || textOf(key) != "IOPlatformUUID")
-        return nullptr;
+    if (!isHeld(entry) || !isString(key) || textOf(key) != "IOPlatformUUID") return nullptr;
     const auto uuid = world::platformUuid();
     return uuid ? makeString(*uuid) : nullptr;
 }
 
+// One that this thread took goes before another's.
 std::int32_t playedRelease(std::uint32_t entry) {
-    if (entry != rootEntry || rootReferences <= 0) return invalidName;
-    --rootReferences;
+    const auto lock = lockObjects();
+    auto& held = rootReferences();
+    if (entry != rootEntry || held.empty()) return invalidName;
+    const auto own = held.find(gettid());
+    held.erase(own == held.end() ? held.begin() : own);
     return done;
 }
 
@@ -60,9 +76,11 @@ Library library() {
 }
 
 int reportLeaks() {
-    if (rootReferences > 0)
-        std::fprintf(stderr, "machost: %d IOKit entries never released\n", rootReferences.load());
-    return rootReferences;
+    const auto lock = lockObjects();
+    const auto& held = rootReferences();
+    const auto left = static_cast<int>(std::count_if(held.begin(), held.end(), isOwnThreadOrGone));
+    if (left > 0) std::fprintf(stderr, "machost: %d IOKit entries never released\n", left);
+    return left;
 }
 
 } // namespace machost::iokit

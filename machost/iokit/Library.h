@@ -6,7 +6,8 @@ namespace machost::iokit {
 
 Library library();
 
-// Entries of the registry that the program has not released; told on standard error.
+// Entries of the registry that the program has not released, but for those of a running thread, which may be using them;
+// told on standard error.
 int reportLeaks();
 
 } // namespace machost::iokit

@@ -52,10 +52,6 @@ bool isConstant(const void* object) {
     std::abort();
 }
 
-bool isOwnThreadOrGone(pid_t thread) {
-    return thread == gettid() || syscall(SYS_tgkill, getpid(), thread, 0) != 0;
-}
-
 } // namespace
 
 ObjectRef allocateObject(const Class& kind, std::size_t size) {
@@ -103,6 +99,10 @@ void declareConstantClass(const Class& kind) {
 }
 
 std::unique_lock<std::mutex> lockObjects() { return std::unique_lock(registry().lock); }
+
+bool isOwnThreadOrGone(pid_t thread) {
+    return thread == gettid() || syscall(SYS_tgkill, getpid(), thread, 0) != 0;
+}
 
 int reportLeaks() {
     std::map<std::string, int> left;

@@ -4,6 +4,8 @@
 // object begins with its class; its count stands in front of it. Counts are real: a release too many ends the process,
 // and what is left at the end of the program is told. Any thread.
 
+#include <sys/types.h>
+
 #include <cstddef>
 #include <mutex>
 #include <new>
@@ -49,11 +51,14 @@ void declareConstantClass(const Class& kind);
 // What a leak at the end of the program makes its status, in a played world; elsewhere it is only told.
 constexpr int leakStatus = 71;
 
+// Whether what that thread holds can be left behind: one that runs may be using it.
+bool isOwnThreadOrGone(pid_t thread);
+
 // Tells on standard error which objects are still there, but for those that a running thread made: it may be using
 // them. The number of those told.
 int reportLeaks();
 
-// Held around a fork, so that the child finds the lock free.
+// The lock of all that is counted. Held around a fork, so that the child finds it free.
 std::unique_lock<std::mutex> lockObjects();
 
 // An object of a played class with a C++ value behind the class.

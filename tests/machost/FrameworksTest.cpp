@@ -6,8 +6,11 @@
 #include "machost/iokit/Library.h"
 #include "machost/objc/Messages.h"
 #include "machost/objc/Pools.h"
+#include "support/Eventually.h"
 
 #include <gtest/gtest.h>
+
+#include <thread>
 
 namespace {
 
@@ -46,6 +49,23 @@ TEST(PlayedRegistry, CountsItsEntriesAndTellsOfThoseThatAreLeft) {
     EXPECT_EQ(release(entry), 0);
     EXPECT_EQ(machost::iokit::reportLeaks(), 0);
     EXPECT_NE(release(entry), 0);
+}
+
+TEST(PlayedRegistry, DoesNotCallLeftWhatAThreadThatStillRunsHolds) {
+    const auto open = played<std::uint32_t(std::uint32_t, const char*)>("_IORegistryEntryFromPath");
+    const auto release = played<std::int32_t(std::uint32_t)>("_IOObjectRelease");
+    std::uint32_t entry = 0;
+    std::thread([&] {
+        entry = open(0, "IOService:/");
+        std::thread([&] {
+            EXPECT_EQ(machost::iokit::reportLeaks(), 0);
+            EXPECT_EQ(release(open(0, "IOService:/")), 0);
+            EXPECT_EQ(machost::iokit::reportLeaks(), 0); // what went was this thread's
+        }).join();
+    }).join();
+    // A thread that was joined may still be on its way out.
+    EXPECT_TRUE(testsupport::eventually([] { return machost::iokit::reportLeaks() == 1; }));
+    EXPECT_EQ(release(entry), 0);
 }
 
 TEST(PlayedDirectoryClasses, TellByTheErrorsNumberWhatWasWrong) {
