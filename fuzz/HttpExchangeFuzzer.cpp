@@ -16,6 +16,7 @@
 #include "support/PlainWalks.h"
 
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <condition_variable>
@@ -62,6 +63,27 @@ public:
 
 private:
     sigset_t before_{};
+};
+
+// What the fuzzer's alarm stands for while it is held back: an exchange that takes so much processor time is a find.
+// Waiting takes none, and nothing interrupts it.
+class ProcessorTimeLimit {
+public:
+    ProcessorTimeLimit() {
+        std::signal(SIGVTALRM, [](int) { std::abort(); });
+        set(seconds);
+    }
+    ~ProcessorTimeLimit() { set(0); }
+    ProcessorTimeLimit(const ProcessorTimeLimit&) = delete;
+    ProcessorTimeLimit& operator=(const ProcessorTimeLimit&) = delete;
+
+private:
+    static void set(time_t left) {
+        const itimerval timer{{0, 0}, {left, 0}};
+        setitimer(ITIMER_VIRTUAL, &timer, nullptr);
+    }
+
+    static constexpr time_t seconds = 20;
 };
 
 // Answers each connection with the bytes at hand and closes it.
@@ -239,6 +261,7 @@ void checkRequest(const std::string& request, const std::string& verb, const Par
 void exchange(GPHTTP& request, Server& server, const Parts& parts, const std::string& verb,
               const std::string& answer) {
     const AlarmHeldBack meanwhile;
+    const ProcessorTimeLimit limit;
     server.prepare(answer);
     request.setPort(Server::port);
     request.setTimeout(patienceSeconds);
