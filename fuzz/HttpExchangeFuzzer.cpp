@@ -19,6 +19,7 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <condition_variable>
 #include <csignal>
 #include <cstdlib>
@@ -29,6 +30,9 @@
 namespace {
 
 using fuzzing::require;
+
+// On a busy machine the server's thread may have to wait for its turn.
+constexpr int patienceSeconds = 60;
 
 // Every name is this machine, and each is kept.
 class Names final : public platform::NameLookup {
@@ -65,12 +69,12 @@ private:
     sigset_t before_{};
 };
 
-// What the fuzzer's alarm stands for while it is held back: an exchange that takes so much processor time is a find.
-// Waiting takes none, and nothing interrupts it.
+// An exchange that takes so much processor time is a find, though the fuzzer's alarm is held back. Waiting takes none,
+// and nothing interrupts it.
 class ProcessorTimeLimit {
 public:
     ProcessorTimeLimit() {
-        std::signal(SIGVTALRM, [](int) { std::abort(); });
+        std::signal(SIGPROF, [](int) { std::abort(); });
         set(seconds);
     }
     ~ProcessorTimeLimit() { set(0); }
@@ -80,7 +84,7 @@ public:
 private:
     static void set(time_t left) {
         const itimerval timer{{0, 0}, {left, 0}};
-        setitimer(ITIMER_VIRTUAL, &timer, nullptr);
+        setitimer(ITIMER_PROF, &timer, nullptr);
     }
 
     static constexpr time_t seconds = 20;
@@ -104,7 +108,7 @@ public:
     // What came; waited for, since the other side has had its answer.
     std::string request() {
         std::unique_lock<std::mutex> lock(mutex_);
-        done_.wait(lock, [this] { return served_; });
+        require(done_.wait_for(lock, std::chrono::seconds(patienceSeconds), [this] { return served_; }));
         return request_;
     }
 
@@ -171,9 +175,6 @@ struct World {
 
     Names names;
 };
-
-// On a busy machine the server's thread may have to wait for its turn.
-constexpr int patienceSeconds = 60;
 
 struct Parts {
     std::string host;
