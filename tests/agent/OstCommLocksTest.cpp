@@ -195,11 +195,6 @@ TEST_F(OstCommLocks, TheLinkCountsAsOpenBehindTheLineThatSaysSoNotBefore) {
     EXPECT_FALSE(opened.front());
 }
 
-TEST_F(OstCommLocks, TheDnsRequestTakesNoLock) {
-    agent.push("{}"); // something to read, for the reader or for this
-    EXPECT_EQ(locksTakenBy([this] { Owned<GPString>::adopt(link->getDNSRedirectsCommand()); }), Locks{});
-}
-
 TEST_F(OstCommLocks, NoLockIsHeldWhileAnAnswerIsAwaited) {
     auto asked = std::async(std::launch::async, [this] { return ask("http://slow/"); });
     const auto frame = agent.awaitFrame(agentPolicyFrame);

@@ -9,6 +9,7 @@
 #include "gp/Owned.h"
 #include "platform/ByteOrder.h"
 #include "support/AgentLinkWorld.h"
+#include "support/HeldLocks.h"
 #include "support/ManualClock.h"
 #include "support/ProgramSymbols.h"
 
@@ -315,16 +316,26 @@ TEST_F(OstCommTest, WithAllOtherLogBitsOnTheAnswerToADnsRequestIsNotTold) {
     EXPECT_EQ(world.log.countContaining("getDNSRedirectsCommand"), 0);
 }
 
+TEST_F(OstCommTest, TheDnsRequestTakesNoLock) {
+    OstComm& link = connectedWithoutReader();
+    agent().sendBytes(AgentStandIn::frame(2, 900, "{dns}"));
+    const auto locks =
+        testsupport::locksTakenBy([&] { EXPECT_EQ(owned(link.getDNSRedirectsCommand()), "{dns}"); });
+    EXPECT_TRUE(locks.empty());
+}
+
 TEST_F(OstCommTest, ADnsAnswerOfTwelveBytesOrFewerIsEmpty) {
     OstComm& link = connectedWithoutReader();
     agent().sendBytes("short");
     EXPECT_EQ(owned(link.getDNSRedirectsCommand()), "");
     agent().sendBytes(AgentStandIn::frame(2, 900, ""));
     EXPECT_EQ(owned(link.getDNSRedirectsCommand()), "");
+    EXPECT_FALSE(world.log.holds("OstComm socket read failed."));
 }
 
 TEST_F(OstCommTest, WithoutAnAnswerTheDnsRequestGivesAnEmptyText) {
     OstComm& link = connectedWithoutReader();
+    ManualClock::installed().setEventWait(20000, false);
     EXPECT_EQ(owned(link.getDNSRedirectsCommand()), "");
     EXPECT_TRUE(world.log.holds("OstComm socket read failed."));
 }

@@ -61,6 +61,7 @@ AgentStandIn& AgentLinkWorld::agent() { return *standIn; }
 
 void AgentLinkWorld::holdReaderBack() {
     ManualClock::installed().letSleepsPass(false);
+    ManualClock::installed().setEventWait(patienceMicroseconds, false);
     agentLink.beginReading();
 }
 

@@ -28,7 +28,7 @@ public:
     AgentStandIn& agent();
 
     // From now on the link has no reader of its own: one that a reconnect ends, say, still has the socket. Sleeps
-    // no longer pass at once. Before the link is made.
+    // no longer pass at once, and whoever reads in its place waits for what comes. Before the link is made.
     void holdReaderBack();
 
     // Blocks until the log holds a message with `text` in it; the test fails when it does not come.
