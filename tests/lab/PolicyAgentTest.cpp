@@ -372,7 +372,7 @@ TEST_F(PolicyAgentTest, ALinkThatTakesNoAnswersKeepsNobodyWaitingAndGetsThemAllL
     for (std::uint32_t number = 1; number <= count; ++number)
         client_->ask(number, url);
     auto seen = std::async(std::launch::async, [this] {
-        return agent_->waitUntil([](const auto& counters) { return counters.questions >= count; }, 50);
+        return agent_->waitUntil([](const auto& counters) { return counters.questions >= count; }, 300);
     });
     if (seen.wait_for(testsupport::patience) != std::future_status::ready) {
         client_.reset(); // which frees whoever waits
