@@ -51,7 +51,7 @@ void declareConstantClass(const Class& kind);
 // What a leak at the end of the program makes its status, in a played world; elsewhere it is only told.
 constexpr int leakStatus = 71;
 
-// Whether what that thread holds can be left behind: one that runs may be using it.
+// Whether what a thread of this process holds counts as left: another that still runs may be using it.
 bool isOwnThreadOrGone(pid_t thread);
 
 // Tells on standard error which objects are still there, but for those that a running thread made: it may be using
