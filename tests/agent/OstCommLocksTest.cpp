@@ -33,7 +33,6 @@ using testsupport::StoppedAtLock;
 namespace {
 
 using Lines = std::vector<std::string>;
-using Locks = std::vector<const GPMutex*>;
 
 // Has a lock, so that others wait for it.
 class HeldUp {
